@@ -1,0 +1,289 @@
+/*
+ * VTFltMgr.h - the exported interface of VTFltMgr.dll
+ *
+ * VTFltMgr keeps, for every volume and every registered backup application, the set of blocks that
+ * changed since that application's last backup, as seen by the volume filter driver VTFlt.
+ *
+ * One backup of one volume, from the application's side:
+ *
+ *     VTReplicateVerifyList(app);                      // collect the volumes that lost tracking
+ *     verify = VTIsVerifyRequired(app, volume);        // 1: read the whole volume this time
+ *     h = CreateFileW(volume without its trailing backslash, ...);
+ *     VTFltInitBitmapManager(h, volume, app);
+ *     VTFltPrepareForSnapshot(h);
+ *     ... take the snapshot ...
+ *     VTFltGetBitmap(h, in, inLength, out, outLength, &size, 0);
+ *     ... copy the changed blocks (or everything) from the snapshot, make the copy durable ...
+ *     VTFltSynSnapshotChangeBitmapToVolume(h, changes, length);   // what the snapshot itself changed
+ *     VTFltReplicationSuccess(h);                      // only now may the changes be forgotten
+ *     VTFltDeinitBitmapManager(h);
+ *
+ * Conventions
+ *   - Strings are UTF-16 and zero-terminated; the library copies what it keeps.
+ *   - Results are 32-bit. 0 is success; other values are Windows error codes or the VTFLT_* codes
+ *     below, unless the function says otherwise.
+ *   - No exception leaves an export; memory that cannot be had is answered with 8
+ *     (ERROR_NOT_ENOUGH_MEMORY) where nothing else is said.
+ *   - The library starts no threads. Work on one volume is serialised across threads and processes by
+ *     named mutexes, each waited for up to 30 minutes. Only the table of volume handles has no lock: do
+ *     not run VTFltInitBitmapManager or VTFltDeinitBitmapManager on one thread while another thread is
+ *     in any function that takes a volume handle. Functions on different, already initialised handles
+ *     may run at the same time.
+ *   - A volume handle belongs to the caller: the library never closes it. 0 and INVALID_HANDLE_VALUE
+ *     are answered with 87 (ERROR_INVALID_PARAMETER).
+ *   - A null string is answered like an empty one unless the function says otherwise.
+ */
+#ifndef VTFLTMGR_VTFLTMGR_H
+#define VTFLTMGR_VTFLTMGR_H
+
+#include <windows.h>
+
+#if defined(VTFLTMGR_BUILD)
+#define VTFLTMGR_API
+#else
+#define VTFLTMGR_API __declspec(dllimport)
+#endif
+
+/* The library's own result codes, beside the Windows error codes. */
+
+/* The operation completed, but the bitmap may be short: read and compare the whole volume now, and treat
+   the next backup as one that must verify. */
+#define VTFLT_VERIFY_REQUIRED 0x10001u
+/* The bitmap manager does not handle the control code. */
+#define VTFLT_INVALID_CONTROL_CODE 0x10002u
+/* A bitmap was asked for without an output buffer. */
+#define VTFLT_NO_OUTPUT_BUFFER 0x10003u
+/* The volume handle is null or INVALID_HANDLE_VALUE. */
+#define VTFLT_INVALID_VOLUME_HANDLE 0x10004u
+/* A named mutex could not be created or waited for. */
+#define VTFLT_MUTEX_ACCESS 0x10005u
+/* No application is registered. */
+#define VTFLT_NO_APPLICATION 0x10007u
+/* The list of registered applications could not be read. */
+#define VTFLT_APP_LIST_FAILED 0x10008u
+/* The application is not registered. */
+#define VTFLT_APP_NOT_REGISTERED 0x10009u
+/* A general failure. */
+#define VTFLT_FAILED 0xFFFFFFFFu
+
+/* The get-bitmap buffer starts with this many bytes of header (two 64-bit words); block k of the volume is
+   byte VTFLT_BITMAP_HEADER_BYTES + k / 8, mask 0x80 >> (k % 8). Header words mean something only after the
+   results 0, 122 and 234. */
+#define VTFLT_BITMAP_HEADER_BYTES 16u
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Volume handles ------------------------------------------------------------------------------- */
+
+/*
+ * Makes the bitmap manager of one volume for one application and files it under the volume handle.
+ *
+ *   volume         the caller's open volume; it must stay open until VTFltDeinitBitmapManager
+ *   volumeName     volume GUID path, \\?\Volume{...}\ (the trailing backslash may be missing)
+ *   applicationId  a registered application, compared exactly
+ *
+ * The manager serves the applications that are registered now: changes fetched through it reach no
+ * application that registers later. Use one manager per backup and do not keep it.
+ *
+ * Results: 0; 87 (bad handle, empty name or ID); 0x10007; 0x10008; 0x10009; 8; 0xFFFFFFFF.
+ * A handle that already has a manager keeps it, and the result is 0.
+ */
+VTFLTMGR_API DWORD WINAPI VTFltInitBitmapManager(HANDLE volume, LPCWSTR volumeName, LPCWSTR applicationId);
+
+/*
+ * Releases the manager of a volume handle. The volume handle stays open: it is the caller's.
+ * Results: 0; 87 (bad or unknown handle).
+ */
+VTFLTMGR_API DWORD WINAPI VTFltDeinitBitmapManager(HANDLE volume);
+
+/*
+ * Asks the driver for the volume's tracking block size.
+ *
+ *   blockSize  receives the size in bytes
+ *   direct     non-zero: ask the driver straight through the handle, which needs no manager;
+ *              0: go through the handle's manager, under the volume's mutex
+ *
+ * Results: 0; 87 (bad or unknown handle, null blockSize); 0x10005; else the driver's error.
+ */
+VTFLTMGR_API DWORD WINAPI VTFltGetBlockSize(HANDLE volume, DWORD* blockSize, DWORD direct);
+
+/*
+ * Tells the driver that a snapshot of the volume is about to be taken. Call it right before the snapshot.
+ * Results: 0; 87 (bad or unknown handle); 0x10005; else the driver's error.
+ */
+VTFLTMGR_API DWORD WINAPI VTFltPrepareForSnapshot(HANDLE volume);
+
+/*
+ * Fetches the blocks that changed since the application's last reported success.
+ *
+ *   input, inputLength    passed to the driver untouched; input must not be null, even with length 0
+ *   output, outputLength  receives a 16-byte header and the bitmap; must not be null. Its first bytes
+ *                         must be zero, and its length exactly what the size negotiation asked for
+ *   size                  may be null; receives a byte count, see below
+ *   direct                non-zero: the driver's own bitmap of exactly this handle (a snapshot, say),
+ *                         with no manager and no effect on any application's bitmaps; 0: through the manager
+ *
+ * Results
+ *   0          *size bytes are valid, the second header word is the number of bits behind the header
+ *   0x10001    *size bytes are valid but changes may be missing: read the whole volume now
+ *   234, 122   the buffer is too small; *size is the length to supply. Nothing was lost: ask again
+ *   87         bad or unknown handle, null input or output
+ *   8, 0x10005, 0xFFFFFFFF, or an error of the driver, a bitmap file or the registry: no bitmap, nothing
+ *              was forgotten, ask again
+ *
+ * The changes stay owed to the application until VTFltReplicationSuccess.
+ */
+VTFLTMGR_API DWORD WINAPI VTFltGetBitmap(HANDLE volume, LPVOID input, DWORD inputLength, LPVOID output,
+                                         DWORD outputLength, DWORD* size, DWORD direct);
+
+/*
+ * Hands back the blocks that were written into the application's own snapshot, so that the application's
+ * next backup contains them again.
+ *
+ *   input, inputLength  a bitmap laid out like the get-bitmap buffer, header bytes zero, and at least as
+ *                       long as the one that VTFltGetBitmap gave: a shorter one is ignored with result 0
+ *
+ * Writes one line ("copy into ...") to the process's standard output.
+ * Results: 0; 87 (bad or unknown handle, null input); 0x10001 (the bitmap was missing, the volume must
+ * verify); 0x10005; 8; else an error of a bitmap file or the registry. After any result but 0 the changes
+ * are not recorded: do not report success for this backup.
+ */
+VTFLTMGR_API DWORD WINAPI VTFltSynSnapshotChangeBitmapToVolume(HANDLE volume, LPVOID input, DWORD inputLength);
+
+/*
+ * Reports that the application's copy of the fetched blocks is complete and durable: the changes are
+ * forgotten and the volume leaves the application's verify list.
+ * Results: 0; 87 (bad or unknown handle); 0x10005; 0xFFFFFFFF (no bitmap was fetched through this
+ * manager); else an error of the bitmap file. After a failure the next backup contains the changes again.
+ */
+VTFLTMGR_API DWORD WINAPI VTFltReplicationSuccess(HANDLE volume);
+
+/* ---- Applications and verify lists ----------------------------------------------------------------- */
+
+/*
+ * Registers an application and gives it fresh bitmaps on every fixed volume. Registering twice is no error
+ * and changes nothing. IDs are case-sensitive; avoid an ID that is the tail of another one, contains "*" or
+ * ends in ".Last": such IDs share lists or files.
+ * Results: 0; 160 (empty ID); 0x10005; 161; else the error of a volume, a bitmap file or the registry.
+ */
+VTFLTMGR_API DWORD WINAPI VTRegisterApplication(LPCWSTR applicationId);
+
+/*
+ * Unregisters an application and deletes its bitmaps on every fixed volume. Its verify list stays, naming
+ * every volume.
+ * Results: 0; 160 (empty ID); 0x10009 (not registered); 0x10005; else an error of the volume walk or the
+ * registry, after which the application is still registered.
+ */
+VTFLTMGR_API DWORD WINAPI VTUnregisterApplication(LPCWSTR applicationId);
+
+/*
+ * Counts the registered applications into *count (0 when none ever registered).
+ * Results: 0; 87 (null count); else the registry's error, with *count unchanged.
+ */
+VTFLTMGR_API DWORD WINAPI VTGetRegisteredAppCount(DWORD* count);
+
+/*
+ * Moves the driver's list of volumes that lost tracking to the applications, and what is pending for this
+ * application to its verify list. Call it before VTIsVerifyRequired.
+ * Results: 0; 87 (empty ID); 0x10009 (not registered); 0x10005; 13 (a list is malformed); else the
+ * registry's error. 0 is also the answer when the driver is not installed or not working.
+ */
+VTFLTMGR_API DWORD WINAPI VTReplicateVerifyList(LPCWSTR applicationId);
+
+/*
+ * Asks whether this application's next backup of the volume must read the whole volume.
+ *   volume  volume GUID path, \\?\Volume{...}\ (the trailing backslash may be missing)
+ * Results: 1 yes (also when the driver does not work, when the list cannot be read, or for a null
+ * argument); 0 no.
+ */
+VTFLTMGR_API DWORD WINAPI VTIsVerifyRequired(LPCWSTR applicationId, LPCWSTR volume);
+
+/*
+ * Puts every fixed volume on the application's verify list.
+ * Results: 0 (also when the driver is not installed or not working); 87 (empty ID); 0x10005; else an error
+ * of the volume walk or the registry.
+ */
+VTFLTMGR_API DWORD WINAPI VTAddVolumesToAppVerifyList(LPCWSTR applicationId);
+
+/*
+ * Says whether the driver works and the application is registered.
+ * Results: 1 both; 0 otherwise, also for a null ID. May reinstall the driver, see VTCanBLIDriverWork.
+ */
+VTFLTMGR_API DWORD WINAPI VTCanAppUseBLIDriver(LPCWSTR applicationId);
+
+/* ---- The driver ------------------------------------------------------------------------------------ */
+
+/*
+ * Says whether the driver answers and sits correctly among the volume filters. When it does not, and its
+ * service exists, the driver is reinstalled through its utility, which may take up to 20 minutes.
+ * Results: 1 it works (perhaps since just now); 0 it does not.
+ */
+VTFLTMGR_API DWORD WINAPI VTCanBLIDriverWork(void);
+
+/*
+ * Asks for tracking of a device class (null: the class of volume snapshots) and counts the request.
+ *   classKeyPath  class key below HKEY_LOCAL_MACHINE; a trailing backslash is allowed
+ * Results: 0 (also when the driver does not work); 87 (empty path); else an error of the mutex or the
+ * registry, with the count as it was. Waits without limit for other users of the same class.
+ */
+VTFLTMGR_API DWORD WINAPI VTFltEnableMonitorForSnapshot(LPCWSTR classKeyPath);
+
+/*
+ * Takes one request of VTFltEnableMonitorForSnapshot back; the last one ends the tracking of the class.
+ * Results: as VTFltEnableMonitorForSnapshot; a class that was never enabled answers 0.
+ */
+VTFLTMGR_API DWORD WINAPI VTFltDisableMonitorForSnapshot(LPCWSTR classKeyPath);
+
+/*
+ * Ends the tracking of one volume and deletes the bitmap files of every application on it.
+ *   volumePath  volume GUID path without a trailing backslash, as CreateFileW opens a volume
+ * Results: 0; 87 (null path); 0x10005; 0xFFFFFFFF; else the error of the open, the request or the removal.
+ */
+VTFLTMGR_API DWORD WINAPI VTFltStopMonitorVolume(LPCWSTR volumePath);
+
+/*
+ * Deletes the bitmap files of every application on every fixed volume; the driver is not told.
+ * Results: 0; else the bitwise OR of the codes of all volumes that failed and of the volume walk.
+ */
+VTFLTMGR_API DWORD WINAPI VTFltStopMonitorVolumes(void);
+
+/*
+ * Asks whether the driver tracks a device.
+ * Results: 0 it does (and for a null name); 1 it does not, or nothing could be learned. Mind the sense.
+ */
+VTFLTMGR_API DWORD WINAPI VTIsDeviceMonitored(LPCWSTR deviceName);
+
+#ifdef __cplusplus
+} /* extern "C" */
+
+#include <string>
+#include <vector>
+
+/*
+ * The two exports below carry C++ types. Caller and library must be built with the same compiler, run-time
+ * library and settings, since the caller's containers are filled and emptied by the library.
+ */
+extern "C" {
+
+/*
+ * Reads the registered application IDs, in the order of registration.
+ *   list  owned by the caller; emptied first
+ * Results: 0 (with an empty list when none ever registered); 87 (null list); 8; else the registry's error.
+ */
+VTFLTMGR_API DWORD WINAPI VTGetRegisteredAppList(std::vector<std::wstring>* list);
+
+/*
+ * Takes volumes off an application's verify list, after a verify backup of them succeeded.
+ *   applicationId  consumed
+ *   volumes        entries as the list holds them, {...}, compared exactly; owned by the caller, unchanged
+ * Results: 0; 87 (empty ID, null volumes); 0x10009 (not registered); 0x10005; 13; else the registry's error.
+ */
+VTFLTMGR_API DWORD WINAPI VTRemoveApplicationVolResyncList(std::wstring applicationId,
+                                                           std::vector<std::wstring>* volumes);
+
+} /* extern "C" */
+#endif
+
+#endif /* VTFLTMGR_VTFLTMGR_H */

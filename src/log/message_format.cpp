@@ -1,0 +1,18 @@
+#include "log/message_text.h"
+
+#include <cstdio>
+#include <cwchar>
+
+namespace vtflt {
+
+void FormatMessageText(wchar_t* buffer, std::size_t capacity, const wchar_t* format, va_list arguments) noexcept
+{
+    if (capacity == 0)
+        return;
+    // The C run-time's own function, because it takes %s as wide text on every Windows tool chain. It leaves a
+    // text that fills the buffer without its end.
+    _vsnwprintf(buffer, capacity - 1, format, arguments);
+    buffer[capacity - 1] = L'\0';
+}
+
+} // namespace vtflt

@@ -1,0 +1,60 @@
+// The exports' shared pieces: the table of volume handles and the guard between an export and its caller.
+#pragma once
+
+#include "bitmap/manager.h"
+#include "win/windows.h"
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <new>
+
+namespace vtflt {
+
+// 0 and all ones are no handles.
+inline bool IsValidVolumeHandle(HANDLE volume)
+{
+    return volume != nullptr && volume != INVALID_HANDLE_VALUE;
+}
+
+// Which bitmap manager serves which of the caller's volume handles. One per process, no lock: callers do not
+// initialise or release on one thread while another uses the table. Entries live until they are erased; the handles
+// belong to the caller.
+class VolumeTable {
+public:
+    // The manager filed under the handle, or null.
+    IMultiBitmapManager* Find(HANDLE volume) const;
+    // Files the manager; false, with the manager released, when the handle already has one, which then stays.
+    bool Insert(HANDLE volume, std::unique_ptr<IMultiBitmapManager> manager);
+    // Releases the handle's manager and its entry.
+    void Erase(HANDLE volume);
+
+private:
+    std::map<std::uint64_t, std::unique_ptr<IMultiBitmapManager>> m_managers;
+};
+
+// The process's table.
+VolumeTable& Volumes();
+
+// Runs the body of an export. No exception goes further: memory that could not be had gives outOfMemory, anything
+// else failed.
+template <class Result, class Body>
+Result Guarded(Result outOfMemory, Result failed, Body&& body) noexcept
+{
+    try {
+        return body();
+    } catch (const std::bad_alloc&) {
+        return outOfMemory;
+    } catch (...) {
+        return failed;
+    }
+}
+
+// The usual case: 8 for memory, 0xFFFFFFFF else.
+template <class Body>
+DWORD Guarded(Body&& body) noexcept
+{
+    return Guarded<DWORD>(ERROR_NOT_ENOUGH_MEMORY, BM_ERR_FAILED, static_cast<Body&&>(body));
+}
+
+} // namespace vtflt

@@ -1,0 +1,44 @@
+#include "driver/request.h"
+
+namespace vtflt {
+
+DWORD OpenDevice(const wchar_t* path, UniqueHandle& device)
+{
+    device.reset(CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                             FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (device.valid())
+        return ERROR_SUCCESS;
+    const DWORD error = GetLastError();
+    return error != ERROR_SUCCESS ? error : ERROR_GEN_FAILURE;
+}
+
+DWORD SendRequest(HANDLE device, DWORD controlCode, void* input, DWORD inputLength, void* output, DWORD outputLength,
+                  DWORD* returned, OVERLAPPED* overlapped)
+{
+    SetLastError(ERROR_SUCCESS);
+    if (DeviceIoControl(device, controlCode, input, inputLength, output, outputLength, returned, overlapped))
+        return ERROR_SUCCESS;
+    return GetLastError();
+}
+
+DWORD QueryBlockSize(HANDLE volume, DWORD& blockSize)
+{
+    DWORD answer = 0;
+    DWORD returned = 0;
+    const DWORD error =
+        SendRequest(volume, VTFLTCTL_GET_BLOCK_SIZE, nullptr, 0, &answer, sizeof(answer), &returned);
+    blockSize = error == ERROR_SUCCESS ? answer : 0;
+    return error;
+}
+
+DWORD QueryVolumeLength(HANDLE volume, LONGLONG& length)
+{
+    GET_LENGTH_INFORMATION answer = {};
+    DWORD returned = 0;
+    const DWORD error =
+        SendRequest(volume, IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, &answer, sizeof(answer), &returned);
+    length = error == ERROR_SUCCESS ? answer.Length.QuadPart : 0;
+    return error;
+}
+
+} // namespace vtflt

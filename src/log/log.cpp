@@ -3,6 +3,7 @@
 #include "log/message_text.h"
 #include "log/outputs.h"
 
+#include <initializer_list>
 #include <new>
 
 namespace vtflt {

@@ -1,0 +1,23 @@
+# Small helpers of the CMake files.
+
+# Tests are named after the build folder (release.unit_tests), so that the results of several build folders can
+# stand in one list.
+cmake_path(GET CMAKE_BINARY_DIR FILENAME VT_CONFIGURATION)
+
+# vt_glob(<variable> <pattern>...): sets the variable to the sources that match, below the current folder.
+#
+# Sources are found, not listed: every file in a source folder belongs to the folder's target, and
+# CONFIGURE_DEPENDS has the build look again each time, so adding a file is all there is to do.
+function(vt_glob variable)
+    list(TRANSFORM ARGN PREPEND "${CMAKE_CURRENT_SOURCE_DIR}/")
+    file(GLOB found CONFIGURE_DEPENDS LIST_DIRECTORIES false ${ARGN})
+    set(${variable} "${found}" PARENT_SCOPE)
+endfunction()
+
+# vt_add_program(<name> <source>...): a Windows command-line program with wmain as its entry, so that arguments
+# arrive in UTF-16.
+function(vt_add_program name)
+    add_executable(${name} ${ARGN})
+    target_link_options(${name} PRIVATE -municode)
+    target_link_libraries(${name} PRIVATE project_warnings)
+endfunction()

@@ -84,29 +84,34 @@ private:
 
     // Init (manager.cpp)
     DWORD InitApplications();
-    bool AddContainer(const std::wstring& appId);
+    void AddContainer(const std::wstring& appId);
     // Null, and a null entry in the map, when the current application has no container.
     CBitmapContainer* CurrentContainer();
     bool IsCurrent(const std::wstring& appId) const { return appId == m_strAppId; }
     bool HasEveryContainer() const;
+    std::wstring MutexName() const;
 
     // Driver operations (manager_driver.cpp)
     DWORD Dispatch(const Request& request);
-    DWORD ForwardBlockSize(const Request& request);
-    DWORD ForwardPrepareForSnapshot(const Request& request);
-    DWORD ForwardPrepareForUninstall(const Request& request);
+    static DWORD Forward(const Request& request);
+    static DWORD ForwardBlockSize(const Request& request);
+    static DWORD ForwardPrepareForSnapshot(const Request& request);
+    static DWORD ForwardPrepareForUninstall(const Request& request);
     DWORD ChangeBlockSize(const Request& request);
     DWORD GetBitmap(const Request& request);
     DWORD GatherChanges(const Request& request, bool& verifyRequired);
-    DWORD ForgetInDriver(HANDLE hVolume);
+    static DWORD ForgetInDriver(HANDLE hVolume);
+    void LogVerifyRequired() const;
     DWORD SyncSnapshotChanges(const Request& request);
     DWORD AddVolumeToVerifyList();
     DWORD ReplicationSuccess();
 
     // Merging (manager_merge.cpp)
     DWORD MergeIntoChild(CBitmapContainer& container, DWORD length, const BYTE* driverBitmap);
-    DWORD ReplaceUnreadable(CBitmapContainer& container, DWORD whichBitmap);
-    DWORD RemapBitmap(CBitmapContainer& container, DWORD whichBitmap, bool& skipRest);
+    static DWORD ReplaceUnreadable(CBitmapContainer& container, DWORD whichBitmap);
+    // What became of one bitmap in a remap.
+    enum class Remapped { Done, SkipContainer };
+    Remapped RemapBitmap(CBitmapContainer& container, DWORD whichBitmap, DWORD& result);
 
     // Dumps (dump.cpp)
     void DumpDriverBitmap(const void* bytes, DWORD count);

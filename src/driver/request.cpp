@@ -25,20 +25,31 @@ DWORD QueryBlockSize(HANDLE volume, DWORD& blockSize)
 {
     DWORD answer = 0;
     DWORD returned = 0;
+    blockSize = 0;
     const DWORD error =
         SendRequest(volume, VTFLTCTL_GET_BLOCK_SIZE, nullptr, 0, &answer, sizeof(answer), &returned);
-    blockSize = error == ERROR_SUCCESS ? answer : 0;
-    return error;
+    if (error != ERROR_SUCCESS)
+        return error;
+    if (answer == 0)
+        return ERROR_INVALID_DATA;
+    blockSize = answer;
+    return ERROR_SUCCESS;
 }
 
 DWORD QueryVolumeLength(HANDLE volume, LONGLONG& length)
 {
     GET_LENGTH_INFORMATION answer = {};
+    answer.Length.QuadPart = -1;
     DWORD returned = 0;
+    length = 0;
     const DWORD error =
         SendRequest(volume, IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, &answer, sizeof(answer), &returned);
-    length = error == ERROR_SUCCESS ? answer.Length.QuadPart : 0;
-    return error;
+    if (error != ERROR_SUCCESS)
+        return error;
+    if (answer.Length.QuadPart < 0)
+        return ERROR_INVALID_DATA;
+    length = answer.Length.QuadPart;
+    return ERROR_SUCCESS;
 }
 
 } // namespace vtflt

@@ -16,10 +16,11 @@ DWORD OpenDevice(const wchar_t* path, UniqueHandle& device);
 DWORD SendRequest(HANDLE device, DWORD controlCode, void* input, DWORD inputLength, void* output, DWORD outputLength,
                   DWORD* returned, OVERLAPPED* overlapped = nullptr);
 
-// Asks a volume for its tracking block size in bytes. Returns 0 or the error.
+// Asks a volume for its tracking block size in bytes. Returns 0 or the error; 13 for an answer of zero, by which
+// nothing could be divided.
 DWORD QueryBlockSize(HANDLE volume, DWORD& blockSize);
 
-// Asks a volume for its length in bytes. Returns 0 or the error.
+// Asks a volume for its length in bytes. Returns 0 or the error; 13 for an answer that is missing or negative.
 DWORD QueryVolumeLength(HANDLE volume, LONGLONG& length);
 
 } // namespace vtflt

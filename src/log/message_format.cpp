@@ -15,4 +15,15 @@ void FormatMessageText(wchar_t* buffer, std::size_t capacity, const wchar_t* for
     buffer[capacity - 1] = L'\0';
 }
 
+std::wstring FormatText(std::size_t capacity, const wchar_t* format, ...)
+{
+    std::wstring text(capacity, L'\0');
+    va_list arguments;
+    va_start(arguments, format);
+    FormatMessageText(text.data(), capacity, format, arguments);
+    va_end(arguments);
+    text.resize(std::wcslen(text.c_str()));
+    return text;
+}
+
 } // namespace vtflt

@@ -3,29 +3,31 @@
 
 #include <stdio.h>
 
+typedef void (*AnyFunction)(void);
+
 int main(void)
 {
-    FARPROC const exports[] = {
-        (FARPROC)(void*)&VTFltInitBitmapManager,
-        (FARPROC)(void*)&VTFltDeinitBitmapManager,
-        (FARPROC)(void*)&VTFltGetBlockSize,
-        (FARPROC)(void*)&VTFltPrepareForSnapshot,
-        (FARPROC)(void*)&VTFltGetBitmap,
-        (FARPROC)(void*)&VTFltSynSnapshotChangeBitmapToVolume,
-        (FARPROC)(void*)&VTFltReplicationSuccess,
-        (FARPROC)(void*)&VTRegisterApplication,
-        (FARPROC)(void*)&VTUnregisterApplication,
-        (FARPROC)(void*)&VTGetRegisteredAppCount,
-        (FARPROC)(void*)&VTReplicateVerifyList,
-        (FARPROC)(void*)&VTIsVerifyRequired,
-        (FARPROC)(void*)&VTAddVolumesToAppVerifyList,
-        (FARPROC)(void*)&VTCanAppUseBLIDriver,
-        (FARPROC)(void*)&VTCanBLIDriverWork,
-        (FARPROC)(void*)&VTFltEnableMonitorForSnapshot,
-        (FARPROC)(void*)&VTFltDisableMonitorForSnapshot,
-        (FARPROC)(void*)&VTFltStopMonitorVolume,
-        (FARPROC)(void*)&VTFltStopMonitorVolumes,
-        (FARPROC)(void*)&VTIsDeviceMonitored,
+    const AnyFunction exports[] = {
+        (AnyFunction)&VTFltInitBitmapManager,
+        (AnyFunction)&VTFltDeinitBitmapManager,
+        (AnyFunction)&VTFltGetBlockSize,
+        (AnyFunction)&VTFltPrepareForSnapshot,
+        (AnyFunction)&VTFltGetBitmap,
+        (AnyFunction)&VTFltSynSnapshotChangeBitmapToVolume,
+        (AnyFunction)&VTFltReplicationSuccess,
+        (AnyFunction)&VTRegisterApplication,
+        (AnyFunction)&VTUnregisterApplication,
+        (AnyFunction)&VTGetRegisteredAppCount,
+        (AnyFunction)&VTReplicateVerifyList,
+        (AnyFunction)&VTIsVerifyRequired,
+        (AnyFunction)&VTAddVolumesToAppVerifyList,
+        (AnyFunction)&VTCanAppUseBLIDriver,
+        (AnyFunction)&VTCanBLIDriverWork,
+        (AnyFunction)&VTFltEnableMonitorForSnapshot,
+        (AnyFunction)&VTFltDisableMonitorForSnapshot,
+        (AnyFunction)&VTFltStopMonitorVolume,
+        (AnyFunction)&VTFltStopMonitorVolumes,
+        (AnyFunction)&VTIsDeviceMonitored,
     };
     size_t i;
     for (i = 0; i < sizeof(exports) / sizeof(exports[0]); ++i) {

@@ -89,9 +89,8 @@ DWORD CBitmapContainer::ReadRecord(HANDLE file, const std::wstring& fileName, DW
         const DWORD error = OrGeneralFailure(lastError);
         Log(LOG_ERROR, error, L"CBitmapContainer::ReadBitMapFromFile: Read bitmap file failed, file name:%s",
             fileName.c_str());
-        Log(LOG_ERROR, error,
-            L"CBitmapContainer::ReadBitMapFromFile: Requested number of bytes: %u, Bytes read: %d", recordSize,
-            bytesRead);
+        Log(LOG_ERROR, error, L"CBitmapContainer::ReadBitMapFromFile: Requested number of bytes: %u, Bytes read: %d",
+            recordSize, bytesRead);
         return error;
     };
 

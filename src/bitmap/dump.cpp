@@ -108,8 +108,8 @@ void CMultiBitmapManager::Dump(const wchar_t* nameFormat, const void* bytes, DWO
         SYSTEMTIME now = {};
         GetLocalTime(&now);
         std::wstring name =
-            FormatText(DUMP_NAME_CAPACITY, nameFormat, m_strVolume.c_str(), BITMAP_FOLDER, m_strAppId.c_str(), now.wYear,
-                       now.wMonth, now.wDay, now.wHour, now.wMinute, now.wSecond, now.wMilliseconds);
+            FormatText(DUMP_NAME_CAPACITY, nameFormat, m_strVolume.c_str(), BITMAP_FOLDER, m_strAppId.c_str(),
+                       now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute, now.wSecond, now.wMilliseconds);
         DumpBitMapToFile(std::move(name), m_strVolume, bytes, count);
     } catch (const std::bad_alloc&) {
         return;

@@ -40,8 +40,7 @@ DWORD CMultiBitmapManager::VTDeviceIoControl(HANDLE hVolume, DWORD controlCode, 
         if (container != nullptr)
             container->m_hVolume = hVolume;
     }
-    return Dispatch(
-        {hVolume, controlCode, inBuffer, inLength, outBuffer, outLength, pBytesReturned, pOverlapped});
+    return Dispatch({hVolume, controlCode, inBuffer, inLength, outBuffer, outLength, pBytesReturned, pOverlapped});
 }
 
 DWORD CMultiBitmapManager::Dispatch(const Request& request)
@@ -161,8 +160,7 @@ DWORD CMultiBitmapManager::GatherChanges(const Request& request, bool& verifyReq
 {
     DWORD error = UpdateAllChildBitmap(request.outLength, static_cast<const BYTE*>(request.outBuffer));
     if (error == ERROR_SUCCESS) {
-        Log(LOG_INFORMATION, ERROR_SUCCESS,
-            L"CMultiBitmapManager::VTDeviceIoControl: SUCCESS::Updated child bitmaps.");
+        Log(LOG_INFORMATION, ERROR_SUCCESS, L"CMultiBitmapManager::VTDeviceIoControl: SUCCESS::Updated child bitmaps.");
     } else if (error == BM_ERR_VERIFY_REQUIRED) {
         LogVerifyRequired();
         verifyRequired = true;
@@ -222,8 +220,7 @@ DWORD CMultiBitmapManager::SyncSnapshotChanges(const Request& request)
     if (IsVerifyRequired() != BM_ERR_VERIFY_REQUIRED) {
         const DWORD error = AddVolumeToVerifyList();
         if (error != ERROR_SUCCESS)
-            Log(LOG_ERROR, error,
-                L"CMultiBitmapManager::VTDeviceIoControl: Failed to add volume to verify list, %s",
+            Log(LOG_ERROR, error, L"CMultiBitmapManager::VTDeviceIoControl: Failed to add volume to verify list, %s",
                 m_strVolume.c_str());
         else
             added = true;
@@ -232,7 +229,8 @@ DWORD CMultiBitmapManager::SyncSnapshotChanges(const Request& request)
     DWORD error = SyncSnapshotChangesToChildBitmap(request.inLength, static_cast<const BYTE*>(request.inBuffer));
     if (error != ERROR_SUCCESS) {
         Log(LOG_ERROR, error,
-            L"CMultiBitmapManager::VTDeviceIoControl: Failed to sync snapshot changes to child bitmap. Next job will be "
+            L"CMultiBitmapManager::VTDeviceIoControl: Failed to sync snapshot changes to child bitmap. Next job will "
+            L"be "
             L"verify backup.");
         return error;
     }
@@ -241,7 +239,8 @@ DWORD CMultiBitmapManager::SyncSnapshotChanges(const Request& request)
         error = resetVerifyVolume();
         if (error != ERROR_SUCCESS)
             Log(LOG_ERROR, error,
-                L"CMultiBitmapManager::VTDeviceIoControl: Failed to remove volume %s from verify list. Next job will be "
+                L"CMultiBitmapManager::VTDeviceIoControl: Failed to remove volume %s from verify list. Next job will "
+                L"be "
                 L"verify backup.",
                 m_strVolume.c_str());
     }
@@ -265,8 +264,7 @@ DWORD CMultiBitmapManager::ReplicationSuccess()
             L"changes again.");
         return error;
     }
-    Log(LOG_INFORMATION, ERROR_SUCCESS,
-        L"CMultiBitmapManager::VTDeviceIoControl: SUCCESS::Resetting the base bitmap.");
+    Log(LOG_INFORMATION, ERROR_SUCCESS, L"CMultiBitmapManager::VTDeviceIoControl: SUCCESS::Resetting the base bitmap.");
     return ERROR_SUCCESS;
 }
 

@@ -105,7 +105,8 @@ DWORD CMultiBitmapManager::UpdateBaseBitmapWithChild()
     error = container->RegenerateBitmapForNewVolSize(child.BitmapLength(), BASE_BITMAP);
     if (error != ERROR_SUCCESS) {
         Log(LOG_ERROR, error,
-            L"CMultiBitmapManager::UpdateBaseBitmapWithChild: RegenerateBitmapForNewVolSize failed for base bitmap, for "
+            L"CMultiBitmapManager::UpdateBaseBitmapWithChild: RegenerateBitmapForNewVolSize failed for base bitmap, "
+            L"for "
             L"current application %s\n",
             m_strAppId.c_str());
         return error;
@@ -114,8 +115,7 @@ DWORD CMultiBitmapManager::UpdateBaseBitmapWithChild()
 
     error = container->WriteBitMapToFile(BASE_BITMAP);
     if (error != ERROR_SUCCESS)
-        Log(LOG_ERROR, error,
-            L"CMultiBitmapManager::UpdateBaseBitmapWithChild: Failed to update base bitmap file\n");
+        Log(LOG_ERROR, error, L"CMultiBitmapManager::UpdateBaseBitmapWithChild: Failed to update base bitmap file\n");
     return error;
 }
 

@@ -52,7 +52,8 @@ inline constexpr std::uint32_t BITMAP_HEADER_BYTES = 16;
 constexpr std::uint32_t RequiredBitmapLength(std::int64_t h0, std::int64_t h1)
 {
     // The difference wraps instead of overflowing: the words come from outside.
-    const auto difference = static_cast<std::int64_t>(static_cast<std::uint64_t>(h1) - static_cast<std::uint64_t>(h0) + 7);
+    const auto difference =
+        static_cast<std::int64_t>(static_cast<std::uint64_t>(h1) - static_cast<std::uint64_t>(h0) + 7);
     return static_cast<std::uint32_t>(BITMAP_HEADER_BYTES + 8 * static_cast<std::uint64_t>(difference / 8));
 }
 

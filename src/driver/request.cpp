@@ -26,8 +26,7 @@ DWORD QueryBlockSize(HANDLE volume, DWORD& blockSize)
     DWORD answer = 0;
     DWORD returned = 0;
     blockSize = 0;
-    const DWORD error =
-        SendRequest(volume, VTFLTCTL_GET_BLOCK_SIZE, nullptr, 0, &answer, sizeof(answer), &returned);
+    const DWORD error = SendRequest(volume, VTFLTCTL_GET_BLOCK_SIZE, nullptr, 0, &answer, sizeof(answer), &returned);
     if (error != ERROR_SUCCESS)
         return error;
     if (answer == 0)
@@ -42,8 +41,7 @@ DWORD QueryVolumeLength(HANDLE volume, LONGLONG& length)
     answer.Length.QuadPart = -1;
     DWORD returned = 0;
     length = 0;
-    const DWORD error =
-        SendRequest(volume, IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, &answer, sizeof(answer), &returned);
+    const DWORD error = SendRequest(volume, IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, &answer, sizeof(answer), &returned);
     if (error != ERROR_SUCCESS)
         return error;
     if (answer.Length.QuadPart < 0)

@@ -34,10 +34,7 @@ class CaptureOutput final : public vtflt::IDBGLogOutput {
 public:
     explicit CaptureOutput(LogCapture& capture) : m_capture(capture) {}
     void WriteLogA(int, DWORD, const char*) override { ADD_FAILURE() << "the library logs wide text only"; }
-    void WriteLogW(int level, DWORD errorCode, const wchar_t* text) override
-    {
-        m_capture.Add(level, errorCode, text);
-    }
+    void WriteLogW(int level, DWORD errorCode, const wchar_t* text) override { m_capture.Add(level, errorCode, text); }
     DWORD GetLogLevel() override { return m_capture.Threshold(); }
 
 private:

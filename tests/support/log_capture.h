@@ -33,9 +33,18 @@ public:
     LogCapture& operator=(const LogCapture&) = delete;
 
     // What was logged since the start or the last Clear; empty when not VISIBLE.
-    const std::vector<LogRecord>& Records() const { return m_records; }
-    void Clear() { m_records.clear(); }
-    void SetThreshold(DWORD threshold) { m_threshold = threshold; }
+    const std::vector<LogRecord>& Records() const
+    {
+        return m_records;
+    }
+    void Clear()
+    {
+        m_records.clear();
+    }
+    void SetThreshold(DWORD threshold)
+    {
+        m_threshold = threshold;
+    }
 
     // Exactly this record was logged at least once (line feeds at the end of text are ignored).
     void ExpectLogged(int level, DWORD code, std::wstring text) const;
@@ -46,8 +55,14 @@ public:
     void ExpectExactly(const std::vector<LogRecord>& expected, int maximumLevel = 4) const;
 
     // For the output.
-    void Add(int level, DWORD code, const wchar_t* text) { m_records.push_back({level, code, text}); }
-    DWORD Threshold() const { return m_threshold; }
+    void Add(int level, DWORD code, const wchar_t* text)
+    {
+        m_records.push_back({level, code, text});
+    }
+    DWORD Threshold() const
+    {
+        return m_threshold;
+    }
 
 private:
     std::vector<LogRecord> m_records;

@@ -61,7 +61,7 @@ TEST(BitmapRecord, LastPartialBlockIsCounted)
 TEST(BitmapRecord, LongestVolumeAndSmallestBlockStayInsideTheArithmetic)
 {
     // The number of blocks is taken as 32 bits.
-    EXPECT_EQ(BitmapBytesForVolume(INT64_MAX, 0x80000000), 0x20000000u);
+    EXPECT_EQ(BitmapBytesForVolume(0xFFFFFFFFll * 0x80000000ll, 0x80000000), 0x20000000u);
     EXPECT_EQ(BitmapBytesForVolume(INT64_MAX, 1), 0x20000000u);
     EXPECT_EQ(BitmapBytesForVolume(1ll << 32, 1), 0u);
 }

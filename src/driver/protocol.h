@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace vtflt {
 
@@ -52,9 +53,9 @@ inline constexpr std::uint32_t BITMAP_HEADER_BYTES = 16;
 constexpr std::uint32_t RequiredBitmapLength(std::int64_t h0, std::int64_t h1)
 {
     // The difference wraps instead of overflowing: the words come from outside.
-    const auto difference =
-        static_cast<std::int64_t>(static_cast<std::uint64_t>(h1) - static_cast<std::uint64_t>(h0) + 7);
-    return static_cast<std::uint32_t>(BITMAP_HEADER_BYTES + 8 * static_cast<std::uint64_t>(difference / 8));
+    const std::uint64_t distance = static_cast<std::uint64_t>(h1) - static_cast<std::uint64_t>(h0);
+    const std::int64_t bitmapBytes = static_cast<std::int64_t>(distance + 7) / 8;
+    return static_cast<std::uint32_t>(BITMAP_HEADER_BYTES + 8 * static_cast<std::uint64_t>(bitmapBytes));
 }
 
 static_assert(RequiredBitmapLength(0, 0) == 16);
@@ -68,6 +69,36 @@ constexpr std::uint32_t BitmapBitsInReply(std::uint32_t bytesReturned)
 }
 
 static_assert(BitmapBitsInReply(16) == 0);
+
+// The header of a get-bitmap buffer as its two words. The buffer is a caller's: of any alignment, and perhaps too short
+// for a header. Nothing outside its length is read or written.
+struct BitmapHeader {
+    std::int64_t H0;
+    std::int64_t H1;
+};
+static_assert(sizeof(BitmapHeader) == BITMAP_HEADER_BYTES);
+static_assert(offsetof(BitmapHeader, H1) == 8);
+
+// A word that does not lie inside the buffer reads as 0.
+inline BitmapHeader ReadBitmapHeader(const void* buffer, std::uint32_t length)
+{
+    BitmapHeader header = {};
+    const auto* const bytes = static_cast<const std::uint8_t*>(buffer);
+    if (length >= offsetof(BitmapHeader, H1))
+        std::memcpy(&header.H0, bytes, sizeof(header.H0));
+    if (length >= sizeof(BitmapHeader))
+        std::memcpy(&header.H1, bytes + offsetof(BitmapHeader, H1), sizeof(header.H1));
+    return header;
+}
+
+// Stores the number of bitmap bits into H1; left alone when H1 does not lie inside the buffer.
+inline void StoreBitmapBits(void* buffer, std::uint32_t length, std::uint32_t bits)
+{
+    if (length < sizeof(BitmapHeader))
+        return;
+    const std::uint64_t word = bits;
+    std::memcpy(static_cast<std::uint8_t*>(buffer) + offsetof(BitmapHeader, H1), &word, sizeof(word));
+}
 
 // Input of VTFLTCTL_UPDATE_DEVICE_CONFIG: this header, then the device name in UTF-16 without an end.
 struct DeviceQueryHeader {
@@ -84,6 +115,30 @@ static_assert(offsetof(DeviceQueryHeader, NameLength) == 12);
 static_assert(offsetof(DeviceQueryHeader, Reserved) == 16);
 
 inline constexpr std::uint32_t DEVICE_QUERY_KIND = 8;
+
+// The longest name whose query still has a 32-bit length.
+inline constexpr std::size_t MAX_DEVICE_NAME_BYTES = 0xFFFFFFFF - sizeof(DeviceQueryHeader);
+
+// The bytes of a query for a name of so many bytes.
+constexpr std::uint32_t DeviceQueryLength(std::uint32_t nameBytes)
+{
+    return static_cast<std::uint32_t>(sizeof(DeviceQueryHeader)) + nameBytes;
+}
+
+static_assert(DeviceQueryLength(6) == 30);
+
+// Writes a query into a buffer of DeviceQueryLength(nameBytes) bytes.
+inline void WriteDeviceQuery(void* query, const void* name, std::uint32_t nameBytes)
+{
+    DeviceQueryHeader header = {};
+    header.HeaderSize = sizeof(DeviceQueryHeader);
+    header.QueryKind = DEVICE_QUERY_KIND;
+    header.NameOffset = sizeof(DeviceQueryHeader);
+    header.NameLength = nameBytes;
+    std::memcpy(query, &header, sizeof(header));
+    if (nameBytes != 0)
+        std::memcpy(static_cast<std::uint8_t*>(query) + sizeof(header), name, nameBytes);
+}
 
 // Output of VTFLTCTL_UPDATE_DEVICE_CONFIG. Both names are zero-terminated within their fields when the driver
 // is well: bound every read by the field.

@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <new>
+#include <string>
 
 namespace vtflt {
 
@@ -17,6 +18,12 @@ inline bool IsValidVolumeHandle(HANDLE volume)
     return volume != nullptr && volume != INVALID_HANDLE_VALUE;
 }
 
+// An export's string argument as the library keeps it; null counts as empty.
+inline std::wstring OwnedText(const wchar_t* text)
+{
+    return text != nullptr ? std::wstring(text) : std::wstring();
+}
+
 // Which bitmap manager serves which of the caller's volume handles. One per process, no lock: callers do not
 // initialise or release on one thread while another uses the table. Entries live until they are erased; the handles
 // belong to the caller.
@@ -24,7 +31,8 @@ class VolumeTable {
 public:
     // The manager filed under the handle, or null.
     IMultiBitmapManager* Find(HANDLE volume) const;
-    // Files the manager; false, with the manager released, when the handle already has one, which then stays.
+    // Files the manager. False when the handle already has one: that one stays, and the new one is de-initialised and
+    // released.
     bool Insert(HANDLE volume, std::unique_ptr<IMultiBitmapManager> manager);
     // Releases the handle's manager and its entry.
     void Erase(HANDLE volume);

@@ -11,11 +11,14 @@ namespace vtflt {
 
 namespace {
 
-// Whether the control device answers. A driver of an older generation does not know the request, and works.
+// Whether the control device answers; what it answers does not matter, since it has no blocks. A driver of an older
+// generation does not know the request, and works.
 bool DoesDeviceAnswer(HANDLE device)
 {
-    DWORD ignoredBlockSize = 0;
-    const DWORD error = QueryBlockSize(device, ignoredBlockSize);
+    DWORD ignoredAnswer = 0;
+    DWORD returned = 0;
+    const DWORD error =
+        SendRequest(device, VTFLTCTL_GET_BLOCK_SIZE, nullptr, 0, &ignoredAnswer, sizeof(ignoredAnswer), &returned);
     if (error == ERROR_SUCCESS)
         return true;
     if (error == ERROR_INVALID_FUNCTION) {

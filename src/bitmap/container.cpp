@@ -150,8 +150,7 @@ DWORD CBitmapContainer::AddVolumeToResyncList()
     // A volume whose bitmap could not be kept is on the verify list or has no bitmap files at all: either way the
     // application's next job is a verify backup.
     Log(LOG_ERROR, result,
-        L"CBitmapContainer::AddVolumeToResyncList: Failed to add volume %s to %s application verify list. So deleting "
-        L"the application bitmap files of the volume.\n",
+        L"CBitmapContainer::AddVolumeToResyncList: Failed to add volume %s to %s application verify list. So deleting the application bitmap files of the volume.\n",
         m_strVolume.c_str(), m_strAppId.c_str());
     const DWORD removed = RemoveBitmaps();
     if (removed != ERROR_SUCCESS)

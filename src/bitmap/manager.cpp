@@ -23,14 +23,12 @@ DWORD CMultiBitmapManager::InitBitMapManager(const std::wstring& volumeName, con
     }
     if (m_vecAppIds.empty()) {
         Log(LOG_ERROR, BM_ERR_NO_APPLICATION,
-            L"CMultiBitmapManager::InitBitMapManager: No application registered. Register an application and try "
-            L"again.\n");
+            L"CMultiBitmapManager::InitBitMapManager: No application registered. Register an application and try again.\n");
         return BM_ERR_NO_APPLICATION;
     }
     if (std::find(m_vecAppIds.begin(), m_vecAppIds.end(), appId) == m_vecAppIds.end()) {
         Log(LOG_ERROR, BM_ERR_APP_NOT_REGISTERED,
-            L"CMultiBitmapManager::InitBitMapManager: Application %s is not registered. Register application and try "
-            L"again.\n",
+            L"CMultiBitmapManager::InitBitMapManager: Application %s is not registered. Register application and try again.\n",
             appId.c_str());
         return BM_ERR_APP_NOT_REGISTERED;
     }

@@ -229,9 +229,7 @@ DWORD CMultiBitmapManager::SyncSnapshotChanges(const Request& request)
     DWORD error = SyncSnapshotChangesToChildBitmap(request.inLength, static_cast<const BYTE*>(request.inBuffer));
     if (error != ERROR_SUCCESS) {
         Log(LOG_ERROR, error,
-            L"CMultiBitmapManager::VTDeviceIoControl: Failed to sync snapshot changes to child bitmap. Next job will "
-            L"be "
-            L"verify backup.");
+            L"CMultiBitmapManager::VTDeviceIoControl: Failed to sync snapshot changes to child bitmap. Next job will be verify backup.");
         return error;
     }
 
@@ -239,9 +237,7 @@ DWORD CMultiBitmapManager::SyncSnapshotChanges(const Request& request)
         error = resetVerifyVolume();
         if (error != ERROR_SUCCESS)
             Log(LOG_ERROR, error,
-                L"CMultiBitmapManager::VTDeviceIoControl: Failed to remove volume %s from verify list. Next job will "
-                L"be "
-                L"verify backup.",
+                L"CMultiBitmapManager::VTDeviceIoControl: Failed to remove volume %s from verify list. Next job will be verify backup.",
                 m_strVolume.c_str());
     }
     Log(LOG_INFORMATION, ERROR_SUCCESS,
@@ -260,8 +256,7 @@ DWORD CMultiBitmapManager::ReplicationSuccess()
     error = ResetBaseBitmap();
     if (error != ERROR_SUCCESS) {
         Log(LOG_ERROR, error,
-            L"CMultiBitmapManager::VTDeviceIoControl: FAILED::Resetting the base bitmap. Next job will include the "
-            L"changes again.");
+            L"CMultiBitmapManager::VTDeviceIoControl: FAILED::Resetting the base bitmap. Next job will include the changes again.");
         return error;
     }
     Log(LOG_INFORMATION, ERROR_SUCCESS, L"CMultiBitmapManager::VTDeviceIoControl: SUCCESS::Resetting the base bitmap.");

@@ -47,8 +47,7 @@ DWORD CMultiBitmapManager::MergeIntoChild(CBitmapContainer& container, DWORD len
     if (error == BM_ERR_VERIFY_REQUIRED && !current) {
         // The other application finds out itself when it next runs.
         Log(LOG_WARNING, BM_ERR_VERIFY_REQUIRED,
-            L"CMultiBitmapManager::UpdateAllChildBitmap: Other application child bitmap file not found. Skip updating "
-            L"it. File name: %s",
+            L"CMultiBitmapManager::UpdateAllChildBitmap: Other application child bitmap file not found. Skip updating it. File name: %s",
             container.m_strChildFileName.c_str());
         return ERROR_SUCCESS;
     }
@@ -70,8 +69,7 @@ DWORD CMultiBitmapManager::MergeIntoChild(CBitmapContainer& container, DWORD len
     error = container.RegenerateBitmapForNewVolSize(length, CHILD_BITMAP);
     if (error != ERROR_SUCCESS) {
         Log(LOG_ERROR, error,
-            L"CMultiBitmapManager::UpdateAllChildBitmap: RegenerateBitmapForNewVolSize failed for child bitmap, for "
-            L"application %s\n",
+            L"CMultiBitmapManager::UpdateAllChildBitmap: RegenerateBitmapForNewVolSize failed for child bitmap, for application %s\n",
             container.m_strAppId.c_str());
         return error;
     }
@@ -105,9 +103,7 @@ DWORD CMultiBitmapManager::UpdateBaseBitmapWithChild()
     error = container->RegenerateBitmapForNewVolSize(child.BitmapLength(), BASE_BITMAP);
     if (error != ERROR_SUCCESS) {
         Log(LOG_ERROR, error,
-            L"CMultiBitmapManager::UpdateBaseBitmapWithChild: RegenerateBitmapForNewVolSize failed for base bitmap, "
-            L"for "
-            L"current application %s\n",
+            L"CMultiBitmapManager::UpdateBaseBitmapWithChild: RegenerateBitmapForNewVolSize failed for base bitmap, for current application %s\n",
             m_strAppId.c_str());
         return error;
     }
@@ -163,8 +159,7 @@ CMultiBitmapManager::Remapped CMultiBitmapManager::RemapBitmap(CBitmapContainer&
     DWORD error = container.ReadBitMapFromFile(whichBitmap);
     if (error == BM_ERR_VERIFY_REQUIRED && !IsCurrent(container.m_strAppId)) {
         Log(LOG_WARNING, BM_ERR_VERIFY_REQUIRED,
-            L"CMultiBitmapManager::RemapAllAppBitmap: Other application bitmap file not found. Skip remmaping it. File "
-            L"name: %s",
+            L"CMultiBitmapManager::RemapAllAppBitmap: Other application bitmap file not found. Skip remmaping it. File name: %s",
             container.FileName(whichBitmap).c_str());
         return Remapped::Done;
     }

@@ -1,4 +1,4 @@
-// An application's bitmaps on every fixed volume of the system, and the walk over those volumes.
+// An application's bitmaps on every fixed volume of the system, and the removal of a bitmap folder.
 #pragma once
 
 #include "win/windows.h"
@@ -21,8 +21,9 @@ DWORD RemoveApplicationBitmaps(std::wstring appId);
 DWORD ResetApplicationBitmaps(std::wstring appId);
 
 // Deletes the files of a directory and then the directory, 1 when it went, else 0 with the reason as last error.
-// A subdirectory is emptied and ends the work: the rest of its parent stays. Paths shorter than 9 characters are
-// refused.
+// A subdirectory is removed likewise and ends the work, with its own result: the rest of its parent stays. Paths
+// shorter than 9 characters are refused, and so are those that come to 512 and more with an entry's name. Hidden and
+// system files go like others; one that cannot be deleted shows when the directory does not go.
 DWORD RemoveDirectoryTree(const wchar_t* path);
 
 } // namespace vtflt

@@ -33,6 +33,9 @@ public:
     // replace 1 the given volumes alone (the value is deleted when there are none). A merge whose old list cannot be
     // read writes nothing and returns that error.
     DWORD UpdateApplicationValue(const std::vector<std::wstring>& volumes, const std::wstring& suffix, DWORD replace);
+
+private:
+    DWORD MergeStoredList(const std::wstring& suffix, std::wstring& text);
 };
 
 // Hands the driver's list to the pending list of every registered application.

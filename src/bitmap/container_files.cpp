@@ -31,6 +31,27 @@ HANDLE CreateForWriting(const std::wstring& fileName)
                        BITMAP_FILE_ATTRIBUTES, nullptr);
 }
 
+bool WriteAll(HANDLE file, const void* bytes, DWORD count)
+{
+    DWORD written = 0;
+    return WriteFile(file, bytes, count, &written, nullptr) && written == count;
+}
+
+// Writes a record and has it on the disk. The driver forgets changes once the bitmaps that hold them are written, so
+// what a power failure could still take away is not written; and a file that it tore must not pass for a whole one, so
+// the trailer follows when everything before it is safe.
+bool WriteDurably(HANDLE file, BitmapRecord& record)
+{
+    record.WithholdTrailer();
+    const bool bodyWritten = WriteAll(file, record.Bytes(), record.Size());
+    record.RestoreTrailer();
+    if (!bodyWritten || !FlushFileBuffers(file))
+        return false;
+    if (SetFilePointer(file, -static_cast<LONG>(RECORD_TRAILER_BYTES), nullptr, FILE_END) == INVALID_SET_FILE_POINTER)
+        return false;
+    return WriteAll(file, record.Trailer(), RECORD_TRAILER_BYTES) && FlushFileBuffers(file);
+}
+
 } // namespace
 
 DWORD CBitmapContainer::ReadBitMapFromFile(DWORD whichBitmap)
@@ -125,7 +146,7 @@ DWORD CBitmapContainer::ReadRecord(HANDLE file, const std::wstring& fileName, DW
 
 DWORD CBitmapContainer::WriteBitMapToFile(DWORD whichBitmap)
 {
-    const BitmapRecord* const record = Record(whichBitmap).get();
+    BitmapRecord* const record = Record(whichBitmap).get();
     if (record == nullptr)
         return BM_ERR_FAILED;
     const std::wstring& fileName = FileName(whichBitmap);
@@ -144,12 +165,9 @@ DWORD CBitmapContainer::WriteBitMapToFile(DWORD whichBitmap)
         return OrGeneralFailure(error);
     }
 
-    // The driver forgets changes once the bitmaps that hold them are written. Written means on the disk: a bitmap that a
-    // power failure can still take away would be a lost change.
-    DWORD written = 0;
+    // A write that is short without an error leaves this at zero, which is then the result.
     SetLastError(ERROR_SUCCESS);
-    if (!WriteFile(file.get(), record->Bytes(), record->Size(), &written, nullptr) || written != record->Size() ||
-        !FlushFileBuffers(file.get())) {
+    if (!WriteDurably(file.get(), *record)) {
         const DWORD error = GetLastError();
         Log(LOG_ERROR, error,
             L"CBitmapContainer::WriteBitMapToFile::WriteFile disk bitmap failed. Bitmap file name: %s",

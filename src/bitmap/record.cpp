@@ -53,7 +53,7 @@ std::unique_ptr<BitmapRecord> BitmapRecord::Make(std::uint32_t blockSize, std::u
     header.BlockSize = blockSize;
     header.BitmapLength = bitmapLength;
     header.RecordSize = size;
-    std::memcpy(record->Bytes() + size - sizeof(TRAILER), TRAILER, sizeof(TRAILER));
+    record->RestoreTrailer();
     return record;
 }
 
@@ -100,7 +100,22 @@ std::uint32_t BitmapRecord::HeldBitmapBytes() const noexcept
 bool BitmapRecord::IsValid() const noexcept
 {
     return m_size >= sizeof(TRAILER) && HasRecordSignature(Bytes(), m_size) &&
-           std::memcmp(Bytes() + m_size - sizeof(TRAILER), TRAILER, sizeof(TRAILER)) == 0;
+           std::memcmp(Trailer(), TRAILER, sizeof(TRAILER)) == 0;
+}
+
+std::uint32_t BitmapRecord::TrailerOffset() const noexcept
+{
+    return m_size >= sizeof(TRAILER) ? m_size - static_cast<std::uint32_t>(sizeof(TRAILER)) : 0;
+}
+
+void BitmapRecord::WithholdTrailer() noexcept
+{
+    std::memset(m_bytes.get() + TrailerOffset(), 0, sizeof(TRAILER));
+}
+
+void BitmapRecord::RestoreTrailer() noexcept
+{
+    std::memcpy(m_bytes.get() + TrailerOffset(), TRAILER, sizeof(TRAILER));
 }
 
 void BitmapRecord::Or(const std::uint8_t* bits, std::size_t count) noexcept

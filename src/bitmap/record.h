@@ -83,6 +83,12 @@ public:
     // Whether signature and trailer are there.
     [[nodiscard]] bool IsValid() const noexcept;
 
+    // Zeroes the trailer, so that the image counts as no record, and puts it back. For writing in two steps.
+    void WithholdTrailer() noexcept;
+    void RestoreTrailer() noexcept;
+    [[nodiscard]] const std::uint8_t* Trailer() const noexcept { return m_bytes.get() + TrailerOffset(); }
+    [[nodiscard]] std::uint32_t TrailerOffset() const noexcept;
+
     // ORs count bytes into the bitmap, byte i into byte i; what lies beyond the bitmap is dropped.
     void Or(const std::uint8_t* bits, std::size_t count) noexcept;
     // Clears the bitmap; the header stays.

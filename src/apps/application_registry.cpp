@@ -11,6 +11,15 @@
 
 namespace vtflt {
 
+namespace {
+
+bool Contains(const std::vector<std::wstring>& list, const std::wstring& appId)
+{
+    return std::find(list.begin(), list.end(), appId) != list.end();
+}
+
+} // namespace
+
 DWORD RegisterApplication(std::wstring appId)
 {
     Log(LOG_INFORMATION, ERROR_SUCCESS, L"RegisterApplication: Registering application %s\n", appId.c_str());
@@ -27,7 +36,9 @@ DWORD RegisterApplication(std::wstring appId)
             mutexName.c_str());
         return BM_ERR_MUTEX_ACCESS;
     }
-    if (IsApplicationRegistered(appId) != 0) {
+    std::vector<std::wstring> registered;
+    const bool listIsKnown = GetRegisteredAppList(registered) == ERROR_SUCCESS;
+    if (listIsKnown && Contains(registered, appId)) {
         Log(LOG_INFORMATION, ERROR_SUCCESS,
             L"RegisterApplication: The application is already registered. Application name= %s\n", appId.c_str());
         return ERROR_SUCCESS;
@@ -43,6 +54,14 @@ DWORD RegisterApplication(std::wstring appId)
     if (error != ERROR_SUCCESS) {
         Log(LOG_ERROR, error, L"RegisterApplication: Failed to add an entry to key: %s, value: %s\n",
             APPLICATION_IDS_VALUE, appId.c_str());
+        RemoveApplicationBitmaps(appId);
+        return error;
+    }
+    // With a list that could not be read before, the application may have been registered all along, and the bitmaps
+    // that were just restarted may have held changes owed to it: all its volumes must be verified.
+    if (!listIsKnown)
+        error = AddVolumesToAppVerifyList(appId);
+    if (error != ERROR_SUCCESS) {
         RemoveApplicationBitmaps(appId);
         return error;
     }
@@ -96,7 +115,7 @@ DWORD IsApplicationRegistered(std::wstring appId)
     std::vector<std::wstring> list;
     if (GetRegisteredAppList(list) != ERROR_SUCCESS)
         return 0;
-    return std::find(list.begin(), list.end(), appId) != list.end() ? 1 : 0;
+    return Contains(list, appId) ? 1 : 0;
 }
 
 DWORD GetRegisteredAppList(std::vector<std::wstring>& list)

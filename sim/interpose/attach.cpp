@@ -1,0 +1,196 @@
+#include "interpose/attach.h"
+
+#include "interpose/calls.h"
+#include "interpose/handles.h"
+#include "interpose/hooks.h"
+
+#include <algorithm>
+#include <mutex>
+
+namespace vtfltsim {
+
+namespace {
+
+struct Slot {
+    void** place = nullptr;
+    void* original = nullptr;
+    void* replacement = nullptr;
+};
+
+struct Module {
+    HMODULE base = nullptr;
+    std::vector<Slot> slots;
+};
+
+ProcessLock g_machineLock;
+std::shared_ptr<Machine> g_machine; // guarded by g_machineLock
+
+ProcessLock g_modulesLock;
+std::vector<Module> g_modules; // guarded by g_modulesLock
+std::atomic<void*> g_originals[HOOK_COUNT];
+
+bool WritePointer(void** place, void* value)
+{
+    DWORD protection = 0;
+    if (!VirtualProtect(place, sizeof(*place), PAGE_READWRITE, &protection))
+        return false;
+    *place = value;
+    VirtualProtect(place, sizeof(*place), protection, &protection);
+    return true;
+}
+
+template <class T>
+T* At(HMODULE base, DWORD offset)
+{
+    return reinterpret_cast<T*>(reinterpret_cast<BYTE*>(base) + offset);
+}
+
+const IMAGE_IMPORT_DESCRIPTOR* Imports(HMODULE base)
+{
+    const auto* dos = At<IMAGE_DOS_HEADER>(base, 0);
+    if (dos->e_magic != IMAGE_DOS_SIGNATURE)
+        return nullptr;
+    const auto* headers = At<IMAGE_NT_HEADERS>(base, static_cast<DWORD>(dos->e_lfanew));
+    const auto& directory = headers->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
+    return directory.VirtualAddress != 0 ? At<IMAGE_IMPORT_DESCRIPTOR>(base, directory.VirtualAddress) : nullptr;
+}
+
+// Redirects one import, when it is one of ours. A passed function must be the same in all modules, for it is
+// called through the first one's address.
+bool RedirectSlot(const char* name, void** place, Module& module)
+{
+    const unsigned index = FindHook(name);
+    if (index == HOOK_COUNT)
+        return true;
+    const HookEntry& hook = HookTable()[index];
+    const Slot slot = {place, *place, hook.replacement};
+    if (hook.passed) {
+        void* expected = nullptr;
+        if (!g_originals[index].compare_exchange_strong(expected, slot.original) && expected != slot.original)
+            return true;
+    }
+    module.slots.push_back(slot);
+    return WritePointer(place, hook.replacement);
+}
+
+bool Redirect(Module& module)
+{
+    for (const auto* import = Imports(module.base); import != nullptr && import->Name != 0; ++import) {
+        if (import->OriginalFirstThunk == 0)
+            continue; // names are gone; such modules are not made by today's linkers
+        const auto* names = At<IMAGE_THUNK_DATA>(module.base, import->OriginalFirstThunk);
+        auto* places = At<IMAGE_THUNK_DATA>(module.base, import->FirstThunk);
+        for (; names->u1.AddressOfData != 0; ++names, ++places) {
+            if (IMAGE_SNAP_BY_ORDINAL(names->u1.Ordinal))
+                continue;
+            const auto* byName = At<IMAGE_IMPORT_BY_NAME>(module.base, static_cast<DWORD>(names->u1.AddressOfData));
+            if (!RedirectSlot(reinterpret_cast<const char*>(byName->Name),
+                              reinterpret_cast<void**>(&places->u1.Function), module))
+                return false;
+        }
+    }
+    return true;
+}
+
+bool IsLoadedAt(HMODULE base)
+{
+    HMODULE found = nullptr;
+    return GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                              reinterpret_cast<LPCWSTR>(base), &found) &&
+           found == base;
+}
+
+void Restore(const Module& module)
+{
+    if (!IsLoadedAt(module.base))
+        return;
+    for (const auto& slot : module.slots) {
+        if (*slot.place == slot.replacement)
+            WritePointer(slot.place, slot.original);
+    }
+}
+
+bool IsStillRedirected(const Module& module)
+{
+    return !module.slots.empty() && *module.slots.front().place == module.slots.front().replacement;
+}
+
+} // namespace
+
+void* OriginalOf(Hook hook)
+{
+    return g_originals[static_cast<unsigned>(hook)].load();
+}
+
+std::shared_ptr<Machine> AttachedMachine()
+{
+    const std::lock_guard guard(g_machineLock);
+    return g_machine;
+}
+
+DWORD AttachModule(const std::shared_ptr<Machine>& machine, HMODULE module)
+{
+    if (module == nullptr)
+        module = GetModuleHandleW(nullptr);
+    const DWORD plan = calls::ReadPlanFromEnvironment();
+    if (plan != 0)
+        return plan;
+    {
+        const std::lock_guard guard(g_machineLock);
+        if (g_machine != nullptr && g_machine != machine && g_machine->id() != machine->id())
+            return ERROR_BUSY;
+        if (g_machine == nullptr)
+            g_machine = machine;
+    }
+    const std::lock_guard guard(g_modulesLock);
+    const auto known = std::find_if(g_modules.begin(), g_modules.end(), [&](const Module& m) { return m.base == module; });
+    if (known != g_modules.end()) {
+        if (IsStillRedirected(*known))
+            return 0;
+        g_modules.erase(known); // unloaded in the meantime, and another or a fresh one loaded in its place
+    }
+    Module entry;
+    entry.base = module;
+    const bool done = Redirect(entry);
+    if (!done) {
+        const DWORD code = GetLastError();
+        Restore(entry);
+        return code != 0 ? code : ERROR_ACCESS_DENIED;
+    }
+    g_modules.push_back(std::move(entry));
+    return 0;
+}
+
+DWORD DetachModule(HMODULE module)
+{
+    if (module == nullptr)
+        module = GetModuleHandleW(nullptr);
+    const std::lock_guard guard(g_modulesLock);
+    const auto known = std::find_if(g_modules.begin(), g_modules.end(), [&](const Module& m) { return m.base == module; });
+    if (known == g_modules.end())
+        return ERROR_MOD_NOT_FOUND;
+    Restore(*known);
+    g_modules.erase(known);
+    return 0;
+}
+
+void DetachAll()
+{
+    {
+        const std::lock_guard guard(g_modulesLock);
+        for (const auto& module : g_modules)
+            Restore(module);
+        g_modules.clear();
+    }
+    {
+        std::shared_ptr<Machine> last; // closed outside of the lock
+        const std::lock_guard guard(g_machineLock);
+        last.swap(g_machine);
+    }
+    handles::ForgetAll();
+    calls::ClearFaults();
+    calls::Record(false);
+    calls::ResetCounts();
+}
+
+} // namespace vtfltsim

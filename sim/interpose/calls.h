@@ -1,0 +1,92 @@
+// What happens around every redirected call: it is counted, recorded, and a planned fault may strike it.
+#pragma once
+
+#include "interpose/hooks.h"
+#include "interpose/win.h"
+#include "vtfltsim/VTFltSim.h"
+
+#include <atomic>
+#include <string>
+
+namespace vtfltsim {
+
+// What is to become of one call.
+struct Verdict {
+    enum class What { Proceed, Fails, Returns, Short, KillsAfter, FailsAfter };
+    What what = What::Proceed;
+    DWORD error = 0;
+    ULONGLONG value = 0;
+};
+
+namespace calls {
+
+extern std::atomic<DWORD> g_counts[HOOK_COUNT];
+extern std::atomic<DWORD> g_armed[HOOK_COUNT]; // faults and callbacks waiting for this function
+extern std::atomic<bool> g_recording;
+
+// Records the call and finds its verdict. May end the process or run a callback. Keeps the last error.
+Verdict Judge(Hook hook, const std::wstring& text);
+[[noreturn]] void KillProcess();
+
+DWORD AddFault(const VTFLTSIM_CALL_FAULT& fault);
+DWORD AddCallback(Hook hook, const wchar_t* match, DWORD nth, DWORD count, VTFLTSIM_CALLBACK callback, void* context);
+// Reads the plan from the environment variable VTFLTSIM_CALLS. 87 when it cannot be understood.
+DWORD ReadPlanFromEnvironment();
+void ClearFaults();
+DWORD FaultHits();
+
+void Record(bool on);
+DWORD TraceAt(DWORD index, wchar_t* text, DWORD characters);
+void RecordRequest(const VTFLTSIM_REQUEST& request);
+DWORD RequestAt(DWORD index, VTFLTSIM_REQUEST& request);
+void ResetCounts();
+
+} // namespace calls
+
+template <class Text>
+Verdict Begin(Hook hook, Text&& text)
+{
+    const auto index = static_cast<unsigned>(hook);
+    calls::g_counts[index].fetch_add(1, std::memory_order_relaxed);
+    const bool recorded = calls::g_recording.load(std::memory_order_relaxed) && !IsMemoryHook(hook);
+    if (!recorded && calls::g_armed[index].load(std::memory_order_acquire) == 0)
+        return {};
+    const LastErrorKeeper keeper;
+    return calls::Judge(hook, text());
+}
+
+// Runs one call whose failure shows in the last error.
+template <class R, class Text, class Body>
+R Call(Hook hook, R failure, Text&& text, Body&& body)
+{
+    const Verdict verdict = Begin(hook, text);
+    if (verdict.what == Verdict::What::Fails || verdict.what == Verdict::What::Returns) {
+        SetLastError(verdict.error);
+        return verdict.what == Verdict::What::Fails ? failure : (R)verdict.value;
+    }
+    const R result = body(verdict);
+    if (verdict.what == Verdict::What::KillsAfter)
+        calls::KillProcess();
+    if (verdict.what == Verdict::What::FailsAfter) {
+        SetLastError(verdict.error);
+        return failure;
+    }
+    return result;
+}
+
+// Runs one call whose result is the error itself, as the registry functions have it.
+template <class R, class Text, class Body>
+R StatusCall(Hook hook, Text&& text, Body&& body)
+{
+    const Verdict verdict = Begin(hook, text);
+    if (verdict.what == Verdict::What::Fails)
+        return static_cast<R>(verdict.error);
+    if (verdict.what == Verdict::What::Returns)
+        return static_cast<R>(verdict.value);
+    const R result = body(verdict);
+    if (verdict.what == Verdict::What::KillsAfter)
+        calls::KillProcess();
+    return verdict.what == Verdict::What::FailsAfter ? static_cast<R>(verdict.error) : result;
+}
+
+} // namespace vtfltsim

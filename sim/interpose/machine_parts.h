@@ -1,0 +1,40 @@
+// What the parts of Machine share among themselves.
+#pragma once
+
+#include "interpose/machine.h"
+#include "model/bits.h"
+
+namespace vtfltsim {
+
+// Holds the machine's lock. A process that died with it leaves the record usable: every change is ordered so
+// that what is half done is harmless, so an abandoned lock is taken over.
+class Machine::Lock {
+public:
+    explicit Lock(const Machine& machine) : m_mutex(machine.m_mutex.get())
+    {
+        WaitForSingleObject(m_mutex, INFINITE);
+    }
+    Lock(const Lock&) = delete;
+    Lock& operator=(const Lock&) = delete;
+    ~Lock() { ReleaseMutex(m_mutex); }
+
+private:
+    HANDLE m_mutex;
+};
+
+struct Machine::Volume {
+    std::uint32_t mapSequence = 0;
+    std::unique_ptr<FileStore> store;
+    std::unique_ptr<MappedFile> file;
+    model::VolumeContents contents;
+};
+
+struct Machine::Snapshot {
+    std::unique_ptr<FileStore> store;
+    std::unique_ptr<MappedFile> file;
+    model::SnapshotContents contents;
+};
+
+inline constexpr DWORD ERROR_NO_SUCH_DEVICE = ERROR_DEV_NOT_EXIST; // the volume or snapshot is gone
+
+} // namespace vtfltsim

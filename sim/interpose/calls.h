@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <string>
+#include <type_traits>
 
 namespace vtfltsim {
 
@@ -55,6 +56,16 @@ Verdict Begin(Hook hook, Text&& text)
     return calls::Judge(hook, text());
 }
 
+// A forced value as the function's own result type.
+template <class R>
+R ForcedValue(ULONGLONG value)
+{
+    if constexpr (std::is_pointer_v<R>)
+        return reinterpret_cast<R>(static_cast<ULONG_PTR>(value));
+    else
+        return static_cast<R>(value);
+}
+
 // Runs one call whose failure shows in the last error.
 template <class R, class Text, class Body>
 R Call(Hook hook, R failure, Text&& text, Body&& body)
@@ -62,7 +73,7 @@ R Call(Hook hook, R failure, Text&& text, Body&& body)
     const Verdict verdict = Begin(hook, text);
     if (verdict.what == Verdict::What::Fails || verdict.what == Verdict::What::Returns) {
         SetLastError(verdict.error);
-        return verdict.what == Verdict::What::Fails ? failure : (R)verdict.value;
+        return verdict.what == Verdict::What::Fails ? failure : ForcedValue<R>(verdict.value);
     }
     const R result = body(verdict);
     if (verdict.what == Verdict::What::KillsAfter)

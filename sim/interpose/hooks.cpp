@@ -96,7 +96,7 @@ constexpr Fails FailureOf()
 }
 
 template <Hook H, class Function>
-void* PassedAddress(Function)
+void* PassedAddress()
 {
     return reinterpret_cast<void*>(&Passed<H, FailureOf<H>(), Function>::Run);
 }
@@ -109,7 +109,7 @@ struct Table {
 #define VTFLTSIM_ENTRY(name) entries[i++] = {#name, Address_##name, false};
         VTFLTSIM_OWN_HOOKS(VTFLTSIM_ENTRY)
 #undef VTFLTSIM_ENTRY
-#define VTFLTSIM_ENTRY(name) entries[i++] = {#name, PassedAddress<Hook::name>(&::name), true};
+#define VTFLTSIM_ENTRY(name) entries[i++] = {#name, PassedAddress<Hook::name, decltype(&::name)>(), true};
         VTFLTSIM_PASSED_HOOKS(VTFLTSIM_ENTRY)
 #undef VTFLTSIM_ENTRY
     }

@@ -26,6 +26,17 @@ IMultiBitmapManager* FindManager(HANDLE volume, const wchar_t* notFound)
     return manager;
 }
 
+// Hands a request to a manager. What is thrown on the way becomes a status here, so that the operation still finishes
+// what it owes its caller.
+DWORD Forward(IMultiBitmapManager& manager, HANDLE volume, DWORD controlCode, void* input, DWORD inputLength,
+              void* output, DWORD outputLength, DWORD& returned)
+{
+    return Guarded([&] {
+        return manager.VTDeviceIoControl(volume, controlCode, input, inputLength, output, outputLength, &returned,
+                                         nullptr);
+    });
+}
+
 // Hands a request without buffers to the handle's manager.
 DWORD ForwardPlain(HANDLE volume, DWORD controlCode, const wchar_t* notFound)
 {
@@ -35,7 +46,7 @@ DWORD ForwardPlain(HANDLE volume, DWORD controlCode, const wchar_t* notFound)
     if (manager == nullptr)
         return ERROR_INVALID_PARAMETER;
     DWORD returned = 0;
-    return manager->VTDeviceIoControl(volume, controlCode, nullptr, 0, nullptr, 0, &returned, nullptr);
+    return Forward(*manager, volume, controlCode, nullptr, 0, nullptr, 0, returned);
 }
 
 DWORD InitBitmapManager(HANDLE volume, LPCWSTR volumeName, LPCWSTR applicationId)
@@ -100,8 +111,7 @@ DWORD GetBlockSize(HANDLE volume, DWORD* blockSize, DWORD direct)
         FindManager(volume, L"VTFltGetBlockSize: Handle 0X%x not found. Please provide valid volume handle.\n");
     if (manager == nullptr)
         return ERROR_INVALID_PARAMETER;
-    return manager->VTDeviceIoControl(volume, VTFLTCTL_GET_BLOCK_SIZE, nullptr, 0, blockSize, sizeof(*blockSize),
-                                      &returned, nullptr);
+    return Forward(*manager, volume, VTFLTCTL_GET_BLOCK_SIZE, nullptr, 0, blockSize, sizeof(*blockSize), returned);
 }
 
 // What the caller is told of the bitmap: the length to supply when the buffer was too short, else the byte count of
@@ -132,8 +142,7 @@ DWORD GetBitmap(HANDLE volume, LPVOID input, DWORD inputLength, LPVOID output, D
             FindManager(volume, L"VTFltGetBitmap: Handle 0X%x not found. Please provide valid volume handle.\n");
         if (manager == nullptr)
             return ERROR_INVALID_PARAMETER;
-        status = manager->VTDeviceIoControl(volume, VTFLTCTL_GET_BITMAP, input, inputLength, output, outputLength,
-                                            &returned, nullptr);
+        status = Forward(*manager, volume, VTFLTCTL_GET_BITMAP, input, inputLength, output, outputLength, returned);
     }
 
     const DWORD reported = FinishBitmapReply(status, output, outputLength, returned);
@@ -152,8 +161,8 @@ DWORD SyncSnapshotChanges(HANDLE volume, LPVOID input, DWORD inputLength)
         return ERROR_INVALID_PARAMETER;
 
     DWORD returned = 0;
-    const DWORD status = manager->VTDeviceIoControl(volume, VTFLTCTL_SYNC_SNAPSHOT_CHANGES_TO_VOLUME_BITMAP, input,
-                                                    inputLength, nullptr, 0, &returned, nullptr);
+    const DWORD status = Forward(*manager, volume, VTFLTCTL_SYNC_SNAPSHOT_CHANGES_TO_VOLUME_BITMAP, input, inputLength,
+                                 nullptr, 0, returned);
     // A console trace that callers know, apart from the log.
     std::printf("copy into %d\n", static_cast<int>(returned));
     return status;

@@ -1,23 +1,23 @@
 // The exports that take volumes out of change tracking.
 #include "api/library.h"
 #include "apps/volume_name.h"
+#include "apps/volume_walk.h"
 #include "driver/request.h"
 #include "log/log.h"
 #include "vtfltmgr/VTFltMgr.h"
 
-#include <cwchar>
+#include <string>
 #include <vector>
 
 namespace vtflt {
 
 namespace {
 
-constexpr std::size_t VOLUME_NAME_UNITS = 260;
 constexpr std::size_t FIRST_MOUNT_PATH_UNITS = MAX_PATH + 1;
 constexpr std::size_t SHOWN_MOUNT_PATH_UNITS = 520;
 
 // Deletes the bitmap files of every application on a volume, through a manager made for this alone.
-DWORD RemoveVolumeBitmaps(const wchar_t* volume, const wchar_t* cannotCreate)
+DWORD RemoveVolumeBitmaps(const std::wstring& volume, const wchar_t* cannotCreate)
 {
     const std::unique_ptr<IMultiBitmapManager> manager(new (std::nothrow) CMultiBitmapManager);
     if (manager == nullptr) {
@@ -56,8 +56,8 @@ DWORD StopMonitorVolume(LPCWSTR volumePath)
     return RemoveVolumeBitmaps(volumePath, L"VTFltStopMonitorVolume: Failed to create bitmap manager interface\n");
 }
 
-// A volume's first mount path; empty when it has none or it cannot be learned.
-std::wstring FirstMountPath(const wchar_t* volumeName)
+// A volume's first mount path; empty when it has none or the system does not tell.
+std::wstring QueryMountPath(const wchar_t* volumeName)
 {
     std::vector<wchar_t> paths(FIRST_MOUNT_PATH_UNITS);
     for (;;) {
@@ -74,20 +74,31 @@ std::wstring FirstMountPath(const wchar_t* volumeName)
     return std::wstring(paths.data()).substr(0, SHOWN_MOUNT_PATH_UNITS - 1);
 }
 
-// One volume of the walk: 0, or what kept its bitmap files from being deleted.
-DWORD StopWalkedVolume(const wchar_t* volumeName)
+// The mount path as messages show it. It decides nothing, so short memory only leaves it empty.
+std::wstring ShownMountPath(const wchar_t* volumeName)
 {
+    try {
+        return QueryMountPath(volumeName);
+    } catch (const std::bad_alloc&) {
+        return {};
+    }
+}
+
+// One volume of the walk: 0, or what kept its bitmap files from being deleted.
+DWORD StopWalkedVolume(const VolumeWalk& walk)
+{
+    const std::wstring& volumeName = walk.Path();
     if (!IsVolumeGuidPath(volumeName)) {
         Log(LOG_ERROR, ERROR_BAD_PATHNAME, L"FindFirstVolumeW or FindNextVolumeW returned a bad path: %s\n",
-            volumeName);
+            volumeName.c_str());
         return ERROR_SUCCESS;
     }
 
-    const UINT driveType = GetDriveTypeW(volumeName);
-    const std::wstring mountPath = FirstMountPath(volumeName);
-    if (driveType != DRIVE_FIXED) {
-        Log(LOG_INFORMATION, ERROR_SUCCESS, L"%s (%s) is not fixed device, skip to stop monitor it\n", volumeName,
-            mountPath.c_str());
+    const bool isFixedDisk = walk.IsFixedDisk();
+    const std::wstring mountPath = ShownMountPath(volumeName.c_str());
+    if (!isFixedDisk) {
+        Log(LOG_INFORMATION, ERROR_SUCCESS, L"%s (%s) is not fixed device, skip to stop monitor it\n",
+            volumeName.c_str(), mountPath.c_str());
         return ERROR_SUCCESS;
     }
     return RemoveVolumeBitmaps(volumeName, L"VTFltStopMonitorVolumes: Failed to create bitmap manager interface\n");
@@ -96,28 +107,27 @@ DWORD StopWalkedVolume(const wchar_t* volumeName)
 // The files go on every fixed volume, as far as possible; the driver is not told. What failed is gathered by OR.
 DWORD StopMonitorVolumes()
 {
-    wchar_t volumeName[VOLUME_NAME_UNITS] = {};
-    const UniqueVolumeSearch search(FindFirstVolumeW(volumeName, VOLUME_NAME_UNITS));
-    if (!search) {
-        const DWORD error = GetLastError();
-        Log(LOG_ERROR, error, L"Get the first volume failed. Error code %d\n", error);
-        return error;
+    VolumeWalk walk;
+    DWORD walked = walk.First();
+    if (walked != ERROR_SUCCESS) {
+        Log(LOG_ERROR, walked, L"Get the first volume failed. Error code %d\n", walked);
+        return walked;
     }
 
     DWORD result = ERROR_SUCCESS;
-    do {
+    for (; walked == ERROR_SUCCESS; walked = walk.Next()) {
         // One volume for which memory is short is that volume's failure, not the walk's.
-        const DWORD error = Guarded([&] { return StopWalkedVolume(volumeName); });
-        if (error != ERROR_SUCCESS) {
-            Log(LOG_ERROR, error, L"VTFltStopMonitorVolumes: Failed to remove bitmaps for volume %s\n", volumeName);
-            result |= error;
-        }
-    } while (FindNextVolumeW(search.get(), volumeName, VOLUME_NAME_UNITS));
-
-    const DWORD error = GetLastError();
-    if (error != ERROR_NO_MORE_FILES) {
-        Log(LOG_ERROR, error, L"VTFltStopMonitorVolumes: FindNextVolume failed with error code %d\n", error);
+        const DWORD error = Guarded([&] { return StopWalkedVolume(walk); });
+        if (error == ERROR_SUCCESS)
+            continue;
+        Log(LOG_ERROR, error, L"VTFltStopMonitorVolumes: Failed to remove bitmaps for volume %s\n",
+            walk.Path().c_str());
         result |= error;
+    }
+
+    if (walked != ERROR_NO_MORE_FILES) {
+        Log(LOG_ERROR, walked, L"VTFltStopMonitorVolumes: FindNextVolume failed with error code %d\n", walked);
+        result |= walked;
     }
     return result;
 }

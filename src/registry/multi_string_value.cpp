@@ -13,16 +13,17 @@ namespace vtflt {
 namespace {
 
 // A value's bytes are sized by the registry, so running out of memory for them is an ordinary failure with its own
-// record. The last error says which: 8 unless the allocation set another.
+// record. 0, or the allocation's last error, which is 8 unless it set another; never 0 for a failure.
 template <class Make>
-bool MakeBytes(RegistryBytes& bytes, const Make& make) noexcept
+DWORD MakeBytes(RegistryBytes& bytes, const Make& make) noexcept
 {
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     try {
         bytes = make();
-        return true;
+        return ERROR_SUCCESS;
     } catch (const std::bad_alloc&) {
-        return false;
+        const DWORD error = GetLastError();
+        return error != ERROR_SUCCESS ? error : ERROR_NOT_ENOUGH_MEMORY;
     }
 }
 
@@ -41,7 +42,7 @@ DWORD QuerySize(HKEY key, const wchar_t* valueName, DWORD& type, DWORD& size)
     return static_cast<DWORD>(RegQueryValueExW(key, valueName, nullptr, &type, nullptr, &size));
 }
 
-bool MakeRoom(RegistryBytes& bytes, DWORD size) noexcept
+DWORD MakeRoom(RegistryBytes& bytes, DWORD size) noexcept
 {
     // One byte at least: without a buffer the query would ask for the size once more.
     return MakeBytes(bytes, [size] { return RegistryBytes(size != 0 ? size : 1); });
@@ -86,8 +87,8 @@ DWORD AllMultiString(HKEY key, const wchar_t* valueName, const wchar_t* entry)
             Log(LOG_ERROR, error, L"Query value failed for %s\n", valueName);
             return error;
         }
-        if (!MakeRoom(value, size)) {
-            error = GetLastError();
+        error = MakeRoom(value, size);
+        if (error != ERROR_SUCCESS) {
             Log(LOG_ERROR, error, L"Allocate memory %d bytes failed\n", size);
             return error;
         }
@@ -104,8 +105,8 @@ DWORD AllMultiString(HKEY key, const wchar_t* valueName, const wchar_t* entry)
     }
 
     RegistryBytes composed;
-    if (!MakeBytes(composed, [&value, entry] { return ComposeAddedEntry(value, entry); })) {
-        error = GetLastError();
+    error = MakeBytes(composed, [&value, entry] { return ComposeAddedEntry(value, entry); });
+    if (error != ERROR_SUCCESS) {
         Log(LOG_ERROR, error, L"Allocate memory %d bytes failed second time", static_cast<DWORD>(value.size()));
         return error;
     }
@@ -142,8 +143,8 @@ DWORD RemoveMutliSZRegistryValue(HKEY key, const wchar_t* valueName, const wchar
         return error;
     }
     RegistryBytes value;
-    if (!MakeRoom(value, size)) {
-        error = GetLastError();
+    error = MakeRoom(value, size);
+    if (error != ERROR_SUCCESS) {
         Log(LOG_ERROR, error, L"Allocate %d byte memory failed in RemoveMutliSZRegistryValue\n", size);
         return error;
     }
@@ -176,8 +177,9 @@ DWORD RemoveMutliSZRegistryValue(HKEY key, const wchar_t* valueName, const wchar
         return bytes;
     };
     RegistryBytes composed;
-    if (!MakeBytes(composed, compose))
-        return GetLastError();
+    error = MakeBytes(composed, compose);
+    if (error != ERROR_SUCCESS)
+        return error;
     error = SetData(key, valueName, type, composed, remaining);
     if (error != ERROR_SUCCESS)
         Log(LOG_ERROR, error, L"RegSetValueEx %s failed after remove value %s\n", valueName, entry);

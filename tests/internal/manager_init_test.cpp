@@ -1,0 +1,162 @@
+// Which applications a manager serves, and under which names.
+#include "internal/manager_fixture.h"
+
+namespace {
+
+using namespace vttest;
+
+class ManagerInit : public ManagerTest {
+protected:
+    std::wstring BaseNamed(const std::wstring& volumeName, const std::wstring& id) const
+    {
+        return L"CBitmapContainer::init:: Basebitmap Name is \\\\?\\" + volumeName + L"\\VelVolTrc\\VelVolTrc_base_" +
+               id + L".dat";
+    }
+    std::wstring ChildNamed(const std::wstring& volumeName, const std::wstring& id) const
+    {
+        return L"CBitmapContainer::initChild bitmap Name is \\\\?\\" + volumeName + L"\\VelVolTrc\\VelVolTrc_child_" +
+               id + L".dat";
+    }
+    // No container: the operations on the current application's say so.
+    void ExpectNoContainer()
+    {
+        log.Clear();
+        EXPECT_EQ(manager.ResetBaseBitmap(), 0xFFFFFFFFu);
+        ASSERT_EQ(log.Records().size(), 1u);
+        EXPECT_EQ(log.Records()[0].text.find(
+                      L"CMultiBitmapManager::ResetBaseBitmap: Failed to find bitmap container for application"),
+                  0u);
+    }
+};
+
+TEST_F(ManagerInit, MakesAContainerPerRegisteredApplicationInTheOrderOfTheList)
+{
+    Register({L"zeta", L"app1", L"beta"});
+    EXPECT_EQ(manager.InitBitMapManager(volume.Root(), APP), 0u);
+    log.ExpectExactly({{2, 0, BaseNamed(VolumeName(), L"zeta")},
+                       {2, 0, ChildNamed(VolumeName(), L"zeta")},
+                       {2, 0, BaseNamed(VolumeName(), L"app1")},
+                       {2, 0, ChildNamed(VolumeName(), L"app1")},
+                       {2, 0, BaseNamed(VolumeName(), L"beta")},
+                       {2, 0, ChildNamed(VolumeName(), L"beta")}},
+                      2);
+}
+
+TEST_F(ManagerInit, ReadsNoFileAndAsksTheDriverNothing)
+{
+    VTFltSimRecord(1);
+    EXPECT_EQ(manager.InitBitMapManager(volume.Root(), APP), 0u);
+    VTFltSimRecord(0);
+    EXPECT_TRUE(RequestCodes().empty());
+    for (const std::wstring& line : vtfltsim::Trace()) {
+        EXPECT_EQ(line.find(L"CreateFileW"), std::wstring::npos) << Narrow(line);
+        EXPECT_EQ(line.find(L"CreateMutexW"), std::wstring::npos) << Narrow(line);
+    }
+}
+
+TEST_F(ManagerInit, AllSpellingsOfAVolumeGuidPathNameTheSameVolume)
+{
+    for (const std::wstring& name : {volume.Root(), volume.Path(), VolumeName(), VolumeName() + L"\\"}) {
+        log.Clear();
+        vtflt::CMultiBitmapManager other;
+        EXPECT_EQ(other.InitBitMapManager(name, APP), 0u);
+        log.ExpectLogged(2, 0, BaseNamed(VolumeName(), APP));
+        log.ExpectLogged(2, 0, ChildNamed(VolumeName(), APP));
+    }
+}
+
+TEST_F(ManagerInit, DrivePathHasNoneOfTheCharactersAndOnlyLosesItsBackslash)
+{
+    EXPECT_EQ(manager.InitBitMapManager(L"C:\\", APP), 0u);
+    log.ExpectLogged(2, 0, BaseNamed(L"C:", APP));
+}
+
+TEST_F(ManagerInit, VolumeNameStartsAtTheFirstOfTheCharactersWhateverWordItIs)
+{
+    EXPECT_EQ(manager.InitBitMapManager(L"\\\\?\\home\\disk\\", APP), 0u);
+    log.ExpectLogged(2, 0, BaseNamed(L"ome\\disk", APP));
+}
+
+TEST_F(ManagerInit, EmptyListOfApplicationsIs10007)
+{
+    Register({});
+    EXPECT_EQ(manager.InitBitMapManager(volume.Root(), APP), 0x10007u);
+    log.ExpectExactly({{0, 0x10007,
+                        L"CMultiBitmapManager::InitBitMapManager: No application registered. Register an application "
+                        L"and try again."}},
+                      0);
+    ExpectNoContainer();
+}
+
+TEST_F(ManagerInit, AbsentListOfApplicationsIsAnEmptyOne)
+{
+    DeleteValue(APP_IDS_KEY, APP_IDS_VALUE);
+    EXPECT_EQ(manager.InitBitMapManager(volume.Root(), APP), 0x10007u);
+    log.ExpectLogged(0, 0x10007,
+                     L"CMultiBitmapManager::InitBitMapManager: No application registered. Register an application and "
+                     L"try again.");
+}
+
+TEST_F(ManagerInit, ApplicationThatIsNotRegisteredIs10009AndGetsNoContainer)
+{
+    EXPECT_EQ(manager.InitBitMapManager(volume.Root(), L"stranger"), 0x10009u);
+    log.ExpectExactly({{0, 0x10009,
+                        L"CMultiBitmapManager::InitBitMapManager: Application stranger is not registered. Register "
+                        L"application and try again."}},
+                      2);
+    ExpectNoContainer();
+}
+
+TEST_F(ManagerInit, ApplicationIdsAreComparedExactlyAndCaseSensitively)
+{
+    for (const wchar_t* const id : {L"APP1", L"app", L"app12", L"app1 "}) {
+        vtflt::CMultiBitmapManager other;
+        EXPECT_EQ(other.InitBitMapManager(volume.Root(), id), 0x10009u) << Narrow(id);
+    }
+}
+
+TEST_F(ManagerInit, ListThatCannotBeReadIs10008WithTheReadsErrorLoggedFirst)
+{
+    vtfltsim::FailCall(L"RegQueryValueExW", ERROR_ACCESS_DENIED, L"RegisteredAppIDs", 1, 0);
+    EXPECT_EQ(manager.InitBitMapManager(volume.Root(), APP), 0x10008u);
+    ASSERT_GE(log.Records().size(), 2u);
+    const LogRecord& first = log.Records()[log.Records().size() - 2];
+    EXPECT_EQ(first.level, 0);
+    EXPECT_EQ(first.code, DWORD{ERROR_ACCESS_DENIED});
+    EXPECT_TRUE(first.text == L"CMultiBitmapManager::initAppsFailed to initialize applications");
+    const LogRecord& second = log.Records().back();
+    EXPECT_EQ(second.level, 0);
+    EXPECT_EQ(second.code, 0x10008u);
+    EXPECT_TRUE(second.text == L"CMultiBitmapManager::InitBitMapManager: Failed to get registered applications.");
+    ExpectNoContainer();
+}
+
+TEST_F(ManagerInit, ApplicationThatRegistersLaterGetsNoContainer)
+{
+    Register({APP});
+    Load(0, 0, 0);
+    Register({APP, OTHER});
+    const Bytes driver(BITMAP_BYTES, 0xFF);
+    EXPECT_EQ(manager.UpdateAllChildBitmap(BITMAP_BYTES, driver.data()), 0u);
+    EXPECT_TRUE(Child(volume, OTHER).Bitmap() == Bytes(BITMAP_BYTES, 0));
+}
+
+TEST_F(ManagerInit, DeinitReleasesTheContainersAndAnswers0EvenTwice)
+{
+    Load(0, 0);
+    EXPECT_EQ(manager.DeinitBitMapManager(), 0u);
+    EXPECT_EQ(manager.DeinitBitMapManager(), 0u);
+    ExpectNoContainer();
+    DWORD length = 5;
+    BYTE buffer[5] = {};
+    EXPECT_EQ(manager.GetBaseBitmap(&length, buffer), 0u);
+    EXPECT_EQ(length, 0u);
+}
+
+TEST_F(ManagerInit, DeinitOfANewManagerAnswers0)
+{
+    EXPECT_EQ(manager.DeinitBitMapManager(), 0u);
+    log.ExpectNothingLogged();
+}
+
+} // namespace

@@ -23,10 +23,11 @@ struct Module {
 };
 
 ProcessLock g_machineLock;
-std::shared_ptr<Machine> g_machine; // guarded by g_machineLock
+// Neither is ever destroyed: modules that are unloaded after this one still make their last calls through here.
+auto& g_machine = *new std::shared_ptr<Machine>(); // guarded by g_machineLock
 
 ProcessLock g_modulesLock;
-std::vector<Module> g_modules; // guarded by g_modulesLock
+auto& g_modules = *new std::vector<Module>(); // guarded by g_modulesLock
 std::atomic<void*> g_originals[HOOK_COUNT];
 
 bool WritePointer(void** place, void* value)
@@ -194,3 +195,12 @@ void DetachAll()
 }
 
 } // namespace vtfltsim
+
+// A program that frees this module gets its imports back, or its next call would go nowhere. When the process
+// ends, nothing is touched: other modules still close what they have.
+extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, void* processEnds)
+{
+    if (reason == DLL_PROCESS_DETACH && processEnds == nullptr)
+        vtfltsim::DetachAll();
+    return TRUE;
+}

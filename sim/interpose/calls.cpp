@@ -28,12 +28,13 @@ struct Plan {
     void* context = nullptr;
 };
 
-ProcessLock g_lock; // guards all below
-std::vector<Plan> g_plans;
-std::vector<std::wstring> g_trace;
-std::vector<VTFLTSIM_REQUEST> g_requests;
+ProcessLock g_lock; // guards the three below
+// Never destroyed: modules that are unloaded after this one still make their last calls through here.
+auto& g_plans = *new std::vector<Plan>();
+auto& g_trace = *new std::vector<std::wstring>();
+auto& g_requests = *new std::vector<VTFLTSIM_REQUEST>();
 std::atomic<DWORD> g_hits{0};
-bool g_environmentRead = false;
+bool g_environmentRead = false; // guarded by g_lock
 
 thread_local bool t_inCallback = false;
 

@@ -34,7 +34,7 @@ unsigned SpaceOf(OpenKind kind)
 using Place = std::pair<unsigned, const void*>;
 
 ProcessLock g_lock; // guards the three below
-std::map<Place, Entry> g_open;
+auto& g_open = *new std::map<Place, Entry>(); // never destroyed: the last closes come while modules unload
 DWORD g_failedCloses = 0;
 int g_ownedWhenClosed = 0; // mutexes closed by their owner without a release
 

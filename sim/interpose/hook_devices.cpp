@@ -44,6 +44,16 @@ void CompleteOverlapped(OVERLAPPED* overlapped, DWORD code, DWORD bytes)
         SetEvent(reinterpret_cast<HANDLE>(reinterpret_cast<ULONG_PTR>(overlapped->hEvent) & ~ULONG_PTR{1}));
 }
 
+// Access to contents, in the two forms that a caller may ask for it.
+DWORD GenericAccess(DWORD access)
+{
+    if ((access & (FILE_READ_DATA | GENERIC_ALL | MAXIMUM_ALLOWED)) != 0)
+        access |= GENERIC_READ;
+    if ((access & (FILE_WRITE_DATA | GENERIC_ALL | MAXIMUM_ALLOWED)) != 0)
+        access |= GENERIC_WRITE;
+    return access;
+}
+
 HANDLE OpenDevice(const std::shared_ptr<Machine>& machine, const Target& target, const wchar_t* path, DWORD access,
                   DWORD disposition)
 {
@@ -64,7 +74,7 @@ HANDLE OpenDevice(const std::shared_ptr<Machine>& machine, const Target& target,
     auto device = std::make_shared<DeviceObject>();
     device->machine = machine;
     device->endpoint = target.endpoint;
-    device->access = access;
+    device->access = GenericAccess(access);
     const HANDLE handle = handles::OpenSimulated(OpenKind::File, path, std::move(device));
     if (handle == nullptr)
         return INVALID_HANDLE_VALUE;
@@ -120,7 +130,7 @@ Transfer PlanTransfer(DeviceObject& device, DWORD needed, DWORD length, const OV
 {
     Transfer plan;
     std::uint64_t end = 0;
-    plan.code = (device.access & (needed | GENERIC_ALL)) == 0 ? ERROR_ACCESS_DENIED
+    plan.code = (device.access & needed) == 0 ? ERROR_ACCESS_DENIED
                                                               : device.machine->Length(device.endpoint, end);
     if (overlapped != nullptr)
         plan.offset = (static_cast<std::uint64_t>(overlapped->OffsetHigh) << 32) | overlapped->Offset;
@@ -337,7 +347,7 @@ BOOL AskDevice(DeviceObject& device, const model::Request& request, DWORD* retur
 {
     model::Reply reply;
     // As the code itself says: reading access is needed for the length, any for the driver's codes.
-    if (request.code == model::DISK_GET_LENGTH_INFO && (device.access & (GENERIC_READ | GENERIC_ALL)) == 0)
+    if (request.code == model::DISK_GET_LENGTH_INFO && (device.access & GENERIC_READ) == 0)
         reply.status = ERROR_ACCESS_DENIED;
     else
         reply = device.machine->Ask(device.endpoint, request);

@@ -11,3 +11,12 @@ add_test(NAME ${VT_CONFIGURATION}.unit_tests COMMAND unit_tests --gtest_brief=1)
 
 add_test(NAME ${VT_CONFIGURATION}.no_wide_imports
     COMMAND bash "${CMAKE_CURRENT_SOURCE_DIR}/native/check_wide.sh" "$<TARGET_FILE:unit_tests>" "${CMAKE_NM}")
+
+# The machine model needs no Windows and no wide text either.
+vt_glob(sim_model_sources sim/model_test.cpp ../sim/model/*.cpp)
+if(sim_model_sources)
+    add_executable(sim_model_tests ${sim_model_sources})
+    target_include_directories(sim_model_tests PRIVATE "${PROJECT_SOURCE_DIR}/sim")
+    target_link_libraries(sim_model_tests PRIVATE native_flags googletest project_warnings)
+    add_test(NAME ${VT_CONFIGURATION}.sim_model_tests COMMAND sim_model_tests --gtest_brief=1)
+endif()

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <map>
 #include <memory>
 #include <random>
 #include <vector>
@@ -21,21 +20,24 @@ class MemoryStore final : public Store {
 public:
     Status ReadAt(std::uint64_t offset, std::uint8_t* data, std::uint32_t length) override
     {
-        for (std::uint32_t i = 0; i < length; ++i) {
-            const auto found = m_bytes.find(offset + i);
-            data[i] = found != m_bytes.end() ? found->second : 0;
-        }
+        Reach(offset + length);
+        std::memcpy(data, m_bytes.data() + offset, length);
         return OK;
     }
     Status WriteAt(std::uint64_t offset, const std::uint8_t* data, std::uint32_t length) override
     {
-        for (std::uint32_t i = 0; i < length; ++i)
-            m_bytes[offset + i] = data[i];
+        Reach(offset + length);
+        std::memcpy(m_bytes.data() + offset, data, length);
         return OK;
     }
 
 private:
-    std::map<std::uint64_t, std::uint8_t> m_bytes;
+    void Reach(std::uint64_t end)
+    {
+        if (m_bytes.size() < end)
+            m_bytes.resize(end, 0);
+    }
+    Bytes m_bytes;
 };
 
 class SimModelTest : public ::testing::Test {

@@ -1,0 +1,54 @@
+#include "application_id.h"
+
+#include "text.h"
+
+#include <fmt/format.h>
+
+namespace vtbackup {
+namespace {
+
+// \\?\Volume{...}\VelVolTrc\VelVolTrc_child_<id>.dat has to fit in 260 units with its end.
+constexpr std::wstring_view LONGEST_FRAME =
+    L"\\\\?\\Volume{00000000-0000-0000-0000-000000000000}\\VelVolTrc\\VelVolTrc_child_.dat";
+constexpr std::size_t LONGEST_ID = 259 - LONGEST_FRAME.size();
+
+std::string UnsuitableAlone(std::wstring_view id)
+{
+    if (id.empty())
+        return "it is empty";
+    if (id.size() > LONGEST_ID)
+        return fmt::format("it is longer than {} characters, so the path of its bitmap files would be cut", LONGEST_ID);
+    if (id.find(L'*') != std::wstring_view::npos)
+        return "it contains \"*\", which separates entries while lists are merged";
+    for (const wchar_t c : id) {
+        if (c < 0x20 || std::wstring_view(L"<>:\"/\\|?").find(c) != std::wstring_view::npos)
+            return "it contains a character that cannot stand in a file name, and its bitmap files carry it";
+    }
+    if (EndsWithIgnoringCase(id, L".Last"))
+        return "it ends in \".Last\", so its pending list would be another application's verify list";
+    return {};
+}
+
+} // namespace
+
+std::string UnsuitableBecause(std::wstring_view id, const std::vector<std::wstring>& registered)
+{
+    if (std::string reason = UnsuitableAlone(id); !reason.empty())
+        return reason;
+    for (const std::wstring& other : registered) {
+        if (other == id || other.empty())
+            continue;
+        if (EqualIgnoringCase(other, id))
+            return fmt::format("it differs from the registered \"{}\" only in case, so both would use the same files",
+                               ToUtf8(other));
+        if (EndsWithIgnoringCase(other, id))
+            return fmt::format("it is the tail of the registered \"{}\", so it would be found in that one's place",
+                               ToUtf8(other));
+        if (EndsWithIgnoringCase(id, other))
+            return fmt::format("it ends in the registered \"{}\", so it would be found in that one's place",
+                               ToUtf8(other));
+    }
+    return {};
+}
+
+} // namespace vtbackup

@@ -1,0 +1,116 @@
+#include "command_line.h"
+
+#include "failure.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <iostream>
+
+namespace vtbackup {
+namespace {
+
+constexpr const char* FOOTER = R"(Exit codes:
+   0 ok             the work is done
+   1 internal       something that should not happen
+   2 usage          the command line is wrong
+   3 busy           another process works on this application or volume
+   4 refused        the application ID is unsuitable or not registered
+   5 driver-down    the change-tracking driver does not work
+   6 damaged        the repository holds damaged or missing data
+   7 not-reported   the backup is stored, but its success could not be reported
+   8 interrupted    stopped by Ctrl-C; run the command again
+   9 device         a volume, a snapshot or a request to the driver failed
+  10 not-found      no such repository, chain, backup or machine
+  11 repository     a file could not be read or written)";
+
+void AddCommon(CLI::App& command, Options& options, bool needsApplication)
+{
+    auto* application = command.add_option("--app", options.application, "application ID, compared exactly");
+    if (needsApplication)
+        application->required();
+    command.add_option("--repo", options.repository, "folder of the repository")->required();
+    command.add_option("--simulate", options.simulate, "work on the simulated machine in this folder");
+    command.add_flag("--json", options.json, "print the result as one JSON object");
+}
+
+void AddVolume(CLI::App& command, Options& options, bool required)
+{
+    auto* volume = command.add_option("--volume", options.volume,
+                                      "\\\\?\\Volume{...}\\, {...}, or a mount path such as E:\\");
+    if (required)
+        volume->required();
+}
+
+void AddInit(CLI::App& app, Options& options)
+{
+    CLI::App& command = *app.add_subcommand("init", "Make a repository, register the application, track snapshots");
+    AddCommon(command, options, true);
+    auto* reset = command.add_flag("--reset", options.reset,
+                                   "unregister the application first: fresh bitmaps, every next backup a verify");
+    auto* undo = command.add_flag("--undo", options.undo,
+                                  "unregister the application and stop tracking snapshots for it; keeps the repository");
+    reset->excludes(undo);
+    command.add_flag("--no-monitor", options.noMonitor, "leave the tracking of snapshots as it is");
+}
+
+void AddBackup(CLI::App& app, Options& options)
+{
+    CLI::App& command = *app.add_subcommand("backup", "Back up what changed on a volume since the last backup");
+    AddCommon(command, options, true);
+    AddVolume(command, options, true);
+    auto* full = command.add_flag("--full", options.full, "store everything, independent of earlier backups");
+    command.add_flag("--verify", options.verify, "read everything, store what differs")->excludes(full);
+    command.add_flag("--register", options.registerFirst, "register the application if it is not");
+    command.add_flag("--keep-snapshot", options.keepSnapshot, "do not delete the snapshot; its device is printed");
+    command.add_option("--snapshot-create", options.snapshotCreate,
+                       "command that takes a snapshot of %VTBACKUP_VOLUME% and prints its device path");
+    command.add_option("--snapshot-delete", options.snapshotDelete, "command that deletes %VTBACKUP_SNAPSHOT%");
+}
+
+void AddRestore(CLI::App& app, Options& options)
+{
+    CLI::App& command = *app.add_subcommand("restore", "Write a backup of the chain to a file or a volume");
+    AddCommon(command, options, true);
+    AddVolume(command, options, true);
+    command.add_option("--backup", options.backup, "number of the backup; the latest without it")
+        ->check(CLI::PositiveNumber);
+    command.add_option("--to", options.to, "file to make, or {...} of the volume to overwrite")->required();
+    command.add_flag("--overwrite", options.overwrite, "replace an existing file");
+}
+
+} // namespace
+
+ParsedCommandLine ParseCommandLine(std::vector<std::string> arguments)
+{
+    ParsedCommandLine parsed;
+    CLI::App app("Backs up the changed blocks of volumes into a repository that can restore every backup.", "vtbackup");
+    app.require_subcommand(1);
+    app.footer(FOOTER);
+    AddInit(app, parsed.options);
+    AddBackup(app, parsed.options);
+    AddRestore(app, parsed.options);
+    CLI::App& verify = *app.add_subcommand("verify", "Check every block and every chain of the repository");
+    AddCommon(verify, parsed.options, false);
+    AddVolume(verify, parsed.options, false);
+    CLI::App& list = *app.add_subcommand("list", "List the backups of the repository");
+    AddCommon(list, parsed.options, false);
+    AddVolume(list, parsed.options, false);
+    for (CLI::App* command : app.get_subcommands({}))
+        command->footer(FOOTER);
+
+    std::reverse(arguments.begin(), arguments.end()); // as CLI11 takes them
+    try {
+        app.parse(arguments);
+        parsed.options.command = app.get_subcommands().front()->get_name();
+    } catch (const CLI::CallForHelp&) {
+        std::cout << app.help();
+        parsed.exitCode = 0;
+    } catch (const CLI::ParseError& error) {
+        std::cerr << "vtbackup: " << error.what() << "\nTry \"vtbackup --help\".\n";
+        parsed.exitCode = static_cast<int>(Exit::Usage);
+    }
+    return parsed;
+}
+
+} // namespace vtbackup

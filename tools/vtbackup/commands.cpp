@@ -1,0 +1,244 @@
+#include "commands.h"
+
+#include "console.h"
+#include "cycle.h"
+#include "machine.h"
+#include "repository.h"
+#include "restore.h"
+#include "text.h"
+#include "verify.h"
+
+#include <vtfltmgr/VTFltMgr.h>
+
+#include <fmt/format.h>
+
+namespace vtbackup {
+namespace {
+
+using nlohmann::json;
+
+Machine MachineOf(const Options& options)
+{
+    return Machine(ToWide(options.simulate), ToWide(options.snapshotCreate), ToWide(options.snapshotDelete));
+}
+
+std::string ReasonCodes(const Manifest& manifest)
+{
+    std::string text;
+    for (const Reason& reason : manifest.reasons)
+        text += (text.empty() ? "" : ", ") + reason.code;
+    return text;
+}
+
+std::optional<VolumeName> VolumeOf(const Options& options)
+{
+    if (options.volume.empty())
+        return std::nullopt;
+    return ResolveVolumeName(ToWide(options.volume));
+}
+
+// ---- init
+
+void SwitchMonitoring(const Machine& machine, const Options& options, bool on)
+{
+    if (options.noMonitor || machine.State().AskedForMonitoring(options.application) == on)
+        return;
+    const DWORD result = on ? VTFltEnableMonitorForSnapshot(nullptr) : VTFltDisableMonitorForSnapshot(nullptr);
+    if (result != 0)
+        throw Failure(Exit::Device, fmt::format("switching the tracking of snapshots {} failed: {}", on ? "on" : "off",
+                                                ErrorText(result)));
+    machine.State().NoteMonitoring(options.application, on);
+}
+
+bool IsRegisteredNow(const std::wstring& application)
+{
+    return VTCanAppUseBLIDriver(application.c_str()) != 0;
+}
+
+Exit Init(const Options& options)
+{
+    const Machine machine = MachineOf(options);
+    const std::wstring application = ToWide(options.application);
+    CheckApplicationId(application);
+    RequireDriver();
+    std::string id;
+    if (options.undo) {
+        UnregisterApplication(machine, application);
+        SwitchMonitoring(machine, options, false);
+    } else {
+        id = Repository::Create(ToWide(options.repository)).Id();
+        if (options.reset && IsRegisteredNow(application))
+            UnregisterApplication(machine, application);
+        RegisterApplication(machine, application);
+        SwitchMonitoring(machine, options, true);
+    }
+    if (options.json)
+        PrintJson({{"result", "ok"}, {"application", options.application}, {"repository", id},
+                   {"registered", !options.undo}});
+    else
+        Print(options.undo ? fmt::format("application \"{}\" is no longer registered\n", options.application)
+                           : fmt::format("application \"{}\" is registered, repository {}\n", options.application,
+                                         options.repository));
+    return Exit::Ok;
+}
+
+// ---- backup
+
+Exit Backup(const Options& options)
+{
+    const Machine machine = MachineOf(options);
+    static_cast<void>(machine.Snapshots()); // before anything else happens
+    const Repository repository = Repository::Open(ToWide(options.repository));
+    BackupRequest request;
+    request.application = ToWide(options.application);
+    request.volume = ResolveVolumeName(ToWide(options.volume));
+    request.full = options.full;
+    request.verify = options.verify;
+    request.registerFirst = options.registerFirst;
+    request.keepSnapshot = options.keepSnapshot;
+    const BackupResult result = RunBackup(machine, repository, request);
+    const Manifest& m = result.manifest;
+    const Exit code = result.notReported.empty() ? Exit::Ok : Exit::NotReported;
+    if (options.json) {
+        json object = {{"result", OutcomeName(code)},
+                       {"backup", ToJson(m)},
+                       {"reported", code == Exit::Ok},
+                       {"snapshotChanges", result.snapshotChanges}};
+        if (!result.notReported.empty())
+            object["message"] = result.notReported;
+        if (options.keepSnapshot) {
+            object["snapshotDevice"] = result.snapshotDevice;
+            object["snapshotId"] = result.snapshotId;
+        }
+        PrintJson(object);
+    } else {
+        Print(fmt::format("backup {} of {}: {}{}\n", m.sequence, m.volume, KindName(m.kind),
+                          m.reasons.empty() ? "" : " (" + ReasonCodes(m) + ")"));
+        for (const Reason& reason : m.reasons)
+            Print(fmt::format("  {}: {}\n", reason.code, reason.text));
+        Print(fmt::format("  {} blocks stored, {} zero, {} read of {}\n", m.blocksStored, m.blocksZero,
+                          BytesText(m.bytesRead), BytesText(m.geometry.length)));
+        if (options.keepSnapshot)
+            Print(fmt::format("  snapshot {}\n", result.snapshotDevice));
+    }
+    if (code == Exit::NotReported)
+        Diagnose(fmt::format("backup {} is stored, but its success was not reported: {}", m.sequence,
+                             result.notReported));
+    return code;
+}
+
+// ---- restore
+
+Exit RestoreCommand(const Options& options)
+{
+    const Machine machine = MachineOf(options);
+    const Repository repository = Repository::Open(ToWide(options.repository));
+    const Chain chain = repository.ChainOf(ToWide(options.application), *VolumeOf(options));
+    const RestoreResult result = Restore(machine, chain, {options.backup, ToWide(options.to), options.overwrite});
+    if (options.json)
+        PrintJson({{"result", "ok"},
+                   {"backup", result.sequence},
+                   {"volumeLength", result.volumeLength},
+                   {"bytesWritten", result.bytesWritten}});
+    else
+        Print(fmt::format("backup {} restored to {}: {} written of {}\n", result.sequence, options.to,
+                          BytesText(result.bytesWritten), BytesText(result.volumeLength)));
+    return Exit::Ok;
+}
+
+// ---- verify, list
+
+std::vector<Chain> ChainsOf(const Options& options, const Repository& repository)
+{
+    const std::optional<VolumeName> volume = VolumeOf(options);
+    std::vector<Chain> chains = repository.Chains(ToWide(options.application), volume ? &*volume : nullptr);
+    if (chains.empty() && (volume || !options.application.empty()))
+        throw Failure(Exit::NotFound, "the repository holds no such chain");
+    return chains;
+}
+
+Exit Verify(const Options& options)
+{
+    const Machine machine = MachineOf(options);
+    const Repository repository = Repository::Open(ToWide(options.repository));
+    json list = json::array();
+    bool good = true;
+    for (const Chain& chain : ChainsOf(options, repository)) {
+        const ChainCheck check = CheckChain(chain);
+        good = good && check.Good();
+        const std::string volume = ToUtf8(chain.Volume().guid);
+        json backups = json::array();
+        for (const CheckedBackup& backup : check.backups) {
+            backups.push_back({{"backup", backup.sequence}, {"good", backup.problem.empty()},
+                               {"problem", backup.problem}});
+            if (!backup.problem.empty())
+                Diagnose(fmt::format("backup {} of {} for \"{}\": {}", backup.sequence, volume, chain.Application(),
+                                     backup.problem));
+        }
+        list.push_back({{"application", chain.Application()}, {"volume", volume}, {"backups", backups},
+                        {"blocks", check.blocks}, {"bytes", check.bytes}});
+        if (!options.json)
+            Print(fmt::format("{} {}: {} backups, {} blocks, {} checked: {}\n", chain.Application(), volume,
+                              check.backups.size(), check.blocks, BytesText(check.bytes),
+                              check.Good() ? "good" : "DAMAGED"));
+    }
+    const Exit code = good ? Exit::Ok : Exit::Damaged;
+    if (options.json)
+        PrintJson({{"result", OutcomeName(code)}, {"chains", list}});
+    return code;
+}
+
+Exit List(const Options& options)
+{
+    const Machine machine = MachineOf(options);
+    const Repository repository = Repository::Open(ToWide(options.repository));
+    json list = json::array();
+    bool good = true;
+    for (const Chain& chain : ChainsOf(options, repository)) {
+        json backups = json::array();
+        if (!options.json)
+            Print(fmt::format("{} {}\n", chain.Application(), ToUtf8(chain.Volume().guid)));
+        for (const std::uint64_t sequence : chain.Backups()) {
+            try {
+                const Manifest m = chain.ReadManifest(sequence);
+                const bool reported = chain.WasReported(sequence);
+                json object = ToJson(m);
+                object["reported"] = reported;
+                backups.push_back(std::move(object));
+                if (!options.json)
+                    Print(fmt::format("  {:>6}  {}  {:<11}  {:>10} stored  {}{}\n", sequence, m.time,
+                                      KindName(m.kind), BytesText(m.dataLength), ReasonCodes(m),
+                                      reported ? "" : " [success not reported]"));
+            } catch (const Failure& failure) {
+                if (failure.Code() != Exit::Damaged)
+                    throw;
+                good = false;
+                backups.push_back({{"sequence", sequence}, {"damaged", failure.what()}});
+                Diagnose(failure.what());
+            }
+        }
+        list.push_back({{"application", chain.Application()}, {"volume", ToUtf8(chain.Volume().guid)},
+                        {"backups", backups}});
+    }
+    const Exit code = good ? Exit::Ok : Exit::Damaged;
+    if (options.json)
+        PrintJson({{"result", OutcomeName(code)}, {"repository", repository.Id()}, {"chains", list}});
+    return code;
+}
+
+} // namespace
+
+Exit RunCommand(const Options& options)
+{
+    if (options.command == "init")
+        return Init(options);
+    if (options.command == "backup")
+        return Backup(options);
+    if (options.command == "restore")
+        return RestoreCommand(options);
+    if (options.command == "verify")
+        return Verify(options);
+    return List(options);
+}
+
+} // namespace vtbackup

@@ -1,0 +1,15 @@
+// What the program says: data to standard output, everything else to standard error.
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include <string>
+
+namespace vtbackup {
+
+void Print(const std::string& text);
+void PrintJson(const nlohmann::json& object);
+// "vtbackup: message", in red on a terminal unless NO_COLOR is set.
+void Diagnose(const std::string& message);
+
+} // namespace vtbackup

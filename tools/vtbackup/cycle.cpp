@@ -1,0 +1,421 @@
+#include "cycle.h"
+
+#include "chain_reader.h"
+#include "change_map.h"
+#include "copy.h"
+#include "failure.h"
+#include "interrupt.h"
+#include "library.h"
+#include "text.h"
+#include "writer.h"
+
+#include <vtfltmgr/VTFltMgr.h>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <memory>
+#include <optional>
+
+namespace vtbackup {
+namespace {
+
+// Why the backup cannot be incremental, in the order in which it came out.
+struct Doubts {
+    std::vector<Reason> full;   // the backup has to stand alone
+    std::vector<Reason> verify; // the whole volume has to be read and compared
+
+    [[nodiscard]] Kind Decide() const noexcept
+    {
+        return !full.empty() ? Kind::Full : !verify.empty() ? Kind::Verify : Kind::Incremental;
+    }
+    [[nodiscard]] std::vector<Reason> All() const
+    {
+        std::vector<Reason> all = full;
+        all.insert(all.end(), verify.begin(), verify.end());
+        return all;
+    }
+};
+
+std::string UtcNow()
+{
+    SYSTEMTIME t = {};
+    GetSystemTime(&t);
+    return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}Z", t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond);
+}
+
+// Holds the snapshot for the time of the backup and deletes it at every end that the process lives to see.
+class HeldSnapshot {
+public:
+    HeldSnapshot(const Machine& machine, const std::string& application, const VolumeName& volume)
+        : m_machine(machine), m_application(application), m_volume(volume),
+          m_snapshot(machine.Snapshots().Create(volume))
+    {
+        try {
+            machine.State().NoteSnapshot(application, volume, m_snapshot.id);
+        } catch (...) {
+            machine.Snapshots().Delete(m_snapshot.id);
+            throw;
+        }
+    }
+    ~HeldSnapshot()
+    {
+        try {
+            if (m_keep || m_machine.Snapshots().Delete(m_snapshot.id))
+                m_machine.State().ForgetSnapshot(m_application, m_volume);
+        } catch (const Failure&) {
+            // The note stays, and the next backup tries again.
+        }
+    }
+    HeldSnapshot(const HeldSnapshot&) = delete;
+    HeldSnapshot& operator=(const HeldSnapshot&) = delete;
+
+    [[nodiscard]] const Snapshot& Get() const noexcept { return m_snapshot; }
+    void Keep() noexcept { m_keep = true; }
+
+private:
+    const Machine& m_machine;
+    const std::string& m_application;
+    const VolumeName& m_volume;
+    Snapshot m_snapshot;
+    bool m_keep = false;
+};
+
+class Cycle {
+public:
+    Cycle(const Machine& machine, const Repository& repository, const BackupRequest& request)
+        : m_machine(machine), m_repository(repository), m_request(request), m_application(ToUtf8(request.application)),
+          m_chain(repository.ChainOf(request.application, request.volume))
+    {
+    }
+
+    BackupResult Run();
+
+private:
+    void LookAtChain();
+    void CompareWithLastSuccess();
+    void AskWhetherToVerify(const Reason& reason);
+    void BackUp();
+    void FetchChanges(const Volume& volume);
+    void SettleGeometry(const Volume& snapshot, const BitmapManager& manager);
+    void Copy(const Volume& snapshot);
+    void HandBackSnapshotChanges(const Volume& snapshot, const BitmapManager& manager);
+    void Report(const BitmapManager& manager);
+    void NotReportable(const std::string& why);
+
+    const Machine& m_machine;
+    const Repository& m_repository;
+    const BackupRequest& m_request;
+    std::string m_application;
+    Chain m_chain;
+
+    Doubts m_doubts;
+    std::optional<Manifest> m_last;            // nothing when there is no usable chain
+    std::unique_ptr<ChainReader> m_lastReader; // of its contents
+    std::uint32_t m_firstBlockSize = 0;
+    FetchedMap m_changes;
+    std::unique_ptr<BackupWriter> m_writer;
+    BackupResult m_result;
+};
+
+BackupResult Cycle::Run()
+{
+    const std::string volume = ToUtf8(m_request.volume.guid);
+    if (m_request.registerFirst)
+        RegisterApplication(m_machine, m_request.application);
+
+    // One backup of an application at a time: two at once would overwrite each other's marks in its verify list.
+    const Lock applicationLock(m_machine.Locks().Application(m_request.application),
+                               {m_request.application, m_request.volume.guid, L"backup"},
+                               fmt::format("application \"{}\"", m_application));
+    // One backup of a volume at a time whatever the application, from before the snapshot to the report: another
+    // one's fetch in between would move writes later than our snapshot into our child bitmap, and our report would
+    // clear them although we copied their old contents.
+    const Lock volumeLock(m_machine.Locks().Volume(m_request.volume.guid),
+                          {m_request.application, m_request.volume.guid, L"backup"},
+                          fmt::format("volume {}", volume));
+
+    // Two IDs that the system's name rules confuse would share bitmap files, and each would clear the other's.
+    CheckApplicationId(m_request.application);
+    const std::vector<std::wstring> registered = RegisteredApplications();
+    if (std::find(registered.begin(), registered.end(), m_request.application) == registered.end())
+        throw Failure(Exit::Refused, fmt::format("application \"{}\" is not registered; run \"vtbackup init\" or add "
+                                                 "--register",
+                                                 m_application));
+    // Without the driver every question below would be answered "verify" for ever, and writes would go unseen.
+    RequireDriver();
+
+    if (const std::wstring left = m_machine.State().LeftSnapshot(m_application, m_request.volume);
+        !left.empty() && m_machine.Snapshots().NeverReusesIds()) {
+        m_machine.Snapshots().Delete(left); // of a run that was killed; it may be gone already
+        m_machine.State().ForgetSnapshot(m_application, m_request.volume);
+    }
+    m_chain.RemoveUnfinished();
+    LookAtChain();
+    try {
+        BackUp();
+    } catch (...) {
+        m_writer.reset();
+        // Nothing of a backup without a manifest counts; a failure to tidy up must not hide the real one.
+        try {
+            m_chain.RemoveUnfinished();
+        } catch (const Failure&) {
+        }
+        throw;
+    }
+    return std::move(m_result);
+}
+
+// An incremental backup is worth only as much as what it builds on.
+void Cycle::LookAtChain()
+{
+    if (m_request.full)
+        m_doubts.full.push_back(reason::FullRequested());
+    if (m_request.verify)
+        m_doubts.verify.push_back(reason::VerifyRequested());
+    const std::vector<std::uint64_t> backups = m_chain.Backups();
+    if (backups.empty()) {
+        m_doubts.full.push_back(reason::FirstBackup());
+        return;
+    }
+    try {
+        std::vector<Manifest> path = m_chain.PathTo(backups.back());
+        m_lastReader = std::make_unique<ChainReader>(m_chain, path);
+        m_last = path.back();
+    } catch (const Failure& failure) {
+        m_doubts.full.push_back(reason::ChainDamaged(failure.what()));
+        return;
+    }
+    m_doubts.verify.insert(m_doubts.verify.end(), m_last->next.begin(), m_last->next.end());
+    CompareWithLastSuccess();
+}
+
+// The library forgets at every reported success, wherever that backup was stored. If the last success went into
+// another repository, or into a later backup than this copy of the repository knows, then this chain misses what
+// was forgotten there.
+void Cycle::CompareWithLastSuccess()
+{
+    const std::optional<LastSuccess> success = m_machine.State().Read(m_application, m_request.volume);
+    if (!success) {
+        m_doubts.verify.push_back(
+            reason::ChangesTakenElsewhere("this machine has no note of a success that this chain could go on from"));
+        return;
+    }
+    if (success->repository != m_repository.Id()) {
+        m_doubts.verify.push_back(
+            reason::ChangesTakenElsewhere("the last successful backup went into another repository"));
+        return;
+    }
+    try {
+        if (m_chain.ReadManifest(success->sequence).checksum == success->manifestChecksum)
+            return;
+    } catch (const Failure&) {
+        // as good as not there
+    }
+    m_doubts.verify.push_back(reason::ChangesTakenElsewhere(
+        fmt::format("backup {}, the last successful one, is not the one in this repository", success->sequence)));
+}
+
+void Cycle::AskWhetherToVerify(const Reason& reason)
+{
+    // The driver's list reaches this application's verify list only by this call; asking without it would miss
+    // what the driver has just noted.
+    if (const DWORD result = VTReplicateVerifyList(m_request.application.c_str()); result != 0)
+        throw Failure(Exit::Device, fmt::format("VTReplicateVerifyList failed: {}", ErrorText(result)));
+    if (VTIsVerifyRequired(m_request.application.c_str(), m_request.volume.Path().c_str()) != 0)
+        m_doubts.verify.push_back(reason);
+}
+
+void Cycle::BackUp()
+{
+    AskWhetherToVerify(reason::VerifyList());
+
+    const Volume volume(m_request.volume.Device(), Volume::Access::Read);
+    const BitmapManager manager(volume, m_request.volume, m_request.application);
+    m_firstBlockSize = manager.BlockSize();
+    StopIfInterrupted();
+
+    // The driver closes its books at the snapshot that follows this announcement: what is written later belongs to
+    // the next backup. Without it, later writes would be counted as copied.
+    manager.PrepareForSnapshot();
+    HeldSnapshot held(m_machine, m_application, m_request.volume);
+    m_result.manifest.time = UtcNow();
+    const Volume snapshot(held.Get().device, Volume::Access::Read);
+
+    FetchChanges(volume);
+    SettleGeometry(snapshot, manager);
+    Copy(snapshot);
+    HandBackSnapshotChanges(snapshot, manager);
+    Report(manager);
+
+    if (m_request.keepSnapshot) {
+        held.Keep();
+        m_result.snapshotDevice = ToUtf8(held.Get().device);
+        m_result.snapshotId = ToUtf8(held.Get().id);
+    }
+}
+
+void Cycle::FetchChanges(const Volume& volume)
+{
+    m_changes = FetchMap(volume, false);
+    if (m_changes.result != 0 && m_changes.result != VTFLT_VERIFY_REQUIRED) {
+        // No bitmap may stand between a user and a backup: the snapshot is there and can be read. But nothing was
+        // handed over, so there is nothing to report.
+        const Reason noBitmap{"bitmap-unavailable", fmt::format("VTFltGetBitmap failed: {}",
+                                                                ErrorText(m_changes.result))};
+        m_doubts.verify.push_back(noBitmap);
+        m_result.manifest.next.push_back(noBitmap);
+        NotReportable(noBitmap.text + "; if this goes on, begin afresh with \"vtbackup init --reset\"");
+        return;
+    }
+    // "The bitmap may be short": copying just its blocks and reporting success would take the mark off the volume,
+    // and what the bitmap misses would be lost without a trace. The whole volume is read here and now.
+    if (m_changes.result == VTFLT_VERIFY_REQUIRED || !m_changes.whole)
+        m_doubts.verify.push_back(reason::BitmapShort());
+    if (m_doubts.Decide() != Kind::Incremental)
+        return; // what the driver notes from here on stays in its list, for the next backup
+    // Tracking can be lost between the first question and the snapshot. The mark would then come too late for the
+    // question and be taken off by our own report.
+    AskWhetherToVerify(reason::TrackingLostMeanwhile());
+    // The loss may as well have happened after the snapshot, where this backup cannot see what was written, and our
+    // report takes the mark off: so the next backup has to read everything too.
+    if (m_doubts.Decide() != Kind::Incremental)
+        m_result.manifest.next.push_back(reason::TrackingLostMeanwhile());
+}
+
+// A bitmap means nothing without the block size and the length that it was made for. No export announces that they
+// changed, so they are compared with the last manifest, and with themselves a moment ago.
+void Cycle::SettleGeometry(const Volume& snapshot, const BitmapManager& manager)
+{
+    Geometry& geometry = m_result.manifest.geometry;
+    geometry.length = snapshot.Length();
+    geometry.blockSize = manager.BlockSize();
+    if (geometry.blockSize != m_firstBlockSize || (m_changes.whole && m_changes.map.Bits() < geometry.Blocks())) {
+        m_doubts.verify.push_back(reason::GeometryMoved());
+        m_result.manifest.next.push_back(reason::GeometryMoved());
+    }
+    if (!m_last)
+        return;
+    const Geometry& before = m_last->geometry;
+    if (before.blockSize != geometry.blockSize)
+        m_doubts.full.push_back(
+            reason::BlockSizeChanged(fmt::format("from {} to {} bytes", before.blockSize, geometry.blockSize)));
+    if (before.length != geometry.length)
+        m_doubts.verify.push_back(
+            reason::LengthChanged(fmt::format("from {} to {} bytes", before.length, geometry.length)));
+}
+
+void Cycle::Copy(const Volume& snapshot)
+{
+    Manifest& manifest = m_result.manifest;
+    const std::vector<std::uint64_t> folders = m_chain.Folders();
+    manifest.sequence = folders.empty() ? 1 : folders.back() + 1;
+    manifest.application = m_application;
+    manifest.volume = ToUtf8(m_request.volume.guid);
+    manifest.kind = m_doubts.Decide();
+    manifest.reasons = m_doubts.All();
+    manifest.base = manifest.sequence;
+    if (manifest.kind != Kind::Full) {
+        manifest.base = m_last->base;
+        manifest.parent = m_last->sequence;
+        manifest.parentChecksum = m_last->checksum;
+    }
+    manifest.blocksReported = m_changes.map.CountBelow(manifest.geometry.Blocks());
+
+    m_writer = std::make_unique<BackupWriter>(m_chain, manifest.sequence, manifest.geometry);
+    switch (manifest.kind) {
+    case Kind::Full: manifest.bytesRead = CopyEverything(snapshot, manifest.geometry, *m_writer); break;
+    case Kind::Verify:
+        manifest.bytesRead = CopyDifferences(snapshot, manifest.geometry, *m_lastReader, *m_writer);
+        break;
+    case Kind::Incremental:
+        manifest.bytesRead = CopyChanged(snapshot, manifest.geometry, m_changes.map, *m_writer);
+        break;
+    }
+}
+
+// What was written into the snapshot itself is in our copy, but not on the volume. Handed back, these blocks are
+// part of the next backup, which takes them from the volume again.
+void Cycle::HandBackSnapshotChanges(const Volume& snapshot, const BitmapManager& manager)
+{
+    const FetchedMap written = FetchMap(snapshot, true);
+    if (written.result == ERROR_INVALID_FUNCTION || written.result == ERROR_NOT_SUPPORTED) {
+        // Snapshots are not tracked on this machine. This program opens its snapshot for reading only.
+        m_result.snapshotChanges = "untracked";
+        return;
+    }
+    const std::uint64_t count = written.map.CountBelow(written.map.Bits());
+    if (written.result == 0 && written.whole && count == 0) {
+        m_result.snapshotChanges = "none";
+        return;
+    }
+    std::string why;
+    if (written.result != 0 || !written.whole) {
+        why = fmt::format("the snapshot's own changes could not be fetched: {}", ErrorText(written.result));
+    } else if (!m_result.notReported.empty() || !m_changes.whole) {
+        why = "there is no bitmap of the volume to hand them back into";
+    } else if (DirectBlockSize(snapshot) != m_result.manifest.geometry.blockSize) {
+        why = "the snapshot is tracked in blocks of another size than the volume";
+    } else {
+        // A buffer shorter than the volume's bitmap would be ignored with result 0, so it is made exactly as long,
+        // and its header bytes, which would be merged like any others, are zero.
+        ChangeMap back(m_changes.map.Length());
+        bool fits = true;
+        for (std::optional<BlockRun> run = written.map.NextRun(0, written.map.Bits()); run;
+             run = written.map.NextRun(run->end, written.map.Bits())) {
+            fits = fits && run->end <= back.Bits();
+            for (std::uint64_t block = run->begin; block < run->end; ++block)
+                back.Set(block);
+        }
+        const std::uint32_t result = fits ? manager.HandBack(back) : ERROR_INVALID_DATA;
+        if (result == 0) {
+            m_result.snapshotChanges = "handed-back";
+            return;
+        }
+        why = fmt::format("the snapshot's own changes could not be handed back: {}", ErrorText(result));
+    }
+    // The next backup would not know that these blocks differ from the volume. So this one is no success, and the
+    // next one reads everything.
+    m_result.snapshotChanges = "failed";
+    m_result.manifest.next.push_back(reason::SnapshotChangesLost());
+    NotReportable(why);
+}
+
+void Cycle::NotReportable(const std::string& why)
+{
+    m_result.manifest.reportable = false;
+    if (m_result.notReported.empty())
+        m_result.notReported = why;
+}
+
+void Cycle::Report(const BitmapManager& manager)
+{
+    StopIfInterrupted(); // the last place where stopping leaves no backup behind
+    Manifest& manifest = m_result.manifest;
+    m_writer->Finish(manifest);
+    m_writer->Commit(manifest);
+    // From here on the backup is in the repository and on the disk. Reported any earlier, a crash would leave the
+    // changes forgotten and not stored; a crash from here on only makes them come once more.
+    if (!manifest.reportable)
+        return;
+    m_machine.State().Write(m_application, m_request.volume,
+                            {m_repository.Id(), manifest.sequence, manifest.checksum});
+    if (const std::uint32_t result = manager.ReportSuccess(); result != 0) {
+        m_result.notReported = fmt::format("VTFltReplicationSuccess failed: {}", ErrorText(result));
+        return;
+    }
+    try {
+        WriteSmallFileDurably(m_chain.ReportedPath(manifest.sequence), "");
+    } catch (const Failure&) {
+        // It only tells people; the backup is as good without it.
+    }
+}
+
+} // namespace
+
+BackupResult RunBackup(const Machine& machine, const Repository& repository, const BackupRequest& request)
+{
+    return Cycle(machine, repository, request).Run();
+}
+
+} // namespace vtbackup

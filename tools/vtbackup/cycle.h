@@ -1,0 +1,43 @@
+// The backup cycle: one backup of one volume for one application.
+#pragma once
+
+#include "machine.h"
+#include "manifest.h"
+#include "repository.h"
+
+#include <string>
+
+namespace vtbackup {
+
+struct BackupRequest {
+    std::wstring application;
+    VolumeName volume;
+    bool full = false;         // read everything into a backup that stands alone
+    bool verify = false;       // read everything and compare
+    bool registerFirst = false;
+    bool keepSnapshot = false; // for a caller that wants to compare; it deletes the snapshot itself
+};
+
+struct BackupResult {
+    Manifest manifest;
+    std::string snapshotDevice; // only when it was kept
+    std::string snapshotId;
+    std::string snapshotChanges; // "none", "handed-back", "untracked" or "failed"
+    std::string notReported;     // not empty: why success was not reported
+};
+
+// Throws Failure; then nothing was added to the repository and nothing was forgotten. A result with a
+// notReported text is in the repository, and the changes come again with the next backup.
+BackupResult RunBackup(const Machine& machine, const Repository& repository, const BackupRequest& request);
+
+// Registers an application, under its lock and the locks of all fixed volumes. Checks the ID first.
+void RegisterApplication(const Machine& machine, const std::wstring& application);
+// Unregisters it under the same locks.
+void UnregisterApplication(const Machine& machine, const std::wstring& application);
+
+// Throws Failure(Refused) with the reason for an ID that must not be used beside the registered ones.
+void CheckApplicationId(const std::wstring& application);
+// Throws Failure(DriverDown).
+void RequireDriver();
+
+} // namespace vtbackup

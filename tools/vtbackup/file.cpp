@@ -1,0 +1,225 @@
+#include "file.h"
+
+#include "failure.h"
+#include "text.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+namespace vtbackup {
+namespace {
+
+constexpr std::size_t BUFFER_BYTES = 1024 * 1024;
+
+[[noreturn]] void Fail(const char* what, const std::wstring& path, DWORD error)
+{
+    throw Failure(Exit::Repository, fmt::format("cannot {} {}: {}", what, ToUtf8(path), ErrorText(error)));
+}
+
+bool IsThere(const std::wstring& path, bool folder)
+{
+    const DWORD attributes = GetFileAttributesW(path.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && ((attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) == folder;
+}
+
+} // namespace
+
+std::wstring AbsolutePath(const std::wstring& path)
+{
+    if (path.starts_with(L"\\\\?\\") || path.starts_with(L"\\\\.\\"))
+        return path;
+    const DWORD needed = GetFullPathNameW(path.c_str(), 0, nullptr, nullptr);
+    if (needed == 0)
+        Fail("resolve", path, GetLastError());
+    std::wstring full(needed, L'\0');
+    full.resize(GetFullPathNameW(path.c_str(), needed, full.data(), nullptr));
+    while (full.size() > 3 && full.back() == L'\\')
+        full.pop_back();
+    if (full.starts_with(L"\\\\"))
+        return L"\\\\?\\UNC" + full.substr(1);
+    return L"\\\\?\\" + full;
+}
+
+std::wstring Join(const std::wstring& folder, const std::wstring& name)
+{
+    return folder.ends_with(L'\\') ? folder + name : folder + L"\\" + name;
+}
+
+bool FileExists(const std::wstring& path)
+{
+    return IsThere(path, false);
+}
+
+bool FolderExists(const std::wstring& path)
+{
+    return IsThere(path, true);
+}
+
+void MakeFolders(const std::wstring& path)
+{
+    if (FolderExists(path) || CreateDirectoryW(path.c_str(), nullptr))
+        return;
+    DWORD error = GetLastError();
+    if (error == ERROR_PATH_NOT_FOUND) {
+        const std::size_t slash = path.find_last_of(L'\\');
+        if (slash == std::wstring::npos || slash < 6)
+            Fail("make folder", path, error);
+        MakeFolders(path.substr(0, slash));
+        if (CreateDirectoryW(path.c_str(), nullptr))
+            return;
+        error = GetLastError();
+    }
+    if (error != ERROR_ALREADY_EXISTS || !FolderExists(path))
+        Fail("make folder", path, error);
+}
+
+std::vector<FolderEntry> ListFolder(const std::wstring& path)
+{
+    std::vector<FolderEntry> entries;
+    WIN32_FIND_DATAW found = {};
+    const HANDLE search = FindFirstFileW(Join(path, L"*").c_str(), &found);
+    if (search == INVALID_HANDLE_VALUE) {
+        const DWORD error = GetLastError();
+        if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND)
+            return entries;
+        Fail("list", path, error);
+    }
+    do {
+        const std::wstring name = found.cFileName;
+        if (name != L"." && name != L"..")
+            entries.push_back({name, (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0});
+    } while (FindNextFileW(search, &found));
+    const DWORD error = GetLastError();
+    FindClose(search);
+    if (error != ERROR_NO_MORE_FILES)
+        Fail("list", path, error);
+    return entries;
+}
+
+void RemoveFileIfThere(const std::wstring& path)
+{
+    if (DeleteFileW(path.c_str()))
+        return;
+    const DWORD error = GetLastError();
+    if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND)
+        Fail("delete", path, error);
+}
+
+void RemoveFolderWithFiles(const std::wstring& path)
+{
+    for (const FolderEntry& entry : ListFolder(path)) {
+        if (!entry.folder)
+            RemoveFileIfThere(Join(path, entry.name));
+    }
+    if (!RemoveDirectoryW(path.c_str()) && FolderExists(path))
+        Fail("delete folder", path, GetLastError());
+}
+
+std::optional<std::string> ReadSmallFile(const std::wstring& path, std::uint64_t limit)
+{
+    const DWORD attributes = GetFileAttributesW(path.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES) {
+        const DWORD error = GetLastError();
+        if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND)
+            return std::nullopt;
+        Fail("read", path, error);
+    }
+    FileReader reader(path);
+    if (reader.Length() > limit)
+        throw Failure(Exit::Damaged, fmt::format("{} is damaged: {} bytes, where at most {} can be", ToUtf8(path),
+                                                 reader.Length(), limit));
+    std::string content(static_cast<std::size_t>(reader.Length()), '\0');
+    if (!reader.ReadAt(0, content.data(), content.size()))
+        throw Failure(Exit::Damaged, fmt::format("{} became shorter while it was read", ToUtf8(path)));
+    return content;
+}
+
+void WriteSmallFileDurably(const std::wstring& path, const std::string& content)
+{
+    const std::wstring temporary = path + L".tmp";
+    {
+        FileWriter writer(temporary);
+        writer.Write(content.data(), content.size());
+        // The content has to be on the disk before the name is: a rename that survives a crash must not
+        // name an empty file.
+        writer.Flush();
+    }
+    if (!MoveFileExW(temporary.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
+        Fail("rename into place", path, GetLastError());
+}
+
+FileWriter::FileWriter(const std::wstring& path)
+    : m_path(path), m_handle(CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
+                                         FILE_ATTRIBUTE_NORMAL, nullptr))
+{
+    if (!m_handle)
+        Fail("create", m_path, GetLastError());
+}
+
+void FileWriter::Write(const void* bytes, std::size_t length)
+{
+    const auto* p = static_cast<const unsigned char*>(bytes);
+    m_length += length;
+    while (length > 0) {
+        const std::size_t part = std::min(length, BUFFER_BYTES - m_buffer.size());
+        m_buffer.insert(m_buffer.end(), p, p + part);
+        p += part;
+        length -= part;
+        if (m_buffer.size() == BUFFER_BYTES)
+            WriteBuffer();
+    }
+}
+
+void FileWriter::WriteBuffer()
+{
+    if (m_buffer.empty())
+        return;
+    DWORD written = 0;
+    if (!WriteFile(m_handle.Get(), m_buffer.data(), static_cast<DWORD>(m_buffer.size()), &written, nullptr))
+        Fail("write", m_path, GetLastError());
+    if (written != m_buffer.size())
+        Fail("write", m_path, ERROR_DISK_FULL);
+    m_buffer.clear();
+}
+
+void FileWriter::Flush()
+{
+    WriteBuffer();
+    if (!FlushFileBuffers(m_handle.Get()))
+        Fail("flush", m_path, GetLastError());
+}
+
+FileReader::FileReader(const std::wstring& path)
+    : m_path(path), m_handle(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                         OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr))
+{
+    if (!m_handle)
+        Fail("open", m_path, GetLastError());
+    LARGE_INTEGER size = {};
+    if (!GetFileSizeEx(m_handle.Get(), &size))
+        Fail("measure", m_path, GetLastError());
+    m_length = static_cast<std::uint64_t>(size.QuadPart);
+}
+
+bool FileReader::ReadAt(std::uint64_t offset, void* out, std::size_t length)
+{
+    auto* p = static_cast<unsigned char*>(out);
+    LARGE_INTEGER place = {};
+    place.QuadPart = static_cast<LONGLONG>(offset);
+    if (!SetFilePointerEx(m_handle.Get(), place, nullptr, FILE_BEGIN))
+        Fail("read", m_path, GetLastError());
+    while (length > 0) {
+        DWORD got = 0;
+        const DWORD part = static_cast<DWORD>(std::min<std::size_t>(length, 64 * BUFFER_BYTES));
+        if (!ReadFile(m_handle.Get(), p, part, &got, nullptr))
+            Fail("read", m_path, GetLastError());
+        if (got == 0)
+            return false;
+        p += got;
+        length -= got;
+    }
+    return true;
+}
+
+} // namespace vtbackup

@@ -1,0 +1,95 @@
+#include "machine_state.h"
+
+#include "checksum.h"
+#include "failure.h"
+#include "file.h"
+#include "text.h"
+
+namespace vtbackup {
+namespace {
+
+using nlohmann::json;
+
+constexpr std::uint64_t LIMIT = 64 * 1024;
+
+} // namespace
+
+std::wstring MachineState::ApplicationFolder(const std::string& application) const
+{
+    return Join(m_folder, ToWide(ToHex(ChecksumOf(application.data(), application.size()))));
+}
+
+std::wstring MachineState::File(const std::string& application, const VolumeName& volume, const wchar_t* ending) const
+{
+    return Join(ApplicationFolder(application), volume.guid + ending);
+}
+
+std::optional<LastSuccess> MachineState::Read(const std::string& application, const VolumeName& volume) const
+{
+    try {
+        const std::optional<std::string> text = ReadSmallFile(File(application, volume, L".success.json"), LIMIT);
+        const json object = json::parse(text.value_or(""), nullptr, false);
+        if (!object.is_object() || object.value("application", "") != application)
+            return std::nullopt;
+        return LastSuccess{object.at("repository").get<std::string>(), object.at("sequence").get<std::uint64_t>(),
+                           object.at("manifestChecksum").get<std::string>()};
+    } catch (const json::exception&) {
+        return std::nullopt;
+    } catch (const Failure&) {
+        return std::nullopt;
+    }
+}
+
+void MachineState::Write(const std::string& application, const VolumeName& volume, const LastSuccess& success) const
+{
+    MakeFolders(ApplicationFolder(application));
+    const json object = {{"application", application},
+                         {"volume", ToUtf8(volume.guid)},
+                         {"repository", success.repository},
+                         {"sequence", success.sequence},
+                         {"manifestChecksum", success.manifestChecksum}};
+    WriteSmallFileDurably(File(application, volume, L".success.json"), object.dump(2) + "\n");
+}
+
+void MachineState::Forget(const std::string& application) const
+{
+    const std::wstring folder = ApplicationFolder(application);
+    for (const FolderEntry& entry : ListFolder(folder)) {
+        if (!entry.folder && entry.name.ends_with(L".success.json"))
+            RemoveFileIfThere(Join(folder, entry.name));
+    }
+}
+
+bool MachineState::AskedForMonitoring(const std::string& application) const
+{
+    return FileExists(Join(ApplicationFolder(application), L"monitoring"));
+}
+
+void MachineState::NoteMonitoring(const std::string& application, bool asked) const
+{
+    const std::wstring path = Join(ApplicationFolder(application), L"monitoring");
+    if (!asked) {
+        RemoveFileIfThere(path);
+        return;
+    }
+    MakeFolders(ApplicationFolder(application));
+    WriteSmallFileDurably(path, application);
+}
+
+void MachineState::NoteSnapshot(const std::string& application, const VolumeName& volume, const std::wstring& id) const
+{
+    MakeFolders(ApplicationFolder(application));
+    WriteSmallFileDurably(File(application, volume, L".snapshot"), ToUtf8(id));
+}
+
+std::wstring MachineState::LeftSnapshot(const std::string& application, const VolumeName& volume) const
+{
+    return ToWide(ReadSmallFile(File(application, volume, L".snapshot"), LIMIT).value_or(""));
+}
+
+void MachineState::ForgetSnapshot(const std::string& application, const VolumeName& volume) const
+{
+    RemoveFileIfThere(File(application, volume, L".snapshot"));
+}
+
+} // namespace vtbackup

@@ -1,0 +1,54 @@
+// A backup's manifest: what was backed up, how, and why so. It is the file whose presence makes a backup.
+#pragma once
+
+#include "reason.h"
+#include "volume.h"
+
+#include <nlohmann/json.hpp>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace vtbackup {
+
+enum class Kind {
+    Full,        // stands alone: every block that is not zero
+    Verify,      // the whole volume was read; stored is what differs from the chain so far
+    Incremental, // the blocks that the driver reported, unread otherwise
+};
+const char* KindName(Kind kind) noexcept;
+
+struct Manifest {
+    std::uint64_t sequence = 0; // 1, 2, ... within its chain
+    std::uint64_t base = 0;     // the full backup that this one builds on; itself for a full one
+    std::uint64_t parent = 0;   // the backup before it, 0 for a full one
+    std::string parentChecksum; // of the parent's manifest, empty for a full one
+    std::string application;
+    std::string volume; // {...}
+    std::string time;   // of the snapshot, UTC, 2026-01-31T12:00:00Z
+    Kind kind = Kind::Full;
+    std::vector<Reason> reasons; // why it is not incremental; empty for an incremental one
+    std::vector<Reason> next;    // not empty: the next backup must read the whole volume, for these reasons
+    bool reportable = true;      // false: success must not be reported for this backup
+    Geometry geometry;
+    std::uint64_t blocksReported = 0; // by the driver
+    std::uint64_t blocksStored = 0;   // in the data file
+    std::uint64_t blocksZero = 0;     // recorded as zero
+    std::uint64_t bytesRead = 0;      // from the snapshot
+    std::uint64_t dataLength = 0;
+    std::uint64_t indexLength = 0;
+    std::string indexChecksum; // as the index file ends with it
+
+    std::string checksum; // of this manifest as it is stored; set by FormatManifest and ParseManifest
+};
+
+nlohmann::json ToJson(const Manifest& manifest);
+
+// The file's text: {"manifest": {...}, "checksum": "..."}, and manifest.checksum.
+std::string FormatManifest(Manifest& manifest);
+// Throws Failure(Exit::Damaged), with the file's name, for text that FormatManifest cannot have written or whose
+// numbers contradict each other.
+Manifest ParseManifest(const std::string& text, const std::string& fileName);
+
+} // namespace vtbackup

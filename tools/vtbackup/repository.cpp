@@ -1,0 +1,265 @@
+#include "repository.h"
+
+#include "checksum.h"
+#include "failure.h"
+#include "file.h"
+#include "text.h"
+
+#include <fmt/format.h>
+#include <fmt/xchar.h>
+
+#include <algorithm>
+#include <random>
+
+namespace vtbackup {
+namespace {
+
+using nlohmann::json;
+
+constexpr std::uint64_t SMALL_FILE_LIMIT = 1024 * 1024;
+constexpr const wchar_t* REPOSITORY_FILE = L"repository.json";
+constexpr const wchar_t* CHAIN_FILE = L"chain.json";
+
+// Letters, digits, "-" and "_" stand for themselves, every other byte of the UTF-8 text is %XX; the checksum
+// keeps IDs apart that differ only in case.
+std::wstring FolderNameOf(std::string_view application)
+{
+    std::string name;
+    for (const char c : application.substr(0, 40)) {
+        const auto byte = static_cast<unsigned char>(c);
+        const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+                           c == '_';
+        name += plain ? std::string(1, c) : fmt::format("%{:02X}", byte);
+    }
+    return ToWide(name + "-" + ToHex(ChecksumOf(application.data(), application.size())).substr(0, 8));
+}
+
+// 8 digits or more, nothing else; 0 when it is no backup's folder.
+std::uint64_t SequenceFrom(const std::wstring& name)
+{
+    if (name.size() < 8 || name.size() > 18)
+        return 0;
+    std::uint64_t value = 0;
+    for (const wchar_t c : name) {
+        if (c < L'0' || c > L'9')
+            return 0;
+        value = value * 10 + static_cast<std::uint64_t>(c - L'0');
+    }
+    return fmt::format(L"{:08}", value) == name ? value : 0;
+}
+
+json ReadJson(const std::wstring& path)
+{
+    const std::optional<std::string> text = ReadSmallFile(path, SMALL_FILE_LIMIT);
+    if (!text)
+        throw Failure(Exit::NotFound, fmt::format("{} does not exist", ToUtf8(path)));
+    json parsed = json::parse(*text, nullptr, false);
+    if (!parsed.is_object())
+        throw Failure(Exit::Damaged, fmt::format("{} is damaged: it is no JSON object", ToUtf8(path)));
+    return parsed;
+}
+
+std::string TextMember(const json& object, const char* key, const std::wstring& path)
+{
+    const auto found = object.find(key);
+    if (found == object.end() || !found->is_string())
+        throw Failure(Exit::Damaged, fmt::format("{} is damaged: \"{}\" is missing", ToUtf8(path), key));
+    return found->get<std::string>();
+}
+
+} // namespace
+
+std::string RandomId()
+{
+    std::random_device source;
+    std::string id;
+    for (int i = 0; i < 4; ++i)
+        id += fmt::format("{:08x}", source() & 0xFFFFFFFFU);
+    return id;
+}
+
+Chain::Chain(std::wstring folder, std::string application, VolumeName volume)
+    : m_folder(std::move(folder)), m_application(std::move(application)), m_volume(std::move(volume))
+{
+}
+
+std::wstring Chain::BackupFolder(std::uint64_t sequence) const
+{
+    return Join(m_folder, fmt::format(L"{:08}", sequence));
+}
+
+std::wstring Chain::ManifestPath(std::uint64_t sequence) const
+{
+    return Join(BackupFolder(sequence), L"manifest.json");
+}
+
+std::wstring Chain::IndexPath(std::uint64_t sequence) const
+{
+    return Join(BackupFolder(sequence), L"index.bin");
+}
+
+std::wstring Chain::DataPath(std::uint64_t sequence) const
+{
+    return Join(BackupFolder(sequence), L"data.bin");
+}
+
+std::wstring Chain::ReportedPath(std::uint64_t sequence) const
+{
+    return Join(BackupFolder(sequence), L"reported");
+}
+
+std::vector<std::uint64_t> Chain::Folders() const
+{
+    std::vector<std::uint64_t> sequences;
+    for (const FolderEntry& entry : ListFolder(m_folder)) {
+        const std::uint64_t sequence = entry.folder ? SequenceFrom(entry.name) : 0;
+        if (sequence != 0)
+            sequences.push_back(sequence);
+    }
+    std::sort(sequences.begin(), sequences.end());
+    return sequences;
+}
+
+std::vector<std::uint64_t> Chain::Backups() const
+{
+    std::vector<std::uint64_t> sequences = Folders();
+    std::erase_if(sequences, [this](std::uint64_t sequence) { return !FileExists(ManifestPath(sequence)); });
+    return sequences;
+}
+
+Manifest Chain::ReadManifest(std::uint64_t sequence) const
+{
+    const std::wstring path = ManifestPath(sequence);
+    const std::optional<std::string> text = ReadSmallFile(path, SMALL_FILE_LIMIT);
+    if (!text)
+        throw Failure(Exit::NotFound, fmt::format("there is no backup {} of volume {} for application \"{}\"", sequence,
+                                                  ToUtf8(m_volume.guid), m_application));
+    Manifest manifest = ParseManifest(*text, ToUtf8(path));
+    // A folder that was copied or renamed by hand would restore the wrong contents without a word.
+    if (manifest.sequence != sequence || manifest.application != m_application ||
+        manifest.volume != ToUtf8(m_volume.guid))
+        throw Failure(Exit::Damaged, fmt::format("{} belongs to another place: backup {} of volume {} for \"{}\"",
+                                                 ToUtf8(path), manifest.sequence, manifest.volume,
+                                                 manifest.application));
+    return manifest;
+}
+
+std::vector<Manifest> Chain::PathTo(std::uint64_t sequence) const
+{
+    std::vector<Manifest> path;
+    path.push_back(ReadManifest(sequence));
+    while (path.back().kind != Kind::Full) {
+        const Manifest& child = path.back();
+        Manifest parent;
+        try {
+            parent = ReadManifest(child.parent);
+        } catch (const Failure& failure) {
+            if (failure.Code() != Exit::NotFound)
+                throw;
+            throw Failure(Exit::Damaged, fmt::format("backup {} builds on backup {}, which is missing", child.sequence,
+                                                     child.parent));
+        }
+        if (parent.checksum != child.parentChecksum)
+            throw Failure(Exit::Damaged, fmt::format("backup {} was made on another backup {} than the one that is there",
+                                                     child.sequence, child.parent));
+        if (parent.base != child.base || parent.geometry.blockSize != child.geometry.blockSize)
+            throw Failure(Exit::Damaged, fmt::format("backups {} and {} do not belong together", parent.sequence,
+                                                     child.sequence));
+        path.push_back(std::move(parent)); // sequences fall strictly, so this ends
+    }
+    std::reverse(path.begin(), path.end());
+    return path;
+}
+
+bool Chain::WasReported(std::uint64_t sequence) const
+{
+    return FileExists(ReportedPath(sequence));
+}
+
+void Chain::RemoveUnfinished() const
+{
+    for (const std::uint64_t sequence : Folders()) {
+        if (!FileExists(ManifestPath(sequence)))
+            RemoveFolderWithFiles(BackupFolder(sequence));
+    }
+}
+
+void Chain::Create() const
+{
+    MakeFolders(m_folder);
+    const std::wstring path = Join(m_folder, CHAIN_FILE);
+    if (!FileExists(path))
+        WriteSmallFileDurably(path,
+                              json{{"application", m_application}, {"volume", ToUtf8(m_volume.guid)}}.dump(2) + "\n");
+}
+
+Repository Repository::Open(const std::wstring& folder)
+{
+    const std::wstring root = AbsolutePath(folder);
+    const std::wstring path = Join(root, REPOSITORY_FILE);
+    if (!FileExists(path))
+        throw Failure(Exit::NotFound, fmt::format("{} holds no repository; make one with \"vtbackup init\"",
+                                                  ToUtf8(folder)));
+    const json content = ReadJson(path);
+    if (TextMember(content, "format", path) != "vtbackup-repository" || content.value("version", json()) != 1)
+        throw Failure(Exit::Damaged, fmt::format("{} is of an unknown format", ToUtf8(path)));
+    const std::string id = TextMember(content, "id", path);
+    if (id.empty())
+        throw Failure(Exit::Damaged, fmt::format("{} is damaged: its id is empty", ToUtf8(path)));
+    return Repository(root, id);
+}
+
+Repository Repository::Create(const std::wstring& folder)
+{
+    const std::wstring root = AbsolutePath(folder);
+    const std::wstring path = Join(root, REPOSITORY_FILE);
+    if (FileExists(path))
+        return Open(folder);
+    MakeFolders(root);
+    for (const FolderEntry& entry : ListFolder(root)) {
+        // Our own temporary file is what an interrupted init leaves.
+        if (entry.name != std::wstring(REPOSITORY_FILE) + L".tmp")
+            throw Failure(Exit::Repository,
+                          fmt::format("{} is not empty and holds no repository", ToUtf8(folder)));
+    }
+    WriteSmallFileDurably(path,
+                          json{{"format", "vtbackup-repository"}, {"version", 1}, {"id", RandomId()}}.dump(2) + "\n");
+    return Open(folder);
+}
+
+Chain Repository::ChainOf(std::wstring_view application, const VolumeName& volume) const
+{
+    const std::string id = ToUtf8(application);
+    const std::wstring folder = Join(Join(Join(m_folder, L"chains"), FolderNameOf(id)), volume.guid);
+    return Chain(folder, id, volume);
+}
+
+std::vector<Chain> Repository::Chains(std::wstring_view application, const VolumeName* volume) const
+{
+    std::vector<Chain> chains;
+    const std::wstring root = Join(m_folder, L"chains");
+    for (const FolderEntry& owner : ListFolder(root)) {
+        if (!owner.folder)
+            continue;
+        for (const FolderEntry& entry : ListFolder(Join(root, owner.name))) {
+            const std::wstring folder = Join(Join(root, owner.name), entry.name);
+            const std::wstring file = Join(folder, CHAIN_FILE);
+            if (!entry.folder || !FileExists(file))
+                continue; // a chain whose first backup never began
+            const json content = ReadJson(file);
+            const std::string id = TextMember(content, "application", file);
+            const std::optional<VolumeName> name = ParseVolumeName(ToWide(TextMember(content, "volume", file)));
+            if (!name)
+                throw Failure(Exit::Damaged, fmt::format("{} is damaged: it names no volume", ToUtf8(file)));
+            if (!application.empty() && ToUtf8(application) != id)
+                continue;
+            if (volume != nullptr && !EqualIgnoringCase(volume->guid, name->guid))
+                continue;
+            chains.emplace_back(folder, id, *name);
+        }
+    }
+    std::sort(chains.begin(), chains.end(), [](const Chain& a, const Chain& b) { return a.Folder() < b.Folder(); });
+    return chains;
+}
+
+} // namespace vtbackup

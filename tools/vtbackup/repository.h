@@ -1,0 +1,75 @@
+// A repository's folders and names. docs/repository-format.md describes what lies in them.
+#pragma once
+
+#include "manifest.h"
+#include "volume.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace vtbackup {
+
+// One application's backups of one volume.
+class Chain {
+public:
+    Chain(std::wstring folder, std::string application, VolumeName volume);
+
+    [[nodiscard]] const std::wstring& Folder() const noexcept { return m_folder; }
+    [[nodiscard]] const std::string& Application() const noexcept { return m_application; }
+    [[nodiscard]] const VolumeName& Volume() const noexcept { return m_volume; }
+    [[nodiscard]] std::wstring BackupFolder(std::uint64_t sequence) const;
+    [[nodiscard]] std::wstring ManifestPath(std::uint64_t sequence) const;
+    [[nodiscard]] std::wstring IndexPath(std::uint64_t sequence) const;
+    [[nodiscard]] std::wstring DataPath(std::uint64_t sequence) const;
+    [[nodiscard]] std::wstring ReportedPath(std::uint64_t sequence) const;
+
+    // The folders that are there, whole backups or not, ascending.
+    [[nodiscard]] std::vector<std::uint64_t> Folders() const;
+    // Those with a manifest, ascending.
+    [[nodiscard]] std::vector<std::uint64_t> Backups() const;
+    // Reads one manifest. Throws Failure(NotFound) when there is none, Failure(Damaged) when it is unusable.
+    [[nodiscard]] Manifest ReadManifest(std::uint64_t sequence) const;
+    // The backups that a restore of this one needs, from its full one to itself. Throws Failure(Damaged) with
+    // the missing or damaged member.
+    [[nodiscard]] std::vector<Manifest> PathTo(std::uint64_t sequence) const;
+    // Whether success was reported for a backup. Only for people to read; no decision hangs on it.
+    [[nodiscard]] bool WasReported(std::uint64_t sequence) const;
+
+    // Removes what an ended run left: folders without a manifest. Call it under the locks.
+    void RemoveUnfinished() const;
+    // Makes the folder and says in it whose it is.
+    void Create() const;
+
+private:
+    std::wstring m_folder;
+    std::string m_application;
+    VolumeName m_volume;
+};
+
+class Repository {
+public:
+    // Throws Failure(NotFound) when the folder is no repository.
+    static Repository Open(const std::wstring& folder);
+    // Opens it, or makes it in a folder that is missing or empty.
+    static Repository Create(const std::wstring& folder);
+
+    [[nodiscard]] const std::string& Id() const noexcept { return m_id; }
+    [[nodiscard]] const std::wstring& Folder() const noexcept { return m_folder; }
+    [[nodiscard]] Chain ChainOf(std::wstring_view application, const VolumeName& volume) const;
+    // Every chain that is there, optionally of one application or one volume only, by name.
+    [[nodiscard]] std::vector<Chain> Chains(std::wstring_view application, const VolumeName* volume) const;
+
+private:
+    Repository(std::wstring folder, std::string id) : m_folder(std::move(folder)), m_id(std::move(id)) {}
+
+    std::wstring m_folder;
+    std::string m_id;
+};
+
+// A fresh random name: 32 hexadecimal digits.
+std::string RandomId();
+
+} // namespace vtbackup

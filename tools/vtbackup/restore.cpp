@@ -1,0 +1,248 @@
+#include "restore.h"
+
+#include "chain_reader.h"
+#include "failure.h"
+#include "file.h"
+#include "interrupt.h"
+#include "progress.h"
+#include "text.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <vector>
+
+namespace vtbackup {
+namespace {
+
+constexpr std::uint64_t WRITE_BYTES = 1024 * 1024;
+
+// Collects neighbouring blocks into one write.
+template <class Target>
+class Gathered {
+public:
+    Gathered(Target& target, RestoreResult& result) : m_target(target), m_result(result) {}
+
+    void Add(std::uint64_t offset, const unsigned char* bytes, std::size_t length)
+    {
+        if (offset != m_offset + m_buffer.size() || m_buffer.size() + length > WRITE_BYTES)
+            Write();
+        if (m_buffer.empty())
+            m_offset = offset;
+        m_buffer.insert(m_buffer.end(), bytes, bytes + length);
+    }
+    void Write()
+    {
+        if (!m_buffer.empty())
+            m_target.WriteAt(m_offset, m_buffer.data(), static_cast<std::uint32_t>(m_buffer.size()));
+        m_result.bytesWritten += m_buffer.size();
+        m_buffer.clear();
+    }
+
+private:
+    Target& m_target;
+    RestoreResult& m_result;
+    std::uint64_t m_offset = 0;
+    std::vector<unsigned char> m_buffer;
+};
+
+// A file of the volume's length in which only what is not zero takes room, where the file system can do that.
+class SparseFile {
+public:
+    SparseFile(std::wstring path, std::uint64_t length)
+        : m_path(std::move(path)), m_handle(CreateFileW(m_path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr,
+                                                        CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr))
+    {
+        if (!m_handle)
+            Fail();
+        DWORD returned = 0;
+        DeviceIoControl(m_handle.Get(), FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0, &returned, nullptr);
+        Seek(length);
+        if (!SetEndOfFile(m_handle.Get()))
+            Fail();
+    }
+
+    void WriteAt(std::uint64_t offset, const void* bytes, std::uint32_t length)
+    {
+        Seek(offset);
+        DWORD written = 0;
+        if (!WriteFile(m_handle.Get(), bytes, length, &written, nullptr))
+            Fail();
+        if (written != length) {
+            SetLastError(ERROR_DISK_FULL);
+            Fail();
+        }
+    }
+
+    void Finish(const std::wstring& name)
+    {
+        if (!FlushFileBuffers(m_handle.Get()))
+            Fail();
+        m_handle.Close();
+        if (!MoveFileExW(m_path.c_str(), name.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
+            Fail();
+    }
+
+    void Discard() noexcept
+    {
+        m_handle.Close();
+        DeleteFileW(m_path.c_str());
+    }
+
+private:
+    void Seek(std::uint64_t offset)
+    {
+        LARGE_INTEGER place = {};
+        place.QuadPart = static_cast<LONGLONG>(offset);
+        if (!SetFilePointerEx(m_handle.Get(), place, nullptr, FILE_BEGIN))
+            Fail();
+    }
+    [[noreturn]] void Fail() const
+    {
+        throw Failure(Exit::Repository, fmt::format("cannot write {}: {}", ToUtf8(m_path), ErrorText(GetLastError())));
+    }
+
+    std::wstring m_path;
+    Handle m_handle;
+};
+
+std::uint64_t StoredBytes(const std::vector<Manifest>& path)
+{
+    std::uint64_t bytes = 0;
+    for (const Manifest& manifest : path)
+        bytes += manifest.dataLength;
+    return std::min(bytes, path.back().geometry.length);
+}
+
+// Walks the chain and hands every block that holds something to visit(block, bytes).
+template <class Visit>
+void ForEachBlock(const Chain& chain, std::vector<Manifest> path, Visit visit)
+{
+    Progress progress("restore", StoredBytes(path));
+    ChainReader reader(chain, std::move(path));
+    const Geometry geometry = reader.Last().geometry;
+    std::vector<unsigned char> buffer(geometry.blockSize);
+    while (const std::optional<ChainBlock> block = reader.Next()) {
+        StopIfInterrupted();
+        if (block->zero)
+            continue;
+        if (block->length != geometry.BytesOf(block->block))
+            throw Failure(Exit::Damaged, fmt::format("the chain is damaged: block {} has a wrong length", block->block));
+        reader.Read(*block, buffer.data());
+        visit(*block, buffer.data());
+        progress.Add(block->length);
+    }
+}
+
+void RestoreToFile(const Chain& chain, const std::vector<Manifest>& path, const RestoreRequest& request,
+                   RestoreResult& result)
+{
+    const std::wstring name = AbsolutePath(request.target);
+    if (!request.overwrite && GetFileAttributesW(name.c_str()) != INVALID_FILE_ATTRIBUTES)
+        throw Failure(Exit::Usage, fmt::format("{} exists already; add --overwrite to replace it",
+                                               ToUtf8(request.target)));
+    const Geometry geometry = path.back().geometry;
+    SparseFile file(name + L".partial", geometry.length);
+    try {
+        Gathered<SparseFile> writes(file, result);
+        ForEachBlock(chain, path, [&](const ChainBlock& block, const unsigned char* bytes) {
+            writes.Add(block.block * geometry.blockSize, bytes, block.length);
+        });
+        writes.Write();
+        file.Finish(name);
+    } catch (...) {
+        file.Discard();
+        throw;
+    }
+}
+
+// Fills what the backup has no block for with zeros, where the volume may hold something else.
+class ZeroFill {
+public:
+    ZeroFill(const Volume& volume, Geometry geometry, Gathered<const Volume>& writes)
+        : m_geometry(geometry), m_writes(writes), m_walk(volume, geometry), m_zeros(geometry.blockSize)
+    {
+        m_run = m_walk.Next();
+    }
+
+    // Everything from the last call's block to just before this one is zero in the backup.
+    void UpTo(std::uint64_t block)
+    {
+        while (m_run && m_next < block) {
+            if (m_run->end <= m_next) {
+                m_run = m_walk.Next();
+                continue;
+            }
+            m_next = std::max(m_next, m_run->begin);
+            if (m_next >= block)
+                break;
+            StopIfInterrupted();
+            m_writes.Add(m_next * m_geometry.blockSize, m_zeros.data(), m_geometry.BytesOf(m_next));
+            ++m_next;
+        }
+        m_next = std::max(m_next, block + 1);
+    }
+
+private:
+    Geometry m_geometry;
+    Gathered<const Volume>& m_writes;
+    AllocatedWalk m_walk;
+    std::vector<unsigned char> m_zeros;
+    std::optional<BlockRun> m_run;
+    std::uint64_t m_next = 0; // everything before it is done
+};
+
+void RestoreToVolume(const Machine& machine, const Chain& chain, const std::vector<Manifest>& path,
+                     const VolumeName& target, RestoreResult& result)
+{
+    // A backup in the meantime would store a volume that is half one thing and half another.
+    const Lock lock(machine.Locks().Volume(target.guid), {ToWide(chain.Application()), target.guid, L"restore"},
+                    fmt::format("volume {}", ToUtf8(target.guid)));
+    const Volume volume(target.Device(), Volume::Access::ReadWrite);
+    const Geometry geometry = path.back().geometry;
+    if (volume.Length() < geometry.length)
+        throw Failure(Exit::Usage, fmt::format("volume {} has {} bytes, the backup needs {}", ToUtf8(target.guid),
+                                               volume.Length(), geometry.length));
+    // Everything that can be checked without writing is checked before the first write.
+    {
+        const ChainReader check(chain, path);
+    }
+    try {
+        Gathered<const Volume> writes(volume, result);
+        ZeroFill zeros(volume, geometry, writes);
+        ForEachBlock(chain, path, [&](const ChainBlock& block, const unsigned char* bytes) {
+            zeros.UpTo(block.block);
+            writes.Add(block.block * geometry.blockSize, bytes, block.length);
+        });
+        zeros.UpTo(geometry.Blocks());
+        writes.Write();
+        volume.Flush();
+    } catch (const Failure& failure) {
+        throw Failure(failure.Code(), fmt::format("{} (volume {} is now partly restored)", failure.what(),
+                                                  ToUtf8(target.guid)));
+    }
+}
+
+} // namespace
+
+RestoreResult Restore(const Machine& machine, const Chain& chain, const RestoreRequest& request)
+{
+    RestoreResult result;
+    result.sequence = request.sequence;
+    if (result.sequence == 0) {
+        const std::vector<std::uint64_t> backups = chain.Backups();
+        if (backups.empty())
+            throw Failure(Exit::NotFound, fmt::format("there is no backup of volume {} for application \"{}\"",
+                                                      ToUtf8(chain.Volume().guid), chain.Application()));
+        result.sequence = backups.back();
+    }
+    const std::vector<Manifest> path = chain.PathTo(result.sequence);
+    result.volumeLength = path.back().geometry.length;
+    if (const std::optional<VolumeName> volume = ParseVolumeName(request.target))
+        RestoreToVolume(machine, chain, path, *volume, result);
+    else
+        RestoreToFile(chain, path, request, result);
+    return result;
+}
+
+} // namespace vtbackup

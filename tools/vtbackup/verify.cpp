@@ -1,0 +1,79 @@
+#include "verify.h"
+
+#include "chain_reader.h"
+#include "failure.h"
+#include "interrupt.h"
+#include "progress.h"
+#include "text.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <map>
+
+namespace vtbackup {
+namespace {
+
+// Reads every block that one backup stores.
+void CheckBlocks(const Chain& chain, const Manifest& manifest, Progress& progress, ChainCheck& check)
+{
+    IndexReader index(chain, manifest);
+    FileReader data(chain.DataPath(manifest.sequence));
+    if (data.Length() != manifest.dataLength)
+        throw Failure(Exit::Damaged, fmt::format("{} is damaged: its length is wrong", ToUtf8(data.Path())));
+    std::vector<unsigned char> buffer(manifest.geometry.blockSize);
+    for (; index.Front() != nullptr; index.Pop()) {
+        StopIfInterrupted();
+        const IndexRecord& record = *index.Front();
+        if (record.Zero())
+            continue;
+        const std::uint32_t length = manifest.geometry.BytesOf(record.block);
+        if (!data.ReadAt(record.offset, buffer.data(), length) ||
+            ChecksumOf(buffer.data(), length) != record.checksum)
+            throw Failure(Exit::Damaged, fmt::format("{} is damaged: block {} does not match its checksum",
+                                                     ToUtf8(data.Path()), record.block));
+        ++check.blocks;
+        check.bytes += length;
+        progress.Add(length);
+    }
+}
+
+} // namespace
+
+bool ChainCheck::Good() const noexcept
+{
+    return std::all_of(backups.begin(), backups.end(), [](const CheckedBackup& b) { return b.problem.empty(); });
+}
+
+ChainCheck CheckChain(const Chain& chain)
+{
+    ChainCheck check;
+    std::map<std::uint64_t, Manifest> whole; // those that can be restored
+    for (const std::uint64_t sequence : chain.Backups()) {
+        CheckedBackup backup{sequence, {}};
+        try {
+            const Manifest manifest = chain.ReadManifest(sequence);
+            Progress progress(fmt::format("verify {}", sequence), manifest.dataLength);
+            CheckBlocks(chain, manifest, progress, check);
+            if (manifest.kind != Kind::Full) {
+                const auto parent = whole.find(manifest.parent);
+                if (parent == whole.end())
+                    backup.problem = fmt::format("it builds on backup {}, which is missing or damaged", manifest.parent);
+                else if (parent->second.checksum != manifest.parentChecksum ||
+                         parent->second.base != manifest.base ||
+                         parent->second.geometry.blockSize != manifest.geometry.blockSize)
+                    backup.problem = fmt::format("it was made on another backup {}", manifest.parent);
+            }
+            if (backup.problem.empty())
+                whole.emplace(sequence, manifest);
+        } catch (const Failure& failure) {
+            if (failure.Code() == Exit::Interrupted)
+                throw;
+            backup.problem = failure.what();
+        }
+        check.backups.push_back(std::move(backup));
+    }
+    return check;
+}
+
+} // namespace vtbackup

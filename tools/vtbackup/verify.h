@@ -1,0 +1,26 @@
+// Checking a chain: every manifest, every index, every stored block, and that each backup has what it builds on.
+#pragma once
+
+#include "repository.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace vtbackup {
+
+struct CheckedBackup {
+    std::uint64_t sequence = 0;
+    std::string problem; // empty: it can be restored
+};
+
+struct ChainCheck {
+    std::vector<CheckedBackup> backups;
+    std::uint64_t blocks = 0; // stored blocks whose checksum was compared
+    std::uint64_t bytes = 0;
+    [[nodiscard]] bool Good() const noexcept;
+};
+
+ChainCheck CheckChain(const Chain& chain);
+
+} // namespace vtbackup

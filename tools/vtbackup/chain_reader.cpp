@@ -131,10 +131,9 @@ bool ChainReader::Later(const Waiting& a, const Waiting& b) noexcept
 
 void ChainReader::Queue(std::size_t member)
 {
-    const IndexRecord* front = m_indexes[member]->Front();
-    if (front == nullptr)
+    if (m_indexes[member]->Empty())
         return;
-    m_waiting.push_back({front->block, member});
+    m_waiting.push_back({m_indexes[member]->Front().block, member});
     std::push_heap(m_waiting.begin(), m_waiting.end(), Later);
 }
 
@@ -150,7 +149,7 @@ std::optional<ChainBlock> ChainReader::Next()
 {
     while (!m_waiting.empty()) {
         const Waiting newest = Take();
-        const IndexRecord record = *m_indexes[newest.member]->Front();
+        const IndexRecord record = m_indexes[newest.member]->Front();
         m_indexes[newest.member]->Pop();
         Queue(newest.member);
         while (!m_waiting.empty() && m_waiting.front().block == newest.block) {

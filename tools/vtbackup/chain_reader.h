@@ -20,8 +20,9 @@ class IndexReader {
 public:
     IndexReader(const Chain& chain, const Manifest& manifest);
 
-    // The record at the front, or null behind the last one.
-    [[nodiscard]] const IndexRecord* Front() const noexcept { return m_left == 0 ? nullptr : &m_front; }
+    [[nodiscard]] bool Empty() const noexcept { return m_left == 0; }
+    // The record at the front; there is one unless the reader is empty.
+    [[nodiscard]] const IndexRecord& Front() const noexcept { return m_front; }
     void Pop();
 
 private:

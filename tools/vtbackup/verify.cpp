@@ -22,9 +22,9 @@ void CheckBlocks(const Chain& chain, const Manifest& manifest, Progress& progres
     if (data.Length() != manifest.dataLength)
         throw Failure(Exit::Damaged, fmt::format("{} is damaged: its length is wrong", ToUtf8(data.Path())));
     std::vector<unsigned char> buffer(manifest.geometry.blockSize);
-    for (; index.Front() != nullptr; index.Pop()) {
+    for (; !index.Empty(); index.Pop()) {
         StopIfInterrupted();
-        const IndexRecord& record = *index.Front();
+        const IndexRecord& record = index.Front();
         if (record.Zero())
             continue;
         const std::uint32_t length = manifest.geometry.BytesOf(record.block);

@@ -1,7 +1,7 @@
 // A backup's manifest: what was backed up, how, and why so. It is the file whose presence makes a backup.
 #pragma once
 
-#include "reason.h"
+#include "reasons.h"
 #include "volume.h"
 
 #include <nlohmann/json.hpp>

@@ -2,7 +2,6 @@
 
 #include "text.h"
 
-#define XXH_INLINE_ALL
 #include <xxhash.h>
 
 #include <cstring>

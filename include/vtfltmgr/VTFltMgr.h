@@ -156,7 +156,8 @@ VTFLTMGR_API DWORD WINAPI VTFltSynSnapshotChangeBitmapToVolume(HANDLE volume, LP
  * Reports that the application's copy of the fetched blocks is complete and durable: the changes are
  * forgotten and the volume leaves the application's verify list.
  * Results: 0; 87 (bad or unknown handle); 0x10005; 0xFFFFFFFF (no bitmap was fetched through this
- * manager); else an error of the bitmap file. After a failure the next backup contains the changes again.
+ * manager); else an error of the bitmap file. After a failure the next backup contains the changes again; but after a
+ * verify backup the volume may have left the verify list already: verify again, whatever the next bitmap's result.
  */
 VTFLTMGR_API DWORD WINAPI VTFltReplicationSuccess(HANDLE volume);
 

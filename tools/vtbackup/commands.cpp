@@ -133,7 +133,7 @@ Exit RestoreCommand(const Options& options)
 {
     const Machine machine = MachineOf(options);
     const Repository repository = Repository::Open(ToWide(options.repository));
-    const Chain chain = repository.ChainOf(ToWide(options.application), *VolumeOf(options));
+    const Chain chain = repository.ChainOf(ToWide(options.application), ResolveVolumeName(ToWide(options.volume)));
     const RestoreResult result = Restore(machine, chain, {options.backup, ToWide(options.to), options.overwrite});
     if (options.json)
         PrintJson({{"result", "ok"},

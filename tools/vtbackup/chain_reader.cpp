@@ -159,7 +159,8 @@ std::optional<ChainBlock> ChainReader::Next()
         }
         if (newest.block >= m_limits[newest.member])
             continue;
-        return ChainBlock{newest.block,  newest.member, record.offset, m_path[newest.member].geometry.BytesOf(newest.block),
+        return ChainBlock{newest.block,  newest.member,
+                          record.offset, m_path[newest.member].geometry.BytesOf(newest.block),
                           record.Zero(), record.checksum};
     }
     return std::nullopt;

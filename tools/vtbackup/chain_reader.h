@@ -32,9 +32,9 @@ private:
 
     FileReader m_file;
     Geometry m_geometry;
-    std::uint64_t m_left = 0;       // records from the front to the end
-    std::uint64_t m_offset = 0;     // of the next bytes to buffer
-    std::uint64_t m_nextData = 0;   // where the next stored block has to begin
+    std::uint64_t m_left = 0;     // records from the front to the end
+    std::uint64_t m_offset = 0;   // of the next bytes to buffer
+    std::uint64_t m_nextData = 0; // where the next stored block has to begin
     std::uint64_t m_dataLength = 0;
     std::vector<unsigned char> m_buffer;
     std::size_t m_place = 0;

@@ -36,8 +36,8 @@ void AddCommon(CLI::App& command, Options& options, bool needsApplication)
 
 void AddVolume(CLI::App& command, Options& options, bool required)
 {
-    auto* volume = command.add_option("--volume", options.volume,
-                                      "\\\\?\\Volume{...}\\, {...}, or a mount path such as E:\\");
+    auto* volume =
+        command.add_option("--volume", options.volume, "\\\\?\\Volume{...}\\, {...}, or a mount path such as E:\\");
     if (required)
         volume->required();
 }
@@ -48,8 +48,8 @@ void AddInit(CLI::App& app, Options& options)
     AddCommon(command, options, true);
     auto* reset = command.add_flag("--reset", options.reset,
                                    "unregister the application first: fresh bitmaps, every next backup a verify");
-    auto* undo = command.add_flag("--undo", options.undo,
-                                  "unregister the application and stop tracking snapshots for it; keeps the repository");
+    auto* undo = command.add_flag(
+        "--undo", options.undo, "unregister the application and stop tracking snapshots for it; keeps the repository");
     reset->excludes(undo);
     command.add_flag("--no-monitor", options.noMonitor, "leave the tracking of snapshots as it is");
 }

@@ -73,7 +73,9 @@ Exit Init(const Options& options)
         SwitchMonitoring(machine, options, true);
     }
     if (options.json)
-        PrintJson({{"result", "ok"}, {"application", options.application}, {"repository", id},
+        PrintJson({{"result", "ok"},
+                   {"application", options.application},
+                   {"repository", id},
                    {"registered", !options.undo}});
     else
         Print(options.undo ? fmt::format("application \"{}\" is no longer registered\n", options.application)
@@ -122,8 +124,8 @@ Exit Backup(const Options& options)
             Print(fmt::format("  snapshot {}\n", result.snapshotDevice));
     }
     if (code == Exit::NotReported)
-        Diagnose(fmt::format("backup {} is stored, but its success was not reported: {}", m.sequence,
-                             result.notReported));
+        Diagnose(
+            fmt::format("backup {} is stored, but its success was not reported: {}", m.sequence, result.notReported));
     return code;
 }
 
@@ -169,14 +171,17 @@ Exit Verify(const Options& options)
         const std::string volume = ToUtf8(chain.Volume().guid);
         json backups = json::array();
         for (const CheckedBackup& backup : check.backups) {
-            backups.push_back({{"backup", backup.sequence}, {"good", backup.problem.empty()},
-                               {"problem", backup.problem}});
+            backups.push_back(
+                {{"backup", backup.sequence}, {"good", backup.problem.empty()}, {"problem", backup.problem}});
             if (!backup.problem.empty())
                 Diagnose(fmt::format("backup {} of {} for \"{}\": {}", backup.sequence, volume, chain.Application(),
                                      backup.problem));
         }
-        list.push_back({{"application", chain.Application()}, {"volume", volume}, {"backups", backups},
-                        {"blocks", check.blocks}, {"bytes", check.bytes}});
+        list.push_back({{"application", chain.Application()},
+                        {"volume", volume},
+                        {"backups", backups},
+                        {"blocks", check.blocks},
+                        {"bytes", check.bytes}});
         if (!options.json)
             Print(fmt::format("{} {}: {} backups, {} blocks, {} checked: {}\n", chain.Application(), volume,
                               check.backups.size(), check.blocks, BytesText(check.bytes),
@@ -206,8 +211,8 @@ Exit List(const Options& options)
                 object["reported"] = reported;
                 backups.push_back(std::move(object));
                 if (!options.json)
-                    Print(fmt::format("  {:>6}  {}  {:<11}  {:>10} stored  {}{}\n", sequence, m.time,
-                                      KindName(m.kind), BytesText(m.dataLength), ReasonCodes(m),
+                    Print(fmt::format("  {:>6}  {}  {:<11}  {:>10} stored  {}{}\n", sequence, m.time, KindName(m.kind),
+                                      BytesText(m.dataLength), ReasonCodes(m),
                                       reported ? "" : " [success not reported]"));
             } catch (const Failure& failure) {
                 if (failure.Code() != Exit::Damaged)
@@ -217,8 +222,8 @@ Exit List(const Options& options)
                 Diagnose(failure.what());
             }
         }
-        list.push_back({{"application", chain.Application()}, {"volume", ToUtf8(chain.Volume().guid)},
-                        {"backups", backups}});
+        list.push_back(
+            {{"application", chain.Application()}, {"volume", ToUtf8(chain.Volume().guid)}, {"backups", backups}});
     }
     const Exit code = good ? Exit::Ok : Exit::Damaged;
     if (options.json)

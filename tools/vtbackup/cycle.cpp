@@ -41,7 +41,8 @@ std::string UtcNow()
 {
     SYSTEMTIME t = {};
     GetSystemTime(&t);
-    return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}Z", t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond);
+    return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}Z", t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute,
+                       t.wSecond);
 }
 
 // Holds the snapshot for the time of the backup and deletes it at every end that the process lives to see.
@@ -132,8 +133,7 @@ BackupResult Cycle::Run()
     // one's fetch in between would move writes later than our snapshot into our child bitmap, and our report would
     // clear them although we copied their old contents.
     const Lock volumeLock(m_machine.Locks().Volume(m_request.volume.guid),
-                          {m_request.application, m_request.volume.guid, L"backup"},
-                          fmt::format("volume {}", volume));
+                          {m_request.application, m_request.volume.guid, L"backup"}, fmt::format("volume {}", volume));
 
     // Two IDs that the system's name rules confuse would share bitmap files, and each would clear the other's.
     CheckApplicationId(m_request.application);
@@ -261,8 +261,8 @@ void Cycle::FetchChanges(const Volume& volume)
     if (m_changes.result != 0 && m_changes.result != VTFLT_VERIFY_REQUIRED) {
         // No bitmap may stand between a user and a backup: the snapshot is there and can be read. But nothing was
         // handed over, so there is nothing to report.
-        const Reason noBitmap{"bitmap-unavailable", fmt::format("VTFltGetBitmap failed: {}",
-                                                                ErrorText(m_changes.result))};
+        const Reason noBitmap{"bitmap-unavailable",
+                              fmt::format("VTFltGetBitmap failed: {}", ErrorText(m_changes.result))};
         m_doubts.verify.push_back(noBitmap);
         m_result.manifest.next.push_back(noBitmap);
         NotReportable(noBitmap.text + "; if this goes on, begin afresh with \"vtbackup init --reset\"");
@@ -324,7 +324,9 @@ void Cycle::Copy(const Volume& snapshot)
 
     m_writer = std::make_unique<BackupWriter>(m_chain, manifest.sequence, manifest.geometry);
     switch (manifest.kind) {
-    case Kind::Full: manifest.bytesRead = CopyEverything(snapshot, manifest.geometry, *m_writer); break;
+    case Kind::Full:
+        manifest.bytesRead = CopyEverything(snapshot, manifest.geometry, *m_writer);
+        break;
     case Kind::Verify:
         manifest.bytesRead = CopyDifferences(snapshot, manifest.geometry, *m_lastReader, *m_writer);
         break;
@@ -398,8 +400,7 @@ void Cycle::Report(const BitmapManager& manager)
     // changes forgotten and not stored; a crash from here on only makes them come once more.
     if (!manifest.reportable)
         return;
-    m_machine.State().Write(m_application, m_request.volume,
-                            {m_repository.Id(), manifest.sequence, manifest.checksum});
+    m_machine.State().Write(m_application, m_request.volume, {m_repository.Id(), manifest.sequence, manifest.checksum});
     if (const std::uint32_t result = manager.ReportSuccess(); result != 0) {
         m_result.notReported = fmt::format("VTFltReplicationSuccess failed: {}", ErrorText(result));
         return;

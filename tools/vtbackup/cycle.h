@@ -12,8 +12,8 @@ namespace vtbackup {
 struct BackupRequest {
     std::wstring application;
     VolumeName volume;
-    bool full = false;         // read everything into a backup that stands alone
-    bool verify = false;       // read everything and compare
+    bool full = false;   // read everything into a backup that stands alone
+    bool verify = false; // read everything and compare
     bool registerFirst = false;
     bool keepSnapshot = false; // for a caller that wants to compare; it deletes the snapshot itself
 };

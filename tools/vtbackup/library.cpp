@@ -110,8 +110,8 @@ FetchedMap FetchMap(const Volume& device, bool direct)
     unsigned char input = 0;
     for (int i = 0; i < NEGOTIATIONS; ++i) {
         DWORD size = 0;
-        fetched.result = VTFltGetBitmap(device.Get(), &input, 0, fetched.map.Data(), fetched.map.Length(), &size,
-                                        direct ? 1 : 0);
+        fetched.result =
+            VTFltGetBitmap(device.Get(), &input, 0, fetched.map.Data(), fetched.map.Length(), &size, direct ? 1 : 0);
         if (fetched.result != ERROR_MORE_DATA && fetched.result != ERROR_INSUFFICIENT_BUFFER) {
             fetched.whole = size == fetched.map.Length();
             fetched.map.ClearHeader();

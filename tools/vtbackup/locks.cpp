@@ -52,8 +52,8 @@ std::string DescribeHolder(const std::wstring& mutexName)
     Note note;
     std::memcpy(&note, view, sizeof(note));
     UnmapViewOfFile(view);
-    std::string text = fmt::format("process {} ({} of application \"{}\"", note.process, TextOf(note.work),
-                                   TextOf(note.application));
+    std::string text =
+        fmt::format("process {} ({} of application \"{}\"", note.process, TextOf(note.work), TextOf(note.application));
     const std::string volume = TextOf(note.volume);
     return text + (volume.empty() ? ")" : fmt::format(", volume {})", volume));
 }

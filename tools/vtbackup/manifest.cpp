@@ -88,9 +88,12 @@ Manifest FromJson(const json& object)
 const char* KindName(Kind kind) noexcept
 {
     switch (kind) {
-    case Kind::Full: return "full";
-    case Kind::Verify: return "verify";
-    case Kind::Incremental: return "incremental";
+    case Kind::Full:
+        return "full";
+    case Kind::Verify:
+        return "verify";
+    case Kind::Incremental:
+        return "incremental";
     }
     return "";
 }

@@ -36,8 +36,8 @@ std::string ProgressLine(const std::string& title, std::uint64_t done, std::uint
     const double rate = seconds > 0.0 ? static_cast<double>(done) / seconds : 0.0;
     const double remaining = rate > 0.0 && total > done ? static_cast<double>(total - done) / rate : 0.0;
     return fmt::format("{} [{}{}] {:3.0f}%  {}/s  {} left", title, std::string(filled, '#'),
-                       std::string(BAR_WIDTH - filled, '.'), part * 100.0,
-                       BytesText(static_cast<std::uint64_t>(rate)), TimeText(remaining));
+                       std::string(BAR_WIDTH - filled, '.'), part * 100.0, BytesText(static_cast<std::uint64_t>(rate)),
+                       TimeText(remaining));
 }
 
 Progress::Progress(std::string title, std::uint64_t totalBytes)

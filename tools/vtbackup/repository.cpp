@@ -27,8 +27,8 @@ std::wstring FolderNameOf(std::string_view application)
     std::string name;
     for (const char c : application.substr(0, 40)) {
         const auto byte = static_cast<unsigned char>(c);
-        const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
-                           c == '_';
+        const bool plain =
+            (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_';
         name += plain ? std::string(1, c) : fmt::format("%{:02X}", byte);
     }
     return ToWide(name + "-" + ToHex(ChecksumOf(application.data(), application.size())).substr(0, 8));
@@ -138,9 +138,9 @@ Manifest Chain::ReadManifest(std::uint64_t sequence) const
     // A folder that was copied or renamed by hand would restore the wrong contents without a word.
     if (manifest.sequence != sequence || manifest.application != m_application ||
         manifest.volume != ToUtf8(m_volume.guid))
-        throw Failure(Exit::Damaged, fmt::format("{} belongs to another place: backup {} of volume {} for \"{}\"",
-                                                 ToUtf8(path), manifest.sequence, manifest.volume,
-                                                 manifest.application));
+        throw Failure(Exit::Damaged,
+                      fmt::format("{} belongs to another place: backup {} of volume {} for \"{}\"", ToUtf8(path),
+                                  manifest.sequence, manifest.volume, manifest.application));
     return manifest;
 }
 
@@ -156,15 +156,16 @@ std::vector<Manifest> Chain::PathTo(std::uint64_t sequence) const
         } catch (const Failure& failure) {
             if (failure.Code() != Exit::NotFound)
                 throw;
-            throw Failure(Exit::Damaged, fmt::format("backup {} builds on backup {}, which is missing", child.sequence,
-                                                     child.parent));
+            throw Failure(Exit::Damaged,
+                          fmt::format("backup {} builds on backup {}, which is missing", child.sequence, child.parent));
         }
         if (parent.checksum != child.parentChecksum)
-            throw Failure(Exit::Damaged, fmt::format("backup {} was made on another backup {} than the one that is there",
-                                                     child.sequence, child.parent));
+            throw Failure(Exit::Damaged,
+                          fmt::format("backup {} was made on another backup {} than the one that is there",
+                                      child.sequence, child.parent));
         if (parent.base != child.base || parent.geometry.blockSize != child.geometry.blockSize)
-            throw Failure(Exit::Damaged, fmt::format("backups {} and {} do not belong together", parent.sequence,
-                                                     child.sequence));
+            throw Failure(Exit::Damaged,
+                          fmt::format("backups {} and {} do not belong together", parent.sequence, child.sequence));
         path.push_back(std::move(parent)); // sequences fall strictly, so this ends
     }
     std::reverse(path.begin(), path.end());
@@ -198,8 +199,8 @@ Repository Repository::Open(const std::wstring& folder)
     const std::wstring root = AbsolutePath(folder);
     const std::wstring path = Join(root, REPOSITORY_FILE);
     if (!FileExists(path))
-        throw Failure(Exit::NotFound, fmt::format("{} holds no repository; make one with \"vtbackup init\"",
-                                                  ToUtf8(folder)));
+        throw Failure(Exit::NotFound,
+                      fmt::format("{} holds no repository; make one with \"vtbackup init\"", ToUtf8(folder)));
     const json content = ReadJson(path);
     if (TextMember(content, "format", path) != "vtbackup-repository" || content.value("version", json()) != 1)
         throw Failure(Exit::Damaged, fmt::format("{} is of an unknown format", ToUtf8(path)));
@@ -219,8 +220,7 @@ Repository Repository::Create(const std::wstring& folder)
     for (const FolderEntry& entry : ListFolder(root)) {
         // Our own temporary file is what an interrupted init leaves.
         if (entry.name != std::wstring(REPOSITORY_FILE) + L".tmp")
-            throw Failure(Exit::Repository,
-                          fmt::format("{} is not empty and holds no repository", ToUtf8(folder)));
+            throw Failure(Exit::Repository, fmt::format("{} is not empty and holds no repository", ToUtf8(folder)));
     }
     WriteSmallFileDurably(path,
                           json{{"format", "vtbackup-repository"}, {"version", 1}, {"id", RandomId()}}.dump(2) + "\n");

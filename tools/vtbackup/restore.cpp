@@ -127,7 +127,8 @@ void ForEachBlock(const Chain& chain, std::vector<Manifest> path, Visit visit)
         if (block->zero)
             continue;
         if (block->length != geometry.BytesOf(block->block))
-            throw Failure(Exit::Damaged, fmt::format("the chain is damaged: block {} has a wrong length", block->block));
+            throw Failure(Exit::Damaged,
+                          fmt::format("the chain is damaged: block {} has a wrong length", block->block));
         reader.Read(*block, buffer.data());
         visit(*block, buffer.data());
         progress.Add(block->length);
@@ -139,8 +140,8 @@ void RestoreToFile(const Chain& chain, const std::vector<Manifest>& path, const 
 {
     const std::wstring name = AbsolutePath(request.target);
     if (!request.overwrite && GetFileAttributesW(name.c_str()) != INVALID_FILE_ATTRIBUTES)
-        throw Failure(Exit::Usage, fmt::format("{} exists already; add --overwrite to replace it",
-                                               ToUtf8(request.target)));
+        throw Failure(Exit::Usage,
+                      fmt::format("{} exists already; add --overwrite to replace it", ToUtf8(request.target)));
     const Geometry geometry = path.back().geometry;
     SparseFile file(name + L".partial", geometry.length);
     try {
@@ -218,8 +219,8 @@ void RestoreToVolume(const Machine& machine, const Chain& chain, const std::vect
         writes.Write();
         volume.Flush();
     } catch (const Failure& failure) {
-        throw Failure(failure.Code(), fmt::format("{} (volume {} is now partly restored)", failure.what(),
-                                                  ToUtf8(target.guid)));
+        throw Failure(failure.Code(),
+                      fmt::format("{} (volume {} is now partly restored)", failure.what(), ToUtf8(target.guid)));
     }
 }
 

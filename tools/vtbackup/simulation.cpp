@@ -76,8 +76,8 @@ Simulation::Simulation(const std::wstring& directory) : m_calls(std::make_unique
     Calls& c = *m_calls;
     c.module = LoadLibraryW(L"VTFltSim.dll");
     if (c.module == nullptr)
-        throw Failure(Exit::NotFound, fmt::format("cannot load VTFltSim.dll, which --simulate needs: {}",
-                                                  ErrorText(GetLastError())));
+        throw Failure(Exit::NotFound,
+                      fmt::format("cannot load VTFltSim.dll, which --simulate needs: {}", ErrorText(GetLastError())));
     Bind(c.module, "VTFltSimOpen", c.open);
     Bind(c.module, "VTFltSimClose", c.close);
     Bind(c.module, "VTFltSimAttachModule", c.attach);
@@ -86,8 +86,8 @@ Simulation::Simulation(const std::wstring& directory) : m_calls(std::make_unique
     Bind(c.module, "VTFltSimDeleteSnapshot", c.deleteSnapshot);
     const DWORD error = c.open(directory.c_str(), &c.machine);
     if (error != 0)
-        throw Failure(Exit::NotFound, fmt::format("{} holds no simulated machine: {}", ToUtf8(directory),
-                                                  ErrorText(error)));
+        throw Failure(Exit::NotFound,
+                      fmt::format("{} holds no simulated machine: {}", ToUtf8(directory), ErrorText(error)));
     const HMODULE library = GetModuleHandleW(L"VTFltMgr.dll");
     DWORD attached = library == nullptr ? GetLastError() : c.attach(c.machine, library);
     if (attached == 0)

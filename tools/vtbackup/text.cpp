@@ -11,9 +11,8 @@ std::string ToUtf8(std::wstring_view text)
     if (text.empty())
         return {};
     const int in = static_cast<int>(text.size());
-    std::string out(static_cast<std::size_t>(WideCharToMultiByte(CP_UTF8, 0, text.data(), in, nullptr, 0, nullptr,
-                                                                 nullptr)),
-                    '\0');
+    std::string out(
+        static_cast<std::size_t>(WideCharToMultiByte(CP_UTF8, 0, text.data(), in, nullptr, 0, nullptr, nullptr)), '\0');
     WideCharToMultiByte(CP_UTF8, 0, text.data(), in, out.data(), static_cast<int>(out.size()), nullptr, nullptr);
     return out;
 }
@@ -34,8 +33,8 @@ std::string ErrorText(std::uint32_t code)
     const DWORD length = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, code, 0,
                                         buffer, 511, nullptr);
     std::string message = ToUtf8(std::wstring_view(buffer, length));
-    while (!message.empty() && (message.back() == '\n' || message.back() == '\r' || message.back() == '.' ||
-                                message.back() == ' '))
+    while (!message.empty() &&
+           (message.back() == '\n' || message.back() == '\r' || message.back() == '.' || message.back() == ' '))
         message.pop_back();
     if (message.empty())
         return fmt::format("error {:#x}", code);

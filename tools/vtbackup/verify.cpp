@@ -28,8 +28,7 @@ void CheckBlocks(const Chain& chain, const Manifest& manifest, Progress& progres
         if (record.Zero())
             continue;
         const std::uint32_t length = manifest.geometry.BytesOf(record.block);
-        if (!data.ReadAt(record.offset, buffer.data(), length) ||
-            ChecksumOf(buffer.data(), length) != record.checksum)
+        if (!data.ReadAt(record.offset, buffer.data(), length) || ChecksumOf(buffer.data(), length) != record.checksum)
             throw Failure(Exit::Damaged, fmt::format("{} is damaged: block {} does not match its checksum",
                                                      ToUtf8(data.Path()), record.block));
         ++check.blocks;
@@ -58,9 +57,9 @@ ChainCheck CheckChain(const Chain& chain)
             if (manifest.kind != Kind::Full) {
                 const auto parent = whole.find(manifest.parent);
                 if (parent == whole.end())
-                    backup.problem = fmt::format("it builds on backup {}, which is missing or damaged", manifest.parent);
-                else if (parent->second.checksum != manifest.parentChecksum ||
-                         parent->second.base != manifest.base ||
+                    backup.problem =
+                        fmt::format("it builds on backup {}, which is missing or damaged", manifest.parent);
+                else if (parent->second.checksum != manifest.parentChecksum || parent->second.base != manifest.base ||
                          parent->second.geometry.blockSize != manifest.geometry.blockSize)
                     backup.problem = fmt::format("it was made on another backup {}", manifest.parent);
             }

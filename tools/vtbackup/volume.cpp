@@ -49,7 +49,8 @@ bool IsMountedAt(const std::wstring& volumePath, std::wstring_view mountPath)
 {
     std::vector<wchar_t> names(1024);
     DWORD needed = 0;
-    if (!GetVolumePathNamesForVolumeNameW(volumePath.c_str(), names.data(), static_cast<DWORD>(names.size()), &needed)) {
+    if (!GetVolumePathNamesForVolumeNameW(volumePath.c_str(), names.data(), static_cast<DWORD>(names.size()),
+                                          &needed)) {
         if (GetLastError() != ERROR_MORE_DATA)
             return false;
         names.assign(needed + 2, L'\0');
@@ -114,16 +115,14 @@ std::vector<VolumeName> FixedVolumes()
         if (name && GetDriveTypeW(path.c_str()) == DRIVE_FIXED)
             volumes.push_back(*name);
     }
-    std::sort(volumes.begin(), volumes.end(),
-              [](const VolumeName& a, const VolumeName& b) { return a.guid < b.guid; });
+    std::sort(volumes.begin(), volumes.end(), [](const VolumeName& a, const VolumeName& b) { return a.guid < b.guid; });
     return volumes;
 }
 
 Volume::Volume(std::wstring device, Access access)
     : m_device(std::move(device)),
       m_handle(CreateFileW(m_device.c_str(), access == Access::Read ? GENERIC_READ : GENERIC_READ | GENERIC_WRITE,
-                           FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL,
-                           nullptr))
+                           FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr))
 {
     if (!m_handle)
         Fail("open", m_device, GetLastError());
@@ -188,8 +187,8 @@ bool AllocatedWalk::FetchPage()
     query.Length.QuadPart = static_cast<LONGLONG>(m_geometry.length - m_offset);
     std::array<FILE_ALLOCATED_RANGE_BUFFER, 512> ranges = {};
     DWORD returned = 0;
-    const BOOL done = DeviceIoControl(m_volume.Get(), FSCTL_QUERY_ALLOCATED_RANGES, &query, sizeof(query), ranges.data(),
-                                      static_cast<DWORD>(sizeof(ranges)), &returned, nullptr);
+    const BOOL done = DeviceIoControl(m_volume.Get(), FSCTL_QUERY_ALLOCATED_RANGES, &query, sizeof(query),
+                                      ranges.data(), static_cast<DWORD>(sizeof(ranges)), &returned, nullptr);
     const DWORD error = done ? 0 : GetLastError();
     m_page.clear();
     m_place = 0;

@@ -44,8 +44,16 @@ DWORD RegisterApplication(std::wstring appId)
         return ERROR_SUCCESS;
     }
 
+    DWORD error = ERROR_SUCCESS;
+    // A list that cannot be read may hold the application already, and the bitmaps that are restarted now may hold
+    // changes owed to it. All its volumes are marked before the first of them goes, so that neither a failure nor a
+    // crash in between loses them without a word.
+    if (!listIsKnown)
+        error = AddVolumesToAppVerifyList(appId);
+    if (error != ERROR_SUCCESS)
+        return error;
     // The bitmaps come first: a listed application has bitmaps that started empty.
-    DWORD error = ResetApplicationBitmaps(appId);
+    error = ResetApplicationBitmaps(appId);
     if (error != ERROR_SUCCESS) {
         Log(LOG_ERROR, error, L"RegisterApplication: Failed to reset application bitmaps\n");
         return error;
@@ -54,14 +62,6 @@ DWORD RegisterApplication(std::wstring appId)
     if (error != ERROR_SUCCESS) {
         Log(LOG_ERROR, error, L"RegisterApplication: Failed to add an entry to key: %s, value: %s\n",
             APPLICATION_IDS_VALUE, appId.c_str());
-        RemoveApplicationBitmaps(appId);
-        return error;
-    }
-    // With a list that could not be read before, the application may have been registered all along, and the bitmaps
-    // that were just restarted may have held changes owed to it: all its volumes must be verified.
-    if (!listIsKnown)
-        error = AddVolumesToAppVerifyList(appId);
-    if (error != ERROR_SUCCESS) {
         RemoveApplicationBitmaps(appId);
         return error;
     }

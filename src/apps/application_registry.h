@@ -14,7 +14,7 @@ namespace vtflt {
 // Adds an application with fresh bitmaps on every fixed volume. 0 also when it is registered already (nothing
 // changes then); 160 for an empty ID; 0x10005; else the code of the failing step, the ID not added. When the ID could
 // not be added the fresh bitmaps are deleted again; when not every volume could be given fresh ones, those that were
-// made stay.
+// made stay. When the present list cannot be read, every volume first goes on the application's verify list.
 DWORD RegisterApplication(std::wstring appId);
 
 // Removes an application and its bitmaps; first every volume goes on its verify list, which stays. 0; 160;

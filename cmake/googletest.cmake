@@ -13,6 +13,7 @@ target_include_directories(googletest
     SYSTEM PUBLIC "${googletest_folder}/googletest/include" "${googletest_folder}/googlemock/include"
     PRIVATE "${googletest_folder}/googletest" "${googletest_folder}/googlemock")
 if(WIN32)
+    target_compile_options(googletest PRIVATE -O0 -g0)
     # GoogleTest has its own threads for Windows; the compiler's POSIX ones would be mixed in.
     target_compile_definitions(googletest PUBLIC GTEST_HAS_PTHREAD=0)
 else()

@@ -105,7 +105,9 @@ TEST_F(Processes, OneThatDiesWithAVolumeMutexDoesNotStopTheNext)
             EXPECT_EQ(static_cast<DWORD>(WAIT_ABANDONED), TryTake(mutex));
         }
     }
-    EXPECT_EQ(0u, VTIsVerifyRequired(L"App1", volume.Root().c_str()));
+    // Without the mutex the answer would be no.
+    RemoveFile(volume, BaseName(L"App1"));
+    EXPECT_EQ(1u, VTIsVerifyRequired(L"App1", volume.Root().c_str()));
     EXPECT_EQ(static_cast<DWORD>(WAIT_OBJECT_0), TryTake(mutex));
 }
 

@@ -30,10 +30,11 @@ DWORD ReadDwordValue(HKEY key, const wchar_t* valueName, DWORD& value)
     DWORD type = REG_NONE;
     DWORD number = 0;
     const DWORD error = QueryNumber(key, valueName, type, number);
+    // A value that is too long has told its type all the same, and another type is invalid whatever its size.
+    if ((error == ERROR_SUCCESS || error == ERROR_MORE_DATA) && type != REG_DWORD)
+        return ERROR_INVALID_DATA;
     if (error != ERROR_SUCCESS)
         return error;
-    if (type != REG_DWORD)
-        return ERROR_INVALID_DATA;
     value = number;
     return ERROR_SUCCESS;
 }

@@ -8,6 +8,7 @@
 #include "registry/multi_string_value.h"
 
 #include <algorithm>
+#include <new>
 
 namespace vtflt {
 
@@ -104,7 +105,12 @@ DWORD UnregisterApplication(std::wstring appId)
             APPLICATION_IDS_VALUE, appId.c_str());
         return error;
     }
-    RemoveApplicationBitmaps(appId);
+    try {
+        RemoveApplicationBitmaps(appId);
+    } catch (const std::bad_alloc&) {
+        // The application is unregistered whatever becomes of its files: a failure would say that it still is
+        // registered.
+    }
     mutex.release();
     Log(LOG_INFORMATION, ERROR_SUCCESS, L"UnregisterApplication: SUCCESS::Application un-registered\n");
     return ERROR_SUCCESS;

@@ -1,0 +1,355 @@
+// The cycle: each way in which an application could lose a change, as a story with its right end.
+#include "tools/vtbackup_test.h"
+
+using namespace vtbackup_test;
+
+namespace {
+
+class VtBackupCycle : public VtBackupTest {
+protected:
+    VtBackupCycle()
+    {
+        EXPECT_EQ(EXIT_OK, Init().exitCode);
+        const Result first = Backup();
+        EXPECT_EQ("full", first.kind) << first.err;
+        EXPECT_TRUE(first.Has("first-backup"));
+    }
+
+    void ExpectIncremental(const Result& result, std::uint64_t blocks) const
+    {
+        EXPECT_EQ(EXIT_OK, result.exitCode) << result.err;
+        EXPECT_EQ("incremental", result.kind);
+        EXPECT_TRUE(result.reasons.empty());
+        EXPECT_EQ(blocks, result.blocksStored);
+        EXPECT_TRUE(result.reported);
+    }
+    void ExpectVerify(const Result& result, const char* reason) const
+    {
+        EXPECT_EQ(EXIT_OK, result.exitCode) << result.err;
+        EXPECT_EQ("verify", result.kind);
+        EXPECT_TRUE(result.Has(reason)) << result.out;
+    }
+
+    const std::wstring beforePrepare = L"DeviceIoControl|0xB0000015";
+    const std::wstring beforeFetch = L"DeviceIoControl|0xB0000002";
+};
+
+TEST_F(VtBackupCycle, AnIncrementalBackupReadsAndStoresJustTheChangedBlocks)
+{
+    Write(20, 0xAA);
+    Write(200, 0xBB);
+    machine.Write(volume, 256ull * BLOCK, std::vector<std::uint8_t>(1000, 0xCC)); // the last block is shorter
+    const Result result = Backup();
+    ExpectIncremental(result, 3);
+    EXPECT_EQ(2u * BLOCK + 1000, result.bytesRead);
+    EXPECT_TRUE(Contents() == Restored());
+}
+
+TEST_F(VtBackupCycle, NoChangeIsAnEmptyIncrementalBackup)
+{
+    const Result result = Backup();
+    ExpectIncremental(result, 0);
+    EXPECT_EQ(0u, result.bytesRead);
+}
+
+TEST_F(VtBackupCycle, EveryPastBackupCanBeRestored)
+{
+    std::vector<std::vector<std::uint8_t>> states = {Contents()};
+    for (std::uint8_t i = 1; i <= 4; ++i) {
+        Write(20 + i, 0); // becomes zero
+        Write(100, i);
+        ASSERT_EQ(EXIT_OK, Backup().exitCode);
+        states.push_back(Contents());
+    }
+    for (std::uint64_t i = 0; i < states.size(); ++i)
+        EXPECT_TRUE(states[i] == Restored(i + 1)) << "backup " << i + 1;
+}
+
+TEST_F(VtBackupCycle, AWriteBetweenSnapshotAndFetchBelongsToTheNextBackup)
+{
+    Write(30, 0x11);
+    const std::vector<std::uint8_t> atSnapshot = Contents();
+    const Result result = BackupWith(beforeFetch, [&](Process&) { Write(30, 0x22); });
+    ExpectIncremental(result, 1);
+    EXPECT_TRUE(atSnapshot == Restored());
+    ExpectIncremental(Backup(), 1);
+    EXPECT_TRUE(Contents() == Restored());
+}
+
+TEST_F(VtBackupCycle, AVolumeThatLostTrackingIsReadWhole)
+{
+    Write(40, 0x11);
+    vtfltsim::Check("lose", VTFltSimLoseTracking(machine.handle(), volume.guid.c_str()));
+    ExpectVerify(Backup(), "verify-required");
+    EXPECT_TRUE(Contents() == Restored());
+    ExpectIncremental(Backup(), 0); // the mark is off
+}
+
+TEST_F(VtBackupCycle, TrackingLostBetweenTheQuestionAndTheSnapshotMakesThisBackupAVerify)
+{
+    Write(40, 0x11);
+    const Result result = BackupWith(beforePrepare, [&](Process&) {
+        Write(41, 0x12);
+        vtfltsim::Check("lose", VTFltSimLoseTracking(machine.handle(), volume.guid.c_str()));
+    });
+    ExpectVerify(result, "tracking-lost-meanwhile");
+    EXPECT_TRUE(Contents() == Restored());
+}
+
+TEST_F(VtBackupCycle, TrackingLostBehindTheSnapshotMakesTheNextBackupAVerifyToo)
+{
+    const Result result = BackupWith(beforeFetch, [&](Process&) {
+        Write(42, 0x13); // not in the snapshot, and forgotten by the driver
+        vtfltsim::Check("lose", VTFltSimLoseTracking(machine.handle(), volume.guid.c_str()));
+    });
+    ExpectVerify(result, "tracking-lost-meanwhile");
+    ExpectVerify(Backup(), "tracking-lost-meanwhile");
+    EXPECT_TRUE(Contents() == Restored());
+    ExpectIncremental(Backup(), 0);
+}
+
+TEST_F(VtBackupCycle, ABitmapThatMayBeShortMakesTheWholeVolumeBeReadAtOnce)
+{
+    for (const wchar_t* which : {L"child", L"base"}) {
+        Write(50, static_cast<std::uint8_t>(which[0]));
+        const Result result = BackupWith(beforePrepare, [&](Process&) {
+            WriteFileBytes(BitmapFile(which), {'r', 'u', 'b', 'b', 'i', 's', 'h'});
+        });
+        ExpectVerify(result, "bitmap-incomplete");
+        EXPECT_FALSE(result.Has("verify-required")); // it came after the question
+        EXPECT_TRUE(Contents() == Restored());
+        ExpectIncremental(Backup(), 0);
+    }
+}
+
+TEST_F(VtBackupCycle, AMissingBitmapFileMakesTheWholeVolumeBeRead)
+{
+    Write(51, 0x31);
+    DeleteFileW(BitmapFile(L"child").c_str());
+    ExpectVerify(Backup(), "bitmap-incomplete");
+    EXPECT_TRUE(Contents() == Restored());
+}
+
+TEST_F(VtBackupCycle, ABitmapFileThatCannotBeReadDoesNotStandInTheWayOfABackup)
+{
+    Write(52, 0x32);
+    std::vector<std::uint8_t> file = ReadFileBytes(BitmapFile(L"child"));
+    ASSERT_GT(file.size(), 1000u);
+    file.resize(1000); // its header still promises all of it
+    WriteFileBytes(BitmapFile(L"child"), file);
+    const Result result = Backup();
+    EXPECT_EQ(EXIT_NOT_REPORTED, result.exitCode);
+    EXPECT_FALSE(result.reported);
+    EXPECT_TRUE(result.Has("bitmap-unavailable"));
+    EXPECT_TRUE(Contents() == Restored());
+
+    std::vector<std::wstring> reset = Arguments(L"init");
+    reset.push_back(L"--reset");
+    ASSERT_EQ(EXIT_OK, Run(reset).exitCode);
+    Write(53, 0x33);
+    ExpectVerify(Backup(), "bitmap-unavailable");
+    EXPECT_TRUE(Contents() == Restored());
+    ExpectIncremental(Backup(), 0);
+}
+
+TEST_F(VtBackupCycle, WhatWasWrittenIntoTheSnapshotComesFromTheVolumeWithTheNextBackup)
+{
+    Write(30, 0x44);
+    std::vector<std::uint8_t> snapshot = Contents();
+    const std::vector<std::uint8_t> scribble(BLOCK, 0x55);
+    std::copy(scribble.begin(), scribble.end(), snapshot.begin() + 30 * BLOCK);
+    const Result result = BackupWith(beforeFetch, [&](Process&) {
+        vtfltsim::Check("write",
+                        VTFltSimWriteSnapshot(machine.handle(), OnlySnapshot(), 30 * BLOCK, scribble.data(), BLOCK));
+    });
+    ExpectIncremental(result, 1);
+    EXPECT_TRUE(result.json) << "the library's own line is among the data";
+    EXPECT_EQ("handed-back", result.snapshotChanges);
+    EXPECT_TRUE(snapshot == Restored());
+    ExpectIncremental(Backup(), 1);
+    EXPECT_TRUE(Contents() == Restored());
+}
+
+TEST_F(VtBackupCycle, SnapshotChangesThatCannotBeHandedBackAreNoSuccess)
+{
+    Write(30, 0x44);
+    const std::vector<std::uint8_t> scribble(BLOCK, 0x55);
+    // The first write of the child bitmap clears it after the fetch, the second one takes the changes.
+    const Result result = BackupWith(
+        beforeFetch,
+        [&](Process&) {
+            vtfltsim::Check(
+                "write", VTFltSimWriteSnapshot(machine.handle(), OnlySnapshot(), 31 * BLOCK, scribble.data(), BLOCK));
+        },
+        L";fail|WriteFile|VelVolTrc_child_|2|1|112");
+    EXPECT_EQ(EXIT_NOT_REPORTED, result.exitCode) << result.out;
+    EXPECT_EQ("failed", result.snapshotChanges);
+    EXPECT_FALSE(result.reported);
+    ExpectVerify(Backup(), "snapshot-changes-lost");
+    EXPECT_TRUE(Contents() == Restored());
+    ExpectIncremental(Backup(), 0);
+}
+
+TEST_F(VtBackupCycle, SnapshotChangesThatCannotBeFetchedAreNoSuccess)
+{
+    const Result result = BackupWith(beforeFetch, [&](Process&) {
+        VTFLTSIM_SNAPSHOT_INFO info = {};
+        info.size = sizeof(info);
+        vtfltsim::Check("info", VTFltSimGetSnapshotInfo(machine.handle(), OnlySnapshot(), &info));
+        machine.FailRequest(GET_BITMAP, ERROR_CRC, info.devicePath);
+    });
+    EXPECT_EQ(EXIT_NOT_REPORTED, result.exitCode) << result.out;
+    ExpectVerify(Backup(), "snapshot-changes-lost");
+}
+
+TEST_F(VtBackupCycle, WithoutTrackedSnapshotsTheBackupSaysSo)
+{
+    machine.SetFilters({}, L"System\\CurrentControlSet\\Control\\Class\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}");
+    const Result result = Backup();
+    EXPECT_EQ(EXIT_OK, result.exitCode) << result.err;
+    EXPECT_EQ("untracked", result.snapshotChanges);
+}
+
+TEST_F(VtBackupCycle, ABlockSizeChangeMakesTheNextBackupFull)
+{
+    Write(60, 0x61);
+    vtfltsim::Check("block size", VTFltSimSetBlockSize(machine.handle(), volume.guid.c_str(), 8192));
+    const Result result = Backup();
+    EXPECT_EQ("full", result.kind);
+    EXPECT_TRUE(result.Has("block-size-changed"));
+    EXPECT_TRUE(Contents() == Restored());
+    Write(61, 0x62);
+    ExpectIncremental(Backup(), 1);
+    EXPECT_TRUE(Contents() == Restored());
+    EXPECT_EQ(LENGTH, Restored(1).size());
+}
+
+TEST_F(VtBackupCycle, ABlockSizeChangeInTheMiddleOfABackupLosesNothing)
+{
+    Write(62, 0x63);
+    const Result result = BackupWith(beforeFetch, [&](Process&) {
+        vtfltsim::Check("block size", VTFltSimSetBlockSize(machine.handle(), volume.guid.c_str(), 8192));
+        Write(63, 0x64);
+    });
+    EXPECT_EQ("full", result.kind) << result.out;
+    const Result next = Backup();
+    EXPECT_EQ(EXIT_OK, next.exitCode) << next.err;
+    EXPECT_TRUE(Contents() == Restored());
+}
+
+TEST_F(VtBackupCycle, AGrownAndAShrunkVolumeAreCompared)
+{
+    for (const std::uint64_t length : {LENGTH + 300000, LENGTH - 500000, LENGTH + 100}) {
+        vtfltsim::Check("resize", VTFltSimResizeVolume(machine.handle(), volume.guid.c_str(), length));
+        machine.Write(volume, length - 10, {1, 2, 3});
+        ExpectVerify(Backup(), "length-changed");
+        EXPECT_TRUE(Contents() == Restored());
+        ExpectIncremental(Backup(), 0);
+    }
+}
+
+TEST_F(VtBackupCycle, AResizeInTheMiddleOfABackupLosesNothing)
+{
+    Write(64, 0x65);
+    const Result result = BackupWith(beforeFetch, [&](Process&) {
+        vtfltsim::Check("resize", VTFltSimResizeVolume(machine.handle(), volume.guid.c_str(), LENGTH + 70000));
+        machine.Write(volume, LENGTH + 60000, {9});
+    });
+    EXPECT_EQ(EXIT_OK, result.exitCode) << result.err;
+    EXPECT_EQ(EXIT_OK, Backup().exitCode);
+    EXPECT_TRUE(Contents() == Restored());
+}
+
+TEST_F(VtBackupCycle, TwoRepositoriesOfOneApplicationLoseNothing)
+{
+    const std::wstring first = repository;
+    Write(70, 0x71);
+    repository = first + L"-second";
+    ASSERT_EQ(EXIT_OK, Init().exitCode);
+    EXPECT_EQ("full", Backup().kind); // takes the change of block 70, and reports it
+    RemoveTree(repository);
+    repository = first;
+    ExpectVerify(Backup(), "changes-taken-elsewhere");
+    EXPECT_TRUE(Contents() == Restored());
+}
+
+TEST_F(VtBackupCycle, ARepositoryThatWasPutBackFromAnOlderCopyIsVerified)
+{
+    Write(71, 0x72);
+    ASSERT_EQ(EXIT_OK, Backup().exitCode);
+    RemoveTree(BackupFile(2, L""));
+    ExpectVerify(Backup(), "changes-taken-elsewhere");
+    EXPECT_TRUE(Contents() == Restored());
+}
+
+TEST_F(VtBackupCycle, AnApplicationThatWasUnregisteredInBetweenIsVerified)
+{
+    std::vector<std::wstring> undo = Arguments(L"init");
+    undo.push_back(L"--undo");
+    ASSERT_EQ(EXIT_OK, Run(undo).exitCode);
+    Write(72, 0x73);
+    ASSERT_EQ(EXIT_OK, Init().exitCode);
+    const Result result = Backup();
+    EXPECT_EQ("verify", result.kind) << result.out;
+    EXPECT_TRUE(Contents() == Restored());
+}
+
+TEST_F(VtBackupCycle, TwoApplicationsEachGetEveryChange)
+{
+    ASSERT_EQ(EXIT_OK, Init(L"Second").exitCode);
+    ASSERT_EQ("full", Backup(L"Second").kind);
+    Write(80, 1);
+    ExpectIncremental(Backup(), 1);
+    Write(81, 2);
+    ExpectIncremental(Backup(L"Second"), 2);
+    EXPECT_TRUE(Contents() == Restored(0, L"Second"));
+    ExpectIncremental(Backup(), 1);
+    EXPECT_TRUE(Contents() == Restored());
+}
+
+TEST_F(VtBackupCycle, TheSnapshotIsGoneAfterwardsUnlessItIsToBeKept)
+{
+    VTFLTSIM_SNAPSHOT_INFO info = {};
+    info.size = sizeof(info);
+    EXPECT_EQ(static_cast<DWORD>(ERROR_NO_MORE_ITEMS), VTFltSimEnumSnapshot(machine.handle(), 0, &info));
+    machine.FailRequest(GET_BITMAP, ERROR_CRC, volume.Path().c_str(), 1, 0);
+    EXPECT_EQ(EXIT_NOT_REPORTED, Backup().exitCode);
+    vtfltsim::Check("clear", VTFltSimClearFaults(machine.handle()));
+    EXPECT_EQ(static_cast<DWORD>(ERROR_NO_MORE_ITEMS), VTFltSimEnumSnapshot(machine.handle(), 0, &info));
+    std::vector<std::wstring> keep = Arguments(L"backup", L"App", &volume);
+    keep.push_back(L"--keep-snapshot");
+    EXPECT_EQ(EXIT_OK, Run(keep).exitCode);
+    EXPECT_EQ(0u, VTFltSimEnumSnapshot(machine.handle(), 0, &info));
+}
+
+// ---- locks
+
+TEST_F(VtBackupCycle, ASecondBackupOfTheVolumeIsBusyAndSaysWhoHoldsIt)
+{
+    ASSERT_EQ(EXIT_OK, Init(L"Second").exitCode);
+    const vtfltsim::Volume other = machine.AddVolume(65536, BLOCK);
+    const Result result = BackupWith(beforeFetch, [&](Process& holder) {
+        const Result second = Backup(L"Second");
+        EXPECT_EQ(EXIT_BUSY, second.exitCode) << second.out;
+        EXPECT_EQ("busy", second.result);
+        EXPECT_NE(std::string::npos, second.message.find("process " + std::to_string(holder.Id())));
+        EXPECT_NE(std::string::npos, second.message.find("\"App\""));
+        // The same application on another volume is busy too, another application there is not.
+        EXPECT_EQ(EXIT_BUSY, Run(Arguments(L"backup", L"App", &other)).exitCode);
+        EXPECT_EQ(EXIT_OK, Run(Arguments(L"backup", L"Second", &other)).exitCode);
+        // Registering would give this backup's changes no place to go.
+        EXPECT_EQ(EXIT_BUSY, Init(L"Third").exitCode);
+    });
+    EXPECT_EQ(EXIT_OK, result.exitCode);
+    EXPECT_EQ(EXIT_OK, Init(L"Third").exitCode);
+}
+
+TEST_F(VtBackupCycle, ALockWhoseHolderDiedIsTakenOver)
+{
+    Write(90, 1);
+    BackupWith(beforeFetch, [](Process& holder) { holder.Terminate(); });
+    ExpectIncremental(Backup(), 1);
+    EXPECT_TRUE(Contents() == Restored());
+}
+
+} // namespace

@@ -1,0 +1,130 @@
+// A repository that was damaged: a clear error, never a crash, never wrong contents.
+#include "tools/vtbackup_test.h"
+
+#include <random>
+
+using namespace vtbackup_test;
+
+namespace {
+
+class VtBackupDamage : public VtBackupTest {
+protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(EXIT_OK, Init().exitCode);
+        ASSERT_EQ(EXIT_OK, Backup().exitCode);
+        Write(20, 0x99);
+        Write(21, 0);
+        ASSERT_EQ(EXIT_OK, Backup().exitCode);
+    }
+
+    // Restores the latest backup; the contents are right, or the exit code says why there are none.
+    void ExpectDamagedRestore() const
+    {
+        std::vector<std::wstring> arguments = Arguments(L"restore", L"App", &volume);
+        arguments.insert(arguments.end(), {L"--to", repository + L".restored"});
+        const Result result = Run(arguments);
+        EXPECT_EQ(EXIT_DAMAGED, result.exitCode) << result.out;
+        EXPECT_EQ("damaged", result.result);
+        EXPECT_FALSE(Exists(repository + L".restored"));
+        EXPECT_FALSE(Exists(repository + L".restored.partial"));
+    }
+};
+
+TEST_F(VtBackupDamage, AWholeRepositoryIsGood)
+{
+    EXPECT_EQ(EXIT_OK, Run({L"verify", L"--json", L"--repo", repository}).exitCode);
+}
+
+TEST_F(VtBackupDamage, EveryKindOfDamageIsFoundByVerifyAndStopsARestore)
+{
+    for (const wchar_t* name : {L"manifest.json", L"index.bin", L"data.bin"}) {
+        for (const std::uint64_t sequence : {1U, 2U}) {
+            const std::wstring path = BackupFile(sequence, name);
+            const std::vector<std::uint8_t> good = ReadFileBytes(path);
+            ASSERT_FALSE(good.empty());
+            std::vector<std::vector<std::uint8_t>> damages(4, good);
+            damages[0][good.size() / 2] ^= 0x01;
+            damages[1].resize(good.size() / 2);
+            damages[2].clear();
+            damages[3].push_back(0);
+            if (std::wstring(name) == L"manifest.json")
+                damages[3] = std::vector<std::uint8_t>(2 * 1024 * 1024, '[');
+            for (const auto& damage : damages) {
+                WriteFileBytes(path, damage);
+                EXPECT_EQ(EXIT_DAMAGED, Run({L"verify", L"--json", L"--repo", repository}).exitCode);
+                if (sequence == 1 && std::wstring(name) == L"data.bin" && damage.size() == good.size())
+                    continue; // the block may be one that the second backup replaced
+                ExpectDamagedRestore();
+            }
+            WriteFileBytes(path, good);
+        }
+    }
+}
+
+TEST_F(VtBackupDamage, AMissingPartOfTheChainIsDamage)
+{
+    RemoveTree(BackupFile(1, L""));
+    EXPECT_EQ(EXIT_DAMAGED, Run({L"verify", L"--json", L"--repo", repository}).exitCode);
+    ExpectDamagedRestore();
+}
+
+TEST_F(VtBackupDamage, ABackupInAnotherOnesFolderIsDamage)
+{
+    for (const wchar_t* name : {L"manifest.json", L"index.bin", L"data.bin"})
+        WriteFileBytes(BackupFile(2, name), ReadFileBytes(BackupFile(1, name)));
+    EXPECT_EQ(EXIT_DAMAGED, Run({L"verify", L"--json", L"--repo", repository}).exitCode);
+    ExpectDamagedRestore();
+}
+
+TEST_F(VtBackupDamage, AfterDamageTheNextBackupStandsAlone)
+{
+    for (const wchar_t* name : {L"manifest.json", L"index.bin"}) {
+        std::vector<std::uint8_t> bytes = ReadFileBytes(BackupFile(1, name));
+        bytes[bytes.size() / 2] ^= 0x40;
+        WriteFileBytes(BackupFile(1, name), bytes);
+    }
+    Write(22, 0x98);
+    const Result result = Backup();
+    EXPECT_EQ(EXIT_OK, result.exitCode) << result.err;
+    EXPECT_EQ("full", result.kind);
+    EXPECT_TRUE(result.Has("chain-damaged"));
+    EXPECT_TRUE(Contents() == Restored());
+    Write(23, 0x97);
+    EXPECT_EQ("incremental", Backup().kind);
+    EXPECT_TRUE(Contents() == Restored());
+}
+
+TEST_F(VtBackupDamage, RandomBytesInIndexAndManifestNeverCrashAndNeverRestoreWrongContents)
+{
+    std::mt19937 random(1);
+    const std::vector<std::uint8_t> right = Contents();
+    for (int round = 0; round < 40; ++round) {
+        const std::wstring path = BackupFile(1 + random() % 2, random() % 2 == 0 ? L"manifest.json" : L"index.bin");
+        const std::vector<std::uint8_t> good = ReadFileBytes(path);
+        std::vector<std::uint8_t> bad = good;
+        for (unsigned i = 0; i <= random() % 4; ++i)
+            bad[random() % bad.size()] = static_cast<std::uint8_t>(random());
+        if (random() % 4 == 0)
+            bad.resize(random() % bad.size());
+        WriteFileBytes(path, bad);
+        std::vector<std::wstring> arguments = Arguments(L"restore", L"App", &volume);
+        arguments.insert(arguments.end(), {L"--to", repository + L".restored", L"--overwrite"});
+        const Result result = Run(arguments);
+        if (result.exitCode == EXIT_OK)
+            EXPECT_TRUE(right == ReadFileBytes(repository + L".restored")) << "round " << round;
+        else
+            EXPECT_EQ(EXIT_DAMAGED, result.exitCode) << "round " << round << ": " << result.err;
+        WriteFileBytes(path, good);
+    }
+    DeleteFileW((repository + L".restored").c_str());
+}
+
+TEST_F(VtBackupDamage, ADamagedRepositoryFileIsDamage)
+{
+    WriteFileBytes(repository + L"\\repository.json", {'{', '}'});
+    EXPECT_EQ(EXIT_DAMAGED, Run({L"list", L"--json", L"--repo", repository}).exitCode);
+    EXPECT_EQ(EXIT_DAMAGED, Backup().exitCode);
+}
+
+} // namespace

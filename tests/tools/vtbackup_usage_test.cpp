@@ -1,0 +1,205 @@
+// The command line: help, exit codes, refusals.
+#include "tools/vtbackup_test.h"
+
+using namespace vtbackup_test;
+
+namespace {
+
+class VtBackupUsage : public VtBackupTest {};
+
+TEST_F(VtBackupUsage, HelpNamesEveryCommandAndEveryExitCode)
+{
+    const Result help = Run({L"--help"});
+    EXPECT_EQ(EXIT_OK, help.exitCode);
+    EXPECT_EQ("", help.err);
+    for (const char* word : {"init", "backup", "restore", "verify", "list", "busy", "refused", "driver-down", "damaged",
+                             "not-reported", "interrupted", "device", "not-found", "repository"})
+        EXPECT_NE(std::string::npos, help.out.find(word)) << word;
+}
+
+TEST_F(VtBackupUsage, EveryCommandHasHelpOfItsOwn)
+{
+    for (const wchar_t* command : {L"init", L"backup", L"restore", L"verify", L"list"}) {
+        const Result help = Run({command, L"--help"});
+        EXPECT_EQ(EXIT_OK, help.exitCode);
+        EXPECT_NE(std::string::npos, help.out.find("--repo"));
+    }
+}
+
+TEST_F(VtBackupUsage, AWrongCommandLineIsExitCode2WithTheReasonOnStandardError)
+{
+    const std::vector<std::vector<std::wstring>> wrong = {
+        {},
+        {L"frobnicate"},
+        {L"backup"},
+        {L"backup", L"--app", L"App", L"--repo", repository},
+        {L"list", L"--repo", repository, L"--unknown"},
+        {L"restore", L"--app", L"App", L"--repo", repository, L"--volume", volume.guid, L"--to", L"x", L"--backup",
+         L"-1"},
+        {L"init", L"--app", L"App", L"--repo", repository, L"--reset", L"--undo"},
+    };
+    for (const auto& arguments : wrong) {
+        const Result result = Run(arguments);
+        EXPECT_EQ(EXIT_USAGE, result.exitCode) << result.err;
+        EXPECT_EQ("", result.out);
+        EXPECT_NE("", result.err);
+    }
+}
+
+TEST_F(VtBackupUsage, AFailureWithJsonIsAnObjectWithResultAndMessage)
+{
+    const Result result = Run({L"list", L"--json", L"--repo", repository});
+    EXPECT_EQ(EXIT_NOT_FOUND, result.exitCode);
+    EXPECT_TRUE(result.json) << result.out;
+    EXPECT_EQ("not-found", result.result);
+    EXPECT_NE("", result.message);
+}
+
+TEST_F(VtBackupUsage, MissingThingsAreNotFound)
+{
+    EXPECT_EQ(EXIT_NOT_FOUND, Backup().exitCode); // no repository
+    ASSERT_EQ(EXIT_OK, Init().exitCode);
+    EXPECT_EQ(EXIT_NOT_FOUND, Run({L"backup", L"--app", L"App", L"--repo", repository, L"--simulate",
+                                   machine.directory(), L"--volume", L"Q:"})
+                                  .exitCode);
+    EXPECT_EQ(EXIT_NOT_FOUND, Run({L"backup", L"--app", L"App", L"--repo", repository, L"--simulate", repository,
+                                   L"--volume", volume.guid})
+                                  .exitCode); // no machine there
+    ASSERT_EQ(EXIT_OK, Backup().exitCode);
+    std::vector<std::wstring> restore = Arguments(L"restore", L"App", &volume);
+    restore.insert(restore.end(), {L"--to", repository + L".restored", L"--backup", L"7"});
+    EXPECT_EQ(EXIT_NOT_FOUND, Run(restore).exitCode);
+    EXPECT_FALSE(Exists(repository + L".restored"));
+}
+
+TEST_F(VtBackupUsage, AVolumeNameThatIsNoneIsExitCode2)
+{
+    ASSERT_EQ(EXIT_OK, Init().exitCode);
+    EXPECT_EQ(EXIT_USAGE, Run({L"backup", L"--app", L"App", L"--repo", repository, L"--simulate", machine.directory(),
+                               L"--volume", L"rubbish"})
+                              .exitCode);
+}
+
+TEST_F(VtBackupUsage, AVolumeMayBeNamedInEveryForm)
+{
+    ASSERT_EQ(EXIT_OK, Init().exitCode);
+    for (const std::wstring& name : {volume.guid, L"Volume" + volume.guid, volume.Path(), std::wstring(L"E:")}) {
+        const Result result = Run({L"backup", L"--json", L"--app", L"App", L"--repo", repository, L"--simulate",
+                                   machine.directory(), L"--volume", name});
+        EXPECT_EQ(EXIT_OK, result.exitCode) << result.err;
+    }
+    EXPECT_TRUE(Contents() == Restored(4));
+}
+
+TEST_F(VtBackupUsage, TheRealMachineNeedsCommandsForSnapshots)
+{
+    ASSERT_EQ(EXIT_OK, Init().exitCode);
+    const Result result =
+        Run({L"backup", L"--json", L"--app", L"App", L"--repo", repository, L"--volume", volume.guid});
+    EXPECT_EQ(EXIT_USAGE, result.exitCode);
+    EXPECT_NE(std::string::npos, result.message.find("--snapshot-create"));
+}
+
+TEST_F(VtBackupUsage, AFolderWithOtherFilesIsNoPlaceForARepository)
+{
+    CreateDirectoryW(repository.c_str(), nullptr);
+    WriteFileBytes(repository + L"\\letter.txt", {1, 2, 3});
+    EXPECT_EQ(EXIT_REPOSITORY, Init().exitCode);
+}
+
+TEST_F(VtBackupUsage, ADriverThatDoesNotWorkIsExitCode5)
+{
+    ASSERT_EQ(EXIT_OK, Init().exitCode);
+    machine.SetDriver(VTFLTSIM_DRIVER_ABSENT);
+    machine.SetService(VTFLTSIM_SERVICE_ABSENT);
+    const Result result = Backup();
+    EXPECT_EQ(EXIT_DRIVER_DOWN, result.exitCode);
+    EXPECT_EQ("driver-down", result.result);
+}
+
+TEST_F(VtBackupUsage, AnUnregisteredApplicationIsRefusedUnlessItIsToBeRegistered)
+{
+    ASSERT_EQ(EXIT_OK, Init().exitCode);
+    EXPECT_EQ(EXIT_REFUSED, Backup(L"Other").exitCode);
+    std::vector<std::wstring> arguments = Arguments(L"backup", L"Other", &volume);
+    arguments.push_back(L"--register");
+    const Result result = Run(arguments);
+    EXPECT_EQ(EXIT_OK, result.exitCode) << result.err;
+    EXPECT_EQ("full", result.kind);
+}
+
+TEST_F(VtBackupUsage, ApplicationIdsThatWouldShareFilesOrListsAreRefusedWithTheReason)
+{
+    ASSERT_EQ(EXIT_OK, Init(L"Nightly").exitCode);
+    const struct {
+        std::wstring id;
+        const char* reason;
+    } refused[] = {
+        {L"nightly", "only in case"},       {L"Nightly.Last", ".Last"},         {L"App.LAST", ".Last"},
+        {L"ly", "is the tail of"},          {L"MyNightly", "ends in the"},      {L"a*b", "\\\"*\\\""},
+        {L"a/b", "cannot stand in a file"}, {L"a?b", "cannot stand in a file"}, {std::wstring(181, L'x'), "longer"},
+    };
+    for (const auto& item : refused) {
+        const Result result = Init(item.id.c_str());
+        EXPECT_EQ(EXIT_REFUSED, result.exitCode) << item.reason;
+        EXPECT_NE(std::string::npos, result.out.find(item.reason)) << result.out;
+    }
+    EXPECT_EQ(EXIT_REFUSED, Init(L"").exitCode);
+    // Nothing of that is an accident of a rule that refuses everything.
+    EXPECT_EQ(EXIT_OK, Init(L"Hourly").exitCode);
+    EXPECT_EQ(EXIT_OK, Init(std::wstring(180, L'x').c_str()).exitCode);
+}
+
+TEST_F(VtBackupUsage, InitMayBeRepeatedAndTakenBack)
+{
+    const std::wstring key = L"System\\CurrentControlSet\\Control\\Class\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}";
+    ASSERT_EQ(EXIT_OK, Init().exitCode);
+    ASSERT_EQ(EXIT_OK, Init().exitCode);
+    EXPECT_FALSE(machine.ReadValue(key, L"UpperFilters").empty());
+    std::vector<std::wstring> undo = Arguments(L"init");
+    undo.push_back(L"--undo");
+    EXPECT_EQ(EXIT_OK, Run(undo).exitCode);
+    EXPECT_LE(machine.ReadValue(key, L"UpperFilters").size(), 4u); // the filter is off again: an empty list at most
+    EXPECT_EQ(EXIT_REFUSED, Backup().exitCode);
+}
+
+TEST_F(VtBackupUsage, AnExistingFileIsOnlyOverwrittenOnRequest)
+{
+    ASSERT_EQ(EXIT_OK, Init().exitCode);
+    ASSERT_EQ(EXIT_OK, Backup().exitCode);
+    const std::wstring file = repository + L".restored";
+    WriteFileBytes(file, {1, 2, 3});
+    std::vector<std::wstring> restore = Arguments(L"restore", L"App", &volume);
+    restore.insert(restore.end(), {L"--to", file});
+    EXPECT_EQ(EXIT_USAGE, Run(restore).exitCode);
+    EXPECT_EQ(3u, ReadFileBytes(file).size());
+    DeleteFileW(file.c_str());
+}
+
+TEST_F(VtBackupUsage, ARestoreOntoAVolumeReplacesAllOfIt)
+{
+    ASSERT_EQ(EXIT_OK, Init().exitCode);
+    ASSERT_EQ(EXIT_OK, Backup().exitCode);
+    const std::vector<std::uint8_t> before = Contents();
+    for (std::uint64_t block = 0; block < 250; block += 7)
+        Write(block, 0xEE); // also where the backup holds zeros
+    std::vector<std::wstring> restore = Arguments(L"restore", L"App", &volume);
+    restore.insert(restore.end(), {L"--to", volume.guid});
+    EXPECT_EQ(EXIT_OK, Run(restore).exitCode);
+    EXPECT_TRUE(before == Contents());
+    const Result next = Backup();
+    EXPECT_EQ("incremental", next.kind);
+    EXPECT_TRUE(Contents() == Restored());
+}
+
+TEST_F(VtBackupUsage, ARestoreOntoAShorterVolumeIsRefused)
+{
+    ASSERT_EQ(EXIT_OK, Init().exitCode);
+    ASSERT_EQ(EXIT_OK, Backup().exitCode);
+    const vtfltsim::Volume shorter = machine.AddVolume(LENGTH - 1, BLOCK);
+    std::vector<std::wstring> restore = Arguments(L"restore", L"App", &volume);
+    restore.insert(restore.end(), {L"--to", shorter.guid});
+    EXPECT_EQ(EXIT_USAGE, Run(restore).exitCode);
+}
+
+} // namespace

@@ -185,6 +185,7 @@ TEST_F(VtBackupCycle, SnapshotChangesThatCannotBeHandedBackAreNoSuccess)
     EXPECT_EQ(EXIT_NOT_REPORTED, result.exitCode) << result.out;
     EXPECT_EQ("failed", result.snapshotChanges);
     EXPECT_FALSE(result.reported);
+    EXPECT_FALSE(Exists(BackupFile(2, L"reported")));
     ExpectVerify(Backup(), "snapshot-changes-lost");
     EXPECT_TRUE(Contents() == Restored());
     ExpectIncremental(Backup(), 0);
@@ -199,7 +200,9 @@ TEST_F(VtBackupCycle, SnapshotChangesThatCannotBeFetchedAreNoSuccess)
         machine.FailRequest(GET_BITMAP, ERROR_CRC, info.devicePath);
     });
     EXPECT_EQ(EXIT_NOT_REPORTED, result.exitCode) << result.out;
+    EXPECT_FALSE(Exists(BackupFile(2, L"reported")));
     ExpectVerify(Backup(), "snapshot-changes-lost");
+    EXPECT_TRUE(Exists(BackupFile(3, L"reported")));
 }
 
 TEST_F(VtBackupCycle, WithoutTrackedSnapshotsTheBackupSaysSo)
@@ -257,6 +260,19 @@ TEST_F(VtBackupCycle, AResizeInTheMiddleOfABackupLosesNothing)
     });
     EXPECT_EQ(EXIT_OK, result.exitCode) << result.err;
     EXPECT_EQ(EXIT_OK, Backup().exitCode);
+    EXPECT_TRUE(Contents() == Restored());
+}
+
+TEST_F(VtBackupCycle, AVolumeThatShrinksBehindTheSnapshotIsStoredAsTheSnapshotIs)
+{
+    Write(250, 0x66); // the bitmap of the shorter volume will not speak of it
+    const std::vector<std::uint8_t> atSnapshot = Contents();
+    const Result result = BackupWith(beforeFetch, [&](Process&) {
+        vtfltsim::Check("resize", VTFltSimResizeVolume(machine.handle(), volume.guid.c_str(), 600000));
+    });
+    ExpectVerify(result, "geometry-changed-meanwhile");
+    EXPECT_TRUE(atSnapshot == Restored());
+    ExpectVerify(Backup(), "length-changed");
     EXPECT_TRUE(Contents() == Restored());
 }
 

@@ -120,6 +120,19 @@ TEST_F(VtBackupDamage, RandomBytesInIndexAndManifestNeverCrashAndNeverRestoreWro
     DeleteFileW((repository + L".restored").c_str());
 }
 
+TEST_F(VtBackupDamage, AManifestThatIsNestedWithoutEndIsDamage)
+{
+    std::string text = "{\"checksum\":\"\",\"manifest\":";
+    text += std::string(500000, '[') + std::string(500000, ']') + "}";
+    WriteFileBytes(BackupFile(2, L"manifest.json"), std::vector<std::uint8_t>(text.begin(), text.end()));
+    EXPECT_EQ(EXIT_DAMAGED, Run({L"verify", L"--json", L"--repo", repository}).exitCode);
+    EXPECT_EQ(EXIT_DAMAGED, Run({L"list", L"--json", L"--repo", repository}).exitCode);
+    ExpectDamagedRestore();
+    const Result result = Backup();
+    EXPECT_EQ(EXIT_OK, result.exitCode);
+    EXPECT_TRUE(result.Has("chain-damaged"));
+}
+
 TEST_F(VtBackupDamage, ADamagedRepositoryFileIsDamage)
 {
     WriteFileBytes(repository + L"\\repository.json", {'{', '}'});

@@ -24,6 +24,8 @@ std::string UnsuitableAlone(std::wstring_view id)
         if (c < 0x20 || std::wstring_view(L"<>:\"/\\|?").find(c) != std::wstring_view::npos)
             return "it contains a character that cannot stand in a file name, and its bitmap files carry it";
     }
+    if (ToWide(ToUtf8(id)) != id)
+        return "it is no valid text, so the repository could not keep it";
     if (EndsWithIgnoringCase(id, L".Last"))
         return "it ends in \".Last\", so its pending list would be another application's verify list";
     return {};

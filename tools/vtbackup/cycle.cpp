@@ -4,6 +4,7 @@
 #include "change_map.h"
 #include "copy.h"
 #include "failure.h"
+#include "held_snapshot.h"
 #include "interrupt.h"
 #include "library.h"
 #include "text.h"
@@ -44,43 +45,6 @@ std::string UtcNow()
     return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}Z", t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute,
                        t.wSecond);
 }
-
-// Holds the snapshot for the time of the backup and deletes it at every end that the process lives to see.
-class HeldSnapshot {
-public:
-    HeldSnapshot(const Machine& machine, const std::string& application, const VolumeName& volume)
-        : m_machine(machine), m_application(application), m_volume(volume),
-          m_snapshot(machine.Snapshots().Create(volume))
-    {
-        try {
-            machine.State().NoteSnapshot(application, volume, m_snapshot.id);
-        } catch (...) {
-            machine.Snapshots().Delete(m_snapshot.id);
-            throw;
-        }
-    }
-    ~HeldSnapshot()
-    {
-        try {
-            if (m_keep || m_machine.Snapshots().Delete(m_snapshot.id))
-                m_machine.State().ForgetSnapshot(m_application, m_volume);
-        } catch (const Failure&) {
-            // The note stays, and the next backup tries again.
-        }
-    }
-    HeldSnapshot(const HeldSnapshot&) = delete;
-    HeldSnapshot& operator=(const HeldSnapshot&) = delete;
-
-    [[nodiscard]] const Snapshot& Get() const noexcept { return m_snapshot; }
-    void Keep() noexcept { m_keep = true; }
-
-private:
-    const Machine& m_machine;
-    const std::string& m_application;
-    const VolumeName& m_volume;
-    Snapshot m_snapshot;
-    bool m_keep = false;
-};
 
 class Cycle {
 public:
@@ -145,11 +109,7 @@ BackupResult Cycle::Run()
     // Without the driver every question below would be answered "verify" for ever, and writes would go unseen.
     RequireDriver();
 
-    if (const std::wstring left = m_machine.State().LeftSnapshot(m_application, m_request.volume);
-        !left.empty() && m_machine.Snapshots().NeverReusesIds()) {
-        m_machine.Snapshots().Delete(left); // of a run that was killed; it may be gone already
-        m_machine.State().ForgetSnapshot(m_application, m_request.volume);
-    }
+    DeleteLeftSnapshot(m_machine, m_application, m_request.volume);
     m_chain.RemoveUnfinished();
     LookAtChain();
     try {

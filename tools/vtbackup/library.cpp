@@ -79,7 +79,7 @@ std::uint32_t BitmapManager::BlockSize() const
     DWORD size = 0;
     if (const DWORD result = VTFltGetBlockSize(m_volume.Get(), &size, 0); result != 0)
         Fail("VTFltGetBlockSize", result);
-    if (size == 0)
+    if (size == 0 || size > MAX_BLOCK_SIZE)
         Fail("VTFltGetBlockSize", ERROR_INVALID_DATA);
     return size;
 }

@@ -48,6 +48,17 @@ std::uint64_t Number(const json& object, const char* key)
     return value.get<std::uint64_t>();
 }
 
+// A manifest is three levels deep. Deeper text is refused while it is parsed: writing it out again, for the
+// checksum, would take stack for every level.
+json ParseShallow(const std::string& text)
+{
+    return json::parse(text, [](int depth, json::parse_event_t, const json&) {
+        if (depth > 8)
+            throw std::runtime_error("it is nested too deeply");
+        return true;
+    });
+}
+
 Manifest FromJson(const json& object)
 {
     if (Number(object, "format") != FORMAT)
@@ -73,7 +84,7 @@ Manifest FromJson(const json& object)
     m.dataLength = Number(object, "dataLength");
     m.indexLength = Number(object, "indexLength");
     m.indexChecksum = object.at("indexChecksum").get<std::string>();
-    if (blockSize == 0 || blockSize > 0x40000000 || m.geometry.length == 0 || m.geometry.length > (1ULL << 62))
+    if (blockSize == 0 || blockSize > MAX_BLOCK_SIZE || m.geometry.length == 0 || m.geometry.length > (1ULL << 62))
         throw std::runtime_error("impossible block size or length");
     m.geometry.blockSize = static_cast<std::uint32_t>(blockSize);
     const bool full = m.kind == Kind::Full;
@@ -137,7 +148,7 @@ std::string FormatManifest(Manifest& manifest)
 Manifest ParseManifest(const std::string& text, const std::string& fileName)
 {
     try {
-        const json outer = json::parse(text);
+        const json outer = ParseShallow(text);
         const json& inner = outer.at("manifest");
         const std::string compact = inner.dump();
         const std::string checksum = ToHex(ChecksumOf(compact.data(), compact.size()));

@@ -34,6 +34,9 @@ struct BlockRun {
     std::uint64_t end = 0;
 };
 
+// No buffer for a block is larger, whatever a file or a driver says.
+constexpr std::uint32_t MAX_BLOCK_SIZE = 64 * 1024 * 1024;
+
 struct Geometry {
     std::uint64_t length = 0; // bytes
     std::uint32_t blockSize = 0;

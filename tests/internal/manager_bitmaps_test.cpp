@@ -6,7 +6,7 @@ namespace {
 using namespace vttest;
 using vtflt::BM_ERR_MUTEX_ACCESS;
 
-class ManagerReset : public ManagerTest {};
+class ManagerReset : public ListedManagerTest {};
 
 TEST_F(ManagerReset, BaseBeforeAnyBitmapWasLoadedIsAGeneralFailure)
 {
@@ -88,7 +88,7 @@ TEST_F(ManagerReset, FailedWriteOfTheChildIsLoggedAndReturned)
          {0, ERROR_DISK_FULL, L"CMultiBitmapManager::ResetChildBitmap: Failed to reset child bitmap file"}});
 }
 
-class ManagerGetBase : public ManagerTest {
+class ManagerGetBase : public ListedManagerTest {
 protected:
     // Copies into a buffer of so many bytes, with more bytes behind it that must stay.
     Bytes Get(DWORD& length)
@@ -136,7 +136,7 @@ TEST_F(ManagerGetBase, WithoutABaseRecordTheLengthIsZeroAndThatIsASuccess)
     log.ExpectNothingLogged();
 }
 
-class ManagerRemove : public ManagerTest {
+class ManagerRemove : public ListedManagerTest {
 protected:
     std::wstring Removing(const std::wstring& path) const
     {

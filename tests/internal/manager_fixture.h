@@ -6,14 +6,15 @@
 
 namespace vttest {
 
-class ManagerTest : public MachineTest {
+// Lists its applications without registering them, so they have no files until a case makes some.
+class ListedManagerTest : public MachineTest {
 protected:
     static constexpr wchar_t APP[] = L"app1";
     static constexpr wchar_t OTHER[] = L"app2";
     static constexpr DWORD BLOCK_SIZE = 65536;
     static constexpr std::size_t BITMAP_BYTES = 24;
 
-    ManagerTest() : volume(machine.AddVolume(64 * BLOCK_SIZE, BLOCK_SIZE)) { Register({APP, OTHER}); }
+    ListedManagerTest() : volume(machine.AddVolume(64 * BLOCK_SIZE, BLOCK_SIZE)) { Register({APP, OTHER}); }
 
     void Register(const std::vector<std::wstring>& ids) { SetList(APP_IDS_KEY, APP_IDS_VALUE, ids); }
     std::wstring VolumeName() const { return L"Volume" + volume.guid; }

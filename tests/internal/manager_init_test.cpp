@@ -5,7 +5,7 @@ namespace {
 
 using namespace vttest;
 
-class ManagerInit : public ManagerTest {
+class ManagerInit : public ListedManagerTest {
 protected:
     std::wstring BaseNamed(const std::wstring& volumeName, const std::wstring& id) const
     {

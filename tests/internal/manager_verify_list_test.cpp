@@ -12,7 +12,7 @@ const std::wstring FOUND = L"CMultiBitmapManager::IsVerifyRequired::Found the vo
 const std::wstring DELETED =
     L"CMultiBitmapManager::resetVerifyVolume::Need to delete this volume from verify volume list";
 
-class ManagerVerifyList : public ManagerTest {
+class ManagerVerifyList : public ListedManagerTest {
 protected:
     ManagerVerifyList() { Init(); }
 

@@ -233,7 +233,7 @@ DWORD Machine::ResizeVolume(std::uint32_t serial, std::uint64_t length)
 {
     if (length == 0)
         return ERROR_INVALID_PARAMETER;
-    return WithVolume(serial, [&](model::VolumeRecord& volume, Volume& mapped) -> DWORD {
+    const auto resize = [&](model::VolumeRecord& volume, Volume& mapped) -> DWORD {
         if (length < volume.length) {
             std::vector<model::SnapshotContents> snapshots;
             DWORD code = MapSnapshotsOf(volume, snapshots);
@@ -244,7 +244,17 @@ DWORD Machine::ResizeVolume(std::uint32_t serial, std::uint64_t length)
         }
         const DWORD code = mapped.store->Resize(length);
         return code != 0 ? code : NewGeometry(volume, length, volume.blockSize, true);
+    };
+    bool shrinks = false;
+    const DWORD code = WithVolume(serial, [&](model::VolumeRecord& volume, Volume&) -> DWORD {
+        shrinks = length < volume.length;
+        return 0;
     });
+    if (code != 0)
+        return code;
+    // The bits behind the new end go with it. Should the volume grow again before the next backup, or the backup of an
+    // earlier snapshot be under way, only the list tells that something is missing.
+    return shrinks ? ForgetWith(serial, resize) : WithVolume(serial, resize);
 }
 
 DWORD Machine::SetBlockSize(std::uint32_t serial, DWORD blockSize)

@@ -1,5 +1,6 @@
 #include "command_line.h"
 
+#include "console.h"
 #include "failure.h"
 
 #include <CLI/CLI.hpp>
@@ -99,6 +100,7 @@ ParsedCommandLine ParseCommandLine(std::vector<std::string> arguments)
     for (CLI::App* command : app.get_subcommands({}))
         command->footer(FOOTER);
 
+    const bool json = std::find(arguments.begin(), arguments.end(), "--json") != arguments.end();
     std::reverse(arguments.begin(), arguments.end()); // as CLI11 takes them
     try {
         app.parse(arguments);
@@ -108,6 +110,8 @@ ParsedCommandLine ParseCommandLine(std::vector<std::string> arguments)
         parsed.exitCode = 0;
     } catch (const CLI::ParseError& error) {
         std::cerr << "vtbackup: " << error.what() << "\nTry \"vtbackup --help\".\n";
+        if (json)
+            PrintJson({{"result", OutcomeName(Exit::Usage)}, {"message", error.what()}});
         parsed.exitCode = static_cast<int>(Exit::Usage);
     }
     return parsed;

@@ -41,7 +41,13 @@ std::optional<VolumeName> VolumeOf(const Options& options)
 
 void SwitchMonitoring(const Machine& machine, const Options& options, bool on)
 {
-    if (options.noMonitor || machine.State().AskedForMonitoring(options.application) == on)
+    if (options.noMonitor)
+        return;
+    // The library counts the requests: two of these at once would count twice and note it once.
+    const std::wstring application = ToWide(options.application);
+    const Lock lock(machine.Locks().Application(application), {application, L"", L"monitoring"},
+                    fmt::format("application \"{}\"", options.application));
+    if (machine.State().AskedForMonitoring(options.application) == on)
         return;
     const DWORD result = on ? VTFltEnableMonitorForSnapshot(nullptr) : VTFltDisableMonitorForSnapshot(nullptr);
     if (result != 0)
@@ -63,8 +69,10 @@ Exit Init(const Options& options)
     RequireDriver();
     std::string id;
     if (options.undo) {
-        UnregisterApplication(machine, application);
+        // In this order a run that was killed in between can be repeated: once the application is gone, another
+        // attempt would be refused before it took the request back.
         SwitchMonitoring(machine, options, false);
+        UnregisterApplication(machine, application);
     } else {
         id = Repository::Create(ToWide(options.repository)).Id();
         if (options.reset && IsRegisteredNow(application))

@@ -62,9 +62,10 @@ private:
     void AskWhetherToVerify(const Reason& reason);
     void BackUp();
     void FetchChanges(const Volume& volume);
-    void SettleGeometry(const Volume& snapshot, const BitmapManager& manager);
+    void SettleGeometry(const Volume& volume, const Volume& snapshot, const BitmapManager& manager);
     void Copy(const Volume& snapshot);
     void HandBackSnapshotChanges(const Volume& snapshot, const BitmapManager& manager);
+    void NoteSuccess(bool before);
     void Report(const BitmapManager& manager);
     void NotReportable(const std::string& why);
 
@@ -77,6 +78,7 @@ private:
     Doubts m_doubts;
     std::optional<Manifest> m_last;            // nothing when there is no usable chain
     std::unique_ptr<ChainReader> m_lastReader; // of its contents
+    bool m_lastIsOurs = false;                 // this machine's bitmaps hold what changed since m_last
     std::uint32_t m_firstBlockSize = 0;
     FetchedMap m_changes;
     std::unique_ptr<BackupWriter> m_writer;
@@ -86,6 +88,7 @@ private:
 BackupResult Cycle::Run()
 {
     const std::string volume = ToUtf8(m_request.volume.guid);
+    CheckApplicationId(m_request.application); // an ID that is refused cannot always name a lock
     if (m_request.registerFirst)
         RegisterApplication(m_machine, m_request.application);
 
@@ -99,7 +102,8 @@ BackupResult Cycle::Run()
     const Lock volumeLock(m_machine.Locks().Volume(m_request.volume.guid),
                           {m_request.application, m_request.volume.guid, L"backup"}, fmt::format("volume {}", volume));
 
-    // Two IDs that the system's name rules confuse would share bitmap files, and each would clear the other's.
+    // Two IDs that the system's name rules confuse would share bitmap files, and each would clear the other's. Asked
+    // again, now that nobody who takes these locks can register one.
     CheckApplicationId(m_request.application);
     const std::vector<std::wstring> registered = RegisteredApplications();
     if (std::find(registered.begin(), registered.end(), m_request.application) == registered.end())
@@ -119,7 +123,7 @@ BackupResult Cycle::Run()
         // Nothing of a backup without a manifest counts; a failure to tidy up must not hide the real one.
         try {
             m_chain.RemoveUnfinished();
-        } catch (const Failure&) {
+        } catch (...) {
         }
         throw;
     }
@@ -150,30 +154,31 @@ void Cycle::LookAtChain()
     CompareWithLastSuccess();
 }
 
-// The library forgets at every reported success, wherever that backup was stored. If the last success went into
-// another repository, or into a later backup than this copy of the repository knows, then this chain misses what
-// was forgotten there.
+// The library forgets at every reported success, wherever that backup was stored, so this chain may only go on from
+// the very backup whose success this machine reported last. If that one went into another repository, or the chain
+// ends otherwise than this machine left it, then what lies between was never in this machine's bitmaps, or is no more.
 void Cycle::CompareWithLastSuccess()
 {
+    if (!m_last->reportable)
+        return; // it says itself that the next one reads everything
+    const auto isLast = [this](const BackupMark& mark) {
+        return mark.sequence == m_last->sequence && mark.manifestChecksum == m_last->checksum;
+    };
     const std::optional<LastSuccess> success = m_machine.State().Read(m_application, m_request.volume);
     if (!success) {
         m_doubts.verify.push_back(
             reason::ChangesTakenElsewhere("this machine has no note of a success that this chain could go on from"));
-        return;
-    }
-    if (success->repository != m_repository.Id()) {
+    } else if (success->repository != m_repository.Id()) {
         m_doubts.verify.push_back(
             reason::ChangesTakenElsewhere("the last successful backup went into another repository"));
-        return;
+    } else if (isLast(success->backup) || (success->before && isLast(*success->before))) {
+        m_lastIsOurs = true;
+    } else {
+        m_doubts.verify.push_back(reason::ChangesTakenElsewhere(
+            fmt::format("the chain ends with backup {}, but the last successful one of this machine is another "
+                        "backup {}: one of the two was put back from an older state, or shares its name with a third",
+                        m_last->sequence, success->backup.sequence)));
     }
-    try {
-        if (m_chain.ReadManifest(success->sequence).checksum == success->manifestChecksum)
-            return;
-    } catch (const Failure&) {
-        // as good as not there
-    }
-    m_doubts.verify.push_back(reason::ChangesTakenElsewhere(
-        fmt::format("backup {}, the last successful one, is not the one in this repository", success->sequence)));
 }
 
 void Cycle::AskWhetherToVerify(const Reason& reason)
@@ -188,9 +193,9 @@ void Cycle::AskWhetherToVerify(const Reason& reason)
 
 void Cycle::BackUp()
 {
+    const Volume volume(m_request.volume.Device(), Volume::Access::Read);
     AskWhetherToVerify(reason::VerifyList());
 
-    const Volume volume(m_request.volume.Device(), Volume::Access::Read);
     const BitmapManager manager(volume, m_request.volume, m_request.application);
     m_firstBlockSize = manager.BlockSize();
     StopIfInterrupted();
@@ -203,7 +208,7 @@ void Cycle::BackUp()
     const Volume snapshot(held.Get().device, Volume::Access::Read);
 
     FetchChanges(volume);
-    SettleGeometry(snapshot, manager);
+    SettleGeometry(volume, snapshot, manager);
     Copy(snapshot);
     HandBackSnapshotChanges(snapshot, manager);
     Report(manager);
@@ -245,12 +250,15 @@ void Cycle::FetchChanges(const Volume& volume)
 
 // A bitmap means nothing without the block size and the length that it was made for. No export announces that they
 // changed, so they are compared with the last manifest, and with themselves a moment ago.
-void Cycle::SettleGeometry(const Volume& snapshot, const BitmapManager& manager)
+void Cycle::SettleGeometry(const Volume& volume, const Volume& snapshot, const BitmapManager& manager)
 {
     Geometry& geometry = m_result.manifest.geometry;
     geometry.length = snapshot.Length();
     geometry.blockSize = manager.BlockSize();
-    if (geometry.blockSize != m_firstBlockSize || (m_changes.whole && m_changes.map.Bits() < geometry.Blocks())) {
+    // The map's length is rounded up, so the volume's is asked too: one that shrank since the snapshot has dropped the
+    // bits of blocks that the snapshot still has.
+    if (geometry.blockSize != m_firstBlockSize || volume.Length() != geometry.length ||
+        (m_changes.whole && m_changes.map.Bits() < geometry.Blocks())) {
         m_doubts.verify.push_back(reason::GeometryMoved());
         m_result.manifest.next.push_back(reason::GeometryMoved());
     }
@@ -302,7 +310,9 @@ void Cycle::HandBackSnapshotChanges(const Volume& snapshot, const BitmapManager&
 {
     const FetchedMap written = FetchMap(snapshot, true);
     if (written.result == ERROR_INVALID_FUNCTION || written.result == ERROR_NOT_SUPPORTED) {
-        // Snapshots are not tracked on this machine. This program opens its snapshot for reading only.
+        // Snapshots are not tracked on this machine. This program opens its snapshot for reading only. A driver that
+        // just went away answers so, too; then this question fails as well.
+        static_cast<void>(manager.BlockSize());
         m_result.snapshotChanges = "untracked";
         return;
     }
@@ -314,7 +324,7 @@ void Cycle::HandBackSnapshotChanges(const Volume& snapshot, const BitmapManager&
     std::string why;
     if (written.result != 0 || !written.whole) {
         why = fmt::format("the snapshot's own changes could not be fetched: {}", ErrorText(written.result));
-    } else if (!m_result.notReported.empty() || !m_changes.whole) {
+    } else if (!m_result.notReported.empty()) {
         why = "there is no bitmap of the volume to hand them back into";
     } else if (DirectBlockSize(snapshot) != m_result.manifest.geometry.blockSize) {
         why = "the snapshot is tracked in blocks of another size than the volume";
@@ -350,17 +360,36 @@ void Cycle::NotReportable(const std::string& why)
         m_result.notReported = why;
 }
 
+// Notes where this chain may go on. before: whether it may as well go on from the last backup, because success was
+// not reported yet.
+void Cycle::NoteSuccess(bool before)
+{
+    const Manifest& manifest = m_result.manifest;
+    LastSuccess success{m_repository.Id(), {manifest.sequence, manifest.checksum}, {}};
+    if (before && m_lastIsOurs)
+        success.before = BackupMark{m_last->sequence, m_last->checksum};
+    m_machine.State().Write(m_application, m_request.volume, success);
+}
+
 void Cycle::Report(const BitmapManager& manager)
 {
     StopIfInterrupted(); // the last place where stopping leaves no backup behind
     Manifest& manifest = m_result.manifest;
     m_writer->Finish(manifest);
-    m_writer->Commit(manifest);
+    if (manifest.reportable)
+        NoteSuccess(true);
+    m_writer->Commit();
     // From here on the backup is in the repository and on the disk. Reported any earlier, a crash would leave the
     // changes forgotten and not stored; a crash from here on only makes them come once more.
     if (!manifest.reportable)
         return;
-    m_machine.State().Write(m_application, m_request.volume, {m_repository.Id(), manifest.sequence, manifest.checksum});
+    try {
+        // Once success is reported, a chain that ends one backup earlier misses what was forgotten.
+        NoteSuccess(false);
+    } catch (const Failure& failure) {
+        m_result.notReported = failure.what();
+        return;
+    }
     if (const std::uint32_t result = manager.ReportSuccess(); result != 0) {
         m_result.notReported = fmt::format("VTFltReplicationSuccess failed: {}", ErrorText(result));
         return;

@@ -20,7 +20,14 @@ constexpr std::size_t BUFFER_BYTES = 1024 * 1024;
 bool IsThere(const std::wstring& path, bool folder)
 {
     const DWORD attributes = GetFileAttributesW(path.c_str());
-    return attributes != INVALID_FILE_ATTRIBUTES && ((attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) == folder;
+    if (attributes != INVALID_FILE_ATTRIBUTES)
+        return ((attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) == folder;
+    // Only these say that it is not there. A share that hiccups must not make a manifest look missing: its backup
+    // would be taken for an unfinished one and removed.
+    const DWORD error = GetLastError();
+    if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND && error != ERROR_INVALID_NAME)
+        Fail("look for", path, error);
+    return false;
 }
 
 } // namespace
@@ -72,6 +79,12 @@ void MakeFolders(const std::wstring& path)
     }
     if (error != ERROR_ALREADY_EXISTS || !FolderExists(path))
         Fail("make folder", path, error);
+}
+
+void MakeNewFolder(const std::wstring& path)
+{
+    if (!CreateDirectoryW(path.c_str(), nullptr))
+        Fail("make folder", path, GetLastError());
 }
 
 std::vector<FolderEntry> ListFolder(const std::wstring& path)

@@ -16,10 +16,13 @@ namespace vtbackup {
 std::wstring AbsolutePath(const std::wstring& path);
 std::wstring Join(const std::wstring& folder, const std::wstring& name);
 
+// False only when the system says that there is none; any other answer throws.
 bool FileExists(const std::wstring& path);
 bool FolderExists(const std::wstring& path);
 // Makes the folder and its missing parents.
 void MakeFolders(const std::wstring& path);
+// Makes a folder that must not be there yet; its parents are.
+void MakeNewFolder(const std::wstring& path);
 // Deletes the folder and the plain files in it; used for folders that hold nothing but files.
 void RemoveFolderWithFiles(const std::wstring& path);
 void RemoveFileIfThere(const std::wstring& path);

@@ -133,7 +133,10 @@ std::wstring LockNames::Application(std::wstring_view id) const
 
 std::wstring LockNames::Volume(std::wstring_view guid) const
 {
-    return m_prefix + L"Volume" + std::wstring(guid) + L".Lock";
+    // Names of mutexes are case-sensitive, GUIDs are not.
+    std::wstring folded(guid);
+    CharLowerBuffW(folded.data(), static_cast<DWORD>(folded.size()));
+    return m_prefix + L"Volume" + folded + L".Lock";
 }
 
 } // namespace vtbackup

@@ -12,6 +12,16 @@ using nlohmann::json;
 
 constexpr std::uint64_t LIMIT = 64 * 1024;
 
+json ToJson(const BackupMark& mark)
+{
+    return {{"sequence", mark.sequence}, {"manifestChecksum", mark.manifestChecksum}};
+}
+
+BackupMark MarkFrom(const json& object)
+{
+    return {object.at("sequence").get<std::uint64_t>(), object.at("manifestChecksum").get<std::string>()};
+}
+
 } // namespace
 
 std::wstring MachineState::ApplicationFolder(const std::string& application) const
@@ -31,8 +41,10 @@ std::optional<LastSuccess> MachineState::Read(const std::string& application, co
         const json object = json::parse(text.value_or(""), nullptr, false);
         if (!object.is_object() || object.value("application", "") != application)
             return std::nullopt;
-        return LastSuccess{object.at("repository").get<std::string>(), object.at("sequence").get<std::uint64_t>(),
-                           object.at("manifestChecksum").get<std::string>()};
+        LastSuccess success{object.at("repository").get<std::string>(), MarkFrom(object.at("backup")), {}};
+        if (object.contains("before"))
+            success.before = MarkFrom(object.at("before"));
+        return success;
     } catch (const json::exception&) {
         return std::nullopt;
     } catch (const Failure&) {
@@ -43,11 +55,12 @@ std::optional<LastSuccess> MachineState::Read(const std::string& application, co
 void MachineState::Write(const std::string& application, const VolumeName& volume, const LastSuccess& success) const
 {
     MakeFolders(ApplicationFolder(application));
-    const json object = {{"application", application},
-                         {"volume", ToUtf8(volume.guid)},
-                         {"repository", success.repository},
-                         {"sequence", success.sequence},
-                         {"manifestChecksum", success.manifestChecksum}};
+    json object = {{"application", application},
+                   {"volume", ToUtf8(volume.guid)},
+                   {"repository", success.repository},
+                   {"backup", ToJson(success.backup)}};
+    if (success.before)
+        object["before"] = ToJson(*success.before);
     WriteSmallFileDurably(File(application, volume, L".success.json"), object.dump(2) + "\n");
 }
 

@@ -14,10 +14,21 @@
 
 namespace vtbackup {
 
-struct LastSuccess {
-    std::string repository; // its id
+// A backup of a chain, by what nobody can make twice.
+struct BackupMark {
     std::uint64_t sequence = 0;
     std::string manifestChecksum;
+};
+
+// The backup that a chain may go on from, and nothing else: the library's bitmaps hold what changed since then. A
+// later backup that this machine does not know was written by another one, or by a later state of this one that was
+// rolled back, and the bitmaps know nothing of the difference.
+struct LastSuccess {
+    std::string repository; // its id
+    BackupMark backup;
+    // While a backup is being committed, the one before it: whichever is found to be the chain's last afterwards,
+    // success was not reported since, and the bitmaps still hold everything since the earlier one.
+    std::optional<BackupMark> before;
 };
 
 class MachineState {

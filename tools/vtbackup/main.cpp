@@ -26,14 +26,15 @@ int Ended(const Options& options, Exit code, const std::string& message)
 int wmain(int count, wchar_t** arguments)
 {
     SetConsoleOutputCP(CP_UTF8);
-    std::vector<std::string> texts;
-    for (int i = 1; i < count; ++i)
-        texts.push_back(ToUtf8(arguments[i]));
-    const ParsedCommandLine parsed = ParseCommandLine(std::move(texts));
-    if (parsed.exitCode)
-        return *parsed.exitCode;
-    WatchForInterrupt();
+    ParsedCommandLine parsed;
     try {
+        std::vector<std::string> texts;
+        for (int i = 1; i < count; ++i)
+            texts.push_back(ToUtf8(arguments[i]));
+        parsed = ParseCommandLine(std::move(texts));
+        if (parsed.exitCode)
+            return *parsed.exitCode;
+        WatchForInterrupt();
         return static_cast<int>(RunCommand(parsed.options));
     } catch (const Failure& failure) {
         return Ended(parsed.options, failure.Code(), failure.what());

@@ -2,6 +2,7 @@
 
 #include "checksum.h"
 #include "failure.h"
+#include "text.h"
 
 #include <fmt/format.h>
 
@@ -13,6 +14,28 @@ namespace {
 using nlohmann::json;
 
 constexpr int FORMAT = 1;
+constexpr int DEEPEST = 8;                 // a manifest nests less; writing json out recurses, so a limit there is
+constexpr std::size_t LONGEST_PROBLEM = 200; // of a parser's message, which quotes the damaged text
+
+std::string Compact(const json& value)
+{
+    return value.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+json ParseShallow(const std::string& text)
+{
+    return json::parse(text, [](int depth, json::parse_event_t, json&) {
+        if (depth > DEEPEST)
+            throw std::runtime_error("it is nested too deeply");
+        return true;
+    });
+}
+
+// The message becomes a reason in the next backup's manifest, so no damaged byte may get through with it.
+std::string Readable(std::string_view problem)
+{
+    return ToUtf8(ToWide(problem.substr(0, LONGEST_PROBLEM)));
+}
 
 json ToJson(const std::vector<Reason>& reasons)
 {
@@ -140,9 +163,10 @@ std::string FormatManifest(Manifest& manifest)
 {
     const json inner = ToJson(manifest);
     // The checksum is of the compact text with sorted keys, so that a reader can rebuild it from any layout.
-    const std::string compact = inner.dump();
+    const std::string compact = Compact(inner);
     manifest.checksum = ToHex(ChecksumOf(compact.data(), compact.size()));
-    return json{{"manifest", inner}, {"checksum", manifest.checksum}}.dump(2) + "\n";
+    return json{{"manifest", inner}, {"checksum", manifest.checksum}}.dump(2, ' ', false, json::error_handler_t::replace) +
+           "\n";
 }
 
 Manifest ParseManifest(const std::string& text, const std::string& fileName)
@@ -150,7 +174,7 @@ Manifest ParseManifest(const std::string& text, const std::string& fileName)
     try {
         const json outer = ParseShallow(text);
         const json& inner = outer.at("manifest");
-        const std::string compact = inner.dump();
+        const std::string compact = Compact(inner);
         const std::string checksum = ToHex(ChecksumOf(compact.data(), compact.size()));
         if (outer.at("checksum").get<std::string>() != checksum)
             throw std::runtime_error("its checksum does not match");
@@ -160,7 +184,7 @@ Manifest ParseManifest(const std::string& text, const std::string& fileName)
     } catch (const std::bad_alloc&) {
         throw;
     } catch (const std::exception& e) {
-        throw Failure(Exit::Damaged, fmt::format("{} is damaged: {}", fileName, e.what()));
+        throw Failure(Exit::Damaged, fmt::format("{} is damaged: {}", fileName, Readable(e.what())));
     }
 }
 

@@ -43,6 +43,9 @@ struct Manifest {
     std::string checksum; // of this manifest as it is stored; set by FormatManifest and ParseManifest
 };
 
+// The longest manifest that is read, in bytes.
+constexpr std::uint64_t MANIFEST_LIMIT = 1024 * 1024;
+
 nlohmann::json ToJson(const Manifest& manifest);
 
 // The file's text: {"manifest": {...}, "checksum": "..."}, and manifest.checksum.

@@ -16,7 +16,7 @@ namespace {
 
 using nlohmann::json;
 
-constexpr std::uint64_t SMALL_FILE_LIMIT = 1024 * 1024;
+constexpr std::uint64_t SMALL_FILE_LIMIT = 1024 * 1024; // of repository.json and chain.json
 constexpr const wchar_t* REPOSITORY_FILE = L"repository.json";
 constexpr const wchar_t* CHAIN_FILE = L"chain.json";
 
@@ -130,14 +130,14 @@ std::vector<std::uint64_t> Chain::Backups() const
 Manifest Chain::ReadManifest(std::uint64_t sequence) const
 {
     const std::wstring path = ManifestPath(sequence);
-    const std::optional<std::string> text = ReadSmallFile(path, SMALL_FILE_LIMIT);
+    const std::optional<std::string> text = ReadSmallFile(path, MANIFEST_LIMIT);
     if (!text)
         throw Failure(Exit::NotFound, fmt::format("there is no backup {} of volume {} for application \"{}\"", sequence,
                                                   ToUtf8(m_volume.guid), m_application));
     Manifest manifest = ParseManifest(*text, ToUtf8(path));
     // A folder that was copied or renamed by hand would restore the wrong contents without a word.
     if (manifest.sequence != sequence || manifest.application != m_application ||
-        manifest.volume != ToUtf8(m_volume.guid))
+        !EqualIgnoringCase(ToWide(manifest.volume), m_volume.guid))
         throw Failure(Exit::Damaged,
                       fmt::format("{} belongs to another place: backup {} of volume {} for \"{}\"", ToUtf8(path),
                                   manifest.sequence, manifest.volume, manifest.application));
@@ -244,8 +244,13 @@ std::vector<Chain> Repository::Chains(std::wstring_view application, const Volum
         for (const FolderEntry& entry : ListFolder(Join(root, owner.name))) {
             const std::wstring folder = Join(Join(root, owner.name), entry.name);
             const std::wstring file = Join(folder, CHAIN_FILE);
-            if (!entry.folder || !FileExists(file))
-                continue; // a chain whose first backup never began
+            if (!entry.folder)
+                continue;
+            if (!FileExists(file)) {
+                if (Chain(folder, {}, {}).Backups().empty())
+                    continue; // a chain whose first backup never began
+                throw Failure(Exit::Damaged, fmt::format("{} is missing", ToUtf8(file)));
+            }
             const json content = ReadJson(file);
             const std::string id = TextMember(content, "application", file);
             const std::optional<VolumeName> name = ParseVolumeName(ToWide(TextMember(content, "volume", file)));

@@ -239,8 +239,8 @@ RestoreResult Restore(const Machine& machine, const Chain& chain, const RestoreR
     }
     const std::vector<Manifest> path = chain.PathTo(result.sequence);
     result.volumeLength = path.back().geometry.length;
-    if (const std::optional<VolumeName> volume = ParseVolumeName(request.target))
-        RestoreToVolume(machine, chain, path, *volume, result);
+    if (ParseVolumeName(request.target))
+        RestoreToVolume(machine, chain, path, ResolveVolumeName(request.target), result);
     else
         RestoreToFile(chain, path, request, result);
     return result;

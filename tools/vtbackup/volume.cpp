@@ -30,18 +30,23 @@ bool IsGuidInBraces(std::wstring_view text)
     return true;
 }
 
-// The names of the machine's volumes as enumeration gives them, \\?\Volume{...}\.
+// The names of the machine's volumes as enumeration gives them, \\?\Volume{...}\. A walk that breaks off is a
+// failure: whoever locks all volumes would otherwise lock some.
 std::vector<std::wstring> EnumerateVolumePaths()
 {
     std::vector<std::wstring> paths;
     wchar_t name[MAX_PATH] = {};
     const HANDLE search = FindFirstVolumeW(name, MAX_PATH);
-    if (search == INVALID_HANDLE_VALUE)
-        return paths;
-    do {
-        paths.emplace_back(name);
-    } while (FindNextVolumeW(search, name, MAX_PATH));
-    FindVolumeClose(search);
+    DWORD error = GetLastError();
+    if (search != INVALID_HANDLE_VALUE) {
+        do {
+            paths.emplace_back(name);
+        } while (FindNextVolumeW(search, name, MAX_PATH));
+        error = GetLastError();
+        FindVolumeClose(search);
+    }
+    if (error != ERROR_NO_MORE_FILES)
+        throw Failure(Exit::Device, fmt::format("cannot list the volumes: {}", ErrorText(error)));
     return paths;
 }
 
@@ -198,8 +203,10 @@ bool AllocatedWalk::FetchPage()
     for (std::size_t i = 0; sane && i < count && i < ranges.size(); ++i) {
         const auto begin = static_cast<std::uint64_t>(ranges[i].FileOffset.QuadPart);
         const auto bytes = static_cast<std::uint64_t>(ranges[i].Length.QuadPart);
-        if (begin >= m_geometry.length)
+        if (begin >= m_geometry.length) {
+            covered = m_geometry.length;
             break;
+        }
         const std::uint64_t end = bytes > m_geometry.length - begin ? m_geometry.length : begin + bytes;
         sane = ranges[i].FileOffset.QuadPart >= 0 && ranges[i].Length.QuadPart > 0 && end > covered;
         m_page.push_back({begin / m_geometry.blockSize, (end + m_geometry.blockSize - 1) / m_geometry.blockSize});

@@ -11,7 +11,8 @@ namespace {
 const Chain& WithFolder(const Chain& chain, std::uint64_t sequence)
 {
     chain.Create();
-    MakeFolders(chain.BackupFolder(sequence));
+    // A folder that appeared meanwhile belongs to somebody else's backup, which must not be overwritten.
+    MakeNewFolder(chain.BackupFolder(sequence));
     return chain;
 }
 
@@ -66,11 +67,16 @@ void BackupWriter::Finish(Manifest& manifest)
     manifest.dataLength = m_data.Length();
     manifest.indexLength = m_index.Length();
     manifest.indexChecksum = ToHex(footer.checksum);
+    m_manifest = FormatManifest(manifest);
+    // What its own reader would refuse must not become a backup whose success is then reported.
+    const std::string path = ToUtf8(m_chain.ManifestPath(m_sequence));
+    if (m_manifest.size() > MANIFEST_LIMIT || ParseManifest(m_manifest, path).checksum != manifest.checksum)
+        throw Failure(Exit::Internal, fmt::format("{} would not be readable", path));
 }
 
-void BackupWriter::Commit(Manifest& manifest)
+void BackupWriter::Commit()
 {
-    WriteSmallFileDurably(m_chain.ManifestPath(m_sequence), FormatManifest(manifest));
+    WriteSmallFileDurably(m_chain.ManifestPath(m_sequence), m_manifest);
 }
 
 } // namespace vtbackup

@@ -22,10 +22,10 @@ public:
     void AddBlock(std::uint64_t block, const void* bytes, std::size_t length, const Checksum& checksum);
     void AddZeroBlock(std::uint64_t block);
 
-    // Makes data and index durable and fills in the manifest's counts.
+    // Makes data and index durable and fills in the manifest's counts and checksum; it is final then.
     void Finish(Manifest& manifest);
-    // Makes the manifest durable under its name: from here on the backup exists.
-    void Commit(Manifest& manifest);
+    // Makes the finished manifest durable under its name: from here on the backup exists.
+    void Commit();
 
 private:
     void AddRecord(const IndexRecord& record);
@@ -35,6 +35,7 @@ private:
     FileWriter m_data;
     FileWriter m_index;
     RunningChecksum m_indexChecksum;
+    std::string m_manifest; // its text
     std::uint64_t m_records = 0;
     std::uint64_t m_zero = 0;
 };

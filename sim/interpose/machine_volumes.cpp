@@ -186,8 +186,8 @@ DWORD Machine::WriteVolume(std::uint32_t serial, std::uint64_t offset, const voi
         const DWORD code = MapSnapshotsOf(volume, snapshots);
         if (code != 0)
             return code;
-        return model::WriteVolume(record(), mapped.contents, snapshots, offset,
-                                  static_cast<const std::uint8_t*>(data), length);
+        return model::WriteVolume(record(), mapped.contents, snapshots, offset, static_cast<const std::uint8_t*>(data),
+                                  length);
     });
 }
 

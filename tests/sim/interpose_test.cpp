@@ -22,7 +22,8 @@ constexpr DWORD PREPARE_FOR_SNAPSHOT = 0xB0000015;
 constexpr DWORD STOP_VOLUME = 0xB000001D;
 constexpr DWORD UPDATE_DEVICE_CONFIG = 0xB0000046;
 constexpr wchar_t SERVICE_KEY[] = L"SYSTEM\\CurrentControlSet\\Services\\VTFlt";
-constexpr wchar_t SNAPSHOT_CLASS[] = L"System\\CurrentControlSet\\Control\\Class\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}";
+constexpr wchar_t SNAPSHOT_CLASS[] =
+    L"System\\CurrentControlSet\\Control\\Class\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}";
 
 std::string Narrow(const std::wstring& text)
 {
@@ -247,7 +248,8 @@ TEST_F(SimInterposeTest, FilesOnAVolumeAreRealFilesElsewhere)
     EXPECT_TRUE(WriteFile(handle, "abc", 3, &moved, nullptr));
     CloseHandle(handle);
 
-    const std::wstring real = std::wstring(m_machine.Info(m_volume).filesDirectory) + L"\\VelVolTrc\\VelVolTrc_base_app.dat";
+    const std::wstring real =
+        std::wstring(m_machine.Info(m_volume).filesDirectory) + L"\\VelVolTrc\\VelVolTrc_base_app.dat";
     EXPECT_NE(INVALID_FILE_ATTRIBUTES, GetFileAttributesW(real.c_str()));
     WIN32_FIND_DATAW found = {};
     const HANDLE search = FindFirstFileW((folder + L"\\*.*").c_str(), &found);
@@ -690,7 +692,8 @@ TEST_F(SimInterposeTest, AHugeVolumeCostsOnlyWhatIsWritten)
     wanted.Length.QuadPart = 64ll << 30;
     FILE_ALLOCATED_RANGE_BUFFER ranges[4] = {};
     DWORD returned = 0;
-    EXPECT_EQ(0u, Control(handle, FSCTL_QUERY_ALLOCATED_RANGES, ranges, sizeof(ranges), &wanted, sizeof(wanted), &returned));
+    EXPECT_EQ(
+        0u, Control(handle, FSCTL_QUERY_ALLOCATED_RANGES, ranges, sizeof(ranges), &wanted, sizeof(wanted), &returned));
     ASSERT_EQ(sizeof(ranges[0]), returned);
     EXPECT_EQ(63ll << 30, ranges[0].FileOffset.QuadPart);
     EXPECT_EQ(2 * 65536, ranges[0].Length.QuadPart);
@@ -717,7 +720,8 @@ protected:
     {
         WCHAR program[MAX_PATH] = {};
         GetModuleFileNameW(nullptr, program, MAX_PATH);
-        std::wstring line = L"\"" + std::wstring(program) + L"\" --child \"" + m_machine.directory() + L"\" " + m_volume.guid;
+        std::wstring line =
+            L"\"" + std::wstring(program) + L"\" --child \"" + m_machine.directory() + L"\" " + m_volume.guid;
         STARTUPINFOW startup = {};
         startup.cb = sizeof(startup);
         PROCESS_INFORMATION process = {};

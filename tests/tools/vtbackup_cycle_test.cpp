@@ -298,6 +298,38 @@ TEST_F(VtBackupCycle, ARepositoryThatWasPutBackFromAnOlderCopyIsVerified)
     EXPECT_TRUE(Contents() == Restored());
 }
 
+// The chain ends with a backup of which this machine knows nothing, although it holds the last one that it knows.
+TEST_F(VtBackupCycle, AMachineThatWasRolledBackWhileItsRepositoryWasNotIsVerified)
+{
+    std::wstring note;
+    WIN32_FIND_DATAW found = {};
+    const std::wstring state = machine.directory() + L"\\vtbackup";
+    const HANDLE search = FindFirstFileW((state + L"\\*").c_str(), &found);
+    ASSERT_NE(INVALID_HANDLE_VALUE, search);
+    do {
+        if (found.cFileName[0] != L'.')
+            note = state + L"\\" + found.cFileName + L"\\" + volume.guid + L".success.json";
+    } while (FindNextFileW(search, &found));
+    FindClose(search);
+    const std::vector<std::uint8_t> earlier = ReadFileBytes(note);
+    ASSERT_FALSE(earlier.empty());
+    ExpectIncremental(Backup(), 0);
+    WriteFileBytes(note, earlier);
+    ExpectVerify(Backup(), "changes-taken-elsewhere");
+    EXPECT_TRUE(Contents() == Restored());
+    ExpectIncremental(Backup(), 0);
+}
+
+TEST_F(VtBackupCycle, AVolumeThatShrankAndGrewAgainIsVerified)
+{
+    Write(64, 0x66);
+    ASSERT_EQ(EXIT_OK, Backup().exitCode);
+    vtfltsim::Check("resize", VTFltSimResizeVolume(machine.handle(), volume.guid.c_str(), LENGTH / 2));
+    vtfltsim::Check("resize", VTFltSimResizeVolume(machine.handle(), volume.guid.c_str(), LENGTH));
+    ExpectVerify(Backup(), "verify-required");
+    EXPECT_TRUE(Contents() == Restored());
+}
+
 TEST_F(VtBackupCycle, AnApplicationThatWasUnregisteredInBetweenIsVerified)
 {
     std::vector<std::wstring> undo = Arguments(L"init");

@@ -95,6 +95,28 @@ TEST_F(VtBackupDamage, AfterDamageTheNextBackupStandsAlone)
     EXPECT_TRUE(Contents() == Restored());
 }
 
+// A parser's message quotes the text that it stumbled over, and the message becomes a reason in the next manifest.
+TEST_F(VtBackupDamage, AnIllFormedByteInTheLastManifestDoesNotStandInTheWayOfBackups)
+{
+    std::vector<std::uint8_t> bytes = ReadFileBytes(BackupFile(2, L"manifest.json"));
+    const std::string text(bytes.begin(), bytes.end());
+    bytes[text.find("\"App\"") + 1] |= 0x80;
+    WriteFileBytes(BackupFile(2, L"manifest.json"), bytes);
+    const Result result = Backup();
+    EXPECT_EQ(EXIT_OK, result.exitCode) << result.err;
+    EXPECT_TRUE(result.Has("chain-damaged"));
+    EXPECT_EQ("incremental", Backup().kind);
+    EXPECT_TRUE(Contents() == Restored());
+}
+
+TEST_F(VtBackupDamage, ADeeplyNestedManifestIsDamage)
+{
+    const std::string text = "{\"manifest\":" + std::string(300000, '[') + std::string(300000, ']') + "}";
+    WriteFileBytes(BackupFile(2, L"manifest.json"), {text.begin(), text.end()});
+    EXPECT_EQ(EXIT_DAMAGED, Run({L"verify", L"--json", L"--repo", repository}).exitCode);
+    EXPECT_EQ("full", Backup().kind);
+}
+
 TEST_F(VtBackupDamage, RandomBytesInIndexAndManifestNeverCrashAndNeverRestoreWrongContents)
 {
     std::mt19937 random(1);

@@ -76,8 +76,8 @@ private:
     std::vector<Manifest> m_path;
     std::vector<std::unique_ptr<IndexReader>> m_indexes;
     std::vector<std::unique_ptr<FileReader>> m_data;
-    std::vector<Waiting> m_waiting;                  // heap of the members' front records
-    std::vector<std::uint64_t> m_limits;             // first block that a member's records no longer speak for
+    std::vector<Waiting> m_waiting;      // heap of the members' front records
+    std::vector<std::uint64_t> m_limits; // first block that a member's records no longer speak for
 };
 
 } // namespace vtbackup

@@ -14,7 +14,7 @@ namespace {
 using nlohmann::json;
 
 constexpr int FORMAT = 1;
-constexpr int DEEPEST = 8;                 // a manifest nests less; writing json out recurses, so a limit there is
+constexpr int DEEPEST = 8;                   // a manifest nests less; writing json out recurses, so a limit there is
 constexpr std::size_t LONGEST_PROBLEM = 200; // of a parser's message, which quotes the damaged text
 
 std::string Compact(const json& value)
@@ -165,7 +165,8 @@ std::string FormatManifest(Manifest& manifest)
     // The checksum is of the compact text with sorted keys, so that a reader can rebuild it from any layout.
     const std::string compact = Compact(inner);
     manifest.checksum = ToHex(ChecksumOf(compact.data(), compact.size()));
-    return json{{"manifest", inner}, {"checksum", manifest.checksum}}.dump(2, ' ', false, json::error_handler_t::replace) +
+    return json{{"manifest", inner}, {"checksum", manifest.checksum}}.dump(2, ' ', false,
+                                                                           json::error_handler_t::replace) +
            "\n";
 }
 

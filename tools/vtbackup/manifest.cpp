@@ -71,17 +71,6 @@ std::uint64_t Number(const json& object, const char* key)
     return value.get<std::uint64_t>();
 }
 
-// A manifest is three levels deep. Deeper text is refused while it is parsed: writing it out again, for the
-// checksum, would take stack for every level.
-json ParseShallow(const std::string& text)
-{
-    return json::parse(text, [](int depth, json::parse_event_t, const json&) {
-        if (depth > 8)
-            throw std::runtime_error("it is nested too deeply");
-        return true;
-    });
-}
-
 Manifest FromJson(const json& object)
 {
     if (Number(object, "format") != FORMAT)

@@ -16,7 +16,7 @@ class Owner {
 public:
     using Value = typename Traits::Value;
 
-    Owner() noexcept = default;
+    constexpr Owner() noexcept = default;
     explicit Owner(Value value) noexcept : m_value(value) {}
     Owner(const Owner&) = delete;
     Owner& operator=(const Owner&) = delete;
@@ -60,14 +60,14 @@ private:
 // Both null and INVALID_HANDLE_VALUE are "nothing": the system's functions do not agree on one of them.
 struct HandleTraits {
     using Value = HANDLE;
-    static Value Empty() noexcept { return nullptr; }
+    static constexpr Value Empty() noexcept { return nullptr; }
     static bool IsValid(Value value) noexcept { return value != nullptr && value != INVALID_HANDLE_VALUE; }
     static void Close(Value value) noexcept { CloseHandle(value); }
 };
 
 struct RegistryKeyTraits {
     using Value = HKEY;
-    static Value Empty() noexcept { return nullptr; }
+    static constexpr Value Empty() noexcept { return nullptr; }
     static bool IsValid(Value value) noexcept { return value != nullptr; }
     static void Close(Value value) noexcept { RegCloseKey(value); }
 };
@@ -82,9 +82,23 @@ struct VolumeSearchTraits : HandleTraits {
 
 struct ServiceTraits {
     using Value = SC_HANDLE;
-    static Value Empty() noexcept { return nullptr; }
+    static constexpr Value Empty() noexcept { return nullptr; }
     static bool IsValid(Value value) noexcept { return value != nullptr; }
     static void Close(Value value) noexcept { CloseServiceHandle(value); }
+};
+
+struct ViewTraits {
+    using Value = void*;
+    static constexpr Value Empty() noexcept { return nullptr; }
+    static bool IsValid(Value value) noexcept { return value != nullptr; }
+    static void Close(Value value) noexcept { UnmapViewOfFile(value); }
+};
+
+struct LocalMemoryTraits {
+    using Value = HLOCAL;
+    static constexpr Value Empty() noexcept { return nullptr; }
+    static bool IsValid(Value value) noexcept { return value != nullptr; }
+    static void Close(Value value) noexcept { LocalFree(value); }
 };
 
 using UniqueHandle = Owner<HandleTraits>;
@@ -92,5 +106,7 @@ using UniqueKey = Owner<RegistryKeyTraits>;
 using UniqueFileSearch = Owner<FileSearchTraits>;
 using UniqueVolumeSearch = Owner<VolumeSearchTraits>;
 using UniqueService = Owner<ServiceTraits>;
+using UniqueView = Owner<ViewTraits>;           // of a mapping
+using UniqueLocalMemory = Owner<LocalMemoryTraits>;
 
 } // namespace vtflt

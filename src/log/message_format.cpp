@@ -15,6 +15,25 @@ void FormatMessageText(wchar_t* buffer, std::size_t capacity, const wchar_t* for
     buffer[capacity - 1] = L'\0';
 }
 
+void FormatBounded(wchar_t* buffer, std::size_t capacity, const wchar_t* format, ...) noexcept
+{
+    va_list arguments;
+    va_start(arguments, format);
+    FormatMessageText(buffer, capacity, format, arguments);
+    va_end(arguments);
+}
+
+void FormatBounded(char* buffer, std::size_t capacity, const char* format, ...) noexcept
+{
+    if (capacity == 0)
+        return;
+    buffer[0] = '\0';
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(buffer, capacity, format, arguments);
+    va_end(arguments);
+}
+
 std::wstring FormatText(std::size_t capacity, const wchar_t* format, ...)
 {
     std::wstring text(capacity, L'\0');

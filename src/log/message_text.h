@@ -12,6 +12,11 @@ namespace vtflt {
 // %c take wide text. The one function of the log with a home per platform: see message_format.cpp.
 void FormatMessageText(wchar_t* buffer, std::size_t capacity, const wchar_t* format, va_list arguments) noexcept;
 
+// The same with the arguments in place. Allocates nothing.
+void FormatBounded(wchar_t* buffer, std::size_t capacity, const wchar_t* format, ...) noexcept;
+// The same for narrow text; %s takes narrow text.
+void FormatBounded(char* buffer, std::size_t capacity, const char* format, ...) noexcept;
+
 // The same as a string of its own: what a buffer of capacity characters would hold.
 std::wstring FormatText(std::size_t capacity, const wchar_t* format, ...);
 

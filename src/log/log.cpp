@@ -82,6 +82,7 @@ void CDBGLog::WriteFallback(int level, DWORD errorCode, const wchar_t* format) n
 
 void StartLog() noexcept
 {
+    // The file output first: it settles the names and enters the module in the configuration.
     IDBGLogOutput* const file = MakeFileOutput();
     IDBGLogOutput* const live = MakeLiveOutput();
     g_pLog = new (std::nothrow) CDBGLog(file, live);
@@ -94,6 +95,7 @@ void StartLog() noexcept
 void StopLog() noexcept
 {
     delete ExchangeLog(nullptr);
+    CloseOutputState();
 }
 
 CDBGLog* ExchangeLog(CDBGLog* log) noexcept

@@ -1,17 +1,28 @@
 #include "log/outputs.h"
 
+#include "log/file_output.h"
+#include "log/live_output.h"
+#include "log/log_config.h"
+#include "log/log_levels.h"
+
+#include <new>
+
 namespace vtflt {
 
-// The log's own outputs do not exist yet: until they do, the library is silent and every message stops at the
-// front end.
 IDBGLogOutput* MakeFileOutput() noexcept
 {
-    return nullptr;
+    return new (std::nothrow) NSDBG::CFileOutput;
 }
 
 IDBGLogOutput* MakeLiveOutput() noexcept
 {
-    return nullptr;
+    return new (std::nothrow) NSDBG::CSMOutput;
+}
+
+void CloseOutputState() noexcept
+{
+    CLogCfgShareMemory::Instance().Close();
+    ForgetLogLevels();
 }
 
 } // namespace vtflt

@@ -1,0 +1,188 @@
+#include "log/share_memory.h"
+
+#include "log/bounded_text.h"
+#include "log/object_names.h"
+#include "log/probes.h"
+
+#include <cstring>
+
+namespace vtflt {
+
+namespace {
+
+// What a reader may lag behind: beyond, the numbers of the ring are beyond belief.
+constexpr std::uint64_t READ_LIMIT = 4 * LOG_RING_SLOTS;
+
+LogRingBlock& RingOf(const UniqueView& view) noexcept
+{
+    return *static_cast<LogRingBlock*>(view.get());
+}
+
+std::uint64_t UnreadCount(std::int64_t read, std::int64_t last) noexcept
+{
+    return last <= read ? 0 : static_cast<std::uint64_t>(last) - static_cast<std::uint64_t>(read);
+}
+
+// False when there is no memory for it.
+bool AddMessage(std::vector<LogMessagePtr>& messages, const LogRecordBlock& record) noexcept
+{
+    try {
+        messages.push_back(LogMessagePtr(new CLogMessage(record)));
+        return true;
+    } catch (...) {
+        return false;
+    }
+}
+
+} // namespace
+
+CLogShareMemory::CLogShareMemory(std::wstring_view name) noexcept
+{
+    CopyText(m_name, name);
+}
+
+bool CLogShareMemory::OpenAsWriter() noexcept
+{
+    Close();
+    wchar_t eventName[OBJECT_NAME_CAPACITY];
+    BuildName(eventName, LOG_RING_EVENT_PREFIX);
+    m_event.reset(OpenEventW(EVENT_ALL_ACCESS, FALSE, eventName));
+    if (m_event && OpenObjects())
+        return true;
+    Close();
+    return false;
+}
+
+bool CLogShareMemory::OpenObjects() noexcept
+{
+    wchar_t mutexName[OBJECT_NAME_CAPACITY];
+    wchar_t global[OBJECT_NAME_CAPACITY];
+    wchar_t local[OBJECT_NAME_CAPACITY];
+    BuildName(mutexName, LOG_RING_MUTEX_PREFIX);
+    BuildName(global, LOG_RING_GLOBAL_MAPPING_PREFIX);
+    BuildName(local, LOG_RING_LOCAL_MAPPING_PREFIX);
+
+    OpenToEveryone everyone;
+    m_mutex.reset(CreateMutexW(everyone.get(), FALSE, mutexName));
+    if (!m_mutex)
+        return false;
+    const MutexHold hold(m_mutex.get(), INFINITE);
+    if (!hold)
+        return false;
+    bool existed = false;
+    m_mapping = CreateSharedMapping({global, local}, sizeof(LogRingBlock), existed);
+    const UniqueView view = Map();
+    if (!view)
+        return false;
+    if (!existed) {
+        std::memset(view.get(), 0, sizeof(LogRingBlock));
+        RingOf(view).writeSequence = -1;
+    }
+    return true;
+}
+
+bool CLogShareMemory::OpenAsReader() noexcept
+{
+    Close();
+    wchar_t mutexName[OBJECT_NAME_CAPACITY];
+    wchar_t global[OBJECT_NAME_CAPACITY];
+    wchar_t local[OBJECT_NAME_CAPACITY];
+    BuildName(mutexName, LOG_RING_MUTEX_PREFIX);
+    BuildName(global, LOG_RING_GLOBAL_MAPPING_PREFIX);
+    BuildName(local, LOG_RING_LOCAL_MAPPING_PREFIX);
+    m_mutex.reset(OpenMutexW(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, mutexName));
+    m_mapping = OpenSharedMapping({global, local});
+    if (m_mutex && Map())
+        return true;
+    Close();
+    return false;
+}
+
+void CLogShareMemory::Close() noexcept
+{
+    m_event.reset();
+    m_mapping.reset();
+    m_mutex.reset();
+}
+
+bool CLogShareMemory::WriteMessage(int level, DWORD errorCode, std::wstring_view moduleName,
+                                   std::wstring_view text) noexcept
+{
+    if (text.empty())
+        return false;
+    LogRecordBlock record = {};
+    CopyText(record.executableName, FieldText(m_name));
+    CopyText(record.moduleName, moduleName);
+    record.time = GetLocalRecordTime();
+    record.errorCode = errorCode;
+    record.level = level;
+    record.processId = GetCurrentProcessId();
+    record.threadId = GetCurrentThreadId();
+    CopyText(record.text, text);
+    return Append(record);
+}
+
+bool CLogShareMemory::Append(const LogRecordBlock& record) noexcept
+{
+    {
+        const MutexHold hold(m_mutex.get());
+        if (!hold)
+            return false;
+        const UniqueView view = Map();
+        if (!view)
+            return false;
+        LogRingBlock& ring = RingOf(view);
+        ring.writeSequence = NextSequence(ring.writeSequence);
+        ring.slots[RingSlot(ring.writeSequence)] = record;
+    }
+    SetEvent(m_event.get());
+    return true;
+}
+
+bool CLogShareMemory::ReadMessages(std::vector<LogMessagePtr>& messages) noexcept
+{
+    m_overwritten = 0;
+    if (!m_mutex)
+        return false;
+    const MutexHold hold(m_mutex.get());
+    if (!hold)
+        return false;
+    const UniqueView view = Map();
+    if (!view)
+        return false;
+    LogRingBlock& ring = RingOf(view);
+    // Copies: somebody who ignores the mutex must not be able to keep this loop going.
+    const std::int64_t last = ring.writeSequence;
+    std::int64_t read = ring.readSequence;
+    if (last == -1)
+        return true;
+    const std::uint64_t unread = UnreadCount(read, last);
+    if (unread == 0)
+        read = last;
+    if (unread > READ_LIMIT)
+        read = static_cast<std::int64_t>(static_cast<std::uint64_t>(last) - READ_LIMIT);
+    if (unread > LOG_RING_SLOTS)
+        m_overwritten = unread - LOG_RING_SLOTS;
+
+    while (read != last && AddMessage(messages, ring.slots[RingSlot(NextSequence(read))]))
+        read = NextSequence(read);
+    ring.readSequence = read;
+    return true;
+}
+
+void CLogShareMemory::BuildName(wchar_t (&name)[OBJECT_NAME_CAPACITY], std::wstring_view prefix) const noexcept
+{
+    CopyText(name, prefix);
+    const std::wstring_view own = FieldText(m_name);
+    wchar_t upper[LOG_RECORD_NAME_CAPACITY] = {};
+    LCMapStringEx(LOCALE_NAME_INVARIANT, LCMAP_UPPERCASE, own.data(), static_cast<int>(own.size()), upper,
+                  static_cast<int>(LOG_RECORD_NAME_CAPACITY - 1), nullptr, nullptr, 0);
+    AppendText(name, FieldText(upper));
+}
+
+UniqueView CLogShareMemory::Map() const noexcept
+{
+    return m_mapping ? MapShared(m_mapping.get(), sizeof(LogRingBlock)) : UniqueView();
+}
+
+} // namespace vtflt

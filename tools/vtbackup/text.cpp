@@ -1,56 +1,8 @@
 #include "text.h"
 
-#include "handle.h"
-
 #include <fmt/format.h>
 
 namespace vtbackup {
-
-std::string ToUtf8(std::wstring_view text)
-{
-    if (text.empty())
-        return {};
-    const int in = static_cast<int>(text.size());
-    std::string out(
-        static_cast<std::size_t>(WideCharToMultiByte(CP_UTF8, 0, text.data(), in, nullptr, 0, nullptr, nullptr)), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text.data(), in, out.data(), static_cast<int>(out.size()), nullptr, nullptr);
-    return out;
-}
-
-std::wstring ToWide(std::string_view text)
-{
-    if (text.empty())
-        return {};
-    const int in = static_cast<int>(text.size());
-    std::wstring out(static_cast<std::size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), in, nullptr, 0)), L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, text.data(), in, out.data(), static_cast<int>(out.size()));
-    return out;
-}
-
-std::string ErrorText(std::uint32_t code)
-{
-    wchar_t buffer[512] = {};
-    const DWORD length = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, code, 0,
-                                        buffer, 511, nullptr);
-    std::string message = ToUtf8(std::wstring_view(buffer, length));
-    while (!message.empty() &&
-           (message.back() == '\n' || message.back() == '\r' || message.back() == '.' || message.back() == ' '))
-        message.pop_back();
-    if (message.empty())
-        return fmt::format("error {:#x}", code);
-    return fmt::format("{} (error {})", message, code);
-}
-
-bool EqualIgnoringCase(std::wstring_view a, std::wstring_view b)
-{
-    return CompareStringOrdinal(a.data(), static_cast<int>(a.size()), b.data(), static_cast<int>(b.size()), TRUE) ==
-           CSTR_EQUAL;
-}
-
-bool EndsWithIgnoringCase(std::wstring_view text, std::wstring_view tail)
-{
-    return text.size() >= tail.size() && EqualIgnoringCase(text.substr(text.size() - tail.size()), tail);
-}
 
 std::string HexOf(const void* bytes, std::size_t length)
 {

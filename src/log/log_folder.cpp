@@ -8,6 +8,7 @@
 #include "win/owners.h"
 
 #include <aclapi.h>
+#include <sddl.h>
 
 #include <cstdio>
 
@@ -91,13 +92,13 @@ bool GrantTo(wchar_t* folder, PSID account) noexcept
 
 bool GrantToLocalService(wchar_t* folder) noexcept
 {
-    // S-1-5-19
-    SID_IDENTIFIER_AUTHORITY authority = SECURITY_NT_AUTHORITY;
-    alignas(SID) BYTE account[SECURITY_MAX_SID_SIZE] = {};
-    if (!InitializeSid(account, &authority, 1))
+    constexpr wchar_t LOCAL_SERVICE[] = L"S-1-5-19";
+    UniqueLocalMemory account;
+    PSID sid = nullptr;
+    if (!ConvertStringSidToSidW(LOCAL_SERVICE, &sid))
         return false;
-    *GetSidSubAuthority(account, 0) = SECURITY_LOCAL_SERVICE_RID;
-    return GrantTo(folder, account);
+    account.reset(sid);
+    return GrantTo(folder, sid);
 }
 
 void Compress(const wchar_t* folder) noexcept

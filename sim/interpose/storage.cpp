@@ -132,7 +132,9 @@ DWORD RemoveTree(const std::wstring& path)
             continue;
         const std::wstring entry = path + L"\\" + name;
         if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
-            const DWORD code = RemoveTree(entry);
+            // A link to a folder elsewhere is removed, not what it leads to.
+            const bool isLink = (found.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+            const DWORD code = !isLink ? RemoveTree(entry) : RemoveDirectoryW(entry.c_str()) ? 0 : GetLastError();
             result = result == 0 ? code : result;
             continue;
         }

@@ -68,27 +68,33 @@ Target ResolveVolumeGuid(Machine& machine, std::wstring_view guidAndRest)
     return Missing(rest.empty() ? ERROR_FILE_NOT_FOUND : ERROR_PATH_NOT_FOUND);
 }
 
-// A mount path ends in a backslash: E:\x is a file below it, E: behind a device prefix is the volume.
+// A mount path ends in a backslash: E:\x is a file below it, E: behind a device prefix is the volume. Of a volume and
+// another one that is mounted in a folder of it, the longer mount path holds.
 std::optional<Target> ResolveMount(Machine& machine, std::wstring_view path, bool hasDevicePrefix)
 {
     const auto names = machine.Names();
+    const VolumeNames* mounted = nullptr;
+    std::size_t longest = 0;
     for (const auto& volume : *names) {
         for (const auto& mount : volume.mountPaths) {
             std::wstring_view stem = mount;
             if (!stem.empty() && stem.back() == L'\\')
                 stem.remove_suffix(1);
-            if (stem.empty() || !StartsNoCase(path, stem))
+            if (stem.size() <= longest || !StartsNoCase(path, stem))
                 continue;
             const std::wstring_view rest = path.substr(stem.size());
-            if (rest.empty() && hasDevicePrefix)
-                return OnVolume(machine, volume, rest);
-            if (rest.empty())
-                return OnVolume(machine, volume, L"\\");
-            if (rest.front() == L'\\' || rest.front() == L'/')
-                return OnVolume(machine, volume, rest.size() == 1 ? std::wstring_view(L"\\") : rest);
+            if (!rest.empty() && rest.front() != L'\\' && rest.front() != L'/')
+                continue;
+            mounted = &volume;
+            longest = stem.size();
         }
     }
-    return std::nullopt;
+    if (mounted == nullptr)
+        return std::nullopt;
+    const std::wstring_view rest = path.substr(longest);
+    if (rest.empty() && hasDevicePrefix)
+        return OnVolume(machine, *mounted, rest);
+    return OnVolume(machine, *mounted, rest.size() <= 1 ? std::wstring_view(L"\\") : rest);
 }
 
 } // namespace

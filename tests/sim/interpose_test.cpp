@@ -169,6 +169,22 @@ TEST_F(SimInterposeTest, AVolumeIsReadAndWrittenLikeAFile)
     EXPECT_EQ((Bytes{0xA0, 0, 0, 0, 0, 0, 0, 0}), m_machine.Bits(m_volume));
 }
 
+TEST_F(SimInterposeTest, ASeekBeyondEveryNumberIsRefused)
+{
+    const HANDLE handle = Open(m_volume.Path());
+    LARGE_INTEGER distance = {};
+    LARGE_INTEGER reached = {};
+    distance.QuadPart = 0x7FFFFFFFFFFFFFFF;
+    EXPECT_TRUE(SetFilePointerEx(handle, distance, &reached, FILE_BEGIN));
+    distance.QuadPart = 1;
+    EXPECT_FALSE(SetFilePointerEx(handle, distance, &reached, FILE_CURRENT));
+    EXPECT_EQ(87u, GetLastError());
+    distance.QuadPart = 0;
+    EXPECT_TRUE(SetFilePointerEx(handle, distance, &reached, FILE_CURRENT));
+    EXPECT_EQ(0x7FFFFFFFFFFFFFFF, reached.QuadPart);
+    CloseHandle(handle);
+}
+
 TEST_F(SimInterposeTest, AccessIsHeldTo)
 {
     const HANDLE reader = Open(m_volume.Path(), GENERIC_READ);
@@ -277,6 +293,17 @@ TEST_F(SimInterposeTest, AMountedVolumeIsReachedByItsPath)
     WCHAR name[64] = {};
     EXPECT_TRUE(GetVolumeNameForVolumeMountPointW(L"Q:\\", name, 64));
     EXPECT_TRUE(mounted.Root() == name);
+}
+
+TEST_F(SimInterposeTest, AVolumeMountedInAFolderOfAnotherIsReachedThere)
+{
+    const Volume outer = m_machine.AddVolume(1 << 20, 4096, L"Q:\\");
+    const Volume inner = m_machine.AddVolume(1 << 20, 4096, L"Q:\\mnt\\");
+    EXPECT_TRUE(CreateDirectoryW(L"Q:\\mnt\\folder", nullptr));
+    EXPECT_NE(INVALID_FILE_ATTRIBUTES, GetFileAttributesW((inner.Root() + L"folder").c_str()));
+    EXPECT_TRUE(CreateDirectoryW(L"Q:\\mntfolder", nullptr));
+    EXPECT_NE(INVALID_FILE_ATTRIBUTES, GetFileAttributesW((outer.Root() + L"mntfolder").c_str()));
+    EXPECT_EQ(INVALID_FILE_ATTRIBUTES, GetFileAttributesW((outer.Root() + L"mnt").c_str()));
 }
 
 TEST_F(SimInterposeTest, TheWalkOverVolumesGivesEveryOneThenEnds)

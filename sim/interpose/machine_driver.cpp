@@ -229,11 +229,32 @@ DWORD Machine::SetDriver(DWORD state)
 {
     if (state > VTFLTSIM_DRIVER_OLDER)
         return ERROR_INVALID_PARAMETER;
+    // A volume is listed before the driver answers for it: nobody takes its empty bitmap for "no change".
     bool returns = false;
-    Change([&](model::MachineRecord& machine) {
-        returns = machine.driver == model::DriverState::Absent && state != VTFLTSIM_DRIVER_ABSENT;
-        machine.driver = static_cast<model::DriverState>(state);
-    });
+    std::vector<std::wstring> listed;
+    for (bool done = false; !done;) {
+        std::vector<std::wstring> missing;
+        Change([&](model::MachineRecord& machine) {
+            returns = machine.driver == model::DriverState::Absent && state != VTFLTSIM_DRIVER_ABSENT;
+            for (auto& volume : machine.volumes) {
+                if (!returns || volume.inUse == 0 || (volume.unseen == 0 && volume.stopped == 0))
+                    continue;
+                volume.resyncOwed = 1;
+                const std::wstring guid = FromRecord(volume.guid);
+                if (std::find(listed.begin(), listed.end(), guid) == listed.end())
+                    missing.push_back(guid);
+            }
+            done = missing.empty();
+            if (done)
+                machine.driver = static_cast<model::DriverState>(state);
+        });
+        for (const auto& guid : missing) {
+            const DWORD code = ListForResync(guid);
+            if (code != 0)
+                return code;
+            listed.push_back(guid);
+        }
+    }
     return returns ? DriverReturns() : 0;
 }
 

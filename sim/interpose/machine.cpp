@@ -135,6 +135,10 @@ DWORD Machine::Open(const std::wstring& directory, std::shared_ptr<Machine>& mac
     opened->m_mutex = Handle(CreateMutexW(nullptr, FALSE, (L"VTFltSim." + opened->m_id + L".Mutex").c_str()));
     if (!opened->m_mutex)
         return GetLastError();
+    bool sound = false;
+    opened->Change([&](model::MachineRecord& state) { sound = model::IsSound(state); });
+    if (!sound)
+        return ERROR_FILE_CORRUPT;
     Key root;
     if (RegOpenKeyExW(HKEY_CURRENT_USER, opened->RealKeyPath(VOLUME_CLASS_KEY).c_str(), 0, KEY_READ, root.put()) != 0) {
         code = opened->ResetRegistry(); // the directory came from another user or another system
@@ -178,8 +182,10 @@ std::wstring Machine::SnapshotDirectory(DWORD number) const
 model::VolumeRecord* Machine::FindRecord(std::uint32_t serial) const noexcept
 {
     for (auto& volume : record().volumes) {
-        if (volume.inUse != 0 && volume.serial == serial)
-            return &volume;
+        if (volume.inUse == 0 || volume.serial != serial)
+            continue;
+        model::FinishGeometry(volume);
+        return &volume;
     }
     return nullptr;
 }

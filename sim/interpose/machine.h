@@ -7,6 +7,7 @@
 
 #include "interpose/storage.h"
 #include "interpose/win.h"
+#include "model/contents.h"
 #include "model/state.h"
 #include "vtfltsim/VTFltSim.h"
 
@@ -123,9 +124,13 @@ private:
     DWORD MapVolume(model::VolumeRecord& volume, Volume*& mapped);
     DWORD MapSnapshot(model::SnapshotRecord& snapshot, Snapshot*& mapped);
     DWORD MapSnapshotsOf(const model::VolumeRecord& volume, std::vector<model::SnapshotContents>& snapshots);
+    DWORD Shrink(model::VolumeRecord& volume, Volume& mapped, std::uint64_t length);
+    DWORD Grow(model::VolumeRecord& volume, Volume& mapped, std::uint64_t length);
     DWORD NewGeometry(model::VolumeRecord& volume, std::uint64_t length, std::uint32_t blockSize, bool keepBits);
     void DropSnapshot(model::SnapshotRecord& snapshot);
     DWORD WithVolume(std::uint32_t serial, const std::function<DWORD(model::VolumeRecord&, Volume&)>& work);
+    DWORD WithSnapshot(DWORD number, const std::function<DWORD(const model::VolumeContents&,
+                                                               const model::SnapshotContents&)>& work);
 
     // Lists a volume for resync around a change that makes the driver forget its bits.
     DWORD ForgetWith(std::uint32_t serial, const std::function<DWORD(model::VolumeRecord&, Volume&)>& change);

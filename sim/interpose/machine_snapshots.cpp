@@ -18,6 +18,11 @@ std::uint64_t ChunkBytes(std::uint64_t length)
     return RoundUp8(model::BytesForBits(model::ChunkCount(length)));
 }
 
+std::uint64_t MapFileBytes(std::uint64_t length, std::uint32_t blockSize)
+{
+    return 2 * ChunkBytes(length) + RoundUp8(model::BitmapBytes(length, blockSize));
+}
+
 model::SnapshotMaps PlaceMaps(std::uint8_t* base, std::uint64_t length)
 {
     return {base, base + ChunkBytes(length), base + 2 * ChunkBytes(length)};
@@ -32,6 +37,8 @@ DWORD Machine::MapSnapshot(model::SnapshotRecord& snapshot, Snapshot*& mapped)
         auto fresh = std::make_unique<Snapshot>();
         const std::wstring directory = SnapshotDirectory(snapshot.number);
         DWORD code = MappedFile::Open(directory + L"\\maps.bin", 0, fresh->file);
+        if (code == 0 && fresh->file->size() < MapFileBytes(snapshot.length, snapshot.blockSize))
+            code = ERROR_FILE_CORRUPT;
         if (code == 0)
             code = FileStore::Open(directory + L"\\store.img", 0, fresh->store);
         if (code != 0)
@@ -69,7 +76,7 @@ DWORD Machine::CreateSnapshot(std::uint32_t serial, DWORD& number)
             return ERROR_NOT_ENOUGH_QUOTA;
         model::SnapshotRecord snapshot = {};
         snapshot.inUse = 1;
-        snapshot.number = record().nextSnapshot;
+        snapshot.number = record().nextSnapshot++; // first: what a failure leaves behind has a number of its own
         snapshot.volumeSlot = static_cast<std::uint32_t>(&volume - record().volumes);
         snapshot.volumeSerial = serial;
         snapshot.length = volume.length;
@@ -80,10 +87,7 @@ DWORD Machine::CreateSnapshot(std::uint32_t serial, DWORD& number)
         DWORD code = MakeDirectory(directory);
         std::unique_ptr<MappedFile> file;
         if (code == 0)
-            code = MappedFile::Open(directory + L"\\maps.bin",
-                                    2 * ChunkBytes(volume.length) +
-                                        RoundUp8(model::BitmapBytes(volume.length, volume.blockSize)),
-                                    file);
+            code = MappedFile::Open(directory + L"\\maps.bin", MapFileBytes(volume.length, volume.blockSize), file);
         std::unique_ptr<FileStore> store;
         if (code == 0)
             code = FileStore::Open(directory + L"\\store.img", volume.length, store);
@@ -91,9 +95,8 @@ DWORD Machine::CreateSnapshot(std::uint32_t serial, DWORD& number)
             return code;
         std::memcpy(PlaceMaps(file->data(), volume.length).allocated, mapped.contents.maps.allocated,
                     model::BytesForBits(model::ChunkCount(volume.length)));
-        ++record().nextSnapshot;
-        *slot = snapshot;
-        model::NoteSnapshot(record(), volume, mapped.contents.maps);
+        model::Publish(*slot, snapshot);
+        model::NoteSnapshot(volume, mapped.contents.maps);
         number = snapshot.number;
         return 0;
     });
@@ -153,7 +156,8 @@ DWORD Machine::SnapshotAt(DWORD index, DWORD& number)
     return 0;
 }
 
-DWORD Machine::ReadSnapshot(DWORD number, std::uint64_t offset, void* data, DWORD length)
+DWORD Machine::WithSnapshot(DWORD number,
+                            const std::function<DWORD(const model::VolumeContents&, const model::SnapshotContents&)>& work)
 {
     const Lock lock(*this);
     model::SnapshotRecord* snapshot = FindSnapshotRecord(number);
@@ -165,27 +169,21 @@ DWORD Machine::ReadSnapshot(DWORD number, std::uint64_t offset, void* data, DWOR
     DWORD code = MapVolume(*volume, mappedVolume);
     if (code == 0)
         code = MapSnapshot(*snapshot, mapped);
-    if (code != 0)
-        return code;
-    return model::ReadSnapshot(mappedVolume->contents, mapped->contents, offset, static_cast<std::uint8_t*>(data), length);
+    return code != 0 ? code : work(mappedVolume->contents, mapped->contents);
+}
+
+DWORD Machine::ReadSnapshot(DWORD number, std::uint64_t offset, void* data, DWORD length)
+{
+    return WithSnapshot(number, [&](const model::VolumeContents& volume, const model::SnapshotContents& snapshot) {
+        return model::ReadSnapshot(volume, snapshot, offset, static_cast<std::uint8_t*>(data), length);
+    });
 }
 
 DWORD Machine::WriteSnapshot(DWORD number, std::uint64_t offset, const void* data, DWORD length)
 {
-    const Lock lock(*this);
-    model::SnapshotRecord* snapshot = FindSnapshotRecord(number);
-    model::VolumeRecord* volume = snapshot != nullptr ? FindRecord(snapshot->volumeSerial) : nullptr;
-    if (volume == nullptr)
-        return ERROR_NO_SUCH_DEVICE;
-    Volume* mappedVolume = nullptr;
-    Snapshot* mapped = nullptr;
-    DWORD code = MapVolume(*volume, mappedVolume);
-    if (code == 0)
-        code = MapSnapshot(*snapshot, mapped);
-    if (code != 0)
-        return code;
-    return model::WriteSnapshot(mappedVolume->contents, mapped->contents, offset,
-                                static_cast<const std::uint8_t*>(data), length);
+    return WithSnapshot(number, [&](const model::VolumeContents& volume, const model::SnapshotContents& snapshot) {
+        return model::WriteSnapshot(volume, snapshot, offset, static_cast<const std::uint8_t*>(data), length);
+    });
 }
 
 } // namespace vtfltsim

@@ -38,6 +38,13 @@ bool IsGuid(std::wstring_view text)
            text.find_first_of(L"\\/") == std::wstring_view::npos;
 }
 
+// A path that does not fit is left out: a cut one would name something else.
+template <std::size_t N>
+void CopyWhole(wchar_t (&target)[N], const std::wstring& path)
+{
+    CopyCut(target, N, path.size() < N ? path : std::wstring());
+}
+
 void CopyBits(std::uint8_t* target, std::uint64_t targetBits, const std::uint8_t* source, std::uint64_t sourceBits)
 {
     const std::uint64_t bits = std::min(targetBits, sourceBits);
@@ -91,14 +98,15 @@ DWORD Machine::AddVolume(const VTFLTSIM_VOLUME_CONFIG& config, std::wstring& gui
     const std::uint32_t blockSize = config.blockSize == 0 ? 65536 : config.blockSize;
     const std::wstring name = config.guid != nullptr ? config.guid : NewGuid();
     const std::wstring mount = config.mountPath != nullptr ? config.mountPath : L"";
-    if (config.length == 0 || !model::IsValidBlockSize(blockSize) || !IsGuid(name) ||
+    if (!model::IsValidGeometry(config.length, blockSize) || !IsGuid(name) ||
         mount.size() + 2 > model::MOUNT_PATHS_UNITS)
         return ERROR_INVALID_PARAMETER;
-    if (FindVolume(name) != 0)
-        return ERROR_ALREADY_EXISTS;
 
     const Lock lock(*this);
     auto& table = record().volumes;
+    if (std::any_of(std::begin(table), std::end(table),
+                    [&](const auto& v) { return v.inUse != 0 && EqualNoCase(FromRecord(v.guid), name); }))
+        return ERROR_ALREADY_EXISTS;
     auto* slot = std::find_if(std::begin(table), std::end(table), [](const auto& v) { return v.inUse == 0; });
     if (slot == std::end(table))
         return ERROR_NOT_ENOUGH_QUOTA;
@@ -125,7 +133,7 @@ DWORD Machine::AddVolume(const VTFLTSIM_VOLUME_CONFIG& config, std::wstring& gui
     volume.driveType = config.driveType == 0 ? DRIVE_FIXED : config.driveType;
     ToRecord(volume.guid, name);
     ToRecord(volume.mountPaths, mount);
-    *slot = volume;
+    model::Publish(*slot, volume);
     ++record().tableVersion;
     guid = name;
     return 0;
@@ -156,8 +164,8 @@ DWORD Machine::FillVolumeInfo(std::uint32_t serial, VTFLTSIM_VOLUME_INFO& info)
         const std::uint32_t bytes = model::BitmapBytes(volume.length, volume.blockSize);
         CopyCut(info.guid, VTFLTSIM_GUID_CHARS, guid);
         CopyCut(info.devicePath, VTFLTSIM_DEVICE_CHARS, L"\\\\?\\Volume" + guid);
-        CopyCut(info.mountPath, MAX_PATH, FromRecord(volume.mountPaths));
-        CopyCut(info.filesDirectory, MAX_PATH, FilesDirectory(guid));
+        CopyWhole(info.mountPath, FromRecord(volume.mountPaths));
+        CopyWhole(info.filesDirectory, FilesDirectory(guid));
         info.length = volume.length;
         info.blockSize = volume.blockSize;
         info.driveType = volume.driveType;
@@ -205,7 +213,7 @@ DWORD Machine::NewGeometry(model::VolumeRecord& volume, std::uint64_t length, st
         return code;
     const std::wstring directory = VolumeDirectory(FromRecord(volume.guid));
     const std::uint32_t sequence = volume.mapSequence + 1;
-    DeleteFileW(MapPath(directory, sequence).c_str());
+    DeleteFileW(MapPath(directory, sequence).c_str()); // left by a process that ended before the switch
     std::unique_ptr<MappedFile> file;
     code = MappedFile::Open(MapPath(directory, sequence), MapFileBytes(length, blockSize), file);
     if (code != 0)
@@ -221,37 +229,50 @@ DWORD Machine::NewGeometry(model::VolumeRecord& volume, std::uint64_t length, st
         CopyBits(to.pending, blocks, from.pending, oldBlocks);
     }
     const std::uint32_t oldSequence = volume.mapSequence;
-    volume.length = length;
-    volume.blockSize = blockSize;
-    volume.mapSequence = sequence;
+    model::SwitchGeometry(volume, {length, blockSize, sequence});
     m_volumes.erase(volume.serial);
     DeleteFileW(MapPath(directory, oldSequence).c_str());
     return 0;
 }
 
+// The machine's lock is held. Snapshots keep what is cut off; the contents are cut last, when nobody reads behind the
+// new end any more.
+DWORD Machine::Shrink(model::VolumeRecord& volume, Volume& mapped, std::uint64_t length)
+{
+    std::vector<model::SnapshotContents> snapshots;
+    DWORD code = MapSnapshotsOf(volume, snapshots);
+    if (code == 0)
+        code = model::KeepForSnapshots(mapped.contents, snapshots, length, volume.length - length);
+    if (code == 0)
+        code = NewGeometry(volume, length, volume.blockSize, true);
+    Volume* shrunk = nullptr;
+    if (code == 0)
+        code = MapVolume(volume, shrunk);
+    return code != 0 ? code : shrunk->store->Resize(length);
+}
+
+// The machine's lock is held. What lies behind the old end was left by a process that ended while it shrank the volume:
+// it goes first, so that the new blocks are empty.
+DWORD Machine::Grow(model::VolumeRecord& volume, Volume& mapped, std::uint64_t length)
+{
+    DWORD code = mapped.store->Resize(volume.length);
+    if (code == 0)
+        code = mapped.store->Resize(length);
+    return code != 0 ? code : NewGeometry(volume, length, volume.blockSize, true);
+}
+
 DWORD Machine::ResizeVolume(std::uint32_t serial, std::uint64_t length)
 {
-    if (length == 0)
-        return ERROR_INVALID_PARAMETER;
-    const auto resize = [&](model::VolumeRecord& volume, Volume& mapped) -> DWORD {
-        if (length < volume.length) {
-            std::vector<model::SnapshotContents> snapshots;
-            DWORD code = MapSnapshotsOf(volume, snapshots);
-            if (code == 0)
-                code = model::KeepForSnapshots(mapped.contents, snapshots, length, volume.length - length);
-            if (code != 0)
-                return code;
-        }
-        const DWORD code = mapped.store->Resize(length);
-        return code != 0 ? code : NewGeometry(volume, length, volume.blockSize, true);
-    };
     bool shrinks = false;
     const DWORD code = WithVolume(serial, [&](model::VolumeRecord& volume, Volume&) -> DWORD {
         shrinks = length < volume.length;
-        return 0;
+        return model::IsValidGeometry(length, volume.blockSize) ? 0 : ERROR_INVALID_PARAMETER;
     });
     if (code != 0)
         return code;
+    const auto resize = [&](model::VolumeRecord& volume, Volume& mapped) -> DWORD {
+        return length < volume.length ? Shrink(volume, mapped, length) : Grow(volume, mapped, length);
+    };
     // The bits behind the new end go with it. Should the volume grow again before the next backup, or the backup of an
     // earlier snapshot be under way, only the list tells that something is missing.
     return shrinks ? ForgetWith(serial, resize) : WithVolume(serial, resize);
@@ -259,11 +280,13 @@ DWORD Machine::ResizeVolume(std::uint32_t serial, std::uint64_t length)
 
 DWORD Machine::SetBlockSize(std::uint32_t serial, DWORD blockSize)
 {
-    if (!model::IsValidBlockSize(blockSize))
+    std::uint64_t length = 0;
+    const DWORD code = Length({Endpoint::Kind::Volume, serial, 0}, length);
+    if (code != 0)
+        return code;
+    if (!model::IsValidGeometry(length, blockSize))
         return ERROR_INVALID_PARAMETER;
     return ForgetWith(serial, [&](model::VolumeRecord& volume, Volume&) {
-        volume.prepared = 0;
-        volume.epochClosed = 0;
         return NewGeometry(volume, volume.length, blockSize, false);
     });
 }

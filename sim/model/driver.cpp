@@ -11,6 +11,7 @@ namespace {
 
 constexpr std::uint32_t CONTROL_BLOCK_SIZE = 65536; // the probe's answer; nobody uses it
 constexpr std::uint32_t SECTOR = 512;
+constexpr std::uint64_t MAX_BITMAP_BYTES = 0x10000000; // a reply fits a 32-bit length with room to spare
 
 Reply Fail(Status status)
 {
@@ -97,8 +98,10 @@ void MoveToPending(VolumeRecord& volume, const VolumeMaps& maps, std::uint32_t b
 {
     OrBits(maps.pending, maps.frozen, bitmapBytes);
     std::memset(maps.frozen, 0, bitmapBytes);
-    if (volume.epochClosed != 0)
+    if (volume.epoch != Epoch::Open) {
+        volume.epoch = Epoch::Fetched;
         return;
+    }
     OrBits(maps.pending, maps.current, bitmapBytes);
     std::memset(maps.current, 0, bitmapBytes);
 }
@@ -148,7 +151,9 @@ Reply AnswerTracked(VolumeRecord& volume, const VolumeMaps& maps, const Request&
         return {};
     case REPLICATION_SUCCESS:
         std::memset(maps.pending, 0, BitmapBytes(volume.length, volume.blockSize));
-        volume.epochClosed = 0;
+        // A snapshot that was taken since the fetch keeps its epoch closed: its own fetch is still to come.
+        if (volume.epoch == Epoch::Fetched)
+            volume.epoch = Epoch::Open;
         return {};
     case SYNC_SNAPSHOT_CHANGES:
         return AnswerSyncChanges(volume, maps, request);
@@ -165,14 +170,15 @@ Reply AnswerDriverCode(VolumeRecord& volume, const VolumeMaps& maps, const Reque
     case VOLUME_BLOCK_SIZE_CHANGE:
         return AnswerBlockSizeChange(request, result);
     case STOP_VOLUME:
-        ForgetBits(volume, maps);
+        // Stopped first: should the process end in between, the volume is not taken for one without changes.
         volume.stopped = 1;
+        ForgetBits(volume, maps);
         return {};
     case PREPARE_FOR_UNINSTALL:
         // The volume is on its own until a driver comes back, which then has to list it.
-        ForgetBits(volume, maps);
-        volume.stopped = 1;
         volume.unseen = 1;
+        volume.stopped = 1;
+        ForgetBits(volume, maps);
         return {};
     default:
         return volume.stopped != 0 ? Fail(NOT_READY) : AnswerTracked(volume, maps, request);
@@ -209,6 +215,13 @@ bool IsValidBlockSize(std::uint32_t blockSize)
     return blockSize != 0 && blockSize % SECTOR == 0;
 }
 
+bool IsValidGeometry(std::uint64_t length, std::uint32_t blockSize)
+{
+    return length != 0 && IsValidBlockSize(blockSize) &&
+           BytesForBits(BlockCount(length, blockSize)) <= MAX_BITMAP_BYTES &&
+           BytesForBits(ChunkCount(length)) <= MAX_BITMAP_BYTES;
+}
+
 bool IsTracked(const MachineRecord& machine, const VolumeRecord& volume)
 {
     return machine.driver != DriverState::Absent && volume.stopped == 0;
@@ -224,25 +237,23 @@ void NoteWrite(const MachineRecord& machine, VolumeRecord& volume, const VolumeM
         volume.unseen = 1;
 }
 
-void NoteSnapshot(const MachineRecord& machine, VolumeRecord& volume, const VolumeMaps& maps)
+void NoteSnapshot(VolumeRecord& volume, const VolumeMaps& maps)
 {
-    if (volume.prepared == 0 || !IsTracked(machine, volume))
+    if (volume.prepared == 0)
         return;
     const std::uint32_t bytes = BitmapBytes(volume.length, volume.blockSize);
     OrBits(maps.frozen, maps.current, bytes);
     std::memset(maps.current, 0, bytes);
+    volume.epoch = Epoch::Closed;
     volume.prepared = 0;
-    volume.epochClosed = 1;
 }
 
-void ForgetBits(VolumeRecord& volume, const VolumeMaps& maps)
+void ForgetBits(const VolumeRecord& volume, const VolumeMaps& maps)
 {
     const std::uint32_t bytes = BitmapBytes(volume.length, volume.blockSize);
     std::memset(maps.current, 0, bytes);
     std::memset(maps.frozen, 0, bytes);
     std::memset(maps.pending, 0, bytes);
-    volume.prepared = 0;
-    volume.epochClosed = 0;
 }
 
 VolumeReply AnswerVolume(const MachineRecord& machine, VolumeRecord& volume, const VolumeMaps& maps,

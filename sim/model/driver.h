@@ -3,8 +3,8 @@
 // A volume has three bitmaps. Writes set "current". Taking a snapshot that was announced moves current into
 // "frozen": the epoch closes at that instant. A fetch moves frozen into "pending" (and current as well, when no
 // announced snapshot was taken since the last confirmed fetch), and answers pending. The confirmation clears
-// pending and nothing else, so what is written between a fetch and its confirmation is never forgotten; a fetch
-// that was not confirmed is answered again, with what came later.
+// pending and nothing else, and reopens only an epoch that was fetched, so what is written between a fetch and its
+// confirmation is never forgotten; a fetch that was not confirmed is answered again, with what came later.
 #pragma once
 
 #include "model/protocol.h"
@@ -33,16 +33,20 @@ std::uint64_t BlockCount(std::uint64_t length, std::uint32_t blockSize);
 std::uint32_t BitmapBytes(std::uint64_t length, std::uint32_t blockSize);
 std::uint64_t ChunkCount(std::uint64_t length);
 bool IsValidBlockSize(std::uint32_t blockSize);
+// A length above 0, a valid block size, and bitmaps that a request's 32-bit lengths can carry.
+bool IsValidGeometry(std::uint64_t length, std::uint32_t blockSize);
 
 bool IsTracked(const MachineRecord& machine, const VolumeRecord& volume);
 
 // Notes a write, before its bytes arrive. length is above 0 and the range lies inside the volume.
 void NoteWrite(const MachineRecord& machine, VolumeRecord& volume, const VolumeMaps& maps, std::uint64_t offset,
                std::uint64_t length);
-// A snapshot of the volume is taken at this instant.
-void NoteSnapshot(const MachineRecord& machine, VolumeRecord& volume, const VolumeMaps& maps);
-// The driver forgets everything it knows of a volume.
-void ForgetBits(VolumeRecord& volume, const VolumeMaps& maps);
+// A snapshot of the volume is taken at this instant. An announced one closes the epoch whether the volume is
+// tracked or not: what is written from here on never belongs to it.
+void NoteSnapshot(VolumeRecord& volume, const VolumeMaps& maps);
+// The driver forgets the changes of a volume, but not that a snapshot was announced or taken: otherwise the next
+// fetch would hand out writes that are younger than the snapshot, and their confirmation would lose them.
+void ForgetBits(const VolumeRecord& volume, const VolumeMaps& maps);
 
 // What a request asks of the volume's surroundings beyond its reply; carried out by the caller.
 enum class Effect { None, ChangeBlockSize };

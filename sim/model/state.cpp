@@ -1,6 +1,10 @@
 #include "model/state.h"
 
+#include "model/driver.h"
+
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 
 namespace vtfltsim::model {
 
@@ -25,7 +29,52 @@ bool Count(FaultRecord& fault)
     return true;
 }
 
+bool IsSoundVolume(const VolumeRecord& volume)
+{
+    if (volume.inUse == 0)
+        return true;
+    const bool geometry = volume.switching != 0 ? IsValidGeometry(volume.next.length, volume.next.blockSize)
+                                                : IsValidGeometry(volume.length, volume.blockSize);
+    // The name leads to the volume's folder, and nowhere else.
+    const auto* end = std::end(volume.guid);
+    const bool named = volume.guid[0] == u'{' && std::none_of(volume.guid, end, [](char16_t c) { return c == u'\\' || c == u'/'; });
+    return geometry && named && volume.epoch <= Epoch::Fetched;
+}
+
+bool IsSoundSnapshot(const SnapshotRecord& snapshot)
+{
+    return snapshot.inUse == 0 || IsValidGeometry(snapshot.length, snapshot.blockSize);
+}
+
 } // namespace
+
+bool IsSound(const MachineRecord& machine)
+{
+    return machine.driver <= DriverState::Older &&
+           std::all_of(std::begin(machine.faults), std::end(machine.faults),
+                       [](const FaultRecord& fault) { return fault.replyLength <= sizeof(fault.reply); }) &&
+           std::all_of(std::begin(machine.volumes), std::end(machine.volumes), IsSoundVolume) &&
+           std::all_of(std::begin(machine.snapshots), std::end(machine.snapshots), IsSoundSnapshot);
+}
+
+void SwitchGeometry(VolumeRecord& volume, const Geometry& next)
+{
+    volume.next = next;
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    volume.switching = 1;
+    FinishGeometry(volume);
+}
+
+void FinishGeometry(VolumeRecord& volume)
+{
+    if (volume.switching == 0)
+        return;
+    volume.length = volume.next.length;
+    volume.blockSize = volume.next.blockSize;
+    volume.mapSequence = volume.next.mapSequence;
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    volume.switching = 0;
+}
 
 void InitialiseMachine(MachineRecord& machine)
 {

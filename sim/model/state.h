@@ -4,6 +4,7 @@
 
 #include "model/protocol.h"
 
+#include <atomic>
 #include <cstdint>
 #include <type_traits>
 
@@ -18,6 +19,17 @@ inline constexpr std::uint32_t MOUNT_PATHS_UNITS = 1024;
 
 enum class DriverState : std::uint32_t { Working = 0, Absent = 1, Older = 2 };
 
+// How far the last announced snapshot's changes have come: none was taken since the last confirmed fetch; taken and
+// not fetched yet; fetched and not confirmed yet.
+enum class Epoch : std::uint32_t { Open = 0, Closed = 1, Fetched = 2 };
+
+// A length and block size, and the file of the maps that belong to them.
+struct Geometry {
+    std::uint64_t length;
+    std::uint32_t blockSize;
+    std::uint32_t mapSequence;
+};
+
 struct VolumeRecord {
     std::uint32_t inUse;
     std::uint32_t serial;      // never given twice; tells a slot's present volume from an earlier one
@@ -27,9 +39,11 @@ struct VolumeRecord {
     std::uint32_t driveType;
     std::uint32_t stopped;     // 1: taken out of tracking by a request
     std::uint32_t prepared;    // 1: a snapshot was announced and not yet taken
-    std::uint32_t epochClosed; // 1: an announced snapshot was taken since the last confirmed fetch
+    Epoch epoch;
     std::uint32_t unseen;      // 1: written while no driver looked, or the driver lost its bits
     std::uint32_t resyncOwed;  // 1: the resync entry is not certain to be written yet
+    std::uint32_t switching;   // 1: next is taking the place of the geometry above
+    Geometry next;
     char16_t guid[40];         // {...}
     char16_t mountPaths[MOUNT_PATHS_UNITS]; // double-NUL-ended
     char16_t enumerationName[264];          // empty: the right name
@@ -86,7 +100,7 @@ struct MachineRecord {
 };
 
 inline constexpr std::uint32_t MACHINE_MAGIC = 0x4D535456; // "VTSM"
-inline constexpr std::uint32_t MACHINE_VERSION = 1;
+inline constexpr std::uint32_t MACHINE_VERSION = 2;
 
 static_assert(std::is_trivially_copyable_v<MachineRecord> && std::is_standard_layout_v<MachineRecord>);
 
@@ -104,6 +118,26 @@ inline constexpr std::uint32_t SnapshotEndpoint(std::uint32_t number)
 
 // A new machine with a working driver; id is set by the caller.
 void InitialiseMachine(MachineRecord& machine);
+
+// What a damaged file could hold is refused: every number that is used as a divisor or a size is in range,
+// and no volume's name leads out of its folder. Looks at the plain record only; texts are bounded where they are read.
+bool IsSound(const MachineRecord& machine);
+
+// Changes a volume's geometry in one step, as far as anybody can tell: a process that ends in the middle leaves
+// the rest to FinishGeometry, which whoever looks at the volume next calls.
+void SwitchGeometry(VolumeRecord& volume, const Geometry& next);
+void FinishGeometry(VolumeRecord& volume);
+
+// Enters a record into its table. It counts only once it is complete.
+template <class Record>
+void Publish(Record& slot, const Record& record)
+{
+    Record hidden = record;
+    hidden.inUse = 0;
+    slot = hidden;
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    slot.inUse = record.inUse;
+}
 
 // Adds a fault; false when the table is full.
 bool AddFault(MachineRecord& machine, const FaultRecord& fault);

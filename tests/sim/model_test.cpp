@@ -62,7 +62,7 @@ protected:
         m_maps = {m_current.data(), m_frozen.data(), m_pending.data(), m_allocated.data()};
     }
     void Write(std::uint64_t block) { NoteWrite(*m_machine, m_volume, m_maps, block * m_volume.blockSize, 1); }
-    void TakeSnapshot() { NoteSnapshot(*m_machine, m_volume, m_maps); }
+    void TakeSnapshot() { NoteSnapshot(m_volume, m_maps); }
 
     VolumeReply Ask(std::uint32_t code, Bytes* output = nullptr, const Bytes* input = nullptr)
     {
@@ -190,6 +190,46 @@ TEST_F(SimModelTest, TwoSnapshotsBeforeAFetchAddUp)
     EXPECT_EQ((Blocks{1, 2}), Fetch());
 }
 
+TEST_F(SimModelTest, ASnapshotTakenBetweenFetchAndConfirmationKeepsItsEpochClosed)
+{
+    Write(1);
+    Ask(PREPARE_FOR_SNAPSHOT);
+    TakeSnapshot();
+    EXPECT_EQ((Blocks{1}), Fetch());
+    Write(2);
+    Ask(PREPARE_FOR_SNAPSHOT);
+    TakeSnapshot();
+    Write(3); // younger than the second snapshot
+    EXPECT_EQ(OK, Ask(REPLICATION_SUCCESS).status);
+    EXPECT_EQ((Blocks{2}), Fetch());
+    EXPECT_EQ(OK, Ask(REPLICATION_SUCCESS).status);
+    EXPECT_EQ((Blocks{3}), Fetch());
+}
+
+TEST_F(SimModelTest, ForgottenBitsLeaveTheSnapshotItsEpoch)
+{
+    Write(1);
+    Ask(PREPARE_FOR_SNAPSHOT);
+    TakeSnapshot();
+    ForgetBits(m_volume, m_maps);
+    Write(2); // not in the snapshot: a confirmation of its fetch must not take it along
+    EXPECT_EQ((Blocks{}), Fetch());
+    EXPECT_EQ(OK, Ask(REPLICATION_SUCCESS).status);
+    EXPECT_EQ((Blocks{2}), Fetch());
+}
+
+TEST_F(SimModelTest, AnAnnouncedSnapshotClosesItsEpochWhileNoDriverLooks)
+{
+    Ask(PREPARE_FOR_SNAPSHOT);
+    m_machine->driver = DriverState::Absent;
+    TakeSnapshot();
+    m_machine->driver = DriverState::Working;
+    Write(2);
+    EXPECT_EQ((Blocks{}), Fetch());
+    EXPECT_EQ(OK, Ask(REPLICATION_SUCCESS).status);
+    EXPECT_EQ((Blocks{2}), Fetch());
+}
+
 TEST_F(SimModelTest, AShortBufferNamesTheLengthAndKeepsTheBits)
 {
     SetGeometry(100 * 4096, 4096); // 100 blocks: 13 bytes of bits, 16 with rounding
@@ -311,6 +351,66 @@ TEST_F(SimModelTest, ABlockSizeChangeIsCheckedAndHandedOn)
     const Bytes three = {0, 2, 0};
     EXPECT_EQ(INVALID_PARAMETER, Ask(VOLUME_BLOCK_SIZE_CHANGE, nullptr, &three).status);
     EXPECT_EQ(INVALID_PARAMETER, Ask(VOLUME_BLOCK_SIZE_CHANGE).status);
+}
+
+TEST_F(SimModelTest, AGeometryIsLimitedToBitmapsThatARequestCanCarry)
+{
+    EXPECT_TRUE(IsValidGeometry(1, 512));
+    EXPECT_FALSE(IsValidGeometry(0, 512));
+    EXPECT_FALSE(IsValidGeometry(1 << 20, 0));
+    EXPECT_FALSE(IsValidGeometry(1 << 20, 513));
+    EXPECT_TRUE(IsValidGeometry(512ull << 31, 512));
+    EXPECT_FALSE(IsValidGeometry((512ull << 31) + 1, 512));
+    EXPECT_TRUE(IsValidGeometry(65536ull << 31, 1 << 20));
+    EXPECT_FALSE(IsValidGeometry((65536ull << 31) + 1, 1 << 20)); // the map of written chunks
+    EXPECT_FALSE(IsValidGeometry(~0ull, 0xFFFFFE00));
+}
+
+TEST_F(SimModelTest, AnInterruptedGeometrySwitchIsFinishedByWhoeverLooksNext)
+{
+    m_volume.next = {50 * 512, 512, 7};
+    FinishGeometry(m_volume); // nobody switches: what stands there is of an earlier time
+    EXPECT_EQ(4096u, m_volume.blockSize);
+    m_volume.switching = 1;
+    m_volume.length = 50 * 512; // ended here
+    FinishGeometry(m_volume);
+    EXPECT_EQ(50u * 512, m_volume.length);
+    EXPECT_EQ(512u, m_volume.blockSize);
+    EXPECT_EQ(7u, m_volume.mapSequence);
+    EXPECT_EQ(0u, m_volume.switching);
+    SwitchGeometry(m_volume, {4096, 1024, 8});
+    EXPECT_EQ(4096u, m_volume.length);
+    EXPECT_EQ(1024u, m_volume.blockSize);
+    EXPECT_EQ(8u, m_volume.mapSequence);
+    EXPECT_EQ(0u, m_volume.switching);
+}
+
+TEST_F(SimModelTest, ARecordThatWouldLeadAstrayIsNotSound)
+{
+    m_volume.guid[0] = u'{';
+    m_machine->volumes[3] = m_volume;
+    m_machine->snapshots[2].inUse = 1;
+    m_machine->snapshots[2].length = 4096;
+    m_machine->snapshots[2].blockSize = 512;
+    ASSERT_TRUE(IsSound(*m_machine));
+    const auto unsound = [this](auto damage) {
+        MachineRecord& record = *m_machine;
+        const auto before = std::make_unique<MachineRecord>(record);
+        damage(record);
+        const bool sound = IsSound(record);
+        record = *before;
+        return !sound;
+    };
+    EXPECT_TRUE(unsound([](auto& m) { m.volumes[3].blockSize = 0; }));
+    EXPECT_TRUE(unsound([](auto& m) { m.volumes[3].length = 0; }));
+    EXPECT_TRUE(unsound([](auto& m) { m.volumes[3].switching = 1; })); // to a geometry of zeros
+    EXPECT_TRUE(unsound([](auto& m) { m.volumes[3].epoch = static_cast<Epoch>(3); }));
+    EXPECT_TRUE(unsound([](auto& m) { m.volumes[3].guid[0] = u'\0'; })); // its folder would be that of all volumes
+    EXPECT_TRUE(unsound([](auto& m) { m.volumes[3].guid[1] = u'\\'; }));
+    EXPECT_TRUE(unsound([](auto& m) { m.snapshots[2].blockSize = 1; }));
+    EXPECT_TRUE(unsound([](auto& m) { m.faults[0].replyLength = sizeof(m.faults[0].reply) + 1; }));
+    EXPECT_TRUE(unsound([](auto& m) { m.driver = static_cast<DriverState>(9); }));
+    EXPECT_FALSE(unsound([](auto& m) { m.volumes[4].length = 0; })); // not in use
 }
 
 TEST_F(SimModelTest, AllocatedRangesAreTheChunksEverWritten)

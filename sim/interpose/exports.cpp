@@ -41,6 +41,11 @@ DWORD WithMachine(VTFLTSIM_MACHINE machine, Work work) noexcept
     return Guard([&] { return work(*machine->machine); });
 }
 
+bool IsMissing(const void* data, DWORD length)
+{
+    return data == nullptr && length != 0;
+}
+
 // work gets the machine and the volume's serial.
 template <class Work>
 DWORD WithVolume(VTFLTSIM_MACHINE machine, LPCWSTR volume, Work work) noexcept
@@ -184,11 +189,15 @@ DWORD WINAPI VTFltSimEnumVolume(VTFLTSIM_MACHINE machine, DWORD index, VTFLTSIM_
 DWORD WINAPI VTFltSimWriteVolume(VTFLTSIM_MACHINE machine, LPCWSTR volume, ULONGLONG offset, const void* data,
                                  DWORD length)
 {
+    if (IsMissing(data, length))
+        return ERROR_INVALID_PARAMETER;
     return WithVolume(machine, volume, [&](Machine& m, std::uint32_t serial) { return m.WriteVolume(serial, offset, data, length); });
 }
 
 DWORD WINAPI VTFltSimReadVolume(VTFLTSIM_MACHINE machine, LPCWSTR volume, ULONGLONG offset, void* data, DWORD length)
 {
+    if (IsMissing(data, length))
+        return ERROR_INVALID_PARAMETER;
     return WithVolume(machine, volume, [&](Machine& m, std::uint32_t serial) { return m.ReadVolume(serial, offset, data, length); });
 }
 
@@ -300,11 +309,15 @@ DWORD WINAPI VTFltSimEnumSnapshot(VTFLTSIM_MACHINE machine, DWORD index, VTFLTSI
 DWORD WINAPI VTFltSimWriteSnapshot(VTFLTSIM_MACHINE machine, DWORD number, ULONGLONG offset, const void* data,
                                    DWORD length)
 {
+    if (IsMissing(data, length))
+        return ERROR_INVALID_PARAMETER;
     return WithMachine(machine, [&](Machine& m) { return m.WriteSnapshot(number, offset, data, length); });
 }
 
 DWORD WINAPI VTFltSimReadSnapshot(VTFLTSIM_MACHINE machine, DWORD number, ULONGLONG offset, void* data, DWORD length)
 {
+    if (IsMissing(data, length))
+        return ERROR_INVALID_PARAMETER;
     return WithMachine(machine, [&](Machine& m) { return m.ReadSnapshot(number, offset, data, length); });
 }
 

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 #include <mutex>
 
 namespace vtfltsim {
@@ -131,7 +132,7 @@ Transfer PlanTransfer(DeviceObject& device, DWORD needed, DWORD length, const OV
     Transfer plan;
     std::uint64_t end = 0;
     plan.code = (device.access & needed) == 0 ? ERROR_ACCESS_DENIED
-                                                              : device.machine->Length(device.endpoint, end);
+                                              : device.machine->Length(device.endpoint, end);
     if (overlapped != nullptr)
         plan.offset = (static_cast<std::uint64_t>(overlapped->OffsetHigh) << 32) | overlapped->Offset;
     else {
@@ -227,6 +228,8 @@ BOOL SeekDevice(DeviceObject& device, LONGLONG distance, DWORD method, LONGLONG*
     else if (method == FILE_END)
         base = static_cast<LONGLONG>(end);
     else if (method != FILE_BEGIN)
+        return Finish(ERROR_INVALID_PARAMETER);
+    if (distance > std::numeric_limits<LONGLONG>::max() - base)
         return Finish(ERROR_INVALID_PARAMETER);
     if (base + distance < 0)
         return Finish(ERROR_NEGATIVE_SEEK);

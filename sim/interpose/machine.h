@@ -129,8 +129,8 @@ private:
     DWORD NewGeometry(model::VolumeRecord& volume, std::uint64_t length, std::uint32_t blockSize, bool keepBits);
     void DropSnapshot(model::SnapshotRecord& snapshot);
     DWORD WithVolume(std::uint32_t serial, const std::function<DWORD(model::VolumeRecord&, Volume&)>& work);
-    DWORD WithSnapshot(DWORD number, const std::function<DWORD(const model::VolumeContents&,
-                                                               const model::SnapshotContents&)>& work);
+    DWORD WithSnapshot(DWORD number,
+                       const std::function<DWORD(const model::VolumeContents&, const model::SnapshotContents&)>& work);
 
     // Lists a volume for resync around a change that makes the driver forget its bits.
     DWORD ForgetWith(std::uint32_t serial, const std::function<DWORD(model::VolumeRecord&, Volume&)>& change);
@@ -151,12 +151,14 @@ private:
     std::map<std::uint32_t, std::unique_ptr<Volume>> m_volumes;     // guarded by the machine's lock
     std::map<std::uint32_t, std::unique_ptr<Snapshot>> m_snapshots; // guarded by the machine's lock
     ProcessLock m_namesLock;
-    std::uint32_t m_namesVersion = 0;                              // guarded by m_namesLock
-    std::shared_ptr<const std::vector<VolumeNames>> m_names;       // guarded by m_namesLock
+    std::uint32_t m_namesVersion = 0;                        // guarded by m_namesLock
+    std::shared_ptr<const std::vector<VolumeNames>> m_names; // guarded by m_namesLock
 };
 
-inline constexpr wchar_t VOLUME_CLASS_KEY[] = L"System\\CurrentControlSet\\Control\\Class\\{71A27CDD-812A-11D0-BEC7-08002BE2092F}";
-inline constexpr wchar_t SNAPSHOT_CLASS_KEY[] = L"System\\CurrentControlSet\\Control\\Class\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}";
+inline constexpr wchar_t VOLUME_CLASS_KEY[] =
+    L"System\\CurrentControlSet\\Control\\Class\\{71A27CDD-812A-11D0-BEC7-08002BE2092F}";
+inline constexpr wchar_t SNAPSHOT_CLASS_KEY[] =
+    L"System\\CurrentControlSet\\Control\\Class\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}";
 inline constexpr wchar_t SERVICE_KEY[] = L"SYSTEM\\CurrentControlSet\\Services\\VTFlt";
 inline constexpr wchar_t SNAPSHOT_DEVICE[] = L"\\\\?\\GLOBALROOT\\Device\\HarddiskVolumeShadowCopy";
 inline constexpr wchar_t CONTROL_DEVICE[] = L"\\\\.\\VTFltMgr";

@@ -136,8 +136,8 @@ DWORD Machine::FillSnapshotInfo(DWORD number, VTFLTSIM_SNAPSHOT_INFO& info)
     info.length = snapshot->length;
     info.blockSize = snapshot->blockSize;
     info.tracked = snapshot->tracked;
-    info.writtenBlocks = model::CountBits(mapped->contents.maps.written,
-                                          model::BitmapBytes(snapshot->length, snapshot->blockSize));
+    info.writtenBlocks =
+        model::CountBits(mapped->contents.maps.written, model::BitmapBytes(snapshot->length, snapshot->blockSize));
     return 0;
 }
 
@@ -156,8 +156,8 @@ DWORD Machine::SnapshotAt(DWORD index, DWORD& number)
     return 0;
 }
 
-DWORD Machine::WithSnapshot(DWORD number,
-                            const std::function<DWORD(const model::VolumeContents&, const model::SnapshotContents&)>& work)
+DWORD Machine::WithSnapshot(
+    DWORD number, const std::function<DWORD(const model::VolumeContents&, const model::SnapshotContents&)>& work)
 {
     const Lock lock(*this);
     model::SnapshotRecord* snapshot = FindSnapshotRecord(number);

@@ -22,14 +22,6 @@ std::wstring Hexadecimal(DWORD value)
     return text;
 }
 
-std::wstring FromRecord(const char16_t* text)
-{
-    std::wstring result;
-    for (; *text != u'\0'; ++text)
-        result.push_back(static_cast<wchar_t>(*text));
-    return result;
-}
-
 void CopyCut(wchar_t* target, std::size_t units, std::wstring_view text)
 {
     if (units == 0)

@@ -12,6 +12,7 @@
 #include <winioctl.h>
 #include <winsvc.h>
 
+#include <algorithm>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -118,7 +119,11 @@ std::wstring Decimal(unsigned long long value);
 std::wstring Hexadecimal(DWORD value); // 0x and upper-case digits
 
 // Text in the machine's shared record.
-std::wstring FromRecord(const char16_t* text);
+template <std::size_t N>
+std::wstring FromRecord(const char16_t (&text)[N]) // up to its NUL or, in a damaged record, the end of the field
+{
+    return std::wstring(text, std::find(text, text + N, u'\0'));
+}
 template <std::size_t N>
 bool ToRecord(char16_t (&target)[N], std::wstring_view text)
 {

@@ -37,7 +37,8 @@ bool IsSoundVolume(const VolumeRecord& volume)
                                                 : IsValidGeometry(volume.length, volume.blockSize);
     // The name leads to the volume's folder, and nowhere else.
     const auto* end = std::end(volume.guid);
-    const bool named = volume.guid[0] == u'{' && std::none_of(volume.guid, end, [](char16_t c) { return c == u'\\' || c == u'/'; });
+    const bool named =
+        volume.guid[0] == u'{' && std::none_of(volume.guid, end, [](char16_t c) { return c == u'\\' || c == u'/'; });
     return geometry && named && volume.epoch <= Epoch::Fetched;
 }
 

@@ -571,9 +571,8 @@ protected:
         taken->allocated = m_allocated;
         taken->written.assign(m_current.size(), 0);
         taken->expected = m_expected;
-        taken->contents = {&taken->record,
-                           {taken->present.data(), taken->allocated.data(), taken->written.data()},
-                           &taken->store};
+        taken->contents = {
+            &taken->record, {taken->present.data(), taken->allocated.data(), taken->written.data()}, &taken->store};
         m_live.push_back(taken->contents);
         m_taken.push_back(std::move(taken));
         return *m_taken.back();
@@ -593,7 +592,8 @@ protected:
     Bytes ReadBack(Taken& taken)
     {
         Bytes data(taken.expected.size(), 0xCC);
-        EXPECT_EQ(OK, ReadSnapshot(m_contents, taken.contents, 0, data.data(), static_cast<std::uint32_t>(data.size())));
+        EXPECT_EQ(OK,
+                  ReadSnapshot(m_contents, taken.contents, 0, data.data(), static_cast<std::uint32_t>(data.size())));
         return data;
     }
     void ExpectAllAsTheyShouldBe()

@@ -60,7 +60,8 @@ typedef struct VTFltSimMachine* VTFLTSIM_MACHINE;
    class key without filters, and InstallLocation. 183 when the directory holds a machine already. */
 VTFLTSIM_API DWORD WINAPI VTFltSimCreate(LPCWSTR directory, VTFLTSIM_MACHINE* machine);
 
-/* Opens an existing machine. 2 when the directory holds none. */
+/* Opens an existing machine. 2 when the directory holds none, 1392 (ERROR_FILE_CORRUPT) when its state file is
+   damaged or of another version. */
 VTFLTSIM_API DWORD WINAPI VTFltSimOpen(LPCWSTR directory, VTFLTSIM_MACHINE* machine);
 
 /* Closes the caller's handle; the machine itself stays. An attached machine is detached first. */
@@ -79,7 +80,7 @@ VTFLTSIM_API DWORD WINAPI VTFltSimReboot(VTFLTSIM_MACHINE machine);
 typedef struct VTFLTSIM_VOLUME_CONFIG {
     DWORD size;          /* sizeof(VTFLTSIM_VOLUME_CONFIG) */
     DWORD blockSize;     /* tracking block size in bytes; 0: 65536 */
-    ULONGLONG length;    /* bytes; any length above 0 */
+    ULONGLONG length;    /* bytes, above 0; up to 2^31 blocks */
     DWORD driveType;     /* a DRIVE_* value; 0: DRIVE_FIXED */
     LPCWSTR guid;        /* {...}, or NULL: made up */
     LPCWSTR mountPath;   /* such as E:\, or NULL: not mounted */
@@ -94,8 +95,8 @@ typedef struct VTFLTSIM_VOLUME_INFO {
     DWORD size; /* sizeof(VTFLTSIM_VOLUME_INFO), set by the caller */
     WCHAR guid[VTFLTSIM_GUID_CHARS];
     WCHAR devicePath[VTFLTSIM_DEVICE_CHARS]; /* \\?\Volume{...} without a trailing backslash */
-    WCHAR mountPath[MAX_PATH];               /* the first one, or empty */
-    WCHAR filesDirectory[MAX_PATH];          /* the real folder that holds the files on the volume */
+    WCHAR mountPath[MAX_PATH];               /* the first one, or empty; empty too when it does not fit */
+    WCHAR filesDirectory[MAX_PATH];          /* the real folder of the files on the volume; empty when it does not fit */
     ULONGLONG length;
     DWORD blockSize;
     DWORD driveType;
@@ -121,7 +122,9 @@ VTFLTSIM_API DWORD WINAPI VTFltSimWriteVolume(VTFLTSIM_MACHINE machine, LPCWSTR 
 VTFLTSIM_API DWORD WINAPI VTFltSimReadVolume(VTFLTSIM_MACHINE machine, LPCWSTR volume, ULONGLONG offset,
                                              void* data, DWORD length);
 
-/* Changes the length. Bits are kept; new blocks start clear. Snapshots keep their own length. */
+/* Changes the length. Bits are kept; new blocks start clear and hold zeros. A shrink lists the volume for resync, since
+   the bits behind the new end go with it. Snapshots keep their own length. 87 for a length that VTFltSimAddVolume
+   would refuse. */
 VTFLTSIM_API DWORD WINAPI VTFltSimResizeVolume(VTFLTSIM_MACHINE machine, LPCWSTR volume, ULONGLONG length);
 /* Changes the tracking block size: the driver forgets its bits and lists the volume for resync. */
 VTFLTSIM_API DWORD WINAPI VTFltSimSetBlockSize(VTFLTSIM_MACHINE machine, LPCWSTR volume, DWORD blockSize);
@@ -182,7 +185,7 @@ VTFLTSIM_API DWORD WINAPI VTFltSimReadSnapshot(VTFLTSIM_MACHINE machine, DWORD n
 #define VTFLTSIM_DRIVER_WORKING 0u
 #define VTFLTSIM_DRIVER_ABSENT 1u /* no control device, requests fail with 1, writes are not seen */
 #define VTFLTSIM_DRIVER_OLDER 2u  /* answers requests on volumes, fails the probe on the control device with 1 */
-/* A driver that comes back lists every volume that was written while it was away for resync. */
+/* A driver that comes back lists every volume that was written while it was away for resync, before it answers. */
 VTFLTSIM_API DWORD WINAPI VTFltSimSetDriverState(VTFLTSIM_MACHINE machine, DWORD state);
 VTFLTSIM_API DWORD WINAPI VTFltSimGetDriverState(VTFLTSIM_MACHINE machine, DWORD* state);
 

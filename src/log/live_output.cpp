@@ -44,6 +44,7 @@ CSMOutput::CSMOutput() noexcept
 
 CSMOutput::~CSMOutput()
 {
+    // Without the lock: at the end of the process its holder may be a thread that is no longer there.
     m_ring.reset();
     m_breakpoints.reset();
     DeleteCriticalSection(&m_lock);

@@ -62,8 +62,8 @@ private:
     void WaitAtBreakpoint(const StoredHit& hit) noexcept;
 
     CRITICAL_SECTION m_lock; // guards everything below
-    wchar_t m_executableName[LOG_RECORD_NAME_CAPACITY] = {}; // empty until a viewer was there
-    wchar_t m_moduleName[LOG_RECORD_NAME_CAPACITY] = {};
+    wchar_t m_executableName[LOG_BREAKPOINT_NAME_CAPACITY] = {}; // empty until a viewer was there
+    wchar_t m_moduleName[LOG_BREAKPOINT_NAME_CAPACITY] = {};
     std::unique_ptr<CLogShareMemory> m_ring;
     std::shared_ptr<BreakpointTable> m_breakpoints;
 };

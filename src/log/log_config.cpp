@@ -72,6 +72,8 @@ void CLogCfgShareMemory::Close() noexcept
     m_view.reset();
     m_mapping.reset();
     m_mutex.reset();
+    m_components = 0;
+    m_folder[0] = L'\0';
 }
 
 void CLogCfgShareMemory::RegisterModule(std::wstring_view name) noexcept

@@ -21,7 +21,8 @@ public:
     // The process's one. Any thread may call any operation.
     static CLogCfgShareMemory& Instance() noexcept;
 
-    // Closes the block and its mutex; the next operation opens them anew. Nothing may log at the same time.
+    // Closes the block and its mutex and forgets what was found out; the next operation opens them anew. Nothing may log
+    // at the same time.
     void Close() noexcept;
 
     // Enters a module, by its file name, unless it has an entry; does nothing when all 1024 are taken. The path of an

@@ -74,4 +74,41 @@ inline std::int64_t NextSequence(std::int64_t sequence) noexcept
     return static_cast<std::int64_t>(static_cast<std::uint64_t>(sequence) + 1);
 }
 
+// Makes a new ring of zeroed memory: nothing is written yet.
+inline void StartLogRing(LogRingBlock& ring) noexcept
+{
+    ring.writeSequence = -1;
+}
+
+// Writes the next record.
+inline void AppendRecord(LogRingBlock& ring, const LogRecordBlock& record) noexcept
+{
+    const std::int64_t sequence = NextSequence(ring.writeSequence);
+    ring.writeSequence = sequence;
+    ring.slots[RingSlot(sequence)] = record;
+}
+
+// What a reader is to take now: count records, those behind the number read.
+struct LogRingBacklog {
+    std::int64_t read;
+    std::uint64_t count;
+    std::uint64_t overwritten; // how many of the records since the last read are gone from the ring
+};
+
+// How far behind a reader may be and still get a record for each number. Beyond, the numbers are beyond belief: only the
+// newest records are taken, so that no numbers make a reader use up its time and memory.
+inline constexpr std::uint64_t LOG_RING_READ_LIMIT = 4 * LOG_RING_SLOTS;
+
+// From the sequence numbers of a ring, whatever they are. There is nothing to take when the write sequence is -1 or not
+// above the read sequence.
+inline LogRingBacklog ReadBacklog(std::int64_t readSequence, std::int64_t writeSequence) noexcept
+{
+    if (writeSequence == -1 || writeSequence <= readSequence)
+        return {writeSequence, 0, 0};
+    const std::uint64_t unread = static_cast<std::uint64_t>(writeSequence) - static_cast<std::uint64_t>(readSequence);
+    const std::uint64_t count = unread < LOG_RING_READ_LIMIT ? unread : LOG_RING_READ_LIMIT;
+    return {static_cast<std::int64_t>(static_cast<std::uint64_t>(writeSequence) - count), count,
+            unread > LOG_RING_SLOTS ? unread - LOG_RING_SLOTS : 0};
+}
+
 } // namespace vtflt

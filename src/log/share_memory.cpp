@@ -10,17 +10,9 @@ namespace vtflt {
 
 namespace {
 
-// What a reader may lag behind: beyond, the numbers of the ring are beyond belief.
-constexpr std::uint64_t READ_LIMIT = 4 * LOG_RING_SLOTS;
-
 LogRingBlock& RingOf(const UniqueView& view) noexcept
 {
     return *static_cast<LogRingBlock*>(view.get());
-}
-
-std::uint64_t UnreadCount(std::int64_t read, std::int64_t last) noexcept
-{
-    return last <= read ? 0 : static_cast<std::uint64_t>(last) - static_cast<std::uint64_t>(read);
 }
 
 // False when there is no memory for it.
@@ -76,7 +68,7 @@ bool CLogShareMemory::OpenObjects() noexcept
         return false;
     if (!existed) {
         std::memset(view.get(), 0, sizeof(LogRingBlock));
-        RingOf(view).writeSequence = -1;
+        StartLogRing(RingOf(view));
     }
     return true;
 }
@@ -131,9 +123,7 @@ bool CLogShareMemory::Append(const LogRecordBlock& record) noexcept
         const UniqueView view = Map();
         if (!view)
             return false;
-        LogRingBlock& ring = RingOf(view);
-        ring.writeSequence = NextSequence(ring.writeSequence);
-        ring.slots[RingSlot(ring.writeSequence)] = record;
+        AppendRecord(RingOf(view), record);
     }
     SetEvent(m_event.get());
     return true;
@@ -153,17 +143,11 @@ bool CLogShareMemory::ReadMessages(std::vector<LogMessagePtr>& messages) noexcep
     LogRingBlock& ring = RingOf(view);
     // Copies: somebody who ignores the mutex must not be able to keep this loop going.
     const std::int64_t last = ring.writeSequence;
-    std::int64_t read = ring.readSequence;
     if (last == -1)
         return true;
-    const std::uint64_t unread = UnreadCount(read, last);
-    if (unread == 0)
-        read = last;
-    if (unread > READ_LIMIT)
-        read = static_cast<std::int64_t>(static_cast<std::uint64_t>(last) - READ_LIMIT);
-    if (unread > LOG_RING_SLOTS)
-        m_overwritten = unread - LOG_RING_SLOTS;
-
+    const LogRingBacklog backlog = ReadBacklog(ring.readSequence, last);
+    m_overwritten = backlog.overwritten;
+    std::int64_t read = backlog.read;
     while (read != last && AddMessage(messages, ring.slots[RingSlot(NextSequence(read))]))
         read = NextSequence(read);
     ring.readSequence = read;
@@ -174,9 +158,9 @@ void CLogShareMemory::BuildName(wchar_t (&name)[OBJECT_NAME_CAPACITY], std::wstr
 {
     CopyText(name, prefix);
     const std::wstring_view own = FieldText(m_name);
-    wchar_t upper[LOG_RECORD_NAME_CAPACITY] = {};
+    wchar_t upper[NAME_CAPACITY] = {};
     LCMapStringEx(LOCALE_NAME_INVARIANT, LCMAP_UPPERCASE, own.data(), static_cast<int>(own.size()), upper,
-                  static_cast<int>(LOG_RECORD_NAME_CAPACITY - 1), nullptr, nullptr, 0);
+                  static_cast<int>(NAME_CAPACITY - 1), nullptr, nullptr, 0);
     AppendText(name, FieldText(upper));
 }
 

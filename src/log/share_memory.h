@@ -15,7 +15,7 @@ namespace vtflt {
 
 class CLogShareMemory {
 public:
-    // The writing executable's file name, cut to 127 characters.
+    // The writing executable's file name. The objects are named by all of it; records show 127 characters of it.
     explicit CLogShareMemory(std::wstring_view name) noexcept;
     CLogShareMemory(const CLogShareMemory&) = delete;
     CLogShareMemory& operator=(const CLogShareMemory&) = delete;
@@ -47,13 +47,14 @@ public:
     std::uint64_t Overwritten() const noexcept { return m_overwritten; }
 
 private:
-    static constexpr std::size_t OBJECT_NAME_CAPACITY = 256;
+    static constexpr std::size_t NAME_CAPACITY = 260; // characters of a file name, the end included
+    static constexpr std::size_t OBJECT_NAME_CAPACITY = 64 + NAME_CAPACITY;
 
     void BuildName(wchar_t (&name)[OBJECT_NAME_CAPACITY], std::wstring_view prefix) const noexcept;
     bool OpenObjects() noexcept;
     UniqueView Map() const noexcept;
 
-    wchar_t m_name[LOG_RECORD_NAME_CAPACITY];
+    wchar_t m_name[NAME_CAPACITY];
     UniqueHandle m_mutex;
     UniqueHandle m_mapping;
     UniqueHandle m_event; // a writer's only

@@ -55,7 +55,8 @@ UniqueView MapShared(HANDLE mapping, std::size_t bytes) noexcept
     if (!view)
         return view;
     MEMORY_BASIC_INFORMATION region = {};
-    if (VirtualQuery(view.get(), &region, sizeof(region)) != sizeof(region) || region.RegionSize < bytes)
+    if (VirtualQuery(view.get(), &region, sizeof(region)) != sizeof(region) || region.State != MEM_COMMIT ||
+        region.RegionSize < bytes)
         view.reset();
     return view;
 }

@@ -78,8 +78,8 @@ UniqueHandle CreateSharedMapping(const MappingNames& names, std::size_t bytes, b
 // Opens one that somebody else made.
 UniqueHandle OpenSharedMapping(const MappingNames& names) noexcept;
 
-// Maps a whole block for reading and writing; empty when the mapping is smaller than the block, which some other
-// program must have made under its name.
+// Maps a whole block for reading and writing; empty when the mapping is smaller than the block, or its memory is reserved
+// only and cannot be touched. Some other program must have made such a one under the block's name.
 UniqueView MapShared(HANDLE mapping, std::size_t bytes) noexcept;
 
 } // namespace vtflt

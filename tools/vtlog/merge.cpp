@@ -1,0 +1,101 @@
+#include "merge.h"
+
+#include <utility>
+
+namespace vtlog {
+namespace {
+
+// How far is read ahead for the first time of a log. Beyond that, lines without a time come first.
+constexpr std::size_t READ_AHEAD = 64;
+
+} // namespace
+
+LogReader::LogReader(std::vector<std::wstring> paths, const ReadOptions& options)
+    : m_paths(std::move(paths)), m_options(options)
+{
+}
+
+bool LogReader::ReadOne()
+{
+    for (; m_file < m_paths.size(); ++m_file) {
+        if (ReadFrom(m_paths[m_file]))
+            return true;
+        m_reader.reset();
+    }
+    return false;
+}
+
+bool LogReader::ReadFrom(const std::wstring& path)
+{
+    try {
+        if (!m_reader)
+            m_reader.emplace(OpenLog(path, m_options));
+        Entry entry;
+        if (!m_reader->Next(entry))
+            return false;
+        m_isLog = m_isLog || entry.kind != EntryKind::Text;
+        m_entries.push_back({std::move(entry), m_file});
+        return true;
+    } catch (const Failure& failure) {
+        if (!m_options.failed)
+            throw;
+        m_options.failed(failure);
+        return false;
+    }
+}
+
+const Entry* LogReader::Head()
+{
+    if (m_entries.empty() && !ReadOne())
+        return nullptr;
+    if (!m_started) {
+        m_started = true;
+        while (!m_entries.back().entry.header && m_entries.size() < READ_AHEAD && ReadOne()) {
+        }
+        if (m_entries.back().entry.header)
+            m_time = m_entries.back().entry.header->time;
+    }
+    // A clock that went back does not bring what follows before what was read already.
+    const Entry& head = m_entries.front().entry;
+    if (head.header && (!m_time || head.header->time > *m_time))
+        m_time = head.header->time;
+    return &head;
+}
+
+Entry LogReader::Take()
+{
+    Entry entry = std::move(m_entries.front().entry);
+    m_entries.pop_front();
+    return entry;
+}
+
+bool MergeReader::Next(MergedEntry& merged)
+{
+    LogReader* next = nullptr;
+    if (m_started && m_logs[m_last].Head() != nullptr && m_logs[m_last].Untimed()) {
+        next = &m_logs[m_last];
+    } else {
+        for (LogReader& log : m_logs) {
+            if (log.Head() != nullptr && (next == nullptr || log.Time() < next->Time()))
+                next = &log;
+        }
+    }
+    if (next == nullptr)
+        return false;
+    m_started = true;
+    m_last = static_cast<std::size_t>(next - m_logs.data());
+    merged.path = next->Path();
+    merged.entry = next->Take();
+    return true;
+}
+
+bool MergeReader::AnyLog() const noexcept
+{
+    for (const LogReader& log : m_logs) {
+        if (log.IsLog())
+            return true;
+    }
+    return false;
+}
+
+} // namespace vtlog

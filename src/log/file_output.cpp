@@ -330,6 +330,7 @@ void CFileOutput::Close() noexcept
 {
     m_file.reset();
     m_mutex.reset();
+    m_version = 0;
     m_isVersionKnown = false;
 }
 

@@ -115,13 +115,6 @@ void Compress(const wchar_t* folder) noexcept
     DeviceIoControl(handle.get(), FSCTL_SET_COMPRESSION, &format, sizeof(format), nullptr, 0, &returned, nullptr);
 }
 
-// The first install path that contains the logging module; empty when none does.
-bool FindInstallPath(std::wstring_view modulePath, wchar_t (&path)[LOG_PATH_CAPACITY]) noexcept
-{
-    const DWORD kind = FindOwnComponent(modulePath);
-    return kind != COMPONENT_NONE && GetInstallPath(kind, path) == ERROR_SUCCESS;
-}
-
 } // namespace
 
 void ResolveLogFolder(DWORD components, wchar_t (&folder)[LOG_PATH_CAPACITY]) noexcept
@@ -131,7 +124,7 @@ void ResolveLogFolder(DWORD components, wchar_t (&folder)[LOG_PATH_CAPACITY]) no
         AppendText(folder, L"\\Log\\");
         return;
     }
-    if (components != COMPONENT_NONE && FindInstallPath(OwnModule().Path(), folder)) {
+    if (components != COMPONENT_NONE && FindOwnComponent(OwnModule().Path(), folder) != COMPONENT_NONE) {
         AppendText(folder, FieldText(folder).back() == L'\\' ? L"Logs\\" : L"\\Logs\\");
         return;
     }
@@ -146,6 +139,9 @@ bool PrepareLogFolder(std::wstring_view filePath, std::wstring_view defaultFolde
         return false;
     wchar_t folder[LOG_PATH_CAPACITY];
     CopyText(folder, filePath.substr(0, backslash));
+    // The root of a drive keeps its backslash: without it the name means that drive's current folder.
+    if (FieldText(folder).ends_with(L':'))
+        AppendText(folder, L"\\");
     if (!CreateFolderWithParents(folder))
         return false;
     if (!GrantToLocalService(folder))

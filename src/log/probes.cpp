@@ -54,9 +54,13 @@ DWORD ReadNumber(const LOGUTILS::CRegistry& key, const wchar_t* name) noexcept
     return key.ReadString(name, text) == ERROR_SUCCESS ? ParseDecimal(FieldText(text)) : 0;
 }
 
-DWORD CheckVersion(const ProductVersion& version) noexcept
+// An update of nothing is no version.
+DWORD CheckVersion(ProductVersion& version) noexcept
 {
-    return version.major == 0 && version.minor == 0 ? static_cast<DWORD>(ERROR_NOT_FOUND) : ERROR_SUCCESS;
+    if (version.major != 0 || version.minor != 0)
+        return ERROR_SUCCESS;
+    version = {};
+    return ERROR_NOT_FOUND;
 }
 
 DWORD ReadEngineVersion(ProductVersion& version) noexcept
@@ -272,22 +276,23 @@ DWORD GetInstallPath(DWORD kind, wchar_t (&path)[LOG_PATH_CAPACITY]) noexcept
     return ERROR_SUCCESS;
 }
 
-DWORD FindOwnComponent(std::wstring_view modulePath) noexcept
+DWORD FindOwnComponent(std::wstring_view modulePath, wchar_t (&installPath)[LOG_PATH_CAPACITY]) noexcept
 {
-    if (modulePath.empty())
-        return COMPONENT_NONE;
     for (const DWORD kind : {COMPONENT_ENGINE, COMPONENT_MANAGEMENT, COMPONENT_PRODUCT_ROOT}) {
-        wchar_t path[LOG_PATH_CAPACITY];
-        GetInstallPath(kind, path);
-        if (StartsWithIgnoringCase(modulePath, FieldText(path)))
+        if (GetInstallPath(kind, installPath) == ERROR_SUCCESS &&
+            StartsWithIgnoringCase(modulePath, FieldText(installPath)))
             return kind;
     }
+    installPath[0] = L'\0';
     return COMPONENT_NONE;
 }
 
 DWORD GetOwnComponent() noexcept
 {
-    return IsWinPE() ? COMPONENT_WINPE : FindOwnComponent(OwnModule().Path());
+    if (IsWinPE())
+        return COMPONENT_WINPE;
+    wchar_t installPath[LOG_PATH_CAPACITY];
+    return FindOwnComponent(OwnModule().Path(), installPath);
 }
 
 DWORD GetProductVersion(DWORD kind, DWORD mode, ProductVersion& version) noexcept
@@ -297,7 +302,6 @@ DWORD GetProductVersion(DWORD kind, DWORD mode, ProductVersion& version) noexcep
         const DWORD error = ReadEngineVersion(version);
         if (error == ERROR_SUCCESS)
             return error;
-        version = {};
         return ReadConsoleVersion(COMPONENT_MANAGEMENT, version);
     }
     return mode > 2 ? static_cast<DWORD>(ERROR_NOT_FOUND) : ReadVersionOf(kind, version);

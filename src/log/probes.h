@@ -95,7 +95,8 @@ DWORD GetInstallPath(DWORD kind, wchar_t (&path)[LOG_PATH_CAPACITY]) noexcept;
 // The component whose folder contains a module: WinPE, the first of Engine, Management and product root that does, or
 // none. An empty module is in none.
 DWORD GetOwnComponent() noexcept;
-DWORD FindOwnComponent(std::wstring_view modulePath) noexcept;
+// The same of Engine, Management and product root, with that component's folder; none leaves it empty.
+DWORD FindOwnComponent(std::wstring_view modulePath, wchar_t (&installPath)[LOG_PATH_CAPACITY]) noexcept;
 
 struct ProductVersion {
     DWORD major = 0;

@@ -134,7 +134,7 @@ protected:
         operation();
         VTFltSimRecord(0);
         std::vector<std::wstring> calls;
-        for (const std::wstring& line : vtfltsim::Trace()) {
+        for (const std::wstring& line : LibraryCalls()) {
             const std::wstring function = line.substr(0, line.find(L' '));
             for (const std::wstring& wanted : functions) {
                 if (function == wanted)

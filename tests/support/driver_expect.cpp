@@ -23,7 +23,7 @@ void ExpectRequests(const std::vector<SentRequest>& expected)
 void ExpectCalls(const std::vector<std::wstring>& functions)
 {
     std::vector<std::string> called;
-    for (const std::wstring& line : vtfltsim::Trace())
+    for (const std::wstring& line : LibraryCalls())
         called.push_back(Narrow(line.substr(0, line.find(L' '))));
     std::vector<std::string> expected;
     for (const std::wstring& function : functions)
@@ -34,7 +34,7 @@ void ExpectCalls(const std::vector<std::wstring>& functions)
 std::vector<std::wstring> CallsOf(const std::wstring& function)
 {
     std::vector<std::wstring> lines;
-    for (const std::wstring& line : vtfltsim::Trace()) {
+    for (const std::wstring& line : LibraryCalls()) {
         if (line.substr(0, line.find(L' ')) == function)
             lines.push_back(line);
     }

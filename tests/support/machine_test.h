@@ -52,6 +52,10 @@ Bytes MakeBitmapImage(std::uint32_t blockSize, const Bytes& bitmap);
 // The numbers of the set bits in a get-bitmap buffer (16 bytes of header, then the bits).
 std::vector<std::uint64_t> BlocksInBuffer(const Bytes& buffer);
 
+// The recorded calls, each as "Name text", without those that the shipped DLL's log made for itself: its objects were
+// opened before any machine was attached, so that its calls on them have no text.
+std::vector<std::wstring> LibraryCalls();
+
 class MachineTest : public ::testing::Test {
 protected:
     MachineTest();

@@ -86,7 +86,7 @@ TEST_F(DeviceQuery, ANullNameAnswers0WithoutTheDriver)
     StartRecording();
     EXPECT_EQ(VTIsDeviceMonitored(nullptr), 0u);
     log.ExpectExactly({{2, 0, L"VTIsDeviceMonitored() Empty DevName \n"}});
-    EXPECT_TRUE(vtfltsim::Trace().empty());
+    EXPECT_TRUE(LibraryCalls().empty());
 }
 
 TEST_F(DeviceQuery, AnEmptyNameAnswers1AndIsAskedWithAQueryOf24Bytes)

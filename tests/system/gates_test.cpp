@@ -77,7 +77,7 @@ TEST_F(Gates, TheOtherExportsOnApplicationsHaveNoGate)
     std::vector<std::wstring> none;
     EXPECT_EQ(VTRemoveApplicationVolResyncList(L"Alpha", &none), 0u);
     EXPECT_EQ(VTUnregisterApplication(L"Alpha"), 0u);
-    const auto trace = vtfltsim::Trace();
+    const auto trace = LibraryCalls();
     EXPECT_TRUE(std::none_of(trace.begin(), trace.end(), [](const std::wstring& line) {
         return line.find(CONTROL) != std::wstring::npos;
     })) << "the control device was asked";
@@ -102,7 +102,7 @@ TEST_F(CanAppUse, ANullIdAnswers0AndLogs160WithoutAskingTheDriver)
     StartRecording();
     EXPECT_EQ(VTCanAppUseBLIDriver(nullptr), 0u);
     log.ExpectExactly({{0, 160, L"VTCanAppUseBLIDriver: lpAppId is NULL !!\n"}});
-    EXPECT_TRUE(vtfltsim::Trace().empty());
+    EXPECT_TRUE(LibraryCalls().empty());
 }
 
 TEST_F(CanAppUse, ARegisteredApplicationAnswers1)

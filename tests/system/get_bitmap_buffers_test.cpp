@@ -118,7 +118,7 @@ TEST_F(GetBitmapBuffer, ThatIsNullIsAnInvalidParameterBeforeTheManagerIsAsked)
     EXPECT_EQ(87u, VTFltGetBitmap(session->Handle(), &byte, 0, nullptr, 32, &size, 0));
     EXPECT_EQ(87u, VTFltGetBitmap(session->Handle(), nullptr, 0, &byte, 1, &size, 0));
     EXPECT_EQ(77u, size);
-    EXPECT_TRUE(vtfltsim::Trace().empty());
+    EXPECT_TRUE(LibraryCalls().empty());
     log.ExpectNothingLogged();
 }
 
@@ -203,7 +203,7 @@ TEST_F(ForwardedRequest, OnAHandleOfZeroOrAllOnesIsAnInvalidParameterBeforeAnyMu
         EXPECT_EQ(87u, VTFltSynSnapshotChangeBitmapToVolume(handle, &byte, 1));
         EXPECT_EQ(87u, VTFltReplicationSuccess(handle));
     }
-    EXPECT_TRUE(vtfltsim::Trace().empty());
+    EXPECT_TRUE(LibraryCalls().empty());
     log.ExpectNothingLogged();
 }
 

@@ -165,7 +165,7 @@ TEST_F(GetBitmapSequence, HoldsTheVolumesMutexFromBeforeTheDriverToTheEnd)
     const auto session = Open(L"app1");
     VTFltSimRecord(1);
     ASSERT_EQ(0u, session->GetBitmap(BUFFER_LENGTH));
-    const std::vector<std::wstring> trace = vtfltsim::Trace();
+    const std::vector<std::wstring> trace = LibraryCalls();
     ASSERT_GE(trace.size(), 4u);
     EXPECT_EQ(L"CreateMutexW " + volume.MutexName(), trace[0]);
     EXPECT_EQ(0u, trace[1].find(L"WaitForSingleObject")) << Narrow(trace[1]);

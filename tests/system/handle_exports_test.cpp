@@ -56,7 +56,7 @@ TEST_F(HandleExports, AHandleOfZeroOrAllOnesYields87FromEveryExportAndLogsNothin
     }
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     log.ExpectNothingLogged();
-    EXPECT_TRUE(vtfltsim::Trace().empty());
+    EXPECT_TRUE(LibraryCalls().empty());
     EXPECT_EQ(word, 0x5A5A5A5Au);
 }
 
@@ -73,7 +73,7 @@ TEST_F(HandleExports, AHandleOutsideTheTableYields87AndTheExportsOwnMessageWithI
                                 L": Handle 0X12ab34cd not found. Please provide valid volume handle.\n"}});
     }
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-    EXPECT_TRUE(vtfltsim::Trace().empty());
+    EXPECT_TRUE(LibraryCalls().empty());
     EXPECT_EQ(word, 0x5A5A5A5Au);
 }
 
@@ -90,7 +90,7 @@ TEST_F(HandleExports, ANullPointerThatIsRequiredYields87AndLogsNothing)
     }
     EXPECT_EQ(VTFltSynSnapshotChangeBitmapToVolume(session.Handle(), nullptr, 4), 87u);
     log.ExpectNothingLogged();
-    EXPECT_TRUE(vtfltsim::Trace().empty());
+    EXPECT_TRUE(LibraryCalls().empty());
     EXPECT_EQ(word, 0x5A5A5A5Au);
 }
 

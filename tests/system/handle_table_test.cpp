@@ -49,7 +49,7 @@ TEST_F(HandleTable, InitOfAnInvalidHandleAnswers87AndLogsNothing)
     EXPECT_EQ(Init(nullptr), 87u);
     EXPECT_EQ(Init(INVALID_HANDLE_VALUE), 87u);
     log.ExpectNothingLogged();
-    EXPECT_TRUE(vtfltsim::Trace().empty());
+    EXPECT_TRUE(LibraryCalls().empty());
 }
 
 TEST_F(HandleTable, InitWithAnEmptyVolumeNameOrApplicationIdAnswers87AndCreatesNothing)
@@ -59,7 +59,7 @@ TEST_F(HandleTable, InitWithAnEmptyVolumeNameOrApplicationIdAnswers87AndCreatesN
     EXPECT_EQ(VTFltInitBitmapManager(handle.get(), L"", L"Alpha"), 87u);
     EXPECT_EQ(VTFltInitBitmapManager(handle.get(), volume.Root().c_str(), L""), 87u);
     log.ExpectNothingLogged();
-    EXPECT_TRUE(vtfltsim::Trace().empty());
+    EXPECT_TRUE(LibraryCalls().empty());
     ExpectUnknown(handle.get());
 }
 

@@ -46,7 +46,7 @@ TEST_F(StopVolume, TheVolumeIsClosedBeforeItsFilesAreTouched)
 {
     StartRecording();
     EXPECT_EQ(VTFltStopMonitorVolume(volume.Path().c_str()), 0u);
-    const auto trace = vtfltsim::Trace();
+    const auto trace = LibraryCalls();
     ASSERT_GE(trace.size(), 4u);
     EXPECT_EQ(Narrow(trace[0]), Narrow(L"CreateFileW " + volume.Path()));
     EXPECT_EQ(Narrow(trace[1]), Narrow(L"DeviceIoControl " + volume.Path() + L"|0xB000001D|in 0|out 0"));
@@ -65,7 +65,7 @@ TEST_F(StopVolume, ANullPathAnswers87AndItsMessage)
     StartRecording();
     EXPECT_EQ(VTFltStopMonitorVolume(nullptr), 87u);
     log.ExpectExactly({{0, 87, L"VTFltStopMonitorVolume: lpVolumeGuid is NULL !!"}});
-    EXPECT_TRUE(vtfltsim::Trace().empty());
+    EXPECT_TRUE(LibraryCalls().empty());
 }
 
 TEST_F(StopVolume, APathThatDoesNotOpenReturnsTheOpensErrorAndRemovesNothing)

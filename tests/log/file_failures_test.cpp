@@ -1,0 +1,421 @@
+// What becomes of a record when something under the log fails: what is traced, what is still tried, what is dropped, and
+// that the log works again behind it.
+#include "log_file_test.h"
+
+#include <thread>
+
+using namespace vtflt;
+using namespace vttest;
+using vtfltsim::Check;
+
+namespace {
+
+class FileFailures : public LogFileTest {
+protected:
+    // A file that has its summary block and is open.
+    void StartOpen()
+    {
+        Start(m_path);
+        Write(L"first");
+        ClearTrace();
+    }
+    static void Fail(const wchar_t* function, DWORD error, DWORD nth = 1, DWORD count = 1, const wchar_t* match = nullptr)
+    {
+        Check("VTFltSimFailCall", VTFltSimFailCall(function, match, nth, count, error));
+    }
+    static void ForceWait(DWORD result, const std::wstring& mutex)
+    {
+        VTFLTSIM_CALL_FAULT fault = {};
+        fault.size = sizeof(fault);
+        fault.what = VTFLTSIM_CALL_RETURNS;
+        fault.function = L"WaitForSingleObject";
+        fault.match = mutex.c_str();
+        fault.count = 1;
+        fault.value = result;
+        Check("VTFltSimSetCallFault", VTFltSimSetCallFault(&fault));
+    }
+    void ExpectTrace(const std::vector<std::wstring>& lines)
+    {
+        std::vector<std::wstring> expected;
+        for (const std::wstring& line : lines)
+            expected.push_back(TraceLine(line));
+        const std::vector<std::wstring> traced = TraceLines();
+        std::string shown;
+        for (const std::wstring& line : traced)
+            shown += Narrow(line) + "\n";
+        EXPECT_TRUE(traced == expected) << "traced:\n" << shown;
+    }
+    // The "[%d]File=%s" of a line that reports a write: the value of the file's handle is not known here.
+    static std::wstring WithoutHandle(std::wstring line)
+    {
+        const std::size_t end = line.find(L"]File=");
+        const std::size_t begin = line.rfind(L'[', end);
+        if (end == std::wstring::npos || line.find_first_not_of(L"0123456789", begin + 1) != end || end == begin + 1)
+            return line;
+        return line.replace(begin + 1, end - begin - 1, L"handle");
+    }
+    void ExpectWriteTrace(const std::wstring& what, DWORD error)
+    {
+        const std::vector<std::wstring> traced = TraceLines();
+        ASSERT_EQ(1u, traced.size());
+        EXPECT_EQ(Narrow(TraceLine(what + L" ERR=" + WideNumber(error) + L", [handle]File=" + m_path + L"\r\n")),
+                  Narrow(WithoutHandle(traced[0])));
+    }
+    // The name of the file's mutex, of a path without other letters than ASCII ones.
+    static std::wstring MutexName(std::wstring path)
+    {
+        path.resize(std::min<std::size_t>(path.size(), 260));
+        for (wchar_t& c : path)
+            c = c == L'\\' ? L'/' : c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c + 32) : c;
+        return L"Global\\" + path;
+    }
+
+    std::wstring m_path = File(L"Test.LOG");
+};
+
+struct Part {
+    DWORD nth;
+    const wchar_t* trace;
+    std::wstring left; // of the record
+};
+
+TEST_F(FileFailures, EachPartOfARecordIsAWriteOfItsOwnAndAFailedOneDoesNotTakeTheOthersWithIt)
+{
+    const std::wstring header = MaskedHeader(2);
+    const Part parts[] = {
+        {1, L"Failed to Write log header.", L"text" + Tail() + L"\r\n"},
+        {2, L"Failed to Write log message.", header + Tail() + L"\r\n"},
+        {3, L"Failed to Write log tail.", header + L"text\r\n"},
+        {4, L"Failed to Write [rn].", header + L"text" + Tail()},
+    };
+    StartOpen();
+    for (const Part& part : parts) {
+        const std::size_t before = WideFileText(m_path).size();
+        Fail(L"WriteFile", ERROR_DISK_FULL, part.nth);
+        Write(L"text");
+        VTFltSimClearCallFaults();
+        EXPECT_TRUE(MaskTimes(WideFileText(m_path).substr(before)) == part.left) << Narrow(part.trace);
+        ExpectWriteTrace(part.trace, ERROR_DISK_FULL);
+        ClearTrace();
+    }
+}
+
+TEST_F(FileFailures, TheFourPartsOfANarrowRecordFailAsTheWideOnesDo)
+{
+    MakeFile(m_path, "...");
+    Start(m_path);
+    Write(L"first");
+    for (const wchar_t* const what : {L"Failed to Write log header.", L"Failed to Write log message.",
+                                      L"Failed to Write log tail.", L"Failed to Write [rn]."}) {
+        static DWORD nth = 0;
+        ClearTrace();
+        Fail(L"WriteFile", ERROR_DISK_FULL, ++nth);
+        m_output->WriteLogA(2, 0, "text");
+        VTFltSimClearCallFaults();
+        ExpectWriteTrace(what, ERROR_DISK_FULL);
+    }
+}
+
+TEST_F(FileFailures, AWriteThatMovesLessThanItShouldIsAFailedOne)
+{
+    StartOpen();
+    VTFLTSIM_CALL_FAULT fault = {};
+    fault.size = sizeof(fault);
+    fault.what = VTFLTSIM_CALL_SHORT;
+    fault.function = L"WriteFile";
+    fault.nth = 2;
+    fault.count = 1;
+    fault.value = 2;
+    Check("VTFltSimSetCallFault", VTFltSimSetCallFault(&fault));
+    Write(L"text");
+    VTFltSimClearCallFaults();
+    const std::vector<std::wstring> records = Records(m_path);
+    ASSERT_EQ(2u, records.size());
+    EXPECT_TRUE(records[1] == MaskedHeader(2) + L"t" + Tail());
+    ASSERT_EQ(1u, TraceLines().size());
+    EXPECT_NE(std::wstring::npos, TraceLines()[0].find(L"Failed to Write log message."));
+}
+
+TEST_F(FileFailures, AFullDiskLosesTheRecordsAndNothingElse)
+{
+    StartOpen();
+    Fail(L"WriteFile", ERROR_DISK_FULL, 1, 0);
+    Write(L"lost");
+    Write(L"lost too");
+    VTFltSimClearCallFaults();
+    Write(L"last");
+    EXPECT_TRUE(Texts(m_path) == (std::vector<std::wstring>{L"first", L"last"}));
+    EXPECT_EQ(8u, TraceLines().size());
+}
+
+TEST_F(FileFailures, ADiskThatIsFullFromTheStartLeavesAnEmptyFileThatTheNextRecordBegins)
+{
+    Start(m_path);
+    Fail(L"WriteFile", ERROR_DISK_FULL, 1, 0);
+    Write(L"lost");
+    VTFltSimClearCallFaults();
+    EXPECT_EQ(0, SizeOf(m_path));
+    Write(L"kept");
+    EXPECT_TRUE(Texts(m_path) == std::vector<std::wstring>{L"kept"});
+}
+
+TEST_F(FileFailures, AFailedMoveToTheEndSkipsTheWholeRecord)
+{
+    StartOpen();
+    VTFltSimResetCounts();
+    Fail(L"SetFilePointerEx", ERROR_NEGATIVE_SEEK, 2); // the first goes to the mark
+    Write(L"skipped");
+    EXPECT_EQ(0u, VTFltSimGetCallCount(L"WriteFile"));
+    ExpectWriteTrace(L"Failed to SetFilePointer.", ERROR_NEGATIVE_SEEK);
+    VTFltSimClearCallFaults();
+    Write(L"last");
+    EXPECT_TRUE(Texts(m_path) == (std::vector<std::wstring>{L"first", L"last"}));
+}
+
+TEST_F(FileFailures, AMarkThatCannotBeReadLeavesTheFormAsItWas)
+{
+    StartOpen();
+    Fail(L"ReadFile", ERROR_CRC);
+    Write(L"still wide");
+    VTFltSimClearCallFaults();
+    EXPECT_TRUE(Texts(m_path) == (std::vector<std::wstring>{L"first", L"still wide"}));
+}
+
+TEST_F(FileFailures, AFileThatCannotBeOpenedIsReportedAndTheRecordDropped)
+{
+    Start(m_path);
+    Fail(L"CreateFileW", ERROR_ACCESS_DENIED, 1, 1, m_path.c_str());
+    Write(L"dropped");
+    ExpectTrace({L"Failed to create file [" + m_path + L"]. ERR=5\r\n"});
+    EXPECT_FALSE(Exists(m_path));
+    Write(L"written");
+    EXPECT_TRUE(Texts(m_path) == std::vector<std::wstring>{L"written"});
+}
+
+TEST_F(FileFailures, AMutexThatCannotBeMadeIsReportedAndTheFileClosedAgain)
+{
+    Start(m_path);
+    const std::wstring name = MutexName(m_path);
+    Fail(L"CreateMutexW", ERROR_ACCESS_DENIED, 1, 1, name.c_str());
+    Write(L"dropped");
+    ExpectTrace({L"Failed to create mutex with name [" + name + L"]. ERR=5\r\n"});
+    EXPECT_EQ(0, SizeOf(m_path));
+    const UniqueHandle alone(CreateFileW(m_path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+    EXPECT_TRUE(alone.valid()) << "the file is open";
+}
+
+TEST_F(FileFailures, BehindAFailureTheVersionIsReadAgain)
+{
+    Start(m_path);
+    Write(L"first");
+    VTFltSimResetCounts();
+    Write(L"second");
+    EXPECT_EQ(0u, VTFltSimGetCallCount(L"GetFileVersionInfoSizeW"));
+    const std::wstring other = File(L"other.log");
+    SetEntryPath(other);
+    Fail(L"CreateMutexW", ERROR_ACCESS_DENIED, 1, 1, L"other.log");
+    Write(L"dropped");
+    VTFltSimResetCounts();
+    Write(L"third");
+    EXPECT_LE(1u, VTFltSimGetCallCount(L"GetFileVersionInfoSizeW"));
+    EXPECT_TRUE(Texts(other) == std::vector<std::wstring>{L"third"});
+}
+
+TEST_F(FileFailures, WithoutAnEntryAndAProcessWidePathTheEmptyPathFailsEveryRecordAtTheFile)
+{
+    // All entries are taken: the module gets none, and no path.
+    CLogCfgShareMemory::Instance().RegisterModule(L"other");
+    {
+        const ConfigEditor editor;
+        ASSERT_NE(nullptr, editor.block);
+        for (LogCfgModuleEntry& entry : editor.block->modules)
+            CopyText(entry.name, L"taken");
+    }
+    MakeOutput();
+    for (int record = 0; record < 2; ++record) {
+        ClearTrace();
+        Write(L"dropped");
+        const std::vector<std::wstring> traced = TraceLines();
+        ASSERT_EQ(1u, traced.size());
+        EXPECT_EQ(0u, traced[0].find(TraceLine(L"Failed to create file []. ERR="))) << Narrow(traced[0]);
+    }
+}
+
+TEST_F(FileFailures, APathThatIsEmptiedDropsTheRecordAndComesBackAsTheDefault)
+{
+    StartOpen();
+    SetEntryPath(L"");
+    Write(L"dropped");
+    ASSERT_EQ(1u, TraceLines().size());
+    EXPECT_EQ(0u, TraceLines()[0].find(TraceLine(L"Failed to create file []. ERR=")));
+    EXPECT_TRUE(EntryPath() == ProgramFolder() + L"\\Logs\\" + ProgramName() + L".Log");
+}
+
+TEST_F(FileFailures, AWaitThatDoesNotSucceedDropsTheRecordAndStillCallsRelease)
+{
+    StartOpen();
+    const std::wstring mutex = MutexName(m_path);
+    for (const DWORD result : {DWORD{WAIT_TIMEOUT}, DWORD{WAIT_FAILED}}) {
+        ForceWait(result, mutex);
+        VTFltSimRecord(1);
+        Write(L"dropped");
+        VTFltSimRecord(0);
+        VTFltSimClearCallFaults();
+        EXPECT_EQ(1u, Recorded(L"WaitForSingleObject").size() - 2); // two more for the configuration
+        EXPECT_TRUE(Recorded(L"ReleaseMutex").back() == L"ReleaseMutex " + mutex);
+        EXPECT_TRUE(Recorded(L"WriteFile").empty());
+        EXPECT_TRUE(TraceLines().empty());
+    }
+    Write(L"last");
+    EXPECT_TRUE(Texts(m_path) == (std::vector<std::wstring>{L"first", L"last"}));
+}
+
+TEST_F(FileFailures, ANarrowRecordsFailedWaitIsReported)
+{
+    StartOpen();
+    ForceWait(WAIT_TIMEOUT, MutexName(m_path));
+    m_output->WriteLogA(2, 0, "dropped");
+    ExpectTrace({L"Failed to wait mutex for file[" + m_path + L"]\r\n"});
+}
+
+TEST_F(FileFailures, AnAbandonedMutexIsOwnedTheRecordIsWrittenAndTheMutexGivenBack)
+{
+    StartOpen();
+    const std::wstring name = MutexName(m_path);
+    const UniqueHandle mutex(OpenMutexW(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, name.c_str()));
+    ASSERT_TRUE(mutex.valid());
+    // By a function that the simulator does not count: the thread leaves it owned on purpose.
+    const HANDLE handle = mutex.get();
+    std::thread([&] { WaitForMultipleObjects(1, &handle, FALSE, INFINITE); }).join();
+    Write(L"behind a dead owner");
+    EXPECT_TRUE(Texts(m_path).back() == L"behind a dead owner");
+    DWORD result = WAIT_FAILED;
+    std::thread([&] {
+        result = WaitForSingleObject(mutex.get(), 0);
+        ReleaseMutex(mutex.get());
+    }).join();
+    EXPECT_EQ(WAIT_OBJECT_0, result);
+}
+
+TEST_F(FileFailures, AMutexThatAnotherHoldsIsWaitedForFiveSecondsAndNoLonger)
+{
+    StartOpen();
+    const std::wstring name = MutexName(m_path);
+    const UniqueHandle mutex(OpenMutexW(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, name.c_str()));
+    ASSERT_TRUE(mutex.valid());
+    ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(mutex.get(), 0));
+    VTFltSimRecord(1);
+    std::thread([&] { Write(L"dropped"); }).join();
+    VTFltSimRecord(0);
+    EXPECT_TRUE(Recorded(L"WaitForSingleObject").back() == L"WaitForSingleObject " + name + L"|5000");
+    // The failed release of a thread that does not own it has not taken it from its owner.
+    DWORD result = WAIT_FAILED;
+    std::thread([&] { result = WaitForSingleObject(mutex.get(), 0); }).join();
+    EXPECT_EQ(DWORD{WAIT_TIMEOUT}, result);
+    ReleaseMutex(mutex.get());
+    Write(L"last");
+    EXPECT_TRUE(Texts(m_path) == (std::vector<std::wstring>{L"first", L"last"}));
+}
+
+TEST_F(FileFailures, TheMutexsNameIsThePathInLowerCaseWithSlashes)
+{
+    StartOpen();
+    const UniqueHandle mutex(OpenMutexW(SYNCHRONIZE, FALSE, MutexName(m_path).c_str()));
+    EXPECT_TRUE(mutex.valid());
+}
+
+TEST_F(FileFailures, LettersBeyondAsciiAreLowerCasedInTheMutexsName)
+{
+    const std::wstring path = File(L"\u00DCBER.Log");
+    Start(path);
+    Write(L"m");
+    const UniqueHandle mutex(OpenMutexW(SYNCHRONIZE, FALSE, MutexName(File(L"\u00FCber.log")).c_str()));
+    EXPECT_TRUE(mutex.valid());
+}
+
+TEST_F(FileFailures, TheMutexsNameIsCutBehindThePathsFirst260Characters)
+{
+    std::wstring folder = m_folder.Path();
+    while (folder.size() < 250)
+        folder += L"\\" + std::wstring(std::min<std::size_t>(40, 250 - folder.size()), L'D');
+    const std::wstring path = L"\\\\?\\" + folder + L"\\" + std::wstring(60, L'N');
+    Start(path);
+    VTFltSimRecord(1);
+    Write(L"m");
+    VTFltSimRecord(0);
+    const std::vector<std::wstring> made = Recorded(L"CreateMutexW");
+    ASSERT_EQ(1u, made.size());
+    EXPECT_TRUE(made[0] == L"CreateMutexW " + MutexName(path));
+    EXPECT_EQ(std::wstring(L"CreateMutexW Global\\").size() + 260, made[0].size());
+    EXPECT_TRUE(Texts(path) == std::vector<std::wstring>{L"m"});
+}
+
+TEST_F(FileFailures, APathOf511CharactersIsWrittenWhereTheSystemAllowsIt)
+{
+    std::wstring path = L"\\\\?\\" + m_folder.Path();
+    while (path.size() < 400)
+        path += L"\\" + std::wstring(40, L'd');
+    path += L"\\" + std::wstring(511 - path.size() - 1, L'n');
+    ASSERT_EQ(511u, path.size());
+    Start(path);
+    Write(L"deep");
+    EXPECT_TRUE(EntryPath() == path);
+    EXPECT_TRUE(Texts(path) == std::vector<std::wstring>{L"deep"});
+}
+
+TEST_F(FileFailures, AFullFileWithAPathOf511CharactersHasNoSuccessorAndItsRecordsAreDropped)
+{
+    std::wstring path = L"\\\\?\\" + m_folder.Path() + L"\\";
+    path += std::wstring(200, L'd');
+    CreateDirectoryW(path.c_str(), nullptr);
+    path += L"\\" + std::wstring(200, L'e');
+    CreateDirectoryW(path.c_str(), nullptr);
+    path += L"\\" + std::wstring(511 - path.size() - 1, L'n');
+    MakeFile(path, "\xFF\xFE", LOG_SIZE_LIMIT);
+    Start(path);
+    Write(L"dropped");
+    EXPECT_EQ(LOG_SIZE_LIMIT, SizeOf(path));
+    EXPECT_TRUE(EntryPath() == path);
+}
+
+TEST_F(FileFailures, AFileThatIsDeletedBetweenTwoRecordsCannotBeAndOneThatIsGoneIsMadeAnew)
+{
+    StartOpen();
+    // While it is open, others may not delete it.
+    EXPECT_FALSE(DeleteFileW(m_path.c_str()));
+    const std::wstring other = File(L"other.log");
+    SetEntryPath(other);
+    Write(L"elsewhere");
+    EXPECT_TRUE(DeleteFileW(m_path.c_str()));
+    SetEntryPath(m_path);
+    Write(L"back");
+    EXPECT_TRUE(Texts(m_path) == std::vector<std::wstring>{L"back"});
+}
+
+TEST_F(FileFailures, AFolderThatRefusesTheFileLosesItsRecordsUntilItAllowsIt)
+{
+    Start(m_path);
+    Fail(L"CreateFileW", ERROR_ACCESS_DENIED, 1, 0, m_path.c_str());
+    for (int record = 0; record < 3; ++record)
+        Write(L"refused");
+    VTFltSimClearCallFaults();
+    EXPECT_EQ(3u, TraceLines().size());
+    Write(L"allowed");
+    EXPECT_TRUE(Texts(m_path) == std::vector<std::wstring>{L"allowed"});
+}
+
+TEST_F(FileFailures, ABlockThatCannotBeHadLeavesPathAndThresholdAsTheyAre)
+{
+    StartOpen();
+    {
+        const ConfigEditor editor;
+        ASSERT_NE(nullptr, editor.block);
+        editor.block->tailMagic = 0;
+    }
+    Write(L"second");
+    Write(L"too detailed", 3);
+    EXPECT_TRUE(Texts(m_path) == (std::vector<std::wstring>{L"first", L"second"}));
+    EXPECT_EQ(2u, m_output->GetLogLevel());
+}
+
+} // namespace

@@ -135,12 +135,16 @@ public:
         block->count = 1;
         return entry;
     }
-    // Waits for a hit; the first one that is stored.
-    vtflt::LogBreakpointHit AwaitHit()
+    // Waits for a hit of whoever signals done in the end (an event, or a process); false when there was none.
+    bool AwaitHit(HANDLE done) const
     {
-        EXPECT_EQ(static_cast<DWORD>(WAIT_OBJECT_0), WaitForSingleObject(m_event.get(), INFINITE));
+        const HANDLE either[] = {m_event.get(), done};
+        return WaitForMultipleObjects(2, either, FALSE, INFINITE) == WAIT_OBJECT_0;
+    }
+    vtflt::LogBreakpointHit Hit(std::size_t index = 0) const
+    {
         const vtflt::MutexHold hold(m_mutex.get());
-        return block->hits[0];
+        return block->hits[index];
     }
     bool WasHit() const { return IsSignalled(m_event); }
     HANDLE Event() const { return m_event.get(); }
@@ -188,14 +192,15 @@ public:
     {
         vtfltsim::Check("VTFltSimFailCall", VTFltSimFailCall(function, match, 1, 0, error));
     }
-    void ForceWait(const wchar_t* match, DWORD result, DWORD count = 0)
+    // The waits whose text (the mutex's name, a bar, the milliseconds) contains match, from the nth on.
+    void ForceWait(const wchar_t* match, DWORD result, DWORD nth = 1, DWORD count = 0)
     {
         VTFLTSIM_CALL_FAULT fault = {};
         fault.size = sizeof(fault);
         fault.what = VTFLTSIM_CALL_RETURNS;
         fault.function = L"WaitForSingleObject";
         fault.match = match;
-        fault.nth = 1;
+        fault.nth = nth;
         fault.count = count;
         fault.value = result;
         vtfltsim::Check("VTFltSimSetCallFault", VTFltSimSetCallFault(&fault));

@@ -12,9 +12,6 @@ namespace vtflt {
 
 namespace {
 
-// The driver's service key.
-constexpr wchar_t LIST_KEY[] = L"SYSTEM\\CurrentControlSet\\Services\\VTFlt";
-
 constexpr std::size_t FIRST_READ_CHARACTERS = 4096;
 constexpr std::size_t READ_GROWTH_CHARACTERS = 256;
 // The least that a multi-string can be read into.
@@ -80,9 +77,9 @@ DWORD CVolumeListForResync::GetDriverVolumeList(std::vector<std::wstring>& volum
         return BM_ERR_MUTEX_ACCESS;
     }
     UniqueKey key;
-    DWORD error = OpenSettingsKey(LIST_KEY, key);
+    DWORD error = OpenSettingsKey(RESYNC_LISTS_KEY, key);
     if (error != ERROR_SUCCESS) {
-        Log(LOG_ERROR, error, L"CVolumeListForResync::GetDriverVolumeList::CreateKey %s error %d", LIST_KEY, error);
+        Log(LOG_ERROR, error, L"CVolumeListForResync::GetDriverVolumeList::CreateKey %s error %d", RESYNC_LISTS_KEY, error);
         return error;
     }
 
@@ -111,9 +108,9 @@ DWORD CVolumeListForResync::ClearDriverRegValue(const std::wstring& suffix)
         return BM_ERR_MUTEX_ACCESS;
     }
     UniqueKey key;
-    DWORD error = OpenSettingsKey(LIST_KEY, key);
+    DWORD error = OpenSettingsKey(RESYNC_LISTS_KEY, key);
     if (error != ERROR_SUCCESS) {
-        Log(LOG_ERROR, error, L"CVolumeListForResync::ClearDriverRegValue::CreateKey %s error %d", LIST_KEY, error);
+        Log(LOG_ERROR, error, L"CVolumeListForResync::ClearDriverRegValue::CreateKey %s error %d", RESYNC_LISTS_KEY, error);
         return error;
     }
     error = DeleteValue(key.get(), valueName.c_str());
@@ -135,9 +132,9 @@ DWORD CVolumeListForResync::UpdateApplicationValue(const std::vector<std::wstrin
         return BM_ERR_MUTEX_ACCESS;
     }
     UniqueKey key;
-    DWORD error = OpenSettingsKey(LIST_KEY, key);
+    DWORD error = OpenSettingsKey(RESYNC_LISTS_KEY, key);
     if (error != ERROR_SUCCESS) {
-        Log(LOG_ERROR, error, L"CVolumeListForResync::UpdateApplicationValue::CreateKey %s error %d", LIST_KEY, error);
+        Log(LOG_ERROR, error, L"CVolumeListForResync::UpdateApplicationValue::CreateKey %s error %d", RESYNC_LISTS_KEY, error);
         return error;
     }
 

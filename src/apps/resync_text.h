@@ -10,6 +10,9 @@
 
 namespace vtflt {
 
+// The key below HKEY_LOCAL_MACHINE that holds the lists: the driver's service key.
+inline constexpr wchar_t RESYNC_LISTS_KEY[] = L"SYSTEM\\CurrentControlSet\\Services\\VTFlt";
+
 // The registry value of a list, and the middle part of its mutex's name.
 std::wstring MakeListValueName(std::wstring_view suffix);
 

@@ -20,3 +20,8 @@ if(sim_model_sources)
     target_link_libraries(sim_model_tests PRIVATE native_flags googletest project_warnings)
     add_test(NAME ${VT_CONFIGURATION}.sim_model_tests COMMAND sim_model_tests --gtest_brief=1)
 endif()
+
+# What vtlog makes of any file.
+add_executable(vtlog_core_tests tools/vtlog_parser_test.cpp tools/vtlog_text_test.cpp native/wide.c)
+target_link_libraries(vtlog_core_tests PRIVATE vtlog_core googletest project_warnings)
+add_test(NAME ${VT_CONFIGURATION}.vtlog_core_tests COMMAND vtlog_core_tests --gtest_brief=1)

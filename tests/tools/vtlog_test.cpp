@@ -246,9 +246,8 @@ std::wstring SummaryBlock(const std::wstring& time)
 std::string Utf8(std::wstring_view text)
 {
     const int in = static_cast<int>(text.size());
-    std::string out(static_cast<std::size_t>(
-                        WideCharToMultiByte(CP_UTF8, 0, text.data(), in, nullptr, 0, nullptr, nullptr)),
-                    '\0');
+    std::string out(
+        static_cast<std::size_t>(WideCharToMultiByte(CP_UTF8, 0, text.data(), in, nullptr, 0, nullptr, nullptr)), '\0');
     WideCharToMultiByte(CP_UTF8, 0, text.data(), in, out.data(), static_cast<int>(out.size()), nullptr, nullptr);
     return out;
 }

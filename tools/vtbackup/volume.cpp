@@ -1,5 +1,6 @@
 #include "volume.h"
 
+#include "common/volume_name.h"
 #include "failure.h"
 #include "text.h"
 
@@ -16,75 +17,24 @@ namespace {
     throw Failure(Exit::Device, fmt::format("cannot {} {}: {}", what, ToUtf8(device), ErrorText(error)));
 }
 
-bool IsGuidInBraces(std::wstring_view text)
-{
-    constexpr std::wstring_view SHAPE = L"{xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx}";
-    if (text.size() != SHAPE.size())
-        return false;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const wchar_t c = text[i];
-        const bool hex = (c >= L'0' && c <= L'9') || (c >= L'a' && c <= L'f') || (c >= L'A' && c <= L'F');
-        if (SHAPE[i] == L'x' ? !hex : c != SHAPE[i])
-            return false;
-    }
-    return true;
-}
-
-// The names of the machine's volumes as enumeration gives them, \\?\Volume{...}\. A walk that breaks off is a
-// failure: whoever locks all volumes would otherwise lock some.
+// As toolkit's. A walk that breaks off is a failure: whoever locks all volumes would otherwise lock some.
 std::vector<std::wstring> EnumerateVolumePaths()
 {
     std::vector<std::wstring> paths;
-    wchar_t name[MAX_PATH] = {};
-    const HANDLE search = FindFirstVolumeW(name, MAX_PATH);
-    DWORD error = GetLastError();
-    if (search != INVALID_HANDLE_VALUE) {
-        do {
-            paths.emplace_back(name);
-        } while (FindNextVolumeW(search, name, MAX_PATH));
-        error = GetLastError();
-        FindVolumeClose(search);
-    }
-    if (error != ERROR_NO_MORE_FILES)
+    const DWORD error = toolkit::EnumerateVolumePaths(paths);
+    if (error != 0)
         throw Failure(Exit::Device, fmt::format("cannot list the volumes: {}", ErrorText(error)));
     return paths;
-}
-
-bool IsMountedAt(const std::wstring& volumePath, std::wstring_view mountPath)
-{
-    std::vector<wchar_t> names(1024);
-    DWORD needed = 0;
-    if (!GetVolumePathNamesForVolumeNameW(volumePath.c_str(), names.data(), static_cast<DWORD>(names.size()),
-                                          &needed)) {
-        if (GetLastError() != ERROR_MORE_DATA)
-            return false;
-        names.assign(needed + 2, L'\0');
-        if (!GetVolumePathNamesForVolumeNameW(volumePath.c_str(), names.data(), static_cast<DWORD>(names.size()),
-                                              &needed))
-            return false;
-    }
-    names.back() = L'\0';
-    names[names.size() - 2] = L'\0';
-    for (const wchar_t* p = names.data(); *p != L'\0'; p += std::wstring_view(p).size() + 1) {
-        if (EqualIgnoringCase(p, mountPath))
-            return true;
-    }
-    return false;
 }
 
 } // namespace
 
 std::optional<VolumeName> ParseVolumeName(std::wstring_view text)
 {
-    if (text.starts_with(L"\\\\?\\"))
-        text.remove_prefix(4);
-    if (text.size() > 6 && EqualIgnoringCase(text.substr(0, 6), L"Volume"))
-        text.remove_prefix(6);
-    if (text.ends_with(L'\\'))
-        text.remove_suffix(1);
-    if (!IsGuidInBraces(text))
+    std::optional<std::wstring> guid = toolkit::ParseVolumeGuid(text);
+    if (!guid)
         return std::nullopt;
-    return VolumeName{std::wstring(text)};
+    return VolumeName{std::move(*guid)};
 }
 
 VolumeName ResolveVolumeName(std::wstring_view text)
@@ -99,7 +49,7 @@ VolumeName ResolveVolumeName(std::wstring_view text)
         // The system's own spelling is taken, because verify lists are searched case-sensitively.
         if (name && asked && EqualIgnoringCase(name->guid, asked->guid))
             return *name;
-        if (name && !asked && IsMountedAt(path, mountPath))
+        if (name && !asked && toolkit::IsMountedAt(path, mountPath))
             return *name;
     }
     // A volume that enumeration does not show may still be opened by its GUID.

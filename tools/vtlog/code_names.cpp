@@ -17,8 +17,16 @@ struct Name {
     const char* text; // null: the system has one
 };
 
-#define LIBRARY_CODE(code, text) Name{vtflt::code, #code, text}
-#define SYSTEM_CODE(code) Name{static_cast<std::uint32_t>(code), #code, nullptr}
+#define LIBRARY_CODE(code, text)                                                                                       \
+    Name                                                                                                               \
+    {                                                                                                                  \
+        vtflt::code, #code, text                                                                                       \
+    }
+#define SYSTEM_CODE(code)                                                                                              \
+    Name                                                                                                               \
+    {                                                                                                                  \
+        static_cast<std::uint32_t>(code), #code, nullptr                                                               \
+    }
 
 constexpr auto NAMES = std::to_array<Name>({
     LIBRARY_CODE(BM_ERR_VERIFY_REQUIRED, "the next backup must verify"),
@@ -133,7 +141,8 @@ constexpr auto NAMES = std::to_array<Name>({
 
 const Name* Find(std::uint32_t code) noexcept
 {
-    const auto* found = std::find_if(NAMES.begin(), NAMES.end(), [code](const Name& name) { return name.code == code; });
+    const auto* found =
+        std::find_if(NAMES.begin(), NAMES.end(), [code](const Name& name) { return name.code == code; });
     return found == NAMES.end() ? nullptr : found;
 }
 

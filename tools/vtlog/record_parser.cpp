@@ -10,8 +10,8 @@ namespace {
 
 // How the lines of the summary block begin, behind their headers.
 constexpr std::array<std::wstring_view, 6> SUMMARY_TEXTS = {
-    vtflt::LOG_SUMMARY_LINE,    L"Product Info: ", L"OS      Info: ", vtflt::LOG_LEVEL_HINT_LINE,
-    vtflt::LOG_LEVEL_KEY_LINE, vtflt::LOG_END_LINE,
+    vtflt::LOG_SUMMARY_LINE,    L"Product Info: ",         L"OS      Info: ",
+    vtflt::LOG_LEVEL_HINT_LINE, vtflt::LOG_LEVEL_KEY_LINE, vtflt::LOG_END_LINE,
 };
 
 constexpr std::size_t MAX_DIGITS = 10; // of a 32-bit number

@@ -72,14 +72,14 @@ enum class EntryKind {
 
 struct Entry {
     EntryKind kind = EntryKind::Text;
-    std::uint64_t offset = 0;         // of its first byte in the file
-    std::wstring raw;                 // all of it as it stands in the file, without the last line end
-    std::size_t messageBegin = 0;     // the message in raw; all of raw for columns and text
+    std::uint64_t offset = 0;     // of its first byte in the file
+    std::wstring raw;             // all of it as it stands in the file, without the last line end
+    std::size_t messageBegin = 0; // the message in raw; all of raw for columns and text
     std::size_t messageEnd = 0;
     std::optional<RecordHeader> header; // of records and summary lines
     std::optional<ParsedTail> tail;     // of records, but for those that were cut
-    bool lineEnd = true;              // a line end follows it
-    bool oddByte = false;             // half a character stood in it, and is not in raw
+    bool lineEnd = true;                // a line end follows it
+    bool oddByte = false;               // half a character stood in it, and is not in raw
 
     [[nodiscard]] std::wstring_view Message() const
     {

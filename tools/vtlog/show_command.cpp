@@ -6,6 +6,7 @@
 #include "entry_text.h"
 #include "merge.h"
 #include "time_text.h"
+#include "why.h"
 
 #include "win/windows.h"
 
@@ -32,6 +33,7 @@ struct Options {
     bool plain = false;
     bool only = false;
     unsigned codePage = 0;
+    WhyOptions why;
 };
 
 RecordTime Now()
@@ -47,9 +49,9 @@ std::optional<RecordTime> TimeOption(const char* name, const std::string& text, 
         return std::nullopt;
     const auto time = ParseTimeText(text, Now(), rounding);
     if (!time)
-        throw Failure(Exit::Usage,
-                      fmt::format("{}: \"{}\" is no time; write 2026/11/21, \"2026/11/21 10:00:01\", 10:00 or 2h", name,
-                                  text));
+        throw Failure(
+            Exit::Usage,
+            fmt::format("{}: \"{}\" is no time; write 2026/11/21, \"2026/11/21 10:00:01\", 10:00 or 2h", name, text));
     return time;
 }
 
@@ -67,7 +69,8 @@ EntryFilter FilterOf(const Options& options)
     for (const std::string& text : options.codes) {
         const auto code = ParseCode(text);
         if (!code)
-            throw Failure(Exit::Usage, fmt::format("--code: \"{}\" is no error code; write 5, 0x10001 or a name", text));
+            throw Failure(Exit::Usage,
+                          fmt::format("--code: \"{}\" is no error code; write 5, 0x10001 or a name", text));
         filter.codes.push_back(*code);
     }
     filter.processes = options.processes;
@@ -131,6 +134,10 @@ Exit Show(const Options& options)
         worst = std::max(worst, failure.Code());
     };
     MergeReader logs(OpenLogs(options, read));
+    if (!options.why.volume.empty()) {
+        const Exit answer = Why(options.why, logs);
+        return worst == Exit::Ok ? answer : worst;
+    }
     std::size_t left = 0; // out, not being records
     MergedEntry merged;
     while (logs.Next(merged)) {
@@ -161,22 +168,40 @@ void AddShow(CLI::App& app, Action& action)
     CLI::App& command = *app.add_subcommand("show", "Read log files, with their successors, in the order of time");
     const auto options = std::make_shared<Options>();
     command.add_option("file", options->files, "log files, such as Logs\\VTFltMgr.dll.Log")->required();
-    command.add_option("--level", options->level, "this level and more important ones: error, warning, information, "
-                                                  "detail, or a number");
-    command.add_option("--pid", options->processes, "records of these processes");
-    command.add_option("--tid", options->threads, "records of these threads");
-    command.add_option("--code", options->codes, "records with these error codes: 5, 0x10001 or a name");
-    command.add_option("--grep", options->texts, "records that hold this text; repeated: all of them");
+    auto* level = command.add_option("--level", options->level,
+                                     "this level and more important ones: error, warning, information, "
+                                     "detail, or a number");
+    auto* processes = command.add_option("--pid", options->processes, "records of these processes");
+    auto* threads = command.add_option("--tid", options->threads, "records of these threads");
+    auto* codes = command.add_option("--code", options->codes, "records with these error codes: 5, 0x10001 or a name");
+    auto* texts = command.add_option("--grep", options->texts, "records that hold this text; repeated: all of them");
     command.add_flag("--ignore-case", options->ignoreCase, "--grep takes capital and small letters as the same");
-    command.add_option("--since", options->since, "records from this time on: 2026/11/21, \"2026/11/21 10:00:01\", "
-                                                  "10:00 of today, or 2h ago (s, m, h, d)");
-    command.add_option("--until", options->until, "records up to this time, with all of the day, minute or second "
-                                                  "that it names");
+    auto* since = command.add_option("--since", options->since,
+                                     "records from this time on: 2026/11/21, \"2026/11/21 10:00:01\", "
+                                     "10:00 of today, or 2h ago (s, m, h, d)");
+    auto* until = command.add_option("--until", options->until,
+                                     "records up to this time, with all of the day, minute or second "
+                                     "that it names");
     auto* json = command.add_flag("--json", options->json, "one JSON object a line");
-    command.add_flag("--plain", options->plain, "the records as the files have them, in UTF-8")->excludes(json);
+    auto* plain = command.add_flag("--plain", options->plain, "the records as the files have them, in UTF-8");
+    plain->excludes(json);
     command.add_flag("--only", options->only, "read the files named, not their successors");
     command.add_option("--code-page", options->codePage, "code page of narrow files; the system's without it");
-    command.callback([options, &action] { action = [options] { return Show(*options); }; });
+    auto* why = command.add_option("--why", options->why.volume,
+                                   "instead of records: why the next backup of this volume must verify; {GUID}, "
+                                   "\\\\?\\Volume{GUID}\\ or a mount path such as E:");
+    command.add_option("--simulate", options->why.simulate, "--why looks at the simulated machine in this folder")
+        ->needs(why);
+    command
+        .add_flag("--other-machine", options->why.otherMachine,
+                  "--why looks at the log alone, not at the lists of this machine")
+        ->needs(why);
+    for (CLI::Option* filter : {level, processes, threads, codes, texts, since, until, plain})
+        why->excludes(filter);
+    command.callback([options, &action] {
+        options->why.json = options->json;
+        action = [options] { return Show(*options); };
+    });
 }
 
 } // namespace vtlog

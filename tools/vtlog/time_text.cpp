@@ -107,10 +107,8 @@ bool ParseClock(std::string_view text, RecordTime& time)
         std::uint64_t limit;
         std::string_view separators; // in front of it
     };
-    const std::array<Part, 4> parts = {{{time.hour, 23, ""},
-                                        {time.minute, 59, ":"},
-                                        {time.second, 59, ":"},
-                                        {time.millisecond, 999, ".:,"}}};
+    const std::array<Part, 4> parts = {
+        {{time.hour, 23, ""}, {time.minute, 59, ":"}, {time.second, 59, ":"}, {time.millisecond, 999, ".:,"}}};
     std::size_t known = 0;
     for (const Part& part : parts) {
         if (text.empty())

@@ -11,10 +11,10 @@ bool IsHidden(wchar_t c) noexcept
 {
     if (c < 0x20)
         return c != L'\t';
-    return (c >= 0x7F && c < 0xA0)            // the other control characters
-           || (c >= 0x200B && c <= 0x200F)    // marks without width
-           || (c >= 0x2028 && c <= 0x202E)    // separators, direction of writing
-           || (c >= 0x2066 && c <= 0x2069)    // direction of writing
+    return (c >= 0x7F && c < 0xA0)         // the other control characters
+           || (c >= 0x200B && c <= 0x200F) // marks without width
+           || (c >= 0x2028 && c <= 0x202E) // separators, direction of writing
+           || (c >= 0x2066 && c <= 0x2069) // direction of writing
            || c == 0xFEFF;
 }
 

@@ -25,3 +25,8 @@ endif()
 add_executable(vtlog_core_tests tools/vtlog_parser_test.cpp tools/vtlog_text_test.cpp native/wide.c)
 target_link_libraries(vtlog_core_tests PRIVATE vtlog_core googletest project_warnings)
 add_test(NAME ${VT_CONFIGURATION}.vtlog_core_tests COMMAND vtlog_core_tests --gtest_brief=1)
+
+# The format file for the lnav log viewer.
+add_test(NAME ${VT_CONFIGURATION}.lnav_format
+    COMMAND bash "${CMAKE_CURRENT_SOURCE_DIR}/tools/lnav/check_lnav.sh"
+        "${PROJECT_SOURCE_DIR}/tools/vtlog/lnav/vtfltmgr_log.json" "${CMAKE_CURRENT_SOURCE_DIR}/tools/lnav/sample.log")

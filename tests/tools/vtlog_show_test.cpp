@@ -129,6 +129,16 @@ TEST_F(VtLogShow, SuccessorsAreReadBehindTheirLogInTheOrderOfTheirNumbers)
     EXPECT_NE(std::string::npos, Run({L"show", file}).err.find("X.dll.00000010.log files are missing"));
 }
 
+TEST_F(VtLogShow, ALogThatWasBegunAnewIsReadBehindItsOlderSuccessors)
+{
+    const std::wstring file = WriteWide(L"X.dll.Log", SummaryBlock(L"2026/11/21 12:00:00:000") +
+                                                          Record(L"2026/11/21 12:00:00:000", 0, 0, L"3"));
+    WriteWide(L"X.dll.00000001.log", Record(L"2026/11/21 10:00:00:000", 0, 0, L"1"));
+    WriteWide(L"X.dll.00000002.log", Record(L"2026/11/21 11:00:00:000", 0, 0, L"2"));
+    EXPECT_EQ((Strings{"1", "2", "3"}), Messages({file}));
+    EXPECT_NE(std::string::npos, Run({L"show", file}).err.find("are read by their times"));
+}
+
 TEST_F(VtLogShow, AFileNamedTwiceOrByItsLogTooIsReadOnce)
 {
     const std::wstring file = WriteWide(L"X.dll.Log", Record(L"2026/11/21 10:00:00:000", 0, 0, L"1"));

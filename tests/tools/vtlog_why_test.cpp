@@ -125,8 +125,8 @@ TEST_F(VtLogWhy, TheDriversLossIsToldWithItsHandOverAndItsMove)
     EXPECT_EQ(true, answer.at("verify"));
     EXPECT_EQ("tracking-lost", answer.at("cause"));
     ASSERT_EQ(3u, answer.at("records").size());
-    EXPECT_EQ(Utf8(pending), answer.at("records")[0].at("message"));
-    EXPECT_EQ("2026-11-21T10:00:02.000", answer.at("records")[0].at("time"));
+    EXPECT_EQ(Utf8(pending), answer.at("records")[1].at("message"));
+    EXPECT_EQ("2026-11-21T10:00:02.000", answer.at("records")[1].at("time"));
     EXPECT_EQ(Utf8(on), answer.at("records")[2].at("message"));
 }
 
@@ -343,9 +343,9 @@ TEST_F(VtLogWhy, ALossOfTrackingIsExplainedFromTheLogOfTheRealLibrary)
     EXPECT_EQ(true, answer.at("verify"));
     EXPECT_EQ("tracking-lost", answer.at("cause"));
     ASSERT_EQ(3u, answer.at("records").size());
-    EXPECT_EQ("ReplicateVerifyList: Enter ReplicateVerifyList ", answer.at("records")[1].at("message"));
-    EXPECT_EQ("vtbackup.exe", answer.at("records")[1].at("program"));
-    EXPECT_EQ("VTFltMgr.dll", answer.at("records")[1].at("module"));
+    EXPECT_EQ("ReplicateVerifyList: Enter ReplicateVerifyList ", answer.at("records")[0].at("message"));
+    EXPECT_EQ("vtbackup.exe", answer.at("records")[0].at("program"));
+    EXPECT_EQ("VTFltMgr.dll", answer.at("records")[0].at("module"));
     // The next backup verifies, and with that the reason is gone.
     ASSERT_EQ(EXIT_OK, Backup(L"backup", onVolume).exitCode);
     EXPECT_EQ(false, Answer(log).at("verify"));

@@ -1,5 +1,6 @@
 #include "merge.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace vtlog {
@@ -8,7 +9,40 @@ namespace {
 // How far is read ahead for the first time of a log. Beyond that, lines without a time come first.
 constexpr std::size_t READ_AHEAD = 64;
 
+// The first time in a file; nothing when it cannot be read, which its reader will say.
+std::optional<RecordTime> FirstTime(const std::wstring& path, const ReadOptions& options)
+{
+    try {
+        EntryReader reader = OpenLog(path, options);
+        Entry entry;
+        for (std::size_t i = 0; i < READ_AHEAD && reader.Next(entry); ++i) {
+            if (entry.header)
+                return entry.header->time;
+        }
+    } catch (const Failure&) {
+        return std::nullopt;
+    }
+    return std::nullopt;
+}
+
 } // namespace
+
+bool OrderByTime(std::vector<std::wstring>& paths, const ReadOptions& options)
+{
+    using Timed = std::pair<RecordTime, std::wstring>;
+    std::vector<Timed> timed;
+    for (const std::wstring& path : paths) {
+        // Without a time: that of the file before it.
+        const RecordTime before = timed.empty() ? RecordTime() : timed.back().first;
+        timed.emplace_back(FirstTime(path, options).value_or(before), path);
+    }
+    const auto earlier = [](const Timed& a, const Timed& b) { return a.first < b.first; };
+    if (std::is_sorted(timed.begin(), timed.end(), earlier))
+        return false;
+    std::stable_sort(timed.begin(), timed.end(), earlier);
+    std::transform(timed.begin(), timed.end(), paths.begin(), [](const Timed& one) { return one.second; });
+    return true;
+}
 
 LogReader::LogReader(std::vector<std::wstring> paths, const ReadOptions& options)
     : m_paths(std::move(paths)), m_options(options)

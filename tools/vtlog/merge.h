@@ -49,6 +49,11 @@ private:
     bool m_isLog = false;
 };
 
+// The files of a log in the order of their first times, where that is not the order of their numbers: somebody removed
+// the first file, and the library began it anew. True when they had to be put in order. Files without a time stay where
+// they are.
+bool OrderByTime(std::vector<std::wstring>& paths, const ReadOptions& options);
+
 struct MergedEntry {
     Entry entry;
     std::wstring path;

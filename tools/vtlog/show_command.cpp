@@ -109,6 +109,9 @@ std::vector<LogReader> OpenLogs(const Options& options, const ReadOptions& read)
         std::erase_if(chain.paths, [&isNew](const std::wstring& one) { return !isNew(one); });
         for (const std::string& note : chain.notes)
             Diagnose(note);
+        if (OrderByTime(chain.paths, read))
+            Diagnose(fmt::format("the files of {} are read by their times, which are not in the order of their numbers",
+                                 toolkit::ToUtf8(path)));
         if (!chain.paths.empty())
             logs.emplace_back(std::move(chain.paths), read);
     }

@@ -139,6 +139,16 @@ void AddBitmaps(Answer& answer, const ApplicationState& state, const VerifyStory
     }
 }
 
+// In the order in which they were written.
+void SortRecords(std::vector<MergedEntry>& records)
+{
+    std::stable_sort(records.begin(), records.end(), [](const MergedEntry& a, const MergedEntry& b) {
+        const RecordTime& first = a.entry.header->time;
+        const RecordTime& second = b.entry.header->time;
+        return first != second ? first < second : a.path == b.path && a.entry.offset < b.entry.offset;
+    });
+}
+
 bool Holds(const ListState& list, const std::wstring& volumePath)
 {
     return std::any_of(list.entries.begin(), list.entries.end(),
@@ -315,6 +325,9 @@ Exit Why(const WhyOptions& options, MergeReader& logs)
             notes.emplace_back("No application is registered on this machine, so there is no next backup to speak of. "
                                "For a log of another machine use --other-machine.");
     }
+
+    for (Answer& answer : answers)
+        SortRecords(answer.records);
 
     std::string text = options.json ? std::string() : fmt::format("Volume {}\n", ToUtf8(guid));
     for (const Answer& answer : answers)

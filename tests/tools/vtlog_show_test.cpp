@@ -206,6 +206,7 @@ TEST_F(VtLogShow, SinceAndUntilIncludeTheTimesThatTheyName)
     const std::wstring file = Sample();
     EXPECT_EQ((Strings{"second", "third"}), Messages({file, L"--since", L"2026/11/21 10:00:30"}));
     EXPECT_EQ((Strings{"first Error", "second"}), Messages({file, L"--until", L"2026-11-21T10:00"}));
+    EXPECT_EQ((Strings{"first Error", "second"}), Messages({file, L"--until", L"2026/11/21 10:00:30:000"}));
     EXPECT_EQ((Strings{"second"}),
               Messages({file, L"--since", L"2026/11/21 10:00:01", L"--until", L"2026/11/21 10:00:59"}));
 }

@@ -105,19 +105,15 @@ Entry LogReader::Take()
 
 bool MergeReader::Next(MergedEntry& merged)
 {
+    // An entry without a time has that of the record before it, so it follows at once: every other log's head is later,
+    // or it would have come before that record.
     LogReader* next = nullptr;
-    if (m_started && m_logs[m_last].Head() != nullptr && m_logs[m_last].Untimed()) {
-        next = &m_logs[m_last];
-    } else {
-        for (LogReader& log : m_logs) {
-            if (log.Head() != nullptr && (next == nullptr || log.Time() < next->Time()))
-                next = &log;
-        }
+    for (LogReader& log : m_logs) {
+        if (log.Head() != nullptr && (next == nullptr || log.Time() < next->Time()))
+            next = &log;
     }
     if (next == nullptr)
         return false;
-    m_started = true;
-    m_last = static_cast<std::size_t>(next - m_logs.data());
     merged.path = next->Path();
     merged.entry = next->Take();
     return true;

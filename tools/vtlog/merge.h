@@ -24,8 +24,6 @@ public:
     [[nodiscard]] const Entry* Head();
     // The time by which the head is merged; nothing when nothing of the log has a time.
     [[nodiscard]] const std::optional<RecordTime>& Time() const noexcept { return m_time; }
-    // Whether the head has no time of its own.
-    [[nodiscard]] bool Untimed() const { return !m_entries.empty() && !m_entries.front().entry.header; }
     [[nodiscard]] const std::wstring& Path() const { return m_paths[m_entries.front().file]; }
     Entry Take();
     // Whether any file so far held a record, a summary line or a column line.
@@ -68,8 +66,6 @@ public:
 
 private:
     std::vector<LogReader> m_logs;
-    std::size_t m_last = 0; // the log that gave the last entry
-    bool m_started = false;
 };
 
 } // namespace vtlog

@@ -12,7 +12,6 @@ namespace vtbackup {
 namespace {
 
 constexpr std::size_t BUFFER_RECORDS = 1024;
-constexpr std::size_t CHECK_BYTES = 256 * 1024;
 
 } // namespace
 
@@ -36,62 +35,87 @@ IndexReader::IndexReader(const Chain& chain, const Manifest& manifest)
         footer.recordCount != (length - FRAME) / INDEX_RECORD_BYTES || footer.dataLength != manifest.dataLength ||
         ToHex(footer.checksum) != manifest.indexChecksum)
         Damaged("it contradicts the manifest");
-    CheckChecksum(footer);
     m_dataLength = footer.dataLength;
-    m_left = footer.recordCount;
-    m_offset = INDEX_HEADER_BYTES;
+    m_records = footer.recordCount;
+    CheckWhole(headerBytes, footerBytes);
+    Rewind();
     if (m_left > 0)
         Load();
-    else if (m_dataLength != 0)
-        Damaged("it knows no block of its data");
 }
 
-void IndexReader::CheckChecksum(const IndexFooter& footer)
+void IndexReader::CheckWhole(const std::array<unsigned char, INDEX_HEADER_BYTES>& header,
+                             const std::array<unsigned char, INDEX_FOOTER_BYTES>& footer)
 {
     RunningChecksum checksum;
-    std::vector<unsigned char> buffer(CHECK_BYTES);
-    const std::uint64_t end = m_file.Length() - footer.checksum.size();
-    for (std::uint64_t offset = 0; offset < end;) {
-        const auto part = static_cast<std::size_t>(std::min<std::uint64_t>(CHECK_BYTES, end - offset));
-        if (!m_file.ReadAt(offset, buffer.data(), part))
-            Damaged("it became shorter");
-        checksum.Add(buffer.data(), part);
-        offset += part;
+    checksum.Add(header.data(), header.size());
+    const char* problem = nullptr;
+    for (Rewind(); m_left > 0; --m_left) {
+        if (m_place == m_buffer.size()) {
+            Fill();
+            checksum.Add(m_buffer.data(), m_buffer.size());
+        }
+        const char* const found = Take();
+        problem = problem != nullptr ? problem : found;
     }
-    if (checksum.Value() != footer.checksum)
+    const IndexFooter expected = DecodeFooter(footer);
+    checksum.Add(footer.data(), footer.size() - expected.checksum.size());
+    if (checksum.Value() != expected.checksum)
         Damaged("its checksum does not match");
+    if (problem != nullptr)
+        Damaged(problem);
+    if (m_nextData != m_dataLength)
+        Damaged("it does not cover its data");
 }
 
-void IndexReader::Load()
+void IndexReader::Rewind()
 {
-    if (m_place == m_buffer.size()) {
-        const auto records = static_cast<std::size_t>(std::min<std::uint64_t>(m_left, BUFFER_RECORDS));
-        m_buffer.resize(records * INDEX_RECORD_BYTES);
-        if (!m_file.ReadAt(m_offset, m_buffer.data(), m_buffer.size()))
-            Damaged("it became shorter");
-        m_offset += m_buffer.size();
-        m_place = 0;
-    }
+    m_left = m_records;
+    m_offset = INDEX_HEADER_BYTES;
+    m_nextData = 0;
+    m_buffer.clear();
+    m_place = 0;
+    m_first = true;
+}
+
+void IndexReader::Fill()
+{
+    const auto records = static_cast<std::size_t>(std::min<std::uint64_t>(m_left, BUFFER_RECORDS));
+    m_buffer.resize(records * INDEX_RECORD_BYTES);
+    if (!m_file.ReadAt(m_offset, m_buffer.data(), m_buffer.size()))
+        Damaged("it became shorter");
+    m_offset += m_buffer.size();
+    m_place = 0;
+}
+
+const char* IndexReader::Take()
+{
     const IndexRecord record = DecodeRecord(m_buffer.data() + m_place);
     m_place += INDEX_RECORD_BYTES;
     if (record.block >= m_geometry.Blocks() || (!m_first && record.block <= m_front.block))
-        Damaged("its blocks are out of order");
+        return "its blocks are out of order";
     if (!record.Zero()) {
         const std::uint64_t length = m_geometry.BytesOf(record.block);
         if (record.offset != m_nextData || length > m_dataLength - m_nextData)
-            Damaged("its offsets make no sense");
+            return "its offsets make no sense";
         m_nextData += length;
     }
     m_first = false;
     m_front = record;
+    return nullptr;
+}
+
+void IndexReader::Load()
+{
+    if (m_place == m_buffer.size())
+        Fill();
+    if (const char* const problem = Take())
+        Damaged(problem);
 }
 
 void IndexReader::Pop()
 {
     if (--m_left > 0)
         Load();
-    else if (m_nextData != m_dataLength)
-        Damaged("it does not cover its data");
 }
 
 void IndexReader::Damaged(const char* what) const

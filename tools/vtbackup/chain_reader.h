@@ -8,6 +8,7 @@
 #include "index_format.h"
 #include "repository.h"
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -26,12 +27,18 @@ public:
     void Pop();
 
 private:
-    void CheckChecksum(const IndexFooter& footer);
+    // Goes over the file once; nothing that the records say can fail later, unless the file changes.
+    void CheckWhole(const std::array<unsigned char, INDEX_HEADER_BYTES>& header,
+                    const std::array<unsigned char, INDEX_FOOTER_BYTES>& footer);
+    void Rewind();
+    void Fill();
+    const char* Take(); // the next record to the front; what is wrong with it, or nullptr
     void Load();
     [[noreturn]] void Damaged(const char* what) const;
 
     FileReader m_file;
     Geometry m_geometry;
+    std::uint64_t m_records = 0;
     std::uint64_t m_left = 0;     // records from the front to the end
     std::uint64_t m_offset = 0;   // of the next bytes to buffer
     std::uint64_t m_nextData = 0; // where the next stored block has to begin

@@ -20,7 +20,7 @@ HeldSnapshot::~HeldSnapshot()
     try {
         if (m_keep || m_machine.Snapshots().Delete(m_snapshot.id))
             m_machine.State().ForgetSnapshot(m_application, m_volume);
-    } catch (const Failure&) {
+    } catch (...) { // a destructor that throws ends the program
         // The note stays, and the next backup tries again.
     }
 }

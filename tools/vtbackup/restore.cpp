@@ -54,12 +54,17 @@ public:
                                                         CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr))
     {
         if (!m_handle)
-            Fail();
+            Fail(GetLastError());
         DWORD returned = 0;
         DeviceIoControl(m_handle.Get(), FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0, &returned, nullptr);
-        Seek(length);
-        if (!SetEndOfFile(m_handle.Get()))
-            Fail();
+        try {
+            Seek(length);
+            if (!SetEndOfFile(m_handle.Get()))
+                Fail(GetLastError());
+        } catch (...) {
+            Discard();
+            throw;
+        }
     }
 
     void WriteAt(std::uint64_t offset, const void* bytes, std::uint32_t length)
@@ -67,20 +72,18 @@ public:
         Seek(offset);
         DWORD written = 0;
         if (!WriteFile(m_handle.Get(), bytes, length, &written, nullptr))
-            Fail();
-        if (written != length) {
-            SetLastError(ERROR_DISK_FULL);
-            Fail();
-        }
+            Fail(GetLastError());
+        if (written != length)
+            Fail(ERROR_DISK_FULL);
     }
 
     void Finish(const std::wstring& name)
     {
         if (!FlushFileBuffers(m_handle.Get()))
-            Fail();
+            Fail(GetLastError());
         m_handle.Close();
         if (!MoveFileExW(m_path.c_str(), name.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
-            Fail();
+            Fail(GetLastError());
     }
 
     void Discard() noexcept
@@ -95,11 +98,11 @@ private:
         LARGE_INTEGER place = {};
         place.QuadPart = static_cast<LONGLONG>(offset);
         if (!SetFilePointerEx(m_handle.Get(), place, nullptr, FILE_BEGIN))
-            Fail();
+            Fail(GetLastError());
     }
-    [[noreturn]] void Fail() const
+    [[noreturn]] void Fail(DWORD error) const
     {
-        throw Failure(Exit::Repository, fmt::format("cannot write {}: {}", ToUtf8(m_path), ErrorText(GetLastError())));
+        throw Failure(Exit::Repository, fmt::format("cannot write {}: {}", ToUtf8(m_path), ErrorText(error)));
     }
 
     std::wstring m_path;

@@ -163,6 +163,20 @@ TEST_F(VtBackupUsage, InitMayBeRepeatedAndTakenBack)
     EXPECT_EQ(EXIT_REFUSED, Backup().exitCode);
 }
 
+TEST_F(VtBackupUsage, AnUndoThatWasKilledDoesNotTakeBackAnotherApplicationsRequest)
+{
+    const std::wstring key = L"System\\CurrentControlSet\\Control\\Class\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}";
+    ASSERT_EQ(EXIT_OK, Init().exitCode);
+    ASSERT_EQ(EXIT_OK, Init(L"Second").exitCode);
+    std::vector<std::wstring> undo = Arguments(L"init");
+    undo.push_back(L"--undo");
+    for (const wchar_t* calls : {L"kill-before|DeleteFileW|monitoring|1", L"kill-after|DeleteFileW|monitoring|1"})
+        EXPECT_EQ(VTFLTSIM_KILLED, Run(undo, calls).exitCode);
+    EXPECT_EQ(EXIT_OK, Run(undo).exitCode);
+    EXPECT_GT(machine.ReadValue(key, L"UpperFilters").size(), 4u) << "the second application's snapshots";
+    EXPECT_EQ(EXIT_REFUSED, Backup().exitCode);
+}
+
 TEST_F(VtBackupUsage, AnExistingFileIsOnlyOverwrittenOnRequest)
 {
     ASSERT_EQ(EXIT_OK, Init().exitCode);

@@ -49,11 +49,16 @@ void SwitchMonitoring(const Machine& machine, const Options& options, bool on)
                     fmt::format("application \"{}\"", options.application));
     if (machine.State().AskedForMonitoring(options.application) == on)
         return;
+    // A run that is killed in between leaves one request too many, which costs little. One too few would end the tracking
+    // of another application's snapshots.
+    if (!on)
+        machine.State().NoteMonitoring(options.application, false);
     const DWORD result = on ? VTFltEnableMonitorForSnapshot(nullptr) : VTFltDisableMonitorForSnapshot(nullptr);
+    if ((result == 0) == on)
+        machine.State().NoteMonitoring(options.application, true);
     if (result != 0)
         throw Failure(Exit::Device, fmt::format("switching the tracking of snapshots {} failed: {}", on ? "on" : "off",
                                                 ErrorText(result)));
-    machine.State().NoteMonitoring(options.application, on);
 }
 
 bool IsRegisteredNow(const std::wstring& application)
@@ -158,13 +163,21 @@ Exit RestoreCommand(const Options& options)
 
 // ---- verify, list
 
-std::vector<Chain> ChainsOf(const Options& options, const Repository& repository)
+struct FoundChains {
+    std::vector<Chain> chains;
+    std::vector<std::string> problems; // of chains that do not say whose they are, which may be any
+};
+
+FoundChains ChainsOf(const Options& options, const Repository& repository)
 {
     const std::optional<VolumeName> volume = VolumeOf(options);
-    std::vector<Chain> chains = repository.Chains(ToWide(options.application), volume ? &*volume : nullptr);
-    if (chains.empty() && (volume || !options.application.empty()))
+    FoundChains found;
+    found.chains = repository.Chains(ToWide(options.application), volume ? &*volume : nullptr, found.problems);
+    if (found.chains.empty() && found.problems.empty() && (volume || !options.application.empty()))
         throw Failure(Exit::NotFound, "the repository holds no such chain");
-    return chains;
+    for (const std::string& problem : found.problems)
+        Diagnose(problem);
+    return found;
 }
 
 Exit Verify(const Options& options)
@@ -172,8 +185,9 @@ Exit Verify(const Options& options)
     const Machine machine = MachineOf(options);
     const Repository repository = Repository::Open(ToWide(options.repository));
     json list = json::array();
-    bool good = true;
-    for (const Chain& chain : ChainsOf(options, repository)) {
+    const FoundChains found = ChainsOf(options, repository);
+    bool good = found.problems.empty();
+    for (const Chain& chain : found.chains) {
         const ChainCheck check = CheckChain(chain);
         good = good && check.Good();
         const std::string volume = ToUtf8(chain.Volume().guid);
@@ -197,7 +211,7 @@ Exit Verify(const Options& options)
     }
     const Exit code = good ? Exit::Ok : Exit::Damaged;
     if (options.json)
-        PrintJson({{"result", OutcomeName(code)}, {"chains", list}});
+        PrintJson({{"result", OutcomeName(code)}, {"chains", list}, {"problems", found.problems}});
     return code;
 }
 
@@ -206,8 +220,9 @@ Exit List(const Options& options)
     const Machine machine = MachineOf(options);
     const Repository repository = Repository::Open(ToWide(options.repository));
     json list = json::array();
-    bool good = true;
-    for (const Chain& chain : ChainsOf(options, repository)) {
+    const FoundChains found = ChainsOf(options, repository);
+    bool good = found.problems.empty();
+    for (const Chain& chain : found.chains) {
         json backups = json::array();
         if (!options.json)
             Print(fmt::format("{} {}\n", chain.Application(), ToUtf8(chain.Volume().guid)));
@@ -235,7 +250,10 @@ Exit List(const Options& options)
     }
     const Exit code = good ? Exit::Ok : Exit::Damaged;
     if (options.json)
-        PrintJson({{"result", OutcomeName(code)}, {"repository", repository.Id()}, {"chains", list}});
+        PrintJson({{"result", OutcomeName(code)},
+                   {"repository", repository.Id()},
+                   {"chains", list},
+                   {"problems", found.problems}});
     return code;
 }
 

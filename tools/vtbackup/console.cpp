@@ -23,23 +23,39 @@ bool ErrorsInColour()
     return SetConsoleMode(handle, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING) != 0;
 }
 
-} // namespace
+// Texts from a repository may hold anything, and nothing of it is meant to steer a terminal.
+std::string Visible(std::string text)
+{
+    for (char& c : text) {
+        if ((c >= 0 && c < ' ' && c != '\n') || c == '\x7F')
+            c = '?';
+    }
+    return text;
+}
 
-void Print(const std::string& text)
+void Write(const std::string& text)
 {
     std::fwrite(text.data(), 1, text.size(), stdout);
     std::fflush(stdout);
 }
 
+} // namespace
+
+void Print(const std::string& text)
+{
+    Write(Visible(text));
+}
+
 void PrintJson(const nlohmann::json& object)
 {
-    Print(object.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
+    Write(object.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
 }
 
 void Diagnose(const std::string& message)
 {
     const bool colour = ErrorsInColour();
-    std::fprintf(stderr, "%svtbackup: %s%s\n", colour ? "\x1b[31m" : "", message.c_str(), colour ? "\x1b[0m" : "");
+    std::fprintf(stderr, "%svtbackup: %s%s\n", colour ? "\x1b[31m" : "", Visible(message).c_str(),
+                 colour ? "\x1b[0m" : "");
 }
 
 } // namespace vtbackup

@@ -7,6 +7,7 @@
 
 namespace vtbackup {
 
+// Control characters but line feeds are shown as "?", here and in diagnostics.
 void Print(const std::string& text);
 void PrintJson(const nlohmann::json& object);
 // "vtbackup: message", in red on a terminal unless NO_COLOR is set.

@@ -34,10 +34,13 @@ std::wstring FolderNameOf(std::string_view application)
     return ToWide(name + "-" + ToHex(ChecksumOf(application.data(), application.size())).substr(0, 8));
 }
 
-// 8 digits or more, nothing else; 0 when it is no backup's folder.
+constexpr std::size_t MOST_DIGITS = 18; // fits 64 bits
+constexpr std::uint64_t LAST_SEQUENCE = 999'999'999'999'999'999;
+
+// 8 to 18 digits, nothing else; 0 when it is no backup's folder.
 std::uint64_t SequenceFrom(const std::wstring& name)
 {
-    if (name.size() < 8 || name.size() > 18)
+    if (name.size() < 8 || name.size() > MOST_DIGITS)
         return 0;
     std::uint64_t value = 0;
     for (const wchar_t c : name) {
@@ -65,6 +68,24 @@ std::string TextMember(const json& object, const char* key, const std::wstring& 
     if (found == object.end() || !found->is_string())
         throw Failure(Exit::Damaged, fmt::format("{} is damaged: \"{}\" is missing", ToUtf8(path), key));
     return found->get<std::string>();
+}
+
+// The chain in a folder, or nothing when its first backup never began. Throws Failure(Damaged) when the folder does not
+// say whose it is.
+std::optional<Chain> ChainIn(const std::wstring& folder)
+{
+    const std::wstring file = Join(folder, CHAIN_FILE);
+    if (!FileExists(file)) {
+        if (Chain(folder, {}, {}).Backups().empty())
+            return std::nullopt;
+        throw Failure(Exit::Damaged, fmt::format("{} is missing", ToUtf8(file)));
+    }
+    const json content = ReadJson(file);
+    const std::string application = TextMember(content, "application", file);
+    const std::optional<VolumeName> volume = ParseVolumeName(ToWide(TextMember(content, "volume", file)));
+    if (!volume)
+        throw Failure(Exit::Damaged, fmt::format("{} is damaged: it names no volume", ToUtf8(file)));
+    return Chain(folder, application, *volume);
 }
 
 } // namespace
@@ -125,6 +146,18 @@ std::vector<std::uint64_t> Chain::Backups() const
     std::vector<std::uint64_t> sequences = Folders();
     std::erase_if(sequences, [this](std::uint64_t sequence) { return !FileExists(ManifestPath(sequence)); });
     return sequences;
+}
+
+std::uint64_t Chain::NextSequence() const
+{
+    const std::vector<std::uint64_t> folders = Folders();
+    if (folders.empty())
+        return 1;
+    // A backup in a folder that no reader takes for one must not be reported.
+    if (folders.back() == LAST_SEQUENCE)
+        throw Failure(Exit::Damaged, fmt::format("{} is damaged: there is no number behind backup {}", ToUtf8(m_folder),
+                                                 folders.back()));
+    return folders.back() + 1;
 }
 
 Manifest Chain::ReadManifest(std::uint64_t sequence) const
@@ -234,7 +267,8 @@ Chain Repository::ChainOf(std::wstring_view application, const VolumeName& volum
     return Chain(folder, id, volume);
 }
 
-std::vector<Chain> Repository::Chains(std::wstring_view application, const VolumeName* volume) const
+std::vector<Chain> Repository::Chains(std::wstring_view application, const VolumeName* volume,
+                                      std::vector<std::string>& problems) const
 {
     std::vector<Chain> chains;
     const std::wstring root = Join(m_folder, L"chains");
@@ -242,25 +276,20 @@ std::vector<Chain> Repository::Chains(std::wstring_view application, const Volum
         if (!owner.folder)
             continue;
         for (const FolderEntry& entry : ListFolder(Join(root, owner.name))) {
-            const std::wstring folder = Join(Join(root, owner.name), entry.name);
-            const std::wstring file = Join(folder, CHAIN_FILE);
             if (!entry.folder)
                 continue;
-            if (!FileExists(file)) {
-                if (Chain(folder, {}, {}).Backups().empty())
-                    continue; // a chain whose first backup never began
-                throw Failure(Exit::Damaged, fmt::format("{} is missing", ToUtf8(file)));
+            std::optional<Chain> chain;
+            try {
+                chain = ChainIn(Join(Join(root, owner.name), entry.name));
+            } catch (const Failure& failure) {
+                if (failure.Code() != Exit::Damaged)
+                    throw;
+                problems.emplace_back(failure.what());
             }
-            const json content = ReadJson(file);
-            const std::string id = TextMember(content, "application", file);
-            const std::optional<VolumeName> name = ParseVolumeName(ToWide(TextMember(content, "volume", file)));
-            if (!name)
-                throw Failure(Exit::Damaged, fmt::format("{} is damaged: it names no volume", ToUtf8(file)));
-            if (!application.empty() && ToUtf8(application) != id)
+            if (!chain || (!application.empty() && ToUtf8(application) != chain->Application()) ||
+                (volume != nullptr && !EqualIgnoringCase(volume->guid, chain->Volume().guid)))
                 continue;
-            if (volume != nullptr && !EqualIgnoringCase(volume->guid, name->guid))
-                continue;
-            chains.emplace_back(folder, id, *name);
+            chains.push_back(std::move(*chain));
         }
     }
     std::sort(chains.begin(), chains.end(), [](const Chain& a, const Chain& b) { return a.Folder() < b.Folder(); });

@@ -30,6 +30,8 @@ public:
     [[nodiscard]] std::vector<std::uint64_t> Folders() const;
     // Those with a manifest, ascending.
     [[nodiscard]] std::vector<std::uint64_t> Backups() const;
+    // The number of the next backup: higher than every folder's. Throws Failure(Damaged) when there is none left.
+    [[nodiscard]] std::uint64_t NextSequence() const;
     // Reads one manifest. Throws Failure(NotFound) when there is none, Failure(Damaged) when it is unusable.
     [[nodiscard]] Manifest ReadManifest(std::uint64_t sequence) const;
     // The backups that a restore of this one needs, from its full one to itself. Throws Failure(Damaged) with
@@ -59,8 +61,10 @@ public:
     [[nodiscard]] const std::string& Id() const noexcept { return m_id; }
     [[nodiscard]] const std::wstring& Folder() const noexcept { return m_folder; }
     [[nodiscard]] Chain ChainOf(std::wstring_view application, const VolumeName& volume) const;
-    // Every chain that is there, optionally of one application or one volume only, by name.
-    [[nodiscard]] std::vector<Chain> Chains(std::wstring_view application, const VolumeName* volume) const;
+    // Every chain that is there, optionally of one application or one volume only, by name. What is wrong with those
+    // that do not say whose they are comes in problems; they are left out.
+    [[nodiscard]] std::vector<Chain> Chains(std::wstring_view application, const VolumeName* volume,
+                                            std::vector<std::string>& problems) const;
 
 private:
     Repository(std::wstring folder, std::string id) : m_folder(std::move(folder)), m_id(std::move(id)) {}

@@ -22,7 +22,7 @@ constexpr const char* FOOTER = R"(Exit codes:
    7 not-reported   the backup is stored, but its success could not be reported
    8 interrupted    stopped by Ctrl-C; run the command again
    9 device         a volume, a snapshot or a request to the driver failed
-  10 not-found      no such repository, chain, backup or machine
+  10 not-found      no such repository, chain, backup, machine or volume
   11 repository     a file could not be read or written)";
 
 void AddCommon(CLI::App& command, Options& options, bool needsApplication)

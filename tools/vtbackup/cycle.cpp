@@ -21,6 +21,22 @@
 namespace vtbackup {
 namespace {
 
+// What a manifest may say about its kind. Texts of a damaged chain get into it, and it has to stay readable whatever
+// they are: a chain that could not be continued would stand between its user and every new backup.
+constexpr std::size_t MOST_REASONS = 32;
+constexpr std::size_t LONGEST_REASON = 1000;
+
+std::vector<Reason> Bounded(std::vector<Reason> reasons)
+{
+    if (reasons.size() > MOST_REASONS)
+        reasons.resize(MOST_REASONS);
+    for (Reason& reason : reasons) {
+        reason.code.resize(std::min(reason.code.size(), LONGEST_REASON));
+        reason.text.resize(std::min(reason.text.size(), LONGEST_REASON));
+    }
+    return reasons;
+}
+
 // Why the backup cannot be incremental, in the order in which it came out.
 struct Doubts {
     std::vector<Reason> full;   // the backup has to stand alone
@@ -34,7 +50,7 @@ struct Doubts {
     {
         std::vector<Reason> all = full;
         all.insert(all.end(), verify.begin(), verify.end());
-        return all;
+        return Bounded(std::move(all));
     }
 };
 
@@ -89,6 +105,10 @@ BackupResult Cycle::Run()
 {
     const std::string volume = ToUtf8(m_request.volume.guid);
     CheckApplicationId(m_request.application); // an ID that is refused cannot always name a lock
+    // Registering empties the bitmaps of the volumes that enumeration shows, and verify lists are searched for their
+    // very spelling: of any other volume neither the bitmap nor the answer to "is a verify required?" is worth anything.
+    if (!IsListed(m_request.volume))
+        throw Failure(Exit::NotFound, fmt::format("the system lists no volume {}", volume));
     if (m_request.registerFirst)
         RegisterApplication(m_machine, m_request.application);
 
@@ -133,6 +153,7 @@ BackupResult Cycle::Run()
 // An incremental backup is worth only as much as what it builds on.
 void Cycle::LookAtChain()
 {
+    m_result.manifest.sequence = m_chain.NextSequence();
     if (m_request.full)
         m_doubts.full.push_back(reason::FullRequested());
     if (m_request.verify)
@@ -159,8 +180,8 @@ void Cycle::LookAtChain()
 // ends otherwise than this machine left it, then what lies between was never in this machine's bitmaps, or is no more.
 void Cycle::CompareWithLastSuccess()
 {
-    if (!m_last->reportable)
-        return; // it says itself that the next one reads everything
+    if (!m_last->reportable && !m_last->next.empty())
+        return; // it says itself why the next one reads everything
     const auto isLast = [this](const BackupMark& mark) {
         return mark.sequence == m_last->sequence && mark.manifestChecksum == m_last->checksum;
     };
@@ -276,8 +297,6 @@ void Cycle::SettleGeometry(const Volume& volume, const Volume& snapshot, const B
 void Cycle::Copy(const Volume& snapshot)
 {
     Manifest& manifest = m_result.manifest;
-    const std::vector<std::uint64_t> folders = m_chain.Folders();
-    manifest.sequence = folders.empty() ? 1 : folders.back() + 1;
     manifest.application = m_application;
     manifest.volume = ToUtf8(m_request.volume.guid);
     manifest.kind = m_doubts.Decide();

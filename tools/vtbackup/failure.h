@@ -18,7 +18,7 @@ enum class Exit : int {
     NotReported = 7, // the backup is in the repository, but its success could not be reported
     Interrupted = 8, // Ctrl-C
     Device = 9,      // a volume, snapshot or request to the driver failed
-    NotFound = 10,   // no such repository, chain or backup
+    NotFound = 10,   // no such repository, chain, backup, machine or volume
     Repository = 11, // the repository or another file could not be read or written
 };
 

@@ -52,7 +52,7 @@ VolumeName ResolveVolumeName(std::wstring_view text)
         if (name && !asked && toolkit::IsMountedAt(path, mountPath))
             return *name;
     }
-    // A volume that enumeration does not show may still be opened by its GUID.
+    // Of a volume that is gone there may be backups.
     if (asked)
         return *asked;
     if (text.size() >= 2 && text[1] == L':')
@@ -60,6 +60,15 @@ VolumeName ResolveVolumeName(std::wstring_view text)
     throw Failure(Exit::Usage, fmt::format("\"{}\" names no volume: give \\\\?\\Volume{{...}}\\, {{...}} or a mount "
                                            "path such as E:\\",
                                            ToUtf8(text)));
+}
+
+bool IsListed(const VolumeName& name)
+{
+    const std::vector<std::wstring> paths = EnumerateVolumePaths();
+    return std::any_of(paths.begin(), paths.end(), [&](const std::wstring& path) {
+        const std::optional<VolumeName> listed = ParseVolumeName(path);
+        return listed && listed->guid == name.guid;
+    });
 }
 
 std::vector<VolumeName> FixedVolumes()
@@ -151,6 +160,9 @@ bool AllocatedWalk::FetchPage()
     const std::size_t count = error == 0 || error == ERROR_MORE_DATA ? returned / sizeof(ranges[0]) : 0;
     bool sane = error == 0 || (error == ERROR_MORE_DATA && count > 0);
     for (std::size_t i = 0; sane && i < count && i < ranges.size(); ++i) {
+        sane = ranges[i].FileOffset.QuadPart >= 0 && ranges[i].Length.QuadPart > 0;
+        if (!sane)
+            break;
         const auto begin = static_cast<std::uint64_t>(ranges[i].FileOffset.QuadPart);
         const auto bytes = static_cast<std::uint64_t>(ranges[i].Length.QuadPart);
         if (begin >= m_geometry.length) {
@@ -158,7 +170,7 @@ bool AllocatedWalk::FetchPage()
             break;
         }
         const std::uint64_t end = bytes > m_geometry.length - begin ? m_geometry.length : begin + bytes;
-        sane = ranges[i].FileOffset.QuadPart >= 0 && ranges[i].Length.QuadPart > 0 && end > covered;
+        sane = end > covered;
         m_page.push_back({begin / m_geometry.blockSize, (end + m_geometry.blockSize - 1) / m_geometry.blockSize});
         covered = end;
     }

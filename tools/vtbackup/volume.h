@@ -23,6 +23,8 @@ struct VolumeName {
 // Takes {...}, Volume{...}, \\?\Volume{...}[\] or a mount path such as E:\. Throws Failure(Usage) for a name of
 // another form and Failure(NotFound) for a mount path that no volume has.
 VolumeName ResolveVolumeName(std::wstring_view text);
+// Whether enumeration shows the volume under this very spelling.
+bool IsListed(const VolumeName& name);
 // The name when the text is one of the GUID forms.
 std::optional<VolumeName> ParseVolumeName(std::wstring_view text);
 // GUIDs of all fixed volumes, sorted, so that whoever locks them all does it in one order.

@@ -119,9 +119,16 @@ bool Demo::Run()
         if (!RunStep(step))
             return false;
     }
-    for (const auto& writer : m_writers)
+    bool written = true;
+    for (const auto& writer : m_writers) {
         m_totals.writes += writer->Writes();
+        written = written && writer->Writes() != 0;
+    }
     m_writers.clear();
+    if (!written) {
+        std::printf("FAILED: a volume was never written to\n");
+        return false;
+    }
     std::printf("\n");
     for (const std::string& problem : {RestoreOldOnes(), CheckRepositories()}) {
         if (!problem.empty()) {

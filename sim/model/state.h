@@ -69,7 +69,7 @@ struct FaultRecord {
     std::uint32_t forged;    // 1: succeed with the reply below, 0: fail with error
     std::uint32_t error;
     std::uint32_t replyLength;
-    std::uint8_t reply[64];
+    std::uint8_t reply[1024];
 };
 
 struct UtilityRecord {
@@ -100,7 +100,7 @@ struct MachineRecord {
 };
 
 inline constexpr std::uint32_t MACHINE_MAGIC = 0x4D535456; // "VTSM"
-inline constexpr std::uint32_t MACHINE_VERSION = 2;
+inline constexpr std::uint32_t MACHINE_VERSION = 3;
 
 static_assert(std::is_trivially_copyable_v<MachineRecord> && std::is_standard_layout_v<MachineRecord>);
 

@@ -1,4 +1,6 @@
 // Which applications a manager serves, and under which names.
+#include "bitmap/container.h"
+#include "driver/protocol.h"
 #include "internal/manager_fixture.h"
 
 namespace {
@@ -16,6 +18,39 @@ protected:
     {
         return L"CBitmapContainer::initChild bitmap Name is \\\\?\\" + volumeName + L"\\VelVolTrc\\VelVolTrc_child_" +
                id + L".dat";
+    }
+    // Memory runs out for the nth container that is made, and for nothing else.
+    static void FailContainer(DWORD nth)
+    {
+        vtfltsim::FailCall(L"malloc", ERROR_NOT_ENOUGH_MEMORY, WideNumber(sizeof(vtflt::CBitmapContainer)).c_str(),
+                           nth);
+    }
+    DWORD Fetch(vtflt::CMultiBitmapManager& from)
+    {
+        const auto handle = OpenVolume(volume);
+        Bytes buffer(BITMAP_BYTES);
+        DWORD returned = 0;
+        return from.VTDeviceIoControl(handle.get(), vtflt::VTFLTCTL_GET_BITMAP, nullptr, 0, buffer.data(),
+                                      static_cast<DWORD>(buffer.size()), &returned, nullptr);
+    }
+    // A fetch of block 5 gives this, changes no file and tells the driver nothing.
+    void ExpectRefusedFetch(DWORD error)
+    {
+        MakeFolder(volume, L"VelVolTrc");
+        for (const wchar_t* const id : {APP, OTHER}) {
+            WriteFileBytes(volume, BaseName(id), MakeBitmapImage(BLOCK_SIZE, Bytes(BITMAP_BYTES)));
+            WriteFileBytes(volume, ChildName(id), MakeBitmapImage(BLOCK_SIZE, Bytes(BITMAP_BYTES)));
+        }
+        machine.TouchBlock(volume, 5);
+        log.Clear();
+        VTFltSimRecord(1);
+        EXPECT_EQ(Fetch(manager), error);
+        VTFltSimRecord(0);
+        EXPECT_EQ(RequestCodes(), std::vector<DWORD>{vtflt::VTFLTCTL_GET_BITMAP});
+        log.ExpectExactly({{0, error, L"CMultiBitmapManager::VTDeviceIoControl: FAILED::Updating child bitmaps."}}, 0);
+        EXPECT_EQ(machine.Bits(volume), (Bytes{0x04, 0, 0, 0, 0, 0, 0, 0}));
+        for (const wchar_t* const id : {APP, OTHER})
+            EXPECT_TRUE(Child(volume, id).Blocks().empty());
     }
     // No container: the operations on the current application's say so.
     void ExpectNoContainer()
@@ -129,6 +164,43 @@ TEST_F(ManagerInit, ListThatCannotBeReadIs10008WithTheReadsErrorLoggedFirst)
     EXPECT_EQ(second.code, 0x10008u);
     EXPECT_TRUE(second.text == L"CMultiBitmapManager::InitBitMapManager: Failed to get registered applications.");
     ExpectNoContainer();
+}
+
+TEST_F(ManagerInit, ContainerThatCannotBeAllocatedIsSkippedAndTheOthersAreMade)
+{
+    Register({L"zeta", L"app1", L"beta"});
+    FailContainer(2);
+    EXPECT_EQ(manager.InitBitMapManager(volume.Root(), APP), 0u);
+    EXPECT_EQ(VTFltSimGetCallFaultHits(), 1u);
+    log.ExpectExactly({{2, 0, BaseNamed(VolumeName(), L"zeta")},
+                       {2, 0, ChildNamed(VolumeName(), L"zeta")},
+                       {2, 0, BaseNamed(VolumeName(), L"beta")},
+                       {2, 0, ChildNamed(VolumeName(), L"beta")}},
+                      2);
+    ExpectNoContainer();
+}
+
+TEST_F(ManagerInit, FetchWithoutTheCurrentApplicationsContainerIsAGeneralFailure)
+{
+    FailContainer(1);
+    EXPECT_EQ(manager.InitBitMapManager(volume.Root(), APP), 0u);
+    ExpectRefusedFetch(0xFFFFFFFF);
+}
+
+TEST_F(ManagerInit, FetchIsRefusedWith8WhileAnotherApplicationHasNoContainerAndTheDriverKeepsItsBits)
+{
+    FailContainer(2);
+    EXPECT_EQ(manager.InitBitMapManager(volume.Root(), APP), 0u);
+    ExpectRefusedFetch(ERROR_NOT_ENOUGH_MEMORY);
+
+    // A manager with room for everybody delivers what was refused, to both.
+    vtflt::CMultiBitmapManager whole;
+    EXPECT_EQ(whole.InitBitMapManager(volume.Root(), APP), 0u);
+    EXPECT_EQ(Fetch(whole), 0u);
+    EXPECT_EQ(Base(volume, APP).Blocks(), std::vector<std::uint64_t>{5});
+    EXPECT_EQ(Child(volume, OTHER).Blocks(), std::vector<std::uint64_t>{5});
+    EXPECT_EQ(machine.Bits(volume), Bytes(8, 0));
+    whole.DeinitBitMapManager();
 }
 
 TEST_F(ManagerInit, ApplicationThatRegistersLaterGetsNoContainer)

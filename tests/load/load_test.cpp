@@ -58,6 +58,9 @@ HANDLE MakeGuardedMark(const wchar_t* accessRules)
 
 // Everyone may synchronise, and nobody may do more.
 constexpr wchar_t WAIT_ONLY[] = L"D:(A;;0x00100000;;;WD)";
+// Nobody may do anything; the owner is the system, for an owner may always wait.
+constexpr wchar_t NOTHING_AT_ALL[] = L"O:SYD:(D;;0x001F0001;;;WD)";
+
 DWORD RunProbe()
 {
     std::wstring commandLine = L"\"" + OwnFolder() + L"active_job_probe.exe\"";
@@ -197,6 +200,21 @@ TEST_F(Load, AUserThatCouldOnlyOpenTheMarkSees183)
     const Handle guarded(MakeGuardedMark(WAIT_ONLY));
     ASSERT_NE(guarded.get(), nullptr);
     EXPECT_EQ(RunProbe(), 183u);
+}
+
+TEST_F(Load, AMarkThatCanNeitherBeMadeNorOpenedIsTheErrorOfTheOpening)
+{
+    Handle guarded(MakeGuardedMark(NOTHING_AT_ALL));
+    ASSERT_NE(guarded.get(), nullptr);
+    const Handle refused(OpenMutexW(SYNCHRONIZE, FALSE, MARK));
+    ASSERT_EQ(refused.get(), nullptr);
+    EXPECT_EQ(RunProbe(), 5u);
+
+    const HMODULE module = LoadCopy(0);
+    ASSERT_NE(module, nullptr) << "the load never fails";
+    guarded.Close();
+    EXPECT_FALSE(IsMarked()) << "this user left no mark";
+    EXPECT_TRUE(FreeLibrary(module));
 }
 
 TEST_F(Load, ANameThatAnotherKindOfObjectHoldsIsTheErrorOfTheMaking)

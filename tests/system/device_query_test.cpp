@@ -132,6 +132,20 @@ TEST_F(DeviceQuery, ANameOfTheReplyIsReadUpToItsEnd)
     log.ExpectExactly({Asked(0, L"vol", L"", 0)});
 }
 
+TEST_F(DeviceQuery, NamesOfTheReplyThatFillTheirFieldsWithoutAnEndAreReadToTheirLastUnit)
+{
+    Bytes reply{0x68, 0x02, 0, 0};
+    for (int unit = 0; unit < 48 + 256; ++unit) {
+        reply.push_back(unit < 48 ? 'v' : 'd');
+        reply.push_back(0);
+    }
+    reply.insert(reply.end(), {1, 0, 0, 0}); // the flag right behind: no text may run into it
+    ASSERT_EQ(616u, reply.size());
+    ForgeReply(reply);
+    EXPECT_EQ(VTIsDeviceMonitored(L"abc"), 0u);
+    log.ExpectExactly({Asked(0, std::wstring(48, L'v'), std::wstring(256, L'd'), 1)});
+}
+
 TEST_F(DeviceQuery, TheControlDeviceIsClosedAgain)
 {
     StartRecording();

@@ -150,6 +150,25 @@ TEST_F(Dumps, CarryTheApplicationAndTheLocalTimeInTheirNames)
     EXPECT_TRUE(shown(before) <= stamp && stamp <= shown(after)) << Narrow(stamp);
 }
 
+// 260 characters with the end: the application's bitmap files still have room for their names, its dumps have not.
+TEST_F(Dumps, WhoseNamesWouldBeLongerAreCutAt260Characters)
+{
+    const std::wstring id(170, L'x');
+    Register(id);
+    SetSwitch(1);
+    const auto session = Open(id);
+    Touch({2});
+    ASSERT_EQ(0u, session->GetBitmap());
+    EXPECT_EQ(0u, session->SyncChanges(Bytes(BUFFER_LENGTH)));
+    const std::size_t room = 259 - (volume.Path() + L"\\VelVolTrc\\").size();
+    for (const wchar_t* const kind : {L"DriverBitmap-", L"DriverBitmap2App-", L"AppSnapChanges-"}) {
+        const std::vector<std::wstring> names = Names(kind + id + L"-");
+        ASSERT_EQ(1u, names.size()) << Narrow(kind);
+        EXPECT_EQ(room, names[0].size()) << Narrow(names[0]);
+        EXPECT_EQ(std::wstring::npos, names[0].find(L".dat"));
+    }
+}
+
 TEST_F(Dumps, AreHiddenSystemFilesWhenTheFolderIsThere)
 {
     SetSwitch(1);

@@ -230,7 +230,7 @@ VTFLTSIM_API DWORD WINAPI VTFltSimGetUtilityCommand(VTFLTSIM_MACHINE machine, DW
    or any. Requests of every process count. code may be IOCTL_DISK_GET_LENGTH_INFO. */
 VTFLTSIM_API DWORD WINAPI VTFltSimFailRequest(VTFLTSIM_MACHINE machine, DWORD code, LPCWSTR endpoint, DWORD nth,
                                               DWORD count, DWORD error);
-/* The same requests succeed with this reply (up to 64 bytes) instead of the driver's own: a block size of 0, say. */
+/* The same requests succeed with this reply (up to 1024 bytes) instead of the driver's own: a block size of 0, say. */
 VTFLTSIM_API DWORD WINAPI VTFltSimForgeReply(VTFLTSIM_MACHINE machine, DWORD code, LPCWSTR endpoint, DWORD nth,
                                              DWORD count, const void* reply, DWORD length);
 /* Ends all faults of requests and of the enumeration. */

@@ -330,26 +330,5 @@ TEST_F(VtLogWhy, AFolderWithoutAMachineIsNotFound)
     EXPECT_EQ(EXIT_NOT_FOUND, Run({L"show", L"--why", VOLUME, L"--simulate", folder, LogOf({})}).exitCode);
 }
 
-// The real library writes the log, as a backup program that loads it does; the driver loses track of the volume, a
-// backup collects that and is killed before it is done.
-TEST_F(VtLogWhy, ALossOfTrackingIsExplainedFromTheLogOfTheRealLibrary)
-{
-    const std::vector<std::wstring> onVolume = {L"--volume", VOLUME};
-    ASSERT_EQ(EXIT_OK, Backup(L"backup", onVolume).exitCode);
-    ASSERT_EQ(0u, VTFltSimLoseTracking(machine.handle(), VOLUME));
-    ASSERT_NE(EXIT_OK, Backup(L"backup", onVolume, L"kill-before|DeviceIoControl|0xB0000015|1").exitCode);
-    const std::wstring log = folder.substr(0, folder.rfind(L'\\')) + L"\\Logs\\VTFltMgr.dll.Log";
-    const auto answer = Answer(log);
-    EXPECT_EQ(true, answer.at("verify"));
-    EXPECT_EQ("tracking-lost", answer.at("cause"));
-    ASSERT_EQ(3u, answer.at("records").size());
-    EXPECT_EQ("ReplicateVerifyList: Enter ReplicateVerifyList ", answer.at("records")[0].at("message"));
-    EXPECT_EQ("vtbackup.exe", answer.at("records")[0].at("program"));
-    EXPECT_EQ("VTFltMgr.dll", answer.at("records")[0].at("module"));
-    // The next backup verifies, and with that the reason is gone.
-    ASSERT_EQ(EXIT_OK, Backup(L"backup", onVolume).exitCode);
-    EXPECT_EQ(false, Answer(log).at("verify"));
-}
-
 } // namespace
 } // namespace vtlog_test

@@ -181,6 +181,22 @@ TEST_F(VtLogWhy, AnOperationThatHadEndedExplainsNothing)
                                    {2, on}}));
 }
 
+TEST_F(VtLogWhy, AnOperationThatFailedExplainsNothingBehindIt)
+{
+    EXPECT_EQ("not-told", CauseOf({{2, L"UnregisterApplication: Unregistering application App"},
+                                   {0, L"UnregisterApplication: Failed to add volumes to application verify list."},
+                                   {2, on}}));
+}
+
+TEST_F(VtLogWhy, AnOperationThatWritesOneListExplainsNoSecondOne)
+{
+    EXPECT_EQ("on-list-before",
+              CauseOf({{0, L"RemoveApplicationVolResyncList: Enter RemoveApplicationVolResyncList "}, {2, on}}));
+    EXPECT_EQ("not-told", CauseOf({{0, L"RemoveApplicationVolResyncList: Enter RemoveApplicationVolResyncList "},
+                                   {2, Written(L"App.Last", std::wstring(OTHER) + L"*")},
+                                   {2, on}}));
+}
+
 TEST_F(VtLogWhy, RecordsOfAnotherThreadExplainNothing)
 {
     SetList(L"App.Last", {VOLUME});

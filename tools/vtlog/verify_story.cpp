@@ -31,15 +31,33 @@ constexpr std::array<std::wstring_view, 5> BITMAP_FAILURES = {
 // An operation that writes lists: the record at its start, how the records at its end begin, and what it means.
 struct Operation {
     std::wstring_view start;
-    std::wstring_view ends;
+    std::array<std::wstring_view, 2> ends;
+    bool manyLists; // it writes several; the others one, so that what is written behind that is not theirs
     Cause cause;
 };
 constexpr std::array<Operation, 4> OPERATIONS = {{
-    {L"ReplicateVerifyList: Enter", L"ReplicateVerifyList: SUCCESS", Cause::TrackingLost},
-    {L"UnregisterApplication: Unregistering", L"UnregisterApplication: SUCCESS", Cause::Unregistered},
-    {L"RegisterApplication: Registering", L"RegisterApplication: SUCCESS", Cause::RegisteredInDoubt},
-    {L"RemoveApplicationVolResyncList: Enter", L"VTFltInitBitmapManager: SUCCESS", Cause::Rewritten},
+    {L"ReplicateVerifyList: Enter",
+     {L"ReplicateVerifyList: SUCCESS", L"ReplicateVerifyListFailed"},
+     true,
+     Cause::TrackingLost},
+    {L"UnregisterApplication: Unregistering",
+     {L"UnregisterApplication: SUCCESS", L"UnregisterApplication: Failed"},
+     false,
+     Cause::Unregistered},
+    {L"RegisterApplication: Registering",
+     {L"RegisterApplication: SUCCESS", L"RegisterApplication: Failed"},
+     false,
+     Cause::RegisteredInDoubt},
+    {L"RemoveApplicationVolResyncList: Enter",
+     {L"RemoveApplicationVolResyncListFailed", L"RemoveApplicationVolResyncListThe"},
+     false,
+     Cause::Rewritten},
 }};
+
+bool Ends(const Operation& operation, std::wstring_view message)
+{
+    return message.starts_with(operation.ends[0]) || message.starts_with(operation.ends[1]);
+}
 
 bool IsBitmapFailure(const Entry& entry)
 {
@@ -187,14 +205,16 @@ Evidence VerifyStory::Explain(const MergedEntry& merged, const Thread& thread) c
         evidence.records.assign(at.base(), thread.recent.end());
     } else {
         // An operation that has begun and not ended.
+        bool wroteAnother = false;
         for (; at != thread.recent.rend() && evidence.records.empty(); ++at) {
             const std::wstring_view message = at->entry.Message();
+            wroteAnother = wroteAnother || message.starts_with(LIST_WRITTEN);
             const auto operation = std::find_if(OPERATIONS.begin(), OPERATIONS.end(), [&](const Operation& o) {
-                return message.starts_with(o.start) || message.starts_with(o.ends);
+                return message.starts_with(o.start) || Ends(o, message);
             });
             if (operation == OPERATIONS.end())
                 continue;
-            if (!message.starts_with(operation->start))
+            if (Ends(*operation, message) || (wroteAnother && !operation->manyLists))
                 break;
             evidence.cause = operation->cause;
             evidence.records.push_back(*at);

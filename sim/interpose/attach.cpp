@@ -3,6 +3,7 @@
 #include "interpose/calls.h"
 #include "interpose/handles.h"
 #include "interpose/hooks.h"
+#include "interpose/imports.h"
 
 #include <algorithm>
 #include <mutex>
@@ -40,22 +41,6 @@ bool WritePointer(void** place, void* value)
     return true;
 }
 
-template <class T>
-T* At(HMODULE base, DWORD offset)
-{
-    return reinterpret_cast<T*>(reinterpret_cast<BYTE*>(base) + offset);
-}
-
-const IMAGE_IMPORT_DESCRIPTOR* Imports(HMODULE base)
-{
-    const auto* dos = At<IMAGE_DOS_HEADER>(base, 0);
-    if (dos->e_magic != IMAGE_DOS_SIGNATURE)
-        return nullptr;
-    const auto* headers = At<IMAGE_NT_HEADERS>(base, static_cast<DWORD>(dos->e_lfanew));
-    const auto& directory = headers->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
-    return directory.VirtualAddress != 0 ? At<IMAGE_IMPORT_DESCRIPTOR>(base, directory.VirtualAddress) : nullptr;
-}
-
 // Redirects one import, when it is one of ours. A passed function must be the same in all modules, for it is
 // called through the first one's address.
 bool RedirectSlot(const char* name, void** place, Module& module)
@@ -76,21 +61,8 @@ bool RedirectSlot(const char* name, void** place, Module& module)
 
 bool Redirect(Module& module)
 {
-    for (const auto* import = Imports(module.base); import != nullptr && import->Name != 0; ++import) {
-        if (import->OriginalFirstThunk == 0)
-            continue; // names are gone; such modules are not made by today's linkers
-        const auto* names = At<IMAGE_THUNK_DATA>(module.base, import->OriginalFirstThunk);
-        auto* places = At<IMAGE_THUNK_DATA>(module.base, import->FirstThunk);
-        for (; names->u1.AddressOfData != 0; ++names, ++places) {
-            if (IMAGE_SNAP_BY_ORDINAL(names->u1.Ordinal))
-                continue;
-            const auto* byName = At<IMAGE_IMPORT_BY_NAME>(module.base, static_cast<DWORD>(names->u1.AddressOfData));
-            if (!RedirectSlot(reinterpret_cast<const char*>(byName->Name),
-                              reinterpret_cast<void**>(&places->u1.Function), module))
-                return false;
-        }
-    }
-    return true;
+    return ForEachImport(module.base,
+                         [&](const char* name, void** place) { return RedirectSlot(name, place, module); });
 }
 
 bool IsLoadedAt(HMODULE base)

@@ -78,6 +78,10 @@ struct Passed<H, F, R (*)(A...)> {
     }
 };
 
+// Some C run-times declare their functions as not throwing.
+template <Hook H, Fails F, class R, class... A>
+struct Passed<H, F, R (*)(A...) noexcept> : Passed<H, F, R (*)(A...)> {};
+
 template <Hook H>
 constexpr Fails FailureOf()
 {

@@ -83,7 +83,7 @@ model::Reply Machine::AskSnapshot(DWORD number, const model::Request& request)
     model::Reply reply;
     model::SnapshotRecord* snapshot = FindSnapshotRecord(number);
     Snapshot* mapped = nullptr;
-    reply.status = snapshot == nullptr ? ERROR_NO_SUCH_DEVICE : MapSnapshot(*snapshot, mapped);
+    reply.status = snapshot == nullptr ? ERROR_DEVICE_GONE : MapSnapshot(*snapshot, mapped);
     if (reply.status != 0)
         return reply;
     return model::AnswerSnapshot(record(), *snapshot, mapped->contents.maps, request);
@@ -131,13 +131,13 @@ DWORD Machine::Length(const Endpoint& endpoint, std::uint64_t& length)
     if (endpoint.kind == Endpoint::Kind::Snapshot) {
         const model::SnapshotRecord* snapshot = FindSnapshotRecord(endpoint.number);
         length = snapshot != nullptr ? snapshot->length : 0;
-        return snapshot != nullptr ? 0 : ERROR_NO_SUCH_DEVICE;
+        return snapshot != nullptr ? 0 : ERROR_DEVICE_GONE;
     }
     if (endpoint.kind != Endpoint::Kind::Volume)
         return ERROR_INVALID_FUNCTION;
     const model::VolumeRecord* volume = FindRecord(endpoint.serial);
     length = volume != nullptr ? volume->length : 0;
-    return volume != nullptr ? 0 : ERROR_NO_SUCH_DEVICE;
+    return volume != nullptr ? 0 : ERROR_DEVICE_GONE;
 }
 
 DWORD Machine::Read(const Endpoint& endpoint, std::uint64_t offset, void* data, DWORD length)

@@ -35,6 +35,6 @@ struct Machine::Snapshot {
     model::SnapshotContents contents;
 };
 
-inline constexpr DWORD ERROR_NO_SUCH_DEVICE = ERROR_DEV_NOT_EXIST; // the volume or snapshot is gone
+inline constexpr DWORD ERROR_DEVICE_GONE = ERROR_DEV_NOT_EXIST; // the volume or snapshot is gone
 
 } // namespace vtfltsim

@@ -114,7 +114,7 @@ DWORD Machine::DeleteSnapshot(DWORD number)
     const Lock lock(*this);
     model::SnapshotRecord* snapshot = FindSnapshotRecord(number);
     if (snapshot == nullptr)
-        return ERROR_NO_SUCH_DEVICE;
+        return ERROR_DEVICE_GONE;
     DropSnapshot(*snapshot);
     return 0;
 }
@@ -124,7 +124,7 @@ DWORD Machine::FillSnapshotInfo(DWORD number, VTFLTSIM_SNAPSHOT_INFO& info)
     const Lock lock(*this);
     model::SnapshotRecord* snapshot = FindSnapshotRecord(number);
     if (snapshot == nullptr)
-        return ERROR_NO_SUCH_DEVICE;
+        return ERROR_DEVICE_GONE;
     Snapshot* mapped = nullptr;
     const DWORD code = MapSnapshot(*snapshot, mapped);
     if (code != 0)
@@ -163,7 +163,7 @@ DWORD Machine::WithSnapshot(
     model::SnapshotRecord* snapshot = FindSnapshotRecord(number);
     model::VolumeRecord* volume = snapshot != nullptr ? FindRecord(snapshot->volumeSerial) : nullptr;
     if (volume == nullptr)
-        return ERROR_NO_SUCH_DEVICE;
+        return ERROR_DEVICE_GONE;
     Volume* mappedVolume = nullptr;
     Snapshot* mapped = nullptr;
     DWORD code = MapVolume(*volume, mappedVolume);

@@ -86,7 +86,7 @@ DWORD Machine::WithVolume(std::uint32_t serial, const std::function<DWORD(model:
     model::VolumeRecord* volume = FindRecord(serial);
     if (volume == nullptr) {
         m_volumes.erase(serial);
-        return ERROR_NO_SUCH_DEVICE;
+        return ERROR_DEVICE_GONE;
     }
     Volume* mapped = nullptr;
     const DWORD code = MapVolume(*volume, mapped);
@@ -144,7 +144,7 @@ DWORD Machine::RemoveVolume(std::uint32_t serial)
     const Lock lock(*this);
     model::VolumeRecord* volume = FindRecord(serial);
     if (volume == nullptr)
-        return ERROR_NO_SUCH_DEVICE;
+        return ERROR_DEVICE_GONE;
     for (auto& snapshot : record().snapshots) {
         if (snapshot.inUse != 0 && snapshot.volumeSerial == serial)
             DropSnapshot(snapshot);
@@ -338,7 +338,7 @@ DWORD Machine::ChangeVolume(std::uint32_t serial, const std::function<bool(model
     const Lock lock(*this);
     model::VolumeRecord* volume = FindRecord(serial);
     if (volume == nullptr)
-        return ERROR_NO_SUCH_DEVICE;
+        return ERROR_DEVICE_GONE;
     if (!change(*volume))
         return ERROR_INVALID_PARAMETER;
     ++record().tableVersion;

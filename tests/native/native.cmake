@@ -30,3 +30,5 @@ add_test(NAME ${VT_CONFIGURATION}.vtlog_core_tests COMMAND vtlog_core_tests --gt
 add_test(NAME ${VT_CONFIGURATION}.lnav_format
     COMMAND bash "${CMAKE_CURRENT_SOURCE_DIR}/tools/lnav/check_lnav.sh"
         "${PROJECT_SOURCE_DIR}/tools/vtlog/lnav/vtfltmgr_log.json" "${CMAKE_CURRENT_SOURCE_DIR}/tools/lnav/sample.log")
+
+include(double/double.cmake)

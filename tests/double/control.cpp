@@ -1,0 +1,86 @@
+#include "double/control.h"
+
+#include "double/file_system.h"
+
+#include <cstdio>
+#include <sys/resource.h>
+
+using namespace vtdouble;
+
+namespace {
+
+std::size_t DropUnsynced(Node& node)
+{
+    std::size_t dropped = 0;
+    if (node.contents != nullptr && node.contents->HasUnsynced()) {
+        node.contents->DropUnsynced();
+        ++dropped;
+    }
+    for (const auto& [name, child] : node.children)
+        dropped += DropUnsynced(*child);
+    return dropped;
+}
+
+// Each file of the double is an open file of the host.
+void AllowManyFiles()
+{
+    rlimit limit = {};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+} // namespace
+
+int DoubleRun(const char* imageFolder, int argc, char** argv, unsigned long long seed)
+{
+    AllowManyFiles();
+    SetImageFolder(imageFolder);
+    Seed(seed);
+    Text line;
+    for (int i = 0; i < argc; ++i)
+        line += (i != 0 ? L" \"" : L"\"") + Widen(argv[i]) + L"\"";
+    DWORD error = 0;
+    Process* const first = MakeProcess(Widen(argv[0]), line, nullptr, error);
+    if (first == nullptr)
+        Die("there is no program %s in %s", argv[0], imageFolder);
+    first->environment[L"TEMP"] = L"C:\\users\\tester\\Temp";
+    RunWorld(*first);
+    return static_cast<int>(first->object->exitCode);
+}
+
+void DoubleSeed(std::uint64_t seed)
+{
+    Seed(seed);
+}
+
+DoubleOpen DoubleCountOpen()
+{
+    const Process& process = CurrentProcess();
+    DoubleOpen open = {};
+    for (const auto& [value, entry] : process.handles)
+        ++(entry.isKey ? open.keys : open.handles);
+    open.views = process.views.size();
+    open.ownedMutexes = Current().owned.size();
+    open.badCloses = process.badCloses;
+    return open;
+}
+
+void DoubleListOpen()
+{
+    for (const auto& [value, entry] : CurrentProcess().handles)
+        std::fprintf(stderr, "open: %s '%s'\n", entry.object->kind(), Narrow(entry.object->name).c_str());
+    for (const auto& [address, view] : CurrentProcess().views)
+        std::fprintf(stderr, "open: view of %zu bytes '%s'\n", view.size, Narrow(view.name).c_str());
+}
+
+std::size_t DoubleDropUnsynced()
+{
+    return DropUnsynced(*RootFolder());
+}
+
+std::uint64_t DoubleTime()
+{
+    return Now() / 1'000'000;
+}

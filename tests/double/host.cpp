@@ -1,0 +1,26 @@
+// Runs a test program on the double:
+//
+//     double_host [--seed=N] PROGRAM.exe [argument...]
+//
+// The program stands beside this one as PROGRAM.p0000.exe.
+#include "double/control.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+int main(int argc, char** argv)
+{
+    int at = 1;
+    unsigned long long seed = 0;
+    if (at < argc && std::strncmp(argv[at], "--seed=", 7) == 0)
+        seed = std::strtoull(argv[at++] + 7, nullptr, 0);
+    if (at == argc) {
+        std::fputs("double_host [--seed=N] PROGRAM.exe [argument...]\n", stderr);
+        return 2;
+    }
+    std::string self = argv[0];
+    const std::size_t slash = self.rfind('/');
+    return DoubleRun(slash == std::string::npos ? "." : self.substr(0, slash).c_str(), argc - at, argv + at, seed);
+}

@@ -1,0 +1,90 @@
+// The imports of a module of the double: the slots through which it calls what other modules export.
+#include "interpose/imports.h"
+
+#include <link.h>
+
+namespace vtfltsim {
+
+namespace {
+
+struct Search {
+    ElfW(Addr) base;
+    const ElfW(Dyn)* dynamic = nullptr;
+};
+
+int FindDynamic(dl_phdr_info* info, std::size_t, void* data)
+{
+    auto& search = *static_cast<Search*>(data);
+    if (info->dlpi_addr != search.base)
+        return 0;
+    for (ElfW(Half) i = 0; i < info->dlpi_phnum; ++i) {
+        if (info->dlpi_phdr[i].p_type == PT_DYNAMIC)
+            search.dynamic = reinterpret_cast<const ElfW(Dyn)*>(info->dlpi_addr + info->dlpi_phdr[i].p_vaddr);
+    }
+    return 1;
+}
+
+struct Tables {
+    const ElfW(Sym)* symbols = nullptr;
+    const char* names = nullptr;
+    const ElfW(Rela)* relocations[2] = {};
+    std::size_t bytes[2] = {};
+};
+
+Tables ReadTables(const ElfW(Dyn)* dynamic)
+{
+    Tables tables;
+    for (; dynamic->d_tag != DT_NULL; ++dynamic) {
+        switch (dynamic->d_tag) {
+        case DT_SYMTAB:
+            tables.symbols = reinterpret_cast<const ElfW(Sym)*>(dynamic->d_un.d_ptr);
+            break;
+        case DT_STRTAB:
+            tables.names = reinterpret_cast<const char*>(dynamic->d_un.d_ptr);
+            break;
+        case DT_JMPREL:
+            tables.relocations[0] = reinterpret_cast<const ElfW(Rela)*>(dynamic->d_un.d_ptr);
+            break;
+        case DT_PLTRELSZ:
+            tables.bytes[0] = dynamic->d_un.d_val;
+            break;
+        case DT_RELA:
+            tables.relocations[1] = reinterpret_cast<const ElfW(Rela)*>(dynamic->d_un.d_ptr);
+            break;
+        case DT_RELASZ:
+            tables.bytes[1] = dynamic->d_un.d_val;
+            break;
+        default:
+            break;
+        }
+    }
+    return tables;
+}
+
+} // namespace
+
+bool ForEachImport(HMODULE module, const std::function<bool(const char* name, void** place)>& visit)
+{
+    Search search{reinterpret_cast<ElfW(Addr)>(module)};
+    dl_iterate_phdr(FindDynamic, &search);
+    if (search.dynamic == nullptr)
+        return true;
+    const Tables tables = ReadTables(search.dynamic);
+    for (int table = 0; table < 2; ++table) {
+        const std::size_t count = tables.bytes[table] / sizeof(ElfW(Rela));
+        for (std::size_t i = 0; i < count; ++i) {
+            const ElfW(Rela)& relocation = tables.relocations[table][i];
+            const auto type = ELF64_R_TYPE(relocation.r_info);
+            if (type != R_X86_64_JUMP_SLOT && type != R_X86_64_GLOB_DAT)
+                continue;
+            const ElfW(Sym)& symbol = tables.symbols[ELF64_R_SYM(relocation.r_info)];
+            if (symbol.st_shndx != SHN_UNDEF)
+                continue;
+            if (!visit(tables.names + symbol.st_name, reinterpret_cast<void**>(search.base + relocation.r_offset)))
+                return false;
+        }
+    }
+    return true;
+}
+
+} // namespace vtfltsim

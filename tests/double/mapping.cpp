@@ -1,0 +1,203 @@
+#include "double/mapping.h"
+
+#include "double/api.h"
+#include "double/file_system.h"
+
+#include <algorithm>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace vtdouble {
+
+Contents::~Contents()
+{
+    if (m_file >= 0)
+        close(m_file);
+}
+
+bool Contents::Ready()
+{
+    if (m_file < 0)
+        m_file = memfd_create("double", MFD_CLOEXEC);
+    return m_file >= 0;
+}
+
+std::size_t Contents::Read(std::uint64_t offset, void* data, std::size_t length) const
+{
+    if (m_file < 0 || offset >= m_size)
+        return 0;
+    const ssize_t got = pread(m_file, data, length, static_cast<off_t>(offset));
+    return got > 0 ? static_cast<std::size_t>(got) : 0;
+}
+
+void Contents::Remember(std::uint64_t offset, std::uint64_t end)
+{
+    end = std::min(end, m_syncedSize);
+    for (std::uint64_t page = offset / PAGE; page * PAGE < end; ++page) {
+        auto [place, fresh] = m_before.try_emplace(page);
+        if (!fresh)
+            continue;
+        place->second.resize(PAGE);
+        place->second.resize(Read(page * PAGE, place->second.data(), PAGE));
+    }
+}
+
+bool Contents::Write(std::uint64_t offset, const void* data, std::size_t length)
+{
+    if (length == 0)
+        return true;
+    if (!Ready())
+        return false;
+    Remember(offset, offset + length);
+    if (pwrite(m_file, data, length, static_cast<off_t>(offset)) != static_cast<ssize_t>(length))
+        return false;
+    m_size = std::max(m_size, offset + length);
+    return true;
+}
+
+bool Contents::Resize(std::uint64_t size)
+{
+    if (size == m_size)
+        return true;
+    if (!Ready())
+        return false;
+    if (size < m_size)
+        Remember(size, m_size);
+    if (ftruncate(m_file, static_cast<off_t>(size)) != 0)
+        return false;
+    m_size = size;
+    return true;
+}
+
+void* Contents::Map(std::uint64_t offset, std::size_t length, bool writable, bool copies)
+{
+    if (!Ready())
+        return nullptr;
+    void* const view = mmap(nullptr, length, PROT_READ | (writable || copies ? PROT_WRITE : 0),
+                            copies ? MAP_PRIVATE : MAP_SHARED, m_file, static_cast<off_t>(offset));
+    return view != MAP_FAILED ? view : nullptr;
+}
+
+void Contents::Sync()
+{
+    m_before.clear();
+    m_syncedSize = m_size;
+}
+
+void Contents::DropUnsynced()
+{
+    if (m_file < 0)
+        return;
+    const auto before = std::move(m_before);
+    m_before.clear();
+    if (ftruncate(m_file, static_cast<off_t>(m_syncedSize)) != 0)
+        Die("contents could not be put back");
+    m_size = m_syncedSize;
+    for (const auto& [page, bytes] : before) {
+        if (pwrite(m_file, bytes.data(), bytes.size(), static_cast<off_t>(page * PAGE)) !=
+            static_cast<ssize_t>(bytes.size()))
+            Die("contents could not be put back");
+    }
+}
+
+std::shared_ptr<Mapping> Mapping::Make(HANDLE file, DWORD protection, std::uint64_t size)
+{
+    protection &= 0xFF;
+    const bool writable = protection == PAGE_READWRITE || protection == PAGE_EXECUTE_READWRITE;
+    if (!writable && protection != PAGE_READONLY && protection != PAGE_WRITECOPY)
+        return Failed<std::shared_ptr<Mapping>>(ERROR_INVALID_PARAMETER, nullptr);
+    auto mapping = std::make_shared<Mapping>();
+    mapping->writable = writable;
+    mapping->size = size;
+    if (file == INVALID_HANDLE_VALUE) {
+        if (size == 0)
+            return Failed<std::shared_ptr<Mapping>>(ERROR_INVALID_PARAMETER, nullptr);
+        mapping->contents = std::make_shared<Contents>();
+        mapping->contents->Resize(size);
+        return mapping;
+    }
+    const auto open = CurrentProcess().Get<OpenedFile>(file, writable ? FILE_READ_DATA | FILE_WRITE_DATA : FILE_READ_DATA);
+    if (open == nullptr)
+        return nullptr;
+    mapping->contents = open->node->contents;
+    if (size == 0)
+        mapping->size = mapping->contents->size();
+    if (mapping->size == 0)
+        return Failed<std::shared_ptr<Mapping>>(ERROR_FILE_INVALID, nullptr);
+    if (mapping->size > mapping->contents->size()) {
+        if (!writable)
+            return Failed<std::shared_ptr<Mapping>>(ERROR_NOT_ENOUGH_MEMORY, nullptr);
+        mapping->contents->Resize(mapping->size);
+    }
+    return mapping;
+}
+
+} // namespace vtdouble
+
+using namespace vtdouble;
+
+DOUBLE_API LPVOID WINAPI MapViewOfFile(HANDLE handle, DWORD access, DWORD high, DWORD low, SIZE_T length)
+{
+    const Entry entry;
+    const bool copies = access == FILE_MAP_COPY;
+    const bool writable = (access & FILE_MAP_WRITE) != 0 && !copies;
+    const auto mapping = CurrentProcess().Get<Mapping>(handle, writable ? FILE_MAP_WRITE : FILE_MAP_READ);
+    if (mapping == nullptr)
+        return nullptr;
+    if (writable && !mapping->writable)
+        return Failed<LPVOID>(ERROR_ACCESS_DENIED, nullptr);
+    const std::uint64_t offset = (static_cast<std::uint64_t>(high) << 32) | low;
+    if (offset % 65536 != 0)
+        return Failed<LPVOID>(ERROR_MAPPED_ALIGNMENT, nullptr);
+    if (offset >= mapping->size || length > mapping->size - offset)
+        return Failed<LPVOID>(ERROR_ACCESS_DENIED, nullptr);
+    if (length == 0)
+        length = mapping->size - offset;
+    void* const view = mapping->contents->Map(offset, length, writable, copies);
+    if (view == nullptr)
+        return Failed<LPVOID>(ERROR_NOT_ENOUGH_MEMORY, nullptr);
+    CurrentProcess().views[view] = View{length, mapping->name};
+    return view;
+}
+
+DOUBLE_API BOOL WINAPI UnmapViewOfFile(LPCVOID address)
+{
+    const Entry entry;
+    auto& views = CurrentProcess().views;
+    const auto found = views.find(address);
+    if (found == views.end())
+        return Failed(ERROR_INVALID_ADDRESS, FALSE);
+    munmap(const_cast<void*>(address), found->second.size);
+    views.erase(found);
+    return TRUE;
+}
+
+DOUBLE_API BOOL WINAPI FlushViewOfFile(LPCVOID address, SIZE_T)
+{
+    const Entry entry;
+    return CurrentProcess().views.count(address) != 0 ? TRUE : Failed(ERROR_INVALID_ADDRESS, FALSE);
+}
+
+DOUBLE_API SIZE_T WINAPI VirtualQuery(LPCVOID address, PMEMORY_BASIC_INFORMATION information, SIZE_T length)
+{
+    const Entry entry;
+    constexpr std::uintptr_t PAGE_MASK = 4095;
+    if (length < sizeof(*information))
+        return Failed<SIZE_T>(ERROR_BAD_LENGTH, 0);
+    for (const auto& [base, view] : CurrentProcess().views) {
+        const auto start = reinterpret_cast<std::uintptr_t>(base);
+        const auto at = reinterpret_cast<std::uintptr_t>(address);
+        const std::uintptr_t end = (start + view.size + PAGE_MASK) & ~PAGE_MASK;
+        if (at < start || at >= end)
+            continue;
+        *information = {};
+        information->AllocationBase = const_cast<void*>(base);
+        information->BaseAddress = reinterpret_cast<void*>(at & ~PAGE_MASK);
+        information->RegionSize = end - (at & ~PAGE_MASK);
+        information->State = MEM_COMMIT;
+        information->Protect = PAGE_READWRITE;
+        information->Type = MEM_MAPPED;
+        return sizeof(*information);
+    }
+    return Failed<SIZE_T>(ERROR_INVALID_PARAMETER, 0);
+}

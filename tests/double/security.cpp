@@ -1,0 +1,402 @@
+// Security descriptors and what they grant. There is one user; every entry of a list that allows or denies speaks of
+// that user, but for entries of groups it is not in.
+#include "double/api.h"
+#include "double/file_system.h"
+
+#include <aclapi.h>
+#include <sddl.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+namespace vtdouble {
+
+namespace {
+
+struct AceHead {
+    ACE_HEADER header;
+    ACCESS_MASK mask;
+    SID sid;
+};
+
+bool SpeaksOfUser(const SID& sid)
+{
+    const BYTE authority = sid.IdentifierAuthority.Value[5];
+    if (authority == 1) // everyone
+        return true;
+    // Authenticated users; the administrators and users of the machine.
+    if (authority != 5)
+        return false;
+    return sid.SubAuthority[0] == 11 || sid.SubAuthority[0] == 32;
+}
+
+template <class F>
+void ForEachAce(const ACL& list, F visit)
+{
+    const auto* at = reinterpret_cast<const BYTE*>(&list) + sizeof(ACL);
+    for (WORD i = 0; i < list.AceCount; ++i) {
+        const auto* ace = reinterpret_cast<const AceHead*>(at);
+        visit(*ace);
+        at += ace->header.AceSize;
+    }
+}
+
+// Rights of a whole class of objects, for masks that name generic ones.
+DWORD Specific(DWORD mask)
+{
+    if ((mask & (GENERIC_ALL | GENERIC_READ | GENERIC_WRITE)) == 0)
+        return mask;
+    DWORD specific = mask & ~(GENERIC_ALL | GENERIC_READ | GENERIC_WRITE | GENERIC_EXECUTE);
+    if ((mask & GENERIC_ALL) != 0)
+        return 0x1FFFFF;
+    if ((mask & GENERIC_READ) != 0)
+        specific |= FILE_GENERIC_READ | KEY_READ;
+    if ((mask & GENERIC_WRITE) != 0)
+        specific |= FILE_GENERIC_WRITE | KEY_WRITE;
+    return specific;
+}
+
+Security SecurityOfList(const ACL* list)
+{
+    Security security;
+    if (list == nullptr)
+        return security;
+    security.restricted = true;
+    DWORD denied = 0;
+    ForEachAce(*list, [&](const AceHead& ace) {
+        if (!SpeaksOfUser(ace.sid))
+            return;
+        if (ace.header.AceType == ACCESS_DENIED_ACE_TYPE)
+            denied |= Specific(ace.mask) & ~security.granted;
+        else if (ace.header.AceType == ACCESS_ALLOWED_ACE_TYPE)
+            security.granted |= Specific(ace.mask) & ~denied;
+    });
+    return security;
+}
+
+// Memory that the caller frees with LocalFree.
+template <class T>
+T* Allocate(std::size_t size = sizeof(T))
+{
+    return static_cast<T*>(std::calloc(1, size));
+}
+
+struct KnownSid {
+    const wchar_t* name;
+    BYTE authority;
+    DWORD parts[2];
+    BYTE count;
+};
+constexpr KnownSid KNOWN_SIDS[] = {{L"WD", 1, {0, 0}, 1},     {L"AU", 5, {11, 0}, 1}, {L"SY", 5, {18, 0}, 1},
+                                   {L"BA", 5, {32, 544}, 2}, {L"BU", 5, {32, 545}, 2}};
+
+bool ParseUnsigned(TextView text, DWORD& value)
+{
+    const bool hexadecimal = text.starts_with(L"0x") || text.starts_with(L"0X");
+    std::uint64_t number = 0;
+    if (hexadecimal)
+        text.remove_prefix(2);
+    if (text.empty() || text.size() > 10)
+        return false;
+    for (const wchar_t character : text) {
+        const wchar_t upper = Upper(character);
+        unsigned digit = 99;
+        if (upper >= L'0' && upper <= L'9')
+            digit = static_cast<unsigned>(upper - L'0');
+        else if (hexadecimal && upper >= L'A' && upper <= L'F')
+            digit = static_cast<unsigned>(upper - L'A') + 10;
+        if (digit == 99)
+            return false;
+        number = number * (hexadecimal ? 16 : 10) + digit;
+    }
+    value = static_cast<DWORD>(number);
+    return number <= 0xFFFFFFFFu;
+}
+
+std::vector<TextView> SplitAt(TextView text, wchar_t separator)
+{
+    std::vector<TextView> parts;
+    for (;;) {
+        const std::size_t end = text.find(separator);
+        parts.push_back(text.substr(0, end));
+        if (end == TextView::npos)
+            return parts;
+        text.remove_prefix(end + 1);
+    }
+}
+
+SID* ParseSid(TextView text)
+{
+    for (const KnownSid& known : KNOWN_SIDS) {
+        if (text != known.name)
+            continue;
+        auto* sid = Allocate<SID>(GetSidLengthRequired(8));
+        sid->Revision = SID_REVISION;
+        sid->SubAuthorityCount = known.count;
+        sid->IdentifierAuthority.Value[5] = known.authority;
+        for (BYTE i = 0; i < known.count; ++i)
+            sid->SubAuthority[i] = known.parts[i];
+        return sid;
+    }
+    const auto parts = SplitAt(text, L'-');
+    DWORD number = 0;
+    if (parts.size() < 4 || parts.size() > 11 || parts[0] != L"S" || !ParseUnsigned(parts[1], number) || number != 1 ||
+        !ParseUnsigned(parts[2], number) || number > 255)
+        return nullptr;
+    auto* sid = Allocate<SID>(GetSidLengthRequired(8));
+    sid->Revision = SID_REVISION;
+    sid->IdentifierAuthority.Value[5] = static_cast<BYTE>(number);
+    for (std::size_t i = 3; i < parts.size(); ++i) {
+        if (!ParseUnsigned(parts[i], sid->SubAuthority[sid->SubAuthorityCount++])) {
+            std::free(sid);
+            return nullptr;
+        }
+    }
+    return sid;
+}
+
+struct NewAce {
+    BYTE type;
+    BYTE flags;
+    DWORD mask;
+    std::vector<BYTE> sid;
+};
+
+std::vector<BYTE> SidBytes(const void* sid)
+{
+    const auto* bytes = static_cast<const BYTE*>(sid);
+    return {bytes, bytes + GetLengthSid(const_cast<void*>(sid))};
+}
+
+ACL* MakeList(const std::vector<NewAce>& aces)
+{
+    std::size_t size = sizeof(ACL);
+    for (const NewAce& ace : aces)
+        size += sizeof(ACE_HEADER) + sizeof(ACCESS_MASK) + ace.sid.size();
+    auto* list = Allocate<ACL>(size);
+    list->AclRevision = ACL_REVISION;
+    list->AclSize = static_cast<WORD>(size);
+    list->AceCount = static_cast<WORD>(aces.size());
+    auto* at = reinterpret_cast<BYTE*>(list) + sizeof(ACL);
+    for (const NewAce& ace : aces) {
+        const ACE_HEADER header = {ace.type, ace.flags,
+                                   static_cast<WORD>(sizeof(ACE_HEADER) + sizeof(ACCESS_MASK) + ace.sid.size())};
+        std::memcpy(at, &header, sizeof(header));
+        std::memcpy(at + sizeof(header), &ace.mask, sizeof(ace.mask));
+        std::memcpy(at + sizeof(header) + sizeof(ace.mask), ace.sid.data(), ace.sid.size());
+        at += header.AceSize;
+    }
+    return list;
+}
+
+bool ParseMask(TextView text, DWORD& mask)
+{
+    if (text == L"GA")
+        mask = GENERIC_ALL;
+    else if (text == L"GR")
+        mask = GENERIC_READ;
+    else if (text == L"GW")
+        mask = GENERIC_WRITE;
+    else
+        return ParseUnsigned(text, mask);
+    return true;
+}
+
+// (A;;0x00100000;;;WD)...; false when it cannot be read.
+bool ParseList(TextView text, std::vector<NewAce>& aces)
+{
+    while (!text.empty()) {
+        const std::size_t end = text.find(L')');
+        if (text.front() != L'(' || end == TextView::npos)
+            return false;
+        const auto fields = SplitAt(text.substr(1, end - 1), L';');
+        text.remove_prefix(end + 1);
+        NewAce ace = {};
+        if (fields.size() != 6 || (fields[0] != L"A" && fields[0] != L"D") || !ParseMask(fields[2], ace.mask))
+            return false;
+        ace.type = fields[0] == L"A" ? ACCESS_ALLOWED_ACE_TYPE : ACCESS_DENIED_ACE_TYPE;
+        SID* const sid = ParseSid(fields[5]);
+        if (sid == nullptr)
+            return false;
+        ace.sid = SidBytes(sid);
+        std::free(sid);
+        aces.push_back(std::move(ace));
+    }
+    return true;
+}
+
+} // namespace
+
+Security SecurityOf(const SECURITY_ATTRIBUTES* attributes)
+{
+    if (attributes == nullptr || attributes->lpSecurityDescriptor == nullptr)
+        return {};
+    const auto& descriptor = *static_cast<const SECURITY_DESCRIPTOR*>(attributes->lpSecurityDescriptor);
+    if ((descriptor.Control & SE_DACL_PRESENT) == 0)
+        return {};
+    return SecurityOfList(descriptor.Dacl);
+}
+
+} // namespace vtdouble
+
+using namespace vtdouble;
+
+DOUBLE_API HLOCAL WINAPI LocalAlloc(UINT flags, SIZE_T size)
+{
+    return (flags & LMEM_ZEROINIT) != 0 ? std::calloc(1, size != 0 ? size : 1) : std::malloc(size != 0 ? size : 1);
+}
+
+DOUBLE_API HLOCAL WINAPI LocalFree(HLOCAL memory)
+{
+    std::free(memory);
+    return nullptr;
+}
+
+DOUBLE_API DWORD WINAPI GetSidLengthRequired(UCHAR count)
+{
+    return static_cast<DWORD>(sizeof(SID) - sizeof(DWORD) + count * sizeof(DWORD));
+}
+
+DOUBLE_API DWORD WINAPI GetLengthSid(PSID sid)
+{
+    return GetSidLengthRequired(static_cast<const SID*>(sid)->SubAuthorityCount);
+}
+
+DOUBLE_API BOOL WINAPI InitializeSecurityDescriptor(PSECURITY_DESCRIPTOR descriptor, DWORD revision)
+{
+    const Entry entry;
+    if (revision != SECURITY_DESCRIPTOR_REVISION)
+        return Failed(ERROR_UNKNOWN_REVISION, FALSE);
+    auto& target = *static_cast<SECURITY_DESCRIPTOR*>(descriptor);
+    target = {};
+    target.Revision = SECURITY_DESCRIPTOR_REVISION;
+    return TRUE;
+}
+
+DOUBLE_API BOOL WINAPI SetSecurityDescriptorDacl(PSECURITY_DESCRIPTOR descriptor, BOOL present, PACL list, BOOL)
+{
+    const Entry entry;
+    auto& target = *static_cast<SECURITY_DESCRIPTOR*>(descriptor);
+    if (target.Revision != SECURITY_DESCRIPTOR_REVISION)
+        return Failed(ERROR_UNKNOWN_REVISION, FALSE);
+    target.Control = static_cast<SECURITY_DESCRIPTOR_CONTROL>(present ? target.Control | SE_DACL_PRESENT
+                                                                      : target.Control & ~SE_DACL_PRESENT);
+    target.Dacl = present ? list : nullptr;
+    return TRUE;
+}
+
+DOUBLE_API BOOL WINAPI ConvertStringSidToSidW(LPCWSTR text, PSID* sid)
+{
+    const Entry entry;
+    if (text == nullptr || sid == nullptr)
+        return Failed(ERROR_INVALID_PARAMETER, FALSE);
+    *sid = ParseSid(text);
+    return *sid != nullptr ? TRUE : Failed(ERROR_INVALID_SID, FALSE);
+}
+
+DOUBLE_API BOOL WINAPI ConvertStringSecurityDescriptorToSecurityDescriptorW(LPCWSTR text, DWORD, PSECURITY_DESCRIPTOR* result,
+                                                                            PULONG size)
+{
+    const Entry entry;
+    TextView rest = text;
+    std::vector<NewAce> aces;
+    if (!rest.starts_with(L"D:"))
+        return Failed(ERROR_INVALID_PARAMETER, FALSE);
+    rest.remove_prefix(2);
+    if (rest.starts_with(L"P"))
+        rest.remove_prefix(1);
+    if (!ParseList(rest, aces))
+        return Failed(ERROR_INVALID_ACL, FALSE);
+    // One piece of memory, as its user frees it: the descriptor, then its list.
+    ACL* const list = MakeList(aces);
+    const std::size_t whole = sizeof(SECURITY_DESCRIPTOR) + list->AclSize;
+    auto* descriptor = Allocate<SECURITY_DESCRIPTOR>(whole);
+    std::memcpy(descriptor + 1, list, list->AclSize);
+    std::free(list);
+    descriptor->Revision = SECURITY_DESCRIPTOR_REVISION;
+    descriptor->Control = SE_DACL_PRESENT;
+    descriptor->Dacl = reinterpret_cast<ACL*>(descriptor + 1);
+    *result = descriptor;
+    if (size != nullptr)
+        *size = static_cast<ULONG>(whole);
+    return TRUE;
+}
+
+// --- Of files and folders, by their path. The list that was set is what can be got.
+
+DOUBLE_API DWORD WINAPI GetNamedSecurityInfoW(LPWSTR path, SE_OBJECT_TYPE type, SECURITY_INFORMATION, PSID* owner,
+                                              PSID* group, PACL* list, PACL* audit, PSECURITY_DESCRIPTOR* descriptor)
+{
+    const Entry entry;
+    if (type != SE_FILE_OBJECT)
+        return ERROR_INVALID_PARAMETER;
+    const Place place = Resolve(path);
+    if (place.error != 0)
+        return place.error;
+    if (place.node == nullptr)
+        return ERROR_FILE_NOT_FOUND;
+    for (PSID* none : {owner, group}) {
+        if (none != nullptr)
+            *none = nullptr;
+    }
+    if (audit != nullptr)
+        *audit = nullptr;
+    const std::size_t bytes = place.node->accessList.size();
+    auto* made = Allocate<SECURITY_DESCRIPTOR>(sizeof(SECURITY_DESCRIPTOR) + bytes);
+    made->Revision = SECURITY_DESCRIPTOR_REVISION;
+    if (bytes != 0) {
+        std::memcpy(made + 1, place.node->accessList.data(), bytes);
+        made->Control = SE_DACL_PRESENT;
+        made->Dacl = reinterpret_cast<ACL*>(made + 1);
+    }
+    if (list != nullptr)
+        *list = made->Dacl;
+    *descriptor = made;
+    return 0;
+}
+
+DOUBLE_API DWORD WINAPI SetEntriesInAclW(ULONG count, PEXPLICIT_ACCESSW entries, PACL old, PACL* result)
+{
+    const Entry entry;
+    std::vector<NewAce> aces;
+    for (ULONG i = 0; i < count; ++i) {
+        if (entries[i].Trustee.TrusteeForm != TRUSTEE_IS_SID)
+            return ERROR_NOT_SUPPORTED;
+        const bool denies = entries[i].grfAccessMode == DENY_ACCESS;
+        aces.push_back({static_cast<BYTE>(denies ? ACCESS_DENIED_ACE_TYPE : ACCESS_ALLOWED_ACE_TYPE),
+                        static_cast<BYTE>(entries[i].grfInheritance), entries[i].grfAccessPermissions,
+                        SidBytes(entries[i].Trustee.ptstrName)});
+    }
+    if (old != nullptr) {
+        ForEachAce(*old, [&](const AceHead& ace) {
+            aces.push_back({ace.header.AceType, ace.header.AceFlags, ace.mask, SidBytes(&ace.sid)});
+        });
+    }
+    *result = MakeList(aces);
+    return 0;
+}
+
+DOUBLE_API DWORD WINAPI SetNamedSecurityInfoW(LPWSTR path, SE_OBJECT_TYPE type, SECURITY_INFORMATION information, PSID,
+                                              PSID, PACL list, PACL)
+{
+    const Entry entry;
+    if (type != SE_FILE_OBJECT)
+        return ERROR_INVALID_PARAMETER;
+    const Place place = Resolve(path);
+    if (place.error != 0)
+        return place.error;
+    if (place.node == nullptr)
+        return ERROR_FILE_NOT_FOUND;
+    if ((information & DACL_SECURITY_INFORMATION) == 0)
+        return 0;
+    if (list == nullptr) {
+        place.node->accessList.clear();
+        place.node->security = {};
+        return 0;
+    }
+    const auto* bytes = reinterpret_cast<const BYTE*>(list);
+    place.node->accessList.assign(bytes, bytes + list->AclSize);
+    place.node->security = SecurityOfList(list);
+    return 0;
+}

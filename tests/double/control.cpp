@@ -84,3 +84,44 @@ std::uint64_t DoubleTime()
 {
     return Now() / 1'000'000;
 }
+
+namespace {
+
+struct NewThread {
+    void (*run)(void*);
+    void* argument;
+};
+
+std::map<std::uint64_t, std::shared_ptr<ThreadObject>>& Joinable()
+{
+    static auto& threads = *new std::map<std::uint64_t, std::shared_ptr<ThreadObject>>();
+    return threads;
+}
+
+} // namespace
+
+std::uint64_t DoubleStartThread(void (*run)(void*), void* argument)
+{
+    const Entry entry;
+    const auto thread = StartThread(
+        CurrentProcess(),
+        [](void* value) -> DWORD {
+            const std::unique_ptr<NewThread> start(static_cast<NewThread*>(value));
+            start->run(start->argument);
+            return 0;
+        },
+        new NewThread{run, argument}, false);
+    Joinable()[thread->id] = thread;
+    return thread->id;
+}
+
+void DoubleJoinThread(std::uint64_t number)
+{
+    const Entry entry;
+    const auto found = Joinable().find(number);
+    if (found == Joinable().end())
+        Die("a thread is joined that is none");
+    const auto thread = found->second;
+    Joinable().erase(found);
+    WaitFor({thread}, false, INFINITE);
+}

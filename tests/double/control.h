@@ -29,3 +29,7 @@ DOUBLE_CONTROL void DoubleListOpen();
 DOUBLE_CONTROL std::size_t DoubleDropUnsynced();
 // Milliseconds of virtual time since the start.
 DOUBLE_CONTROL std::uint64_t DoubleTime();
+
+// For std::thread: a thread of the calling process, by its number; waiting for its end.
+DOUBLE_CONTROL std::uint64_t DoubleStartThread(void (*run)(void*), void* argument);
+DOUBLE_CONTROL void DoubleJoinThread(std::uint64_t number);

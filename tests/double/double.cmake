@@ -22,7 +22,7 @@ target_include_directories(double_flags SYSTEM INTERFACE "${double_folder}/shim"
 target_link_libraries(double_flags INTERFACE native_flags)
 
 vt_glob(double_sources double/*.cpp)
-list(FILTER double_sources EXCLUDE REGEX "/(host|module_memory|imports)\\.cpp$")
+list(FILTER double_sources EXCLUDE REGEX "/(host|module_memory|module_threads|imports)\\.cpp$")
 add_library(double SHARED ${double_sources} native/wide.c)
 target_include_directories(double PUBLIC "${CMAKE_CURRENT_SOURCE_DIR}")
 target_link_libraries(double PUBLIC double_flags PRIVATE project_warnings)
@@ -32,17 +32,18 @@ add_executable(double_host double/host.cpp)
 target_link_libraries(double_host PRIVATE double project_warnings)
 
 # What every module has in it.
-add_library(double_module OBJECT double/module_memory.cpp native/wide.c)
+add_library(double_module OBJECT double/module_memory.cpp double/module_threads.cpp native/wide.c)
+target_include_directories(double_module PRIVATE "${CMAKE_CURRENT_SOURCE_DIR}")
 target_link_libraries(double_module PUBLIC double_flags)
 
 # vt_add_module(<name> <kind> <source>...): a DLL or program (dll, exe) for the double.
 function(vt_add_module name kind)
     add_library(${name} SHARED ${ARGN})
-    set_target_properties(${name} PROPERTIES PREFIX "" SUFFIX ".${kind}" LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/double")
+    set_target_properties(${name} PROPERTIES PREFIX "" SUFFIX ".${kind}" LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/double"
+        BUILD_RPATH "$ORIGIN") # a copy's modules stand beside it
     target_link_libraries(${name} PRIVATE double_module double)
     target_link_options(${name} PRIVATE
-        "-Wl,--version-script=${double_folder}/module.map" -Wl,-Bsymbolic -Wl,-z,defs -Wl,-z,now -Wl,-z,norelro
-        -Wl,--disable-new-dtags "-Wl,-rpath,$ORIGIN" "-Wl,-rpath,${CMAKE_CURRENT_BINARY_DIR}")
+        "-Wl,--version-script=${double_folder}/module.map" -Wl,-Bsymbolic -Wl,-z,defs -Wl,-z,now -Wl,-z,norelro)
 endfunction()
 
 set_target_properties(double_host PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/double")
@@ -80,7 +81,9 @@ function(vt_add_double_program name way)
         target_link_libraries(${name}.p0000 PRIVATE VTFltMgr.p0000)
         target_compile_definitions(${name}.p0000 PRIVATE VT_TEST_DLL)
     endif()
-    add_dependencies(${name}.p0000 double_host)
+    # Nothing of a shared object calls main; without this the linker leaves GoogleTest's out.
+    target_link_options(${name}.p0000 PRIVATE -Wl,-u,main)
+    add_dependencies(${name}.p0000 double_host cmd.p0000)
 endfunction()
 
 # vt_add_double_test(<name> <program> [<GoogleTest filter>])
@@ -106,6 +109,8 @@ target_include_directories(double_googletest
 target_compile_definitions(double_googletest PUBLIC GTEST_HAS_PTHREAD=0)
 target_link_libraries(double_googletest PUBLIC native_flags)
 target_compile_options(double_googletest PRIVATE -fPIC $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
+
+vt_add_module(cmd.p0000 exe double/programs/cmd.cpp)
 
 vt_glob(support_sources support/*.cpp)
 vt_glob(internal_sources internal/*.cpp)

@@ -391,6 +391,11 @@ void RunWorld(Process& first)
     StartThread(first, nullptr, nullptr, true);
     Give(ChooseNext().baton);
     Hold(S().over);
+    // The destructors of the program's variables run in the host's own thread, and close what they hold.
+    auto& last = *new Thread();
+    last.process = &first;
+    last.object = std::make_shared<ThreadObject>();
+    t_current = &last;
 }
 
 void Die(const char* format, ...)

@@ -42,8 +42,10 @@ function(vt_add_module name kind)
     set_target_properties(${name} PROPERTIES PREFIX "" SUFFIX ".${kind}" LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/double"
         BUILD_RPATH "$ORIGIN") # a copy's modules stand beside it
     target_link_libraries(${name} PRIVATE double_module double)
+    set_target_properties(${name} PROPERTIES LINK_DEPENDS "${double_folder}/module.map")
     target_link_options(${name} PRIVATE
-        "-Wl,--version-script=${double_folder}/module.map" -Wl,-Bsymbolic -Wl,-z,defs -Wl,-z,now -Wl,-z,norelro)
+        "-Wl,--version-script=${double_folder}/module.map" -Wl,-Bsymbolic -Wl,-z,defs -Wl,-z,now -Wl,-z,norelro
+        -Wl,--wrap=malloc,--wrap=calloc,--wrap=realloc,--wrap=free) # see memory.cpp
 endfunction()
 
 set_target_properties(double_host PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/double")

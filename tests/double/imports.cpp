@@ -1,6 +1,7 @@
 // The imports of a module of the double: the slots through which it calls what other modules export.
 #include "interpose/imports.h"
 
+#include <cstring>
 #include <link.h>
 
 namespace vtfltsim {
@@ -61,6 +62,13 @@ Tables ReadTables(const ElfW(Dyn)* dynamic)
     return tables;
 }
 
+// The heap's functions have another name here: see memory.cpp.
+const char* WithoutWrap(const char* name)
+{
+    constexpr char WRAP[] = "__wrap_";
+    return std::strncmp(name, WRAP, sizeof(WRAP) - 1) == 0 ? name + sizeof(WRAP) - 1 : name;
+}
+
 } // namespace
 
 bool ForEachImport(HMODULE module, const std::function<bool(const char* name, void** place)>& visit)
@@ -80,7 +88,7 @@ bool ForEachImport(HMODULE module, const std::function<bool(const char* name, vo
             const ElfW(Sym)& symbol = tables.symbols[ELF64_R_SYM(relocation.r_info)];
             if (symbol.st_shndx != SHN_UNDEF)
                 continue;
-            if (!visit(tables.names + symbol.st_name, reinterpret_cast<void**>(search.base + relocation.r_offset)))
+            if (!visit(WithoutWrap(tables.names + symbol.st_name), reinterpret_cast<void**>(search.base + relocation.r_offset)))
                 return false;
         }
     }

@@ -23,6 +23,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace vtdouble {
@@ -190,6 +191,12 @@ struct Module {
     bool attached = false;
 };
 
+// A piece of the heap that a module asked for.
+struct Allocation {
+    std::size_t size = 0;
+    const void* site = nullptr;
+};
+
 class RegistryKey;
 
 class Process {
@@ -199,11 +206,14 @@ public:
     std::map<std::uintptr_t, HandleEntry> handles;
     std::uintptr_t nextHandle = 4;
     std::map<const void*, View> views;
+    std::unordered_map<std::uintptr_t, Allocation> allocations;
     std::map<Text, Text, std::less<>> environment;
     std::map<HKEY, std::shared_ptr<RegistryKey>> predefinedKeys; // RegOverridePredefKey
     std::set<Thread*> threads;
     std::vector<Module> modules; // the program first
     Text commandLine;
+    std::vector<std::string> arguments;
+    std::vector<char*> argumentPointers;
     Text directory; // C:\x, no end
     std::string suffix; // what its copies of the modules carry in their names
     bool dead = false;
@@ -226,6 +236,9 @@ void AttachModules(Process& process);
 void DetachModules(Process& process, bool processEnds);
 int RunMain(Process& process);
 void UnloadModules(Process& process);
+// What the module of this name has on the process's heap.
+std::size_t CountAllocations(const Process& process, TextView moduleName, std::size_t& bytes);
+void FreeAllocations(Process& process);
 void SetImageFolder(const std::string& folder);
 
 // --- The rest of the system.

@@ -179,6 +179,19 @@ bool IsProgram(const Module& module)
     return module.name.ends_with(L".exe");
 }
 
+// The double stands for all DLLs of the system.
+bool IsSystemModule(TextView name)
+{
+    return EqualNoCase(name, L"kernel32.dll") || EqualNoCase(name, L"kernel32") || EqualNoCase(name, L"advapi32.dll") ||
+           EqualNoCase(name, L"ntdll.dll") || EqualNoCase(name, L"user32.dll");
+}
+
+void* System()
+{
+    static void* const library = dlopen("libdouble.so", RTLD_NOW | RTLD_NOLOAD);
+    return library;
+}
+
 std::vector<std::string> Arguments(TextView line)
 {
     std::vector<std::string> arguments;
@@ -267,9 +280,9 @@ void AttachModules(Process& process)
         Die("%s", dlerror());
     process.modules.clear();
     FindModules(process);
-    OpenModules(process, folder);
     std::stable_partition(process.modules.begin(), process.modules.end(), IsProgram);
     process.modules.front().library = library;
+    OpenModules(process, folder);
     // The deeper ones first: what is needed is found behind whoever needs it.
     for (auto module = process.modules.rbegin(); module != process.modules.rend(); ++module)
         Attach(*module);
@@ -281,12 +294,12 @@ int RunMain(Process& process)
     const auto entry = reinterpret_cast<int (*)(int, char**)>(dlsym(program.library, "main"));
     if (entry == nullptr)
         Die("%s has no main", Narrow(program.name).c_str());
-    std::vector<std::string> arguments = Arguments(process.commandLine);
-    std::vector<char*> pointers;
-    for (std::string& argument : arguments)
-        pointers.push_back(argument.data());
-    pointers.push_back(nullptr);
-    return entry(static_cast<int>(arguments.size()), pointers.data());
+    // In the process: a killed one does not come back here.
+    process.arguments = Arguments(process.commandLine);
+    for (std::string& argument : process.arguments)
+        process.argumentPointers.push_back(argument.data());
+    process.argumentPointers.push_back(nullptr);
+    return entry(static_cast<int>(process.arguments.size()), process.argumentPointers.data());
 }
 
 void DetachModules(Process& process, bool processEnds)
@@ -303,10 +316,15 @@ void UnloadModules(Process& process)
 {
     if (process.suffix == FIRST)
         return; // they stay for the leak check at the end of the host's process
+    std::size_t bytes = 0;
+    const std::size_t left = process.dead ? 0 : CountAllocations(process, L"VTFltMgr.dll", bytes);
+    if (left != 0)
+        Die("process %u ended, and %zu bytes in %zu pieces of its heap are left", process.id, bytes, left);
     for (const Module& module : process.modules) {
         if (module.library != nullptr)
             dlclose(module.library);
     }
+    FreeAllocations(process);
     for (const auto& [address, view] : process.views)
         UnmapViewOfFile(address);
     process.handles.clear();
@@ -454,6 +472,8 @@ DOUBLE_API HMODULE WINAPI GetModuleHandleW(LPCWSTR name)
 {
     const Entry entry;
     const Module* const module = name == nullptr ? &CurrentProcess().modules.front() : FindModule(name);
+    if (module == nullptr && IsSystemModule(name))
+        return static_cast<HMODULE>(System());
     if (module == nullptr)
         return Failed<HMODULE>(ERROR_MOD_NOT_FOUND, nullptr);
     return static_cast<HMODULE>(module->base);
@@ -552,6 +572,11 @@ DOUBLE_API BOOL WINAPI FreeLibrary(HMODULE handle)
 DOUBLE_API FARPROC WINAPI GetProcAddress(HMODULE handle, LPCSTR name)
 {
     const Entry entry;
+    if (static_cast<void*>(handle) == System()) {
+        if (void* const found = dlsym(System(), name))
+            return reinterpret_cast<FARPROC>(found);
+        return Failed<FARPROC>(ERROR_PROC_NOT_FOUND, nullptr);
+    }
     for (const Module& module : CurrentProcess().modules) {
         void* const found = module.base == static_cast<void*>(handle) ? dlsym(module.library, name) : nullptr;
         if (found != nullptr)

@@ -6,6 +6,9 @@
 
 #include "double/mapping.h"
 
+#include <optional>
+#include <utility>
+
 namespace vtdouble {
 
 class OpenedFile;
@@ -34,6 +37,7 @@ public:
     std::set<OpenedFile*> opens;
     bool deletePending = false;
     Security security;
+    std::optional<std::pair<DWORD, DWORD>> version; // of its version resource
     std::vector<BYTE> accessList; // as it was set, for whoever asks for it
 };
 

@@ -256,6 +256,7 @@ R Failed(DWORD error, R result)
 }
 
 wchar_t Upper(wchar_t character);
+wchar_t Lower(wchar_t character);
 Text Upper(TextView text);
 bool EqualNoCase(TextView left, TextView right);
 std::string Narrow(TextView text);

@@ -237,6 +237,7 @@ void SetImageFolder(const std::string& folder)
     I().folder = folder;
     PutFile(Text(IMAGE_FOLDER) + L"\\VTFltMgr.dll", "MZ");
     PutFile(Text(IMAGE_FOLDER) + L"\\VTFltSim.dll", "MZ");
+    RootFolder()->Child(L"double")->Child(L"VTFltMgr.dll")->version = {0x00000001u, 0x00000000u};
     MakeFolders(L"C:\\users\\tester\\Temp");
 }
 

@@ -263,6 +263,24 @@ DOUBLE_API DWORD WINAPI GetLengthSid(PSID sid)
     return GetSidLengthRequired(static_cast<const SID*>(sid)->SubAuthorityCount);
 }
 
+DOUBLE_API BOOL WINAPI EqualSid(PSID left, PSID right)
+{
+    const DWORD length = GetLengthSid(left);
+    return length == GetLengthSid(right) && std::memcmp(left, right, length) == 0;
+}
+
+DOUBLE_API BOOL WINAPI GetAce(PACL list, DWORD index, LPVOID* ace)
+{
+    const Entry entry;
+    DWORD at = 0;
+    *ace = nullptr;
+    ForEachAce(*list, [&](const AceHead& head) {
+        if (at++ == index)
+            *ace = const_cast<AceHead*>(&head);
+    });
+    return *ace != nullptr ? TRUE : Failed(ERROR_INVALID_PARAMETER, FALSE);
+}
+
 DOUBLE_API BOOL WINAPI InitializeSecurityDescriptor(PSECURITY_DESCRIPTOR descriptor, DWORD revision)
 {
     const Entry entry;

@@ -16,6 +16,13 @@ wchar_t Upper(wchar_t character)
     return character;
 }
 
+wchar_t Lower(wchar_t character)
+{
+    if ((character >= L'A' && character <= L'Z') || (character >= 0xC0 && character <= 0xDE && character != 0xD7))
+        return static_cast<wchar_t>(character + 0x20);
+    return character;
+}
+
 Text Upper(TextView text)
 {
     Text upper(text);
@@ -407,4 +414,22 @@ DOUBLE_API int WINAPI MultiByteToWideChar(UINT page, DWORD, LPCSTR text, int len
         return Failed(ERROR_INSUFFICIENT_BUFFER, 0);
     std::memcpy(buffer, wide.data(), wide.size() * sizeof(wchar_t));
     return static_cast<int>(wide.size());
+}
+
+// Only the mappings of case, which keep the length.
+DOUBLE_API INT WINAPI LCMapStringEx(LPCWSTR, DWORD flags, LPCWSTR text, INT length, LPWSTR target, INT capacity,
+                                    LPNLSVERSIONINFO, LPVOID, LPARAM)
+{
+    const Entry entry;
+    if (text == nullptr || length == 0 || (flags != LCMAP_UPPERCASE && flags != LCMAP_LOWERCASE))
+        return Failed(ERROR_INVALID_PARAMETER, 0);
+    const TextView source =
+        length < 0 ? TextView(text, std::wcslen(text) + 1) : TextView(text, static_cast<std::size_t>(length));
+    if (capacity == 0)
+        return static_cast<INT>(source.size());
+    if (source.size() > static_cast<std::size_t>(capacity))
+        return Failed(ERROR_INSUFFICIENT_BUFFER, 0);
+    for (std::size_t i = 0; i < source.size(); ++i)
+        target[i] = flags == LCMAP_UPPERCASE ? Upper(source[i]) : Lower(source[i]);
+    return static_cast<INT>(source.size());
 }

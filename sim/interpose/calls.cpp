@@ -1,6 +1,7 @@
 #include "interpose/calls.h"
 
 #include <cstring>
+#include <cwchar>
 #include <mutex>
 #include <vector>
 
@@ -15,7 +16,7 @@ namespace {
 constexpr DWORD PAUSES = 0x100; // beside the VTFLTSIM_CALL_* values, for plans from the environment
 
 struct Plan {
-    Hook hook = Hook::Count;
+    Hook hook = Hook::Count; // Count: any function but those of memory
     DWORD what = VTFLTSIM_CALL_FAILS;
     std::wstring match;
     DWORD skip = 0;
@@ -38,9 +39,49 @@ bool g_environmentRead = false; // guarded by g_lock
 
 thread_local bool t_inCallback = false;
 
+// Changes the number of plans that wait for a plan's function, or functions.
+void Arm(Hook hook, bool on)
+{
+    for (unsigned i = 0; i < HOOK_COUNT; ++i) {
+        const auto one = static_cast<Hook>(i);
+        if (hook != one && (hook != Hook::Count || IsMemoryHook(one)))
+            continue;
+        if (on)
+            g_armed[i].fetch_add(1);
+        else
+            g_armed[i].fetch_sub(1);
+    }
+}
+
+// Refusing these leaves something open that nobody can close.
+bool GivesBack(Hook hook)
+{
+    switch (hook) {
+    case Hook::CloseHandle:
+    case Hook::FindClose:
+    case Hook::FindVolumeClose:
+    case Hook::CloseServiceHandle:
+    case Hook::RegCloseKey:
+    case Hook::ReleaseMutex:
+    case Hook::UnmapViewOfFile:
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool Concerns(const Plan& plan, Hook hook)
+{
+    if (plan.hook != Hook::Count)
+        return plan.hook == hook;
+    const bool refuses = plan.callback == nullptr && plan.what != PAUSES && plan.what != VTFLTSIM_CALL_KILLS_BEFORE &&
+                         plan.what != VTFLTSIM_CALL_KILLS_AFTER;
+    return !IsMemoryHook(hook) && !(refuses && GivesBack(hook));
+}
+
 bool Strikes(Plan& plan, Hook hook, const std::wstring& text)
 {
-    if (plan.spent || plan.hook != hook || text.find(plan.match) == std::wstring::npos)
+    if (plan.spent || !Concerns(plan, hook) || text.find(plan.match) == std::wstring::npos)
         return false;
     if (plan.skip != 0) {
         --plan.skip;
@@ -48,7 +89,7 @@ bool Strikes(Plan& plan, Hook hook, const std::wstring& text)
     }
     if (plan.remaining != 0 && --plan.remaining == 0) {
         plan.spent = true;
-        g_armed[static_cast<unsigned>(hook)].fetch_sub(1);
+        Arm(plan.hook, false);
     }
     return true;
 }
@@ -56,9 +97,8 @@ bool Strikes(Plan& plan, Hook hook, const std::wstring& text)
 DWORD Add(Plan plan)
 {
     const std::lock_guard guard(g_lock);
-    const auto index = static_cast<unsigned>(plan.hook);
+    Arm(plan.hook, true);
     g_plans.push_back(std::move(plan));
-    g_armed[index].fetch_add(1);
     return 0;
 }
 
@@ -145,10 +185,8 @@ bool ParseItem(const std::wstring& item, Plan& plan)
     }
     if (word == nullptr || fields.size() < 2)
         return false;
-    const unsigned hook = FindHook(fields[1].c_str());
-    if (hook == HOOK_COUNT)
+    if (!FindHookOrAny(fields[1].c_str(), plan.hook))
         return false;
-    plan.hook = static_cast<Hook>(hook);
     plan.what = word->what;
     plan.match = fields.size() > 2 ? fields[2] : L"";
     ULONGLONG numbers[4] = {1, 1, 0, 0}; // nth, count, error, value
@@ -196,13 +234,11 @@ Verdict Judge(Hook hook, const std::wstring& text)
 
 DWORD AddFault(const VTFLTSIM_CALL_FAULT& fault)
 {
-    const unsigned hook = fault.function != nullptr ? FindHook(fault.function) : HOOK_COUNT;
-    if (hook == HOOK_COUNT)
+    Plan plan;
+    if (fault.function == nullptr || !FindHookOrAny(fault.function, plan.hook))
         return ERROR_PROC_NOT_FOUND;
     if (fault.what > VTFLTSIM_CALL_FAILS_AFTER)
         return ERROR_INVALID_PARAMETER;
-    Plan plan;
-    plan.hook = static_cast<Hook>(hook);
     plan.what = fault.what;
     plan.match = fault.match != nullptr ? fault.match : L"";
     plan.skip = fault.nth == 0 ? 0 : fault.nth - 1;
@@ -302,6 +338,23 @@ void ResetCounts()
 {
     for (auto& count : g_counts)
         count.store(0);
+}
+
+bool FindHookOrAny(const wchar_t* name, Hook& hook)
+{
+    hook = static_cast<Hook>(FindHook(name));
+    return hook != Hook::Count || std::wcscmp(name, ANY_FUNCTION) == 0;
+}
+
+DWORD CountOf(Hook hook)
+{
+    DWORD count = 0;
+    for (unsigned i = 0; i < HOOK_COUNT; ++i) {
+        const auto one = static_cast<Hook>(i);
+        if (hook == one || (hook == Hook::Count && !IsMemoryHook(one)))
+            count += g_counts[i].load();
+    }
+    return count;
 }
 
 } // namespace vtfltsim::calls

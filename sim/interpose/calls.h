@@ -21,6 +21,10 @@ struct Verdict {
 
 namespace calls {
 
+// In the place of a function's name: every redirected function, but for those that allocate memory; and a fault that
+// refuses does not refuse to close or release what is held.
+inline constexpr wchar_t ANY_FUNCTION[] = L"*";
+
 extern std::atomic<DWORD> g_counts[HOOK_COUNT];
 extern std::atomic<DWORD> g_armed[HOOK_COUNT]; // faults and callbacks waiting for this function
 extern std::atomic<bool> g_recording;
@@ -41,6 +45,11 @@ DWORD TraceAt(DWORD index, wchar_t* text, DWORD characters);
 void RecordRequest(const VTFLTSIM_REQUEST& request);
 DWORD RequestAt(DWORD index, VTFLTSIM_REQUEST& request);
 void ResetCounts();
+// The hook of this name, or Hook::Count for the name that stands for all functions but those of memory. False for
+// other names.
+bool FindHookOrAny(const wchar_t* name, Hook& hook);
+// Calls counted; of all functions but those of memory for Hook::Count.
+DWORD CountOf(Hook hook);
 
 } // namespace calls
 

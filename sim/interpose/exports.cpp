@@ -494,17 +494,17 @@ DWORD WINAPI VTFltSimCallBefore(LPCWSTR function, LPCWSTR match, DWORD nth, DWOR
     if (function == nullptr || callback == nullptr)
         return ERROR_INVALID_PARAMETER;
     return Guard([&]() -> DWORD {
-        const unsigned hook = FindHook(function);
-        if (hook == HOOK_COUNT)
+        Hook hook = Hook::Count;
+        if (!calls::FindHookOrAny(function, hook))
             return ERROR_PROC_NOT_FOUND;
-        return calls::AddCallback(static_cast<Hook>(hook), match, nth, count, callback, context);
+        return calls::AddCallback(hook, match, nth, count, callback, context);
     });
 }
 
 DWORD WINAPI VTFltSimGetCallCount(LPCWSTR function)
 {
-    const unsigned hook = function != nullptr ? FindHook(function) : HOOK_COUNT;
-    return hook != HOOK_COUNT ? calls::g_counts[hook].load() : 0;
+    Hook hook = Hook::Count;
+    return function != nullptr && calls::FindHookOrAny(function, hook) ? calls::CountOf(hook) : 0;
 }
 
 DWORD WINAPI VTFltSimResetCounts(void)

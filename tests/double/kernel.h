@@ -138,6 +138,7 @@ public:
     // For the scheduler.
     int baton = 0;
     void* exitPoint = nullptr;
+    unsigned depth = 0; // of the double's functions in one another
     DWORD(WINAPI* entry)(void*) = nullptr;
     void* argument = nullptr;
     bool isMain = false;
@@ -272,6 +273,9 @@ ObjectRef FindNamed(const Text& name);
 class Entry {
 public:
     Entry();
+    Entry(const Entry&) = delete;
+    Entry& operator=(const Entry&) = delete;
+    ~Entry();
 };
 
 template <class T>

@@ -69,12 +69,6 @@ void FreeAllocations(Process& process)
 using namespace vtdouble;
 
 // The linker leads the modules' calls of the C run-time's heap here.
-extern "C" {
-DOUBLE_API void* __wrap_malloc(std::size_t size);
-DOUBLE_API void* __wrap_calloc(std::size_t count, std::size_t size);
-DOUBLE_API void* __wrap_realloc(void* memory, std::size_t size);
-DOUBLE_API void __wrap_free(void* memory);
-}
 
 void* __wrap_malloc(std::size_t size)
 {

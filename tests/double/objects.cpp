@@ -134,6 +134,7 @@ bool Mutex::Release(Thread& thread)
         return false;
     if (--depth != 0)
         return true;
+    BeforeRelease(this);
     owner = nullptr;
     thread.owned.erase(this);
     Notify(*this);
@@ -285,6 +286,7 @@ DOUBLE_API BOOL WINAPI SetEvent(HANDLE handle)
     const auto event = CurrentProcess().Get<Event>(handle, EVENT_MODIFY_STATE);
     if (event == nullptr)
         return FALSE;
+    BeforeRelease(event.get());
     event->signalled = true;
     Notify(*event);
     return TRUE;

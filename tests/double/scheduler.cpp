@@ -1,4 +1,5 @@
 // Threads, the baton, virtual time.
+#include "double/api.h"
 #include "double/kernel.h"
 
 #include <climits>
@@ -132,10 +133,13 @@ Thread& ChooseNext()
     return next;
 }
 
-void LeaveIfDoomed(const Thread& me)
+void LeaveIfDoomed(Thread& me)
 {
-    if (me.doomed && me.exitPoint != nullptr)
-        longjmp(*static_cast<jmp_buf*>(me.exitPoint), 1);
+    if (!me.doomed || me.exitPoint == nullptr)
+        return;
+    for (; me.depth != 0; --me.depth)
+        WatchAgain();
+    longjmp(*static_cast<jmp_buf*>(me.exitPoint), 1);
 }
 
 // The calling thread does not run now: gives the baton on, and comes back when it has it again.
@@ -159,6 +163,8 @@ void AbandonMutexes(Thread& thread)
 void AtThreadEnd(void* value)
 {
     Thread& me = *static_cast<Thread*>(value);
+    StopWatching();
+    BeforeRelease(me.object.get());
     me.state = Thread::State::Ended;
     AbandonMutexes(me);
     std::erase(S().threads, &me);
@@ -180,6 +186,7 @@ void AtThreadEnd(void* value)
         Give(ChooseNext().baton);
     t_current = nullptr;
     delete &me;
+    WatchAgain();
 }
 
 // main, and what a process does when it is over. Returns its exit code.
@@ -247,8 +254,17 @@ Process& CurrentProcess()
 
 Entry::Entry()
 {
-    LeaveIfDoomed(Current());
+    Thread& me = Current();
+    LeaveIfDoomed(me);
+    ++me.depth;
+    StopWatching();
     MaySwitch();
+}
+
+Entry::~Entry()
+{
+    WatchAgain();
+    --Current().depth;
 }
 
 void MaySwitch()
@@ -280,17 +296,24 @@ void Notify(Object& object)
 DWORD WaitFor(std::vector<ObjectRef> objects, bool all, DWORD milliseconds)
 {
     Thread& me = Current();
-    me.waitsFor = std::move(objects);
+    me.waitsFor = objects;
     me.waitsForAll = all;
     DWORD result = WAIT_TIMEOUT;
     if (TrySatisfy(me, result) || milliseconds == 0 || me.exitPoint == nullptr) {
         me.waitsFor.clear();
-        return result;
+    } else {
+        me.state = Thread::State::Blocked;
+        me.wakesAt = milliseconds == INFINITE ? Thread::NEVER : S().now + milliseconds * MILLISECOND;
+        Switch(me);
+        result = me.waitResult;
     }
-    me.state = Thread::State::Blocked;
-    me.wakesAt = milliseconds == INFINITE ? Thread::NEVER : S().now + milliseconds * MILLISECOND;
-    Switch(me);
-    return me.waitResult;
+    if (result == WAIT_TIMEOUT)
+        return result;
+    for (std::size_t i = 0; i < objects.size(); ++i) {
+        if (all || i == (result & ~WAIT_ABANDONED_0))
+            AfterAcquire(objects[i].get());
+    }
+    return result;
 }
 
 void SleepFor(DWORD milliseconds)

@@ -79,7 +79,7 @@ Security SecurityOfList(const ACL* list)
 template <class T>
 T* Allocate(std::size_t size = sizeof(T))
 {
-    return static_cast<T*>(std::calloc(1, size));
+    return static_cast<T*>(__wrap_calloc(1, size));
 }
 
 struct KnownSid {
@@ -149,7 +149,7 @@ SID* ParseSid(TextView text)
     sid->IdentifierAuthority.Value[5] = static_cast<BYTE>(number);
     for (std::size_t i = 3; i < parts.size(); ++i) {
         if (!ParseUnsigned(parts[i], sid->SubAuthority[sid->SubAuthorityCount++])) {
-            std::free(sid);
+            __wrap_free(sid);
             return nullptr;
         }
     }
@@ -220,7 +220,7 @@ bool ParseList(TextView text, std::vector<NewAce>& aces)
         if (sid == nullptr)
             return false;
         ace.sid = SidBytes(sid);
-        std::free(sid);
+        __wrap_free(sid);
         aces.push_back(std::move(ace));
     }
     return true;
@@ -244,12 +244,13 @@ using namespace vtdouble;
 
 DOUBLE_API HLOCAL WINAPI LocalAlloc(UINT flags, SIZE_T size)
 {
-    return (flags & LMEM_ZEROINIT) != 0 ? std::calloc(1, size != 0 ? size : 1) : std::malloc(size != 0 ? size : 1);
+    const SIZE_T bytes = size != 0 ? size : 1;
+    return (flags & LMEM_ZEROINIT) != 0 ? __wrap_calloc(1, bytes) : __wrap_malloc(bytes);
 }
 
 DOUBLE_API HLOCAL WINAPI LocalFree(HLOCAL memory)
 {
-    std::free(memory);
+    __wrap_free(memory);
     return nullptr;
 }
 
@@ -331,7 +332,7 @@ DOUBLE_API BOOL WINAPI ConvertStringSecurityDescriptorToSecurityDescriptorW(LPCW
     const std::size_t whole = sizeof(SECURITY_DESCRIPTOR) + list->AclSize;
     auto* descriptor = Allocate<SECURITY_DESCRIPTOR>(whole);
     std::memcpy(descriptor + 1, list, list->AclSize);
-    std::free(list);
+    __wrap_free(list);
     descriptor->Revision = SECURITY_DESCRIPTOR_REVISION;
     descriptor->Control = SE_DACL_PRESENT;
     descriptor->Dacl = reinterpret_cast<ACL*>(descriptor + 1);

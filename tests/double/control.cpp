@@ -121,7 +121,8 @@ void DoubleJoinThread(std::uint64_t number)
     const auto found = Joinable().find(number);
     if (found == Joinable().end())
         Die("a thread is joined that is none");
-    const auto thread = found->second;
+    std::vector<ObjectRef> thread;
+    thread.push_back(std::move(found->second));
     Joinable().erase(found);
-    WaitFor({thread}, false, INFINITE);
+    WaitFor(std::move(thread), false, INFINITE);
 }

@@ -126,6 +126,7 @@ public:
 
     // What it waits for.
     std::vector<ObjectRef> waitsFor;
+    std::vector<ObjectRef> awaited; // the same, until the wait's result is known
     bool waitsForAll = false;
     const void* waitsAt = nullptr; // a lock of the process's own memory
     std::uint64_t wakesAt = NEVER;
@@ -151,7 +152,7 @@ Thread* CurrentOrNull();
 void MaySwitch();
 // Something about the object changed: whoever can go on with it becomes runnable.
 void Notify(Object& object);
-DWORD WaitFor(std::vector<ObjectRef> objects, bool all, DWORD milliseconds);
+DWORD WaitFor(std::vector<ObjectRef>&& objects, bool all, DWORD milliseconds);
 void SleepFor(DWORD milliseconds);
 // Waits until WakeAt is called for the address.
 void BlockAt(const void* address);

@@ -324,8 +324,10 @@ DOUBLE_API HANDLE WINAPI OpenFileMappingW(DWORD access, BOOL, LPCWSTR name)
 DOUBLE_API DWORD WINAPI WaitForSingleObject(HANDLE handle, DWORD milliseconds)
 {
     const Entry entry;
-    ObjectRef object = WaitableOf(handle);
-    return object != nullptr ? WaitFor({std::move(object)}, false, milliseconds) : WAIT_FAILED;
+    // Nothing is left on the stack: a killed process's thread does not come back from the wait.
+    std::vector<ObjectRef> objects;
+    objects.push_back(WaitableOf(handle));
+    return objects[0] != nullptr ? WaitFor(std::move(objects), false, milliseconds) : WAIT_FAILED;
 }
 
 DOUBLE_API DWORD WINAPI WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds)

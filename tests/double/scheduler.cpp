@@ -293,10 +293,11 @@ void Notify(Object& object)
     }
 }
 
-DWORD WaitFor(std::vector<ObjectRef> objects, bool all, DWORD milliseconds)
+DWORD WaitFor(std::vector<ObjectRef>&& objects, bool all, DWORD milliseconds)
 {
     Thread& me = Current();
     me.waitsFor = objects;
+    me.awaited = std::move(objects);
     me.waitsForAll = all;
     DWORD result = WAIT_TIMEOUT;
     if (TrySatisfy(me, result) || milliseconds == 0 || me.exitPoint == nullptr) {
@@ -307,12 +308,11 @@ DWORD WaitFor(std::vector<ObjectRef> objects, bool all, DWORD milliseconds)
         Switch(me);
         result = me.waitResult;
     }
-    if (result == WAIT_TIMEOUT)
-        return result;
-    for (std::size_t i = 0; i < objects.size(); ++i) {
+    for (std::size_t i = 0; i < me.awaited.size() && result != WAIT_TIMEOUT; ++i) {
         if (all || i == (result & ~WAIT_ABANDONED_0))
-            AfterAcquire(objects[i].get());
+            AfterAcquire(me.awaited[i].get());
     }
+    me.awaited.clear();
     return result;
 }
 

@@ -270,6 +270,17 @@ DOUBLE_API BOOL WINAPI EqualSid(PSID left, PSID right)
     return length == GetLengthSid(right) && std::memcmp(left, right, length) == 0;
 }
 
+DOUBLE_API BOOL WINAPI InitializeAcl(PACL list, DWORD size, DWORD revision)
+{
+    const Entry entry;
+    if (size < sizeof(ACL) || revision < MIN_ACL_REVISION || revision > MAX_ACL_REVISION)
+        return Failed(size < sizeof(ACL) ? ERROR_INSUFFICIENT_BUFFER : ERROR_INVALID_PARAMETER, FALSE);
+    *list = {};
+    list->AclRevision = static_cast<BYTE>(revision);
+    list->AclSize = static_cast<WORD>(size);
+    return TRUE;
+}
+
 DOUBLE_API BOOL WINAPI GetAce(PACL list, DWORD index, LPVOID* ace)
 {
     const Entry entry;

@@ -37,6 +37,8 @@ using TextView = std::wstring_view;
 // What an access list grants: everything when there is none.
 struct Security {
     bool restricted = false;
+    bool nullList = false;   // set so, as against none said at all
+    std::vector<BYTE> list;  // as it was set
     DWORD granted = 0;
     bool Grants(DWORD access) const noexcept { return !restricted || (access & ~granted) == 0; }
 };
@@ -182,6 +184,7 @@ struct HandleEntry {
 struct View {
     std::size_t size = 0;
     Text name;
+    bool reserved = false;
 };
 
 struct Module {

@@ -102,6 +102,7 @@ void Contents::DropUnsynced()
 
 std::shared_ptr<Mapping> Mapping::Make(HANDLE file, DWORD protection, std::uint64_t size)
 {
+    const bool reserved = (protection & SEC_RESERVE) != 0;
     protection &= 0xFF;
     const bool writable = protection == PAGE_READWRITE || protection == PAGE_EXECUTE_READWRITE;
     if (!writable && protection != PAGE_READONLY && protection != PAGE_WRITECOPY)
@@ -109,6 +110,7 @@ std::shared_ptr<Mapping> Mapping::Make(HANDLE file, DWORD protection, std::uint6
     auto mapping = std::make_shared<Mapping>();
     mapping->writable = writable;
     mapping->size = size;
+    mapping->reserved = reserved && file == INVALID_HANDLE_VALUE;
     if (file == INVALID_HANDLE_VALUE) {
         if (size == 0)
             return Failed<std::shared_ptr<Mapping>>(ERROR_INVALID_PARAMETER, nullptr);
@@ -156,7 +158,9 @@ DOUBLE_API LPVOID WINAPI MapViewOfFile(HANDLE handle, DWORD access, DWORD high, 
     void* const view = mapping->contents->Map(offset, length, writable, copies);
     if (view == nullptr)
         return Failed<LPVOID>(ERROR_NOT_ENOUGH_MEMORY, nullptr);
-    CurrentProcess().views[view] = View{length, mapping->name};
+    if (mapping->reserved)
+        mprotect(view, length, PROT_NONE);
+    CurrentProcess().views[view] = View{length, mapping->name, mapping->reserved};
     return view;
 }
 
@@ -194,8 +198,8 @@ DOUBLE_API SIZE_T WINAPI VirtualQuery(LPCVOID address, PMEMORY_BASIC_INFORMATION
         information->AllocationBase = const_cast<void*>(base);
         information->BaseAddress = reinterpret_cast<void*>(at & ~PAGE_MASK);
         information->RegionSize = end - (at & ~PAGE_MASK);
-        information->State = MEM_COMMIT;
-        information->Protect = PAGE_READWRITE;
+        information->State = view.reserved ? MEM_RESERVE : MEM_COMMIT;
+        information->Protect = view.reserved ? 0 : PAGE_READWRITE;
         information->Type = MEM_MAPPED;
         return sizeof(*information);
     }

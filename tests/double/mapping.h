@@ -45,6 +45,7 @@ public:
     std::shared_ptr<Contents> contents;
     std::uint64_t size = 0;
     bool writable = false;
+    bool reserved = false; // address space without memory
 };
 
 } // namespace vtdouble

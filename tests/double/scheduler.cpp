@@ -180,6 +180,7 @@ void AtThreadEnd(void* value)
     const bool worldEnds = me.isMain && me.process->id == 1;
     if (me.isMain && !worldEnds)
         delete me.process;
+    BeforeRelease(&S().over);
     if (worldEnds)
         Give(S().over);
     else
@@ -414,6 +415,7 @@ void RunWorld(Process& first)
     StartThread(first, nullptr, nullptr, true);
     Give(ChooseNext().baton);
     Hold(S().over);
+    AfterAcquire(&S().over);
     // The destructors of the program's variables run in the host's own thread, and close what they hold.
     auto& last = *new Thread();
     last.process = &first;

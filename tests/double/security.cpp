@@ -235,7 +235,13 @@ Security SecurityOf(const SECURITY_ATTRIBUTES* attributes)
     const auto& descriptor = *static_cast<const SECURITY_DESCRIPTOR*>(attributes->lpSecurityDescriptor);
     if ((descriptor.Control & SE_DACL_PRESENT) == 0)
         return {};
-    return SecurityOfList(descriptor.Dacl);
+    Security security = SecurityOfList(descriptor.Dacl);
+    security.nullList = descriptor.Dacl == nullptr;
+    if (!security.nullList) {
+        const auto* bytes = reinterpret_cast<const BYTE*>(descriptor.Dacl);
+        security.list.assign(bytes, bytes + descriptor.Dacl->AclSize);
+    }
+    return security;
 }
 
 } // namespace vtdouble
@@ -351,6 +357,57 @@ DOUBLE_API BOOL WINAPI ConvertStringSecurityDescriptorToSecurityDescriptorW(LPCW
     if (size != nullptr)
         *size = static_cast<ULONG>(whole);
     return TRUE;
+}
+
+DOUBLE_API BOOL WINAPI GetSecurityDescriptorDacl(PSECURITY_DESCRIPTOR descriptor, LPBOOL present, PACL* list,
+                                                 LPBOOL defaulted)
+{
+    const Entry entry;
+    const auto& source = *static_cast<const SECURITY_DESCRIPTOR*>(descriptor);
+    *present = (source.Control & SE_DACL_PRESENT) != 0;
+    *defaulted = FALSE;
+    if (*present)
+        *list = source.Dacl;
+    return TRUE;
+}
+
+// Of objects by their handles. Who said nothing at their making gets the administrators' list.
+DOUBLE_API DWORD WINAPI GetSecurityInfo(HANDLE handle, SE_OBJECT_TYPE, SECURITY_INFORMATION, PSID* owner, PSID* group,
+                                        PACL* list, PACL* audit, PSECURITY_DESCRIPTOR* descriptor)
+{
+    const Entry entry;
+    const HandleEntry* const found = CurrentProcess().Find(handle);
+    if (found == nullptr)
+        return ERROR_INVALID_HANDLE;
+    if ((found->access & READ_CONTROL) == 0)
+        return ERROR_ACCESS_DENIED;
+    for (PSID* none : {owner, group}) {
+        if (none != nullptr)
+            *none = nullptr;
+    }
+    if (audit != nullptr)
+        *audit = nullptr;
+    const Security& security = found->object->security;
+    std::vector<BYTE> bytes = security.list;
+    if (bytes.empty() && !security.nullList) {
+        SID* const administrators = ParseSid(L"BA");
+        ACL* const made = MakeList({{ACCESS_ALLOWED_ACE_TYPE, 0, GENERIC_ALL, SidBytes(administrators)}});
+        bytes.assign(reinterpret_cast<const BYTE*>(made), reinterpret_cast<const BYTE*>(made) + made->AclSize);
+        __wrap_free(made);
+        __wrap_free(administrators);
+    }
+    auto* const made = Allocate<SECURITY_DESCRIPTOR>(sizeof(SECURITY_DESCRIPTOR) + bytes.size());
+    made->Revision = SECURITY_DESCRIPTOR_REVISION;
+    made->Control = SE_DACL_PRESENT;
+    if (!bytes.empty()) {
+        std::memcpy(made + 1, bytes.data(), bytes.size());
+        made->Dacl = reinterpret_cast<ACL*>(made + 1);
+    }
+    if (list != nullptr)
+        *list = made->Dacl;
+    if (descriptor != nullptr)
+        *descriptor = made;
+    return 0;
 }
 
 // --- Of files and folders, by their path. The list that was set is what can be got.

@@ -79,6 +79,23 @@ DOUBLE_API BOOL WINAPI FileTimeToSystemTime(const FILETIME* time, LPSYSTEMTIME r
     return TRUE;
 }
 
+DOUBLE_API BOOL WINAPI SystemTimeToFileTime(const SYSTEMTIME* time, LPFILETIME result)
+{
+    const Entry entry;
+    if (time->wYear < 1601 || time->wMonth < 1 || time->wMonth > 12 || time->wDay < 1 || time->wDay > 31 ||
+        time->wHour > 23 || time->wMinute > 59 || time->wSecond > 59 || time->wMilliseconds > 999)
+        return Failed(ERROR_INVALID_PARAMETER, FALSE);
+    // The inverse of ToSystemTime: years that begin in March.
+    const std::uint64_t year = time->wYear - (time->wMonth <= 2 ? 1u : 0u);
+    const std::uint64_t month = time->wMonth > 2 ? time->wMonth - 3u : time->wMonth + 9u;
+    const std::uint64_t days = 365 * year + year / 4 - year / 100 + year / 400 + (153 * month + 2) / 5 + time->wDay - 1u;
+    constexpr std::uint64_t DAYS_TO_1601 = 306 + 365 * 1600 + 1600 / 4 - 1600 / 100 + 1600 / 400;
+    const std::uint64_t seconds = time->wHour * 3600ull + time->wMinute * 60ull + time->wSecond;
+    *result = ToFileTime((days - DAYS_TO_1601) * TICKS_PER_DAY +
+                         (seconds * 1000 + time->wMilliseconds) * TICKS_PER_MILLISECOND);
+    return TRUE;
+}
+
 DOUBLE_API BOOL WINAPI FileTimeToLocalFileTime(const FILETIME* time, LPFILETIME result)
 {
     *result = *time;
@@ -213,6 +230,30 @@ DOUBLE_API RPC_STATUS WINAPI UuidCreate(UUID* uuid)
     std::memcpy(uuid, halves, sizeof(halves));
     uuid->Data3 = static_cast<unsigned short>((uuid->Data3 & 0x0FFF) | 0x4000);
     uuid->Data4[0] = static_cast<unsigned char>((uuid->Data4[0] & 0x3F) | 0x80);
+    return RPC_S_OK;
+}
+
+DOUBLE_API RPC_STATUS WINAPI UuidToStringW(UUID* uuid, RPC_WSTR* result)
+{
+    const Entry entry;
+    const auto* bytes = reinterpret_cast<const unsigned char*>(uuid);
+    constexpr unsigned ORDER[] = {3, 2, 1, 0, 5, 4, 7, 6, 8, 9, 10, 11, 12, 13, 14, 15};
+    auto* const text = static_cast<wchar_t*>(__wrap_calloc(37, sizeof(wchar_t)));
+    std::size_t length = 0;
+    for (unsigned i = 0; i < 16; ++i) {
+        if (i == 4 || i == 6 || i == 8 || i == 10)
+            text[length++] = L'-';
+        text[length++] = L"0123456789abcdef"[bytes[ORDER[i]] >> 4];
+        text[length++] = L"0123456789abcdef"[bytes[ORDER[i]] & 15];
+    }
+    *result = reinterpret_cast<RPC_WSTR>(text);
+    return RPC_S_OK;
+}
+
+DOUBLE_API RPC_STATUS WINAPI RpcStringFreeW(RPC_WSTR* text)
+{
+    __wrap_free(*text);
+    *text = nullptr;
     return RPC_S_OK;
 }
 

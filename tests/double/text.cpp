@@ -328,6 +328,13 @@ DOUBLE_API int WINAPI lstrcmpiW(LPCWSTR left, LPCWSTR right)
     return a < b ? -1 : a == b ? 0 : 1;
 }
 
+DOUBLE_API DWORD WINAPI CharUpperBuffW(LPWSTR text, DWORD length)
+{
+    for (DWORD i = 0; i < length; ++i)
+        text[i] = Upper(text[i]);
+    return length;
+}
+
 DOUBLE_API int WINAPI CompareStringOrdinal(LPCWSTR left, int leftLength, LPCWSTR right, int rightLength, BOOL ignoreCase)
 {
     const Entry entry;

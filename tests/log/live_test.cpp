@@ -173,7 +173,7 @@ TEST_F(LiveTest, TheOperationsOfConnectingDoOneStepEach)
 TEST_F(LiveTest, AConnectedOutputWithARingThatCannotBeHadDisconnects)
 {
     MakeViewer();
-    const UniqueHandle small = MakeMapping(RingName(), 4096);
+    const UniqueHandle shortRing = MakeMapping(RingName(), 4096);
     WatchedCalls calls;
     CSMOutput output;
     EXPECT_FALSE(output.Connect());

@@ -26,10 +26,10 @@ public:
         wchar_t temp[MAX_PATH] = {};
         GetTempPathW(MAX_PATH, temp);
         m_path = std::wstring(temp) + L"vtlogtest" + Digits(GetCurrentProcessId());
-        Remove(m_path);
+        Remove(LongForm());
         EXPECT_TRUE(CreateDirectoryW(m_path.c_str(), nullptr));
     }
-    ~ScratchFolder() { Remove(m_path); }
+    ~ScratchFolder() { Remove(LongForm()); }
     ScratchFolder(const ScratchFolder&) = delete;
     ScratchFolder& operator=(const ScratchFolder&) = delete;
 
@@ -65,6 +65,9 @@ public:
     }
 
 private:
+    // Cases leave files with paths that are too long for any other form.
+    std::wstring LongForm() const { return L"\\\\?\\" + m_path; }
+
     std::wstring m_path;
 };
 

@@ -28,6 +28,17 @@ bool AddMessage(std::vector<LogMessagePtr>& messages, const LogRecordBlock& reco
 
 } // namespace
 
+void BuildRingName(wchar_t (&name)[LOG_RING_NAME_CAPACITY], std::wstring_view prefix,
+                   std::wstring_view executableName) noexcept
+{
+    CopyText(name, prefix);
+    const std::wstring_view own = executableName.substr(0, LOG_EXECUTABLE_NAME_CAPACITY - 1);
+    wchar_t upper[LOG_EXECUTABLE_NAME_CAPACITY] = {};
+    LCMapStringEx(LOCALE_NAME_INVARIANT, LCMAP_UPPERCASE, own.data(), static_cast<int>(own.size()), upper,
+                  static_cast<int>(LOG_EXECUTABLE_NAME_CAPACITY - 1), nullptr, nullptr, 0);
+    AppendText(name, FieldText(upper));
+}
+
 CLogShareMemory::CLogShareMemory(std::wstring_view name) noexcept
 {
     CopyText(m_name, name);
@@ -36,7 +47,7 @@ CLogShareMemory::CLogShareMemory(std::wstring_view name) noexcept
 bool CLogShareMemory::OpenAsWriter() noexcept
 {
     Close();
-    wchar_t eventName[OBJECT_NAME_CAPACITY];
+    wchar_t eventName[LOG_RING_NAME_CAPACITY];
     BuildName(eventName, LOG_RING_EVENT_PREFIX);
     m_event.reset(OpenEventW(EVENT_ALL_ACCESS, FALSE, eventName));
     if (m_event && OpenObjects())
@@ -47,9 +58,9 @@ bool CLogShareMemory::OpenAsWriter() noexcept
 
 bool CLogShareMemory::OpenObjects() noexcept
 {
-    wchar_t mutexName[OBJECT_NAME_CAPACITY];
-    wchar_t global[OBJECT_NAME_CAPACITY];
-    wchar_t local[OBJECT_NAME_CAPACITY];
+    wchar_t mutexName[LOG_RING_NAME_CAPACITY];
+    wchar_t global[LOG_RING_NAME_CAPACITY];
+    wchar_t local[LOG_RING_NAME_CAPACITY];
     BuildName(mutexName, LOG_RING_MUTEX_PREFIX);
     BuildName(global, LOG_RING_GLOBAL_MAPPING_PREFIX);
     BuildName(local, LOG_RING_LOCAL_MAPPING_PREFIX);
@@ -76,9 +87,9 @@ bool CLogShareMemory::OpenObjects() noexcept
 bool CLogShareMemory::OpenAsReader() noexcept
 {
     Close();
-    wchar_t mutexName[OBJECT_NAME_CAPACITY];
-    wchar_t global[OBJECT_NAME_CAPACITY];
-    wchar_t local[OBJECT_NAME_CAPACITY];
+    wchar_t mutexName[LOG_RING_NAME_CAPACITY];
+    wchar_t global[LOG_RING_NAME_CAPACITY];
+    wchar_t local[LOG_RING_NAME_CAPACITY];
     BuildName(mutexName, LOG_RING_MUTEX_PREFIX);
     BuildName(global, LOG_RING_GLOBAL_MAPPING_PREFIX);
     BuildName(local, LOG_RING_LOCAL_MAPPING_PREFIX);
@@ -154,14 +165,9 @@ bool CLogShareMemory::ReadMessages(std::vector<LogMessagePtr>& messages) noexcep
     return true;
 }
 
-void CLogShareMemory::BuildName(wchar_t (&name)[OBJECT_NAME_CAPACITY], std::wstring_view prefix) const noexcept
+void CLogShareMemory::BuildName(wchar_t (&name)[LOG_RING_NAME_CAPACITY], std::wstring_view prefix) const noexcept
 {
-    CopyText(name, prefix);
-    const std::wstring_view own = FieldText(m_name);
-    wchar_t upper[NAME_CAPACITY] = {};
-    LCMapStringEx(LOCALE_NAME_INVARIANT, LCMAP_UPPERCASE, own.data(), static_cast<int>(own.size()), upper,
-                  static_cast<int>(NAME_CAPACITY - 1), nullptr, nullptr, 0);
-    AppendText(name, FieldText(upper));
+    BuildRingName(name, prefix, FieldText(m_name));
 }
 
 UniqueView CLogShareMemory::Map() const noexcept

@@ -13,6 +13,13 @@
 
 namespace vtflt {
 
+// The name of an object of a ring: a prefix (log/object_names.h) and the writing executable's file name in upper case.
+// For viewers, which make some of the objects themselves.
+inline constexpr std::size_t LOG_EXECUTABLE_NAME_CAPACITY = 260; // characters of a file name, the end included
+inline constexpr std::size_t LOG_RING_NAME_CAPACITY = 64 + LOG_EXECUTABLE_NAME_CAPACITY; // the same
+void BuildRingName(wchar_t (&name)[LOG_RING_NAME_CAPACITY], std::wstring_view prefix,
+                   std::wstring_view executableName) noexcept;
+
 class CLogShareMemory {
 public:
     // The writing executable's file name. The objects are named by all of it; records show 127 characters of it.
@@ -47,14 +54,11 @@ public:
     std::uint64_t Overwritten() const noexcept { return m_overwritten; }
 
 private:
-    static constexpr std::size_t NAME_CAPACITY = 260; // characters of a file name, the end included
-    static constexpr std::size_t OBJECT_NAME_CAPACITY = 64 + NAME_CAPACITY;
-
-    void BuildName(wchar_t (&name)[OBJECT_NAME_CAPACITY], std::wstring_view prefix) const noexcept;
+    void BuildName(wchar_t (&name)[LOG_RING_NAME_CAPACITY], std::wstring_view prefix) const noexcept;
     bool OpenObjects() noexcept;
     UniqueView Map() const noexcept;
 
-    wchar_t m_name[NAME_CAPACITY];
+    wchar_t m_name[LOG_EXECUTABLE_NAME_CAPACITY];
     UniqueHandle m_mutex;
     UniqueHandle m_mapping;
     UniqueHandle m_event; // a writer's only

@@ -153,8 +153,7 @@ void Process::Collect(HANDLE pipe, std::string& text)
         m_changed.notify_all();
     }
     const std::lock_guard guard(m_lock);
-    if (&text == &m_out)
-        m_outEnded = true;
+    (&text == &m_out ? m_outEnded : m_errEnded) = true;
     m_changed.notify_all();
 }
 
@@ -169,6 +168,13 @@ bool Process::AwaitOutput(std::string_view text)
     std::unique_lock lock(m_lock);
     m_changed.wait(lock, [&] { return m_outEnded || m_out.find(text) != std::string::npos; });
     return m_out.find(text) != std::string::npos;
+}
+
+bool Process::AwaitDiagnosis(std::string_view text)
+{
+    std::unique_lock lock(m_lock);
+    m_changed.wait(lock, [&] { return m_errEnded || m_err.find(text) != std::string::npos; });
+    return m_err.find(text) != std::string::npos;
 }
 
 void Process::Terminate()

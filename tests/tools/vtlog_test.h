@@ -57,6 +57,8 @@ public:
     void Type(std::string_view text);
     // Waits until it has printed the text; false when it ended without.
     bool AwaitOutput(std::string_view text);
+    // The same for standard error.
+    bool AwaitDiagnosis(std::string_view text);
     void Terminate();
     // Closes its standard input and waits for its end.
     Result Finish();
@@ -74,6 +76,7 @@ private:
     std::string m_out;
     std::string m_err;
     bool m_outEnded = false;
+    bool m_errEnded = false;
     std::thread m_outReader;
     std::thread m_errReader;
 };

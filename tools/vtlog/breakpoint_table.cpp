@@ -23,6 +23,8 @@ constexpr std::uint8_t VTLOGS_MARK[6] = {'v', 't', 'l', 'o', 'g', 1};
 // A thread makes its event right behind its hit. One that has not in this time has gone.
 constexpr std::uint64_t ORPHAN_MILLISECONDS = 10'000;
 constexpr std::uint64_t VISIT_MILLISECONDS = 1'000;
+// At a visit, so that a block full of nonsense keeps nobody from the mutex; the next visit goes on.
+constexpr std::size_t ORPHANS_AT_ONCE = 256;
 
 LogUuid MakeIdentifier()
 {
@@ -101,6 +103,12 @@ BreakpointTable::BreakpointTable()
     if (!m_view)
         throw Failure(Exit::Unreadable,
                       "the breakpoints' memory is smaller than it must be: another program has made it");
+}
+
+BreakpointTable::~BreakpointTable()
+{
+    if (!m_own.empty())
+        RemoveAll();
 }
 
 BreakpointTable::BreakpointTable(OpenOnly) noexcept
@@ -225,6 +233,8 @@ std::vector<LogBreakpointHit> BreakpointTable::ClearDead() const
         // One that has taken its entry back still lets its own hits go.
         if (!IsOwn(hit.breakpoint) && !IsAlive(hit.breakpoint))
             orphans.push_back(hit);
+        if (orphans.size() == ORPHANS_AT_ONCE)
+            break;
     }
     return orphans;
 }

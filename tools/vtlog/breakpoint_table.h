@@ -38,6 +38,10 @@ class BreakpointTable {
 public:
     // Makes them, or opens those of another viewer. Throws Failure.
     BreakpointTable();
+    // Takes back what was added.
+    ~BreakpointTable();
+    BreakpointTable(BreakpointTable&&) noexcept = default;
+    BreakpointTable& operator=(BreakpointTable&&) = delete;
     // Opens them if somebody has made them.
     static std::optional<BreakpointTable> Open();
 

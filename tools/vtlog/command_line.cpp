@@ -30,6 +30,9 @@ ParsedCommandLine ParseCommandLine(std::vector<std::string> arguments)
     app.require_subcommand(1);
     app.footer(FOOTER);
     AddShow(app, parsed.action);
+    AddTail(app, parsed.action);
+    AddBreak(app, parsed.action);
+    AddConfig(app, parsed.action);
     for (CLI::App* command : app.get_subcommands({}))
         command->footer(FOOTER);
 

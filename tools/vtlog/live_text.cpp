@@ -4,7 +4,6 @@
 #include "common/text.h"
 #include "console.h"
 #include "entry_text.h"
-#include "log/bounded_text.h"
 #include "time_text.h"
 #include "visible_text.h"
 
@@ -14,11 +13,10 @@ namespace vtlog {
 namespace {
 
 using toolkit::ToUtf8;
-using vtflt::FieldText;
 
-RecordTime TimeOf(const vtflt::LogRecordTime& time) noexcept
+RecordTime TimeOf(const SYSTEMTIME& time) noexcept
 {
-    return {time.year, time.month, time.day, time.hour, time.minute, time.second, time.milliseconds};
+    return {time.wYear, time.wMonth, time.wDay, time.wHour, time.wMinute, time.wSecond, time.wMilliseconds};
 }
 
 } // namespace
@@ -28,34 +26,35 @@ std::string SafeText(std::wstring_view text)
     return ToUtf8(VisibleText(text, L"\n    | "));
 }
 
-std::string LiveText(const vtflt::LogRecordBlock& record)
+std::string LiveText(const vtflt::CLogMessage& record)
 {
-    const std::string level = Coloured(fmt::format("{:<11}", LevelName(record.level)), LevelColour(record.level));
-    std::string line = fmt::format("{} {} {:5} {:5}  {}", PlainTime(TimeOf(record.time)), level, record.processId,
-                                   record.threadId, SafeText(FieldText(record.text)));
-    if (record.errorCode != 0)
-        line += "  (" + CodeWithMeaning(record.errorCode) + ")";
-    const std::string source = fmt::format("{{{}::{}}}", SafeText(FieldText(record.executableName)),
-                                           SafeText(FieldText(record.moduleName)));
+    const std::string level =
+        Coloured(fmt::format("{:<11}", LevelName(record.GetLevel())), LevelColour(record.GetLevel()));
+    std::string line = fmt::format("{} {} {:5} {:5}  {}", PlainTime(TimeOf(record.GetTime())), level,
+                                   record.GetProcessId(), record.GetThreadId(), SafeText(record.GetText()));
+    if (record.GetErrorCode() != 0)
+        line += "  (" + CodeWithMeaning(record.GetErrorCode()) + ")";
+    const std::string source =
+        fmt::format("{{{}::{}}}", SafeText(record.GetExecutableName()), SafeText(record.GetModuleName()));
     return line + "  " + Coloured(source, Colour::Quiet);
 }
 
-nlohmann::ordered_json LiveObject(const vtflt::LogRecordBlock& record)
+nlohmann::ordered_json LiveObject(const vtflt::CLogMessage& record)
 {
     nlohmann::ordered_json object;
-    object["time"] = IsoTime(TimeOf(record.time));
-    object["level"] = record.level;
-    object["levelName"] = LevelName(record.level);
-    object["pid"] = record.processId;
-    object["tid"] = record.threadId;
-    object["code"] = record.errorCode;
-    if (record.errorCode != 0) {
-        object["codeName"] = CodeName(record.errorCode);
-        object["codeText"] = CodeText(record.errorCode);
+    object["time"] = IsoTime(TimeOf(record.GetTime()));
+    object["level"] = record.GetLevel();
+    object["levelName"] = LevelName(record.GetLevel());
+    object["pid"] = record.GetProcessId();
+    object["tid"] = record.GetThreadId();
+    object["code"] = record.GetErrorCode();
+    if (record.GetErrorCode() != 0) {
+        object["codeName"] = CodeName(record.GetErrorCode());
+        object["codeText"] = CodeText(record.GetErrorCode());
     }
-    object["message"] = ToUtf8(FieldText(record.text));
-    object["program"] = ToUtf8(FieldText(record.executableName));
-    object["module"] = ToUtf8(FieldText(record.moduleName));
+    object["message"] = ToUtf8(record.GetText());
+    object["program"] = ToUtf8(record.GetExecutableName());
+    object["module"] = ToUtf8(record.GetModuleName());
     return object;
 }
 

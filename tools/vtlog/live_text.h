@@ -1,7 +1,7 @@
 // A live record as it is printed: in the same words, and with the same names in JSON, as one from a file.
 #pragma once
 
-#include "log/ring_block.h"
+#include "log/log_message.h"
 
 #include <nlohmann/json.hpp>
 
@@ -11,9 +11,9 @@
 namespace vtlog {
 
 // Without a line end, in colour on a terminal; what a terminal would act on is written out.
-std::string LiveText(const vtflt::LogRecordBlock& record);
+std::string LiveText(const vtflt::CLogMessage& record);
 // Everything but the kind.
-nlohmann::ordered_json LiveObject(const vtflt::LogRecordBlock& record);
+nlohmann::ordered_json LiveObject(const vtflt::CLogMessage& record);
 
 // "writer.exe: 976 records missed, ..."
 std::string MissedText(const std::wstring& executableName, std::uint64_t records);

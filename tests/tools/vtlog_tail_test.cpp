@@ -252,13 +252,13 @@ TEST_F(VtLogTail, AHostileRecordIsCutAtItsFieldsAndCannotSteerATerminal)
     const SharedRing ring;
     Tail tail({L"--count", L"1"});
     ring.Edit([](vtflt::LogRingBlock& block) {
-        vtflt::LogRecordBlock& record = block.slots[0];
+        vtflt::LogRecordBlock& record = block.slots[1];
         std::fill(std::begin(record.executableName), std::end(record.executableName), L'e');
         std::fill(std::begin(record.moduleName), std::end(record.moduleName), L'm');
         std::fill(std::begin(record.text), std::end(record.text), L'\x1b');
         record.time = {65535, 65535, 65535, 65535, 65535, 65535, 65535, 65535};
         record.level = -2147483647 - 1;
-        block.writeSequence = 0;
+        block.writeSequence = 1; // number 0 of a ring that another program made counts as read
     });
     const Result result = tail.Finish();
     EXPECT_EQ(EXIT_OK, result.exitCode);

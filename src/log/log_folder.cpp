@@ -39,8 +39,9 @@ bool CreateFolderWithParents(wchar_t (&path)[LOG_PATH_CAPACITY]) noexcept
     return CreateDirectoryW(path, nullptr) || IsFolder(path);
 }
 
-// Whether the list holds an own, not inherited, entry that gives the account at least these rights.
-bool IsGranted(PACL list, PSID account) noexcept
+} // namespace
+
+bool GrantsModifyRights(ACL* list, void* account) noexcept
 {
     for (DWORD index = 0; index < list->AceCount; ++index) {
         void* entry = nullptr;
@@ -56,6 +57,8 @@ bool IsGranted(PACL list, PSID account) noexcept
     return false;
 }
 
+namespace {
+
 bool GrantTo(wchar_t* folder, PSID account) noexcept
 {
     PACL present = nullptr;
@@ -67,7 +70,7 @@ bool GrantTo(wchar_t* folder, PSID account) noexcept
         return false;
     }
     // A folder without a list is open to everyone; a list with this one entry would shut everyone else out.
-    if (present == nullptr || IsGranted(present, account))
+    if (present == nullptr || GrantsModifyRights(present, account))
         return true;
 
     EXPLICIT_ACCESSW access = {};

@@ -16,4 +16,8 @@ void ResolveLogFolder(DWORD components, wchar_t (&folder)[LOG_PATH_CAPACITY]) no
 // default folder. False when there is no such folder in the end; the rest is tried and may fail.
 bool PrepareLogFolder(std::wstring_view filePath, std::wstring_view defaultFolder) noexcept;
 
+// Whether an access list holds an own, not inherited, entry that gives the account (a SID) all rights that a writer of
+// logs needs: to read, write, execute and delete.
+bool GrantsModifyRights(ACL* list, void* account) noexcept;
+
 } // namespace vtflt

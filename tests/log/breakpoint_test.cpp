@@ -12,15 +12,28 @@ namespace {
 
 class BreakpointTest : public LiveOutputTest {
 protected:
-    // What WaitForSingleObject is recorded as when a thread waits for its hit event: an object without a name in the
-    // trace, in contrast to the ring's mutex, the first wait of every record.
-    static constexpr wchar_t FIVE_SECONDS[] = L"|5000";
-    static constexpr DWORD FIRST_SPELL = 2;
+    static constexpr wchar_t HIT_WAIT[] = L"BPHIT_EVENT"; // any wait for a hit event
 
+    // Sets a breakpoint, with the output connected; its waits for a hit time out at once from here on, and the viewer
+    // leaves in the spell of this number.
+    void LeaveInSpell(WatchedCalls& calls, DWORD spell)
+    {
+        m_output.WriteLogW(2, 0, L"connects");
+        m_breakpoints.Set(0, Executable(), L"stop");
+        calls.ForceWait(HIT_WAIT, WAIT_TIMEOUT);
+        ASSERT_EQ(0u, VTFltSimCallBefore(L"WaitForSingleObject", HIT_WAIT, spell, 1, LeaveBefore, &m_viewer));
+        calls.Record();
+    }
     void ExpectNoHit() const
     {
         EXPECT_FALSE(m_breakpoints.WasHit());
         EXPECT_TRUE(m_breakpoints.Hit().breakpoint.IsNone());
+    }
+    // One record was logged and waited so often for its hit event, five seconds each time.
+    static void ExpectSpells(const WatchedCalls& calls, DWORD spells)
+    {
+        EXPECT_EQ(spells, calls.Recorded(std::wstring(L"WaitForSingleObject ") + HIT_EVENT));
+        EXPECT_EQ(1 + spells, calls.Recorded(L"|5000")); // the ring's mutex too
     }
     static void WINAPI LeaveBefore(void* context, LPCWSTR, LPCWSTR) { static_cast<LiveViewer*>(context)->Leave(); }
 
@@ -150,12 +163,10 @@ TEST_F(BreakpointTest, AHitTakesTheFirstFreePlaceAndChangesNothingElse)
 TEST_F(BreakpointTest, AHitWithTheViewerGoneReturnsAfterOneWaitAtMost)
 {
     WatchedCalls calls;
-    m_breakpoints.Set(0, Executable(), L"stop");
-    calls.ForceWait(FIVE_SECONDS, WAIT_TIMEOUT, FIRST_SPELL);
-    ASSERT_EQ(0u, VTFltSimCallBefore(L"WaitForSingleObject", FIVE_SECONDS, FIRST_SPELL, 1, LeaveBefore, &m_viewer));
-    calls.Record();
+    LeaveInSpell(calls, 1);
     m_output.WriteLogW(2, 0, L"stop");
-    EXPECT_EQ(FIRST_SPELL, calls.Recorded(FIVE_SECONDS));
+    calls.EndFaults();
+    ExpectSpells(calls, 1);
     EXPECT_TRUE(m_breakpoints.WasHit());
     m_output.Disconnect();
 }
@@ -167,31 +178,30 @@ TEST_F(BreakpointTest, AViewerThatIsGoneBeforeTheWaitHoldsNobody)
     ASSERT_EQ(0u, VTFltSimCallBefore(L"SetEvent", nullptr, 2, 1, LeaveBefore, &m_viewer)); // the first wakes the viewer
     calls.Record();
     m_output.WriteLogW(2, 0, L"stop");
-    EXPECT_EQ(FIRST_SPELL - 1, calls.Recorded(FIVE_SECONDS));
+    EXPECT_TRUE(m_breakpoints.WasHit());
+    ExpectSpells(calls, 0);
     m_output.Disconnect();
 }
 
 TEST_F(BreakpointTest, WhileTheViewerIsThereTheThreadWaitsInSpellsOfFiveSeconds)
 {
     WatchedCalls calls;
-    m_breakpoints.Set(0, Executable(), L"stop");
-    constexpr DWORD SPELLS = 4;
-    calls.ForceWait(FIVE_SECONDS, WAIT_TIMEOUT, FIRST_SPELL);
-    ASSERT_EQ(0u, VTFltSimCallBefore(L"WaitForSingleObject", FIVE_SECONDS, FIRST_SPELL + SPELLS - 1, 1, LeaveBefore,
-                                     &m_viewer));
-    calls.Record();
+    LeaveInSpell(calls, 4);
     m_output.WriteLogW(2, 0, L"stop");
-    EXPECT_EQ(1 + SPELLS, calls.Recorded(FIVE_SECONDS));
+    calls.EndFaults();
+    ExpectSpells(calls, 4);
     m_output.Disconnect();
 }
 
 TEST_F(BreakpointTest, AFailedWaitHoldsNobody)
 {
     WatchedCalls calls;
+    m_output.WriteLogW(2, 0, L"connects");
     m_breakpoints.Set(0, Executable(), L"stop");
-    calls.ForceWait(FIVE_SECONDS, WAIT_FAILED, FIRST_SPELL);
+    calls.ForceWait(HIT_WAIT, WAIT_FAILED);
     m_output.WriteLogW(2, 0, L"stop");
     EXPECT_EQ(1u, calls.Struck());
+    calls.EndFaults();
     m_output.Disconnect();
 }
 

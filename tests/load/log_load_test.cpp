@@ -1,0 +1,224 @@
+// The log of the shipped library: it is there from load to unload, and leaves nothing behind.
+#include "log/bounded_text.h"
+#include "log/config_block.h"
+#include "log/object_names.h"
+#include "support/registry_sandbox.h"
+#include "support/text.h"
+#include "win/owners.h"
+
+#include <gtest/gtest.h>
+#include <string>
+
+using namespace vttest;
+
+namespace {
+
+using vtflt::UniqueHandle;
+
+constexpr wchar_t ENGINE[] = L"SOFTWARE\\Veltrix\\Lumen Protect\\Engine";
+
+std::wstring ConfigName(std::wstring format)
+{
+    return format.replace(format.find(L"%d"), 2, WideNumber(GetCurrentProcessId()));
+}
+
+class LogLoad : public testing::Test {
+protected:
+    using Prepare = DWORD(WINAPI*)(HANDLE);
+
+    void SetUp() override
+    {
+        wchar_t temp[MAX_PATH] = {};
+        ASSERT_NE(0u, GetTempPathW(MAX_PATH, temp));
+        m_folder = std::wstring(temp) + L"VTFltMgr-log-load";
+        m_library = m_folder + L"\\VTFltMgr.dll";
+        m_log = m_folder + L"\\Logs\\VTFltMgr.dll.Log";
+        CreateDirectoryW(m_folder.c_str(), nullptr);
+        DeleteFileW(m_log.c_str());
+        wchar_t self[MAX_PATH] = {};
+        GetModuleFileNameW(nullptr, self, MAX_PATH);
+        const std::wstring program = self;
+        ASSERT_TRUE(CopyFileW((program.substr(0, program.rfind(L'\\') + 1) + L"VTFltMgr.dll").c_str(), m_library.c_str(),
+                              FALSE));
+        // The engine's folder contains the library: its logs lie below it.
+        SetText(L"InstallPath", L"Path", m_folder);
+    }
+    void TearDown() override
+    {
+        EXPECT_FALSE(HasConfiguration());
+        EXPECT_TRUE(DeleteFileW(m_library.c_str())) << "the library is still loaded";
+        DeleteFileW(m_log.c_str());
+        RemoveDirectoryW((m_folder + L"\\Logs").c_str());
+        RemoveDirectoryW(m_folder.c_str());
+    }
+
+    void SetText(const std::wstring& subkey, const wchar_t* value, const std::wstring& text)
+    {
+        const auto* const bytes = reinterpret_cast<const std::uint8_t*>(text.c_str());
+        m_registry.Set((std::wstring(ENGINE) + L"\\" + subkey).c_str(), value, REG_SZ,
+                       {bytes, bytes + (text.size() + 1) * sizeof(wchar_t)});
+    }
+    void SetLevel(const wchar_t* module, std::uint8_t level)
+    {
+        m_registry.Set((std::wstring(ENGINE) + L"\\Debug").c_str(), module, REG_DWORD, {level, 0, 0, 0});
+    }
+    HMODULE Load() { return LoadLibraryW(m_library.c_str()); }
+    // One record, at error level: the handle is not known.
+    static void LogRecord(HMODULE library, std::uintptr_t handle)
+    {
+        const auto prepare =
+            reinterpret_cast<Prepare>(reinterpret_cast<void (*)()>(GetProcAddress(library, "VTFltPrepareForSnapshot")));
+        ASSERT_NE(nullptr, prepare);
+        EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, prepare(reinterpret_cast<HANDLE>(handle)));
+    }
+    static bool HasConfiguration()
+    {
+        const UniqueHandle mutex(OpenMutexW(SYNCHRONIZE, FALSE, ConfigName(vtflt::LOG_CFG_MUTEX_NAME).c_str()));
+        const UniqueHandle global(
+            OpenFileMappingW(FILE_MAP_READ, FALSE, ConfigName(vtflt::LOG_CFG_GLOBAL_MAPPING_NAME).c_str()));
+        const UniqueHandle local(
+            OpenFileMappingW(FILE_MAP_READ, FALSE, ConfigName(vtflt::LOG_CFG_LOCAL_MAPPING_NAME).c_str()));
+        return mutex || global || local;
+    }
+    std::wstring LogText() const
+    {
+        // Alone: nobody else has it open.
+        const UniqueHandle file(CreateFileW(m_log.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+        EXPECT_TRUE(file.valid());
+        LARGE_INTEGER size = {};
+        GetFileSizeEx(file.get(), &size);
+        std::wstring text(static_cast<std::size_t>(size.QuadPart) / sizeof(wchar_t), L'\0');
+        DWORD got = 0;
+        EXPECT_TRUE(ReadFile(file.get(), text.data(), static_cast<DWORD>(text.size() * 2), &got, nullptr));
+        return text;
+    }
+    static std::size_t Count(const std::wstring& text, const std::wstring& part)
+    {
+        std::size_t count = 0;
+        for (std::size_t at = text.find(part); at != std::wstring::npos; at = text.find(part, at + 1))
+            ++count;
+        return count;
+    }
+
+    RegistrySandbox m_registry;
+    std::wstring m_folder;
+    std::wstring m_library;
+    std::wstring m_log;
+};
+
+TEST_F(LogLoad, TheConfigurationIsThereFromLoadToUnload)
+{
+    EXPECT_FALSE(HasConfiguration());
+    const HMODULE library = Load();
+    ASSERT_NE(nullptr, library);
+    {
+        const UniqueHandle mapping(
+            OpenFileMappingW(FILE_MAP_READ, FALSE, ConfigName(vtflt::LOG_CFG_GLOBAL_MAPPING_NAME).c_str()));
+        const vtflt::UniqueView view(MapViewOfFile(mapping.get(), FILE_MAP_READ, 0, 0, 0));
+        ASSERT_TRUE(view.valid());
+        const auto& block = *static_cast<const vtflt::LogCfgBlock*>(view.get());
+        EXPECT_TRUE(vtflt::FieldText(block.modules[0].name) == L"VTFltMgr.dll");
+        EXPECT_TRUE(vtflt::FieldText(block.modules[0].path) == m_log) << Narrow(vtflt::FieldText(block.modules[0].path));
+    }
+    EXPECT_EQ(INVALID_FILE_ATTRIBUTES, GetFileAttributesW(m_log.c_str())) << "the first record makes the file";
+    EXPECT_TRUE(FreeLibrary(library));
+    EXPECT_FALSE(HasConfiguration());
+}
+
+TEST_F(LogLoad, ARecordNamesTheProgramAndTheLibraryAndTheUnloadClosesTheFile)
+{
+    const HMODULE library = Load();
+    ASSERT_NE(nullptr, library);
+    LogRecord(library, 0x123);
+    EXPECT_TRUE(FreeLibrary(library));
+    const std::wstring text = LogText();
+    EXPECT_EQ(1u, Count(text, L"   0X00000057] VTFltPrepareForSnapshot: Handle 0X123 not found. "
+                              L"Please provide valid volume handle.   {load_tests.exe::VTFltMgr.dll(0.0)}\r\n"));
+    EXPECT_TRUE(DeleteFileW(m_log.c_str()));
+}
+
+TEST_F(LogLoad, AValueNamedAfterTheExecutableTakesPrecedenceOverOneNamedAfterTheLibrary)
+{
+    SetLevel(L"load_tests.exe", 1);
+    SetLevel(L"VTFltMgr.dll", 4);
+    const HMODULE library = Load();
+    ASSERT_NE(nullptr, library);
+    LogRecord(library, 1);
+    EXPECT_TRUE(FreeLibrary(library));
+    EXPECT_EQ(6u, Count(LogText(), L"   01   ")) << "the threshold in the summary block";
+}
+
+TEST_F(LogLoad, AValueNamedAfterTheLibraryCountsWhereThereIsNoneOfTheExecutable)
+{
+    SetLevel(L"VTFltMgr.dll", 4);
+    const HMODULE library = Load();
+    ASSERT_NE(nullptr, library);
+    LogRecord(library, 1);
+    EXPECT_TRUE(FreeLibrary(library));
+    EXPECT_EQ(6u, Count(LogText(), L"   04   "));
+}
+
+TEST_F(LogLoad, EveryLifeOfTheLibraryReadsItsLevelsAnew)
+{
+    for (const std::uint8_t level : {std::uint8_t{1}, std::uint8_t{3}}) {
+        SetLevel(L"VTFltMgr.dll", level);
+        const HMODULE library = Load();
+        ASSERT_NE(nullptr, library);
+        LogRecord(library, 1);
+        EXPECT_TRUE(FreeLibrary(library));
+        EXPECT_EQ(6u, Count(LogText(), std::wstring(L"   0") + static_cast<wchar_t>(L'0' + level) + L"   "));
+        DeleteFileW(m_log.c_str());
+    }
+}
+
+TEST_F(LogLoad, ItIsLoadedAndUnloadedAgainAndAgainAndContinuesItsFile)
+{
+    for (std::uintptr_t round = 1; round <= 10; ++round) {
+        const HMODULE library = Load();
+        ASSERT_NE(nullptr, library);
+        LogRecord(library, round);
+        EXPECT_TRUE(FreeLibrary(library));
+        EXPECT_FALSE(HasConfiguration());
+    }
+    const std::wstring text = LogText();
+    EXPECT_EQ(10u, Count(text, L"VTFltPrepareForSnapshot: Handle 0X"));
+    EXPECT_EQ(1u, Count(text, L"SUMMARY LOG"));
+}
+
+struct Logger {
+    HMODULE library;
+    HANDLE logged;
+    HANDLE end;
+};
+
+DWORD WINAPI LogAndWait(void* context)
+{
+    const auto& logger = *static_cast<Logger*>(context);
+    const auto prepare = reinterpret_cast<DWORD(WINAPI*)(HANDLE)>(
+        reinterpret_cast<void (*)()>(GetProcAddress(logger.library, "VTFltPrepareForSnapshot")));
+    const DWORD result = prepare(reinterpret_cast<HANDLE>(std::uintptr_t{0x77}));
+    SetEvent(logger.logged);
+    WaitForSingleObject(logger.end, INFINITE);
+    return result;
+}
+
+TEST_F(LogLoad, AThreadThatLoggedMayEndAfterTheLibrary)
+{
+    const HMODULE library = Load();
+    ASSERT_NE(nullptr, library);
+    const UniqueHandle logged(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    const UniqueHandle end(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    Logger logger = {library, logged.get(), end.get()};
+    const UniqueHandle thread(CreateThread(nullptr, 0, LogAndWait, &logger, 0, nullptr));
+    ASSERT_TRUE(thread.valid());
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(logged.get(), INFINITE));
+    EXPECT_TRUE(FreeLibrary(library));
+    SetEvent(end.get());
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(thread.get(), INFINITE));
+    DWORD result = 0;
+    EXPECT_TRUE(GetExitCodeThread(thread.get(), &result));
+    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, result);
+    EXPECT_EQ(1u, Count(LogText(), L"Handle 0X77 not found"));
+}
+
+} // namespace

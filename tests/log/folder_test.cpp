@@ -1,0 +1,197 @@
+// Making the folder of a log file ready: its parents, LocalService's rights, compression.
+#include "log/log_folder.h"
+#include "log_file_test.h"
+
+#include <aclapi.h>
+#include <sddl.h>
+
+using namespace vtflt;
+using namespace vttest;
+
+namespace {
+
+class Folder : public LogFileTest {
+protected:
+    bool Prepare(const std::wstring& file, const std::wstring& defaultFolder = L"Q:\\elsewhere\\Logs\\")
+    {
+        VTFltSimRecord(1);
+        const bool prepared = PrepareLogFolder(file, defaultFolder);
+        VTFltSimRecord(0);
+        return prepared;
+    }
+    static std::wstring SetCompression(const std::wstring& folder)
+    {
+        return L"DeviceIoControl " + folder + L"|0x0009C040|in 2|out 0";
+    }
+    // The lines that one failing call leaves on the standard output; the folder's line goes to the trace.
+    std::string PrintedWhenFails(const wchar_t* function)
+    {
+        vtfltsim::FailCall(function, ERROR_ACCESS_DENIED);
+        testing::internal::CaptureStdout();
+        EXPECT_TRUE(Prepare(m_folder.File(L"x.log")));
+        std::fflush(stdout);
+        std::string printed = testing::internal::GetCapturedStdout();
+        VTFltSimClearCallFaults();
+        EXPECT_TRUE(TraceLines() == std::vector<std::wstring>{TraceLine(
+                                        L"Failed to add local service access right for folder " + m_folder.Path() +
+                                        L"\r\n")});
+        while (!printed.empty() && (printed.back() == '\n' || printed.back() == '\r'))
+            printed.pop_back();
+        return printed;
+    }
+};
+
+TEST_F(Folder, IsMadeWithAllItsMissingParentsOneLevelAtATime)
+{
+    EXPECT_TRUE(Prepare(m_folder.File(L"a\\b\\c\\x.log")));
+    EXPECT_TRUE(Exists(m_folder.File(L"a\\b\\c")));
+    EXPECT_FALSE(Exists(m_folder.File(L"a\\b\\c\\x.log")));
+    const std::vector<std::wstring> made = Recorded(L"CreateDirectoryW");
+    ASSERT_LE(3u, made.size());
+    EXPECT_TRUE(made[made.size() - 3] == L"CreateDirectoryW " + m_folder.File(L"a"));
+    EXPECT_TRUE(made[made.size() - 2] == L"CreateDirectoryW " + m_folder.File(L"a\\b"));
+    EXPECT_TRUE(made[made.size() - 1] == L"CreateDirectoryW " + m_folder.File(L"a\\b\\c"));
+}
+
+TEST_F(Folder, ThatExistsIsAsGoodAsOneThatIsMade)
+{
+    EXPECT_TRUE(Prepare(m_folder.File(L"x.log")));
+    EXPECT_TRUE(Prepare(m_folder.File(L"x.log")));
+}
+
+TEST_F(Folder, ThatCannotBeMadeIsReported)
+{
+    MakeFile(m_folder.File(L"file"), "a file stands in the way");
+    EXPECT_FALSE(Prepare(m_folder.File(L"file\\x.log")));
+    EXPECT_TRUE(Recorded(L"GetNamedSecurityInfoW").empty());
+}
+
+TEST_F(Folder, OfAPathWithoutABackslashIsNone)
+{
+    EXPECT_FALSE(Prepare(L"x.log"));
+    EXPECT_FALSE(Prepare(L""));
+    EXPECT_TRUE(vtfltsim::Trace().empty());
+}
+
+TEST_F(Folder, ADrivesRootIsNotTheDrivesCurrentFolder)
+{
+    vtfltsim::FailCall(L"GetNamedSecurityInfoW", ERROR_ACCESS_DENIED);
+    testing::internal::CaptureStdout();
+    EXPECT_TRUE(Prepare(L"C:\\x.log"));
+    testing::internal::GetCapturedStdout();
+    ASSERT_EQ(1u, Recorded(L"GetNamedSecurityInfoW").size());
+    EXPECT_EQ(0u, Recorded(L"GetNamedSecurityInfoW")[0].find(L"GetNamedSecurityInfoW C:\\|"));
+}
+
+TEST_F(Folder, GetsAnEntryForLocalServiceMergedIntoItsList)
+{
+    EXPECT_TRUE(Prepare(m_folder.File(L"x.log")));
+    EXPECT_EQ(1u, Recorded(L"GetNamedSecurityInfoW").size());
+    EXPECT_EQ(1u, Recorded(L"SetEntriesInAclW").size());
+    EXPECT_EQ(1u, Recorded(L"SetNamedSecurityInfoW").size());
+    EXPECT_TRUE(TraceLines().empty());
+}
+
+TEST_F(Folder, AnAccessListThatCannotBeReadIsPrintedAndTraced)
+{
+    EXPECT_EQ("GetNamedSecurityInfo Error 5", PrintedWhenFails(L"GetNamedSecurityInfoW"));
+}
+
+TEST_F(Folder, AnEntryThatCannotBeMergedIsPrintedAndTraced)
+{
+    EXPECT_EQ("SetEntriesInAcl Error 5", PrintedWhenFails(L"SetEntriesInAclW"));
+}
+
+TEST_F(Folder, AnAccessListThatCannotBeStoredIsPrintedAndTraced)
+{
+    EXPECT_EQ("SetNamedSecurityInfo Error 5", PrintedWhenFails(L"SetNamedSecurityInfoW"));
+}
+
+// Access lists of the case's own, because the file system here keeps no added entry.
+class AccessList : public testing::Test {
+protected:
+    static bool Grants(const wchar_t* text)
+    {
+        PSECURITY_DESCRIPTOR descriptor = nullptr;
+        EXPECT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorW(text, SDDL_REVISION_1, &descriptor, nullptr))
+            << Narrow(text);
+        const UniqueLocalMemory owner(descriptor);
+        PSID account = nullptr;
+        EXPECT_TRUE(ConvertStringSidToSidW(L"S-1-5-19", &account));
+        const UniqueLocalMemory accountOwner(account);
+        BOOL isPresent = FALSE;
+        BOOL isDefault = FALSE;
+        PACL list = nullptr;
+        EXPECT_TRUE(GetSecurityDescriptorDacl(descriptor, &isPresent, &list, &isDefault));
+        return list != nullptr && GrantsModifyRights(list, account);
+    }
+};
+
+TEST_F(AccessList, AnOwnEntryWithAllTheRightsIsEnough)
+{
+    EXPECT_TRUE(Grants(L"D:(A;;0x1301bf;;;S-1-5-19)"));
+    EXPECT_TRUE(Grants(L"D:(A;;0x1f01ff;;;S-1-5-19)"));
+    EXPECT_TRUE(Grants(L"D:(A;;0x1f01ff;;;WD)(A;OICI;0x1301bf;;;S-1-5-19)"));
+}
+
+TEST_F(AccessList, AnEntryThatLacksARightIsNot)
+{
+    EXPECT_FALSE(Grants(L"D:(A;;0x1301be;;;S-1-5-19)"));
+    EXPECT_FALSE(Grants(L"D:(A;;0x1200a9;;;S-1-5-19)(A;;0x110116;;;S-1-5-19)"));
+}
+
+TEST_F(AccessList, AnInheritedEntryIsNot)
+{
+    EXPECT_FALSE(Grants(L"D:(A;OICIID;0x1301bf;;;S-1-5-19)"));
+}
+
+TEST_F(AccessList, AnEntryThatDeniesOrIsAnothersIsNot)
+{
+    EXPECT_FALSE(Grants(L"D:(D;;0x1301bf;;;S-1-5-19)"));
+    EXPECT_FALSE(Grants(L"D:(A;;0x1f01ff;;;S-1-5-20)"));
+}
+
+TEST_F(Folder, TheDefaultFolderIsCompressed)
+{
+    EXPECT_TRUE(Prepare(m_folder.File(L"Logs\\x.log"), m_folder.File(L"LOGS\\")));
+    EXPECT_TRUE(Recorded(L"DeviceIoControl") == std::vector<std::wstring>{SetCompression(m_folder.File(L"Logs"))});
+}
+
+TEST_F(Folder, AFolderAboveTheDefaultOneIsCompressedToo)
+{
+    EXPECT_TRUE(Prepare(m_folder.File(L"x.log"), m_folder.File(L"Logs\\")));
+    EXPECT_EQ(1u, Recorded(L"DeviceIoControl").size());
+}
+
+TEST_F(Folder, AnotherFolderIsNotCompressed)
+{
+    EXPECT_TRUE(Prepare(m_folder.File(L"Other\\x.log"), m_folder.File(L"Logs\\")));
+    EXPECT_TRUE(Recorded(L"DeviceIoControl").empty());
+}
+
+TEST_F(Folder, ACompressedFolderIsLeftAlone)
+{
+    VTFLTSIM_CALL_FAULT fault = {};
+    fault.size = sizeof(fault);
+    fault.what = VTFLTSIM_CALL_RETURNS;
+    fault.function = L"GetFileAttributesW";
+    fault.value = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_COMPRESSED;
+    vtfltsim::Check("VTFltSimSetCallFault", VTFltSimSetCallFault(&fault));
+    EXPECT_TRUE(Prepare(m_folder.File(L"Logs\\x.log"), m_folder.File(L"Logs\\")));
+    EXPECT_TRUE(Recorded(L"DeviceIoControl").empty());
+}
+
+TEST_F(Folder, ThatCannotBeOpenedForCompressionIsUsedAllTheSame)
+{
+    vtfltsim::FailCall(L"CreateFileW", ERROR_ACCESS_DENIED);
+    EXPECT_TRUE(Prepare(m_folder.File(L"Logs\\x.log"), m_folder.File(L"Logs\\")));
+}
+
+TEST_F(Folder, OfAFirstRecordIsPreparedBeforeTheFileIsOpened)
+{
+    Start(m_folder.File(L"new\\x.log"));
+    Write(L"m");
+    EXPECT_TRUE(Texts(m_folder.File(L"new\\x.log")) == std::vector<std::wstring>{L"m"});
+}
+
+} // namespace

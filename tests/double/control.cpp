@@ -92,6 +92,25 @@ struct NewThread {
     void* argument;
 };
 
+// The threads that have not begun; one that is killed before it does leaves nothing that nobody knows.
+std::set<std::unique_ptr<NewThread>>& Starts()
+{
+    static auto& starts = *new std::set<std::unique_ptr<NewThread>>();
+    return starts;
+}
+
+NewThread* AddStart(const NewThread& start)
+{
+    return Starts().insert(std::make_unique<NewThread>(start)).first->get();
+}
+
+NewThread TakeStart(NewThread* start)
+{
+    const NewThread taken = *start;
+    std::erase_if(Starts(), [start](const auto& known) { return known.get() == start; });
+    return taken;
+}
+
 std::map<std::uint64_t, std::shared_ptr<ThreadObject>>& Joinable()
 {
     static auto& threads = *new std::map<std::uint64_t, std::shared_ptr<ThreadObject>>();
@@ -106,11 +125,12 @@ std::uint64_t DoubleStartThread(void (*run)(void*), void* argument)
     const auto thread = StartThread(
         CurrentProcess(),
         [](void* value) -> DWORD {
-            const std::unique_ptr<NewThread> start(static_cast<NewThread*>(value));
-            start->run(start->argument);
+            // Given back before it runs: a thread that is killed comes no further.
+            const NewThread start = TakeStart(static_cast<NewThread*>(value));
+            start.run(start.argument);
             return 0;
         },
-        new NewThread{run, argument}, false);
+        AddStart({run, argument}), false);
     Joinable()[thread->id] = thread;
     return thread->id;
 }

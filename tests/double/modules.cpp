@@ -369,6 +369,15 @@ DOUBLE_API DWORD WINAPI GetCurrentProcessId()
     return CurrentProcess().id * 4;
 }
 
+DOUBLE_API DWORD WINAPI GetProcessId(HANDLE handle)
+{
+    const Entry entry;
+    const auto process = CurrentProcess().Get<ProcessObject>(handle);
+    if (process == nullptr)
+        return 0;
+    return process->process != nullptr ? process->process->id * 4 : Failed<DWORD>(ERROR_INVALID_HANDLE, 0);
+}
+
 DOUBLE_API DWORD WINAPI GetCurrentThreadId()
 {
     return Current().id;

@@ -48,6 +48,7 @@ protected:
     std::vector<Record> m_live;
 };
 
+#if defined(_WIN32) // the double has no guard pages
 // An argument whose reading is noticed: its page answers the first access with an exception, which is counted.
 class WatchedText {
 public:
@@ -93,6 +94,7 @@ TEST_F(FrontEnd, AMessageThatNoOutputWantsIsNotFormatted)
     log.Log(2, 0, L"%s", text.get());
     EXPECT_EQ(1, WatchedText::Reads());
 }
+#endif
 
 TEST_F(FrontEnd, AMessageThatAnyOutputWantsIsFormattedOnceAndHandedToBoth)
 {

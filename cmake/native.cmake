@@ -16,6 +16,8 @@ target_compile_options(native_flags INTERFACE
 if(VT_SANITIZERS)
     target_compile_options(native_flags INTERFACE -fsanitize=${VT_SANITIZERS} -fno-sanitize-recover=all)
     target_link_options(native_flags INTERFACE -fsanitize=${VT_SANITIZERS})
+    # The thread sanitizer does not understand fences; only the simulator has some, for other processes.
+    target_compile_options(native_flags INTERFACE $<$<CXX_COMPILER_ID:GNU>:-Wno-tsan>)
 endif()
 target_compile_options(native_flags INTERFACE
     -fno-omit-frame-pointer

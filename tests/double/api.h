@@ -56,4 +56,12 @@ inline void WatchAgain()
     AnnotateIgnoreReadsEnd(__FILE__, __LINE__);
 }
 
+class NotWatched {
+public:
+    NotWatched() { StopWatching(); }
+    NotWatched(const NotWatched&) = delete;
+    NotWatched& operator=(const NotWatched&) = delete;
+    ~NotWatched() { WatchAgain(); }
+};
+
 } // namespace vtdouble

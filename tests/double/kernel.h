@@ -237,6 +237,7 @@ Process& CurrentProcess();
 Process* MakeProcess(const Text& program, const Text& commandLine, const Process* parent, DWORD& error);
 void EndProcess(Process& process, DWORD exitCode);
 // Finds the program's modules in memory, and calls their entry points.
+void LoadModules(Process& process);
 void AttachModules(Process& process);
 void DetachModules(Process& process, bool processEnds);
 int RunMain(Process& process);

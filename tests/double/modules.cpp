@@ -154,6 +154,19 @@ EntryPoint EntryPointOf(const Module& module)
     return nullptr;
 }
 
+// The host's loader is the double's, to the thread sanitizer; so is what the modules do while they are loaded.
+void* Load(const std::string& path)
+{
+    const NotWatched notWatched;
+    return dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+}
+
+void Unload(void* library)
+{
+    const NotWatched notWatched;
+    dlclose(library);
+}
+
 // Handles by which the loader knows the modules; they add no lasting reference.
 void OpenModules(Process& process, const std::string& folder)
 {
@@ -272,11 +285,13 @@ Process* MakeProcess(const Text& program, const Text& commandLine, const Process
     return process;
 }
 
-void AttachModules(Process& process)
+void LoadModules(Process& process)
 {
+    const NotWatched notWatched;
+    AfterAcquire(&I()); // a module may stand where one of an ended process stood
     const Text program = process.modules.front().name;
     const std::string folder = FolderFor(process.suffix, HostName(program, FIRST));
-    void* const library = dlopen((folder + "/" + HostName(program, process.suffix)).c_str(), RTLD_NOW | RTLD_LOCAL);
+    void* const library = Load(folder + "/" + HostName(program, process.suffix));
     if (library == nullptr)
         Die("%s", dlerror());
     process.modules.clear();
@@ -284,6 +299,15 @@ void AttachModules(Process& process)
     std::stable_partition(process.modules.begin(), process.modules.end(), IsProgram);
     process.modules.front().library = library;
     OpenModules(process, folder);
+    // In the process: a killed one does not come back from its main.
+    process.arguments = Arguments(process.commandLine);
+    for (std::string& argument : process.arguments)
+        process.argumentPointers.push_back(argument.data());
+    process.argumentPointers.push_back(nullptr);
+}
+
+void AttachModules(Process& process)
+{
     // The deeper ones first: what is needed is found behind whoever needs it.
     for (auto module = process.modules.rbegin(); module != process.modules.rend(); ++module)
         Attach(*module);
@@ -295,11 +319,6 @@ int RunMain(Process& process)
     const auto entry = reinterpret_cast<int (*)(int, char**)>(dlsym(program.library, "main"));
     if (entry == nullptr)
         Die("%s has no main", Narrow(program.name).c_str());
-    // In the process: a killed one does not come back here.
-    process.arguments = Arguments(process.commandLine);
-    for (std::string& argument : process.arguments)
-        process.argumentPointers.push_back(argument.data());
-    process.argumentPointers.push_back(nullptr);
     return entry(static_cast<int>(process.arguments.size()), process.argumentPointers.data());
 }
 
@@ -317,19 +336,21 @@ void UnloadModules(Process& process)
 {
     if (process.suffix == FIRST)
         return; // they stay for the leak check at the end of the host's process
+    const NotWatched notWatched;
     std::size_t bytes = 0;
     const std::size_t left = process.dead ? 0 : CountAllocations(process, L"VTFltMgr.dll", bytes);
     if (left != 0)
         Die("process %u ended, and %zu bytes in %zu pieces of its heap are left", process.id, bytes, left);
     for (const Module& module : process.modules) {
         if (module.library != nullptr)
-            dlclose(module.library);
+            Unload(module.library);
     }
     FreeAllocations(process);
     for (const auto& [address, view] : process.views)
         UnmapViewOfFile(address);
     process.handles.clear();
     I().inUse.erase(static_cast<unsigned>(std::atoi(process.suffix.c_str() + 2)));
+    BeforeRelease(&I());
 }
 
 void EndProcess(Process& process, DWORD exitCode)
@@ -546,7 +567,7 @@ DOUBLE_API HMODULE WINAPI LoadLibraryW(LPCWSTR name)
     Text base = name;
     base.erase(0, base.find_last_of(L"\\/") + 1);
     const std::string folder = FolderFor(process.suffix, HostName(process.modules.front().name, FIRST));
-    void* const library = dlopen((folder + "/" + HostName(base, process.suffix)).c_str(), RTLD_NOW | RTLD_LOCAL);
+    void* const library = Load(folder + "/" + HostName(base, process.suffix));
     if (library == nullptr)
         return Failed<HMODULE>(ERROR_MOD_NOT_FOUND, nullptr);
     FindModules(process);

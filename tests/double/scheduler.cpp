@@ -169,6 +169,7 @@ void AtThreadEnd(void* value)
     AbandonMutexes(me);
     std::erase(S().threads, &me);
     me.process->threads.erase(&me);
+    BeforeRelease(me.process);
     me.object->thread = nullptr;
     Notify(*me.object);
     if (me.isMain && me.process->object != nullptr) {
@@ -197,6 +198,7 @@ DWORD RunMainThread(Thread& me)
     jmp_buf exitPoint;
     if (setjmp(exitPoint) == 0) {
         me.exitPoint = &exitPoint;
+        LoadModules(process);
         AttachModules(process);
         me.object->exitCode = static_cast<DWORD>(RunMain(process));
     }
@@ -208,6 +210,7 @@ DWORD RunMainThread(Thread& me)
         me.state = Thread::State::Runnable;
         Switch(me);
     }
+    AfterAcquire(&process);
     if (!killed)
         DetachModules(process, true);
     UnloadModules(process);

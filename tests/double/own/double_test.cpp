@@ -4,6 +4,8 @@
 #include "support/registry_sandbox.h"
 
 #include <gtest/gtest.h>
+#include <mutex>
+#include <string>
 #include <thread>
 
 namespace vttest {
@@ -46,20 +48,39 @@ TEST(VirtualTime, AWaitOfHalfAnHourCostsNothing)
     EXPECT_EQ(before + 1'800'000, DoubleTime());
 }
 
+// What threads note, in the order in which they do. Virtual time orders them, but that is no synchronisation.
+class Notes {
+public:
+    void Add(char note)
+    {
+        const std::lock_guard lock(m_mutex);
+        m_text += note;
+    }
+    std::string Text()
+    {
+        const std::lock_guard lock(m_mutex);
+        return m_text;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::string m_text;
+};
+
 TEST(VirtualTime, TheShorterSleepEndsFirst)
 {
-    std::string order;
+    Notes order;
     std::thread longer([&] {
         Sleep(2000);
-        order += 'b';
+        order.Add('b');
     });
     std::thread shorter([&] {
         Sleep(1000);
-        order += 'a';
+        order.Add('a');
     });
     longer.join();
     shorter.join();
-    EXPECT_EQ("ab", order);
+    EXPECT_EQ("ab", order.Text());
 }
 
 TEST(PowerLoss, WhatWasNotFlushedIsAsItWas)
@@ -114,10 +135,10 @@ TEST(Leaks, WhatIsOpenIsCountedByItsKind)
 std::string Interleaving(std::uint64_t seed)
 {
     DoubleSeed(seed);
-    std::string order;
+    Notes order;
     const auto run = [&order](char name) {
         for (int i = 0; i < 10; ++i) {
-            order += name;
+            order.Add(name);
             GetTickCount();
         }
     };
@@ -126,7 +147,7 @@ std::string Interleaving(std::uint64_t seed)
     first.join();
     second.join();
     DoubleSeed(0);
-    return order;
+    return order.Text();
 }
 
 TEST(Seeds, TheSameSeedGivesTheSameOrderAndOthersGiveOthers)

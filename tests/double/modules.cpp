@@ -346,8 +346,8 @@ void UnloadModules(Process& process)
             Unload(module.library);
     }
     FreeAllocations(process);
-    for (const auto& [address, view] : process.views)
-        UnmapViewOfFile(address);
+    while (!process.views.empty())
+        UnmapViewOfFile(process.views.begin()->first);
     process.handles.clear();
     I().inUse.erase(static_cast<unsigned>(std::atoi(process.suffix.c_str() + 2)));
     BeforeRelease(&I());

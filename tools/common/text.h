@@ -21,4 +21,7 @@ std::string ErrorText(std::uint32_t code);
 bool EqualIgnoringCase(std::wstring_view a, std::wstring_view b);
 bool EndsWithIgnoringCase(std::wstring_view text, std::wstring_view tail);
 
+// "12.3 MiB"
+std::string BytesText(std::uint64_t bytes);
+
 } // namespace toolkit

@@ -1,6 +1,6 @@
 // Registering and unregistering: both change what every volume's next fetch hands out, and so take the locks
 // of a backup on every volume.
-#include "application_id.h"
+#include "common/application_id.h"
 #include "cycle.h"
 #include "failure.h"
 #include "library.h"
@@ -44,7 +44,7 @@ void RequireDriver()
 
 void CheckApplicationId(const std::wstring& application)
 {
-    const std::string reason = UnsuitableBecause(application, RegisteredApplications());
+    const std::string reason = toolkit::UnsuitableBecause(application, RegisteredApplications());
     if (!reason.empty())
         throw Failure(Exit::Refused, fmt::format("application ID \"{}\" is refused: {}", ToUtf8(application), reason));
 }

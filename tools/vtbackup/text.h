@@ -1,14 +1,14 @@
-// Text of the program: what all tools share, and how bytes are shown.
+// Text of the program: what all tools share, and how raw bytes are shown.
 #pragma once
 
 #include "common/text.h"
 
 #include <cstddef>
-#include <cstdint>
 #include <string>
 
 namespace vtbackup {
 
+using toolkit::BytesText;
 using toolkit::EndsWithIgnoringCase;
 using toolkit::EqualIgnoringCase;
 using toolkit::ErrorText;
@@ -16,8 +16,5 @@ using toolkit::ToUtf8;
 using toolkit::ToWide;
 
 std::string HexOf(const void* bytes, std::size_t length);
-
-// "12.3 MiB"
-std::string BytesText(std::uint64_t bytes);
 
 } // namespace vtbackup

@@ -1,39 +1,20 @@
-// What the program says: data to standard output, everything else to standard error. All of it is UTF-8 with plain
-// line feeds, whatever it goes to.
+// What vtlog says: see common/console.h, and how a record's level is shown.
 #pragma once
 
-#include <string>
-#include <string_view>
+#include "common/console.h"
 
 namespace vtlog {
 
-// Makes both streams as said above. Called once, before anything is written.
-void PrepareConsole() noexcept;
+using toolkit::Colour;
+using toolkit::Coloured;
+using toolkit::Diagnose;
+using toolkit::Flush;
+using toolkit::OutputInColour;
+using toolkit::Print;
 
-// The colours by what they mean; each is a terminal's own, so that it fits the user's theme.
-enum class Colour {
-    Error,
-    Warning,
-    Information,
-    Detail,
-    Quiet, // what is beside the point: the tail, a note
-};
 // The colour of a record's level. Every level below 1 is an error, as the log itself takes it.
 Colour LevelColour(int level) noexcept;
 // "error", "warning", "information", "detail", else "level N".
 std::string LevelName(int level);
-
-// Whether standard output is a terminal that shows colour, and NO_COLOR is not set.
-bool OutputInColour() noexcept;
-// The text in a colour when output is in colour, else as it stands.
-std::string Coloured(std::string_view text, Colour colour);
-
-// Writes to standard output. False when nobody reads it any more, or its disk is full: stop then.
-[[nodiscard]] bool Print(std::string_view text) noexcept;
-// Hands on what Print has kept; output to a terminal is never kept.
-[[nodiscard]] bool Flush() noexcept;
-
-// "vtlog: message" to standard error, in red on a terminal unless NO_COLOR is set.
-void Diagnose(const std::string& message);
 
 } // namespace vtlog

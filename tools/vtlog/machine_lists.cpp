@@ -6,6 +6,7 @@
 #include "apps/volume_name.h"
 #include "bitmap/container.h"
 #include "bitmap/result_codes.h"
+#include "common/registry_value.h"
 #include "common/text.h"
 #include "common/volume_name.h"
 #include "failure.h"
@@ -14,70 +15,28 @@
 #include "win/owners.h"
 
 #include <fmt/format.h>
-#include <vtfltsim/VTFltSim.h>
-
-#include <cstring>
 
 namespace vtlog {
 
 using toolkit::ErrorText;
 using toolkit::ToUtf8;
 
-// The simulator is loaded only when it is asked for: the program runs without its DLL.
-struct Simulation::Calls {
-    VTFLTSIM_MACHINE machine = nullptr;
-    decltype(&VTFltSimOpen) open = nullptr;
-    decltype(&VTFltSimClose) close = nullptr;
-    decltype(&VTFltSimAttachModule) attach = nullptr;
-    decltype(&VTFltSimDetach) detach = nullptr;
-};
-
 namespace {
 
 // How long a backup may keep the bitmap files to itself before they are left alone.
 constexpr DWORD BITMAP_WAIT_MS = 2000;
 
-template <class Function>
-void Bind(HMODULE module, const char* name, Function& function)
-{
-    const FARPROC address = GetProcAddress(module, name);
-    if (address == nullptr)
-        throw Failure(Exit::Internal, fmt::format("VTFltSim.dll has no {}", name));
-    static_assert(sizeof(function) == sizeof(address));
-    std::memcpy(&function, &address, sizeof(function));
-}
-
-// A multi-string value as bytes. 0, 2 when absent, 13 for another type, else the registry's error. The library's own
-// reader opens its key for writing and makes it where it is missing; looking must not.
-DWORD ReadMultiString(const wchar_t* key, const std::wstring& value, vtflt::RegistryBytes& bytes)
-{
-    vtflt::UniqueKey opened;
-    auto error = static_cast<DWORD>(RegOpenKeyExW(HKEY_LOCAL_MACHINE, key, 0, KEY_READ, opened.put()));
-    DWORD type = REG_NONE;
-    DWORD size = 4096;
-    while (error == ERROR_SUCCESS) {
-        bytes.assign(size, 0);
-        error = static_cast<DWORD>(RegQueryValueExW(opened.get(), value.c_str(), nullptr, &type, bytes.data(), &size));
-        if (error != ERROR_MORE_DATA)
-            break;
-        error = ERROR_SUCCESS;
-    }
-    if (error != ERROR_SUCCESS)
-        return error;
-    bytes.resize(size);
-    return type == REG_MULTI_SZ ? ERROR_SUCCESS : ERROR_INVALID_DATA;
-}
-
 ListState ReadList(const std::wstring& suffix)
 {
     ListState list;
-    vtflt::RegistryBytes bytes;
-    const DWORD error = ReadMultiString(vtflt::RESYNC_LISTS_KEY, vtflt::MakeListValueName(suffix), bytes);
-    if (error == ERROR_FILE_NOT_FOUND)
+    const toolkit::RegistryValue read =
+        toolkit::ReadMultiString(vtflt::RESYNC_LISTS_KEY, vtflt::MakeListValueName(suffix));
+    if (read.error == ERROR_FILE_NOT_FOUND)
         return list;
-    list.error = error == ERROR_SUCCESS && !vtflt::IsWellFormedMultiString(bytes) ? ERROR_INVALID_DATA : error;
+    list.error =
+        read.error == ERROR_SUCCESS && !vtflt::IsWellFormedMultiString(read.bytes) ? ERROR_INVALID_DATA : read.error;
     if (list.error == ERROR_SUCCESS)
-        vtflt::AppendStrings(bytes, list.entries);
+        vtflt::AppendStrings(read.bytes, list.entries);
     return list;
 }
 
@@ -91,43 +50,15 @@ BitmapState ReadBitmap(vtflt::CBitmapContainer& container, DWORD which)
 
 } // namespace
 
-Simulation::Simulation(const std::wstring& folder) : m_calls(std::make_unique<Calls>())
-{
-    Calls& calls = *m_calls;
-    const HMODULE module = LoadLibraryW(L"VTFltSim.dll");
-    if (module == nullptr)
-        throw Failure(Exit::NotFound,
-                      fmt::format("cannot load VTFltSim.dll, which --simulate needs: {}", ErrorText(GetLastError())));
-    Bind(module, "VTFltSimOpen", calls.open);
-    Bind(module, "VTFltSimClose", calls.close);
-    Bind(module, "VTFltSimAttachModule", calls.attach);
-    Bind(module, "VTFltSimDetach", calls.detach);
-    const DWORD error = calls.open(folder.c_str(), &calls.machine);
-    if (error != 0)
-        throw Failure(Exit::NotFound,
-                      fmt::format("{} holds no simulated machine: {}", ToUtf8(folder), ErrorText(error)));
-    const DWORD attached = calls.attach(calls.machine, nullptr);
-    if (attached == 0)
-        return;
-    calls.close(calls.machine);
-    throw Failure(Exit::Internal, fmt::format("cannot attach to the simulated machine: {}", ErrorText(attached)));
-}
-
-Simulation::~Simulation()
-{
-    m_calls->detach();
-    m_calls->close(m_calls->machine);
-}
-
 MachineState ReadMachine(const std::wstring& volumePath)
 {
     MachineState machine;
-    vtflt::RegistryBytes bytes;
-    const DWORD error = ReadMultiString(vtflt::APPLICATION_IDS_KEY, vtflt::APPLICATION_IDS_VALUE, bytes);
-    machine.applicationsError = error == ERROR_FILE_NOT_FOUND ? ERROR_SUCCESS : error;
+    const toolkit::RegistryValue read =
+        toolkit::ReadMultiString(vtflt::APPLICATION_IDS_KEY, vtflt::APPLICATION_IDS_VALUE);
+    machine.applicationsError = read.error == ERROR_FILE_NOT_FOUND ? ERROR_SUCCESS : read.error;
     std::vector<std::wstring> ids;
-    if (error == ERROR_SUCCESS)
-        vtflt::AppendValueEntries(bytes, ids);
+    if (read.error == ERROR_SUCCESS)
+        vtflt::AppendValueEntries(read.bytes, ids);
     machine.driver = ReadList(L"");
 
     // As the library does it: a bitmap file is opened under the volume's mutex only, or a backup that replaces it at

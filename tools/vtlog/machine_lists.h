@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -38,20 +37,6 @@ struct MachineState {
 
 // volumePath is \\?\Volume{...}\.
 MachineState ReadMachine(const std::wstring& volumePath);
-
-// While it lives, the system calls of this program are answered by the simulated machine in a folder.
-class Simulation {
-public:
-    // Throws Failure(NotFound) when the folder holds no machine.
-    explicit Simulation(const std::wstring& folder);
-    ~Simulation();
-    Simulation(const Simulation&) = delete;
-    Simulation& operator=(const Simulation&) = delete;
-
-private:
-    struct Calls;
-    std::unique_ptr<Calls> m_calls;
-};
 
 // The GUID in braces of a volume that is named by its GUID, a drive letter or a mount path, in the system's own
 // spelling where it knows the volume. Throws Failure(NotFound or Usage).

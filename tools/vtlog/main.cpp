@@ -1,5 +1,6 @@
 // vtlog: reads, watches and steers the diagnostic log of VTFltMgr. docs/vtlog.md is its manual.
 #include "command_line.h"
+#include "common/simulation.h"
 #include "common/text.h"
 #include "console.h"
 
@@ -21,7 +22,7 @@ int Ended(Exit code, const std::string& message)
 
 int wmain(int count, wchar_t** arguments)
 {
-    PrepareConsole();
+    toolkit::PrepareConsole("vtlog");
     try {
         std::vector<std::string> texts;
         for (int i = 1; i < count; ++i)
@@ -35,6 +36,8 @@ int wmain(int count, wchar_t** arguments)
         return static_cast<int>(code);
     } catch (const Failure& failure) {
         return Ended(failure.Code(), failure.what());
+    } catch (const toolkit::SimulationError& error) {
+        return Ended(error.NoMachine() ? Exit::NotFound : Exit::Internal, error.what());
     } catch (const std::bad_alloc&) {
         return Ended(Exit::Internal, "not enough memory");
     } catch (const std::exception& error) {

@@ -296,7 +296,7 @@ std::vector<std::string> Notes(const VerifyStory& story)
 
 Exit Why(const WhyOptions& options, MergeReader& logs)
 {
-    std::optional<Simulation> simulation;
+    std::optional<toolkit::Simulation> simulation;
     if (!options.simulate.empty())
         simulation.emplace(toolkit::ToWide(options.simulate));
     const std::wstring guid = ResolveVolume(toolkit::ToWide(options.volume));

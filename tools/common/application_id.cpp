@@ -1,10 +1,10 @@
-#include "application_id.h"
+#include "common/application_id.h"
 
-#include "text.h"
+#include "common/text.h"
 
 #include <fmt/format.h>
 
-namespace vtbackup {
+namespace toolkit {
 namespace {
 
 // \\?\Volume{...}\VelVolTrc\VelVolTrc_child_<id>.dat has to fit in 260 units with its end.
@@ -16,6 +16,8 @@ std::string UnsuitableAlone(std::wstring_view id)
 {
     if (id.empty())
         return "it is empty";
+    if (id.front() == L' ' || id.back() == L' ')
+        return "it begins or ends with a blank, which nobody sees";
     if (id.size() > LONGEST_ID)
         return fmt::format("it is longer than {} characters, so the path of its bitmap files would be cut", LONGEST_ID);
     if (id.find(L'*') != std::wstring_view::npos)
@@ -25,7 +27,7 @@ std::string UnsuitableAlone(std::wstring_view id)
             return "it contains a character that cannot stand in a file name, and its bitmap files carry it";
     }
     if (ToWide(ToUtf8(id)) != id)
-        return "it is no valid text, so the repository could not keep it";
+        return "it is no valid text: half of a character pair stands alone in it";
     if (EndsWithIgnoringCase(id, L".Last"))
         return "it ends in \".Last\", so its pending list would be another application's verify list";
     return {};
@@ -53,4 +55,4 @@ std::string UnsuitableBecause(std::wstring_view id, const std::vector<std::wstri
     return {};
 }
 
-} // namespace vtbackup
+} // namespace toolkit

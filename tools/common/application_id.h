@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-namespace vtbackup {
+namespace toolkit {
 
 // The reason why an ID must not be used, or an empty text. Pure.
 //
@@ -14,4 +14,4 @@ namespace vtbackup {
 // bitmap files, and each would clear what belongs to the other.
 std::string UnsuitableBecause(std::wstring_view id, const std::vector<std::wstring>& registered);
 
-} // namespace vtbackup
+} // namespace toolkit

@@ -1,0 +1,23 @@
+// Registry values as they stand, for programs that only look: nothing is opened for writing, and no key is made where one
+// is missing, as the library's own readers do.
+#pragma once
+
+#include "registry/multi_string.h"
+
+#include <string>
+
+namespace toolkit {
+
+struct RegistryValue {
+    unsigned long error = 0; // 0, 2 when key or value is absent, else the registry's
+    unsigned long type = 0;
+    vtflt::RegistryBytes bytes;
+};
+
+// Reads a value below HKEY_LOCAL_MACHINE, whatever its type.
+RegistryValue ReadRegistryValue(const std::wstring& key, const std::wstring& value);
+
+// The same for a multi-string: 13 in error for any other type.
+RegistryValue ReadMultiString(const std::wstring& key, const std::wstring& value);
+
+} // namespace toolkit

@@ -1,0 +1,67 @@
+#include "common/simulation.h"
+
+#include "common/text.h"
+
+#include "win/windows.h"
+
+#include <fmt/format.h>
+#include <vtfltsim/VTFltSim.h>
+
+#include <cstring>
+
+namespace toolkit {
+
+struct Simulation::Calls {
+    VTFLTSIM_MACHINE machine = nullptr;
+    decltype(&VTFltSimOpen) open = nullptr;
+    decltype(&VTFltSimClose) close = nullptr;
+    decltype(&VTFltSimAttachModule) attach = nullptr;
+    decltype(&VTFltSimDetach) detach = nullptr;
+};
+
+namespace {
+
+template <class Function>
+void Bind(HMODULE module, const char* name, Function& function)
+{
+    const FARPROC address = GetProcAddress(module, name);
+    if (address == nullptr)
+        throw SimulationError(fmt::format("VTFltSim.dll has no {}", name), false);
+    static_assert(sizeof(function) == sizeof(address));
+    std::memcpy(&function, &address, sizeof(function));
+}
+
+} // namespace
+
+Simulation::Simulation(const std::wstring& folder) : m_calls(std::make_unique<Calls>())
+{
+    Calls& calls = *m_calls;
+    const HMODULE module = LoadLibraryW(L"VTFltSim.dll");
+    if (module == nullptr)
+        throw SimulationError(
+            fmt::format("cannot load VTFltSim.dll, which --simulate needs: {}", ErrorText(GetLastError())), true);
+    Bind(module, "VTFltSimOpen", calls.open);
+    Bind(module, "VTFltSimClose", calls.close);
+    Bind(module, "VTFltSimAttachModule", calls.attach);
+    Bind(module, "VTFltSimDetach", calls.detach);
+    if (const DWORD error = calls.open(folder.c_str(), &calls.machine); error != 0)
+        throw SimulationError(fmt::format("{} holds no simulated machine: {}", ToUtf8(folder), ErrorText(error)), true);
+    const HMODULE library = GetModuleHandleW(L"VTFltMgr.dll");
+    DWORD attached = library == nullptr ? ERROR_SUCCESS : calls.attach(calls.machine, library);
+    if (attached == ERROR_SUCCESS)
+        attached = calls.attach(calls.machine, nullptr);
+    if (attached == ERROR_SUCCESS)
+        return;
+    calls.detach();
+    calls.close(calls.machine);
+    throw SimulationError(fmt::format("cannot attach to the simulated machine: {}", ErrorText(attached)), false);
+}
+
+Simulation::~Simulation()
+{
+    // The module stays loaded: other objects of the process may still be on their way out through it.
+    m_calls->detach();
+    m_calls->close(m_calls->machine);
+}
+
+} // namespace toolkit

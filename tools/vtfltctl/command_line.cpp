@@ -1,0 +1,91 @@
+#include "command_line.h"
+
+#include "output.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+
+namespace vtfltctl {
+namespace {
+
+constexpr const char* FOOTER = R"(Exit codes:
+   0 ok               the work is done; of a check: what was looked at is sound
+   1 internal         something that should not happen
+   2 usage            the command line is wrong
+   4 refused          it would do harm, or needs --yes, or the library refuses it
+   5 driver-down      the change-tracking driver does not work
+   6 damaged          something is damaged or contradicts itself
+   9 device           a volume or a request to the driver failed
+  10 not-found        no such application, volume, file or machine
+  11 unreadable       a file or a registry value could not be read or written
+  12 verify-required  a next backup must verify
+  13 unknown          that cannot be told
+  14 not-monitored    device: the driver does not track it)";
+
+} // namespace
+
+CLI::App& AddCommand(CLI::App& parent, Context& context, const std::string& name, const std::string& description,
+                     std::function<Exit()> action)
+{
+    CLI::App& command = *parent.add_subcommand(name, description);
+    command.footer(FOOTER);
+    command.add_flag("--json", context.json, "print the result as one JSON object");
+    command.add_option("--simulate", context.simulate, "work on the simulated machine in this folder")
+        ->type_name("DIR");
+    const std::string fullName = parent.get_parent() == nullptr ? name : parent.get_name() + " " + name;
+    command.callback([&context, fullName, action = std::move(action)] {
+        context.command = fullName;
+        context.action = action;
+    });
+    return command;
+}
+
+CLI::App& AddGroup(CLI::App& app, const std::string& name, const std::string& description)
+{
+    CLI::App& group = *app.add_subcommand(name, description);
+    group.require_subcommand(1);
+    group.footer(FOOTER);
+    return group;
+}
+
+void AddYes(CLI::App& command, Context& context, const std::string& what)
+{
+    command.add_flag("--yes", context.yes, "really delete " + what);
+}
+
+void RequireYes(const Context& context, const std::string& what)
+{
+    if (!context.yes)
+        throw Failure(Exit::Refused, "this " + what + "; nothing was changed, repeat the command with --yes to do it");
+}
+
+void AddCommands(CLI::App& app, Context& context)
+{
+    app.description("Shows and steers what the change tracking of VTFltMgr keeps on a machine.");
+    app.name("vtfltctl");
+    app.require_subcommand(1);
+    app.footer(FOOTER);
+    // Application IDs and device names may begin with a slash.
+    app.allow_windows_style_options(false);
+    AddAppsCommands(app, context);
+}
+
+std::optional<int> ParseCommandLine(std::vector<std::string> arguments, Context& context)
+{
+    CLI::App app;
+    AddCommands(app, context);
+    const bool json = std::find(arguments.begin(), arguments.end(), "--json") != arguments.end();
+    std::reverse(arguments.begin(), arguments.end()); // as CLI11 takes them
+    try {
+        app.parse(std::move(arguments));
+    } catch (const CLI::CallForHelp&) {
+        return Print(app.help()) && Flush() ? 0 : static_cast<int>(Exit::Unreadable);
+    } catch (const CLI::ParseError& error) {
+        context.json = json;
+        return static_cast<int>(AnswerFailure(context, Exit::Usage, error.what()));
+    }
+    return std::nullopt;
+}
+
+} // namespace vtfltctl

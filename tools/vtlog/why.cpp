@@ -1,6 +1,7 @@
 #include "why.h"
 
 #include "apps/volume_name.h"
+#include "common/simulation.h"
 #include "common/text.h"
 #include "console.h"
 #include "entry_text.h"

@@ -1,10 +1,10 @@
-# header_libraries: the header-only libraries of the tools (CLI11, fmt, nlohmann json, xxhash).
+# header_libraries: the header-only libraries of the tools (CLI11, fmt, nlohmann json, stb, xxhash).
 #
 # They come with the system, in /usr/include, which also holds the headers of the Linux C library. Those must
 # not reach the cross compiler, so the wanted folders, and only those, are linked into the build folder.
 set(header_folder "${CMAKE_BINARY_DIR}/header_libraries")
 file(MAKE_DIRECTORY "${header_folder}")
-foreach(entry IN ITEMS CLI fmt nlohmann xxhash.h)
+foreach(entry IN ITEMS CLI fmt nlohmann stb xxhash.h)
     if(NOT EXISTS "/usr/include/${entry}")
         message(FATAL_ERROR "/usr/include/${entry} is missing: run ./dev setup")
     endif()

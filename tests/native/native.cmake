@@ -26,6 +26,15 @@ add_executable(vtlog_core_tests tools/vtlog_parser_test.cpp tools/vtlog_text_tes
 target_link_libraries(vtlog_core_tests PRIVATE vtlog_core googletest project_warnings)
 add_test(NAME ${VT_CONFIGURATION}.vtlog_core_tests COMMAND vtlog_core_tests --gtest_brief=1)
 
+# What vtfltctl makes of any bitmap file.
+vt_glob(bitmap_sources tools/vtfltctl_bitmap_*_test.cpp)
+add_executable(vtfltctl_bitmap_tests ${bitmap_sources} native/wide.c)
+target_link_libraries(vtfltctl_bitmap_tests PRIVATE vtfltctl_bitmap vtfltmgr_core googletest project_warnings)
+# A decoder that shares nothing with the encoder under test.
+find_package(PNG REQUIRED)
+target_link_libraries(vtfltctl_bitmap_tests PRIVATE PNG::PNG)
+add_test(NAME ${VT_CONFIGURATION}.vtfltctl_bitmap_tests COMMAND vtfltctl_bitmap_tests --gtest_brief=1)
+
 # The format file for the lnav log viewer.
 add_test(NAME ${VT_CONFIGURATION}.lnav_format
     COMMAND bash "${CMAKE_CURRENT_SOURCE_DIR}/tools/lnav/check_lnav.sh"

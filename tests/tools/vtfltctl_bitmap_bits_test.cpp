@@ -248,6 +248,19 @@ TEST(VtfltctlBitmapNumbers, Sizes)
     EXPECT_EQ(ShareText(1, 8), "12.5 %");
 }
 
+TEST(VtfltctlBitmapNumbers, MarksOfAnAxisShareAUnit)
+{
+    constexpr std::uint64_t GIBIBYTE = std::uint64_t{1} << 30;
+    EXPECT_EQ(MarkText(0, 64 * GIBIBYTE), "0");
+    EXPECT_EQ(MarkText(64 * GIBIBYTE, 64 * GIBIBYTE), "64 GiB");
+    EXPECT_EQ(MarkText(1088 * GIBIBYTE, 64 * GIBIBYTE), "1,088 GiB");
+    EXPECT_EQ(MarkText(4096 * GIBIBYTE, 4096 * GIBIBYTE), "4 TiB");
+    EXPECT_EQ(MarkText(1500, 1000), "1.46 KiB");
+    EXPECT_EQ(MarkText(GIBIBYTE + 1, GIBIBYTE), "1 GiB") << "no more than two decimals";
+    EXPECT_EQ(MarkText(GIBIBYTE, 1024), "1 GiB") << "a short text instead of 1,048,576 KiB";
+    EXPECT_EQ(MarkText(UINT64_MAX, 0), "16 EiB");
+}
+
 TEST(VtfltctlBitmapNumbers, SizesReadBack)
 {
     EXPECT_EQ(ParseSize("0"), 0U);

@@ -50,15 +50,15 @@ Decoded Decode(const Bytes& file)
 Colour Expected(std::size_t changed, std::size_t blocks)
 {
     if (changed == 0)
-        return {0xE4, 0xE8, 0xEC};
+        return {0xE9, 0xEC, 0xF0};
     if (changed == blocks)
-        return {0x55, 0x0A, 0x2E};
+        return {0x4A, 0x07, 0x2C};
     const double share = static_cast<double>(changed) / static_cast<double>(blocks);
     if (share <= 0.01)
-        return {0xFF, 0xD5, 0x4F};
+        return {0xF4, 0xB8, 0x0B};
     if (share <= 0.1)
-        return {0xFB, 0x9E, 0x3C};
-    return share <= 0.5 ? Colour{0xE8, 0x5D, 0x2F} : Colour{0xB7, 0x1C, 0x3A};
+        return {0xF5, 0x8A, 0x1F};
+    return share <= 0.5 ? Colour{0xE2, 0x4A, 0x2B} : Colour{0xA8, 0x14, 0x3C};
 }
 
 Caption SomeCaption(std::uint64_t blocks, std::uint32_t blockSize = 65536)
@@ -236,9 +236,9 @@ TEST(VtfltctlBitmapTerminal, PlainCharactersShowEachCell)
     ASSERT_GT(lines.size(), 30U);
     EXPECT_EQ(lines[0], "Base bitmap of app1");
     EXPECT_EQ(lines[2], "Volume of 12 GiB in 196,608 blocks of 64 KiB");
-    EXPECT_EQ(lines[6], "     0 bytes " + std::string(64, '.'));
+    EXPECT_EQ(lines[6], "           0 " + std::string(64, '.'));
     EXPECT_EQ(lines[7], "     512 MiB -.+.x.%.#" + std::string(55, '.'));
-    EXPECT_EQ(lines[30], "      12 GiB");
+    EXPECT_EQ(lines[30], "  12,288 MiB");
     EXPECT_EQ(lines[32], "One square is 8 MiB, 128 blocks. A row is 512 MiB.");
     EXPECT_EQ(lines[33], ". unchanged   - up to 1 %   + up to 10 %   x up to 50 %   % under 100 %   # all changed   ");
     for (const std::string& line : lines)
@@ -250,9 +250,9 @@ TEST(VtfltctlBitmapTerminal, ColourPutsTwoRowsInALine)
     BlockSet blocks(64 * 2);
     blocks[64] = true; // the lower half of the first character
     const std::vector<std::string> lines = Lines(Terminal(blocks, true));
-    const std::string cell = "\x1b[48;2;85;10;46m\x1b[38;2;228;232;236m\xE2\x96\x80";
-    const std::string next = "\x1b[48;2;228;232;236m\x1b[38;2;228;232;236m\xE2\x96\x80";
-    EXPECT_EQ(lines[6].substr(0, 13 + cell.size() + next.size()), "     0 bytes " + cell + next);
+    const std::string cell = "\x1b[48;2;74;7;44m\x1b[38;2;233;236;240m\xE2\x96\x80";
+    const std::string next = "\x1b[48;2;233;236;240m\x1b[38;2;233;236;240m\xE2\x96\x80";
+    EXPECT_EQ(lines[6].substr(0, 13 + cell.size() + next.size()), "           0 " + cell + next);
     EXPECT_TRUE(lines[6].ends_with("\x1b[0m"));
 }
 

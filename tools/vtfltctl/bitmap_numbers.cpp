@@ -10,6 +10,7 @@ namespace vtfltctl::bitmap {
 namespace {
 
 constexpr std::array<std::string_view, 7> UNITS{"bytes", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
+constexpr std::uint64_t LONGEST_MARK = 99999;
 constexpr std::string_view UNIT_LETTERS = "KMGTP";
 
 std::string WithoutTrailingZeros(std::string text)
@@ -41,6 +42,19 @@ std::string SizeText(std::uint64_t bytes)
         return fmt::format("{} {}", bytes, bytes == 1 ? "byte" : UNITS[0]);
     const double scaled = static_cast<double>(bytes) / static_cast<double>(std::uint64_t{1} << (10 * unit));
     return fmt::format("{} {}", WithoutTrailingZeros(fmt::format("{:.2f}", scaled)), UNITS[unit]);
+}
+
+std::string MarkText(std::uint64_t bytes, std::uint64_t step)
+{
+    if (bytes == 0)
+        return "0";
+    std::size_t unit = 0;
+    for (; step != 0 && step % 1024 == 0; step /= 1024)
+        ++unit;
+    const std::uint64_t size = std::uint64_t{1} << (10 * unit);
+    if (unit == 0 || bytes % size != 0 || bytes / size > LONGEST_MARK)
+        return SizeText(bytes);
+    return fmt::format("{} {}", Grouped(bytes / size), UNITS[unit]);
 }
 
 std::string ShareText(std::uint64_t part, std::uint64_t whole)

@@ -18,6 +18,9 @@ namespace vtfltctl::bitmap {
 std::string Grouped(std::uint64_t number);
 // In the largest unit of 1024 that leaves at least 1: "512 bytes", "64 KiB", "1.5 TiB", at most two decimals.
 std::string SizeText(std::uint64_t bytes);
+// A mark on an axis that is divided in steps: in the unit of the step where that is exact and short, "1,088 GiB", so
+// that neighbours have the same; else as SizeText. Zero is "0".
+std::string MarkText(std::uint64_t bytes, std::uint64_t step);
 // "0 %", "100 %" only when it is just that; between them at least "under 0.01 %" and at most "over 99.99 %".
 std::string ShareText(std::uint64_t part, std::uint64_t whole);
 

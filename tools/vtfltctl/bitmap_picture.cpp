@@ -42,10 +42,7 @@ std::string Fitted(int size, std::string text, int width)
     return text + ELLIPSIS;
 }
 
-std::string PositionText(std::uint64_t block, const Geometry& geometry)
-{
-    return geometry.blockSize != 0 ? SizeText(geometry.Offset(block)) : Grouped(block);
-}
+constexpr std::string_view MISSING_TEXT = "not in the file: counts as changed";
 
 class Drawing {
 public:
@@ -69,17 +66,34 @@ public:
 private:
     [[nodiscard]] int LabelWidth() const
     {
-        int width = Canvas::TextWidth(LABEL_SIZE, PositionText(m_grid.blocks, m_caption.geometry));
-        for (std::uint64_t row = 0; row < m_grid.rows; ++row)
-            width = std::max(width, Canvas::TextWidth(LABEL_SIZE, PositionText(row * m_grid.BlocksPerRow(),
-                                                                              m_caption.geometry)));
+        int width = Canvas::TextWidth(LABEL_SIZE, RowMark(m_grid.blocks));
+        for (std::uint64_t row = 0; row < m_grid.rows; row += RowStep())
+            width = std::max(width, Canvas::TextWidth(LABEL_SIZE, RowMark(row * m_grid.BlocksPerRow())));
         return width;
     }
+
+    [[nodiscard]] int CellSide() const { return PLOT_WIDTH / static_cast<int>(m_grid.columns); }
+
+    // Rows between two labels.
+    [[nodiscard]] std::uint64_t RowStep() const
+    {
+        std::uint64_t step = 1;
+        while (static_cast<int>(step) * CellSide() < LABEL_DISTANCE)
+            step *= 2;
+        return step;
+    }
+
+    [[nodiscard]] std::string RowMark(std::uint64_t block) const
+    {
+        return MarkAt(block, RowStep() * m_grid.BlocksPerRow(), m_caption.geometry);
+    }
+
+    [[nodiscard]] bool ShowsMissing() const { return m_caption.heldBlocks < m_grid.blocks; }
 
     [[nodiscard]] Plot PlacePlot() const
     {
         const int header = MARGIN + TITLE_SIZE + (static_cast<int>(m_summary.size()) + 1) * LINE_HEIGHT;
-        const int cell = PLOT_WIDTH / static_cast<int>(m_grid.columns);
+        const int cell = CellSide();
         return {.left = MARGIN + LabelWidth() + TICK + 4,
                 .top = header + LABEL_DISTANCE + TICK,
                 .cell = cell,
@@ -87,7 +101,7 @@ private:
     }
 
     [[nodiscard]] int PlotHeight() const { return static_cast<int>(m_grid.rows) * m_plot.cell; }
-    [[nodiscard]] static int FooterHeight() { return 2 * LINE_HEIGHT + MARGIN + LINE_HEIGHT; }
+    [[nodiscard]] int FooterHeight() const { return MARGIN + (ShowsMissing() ? 4 : 3) * LINE_HEIGHT; }
 
     void DrawHeader()
     {
@@ -132,7 +146,8 @@ private:
         for (std::uint64_t i = 0; i <= COLUMN_LABELS; ++i) {
             const std::uint64_t column = m_grid.columns * i / COLUMN_LABELS;
             const Geometry row{.blockSize = m_caption.geometry.blockSize};
-            const std::string text = "+" + PositionText(column * m_grid.blocksPerCell, row);
+            const std::uint64_t step = m_grid.BlocksPerRow() / COLUMN_LABELS;
+            const std::string text = "+" + MarkAt(column * m_grid.blocksPerCell, step, row);
             const int x = m_plot.left + static_cast<int>(column) * m_plot.cell;
             m_canvas.Fill(std::min(x, m_plot.left + PLOT_WIDTH - 1), y, 1, TICK, FRAME);
             m_canvas.Text(x - Canvas::TextWidth(LABEL_SIZE, text) / 2, y - 5, LABEL_SIZE, text, QUIET_INK);
@@ -142,17 +157,14 @@ private:
     // Where a row begins in the volume, and where the volume ends.
     void DrawRowLabels()
     {
-        std::uint64_t step = 1;
-        while (static_cast<int>(step) * m_plot.cell < LABEL_DISTANCE)
-            step *= 2;
         const int end = PlotHeight();
-        for (std::uint64_t row = 0; row < m_grid.rows; row += step) {
+        for (std::uint64_t row = 0; row < m_grid.rows; row += RowStep()) {
             const int y = static_cast<int>(row) * m_plot.cell;
             if (y + LABEL_DISTANCE / 2 <= end || row == 0)
-                DrawRowLabel(y, PositionText(row * m_grid.BlocksPerRow(), m_caption.geometry));
+                DrawRowLabel(y, RowMark(row * m_grid.BlocksPerRow()));
         }
         if (end >= LABEL_DISTANCE / 2)
-            DrawRowLabel(end, PositionText(m_grid.blocks, m_caption.geometry));
+            DrawRowLabel(end, RowMark(m_grid.blocks));
     }
 
     void DrawRowLabel(int y, const std::string& text)
@@ -173,8 +185,8 @@ private:
             if (CanHave(m_grid.blocksPerCell, shade))
                 x = DrawLegendEntry(x, y, ColourOf(shade), ShadeText(shade));
         }
-        if (m_caption.heldBlocks < m_grid.blocks)
-            DrawLegendEntry(x, y, MISSING_COLOUR, "not in the file: counts as changed");
+        if (ShowsMissing())
+            DrawLegendEntry(m_plot.left, y + LINE_HEIGHT + 2, MISSING_COLOUR, MISSING_TEXT);
     }
 
     int DrawLegendEntry(int x, int y, Colour colour, std::string_view text)
@@ -197,19 +209,26 @@ Colour ColourOf(Shade shade) noexcept
 {
     switch (shade) {
     case Shade::None:
-        return {0xE4, 0xE8, 0xEC};
+        return {0xE9, 0xEC, 0xF0};
     case Shade::Traces:
-        return {0xFF, 0xD5, 0x4F};
+        return {0xF4, 0xB8, 0x0B};
     case Shade::Little:
-        return {0xFB, 0x9E, 0x3C};
+        return {0xF5, 0x8A, 0x1F};
     case Shade::Half:
-        return {0xE8, 0x5D, 0x2F};
+        return {0xE2, 0x4A, 0x2B};
     case Shade::Most:
-        return {0xB7, 0x1C, 0x3A};
+        return {0xA8, 0x14, 0x3C};
     case Shade::All:
-        return {0x55, 0x0A, 0x2E};
+        return {0x4A, 0x07, 0x2C};
     }
     return {0, 0, 0};
+}
+
+std::string MarkAt(std::uint64_t block, std::uint64_t step, const Geometry& geometry)
+{
+    if (geometry.blockSize == 0)
+        return Grouped(block);
+    return MarkText(geometry.Offset(block), SaturatedProduct(step, geometry.blockSize));
 }
 
 std::uint64_t ChangedBytes(const Totals& totals, const Geometry& geometry) noexcept

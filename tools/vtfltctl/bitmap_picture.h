@@ -33,6 +33,9 @@ inline constexpr GridLimits PICTURE_LIMITS{.cells = 512 * 320,
                                            .largestColumns = 512,
                                            .widthToHeight = 16};
 
+// A mark at a block, on an axis with a mark at every so many blocks.
+std::string MarkAt(std::uint64_t block, std::uint64_t step, const Geometry& geometry);
+
 // The colour of a shade, and of cells that the file does not hold.
 Colour ColourOf(Shade shade) noexcept;
 inline constexpr Colour MISSING_COLOUR{0x5B, 0x7F, 0xB5};

@@ -12,6 +12,7 @@ constexpr std::uint64_t LINES = 24;
 constexpr std::string_view UPPER_HALF = "\xE2\x96\x80";
 constexpr std::string_view RESET = "\x1b[0m";
 constexpr std::size_t LABEL_WIDTH = 12;
+constexpr std::uint64_t COLUMN_LABELS = 4;
 constexpr char MISSING_CHARACTER = '?';
 
 char CharacterOf(Shade shade) noexcept
@@ -60,35 +61,33 @@ public:
         const std::uint64_t rowsPerLine = m_colour ? 2 : 1;
         for (std::uint64_t row = 0; row < m_grid.rows; row += rowsPerLine)
             DrawLine(row);
-        m_text += fmt::format("{:>{}}\n\n", Position(m_grid.blocks), LABEL_WIDTH);
+        m_text += fmt::format("{:>{}}\n\n", RowMark(m_grid.blocks), LABEL_WIDTH);
         m_text += CellText(m_grid, m_caption.geometry) + "\n";
         DrawLegend();
         return std::move(m_text);
     }
 
 private:
-    [[nodiscard]] std::string Position(std::uint64_t block) const
+    [[nodiscard]] std::string RowMark(std::uint64_t block) const
     {
-        const Geometry& geometry = m_caption.geometry;
-        return geometry.blockSize != 0 ? SizeText(geometry.Offset(block)) : Grouped(block);
+        return MarkAt(block, m_grid.BlocksPerRow() * (m_colour ? 2 : 1), m_caption.geometry);
     }
 
     void DrawColumnLabels()
     {
-        // Every quarter, each label beginning above its column.
+        // Each label beginning above its column.
         std::string line(LABEL_WIDTH + 1, ' ');
-        for (std::uint64_t column = 0; column < m_grid.columns; column += m_grid.columns / 4) {
+        const Geometry row{.blockSize = m_caption.geometry.blockSize};
+        for (std::uint64_t column = 0; column < m_grid.columns; column += m_grid.columns / COLUMN_LABELS) {
             line.resize(std::max(line.size(), LABEL_WIDTH + 1 + static_cast<std::size_t>(column)), ' ');
-            const Geometry row{.blockSize = m_caption.geometry.blockSize};
-            const std::uint64_t blocks = column * m_grid.blocksPerCell;
-            line += "|+" + (row.blockSize != 0 ? SizeText(row.Offset(blocks)) : Grouped(blocks));
+            line += "|+" + MarkAt(column * m_grid.blocksPerCell, m_grid.BlocksPerRow() / COLUMN_LABELS, row);
         }
         m_text += line + "\n";
     }
 
     void DrawLine(std::uint64_t row)
     {
-        m_text += fmt::format("{:>{}} ", Position(row * m_grid.BlocksPerRow()), LABEL_WIDTH);
+        m_text += fmt::format("{:>{}} ", RowMark(row * m_grid.BlocksPerRow()), LABEL_WIDTH);
         for (std::uint64_t column = 0; column < m_grid.columns; ++column) {
             const auto upper = static_cast<std::size_t>(row * m_grid.columns + column);
             if (upper >= m_grid.changed.size())

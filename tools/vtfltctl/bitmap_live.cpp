@@ -1,0 +1,280 @@
+#include "bitmap_live.h"
+
+#include "common/text.h"
+#include "common/volume_name.h"
+#include "failure.h"
+
+#include "apps/mutex_controller.h"
+#include "apps/volume_name.h"
+#include "bitmap/container.h"
+#include "driver/request.h"
+#include "win/owners.h"
+
+#include <fmt/format.h>
+
+#include <array>
+#include <vector>
+
+namespace vtfltctl::bitmap {
+namespace {
+
+using toolkit::ErrorText;
+using toolkit::ToUtf8;
+
+// How long a backup may keep the bitmap files to itself before a command gives up.
+constexpr DWORD VOLUME_WAIT_MS = 10000;
+
+// Holds a volume's mutex. The library's own guard waits for half an hour and then goes on without it.
+class VolumeLock {
+public:
+    // Throws ReadError.
+    explicit VolumeLock(const std::wstring& mutexName) : m_mutex(CreateMutexW(nullptr, FALSE, mutexName.c_str()))
+    {
+        if (!m_mutex)
+            throw ReadError(GetLastError(), "the volume's mutex");
+        const DWORD wait = WaitForSingleObject(m_mutex.get(), VOLUME_WAIT_MS);
+        if (wait == WAIT_TIMEOUT)
+            throw ReadError(WAIT_TIMEOUT, "the volume's mutex");
+        if (wait != WAIT_OBJECT_0 && wait != WAIT_ABANDONED)
+            throw ReadError(GetLastError(), "the volume's mutex");
+    }
+    ~VolumeLock() { ReleaseMutex(m_mutex.get()); }
+    VolumeLock(const VolumeLock&) = delete;
+    VolumeLock& operator=(const VolumeLock&) = delete;
+
+private:
+    vtflt::UniqueHandle m_mutex;
+};
+
+vtflt::UniqueHandle OpenForReading(const std::wstring& path)
+{
+    vtflt::UniqueHandle file(CreateFileW(path.c_str(), GENERIC_READ,
+                                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                                         FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file)
+        throw ReadError(GetLastError(), "open");
+    return file;
+}
+
+BY_HANDLE_FILE_INFORMATION Identify(HANDLE file)
+{
+    BY_HANDLE_FILE_INFORMATION facts{};
+    if (!GetFileInformationByHandle(file, &facts))
+        throw ReadError(GetLastError(), "identify");
+    return facts;
+}
+
+std::uint64_t SizeOf(const BY_HANDLE_FILE_INFORMATION& facts) noexcept
+{
+    return std::uint64_t{facts.nFileSizeHigh} << 32 | facts.nFileSizeLow;
+}
+
+bool IsSameFile(const BY_HANDLE_FILE_INFORMATION& a, const BY_HANDLE_FILE_INFORMATION& b) noexcept
+{
+    return SizeOf(a) == SizeOf(b) && CompareFileTime(&a.ftLastWriteTime, &b.ftLastWriteTime) == 0 &&
+           CompareFileTime(&a.ftCreationTime, &b.ftCreationTime) == 0 && a.nFileIndexHigh == b.nFileIndexHigh &&
+           a.nFileIndexLow == b.nFileIndexLow;
+}
+
+void ReadAt(HANDLE file, std::uint64_t offset, std::uint8_t* to, std::size_t count)
+{
+    LARGE_INTEGER position{};
+    position.QuadPart = static_cast<LONGLONG>(offset);
+    if (!SetFilePointerEx(file, position, nullptr, FILE_BEGIN))
+        throw ReadError(GetLastError(), "seek");
+    DWORD read = 0;
+    if (!ReadFile(file, to, static_cast<DWORD>(count), &read, nullptr))
+        throw ReadError(GetLastError(), "read");
+    if (read != count)
+        throw ReadError(ERROR_SUCCESS, "the file became shorter");
+}
+
+// A file that nobody but its reader is concerned with.
+class OpenedFile final : public ByteSource {
+public:
+    explicit OpenedFile(const std::wstring& path) : m_file(OpenForReading(path))
+    {
+        LARGE_INTEGER size{};
+        if (!GetFileSizeEx(m_file.get(), &size))
+            throw ReadError(GetLastError(), "size");
+        m_size = static_cast<std::uint64_t>(size.QuadPart);
+    }
+
+    [[nodiscard]] std::uint64_t Size() const override { return m_size; }
+    void Read(std::uint64_t offset, std::uint8_t* to, std::size_t count) override
+    {
+        ReadAt(m_file.get(), offset, to, count);
+    }
+
+private:
+    vtflt::UniqueHandle m_file;
+    std::uint64_t m_size = 0;
+};
+
+class LiveFile final : public ByteSource {
+public:
+    LiveFile(std::wstring path, std::wstring mutexName) : m_path(std::move(path)), m_mutexName(std::move(mutexName))
+    {
+        const VolumeLock lock(m_mutexName);
+        m_facts = Identify(OpenForReading(m_path).get());
+    }
+
+    [[nodiscard]] std::uint64_t Size() const override { return SizeOf(m_facts); }
+    void Read(std::uint64_t offset, std::uint8_t* to, std::size_t count) override
+    {
+        const VolumeLock lock(m_mutexName);
+        const vtflt::UniqueHandle file = OpenForReading(m_path);
+        if (!IsSameFile(Identify(file.get()), m_facts))
+            throw ReadError(ERROR_SUCCESS, "the file was rewritten");
+        ReadAt(file.get(), offset, to, count);
+    }
+
+private:
+    std::wstring m_path;
+    std::wstring m_mutexName;
+    BY_HANDLE_FILE_INFORMATION m_facts{};
+};
+
+std::wstring FullPath(const std::wstring& path)
+{
+    std::vector<wchar_t> buffer(MAX_PATH);
+    DWORD length = GetFullPathNameW(path.c_str(), static_cast<DWORD>(buffer.size()), buffer.data(), nullptr);
+    if (length >= buffer.size()) {
+        buffer.resize(length);
+        length = GetFullPathNameW(path.c_str(), length, buffer.data(), nullptr);
+    }
+    return length == 0 ? path : std::wstring(buffer.data(), length);
+}
+
+// The mutex of the volume below whose root the library keeps the file; empty for any other file.
+std::wstring MutexNameFor(const std::wstring& path)
+{
+    const std::wstring full = FullPath(path);
+    const std::size_t nameAt = full.find_last_of(L'\\');
+    if (nameAt == std::wstring::npos)
+        return {};
+    const std::wstring folder = full.substr(0, nameAt);
+    const std::wstring tail = std::wstring(L"\\") + vtflt::BITMAP_FOLDER;
+    if (!toolkit::EndsWithIgnoringCase(folder, tail))
+        return {};
+    const std::wstring root = folder.substr(0, folder.size() - tail.size() + 1);
+    std::array<wchar_t, MAX_PATH> volume{};
+    if (!GetVolumeNameForVolumeMountPointW(root.c_str(), volume.data(), static_cast<DWORD>(volume.size()))) {
+        const std::optional<std::wstring> guid = toolkit::ParseVolumeGuid(root);
+        return guid ? vtflt::BuildMutexName(L"Volume" + *guid) : std::wstring();
+    }
+    return vtflt::BuildMutexName(vtflt::GetVolumeName(volume.data()));
+}
+
+bool IsMissing(std::uint32_t code) noexcept
+{
+    return code == ERROR_FILE_NOT_FOUND || code == ERROR_PATH_NOT_FOUND || code == ERROR_INVALID_NAME ||
+           code == ERROR_BAD_NETPATH;
+}
+
+std::unique_ptr<ByteSource> Open(const std::wstring& path)
+{
+    std::wstring mutexName = MutexNameFor(path);
+    if (mutexName.empty())
+        return std::make_unique<OpenedFile>(path);
+    return std::make_unique<LiveFile>(path, std::move(mutexName));
+}
+
+} // namespace
+
+std::unique_ptr<ByteSource> OpenFile(const std::wstring& path)
+{
+    try {
+        return Open(path);
+    } catch (const ReadError& error) {
+        throw Failure(IsMissing(error.Code()) ? Exit::NotFound : Exit::Unreadable, ReadErrorText(path, error));
+    }
+}
+
+std::unique_ptr<ByteSource> OpenFileIfThere(const std::wstring& path)
+{
+    try {
+        return Open(path);
+    } catch (const ReadError& error) {
+        if (IsMissing(error.Code()))
+            return nullptr;
+        throw Failure(Exit::Unreadable, ReadErrorText(path, error));
+    }
+}
+
+std::string ReadErrorText(const std::wstring& path, const ReadError& error)
+{
+    if (error.Code() == ERROR_SUCCESS)
+        return fmt::format("{} changed while it was read; run the command again", ToUtf8(path));
+    if (error.Code() == WAIT_TIMEOUT)
+        return fmt::format("{} cannot be read now: a backup works on the bitmap files of the volume", ToUtf8(path));
+    return fmt::format("cannot read {}: {}", ToUtf8(path), ErrorText(error.Code()));
+}
+
+VolumeName FindVolumeByName(const std::wstring& name)
+{
+    const auto named = [](const std::wstring& guid) {
+        return VolumeName{L"Volume" + guid, L"\\\\?\\Volume" + guid + L"\\"};
+    };
+    const std::optional<std::wstring> asked = toolkit::ParseVolumeGuid(name);
+    const std::wstring mountPath = name.ends_with(L'\\') ? name : name + L"\\";
+    std::vector<std::wstring> paths;
+    toolkit::EnumerateVolumePaths(paths);
+    for (const std::wstring& path : paths) {
+        const std::optional<std::wstring> guid = toolkit::ParseVolumeGuid(path);
+        if (guid && (asked ? toolkit::EqualIgnoringCase(*guid, *asked) : toolkit::IsMountedAt(path, mountPath)))
+            return named(*guid);
+    }
+    if (asked)
+        throw Failure(Exit::NotFound, fmt::format("this machine has no volume {}", ToUtf8(*asked)));
+    if (name.size() >= 2 && name[1] == L':')
+        throw Failure(Exit::NotFound, fmt::format("no volume is mounted at {}", ToUtf8(name)));
+    throw Failure(Exit::Usage, fmt::format("\"{}\" names no volume; write {{GUID}}, \\\\?\\Volume{{GUID}}\\ or a path "
+                                           "where it is mounted, such as E:",
+                                           ToUtf8(name)));
+}
+
+Geometry QueryGeometry(const VolumeName& volume)
+{
+    Geometry geometry;
+    vtflt::UniqueHandle device;
+    if (vtflt::OpenDevice(vtflt::StripTrailingBackslash(volume.path).c_str(), device) != ERROR_SUCCESS)
+        return geometry;
+    LONGLONG length = 0;
+    if (vtflt::QueryVolumeLength(device.get(), length) == ERROR_SUCCESS)
+        geometry.volumeBytes = static_cast<std::uint64_t>(length);
+    DWORD blockSize = 0;
+    if (vtflt::QueryBlockSize(device.get(), blockSize) == ERROR_SUCCESS)
+        geometry.blockSize = blockSize;
+    return geometry;
+}
+
+std::wstring BitmapPath(const VolumeName& volume, const std::wstring& application, bool base)
+{
+    vtflt::CBitmapContainer container;
+    container.init(volume.name, application);
+    return container.FileName(base ? vtflt::BASE_BITMAP : vtflt::CHILD_BITMAP);
+}
+
+void WriteWholeFile(const std::wstring& path, const void* bytes, std::size_t count, bool overwrite)
+{
+    vtflt::UniqueHandle file(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr,
+                                         overwrite ? CREATE_ALWAYS : CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file) {
+        const DWORD error = GetLastError();
+        if (error == ERROR_FILE_EXISTS)
+            throw Failure(Exit::Refused, fmt::format("{} is there already; repeat the command with --yes to write over "
+                                                     "it",
+                                                     ToUtf8(path)));
+        throw Failure(Exit::Unreadable, fmt::format("cannot write {}: {}", ToUtf8(path), ErrorText(error)));
+    }
+    DWORD written = 0;
+    if (WriteFile(file.get(), bytes, static_cast<DWORD>(count), &written, nullptr) && written == count)
+        return;
+    const DWORD error = GetLastError();
+    file.reset();
+    DeleteFileW(path.c_str());
+    throw Failure(Exit::Unreadable, fmt::format("cannot write {}: {}", ToUtf8(path), ErrorText(error)));
+}
+
+} // namespace vtfltctl::bitmap

@@ -1,0 +1,105 @@
+#include "command_model.h"
+
+#include <fmt/format.h>
+
+namespace vtfltctl {
+namespace {
+
+// A literal: PowerShell changes nothing between single quotes, and takes two of them for one.
+std::string Quoted(const std::string& text)
+{
+    std::string quoted = "'";
+    for (const char c : text)
+        quoted += c == '\'' ? std::string("''") : std::string(1, c);
+    return quoted + "'";
+}
+
+// One entry of a table: a word, its kind for the shell's list, and what it means.
+std::string Entry(const std::string& word, const char* kind, const std::string& meaning)
+{
+    // An empty tool tip is refused by the shell.
+    return fmt::format("        @({}, {}, {})\n", Quoted(word), Quoted(kind), Quoted(meaning.empty() ? word : meaning));
+}
+
+void AddWords(const CommandModel& command, const std::string& path, std::string& script)
+{
+    script += fmt::format("    {} = @(\n", Quoted(path));
+    for (const CommandModel& child : command.commands)
+        script += Entry(child.name, "Command", child.description);
+    for (const OptionModel& option : command.options) {
+        for (const std::string& name : option.names)
+            script += Entry(name, "ParameterName", option.description);
+        if (!option.IsPositional())
+            continue;
+        for (const std::string& word : option.words)
+            script += Entry(word, "ParameterValue", option.description);
+    }
+    script += "    )\n";
+    for (const CommandModel& child : command.commands)
+        AddWords(child, path + "/" + child.name, script);
+}
+
+// What may follow an option; an empty list leaves the value to the shell, which offers files.
+void AddValues(const CommandModel& command, const std::string& path, std::string& script)
+{
+    for (const OptionModel& option : command.options) {
+        if (option.kind == ValueKind::None)
+            continue;
+        for (const std::string& name : option.names) {
+            script += fmt::format("    {} = @(\n", Quoted(path + " " + name));
+            for (const std::string& word : option.words)
+                script += Entry(word, "ParameterValue", option.description);
+            script += "    )\n";
+        }
+    }
+    for (const CommandModel& child : command.commands)
+        AddValues(child, path + "/" + child.name, script);
+}
+
+constexpr const char* HEAD = R"(# PowerShell completion for vtfltctl. Load it in $PROFILE:
+#     vtfltctl completion powershell | Out-String | Invoke-Expression
+
+$vtfltctlWords = @{
+)";
+
+constexpr const char* BODY = R"(Register-ArgumentCompleter -Native -CommandName @('vtfltctl', 'vtfltctl.exe') -ScriptBlock {
+    param($wordToComplete, $commandAst, $cursorPosition)
+
+    $path = ''
+    $previous = ''
+    foreach ($element in ($commandAst.CommandElements | Select-Object -Skip 1)) {
+        # The word that is being completed is no word before it.
+        if ($element.Extent.EndOffset -ge $cursorPosition) {
+            break
+        }
+        $previous = $element.Extent.Text
+        if ($vtfltctlWords.ContainsKey("$path/$previous")) {
+            $path = "$path/$previous"
+        }
+    }
+
+    $words = $vtfltctlWords[$path]
+    if ($vtfltctlValues.ContainsKey("$path $previous")) {
+        $words = $vtfltctlValues["$path $previous"]
+    }
+    foreach ($word in $words) {
+        if ($word[0] -like "$wordToComplete*") {
+            [System.Management.Automation.CompletionResult]::new($word[0], $word[0], $word[1], $word[2])
+        }
+    }
+}.GetNewClosure()
+)";
+
+} // namespace
+
+std::string PowerShellCompletion(const CommandModel& program)
+{
+    std::string script = HEAD;
+    AddWords(program, "", script);
+    script += "}\n\n$vtfltctlValues = @{\n";
+    AddValues(program, "", script);
+    script += "}\n\n";
+    return script + BODY;
+}
+
+} // namespace vtfltctl

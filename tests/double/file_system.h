@@ -38,7 +38,6 @@ public:
     bool deletePending = false;
     Security security;
     std::optional<std::pair<DWORD, DWORD>> version; // of its version resource
-    std::vector<BYTE> accessList; // as it was set, for whoever asks for it
 };
 
 // A file, a folder or nothing, opened.

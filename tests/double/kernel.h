@@ -184,7 +184,7 @@ struct HandleEntry {
 struct View {
     std::size_t size = 0;
     Text name;
-    bool reserved = false;
+    std::shared_ptr<std::size_t> committed; // the bytes from the start that have memory; null: all
 };
 
 struct Module {

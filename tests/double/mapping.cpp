@@ -110,7 +110,8 @@ std::shared_ptr<Mapping> Mapping::Make(HANDLE file, DWORD protection, std::uint6
     auto mapping = std::make_shared<Mapping>();
     mapping->writable = writable;
     mapping->size = size;
-    mapping->reserved = reserved && file == INVALID_HANDLE_VALUE;
+    if (reserved && file == INVALID_HANDLE_VALUE)
+        mapping->committed = std::make_shared<std::size_t>(0);
     if (file == INVALID_HANDLE_VALUE) {
         if (size == 0)
             return Failed<std::shared_ptr<Mapping>>(ERROR_INVALID_PARAMETER, nullptr);
@@ -158,9 +159,9 @@ DOUBLE_API LPVOID WINAPI MapViewOfFile(HANDLE handle, DWORD access, DWORD high, 
     void* const view = mapping->contents->Map(offset, length, writable, copies);
     if (view == nullptr)
         return Failed<LPVOID>(ERROR_NOT_ENOUGH_MEMORY, nullptr);
-    if (mapping->reserved)
-        mprotect(view, length, PROT_NONE);
-    CurrentProcess().views[view] = View{length, mapping->name, mapping->reserved};
+    if (mapping->committed != nullptr && *mapping->committed < length)
+        mprotect(static_cast<char*>(view) + *mapping->committed, length - *mapping->committed, PROT_NONE);
+    CurrentProcess().views[view] = View{length, mapping->name, mapping->committed};
     return view;
 }
 
@@ -194,14 +195,32 @@ DOUBLE_API SIZE_T WINAPI VirtualQuery(LPCVOID address, PMEMORY_BASIC_INFORMATION
         const std::uintptr_t end = (start + view.size + PAGE_MASK) & ~PAGE_MASK;
         if (at < start || at >= end)
             continue;
+        const std::uintptr_t page = at & ~PAGE_MASK;
+        const std::uintptr_t withMemory = view.committed != nullptr ? std::min(start + *view.committed, end) : end;
+        const bool reserved = page >= withMemory;
         *information = {};
         information->AllocationBase = const_cast<void*>(base);
-        information->BaseAddress = reinterpret_cast<void*>(at & ~PAGE_MASK);
-        information->RegionSize = end - (at & ~PAGE_MASK);
-        information->State = view.reserved ? MEM_RESERVE : MEM_COMMIT;
-        information->Protect = view.reserved ? 0 : PAGE_READWRITE;
+        information->BaseAddress = reinterpret_cast<void*>(page);
+        information->RegionSize = (reserved ? end : withMemory) - page;
+        information->State = reserved ? MEM_RESERVE : MEM_COMMIT;
+        information->Protect = reserved ? 0 : PAGE_READWRITE;
         information->Type = MEM_MAPPED;
         return sizeof(*information);
     }
     return Failed<SIZE_T>(ERROR_INVALID_PARAMETER, 0);
+}
+
+// Gives memory to the front of a view of reserved address space; all that is needed of it here.
+DOUBLE_API LPVOID WINAPI VirtualAlloc(LPVOID address, SIZE_T length, DWORD kind, DWORD)
+{
+    const Entry entry;
+    constexpr std::size_t PAGE_MASK = 4095;
+    const auto& views = CurrentProcess().views;
+    const auto found = views.find(address);
+    if (found == views.end() || found->second.committed == nullptr || kind != MEM_COMMIT || length > found->second.size)
+        return Failed<LPVOID>(ERROR_INVALID_ADDRESS, nullptr);
+    const std::size_t bytes = (length + PAGE_MASK) & ~PAGE_MASK;
+    mprotect(address, bytes, PROT_READ | PROT_WRITE);
+    *found->second.committed = std::max(*found->second.committed, bytes);
+    return address;
 }

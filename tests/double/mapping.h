@@ -45,7 +45,7 @@ public:
     std::shared_ptr<Contents> contents;
     std::uint64_t size = 0;
     bool writable = false;
-    bool reserved = false; // address space without memory
+    std::shared_ptr<std::size_t> committed; // of address space without memory: the bytes that got some; null: all have
 };
 
 } // namespace vtdouble

@@ -91,6 +91,9 @@ struct KnownSid {
 constexpr KnownSid KNOWN_SIDS[] = {{L"WD", 1, {0, 0}, 1},     {L"AU", 5, {11, 0}, 1}, {L"SY", 5, {18, 0}, 1},
                                    {L"BA", 5, {32, 544}, 2}, {L"BU", 5, {32, 545}, 2}};
 
+// What a folder or file has that nobody gave a list of its own: entries that come from the drive's root.
+constexpr wchar_t INHERITED_LIST[] = L"(A;OICIID;0x1f01ff;;;BA)(A;OICIID;0x1f01ff;;;SY)(A;OICIID;0x1200a9;;;BU)";
+
 bool ParseUnsigned(TextView text, DWORD& value)
 {
     const bool hexadecimal = text.starts_with(L"0x") || text.starts_with(L"0X");
@@ -203,7 +206,29 @@ bool ParseMask(TextView text, DWORD& mask)
     return true;
 }
 
-// (A;;0x00100000;;;WD)...; false when it cannot be read.
+// Two letters for each.
+bool ParseFlags(TextView text, BYTE& flags)
+{
+    struct Flag {
+        const wchar_t* name;
+        BYTE value;
+    };
+    static constexpr Flag FLAGS[] = {{L"OI", OBJECT_INHERIT_ACE},
+                                     {L"CI", CONTAINER_INHERIT_ACE},
+                                     {L"NP", NO_PROPAGATE_INHERIT_ACE},
+                                     {L"IO", INHERIT_ONLY_ACE},
+                                     {L"ID", INHERITED_ACE}};
+    for (; !text.empty(); text.remove_prefix(2)) {
+        const auto known = std::find_if(std::begin(FLAGS), std::end(FLAGS),
+                                        [&](const Flag& flag) { return text.substr(0, 2) == flag.name; });
+        if (known == std::end(FLAGS))
+            return false;
+        flags = static_cast<BYTE>(flags | known->value);
+    }
+    return true;
+}
+
+// (A;OICI;0x00100000;;;WD)...; false when it cannot be read.
 bool ParseList(TextView text, std::vector<NewAce>& aces)
 {
     while (!text.empty()) {
@@ -213,7 +238,8 @@ bool ParseList(TextView text, std::vector<NewAce>& aces)
         const auto fields = SplitAt(text.substr(1, end - 1), L';');
         text.remove_prefix(end + 1);
         NewAce ace = {};
-        if (fields.size() != 6 || (fields[0] != L"A" && fields[0] != L"D") || !ParseMask(fields[2], ace.mask))
+        if (fields.size() != 6 || (fields[0] != L"A" && fields[0] != L"D") || !ParseFlags(fields[1], ace.flags) ||
+            !ParseMask(fields[2], ace.mask))
             return false;
         ace.type = fields[0] == L"A" ? ACCESS_ALLOWED_ACE_TYPE : ACCESS_DENIED_ACE_TYPE;
         SID* const sid = ParseSid(fields[5]);
@@ -224,6 +250,54 @@ bool ParseList(TextView text, std::vector<NewAce>& aces)
         aces.push_back(std::move(ace));
     }
     return true;
+}
+
+std::vector<BYTE> BytesOf(const ACL& list)
+{
+    const auto* bytes = reinterpret_cast<const BYTE*>(&list);
+    return {bytes, bytes + list.AclSize};
+}
+
+// A descriptor with this list, or a null one, in one piece of memory, as its user frees it.
+SECURITY_DESCRIPTOR* MakeDescriptor(const std::vector<BYTE>& list)
+{
+    auto* const made = Allocate<SECURITY_DESCRIPTOR>(sizeof(SECURITY_DESCRIPTOR) + list.size());
+    made->Revision = SECURITY_DESCRIPTOR_REVISION;
+    made->Control = SE_DACL_PRESENT;
+    if (!list.empty()) {
+        std::memcpy(made + 1, list.data(), list.size());
+        made->Dacl = reinterpret_cast<ACL*>(made + 1);
+    }
+    return made;
+}
+
+// The list that an object has: the one it was given, none where it was given none, or else this one.
+std::vector<BYTE> ListOf(const Security& security, TextView otherwise)
+{
+    if (security.nullList || !security.list.empty())
+        return security.list;
+    std::vector<NewAce> aces;
+    ParseList(otherwise, aces);
+    ACL* const made = MakeList(aces);
+    std::vector<BYTE> bytes = BytesOf(*made);
+    __wrap_free(made);
+    return bytes;
+}
+
+// What GetSecurityInfo and its like hand out; owners and groups there are none.
+void HandOut(const std::vector<BYTE>& bytes, PSID* owner, PSID* group, PACL* list, PACL* audit,
+             PSECURITY_DESCRIPTOR* descriptor)
+{
+    for (PSID* none : {owner, group}) {
+        if (none != nullptr)
+            *none = nullptr;
+    }
+    if (audit != nullptr)
+        *audit = nullptr;
+    SECURITY_DESCRIPTOR* const made = MakeDescriptor(bytes);
+    if (list != nullptr)
+        *list = made->Dacl;
+    *descriptor = made;
 }
 
 } // namespace
@@ -237,10 +311,8 @@ Security SecurityOf(const SECURITY_ATTRIBUTES* attributes)
         return {};
     Security security = SecurityOfList(descriptor.Dacl);
     security.nullList = descriptor.Dacl == nullptr;
-    if (!security.nullList) {
-        const auto* bytes = reinterpret_cast<const BYTE*>(descriptor.Dacl);
-        security.list.assign(bytes, bytes + descriptor.Dacl->AclSize);
-    }
+    if (!security.nullList)
+        security.list = BytesOf(*descriptor.Dacl);
     return security;
 }
 
@@ -344,18 +416,12 @@ DOUBLE_API BOOL WINAPI ConvertStringSecurityDescriptorToSecurityDescriptorW(LPCW
         rest.remove_prefix(1);
     if (!ParseList(rest, aces))
         return Failed(ERROR_INVALID_ACL, FALSE);
-    // One piece of memory, as its user frees it: the descriptor, then its list.
     ACL* const list = MakeList(aces);
-    const std::size_t whole = sizeof(SECURITY_DESCRIPTOR) + list->AclSize;
-    auto* descriptor = Allocate<SECURITY_DESCRIPTOR>(whole);
-    std::memcpy(descriptor + 1, list, list->AclSize);
+    const std::vector<BYTE> bytes = BytesOf(*list);
     __wrap_free(list);
-    descriptor->Revision = SECURITY_DESCRIPTOR_REVISION;
-    descriptor->Control = SE_DACL_PRESENT;
-    descriptor->Dacl = reinterpret_cast<ACL*>(descriptor + 1);
-    *result = descriptor;
+    *result = MakeDescriptor(bytes);
     if (size != nullptr)
-        *size = static_cast<ULONG>(whole);
+        *size = static_cast<ULONG>(sizeof(SECURITY_DESCRIPTOR) + bytes.size());
     return TRUE;
 }
 
@@ -381,36 +447,12 @@ DOUBLE_API DWORD WINAPI GetSecurityInfo(HANDLE handle, SE_OBJECT_TYPE, SECURITY_
         return ERROR_INVALID_HANDLE;
     if ((found->access & READ_CONTROL) == 0)
         return ERROR_ACCESS_DENIED;
-    for (PSID* none : {owner, group}) {
-        if (none != nullptr)
-            *none = nullptr;
-    }
-    if (audit != nullptr)
-        *audit = nullptr;
-    const Security& security = found->object->security;
-    std::vector<BYTE> bytes = security.list;
-    if (bytes.empty() && !security.nullList) {
-        SID* const administrators = ParseSid(L"BA");
-        ACL* const made = MakeList({{ACCESS_ALLOWED_ACE_TYPE, 0, GENERIC_ALL, SidBytes(administrators)}});
-        bytes.assign(reinterpret_cast<const BYTE*>(made), reinterpret_cast<const BYTE*>(made) + made->AclSize);
-        __wrap_free(made);
-        __wrap_free(administrators);
-    }
-    auto* const made = Allocate<SECURITY_DESCRIPTOR>(sizeof(SECURITY_DESCRIPTOR) + bytes.size());
-    made->Revision = SECURITY_DESCRIPTOR_REVISION;
-    made->Control = SE_DACL_PRESENT;
-    if (!bytes.empty()) {
-        std::memcpy(made + 1, bytes.data(), bytes.size());
-        made->Dacl = reinterpret_cast<ACL*>(made + 1);
-    }
-    if (list != nullptr)
-        *list = made->Dacl;
-    if (descriptor != nullptr)
-        *descriptor = made;
+    HandOut(ListOf(found->object->security, L"(A;;GA;;;BA)"), owner, group, list, audit, descriptor);
     return 0;
 }
 
-// --- Of files and folders, by their path. The list that was set is what can be got.
+// --- Of files and folders, by their path. The list that was set is what can be got; it is not passed on to what lies
+// below.
 
 DOUBLE_API DWORD WINAPI GetNamedSecurityInfoW(LPWSTR path, SE_OBJECT_TYPE type, SECURITY_INFORMATION, PSID* owner,
                                               PSID* group, PACL* list, PACL* audit, PSECURITY_DESCRIPTOR* descriptor)
@@ -423,23 +465,7 @@ DOUBLE_API DWORD WINAPI GetNamedSecurityInfoW(LPWSTR path, SE_OBJECT_TYPE type, 
         return place.error;
     if (place.node == nullptr)
         return ERROR_FILE_NOT_FOUND;
-    for (PSID* none : {owner, group}) {
-        if (none != nullptr)
-            *none = nullptr;
-    }
-    if (audit != nullptr)
-        *audit = nullptr;
-    const std::size_t bytes = place.node->accessList.size();
-    auto* made = Allocate<SECURITY_DESCRIPTOR>(sizeof(SECURITY_DESCRIPTOR) + bytes);
-    made->Revision = SECURITY_DESCRIPTOR_REVISION;
-    if (bytes != 0) {
-        std::memcpy(made + 1, place.node->accessList.data(), bytes);
-        made->Control = SE_DACL_PRESENT;
-        made->Dacl = reinterpret_cast<ACL*>(made + 1);
-    }
-    if (list != nullptr)
-        *list = made->Dacl;
-    *descriptor = made;
+    HandOut(ListOf(place.node->security, INHERITED_LIST), owner, group, list, audit, descriptor);
     return 0;
 }
 
@@ -477,13 +503,9 @@ DOUBLE_API DWORD WINAPI SetNamedSecurityInfoW(LPWSTR path, SE_OBJECT_TYPE type, 
         return ERROR_FILE_NOT_FOUND;
     if ((information & DACL_SECURITY_INFORMATION) == 0)
         return 0;
-    if (list == nullptr) {
-        place.node->accessList.clear();
-        place.node->security = {};
-        return 0;
-    }
-    const auto* bytes = reinterpret_cast<const BYTE*>(list);
-    place.node->accessList.assign(bytes, bytes + list->AclSize);
     place.node->security = SecurityOfList(list);
+    place.node->security.nullList = list == nullptr;
+    if (list != nullptr)
+        place.node->security.list = BytesOf(*list);
     return 0;
 }

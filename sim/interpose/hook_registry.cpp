@@ -55,10 +55,10 @@ bool IsSystemsOwn(const wchar_t* subKey)
 }
 
 template <class Open>
-LSTATUS Opening(Hook hook, HKEY key, const wchar_t* subKey, HKEY* result, Open open)
+LSTATUS Opening(Hook hook, HKEY key, const wchar_t* subKey, HKEY* result, Open open, const wchar_t* note = L"")
 {
     return StatusCall<LSTATUS>(
-        hook, [&] { return KeyText(key, subKey); },
+        hook, [&] { return KeyText(key, subKey) + note; },
         [&](const Verdict&) {
             const RealKey real(key, subKey);
             const LSTATUS code = open(real);
@@ -84,12 +84,14 @@ LSTATUS WINAPI SimRegCreateKeyW(HKEY key, LPCWSTR subKey, PHKEY result)
 
 LSTATUS WINAPI SimRegOpenKeyExW(HKEY key, LPCWSTR subKey, DWORD options, REGSAM access, PHKEY result)
 {
-    return Opening(Hook::RegOpenKeyExW, key, subKey, result, [&](const RealKey& real) {
+    const auto open = [&](const RealKey& real) {
         const LSTATUS code = RegOpenKeyExW(real.root, real.path, options, access, result);
         if (code == ERROR_FILE_NOT_FOUND && real.redirected() && IsSystemsOwn(subKey))
             return RegOpenKeyExW(key, subKey, options, access & ~static_cast<REGSAM>(KEY_WRITE & ~KEY_READ), result);
         return code;
-    });
+    };
+    return Opening(Hook::RegOpenKeyExW, key, subKey, result, open,
+                   (access & KEY_WOW64_64KEY) != 0 ? L"|64-bit view" : L"");
 }
 
 LSTATUS WINAPI SimRegOpenKeyW(HKEY key, LPCWSTR subKey, PHKEY result)

@@ -29,6 +29,15 @@ void Describe(std::wstring& text, const wchar_t* value)
         text += value;
 }
 
+// Names of functions.
+void Describe(std::wstring& text, const char* value)
+{
+    if (reinterpret_cast<ULONG_PTR>(value) < 0x10000)
+        text += Decimal(reinterpret_cast<ULONG_PTR>(value));
+    else
+        text.append(value, value + std::strlen(value));
+}
+
 template <class T>
 void Describe(std::wstring& text, T value)
 {

@@ -7,6 +7,7 @@
 #include "log/text_compare.h"
 
 #include <map>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -59,6 +60,8 @@ std::vector<std::wstring> ReadDisabled()
     if (key.Open(GLOBAL_OPTION_KEY) != ERROR_SUCCESS)
         return names;
     const std::unique_ptr<wchar_t[]> text = key.ReadText(L"DisableGlobalOption", error);
+    if (text == nullptr && error == ERROR_NOT_ENOUGH_MEMORY)
+        throw std::bad_alloc(); // no list was read, and an empty one must not be remembered in its place
     if (text == nullptr)
         return names;
     for (std::wstring_view rest(text.get()); !rest.empty();) {

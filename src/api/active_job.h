@@ -4,12 +4,26 @@
 // for it, and nobody releases it.
 #pragma once
 
-#include "win/windows.h"
+#include "win/owners.h"
 
 namespace vtflt {
 
 inline constexpr wchar_t ACTIVE_JOB_MUTEX[] =
     L"Global\\{31496db0-cc86-11e5-adcd-1803733db143}.ActiveJob.VTFltMgr.Mutex";
+
+// One hold on the mark, from its making to its end.
+class ActiveJobMutex {
+public:
+    ActiveJobMutex() noexcept;
+
+    DWORD Error() const noexcept { return m_error; }
+
+private:
+    void Open() noexcept;
+
+    UniqueHandle m_mutex;
+    DWORD m_error = ERROR_SUCCESS;
+};
 
 // What was seen when this process's mark was made: 0 for the first user, 183 (ERROR_ALREADY_EXISTS) when there was one
 // before, else the error that left the process without a mark.

@@ -65,10 +65,8 @@ CBitmapContainer* CMultiBitmapManager::CurrentContainer()
 
 bool CMultiBitmapManager::HasEveryContainer() const
 {
-    return std::all_of(m_vecAppIds.begin(), m_vecAppIds.end(), [this](const std::wstring& id) {
-        const auto found = m_mapContainers.find(id);
-        return found != m_mapContainers.end() && found->second != nullptr;
-    });
+    return std::all_of(m_vecAppIds.begin(), m_vecAppIds.end(),
+                       [this](const std::wstring& id) { return m_mapContainers.contains(id); });
 }
 
 std::wstring CMultiBitmapManager::MutexName() const

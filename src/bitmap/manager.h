@@ -88,6 +88,7 @@ private:
     // Null, and a null entry in the map, when the current application has no container.
     CBitmapContainer* CurrentContainer();
     bool IsCurrent(const std::wstring& appId) const { return appId == m_strAppId; }
+    // To be asked when the current application has one: then no entry of the map is null.
     bool HasEveryContainer() const;
     std::wstring MutexName() const;
 

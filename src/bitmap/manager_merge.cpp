@@ -142,8 +142,6 @@ DWORD CMultiBitmapManager::RemapAllAppBitmap()
 
     DWORD result = ERROR_SUCCESS;
     for (auto& [appId, container] : m_mapContainers) {
-        if (container == nullptr)
-            continue;
         for (const DWORD whichBitmap : {CHILD_BITMAP, BASE_BITMAP}) {
             if (RemapBitmap(*container, whichBitmap, result) == Remapped::SkipContainer)
                 break;

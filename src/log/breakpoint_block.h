@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string_view>
 
 namespace vtflt {
@@ -20,7 +21,10 @@ inline constexpr std::size_t LOG_BREAKPOINT_NAME_CAPACITY = 260; // characters, 
 struct LogUuid {
     std::uint8_t bytes[16];
 
-    friend bool operator==(const LogUuid&, const LogUuid&) noexcept = default;
+    friend bool operator==(const LogUuid& left, const LogUuid& right) noexcept
+    {
+        return std::memcmp(left.bytes, right.bytes, sizeof(left.bytes)) == 0;
+    }
     bool IsNone() const noexcept { return *this == LogUuid{}; }
 };
 

@@ -145,12 +145,6 @@ const wchar_t* CLogCfgShareMemory::DefaultLogFolder() noexcept
     return m_folder;
 }
 
-DWORD CLogCfgShareMemory::Components() noexcept
-{
-    FindOutFolder();
-    return m_components;
-}
-
 void CLogCfgShareMemory::FindOutFolder() noexcept
 {
     const ExclusiveHold hold(m_lock);
@@ -178,16 +172,13 @@ bool CLogCfgShareMemory::OpenBlock() noexcept
     if (m_view)
         return true;
     bool existed = true;
-    if (!m_mapping) {
-        wchar_t global[OBJECT_NAME_CAPACITY];
-        wchar_t local[OBJECT_NAME_CAPACITY];
-        BuildName(global, LOG_CFG_GLOBAL_MAPPING_NAME);
-        BuildName(local, LOG_CFG_LOCAL_MAPPING_NAME);
-        m_mapping = CreateSharedMapping({global, local}, sizeof(LogCfgBlock), existed);
-        if (!m_mapping)
-            return false;
-    }
-    m_view = MapShared(m_mapping.get(), sizeof(LogCfgBlock));
+    wchar_t global[OBJECT_NAME_CAPACITY];
+    wchar_t local[OBJECT_NAME_CAPACITY];
+    BuildName(global, LOG_CFG_GLOBAL_MAPPING_NAME);
+    BuildName(local, LOG_CFG_LOCAL_MAPPING_NAME);
+    m_mapping = CreateSharedMapping({global, local}, sizeof(LogCfgBlock), existed);
+    if (m_mapping)
+        m_view = MapShared(m_mapping.get(), sizeof(LogCfgBlock));
     if (!m_view) {
         // The next operation makes it anew: kept, it would count as one that somebody else has filled.
         m_mapping.reset();

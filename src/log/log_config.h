@@ -44,8 +44,6 @@ public:
 
     // The folder of log files without a path of their own, with its backslash; found out once.
     const wchar_t* DefaultLogFolder() noexcept;
-    // The product components that are present (log/probes.h); found out once.
-    DWORD Components() noexcept;
 
 private:
     class Access;
@@ -61,7 +59,7 @@ private:
     UniqueHandle m_mapping; // from here to m_currentEntry: under the mutex
     UniqueView m_view;
     LogCfgModuleEntry* m_currentEntry = nullptr; // the one last found; in the view
-    DWORD m_components = 0;
+    DWORD m_components = 0;                      // that are present (log/probes.h); with m_folder
     wchar_t m_folder[LOG_PATH_CAPACITY] = {}; // empty until found out
 };
 

@@ -23,14 +23,14 @@ namespace vtfltsim {
 
 // Functions that always go to the system, and can be counted, recorded and made to fail.
 #define VTFLTSIM_PASSED_HOOKS(X)                                                                                       \
-    X(SetEvent) X(ResetEvent) X(MapViewOfFile) X(UnmapViewOfFile) X(GetLocalTime) X(GetComputerNameW)                  \
-    X(GetVersionExW) X(GetNativeSystemInfo) X(IsWow64Process) X(GetModuleFileNameW) X(GetModuleHandleExW)              \
-    X(GetModuleHandleW) X(GetProcAddress) X(GetTempPathW) X(VirtualQuery) X(GetAce)                                    \
-    X(InitializeSecurityDescriptor) X(SetSecurityDescriptorDacl) X(ConvertStringSidToSidW)                             \
-    X(GetNamedSecurityInfoW) X(SetEntriesInAclW) X(SetNamedSecurityInfoW)                                              \
-    X(GetFileVersionInfoSizeW) X(GetFileVersionInfoW) X(VerQueryValueW) X(UuidCreate)                                  \
-    X(RegEnumValueW) X(RegEnumKeyExW) X(RegQueryInfoKeyW)                                                              \
-    X(LocalAlloc) X(HeapAlloc) X(malloc) X(calloc) X(realloc)
+    X(SetEvent)                                                                                                        \
+    X(ResetEvent) X(MapViewOfFile) X(UnmapViewOfFile) X(GetLocalTime) X(GetComputerNameW) X(GetVersionExW)             \
+        X(GetNativeSystemInfo) X(IsWow64Process) X(GetModuleFileNameW) X(GetModuleHandleExW) X(GetModuleHandleW)       \
+            X(GetProcAddress) X(GetTempPathW) X(VirtualQuery) X(GetAce) X(InitializeSecurityDescriptor)                \
+                X(SetSecurityDescriptorDacl) X(ConvertStringSidToSidW) X(GetNamedSecurityInfoW) X(SetEntriesInAclW)    \
+                    X(SetNamedSecurityInfoW) X(GetFileVersionInfoSizeW) X(GetFileVersionInfoW) X(VerQueryValueW)       \
+                        X(UuidCreate) X(RegEnumValueW) X(RegEnumKeyExW) X(RegQueryInfoKeyW) X(LocalAlloc) X(HeapAlloc) \
+                            X(malloc) X(calloc) X(realloc)
 
 enum class Hook : unsigned {
 #define VTFLTSIM_NAME(name) name,

@@ -43,9 +43,13 @@ def line_counts(segments):
         here = by_line.get(line, [])
         starts = [s for s in here if s[3] and s[4] and not s[5]]
         skipped = bool(here) and not here[0][3] and here[0][4]
-        if not skipped and ((wrapped and wrapped[3]) or starts):
-            inherited = [wrapped[2]] if wrapped and wrapped[3] else []
-            counts[line] = max(inherited + [s[2] for s in starts]) if starts else wrapped[2]
+        known = [s[2] for s in starts]
+        if wrapped and wrapped[3]:
+            # A gap, the blanks between two pieces of code, ends where the next piece begins.
+            ends_gap = wrapped[5] and here and here[0][3] and not here[0][5]
+            known.append(here[0][2] if ends_gap else wrapped[2])
+        if not skipped and known:
+            counts[line] = max(known)
         if here:
             wrapped = here[-1]
     return counts

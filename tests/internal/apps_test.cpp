@@ -461,4 +461,21 @@ TEST_F(FolderRemoval, RefusesAPathThatDoesNotFitRatherThanCutIt)
     EXPECT_TRUE(Exists(folder + L"\\a"));
 }
 
+TEST_F(FolderRemoval, AnEntryWhoseNameDoesNotFitBehindThePathEndsIt)
+{
+    const std::wstring path = L"\\\\?\\" + folder + L"\\" + std::wstring(200, L'd');
+    const std::wstring inner = path + L"\\" + std::wstring(200, L'e');
+    const std::wstring file = inner + L"\\" + std::wstring(200, L'f');
+    ASSERT_TRUE(CreateDirectoryW(path.c_str(), nullptr));
+    ASSERT_TRUE(CreateDirectoryW(inner.c_str(), nullptr));
+    Make(file);
+    ASSERT_LE(512u, file.size());
+    EXPECT_EQ(0u, RemoveDirectoryTree(inner.c_str()));
+    EXPECT_EQ(static_cast<DWORD>(ERROR_FILENAME_EXCED_RANGE), GetLastError());
+    EXPECT_TRUE(Exists(file));
+    DeleteFileW(file.c_str());
+    EXPECT_NE(0u, RemoveDirectoryTree(inner.c_str())) << "the search was left open";
+    RemoveDirectoryW(path.c_str());
+}
+
 } // namespace

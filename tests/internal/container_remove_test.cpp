@@ -1,5 +1,6 @@
 // Deleting bitmap files, and the verify list as the place of last resort.
 #include "internal/container_fixture.h"
+#include "support/driver_expect.h"
 
 namespace {
 
@@ -11,6 +12,13 @@ protected:
     {
         PutBase(MakeBitmapImage(BLOCK_SIZE, Bytes(4)));
         PutChild(MakeBitmapImage(BLOCK_SIZE, Bytes(4)));
+    }
+    static void StartRecordingSearches() { StartRecording(); }
+    // The only search since then.
+    static std::wstring Searched()
+    {
+        const std::vector<std::wstring> searches = vttest::CallsOf(L"FindFirstFileW");
+        return searches.size() == 1 ? searches[0] : L"(not one search)";
     }
     std::wstring BaseFailed() const
     {
@@ -180,6 +188,44 @@ TEST_F(ContainerResyncList, KeyIsTheRestOfTheVolumeNameBehindSixCharacters)
     other.init(L"C:", APP);
     EXPECT_EQ(other.AddVolumeToResyncList(), 0u);
     EXPECT_TRUE(VerifyList(APP) == (std::vector<std::wstring>{L"C:", L"{x}"}));
+}
+
+TEST_F(ContainerRemove, OfEveryApplicationWithoutARootLooksInTheRootOfTheDrive)
+{
+    std::wstring root;
+    StartRecordingSearches();
+    EXPECT_NE(container->RemoveAllBitmaps(root), 0u);
+    EXPECT_EQ(Searched(), L"FindFirstFileW \\VelVolTrc\\*.*");
+}
+
+TEST_F(ContainerRemove, WhereMemoryIsShortTheVolumeIsOnTheVerifyListOrHasNoFiles)
+{
+    bool refused = false;
+    const std::vector<std::wstring> listed{volume.guid};
+    const auto prepare = [&] {
+        if (ValueExists(SERVICE_KEY, L"DeviceListForReSyncapp1.Last"))
+            DeleteValue(SERVICE_KEY, L"DeviceListForReSyncapp1.Last");
+        PutBoth();
+        log.Clear();
+    };
+    ForEveryFailingAllocation(
+        prepare, [&] { return container->AddVolumeToResyncList(); },
+        [&](DWORD result) {
+            EXPECT_EQ(BaseFile().exists, result == 0);
+            EXPECT_EQ(ChildFile().exists, result == 0);
+            if (result == 0) {
+                EXPECT_EQ(VerifyList(APP), listed);
+                return;
+            }
+            refused = true;
+            EXPECT_EQ(result, 8u);
+            log.ExpectLogged(
+                0, 8,
+                L"CBitmapContainer::AddVolumeToResyncList: Failed to add volume Volume" + volume.guid +
+                    L" to app1 application verify list. So deleting the application bitmap files of the volume.");
+        });
+    EXPECT_TRUE(refused);
+    ExpectOnVerifyList();
 }
 
 } // namespace

@@ -92,5 +92,12 @@ TEST(ActiveJob, ThisProcessHoldsTheMarkAndSawWhetherItWasTheFirst)
     EXPECT_TRUE(mark.valid());
 }
 
+TEST_F(CommandRunner, AnExitCodeThatCannotBeFetchedWithoutAnErrorIsStillAFailure)
+{
+    vtfltsim::FailCall(L"GetExitCodeProcess", ERROR_SUCCESS);
+    EXPECT_EQ(vtflt::ExecCmdLine(L"cmd.exe /c exit 0"), 31u);
+    EXPECT_EQ(VTFltSimGetOpenCount(VTFLTSIM_OPEN_PROCESSES), 0u);
+}
+
 } // namespace
 } // namespace vttest

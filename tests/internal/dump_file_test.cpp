@@ -50,6 +50,27 @@ TEST_F(DumpFile, SwitchIsOneExactly)
     EXPECT_EQ(0u, vtflt::IsBitmapDumpEnabled());
     log.ExpectNothingLogged();
 }
+TEST_F(DumpFile, IsMadeAgainInItsFolderWhenItsMakingLeavesError3AlthoughItGivesAHandle)
+{
+    RemoveDirectoryW(RealPath(volume, L"VelVolTrc").c_str());
+    const HANDLE handle = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    VTFLTSIM_CALL_FAULT fault = {};
+    fault.size = sizeof(fault);
+    fault.what = VTFLTSIM_CALL_RETURNS;
+    fault.function = L"CreateFileW";
+    fault.match = L"dump.dat";
+    fault.count = 1;
+    fault.error = ERROR_PATH_NOT_FOUND;
+    fault.value = reinterpret_cast<ULONG_PTR>(handle);
+    vtfltsim::Check("VTFltSimSetCallFault", VTFltSimSetCallFault(&fault));
+    const Bytes bytes{1, 2, 3};
+    EXPECT_EQ(0u, vtflt::DumpBitMapToFile(Name(), VolumeName(), bytes.data(), 3));
+    EXPECT_FALSE(SetEvent(handle)) << "the first handle is open";
+    EXPECT_EQ(bytes, ReadFileBytes(volume, L"VelVolTrc\\dump.dat"));
+    EXPECT_EQ(static_cast<DWORD>(FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM),
+              FileAttributes(volume, L"VelVolTrc") & (FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM));
+    EXPECT_EQ(0u, FileAttributes(volume, L"VelVolTrc\\dump.dat") & (FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM));
+}
 
 } // namespace
 

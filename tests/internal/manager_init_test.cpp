@@ -231,4 +231,16 @@ TEST_F(ManagerInit, DeinitOfANewManagerAnswers0)
     log.ExpectNothingLogged();
 }
 
+TEST_F(ManagerInit, AnOperationPassesOverTheNullEntryThatALookUpLeft)
+{
+    FailContainer(1);
+    EXPECT_EQ(manager.InitBitMapManager(volume.Root(), APP), 0u);
+    ExpectNoContainer();
+    // The next one hands the volume's handle to every container that there is.
+    log.Clear();
+    EXPECT_EQ(Fetch(manager), 0xFFFFFFFFu);
+    log.ExpectLogged(0, 0xFFFFFFFF, L"CMultiBitmapManager::VTDeviceIoControl: FAILED::Updating child bitmaps.");
+    EXPECT_EQ(manager.RemapAllAppBitmap(), 0xFFFFFFFFu);
+}
+
 } // namespace

@@ -229,4 +229,12 @@ TEST_F(ReadApplicationIds, HandsTheBytesToTheCaller)
     EXPECT_EQ(Bytes(L"A\0\0"sv), std::vector<std::uint8_t>(bytes, bytes + size));
 }
 
+TEST_F(ReadApplicationIds, ANullSizeIsABadArgumentToo)
+{
+    BYTE* value = nullptr;
+    EXPECT_EQ(160u, ReadMutliSZRegistryValue(HKEY_LOCAL_MACHINE, &value, nullptr));
+    EXPECT_EQ(nullptr, value);
+    log.ExpectExactly({{0, 160, L"ReadMutliSZRegistryValue: szValue is NULL !!"}});
+}
+
 } // namespace

@@ -322,4 +322,24 @@ TEST_F(BreakpointObjects, ATableThatIsTooSmallOrReservedOnlyIsNotTouched)
     }
 }
 
+TEST_F(BreakpointTest, AUuidThatIsUniqueOnThisMachineOnlyNamesAHit)
+{
+    WatchedCalls calls;
+    m_breakpoints.Set(0, Executable(), L"stop");
+    VTFLTSIM_CALL_FAULT fault = {};
+    fault.size = sizeof(fault);
+    fault.what = VTFLTSIM_CALL_FAILS_AFTER;
+    fault.function = L"UuidCreate";
+    fault.count = 1;
+    fault.error = RPC_S_UUID_LOCAL_ONLY;
+    vtfltsim::Check("VTFltSimSetCallFault", VTFltSimSetCallFault(&fault));
+    calls.Fail(L"CreateEventW", L"BPHIT", ERROR_ACCESS_DENIED); // holds nobody here
+    m_output.WriteLogW(2, 0, L"stop");
+    EXPECT_EQ(2u, calls.Struck());
+    calls.EndFaults();
+    EXPECT_FALSE(m_breakpoints.Hit().breakpoint.IsNone());
+    EXPECT_FALSE(m_breakpoints.Hit().hit.IsNone());
+    m_output.Disconnect();
+}
+
 } // namespace

@@ -1,5 +1,6 @@
 // The process's log configuration: registration, questions, what another program edits, and damage.
 #include "log/own_module.h"
+#include "support/live_viewer.h"
 #include "support/log_test.h"
 
 #include <cstring>
@@ -375,6 +376,27 @@ TEST_F(ConfigTest, AMutexThatCannotBeMadeLeavesTheBlockClosed)
     EXPECT_EQ(LOG_LEVEL_NOT_SET, m_configuration.QueryLevel(L"First.dll"));
     EXPECT_EQ(L"unchanged", Path(L"First.dll"));
     EXPECT_EQ(nullptr, ConfigEditor().block);
+}
+
+TEST_F(ConfigTest, AnEmptyNameTakesNoEntry)
+{
+    m_configuration.RegisterModule(L"");
+    const ConfigEditor editor;
+    ASSERT_NE(nullptr, editor.block);
+    EXPECT_STREQ(L"", editor.block->modules[0].path);
+    EXPECT_EQ(LOG_CFG_FLAGS_FREE, editor.block->modules[0].flags);
+}
+
+TEST_F(ConfigTest, ABlockWhoseNamesAreBothRefusedIsTriedAgain)
+{
+    {
+        const UniqueHandle global = MakeBarredMapping(ConfigName(LOG_CFG_GLOBAL_MAPPING_NAME));
+        const UniqueHandle local = MakeBarredMapping(ConfigName(LOG_CFG_LOCAL_MAPPING_NAME));
+        m_configuration.RegisterModule(L"First.dll");
+        EXPECT_EQ(L"unchanged", Path(L"First.dll"));
+    }
+    m_configuration.RegisterModule(L"First.dll");
+    EXPECT_EQ(DefaultPath(L"First.dll.Log"), Path(L"First.dll"));
 }
 
 } // namespace

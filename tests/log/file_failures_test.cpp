@@ -421,4 +421,79 @@ TEST_F(FileFailures, ABlockThatCannotBeHadLeavesPathAndThresholdAsTheyAre)
     EXPECT_EQ(2u, m_output->GetLogLevel());
 }
 
+TEST_F(FileFailures, AFailedMoveToTheEndSkipsANarrowRecordToo)
+{
+    MakeFile(m_path, "narrow\r\n");
+    Start(m_path);
+    Write(L"first");
+    ClearTrace();
+    const LONGLONG before = SizeOf(m_path);
+    Fail(L"SetFilePointerEx", ERROR_NEGATIVE_SEEK, 2);
+    Write(L"skipped");
+    VTFltSimClearCallFaults();
+    EXPECT_EQ(before, SizeOf(m_path));
+    ExpectWriteTrace(L"Failed to SetFilePointer.", ERROR_NEGATIVE_SEEK);
+}
+
+TEST_F(FileFailures, AFailedMoveToTheEndLeavesTheSummaryOutAndNotTheRecord)
+{
+    Start(m_path);
+    Fail(L"SetFilePointerEx", ERROR_NEGATIVE_SEEK, 2); // behind the one that writes the mark
+    Write(L"text");
+    VTFltSimClearCallFaults();
+    ExpectWriteTrace(L"Failed to SetFilePointer.", ERROR_NEGATIVE_SEEK);
+    EXPECT_TRUE(MaskTimes(WideFileText(m_path)) == MaskedHeader(2) + L"text" + Tail() + L"\r\n");
+}
+
+TEST_F(FileFailures, AMarkWhosePlaceCannotBeReachedOrThatIsReadInPartLeavesTheFormAsItWas)
+{
+    StartOpen();
+    Fail(L"SetFilePointerEx", ERROR_NEGATIVE_SEEK);
+    Write(L"second");
+    VTFltSimClearCallFaults();
+    VTFLTSIM_CALL_FAULT fault = {};
+    fault.size = sizeof(fault);
+    fault.what = VTFLTSIM_CALL_SHORT;
+    fault.function = L"ReadFile";
+    fault.count = 1;
+    fault.value = 1;
+    Check("VTFltSimSetCallFault", VTFltSimSetCallFault(&fault));
+    Write(L"third");
+    EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
+    VTFltSimClearCallFaults();
+    EXPECT_TRUE(Texts(m_path) == (std::vector<std::wstring>{L"first", L"second", L"third"}));
+    EXPECT_TRUE(TraceLines().empty());
+}
+
+TEST_F(FileFailures, ANewFileWhoseStartCannotBeReachedHasNoMark)
+{
+    Start(m_path);
+    Fail(L"SetFilePointerEx", ERROR_NEGATIVE_SEEK);
+    Write(L"text");
+    VTFltSimClearCallFaults();
+    const std::vector<std::uint8_t> bytes = FileBytes(m_path);
+    ASSERT_LE(2u, bytes.size());
+    EXPECT_EQ('[', bytes[0]);
+    EXPECT_EQ(0, bytes[1]);
+}
+
+TEST_F(FileFailures, AnEmptyPathWhoseFileOpensAllTheSameHasNoMutex)
+{
+    StartOpen();
+    SetEntryPath(L"");
+    const HANDLE file = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    VTFLTSIM_CALL_FAULT fault = {};
+    fault.size = sizeof(fault);
+    fault.what = VTFLTSIM_CALL_RETURNS;
+    fault.function = L"CreateFileW";
+    fault.count = 1;
+    fault.value = reinterpret_cast<ULONG_PTR>(file);
+    Check("VTFltSimSetCallFault", VTFltSimSetCallFault(&fault));
+    Write(L"dropped");
+    VTFltSimClearCallFaults();
+    ExpectTrace({L"Failed to create mutex. File name is empty\r\n"});
+    EXPECT_FALSE(SetEvent(file)) << "the file was left open";
+    EXPECT_TRUE(Texts(m_path) == std::vector<std::wstring>{L"first"});
+}
+
 } // namespace

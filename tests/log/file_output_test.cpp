@@ -306,11 +306,18 @@ TEST_F(ProductLine, OfAModuleOfNoComponentIsTheEngines)
 
 TEST_F(ProductLine, OfAModuleOfTheProductRootIsTheEngines)
 {
-    const std::wstring folder = ProgramFolder();
-    SetText(PRODUCT, L"RootPath", folder.substr(0, folder.rfind(L'\\')));
+    const Elsewhere module(InstallProductRoot());
     SetConsole(PRODUCT, L"6.5");
     SetEngine(L"8");
     EXPECT_TRUE(Shown() == Line(L"8.0 (Update 3)"));
+}
+
+TEST_F(ProductLine, OfAModuleOfTheProductRootWithoutAnEngineIsItsOwn)
+{
+    const Elsewhere module(InstallProductRoot());
+    SetConsole(PRODUCT, L"6.5");
+    SetConsole(MANAGEMENT, L"5.4"); // the Management is not taken for it
+    EXPECT_TRUE(Shown() == Line(L"6.5"));
 }
 
 TEST_F(ProductLine, OfAModuleOfNoComponentIsNotTheManagementsWhereThatStandsAlone)
@@ -332,6 +339,20 @@ TEST_F(ProductLine, OnWinPEIsTheExecutablesAlthoughThereIsAnEngine)
     SetText(L"SYSTEM\\Setup", L"CmdLine", L"winpeshl.exe");
     SetEngine(L"8");
     EXPECT_TRUE(Shown() == Line(L"0.0"));
+}
+
+TEST_F(FileOutput, AnEmptyMessageIsARecordInANarrowFileAndANarrowOneInAWideFileToo)
+{
+    Start(m_path);
+    m_output->WriteLogA(2, 0, "");
+    EXPECT_TRUE(Records(m_path) == std::vector<std::wstring>{MaskedHeader(2) + Tail()});
+    const std::wstring narrow = File(L"narrow.log");
+    MakeFile(narrow, "...");
+    SetEntryPath(narrow);
+    Write(L"");
+    const std::vector<std::uint8_t> bytes = FileBytes(narrow);
+    const std::wstring text(bytes.begin(), bytes.end());
+    EXPECT_TRUE(MaskTimes(text) == L"..." + MaskedHeader(2) + Tail() + L"\r\n") << Narrow(text);
 }
 
 } // namespace

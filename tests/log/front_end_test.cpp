@@ -30,7 +30,13 @@ public:
             throw std::runtime_error("scripted");
         m_records.push_back({level, errorCode, text});
     }
-    DWORD GetLogLevel() override { return m_threshold; }
+    DWORD GetLogLevel() override
+    {
+        if (m_threshold == NO_THRESHOLD)
+            throw std::runtime_error("scripted");
+        return m_threshold;
+    }
+    static constexpr DWORD NO_THRESHOLD = 0xBAD; // asking for it throws
 
 private:
     std::vector<Record>& m_records;
@@ -203,6 +209,56 @@ TEST_F(LogCost, ANarrowRecordAllocatesNothingEither)
     Write(L"message");
     EXPECT_EQ(0u, VTFltSimGetCallCount(L"malloc") + VTFltSimGetCallCount(L"HeapAlloc"));
     EXPECT_EQ(4u, VTFltSimGetCallCount(L"WriteFile"));
+}
+
+TEST_F(FrontEnd, AnOutputThatThrowsWhenItIsAskedForItsThresholdDropsTheMessage)
+{
+    CDBGLog file = Make(ScriptedOutput::NO_THRESHOLD, 9999);
+    file.Log(0, 5, L"m");
+    CDBGLog live = Make(2, ScriptedOutput::NO_THRESHOLD);
+    live.Log(4, 5, L"m");
+    EXPECT_TRUE(m_file.empty());
+    EXPECT_TRUE(m_live.empty());
+    live.Log(2, 5, L"wanted by the file already");
+    EXPECT_EQ(1u, m_file.size());
+}
+
+TEST(MessageText, ABufferOfNoCharactersIsNotTouched)
+{
+    wchar_t wide = L'w';
+    FormatBounded(&wide, 0, L"%d", 1);
+    EXPECT_EQ(L'w', wide);
+    char narrow = 'n';
+    FormatBounded(&narrow, 0, "%d", 1);
+    EXPECT_EQ('n', narrow);
+    FormatBounded(&wide, 1, L"%d", 1);
+    EXPECT_EQ(L'\0', wide);
+}
+
+class LogStart : public LogFileTest {};
+
+TEST_F(LogStart, WithoutMemoryThereIsNoLogAndNothingIsLeft)
+{
+    CDBGLog* const previous = ExchangeLog(nullptr);
+    bool none = false;
+    for (DWORD nth = 1;; ++nth) {
+        vtfltsim::FailCall(L"malloc", ERROR_NOT_ENOUGH_MEMORY, nullptr, nth);
+        StartLog();
+        const bool struck = VTFltSimGetCallFaultHits() != 0;
+        VTFltSimClearCallFaults();
+        CDBGLog* const log = ExchangeLog(nullptr);
+        none = none || log == nullptr;
+        EXPECT_TRUE(struck || log != nullptr);
+        ExchangeLog(log);
+        Log(0, 5, nullptr); // no harm, whatever there is
+        StopLog();
+        for (const std::wstring& line : vtfltsim::LeftOpen())
+            ADD_FAILURE() << nth << " left open: " << Narrow(line);
+        if (!struck)
+            break;
+    }
+    EXPECT_TRUE(none);
+    ExchangeLog(previous);
 }
 
 } // namespace

@@ -11,11 +11,24 @@ namespace {
 class LogLevels : public LogFileTest {
 protected:
     static std::wstring Debug(const wchar_t* key) { return std::wstring(key) + L"\\Debug"; }
-    void InstallProductRootHere()
+    // Every allocation of the call fails once; its answer is then this, and behind it the right one.
+    template <class Call>
+    void ExpectWithoutMemory(DWORD answer, DWORD right, Call&& call)
     {
-        // The root's folder is "Update Manager" below its value: no folder of this program. So a prefix is enough.
-        const std::wstring folder = ProgramFolder();
-        SetText(PRODUCT, L"RootPath", folder);
+        bool refused = false;
+        for (DWORD nth = 1;; ++nth) {
+            ForgetLogLevels();
+            vtfltsim::FailCall(L"malloc", ERROR_NOT_ENOUGH_MEMORY, nullptr, nth);
+            const DWORD given = call();
+            const bool struck = VTFltSimGetCallFaultHits() != 0;
+            VTFltSimClearCallFaults();
+            EXPECT_EQ(struck ? answer : right, given) << nth;
+            EXPECT_EQ(right, call()) << "the failure was remembered, " << nth;
+            if (!struck)
+                break;
+            refused = true;
+        }
+        EXPECT_TRUE(refused);
     }
     DWORD Threshold()
     {
@@ -176,6 +189,44 @@ TEST_F(LogLevels, ALongListIsReadWhole)
         list += L"program.exe ";
     SetText(ENGINE_DEBUG_KEY, L"DisableGlobalOption", list + L"last.exe");
     EXPECT_TRUE(IsGlobalOptionDisabled(L"last.exe"));
+}
+
+TEST_F(LogLevels, OfAModuleOfTheProductRootStandsInItsOwnKeyWhereThereIsNeitherEngineNorManagement)
+{
+    const Elsewhere module(InstallProductRoot());
+    SetNumber(Debug(PRODUCT), L"a.exe", 4);
+    EXPECT_EQ(4u, GetModuleLogLevel(L"a.exe"));
+}
+
+TEST_F(LogLevels, OfAModuleOfTheProductRootStandsInTheEnginesKeyWhereThereIsOne)
+{
+    const Elsewhere module(InstallProductRoot());
+    SetNumber(Debug(PRODUCT), L"a.exe", 4);
+    SetNumber(Debug(ENGINE), L"a.exe", 1);
+    EXPECT_EQ(1u, GetModuleLogLevel(L"a.exe"));
+}
+
+TEST_F(LogLevels, AValueThatIsADwordOfTwoBytesCountsAsNotSet)
+{
+    UniqueKey key;
+    ASSERT_EQ(0u, VTFltSimOpenKey(m_machine.handle(), Debug(ENGINE).c_str(), KEY_WRITE, key.put()));
+    const BYTE bytes[] = {4, 0};
+    ASSERT_EQ(0, RegSetValueExW(key.get(), L"a.exe", 0, REG_DWORD, bytes, sizeof(bytes)));
+    EXPECT_EQ(LOG_LEVEL_NOT_SET, GetModuleLogLevel(L"a.exe"));
+}
+
+TEST_F(LogLevels, WithoutMemoryForItsNameALevelIsNotSetAndReadAgainLater)
+{
+    const std::wstring name = L"a program with a long name.exe";
+    SetNumber(Debug(ENGINE), name, 4);
+    ExpectWithoutMemory(LOG_LEVEL_NOT_SET, 4, [&] { return GetModuleLogLevel(name); });
+}
+
+TEST_F(LogLevels, WithoutMemoryForTheListNoProgramIsOnItAndItIsReadAgainLater)
+{
+    const std::wstring name(40, L'p');
+    SetText(ENGINE_DEBUG_KEY, L"DisableGlobalOption", L"b.exe " + name);
+    ExpectWithoutMemory(0, 1, [&] { return IsGlobalOptionDisabled(name) ? 1u : 0u; });
 }
 
 } // namespace

@@ -252,4 +252,36 @@ TEST_F(LiveTest, TheFrontEndGivesADetailMessageToAViewerOnly)
     ExpectRing({L"seen 2"});
 }
 
+TEST_F(LiveTest, WithoutMemoryForTheRingTheRecordIsDroppedAndTheNextOneWritten)
+{
+    MakeViewer();
+    WatchedCalls calls;
+    CSMOutput output;
+    vtfltsim::FailCall(L"malloc", ERROR_NOT_ENOUGH_MEMORY);
+    output.WriteLogW(0, 0, L"dropped");
+    EXPECT_EQ(1u, calls.Struck());
+    calls.EndFaults();
+    EXPECT_FALSE(MappingExists(RingName()));
+    output.WriteLogW(0, 0, L"written");
+    ExpectRing({L"written"});
+    output.Disconnect();
+}
+
+TEST_F(LiveTest, WithoutMemoryForTheBreakpointsTheRecordIsWrittenAndTheNextOneLooksForThemAgain)
+{
+    MakeViewer();
+    ViewerBreakpoints breakpoints;
+    WatchedCalls calls;
+    CSMOutput output;
+    vtfltsim::FailCall(L"malloc", ERROR_NOT_ENOUGH_MEMORY, nullptr, 2); // behind the ring's
+    output.WriteLogW(0, 0, L"first");
+    EXPECT_EQ(1u, calls.Struck());
+    calls.EndFaults();
+    EXPECT_EQ(2u, VTFltSimGetOpenCount(VTFLTSIM_OPEN_OTHERS)); // the ring's event and mapping
+    output.WriteLogW(0, 0, L"second");
+    EXPECT_EQ(4u, VTFltSimGetOpenCount(VTFLTSIM_OPEN_OTHERS));
+    ExpectRing({L"first", L"second"});
+    output.Disconnect();
+}
+
 } // namespace

@@ -197,6 +197,12 @@ void LogFileTest::InstallManagementHere()
     SetText(MANAGEMENT, L"Path", ProgramFolder());
 }
 
+std::wstring LogFileTest::InstallProductRoot()
+{
+    SetText(PRODUCT, L"RootPath", L"C:\\Lumen");
+    return L"C:\\Lumen\\Update Manager\\" + ProgramName();
+}
+
 std::vector<std::wstring> LogFileTest::Recorded(const std::wstring& function)
 {
     std::vector<std::wstring> calls;

@@ -25,6 +25,24 @@ inline constexpr bool ON_DOUBLE = true;
 
 inline constexpr LONGLONG LOG_SIZE_LIMIT = 104857600;
 
+// Lets the module of the logging code, or the executable, lie elsewhere while the object lives: what was found out once is
+// overwritten, and with an empty path found out anew.
+class Elsewhere {
+public:
+    explicit Elsewhere(const std::wstring& path, const vtflt::ModulePath& module = vtflt::OwnModule())
+        : m_path(const_cast<vtflt::ModulePath&>(module)), m_before(module)
+    {
+        vtflt::CopyText(m_path.text, path);
+    }
+    Elsewhere(const Elsewhere&) = delete;
+    Elsewhere& operator=(const Elsewhere&) = delete;
+    ~Elsewhere() { m_path = m_before; }
+
+private:
+    vtflt::ModulePath& m_path;
+    const vtflt::ModulePath m_before;
+};
+
 class LogFileTest : public ::testing::Test {
 protected:
     LogFileTest();
@@ -61,6 +79,8 @@ protected:
     // Makes this program a part of a component: the component's folder contains it.
     void InstallEngineHere();
     void InstallManagementHere();
+    // The product root's own folder, and this program's module in it.
+    std::wstring InstallProductRoot();
     static std::wstring ProgramFolder() { return std::wstring(vtflt::ExecutableModule().Folder()); }
     static std::wstring ProgramName() { return std::wstring(vtflt::ExecutableModule().Name()); }
 

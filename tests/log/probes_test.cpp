@@ -3,6 +3,8 @@
 #include "log/probes.h"
 #include "log_file_test.h"
 
+#include <cstring>
+
 using namespace vtflt;
 using namespace vttest;
 
@@ -367,6 +369,157 @@ TEST_F(Probes, AVersionThatIsNotKnownIsMinusOneInTheSystemLine)
     Write(L"m");
     EXPECT_NE(std::wstring::npos,
               WideFileText(File(L"t.log")).find(L"] OS      Info: Computer Name[] Version[-1.-1] Platform[X64]\r\n"));
+}
+
+TEST_F(Probes, ASetupKeyWithoutACommandLineIsNoWinPE)
+{
+    MakeKey(L"SYSTEM\\Setup");
+    EXPECT_FALSE(IsWinPE());
+    SetWinPE(L"winpeshl.exe");
+    vtfltsim::FailCall(L"RegQueryValueExW", ERROR_ACCESS_DENIED, L"|CmdLine", 2);
+    EXPECT_FALSE(IsWinPE()) << "the text was not read";
+    EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
+}
+
+TEST_F(Probes, AnotherKindIsNotPresent)
+{
+    MakeKey(ENGINE);
+    for (const DWORD kind : {0u, 3u, 8u})
+        EXPECT_FALSE(IsComponentPresent(kind)) << kind;
+}
+
+TEST_F(Probes, ATextForWhichThereIsNoMemoryIsError8)
+{
+    SetText(MANAGEMENT, L"Path", L"C:\\Lumen\\Management");
+    vtfltsim::FailCall(L"malloc", ERROR_NOT_ENOUGH_MEMORY);
+    EXPECT_EQ(8u, InstallPath(2, m_path));
+    EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
+    EXPECT_TRUE(m_path.empty());
+}
+
+TEST_F(Probes, ATextThatCannotBeReadAlthoughItsSizeCouldGivesTheRegistrysError)
+{
+    SetText(MANAGEMENT, L"Path", L"C:\\Lumen\\Management");
+    vtfltsim::FailCall(L"RegQueryValueExW", ERROR_ACCESS_DENIED, L"|Path", 2);
+    EXPECT_EQ(5u, InstallPath(2, m_path));
+    EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
+    EXPECT_TRUE(m_path.empty());
+}
+
+TEST_F(Probes, APathThatDoesNotFitIsCut)
+{
+    const std::wstring path = L"C:\\" + std::wstring(600, L'p');
+    SetText(MANAGEMENT, L"Path", path);
+    EXPECT_EQ(0u, InstallPath(2, m_path));
+    EXPECT_TRUE(m_path == path.substr(0, 511));
+    SetText(MANAGEMENT, L"Path", path.substr(0, 511));
+    EXPECT_EQ(0u, InstallPath(2, m_path));
+    EXPECT_TRUE(m_path == path.substr(0, 511));
+}
+
+TEST_F(ProductVersions, AConsoleKeyWithoutAVersionIsTheRegistrysError)
+{
+    SetText(std::wstring(MANAGEMENT) + L"\\Console", L"UpdateVersionNumber", L"2");
+    EXPECT_TRUE(Read(2) == L"2: 0.0 0");
+}
+
+TEST_F(Probes, AVersionResourceOfNothingOrWithoutMemoryIsNoVersion)
+{
+    const std::wstring library = ProgramFolder() + L"\\VTFltMgr.dll";
+    VTFLTSIM_CALL_FAULT fault = {};
+    fault.size = sizeof(fault);
+    fault.what = VTFLTSIM_CALL_RETURNS;
+    fault.function = L"VerQueryValueW";
+    fault.count = 1;
+    fault.value = TRUE; // and gives neither a place nor a length
+    vtfltsim::Check("VTFltSimSetCallFault", VTFltSimSetCallFault(&fault));
+    EXPECT_EQ(0u, GetModuleFileVersion(library.c_str()).high);
+    EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
+    VTFltSimClearCallFaults();
+    vtfltsim::FailCall(L"malloc", ERROR_NOT_ENOUGH_MEMORY);
+    EXPECT_EQ(0u, GetModuleFileVersion(library.c_str()).high);
+    EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
+}
+
+// A 32-bit process, as far as the log can tell: what the system answers is answered by functions of the case.
+class Wow64 : public Probes {
+protected:
+    static BOOL WINAPI IsWow64(HANDLE, BOOL* answer)
+    {
+        *answer = TRUE;
+        return TRUE;
+    }
+    static BOOL WINAPI CannotTell(HANDLE, BOOL* answer)
+    {
+        *answer = TRUE;
+        return FALSE;
+    }
+    static void WINAPI NativeSystemInfo(SYSTEM_INFO* info) { info->wProcessorArchitecture = 6; }
+
+    // From now on the name stands for this function; null: there is none.
+    template <class Function>
+    static void Answer(const wchar_t* name, Function* function)
+    {
+        VTFLTSIM_CALL_FAULT fault = {};
+        fault.size = sizeof(fault);
+        fault.what = VTFLTSIM_CALL_RETURNS;
+        fault.function = L"GetProcAddress";
+        fault.match = name;
+        fault.error = ERROR_PROC_NOT_FOUND;
+        fault.value = reinterpret_cast<ULONG_PTR>(function);
+        vtfltsim::Check("VTFltSimSetCallFault", VTFltSimSetCallFault(&fault));
+    }
+    std::vector<std::wstring> Opened()
+    {
+        VTFltSimRecord(1);
+        EXPECT_TRUE(IsComponentPresent(COMPONENT_ENGINE));
+        VTFltSimRecord(0);
+        return Recorded(L"RegOpenKeyExW");
+    }
+    static WORD Architecture() { return LOGUTILS::CSysInfo().Get().wProcessorArchitecture; }
+
+    const std::vector<std::wstring> m_plain{std::wstring(L"RegOpenKeyExW ") + ENGINE};
+    const std::vector<std::wstring> m_64{std::wstring(L"RegOpenKeyExW ") + ENGINE + L"|64-bit view"};
+};
+
+TEST_F(Wow64, OpensKeysInThe64BitView)
+{
+    MakeKey(ENGINE);
+    EXPECT_TRUE(Opened() == m_plain);
+    Answer(L"IsWow64Process", &IsWow64);
+    EXPECT_TRUE(Opened() == m_64);
+}
+
+TEST_F(Wow64, IsNotAssumedWhereTheSystemCannotTell)
+{
+    MakeKey(ENGINE);
+    Answer(L"IsWow64Process", &CannotTell);
+    EXPECT_TRUE(Opened() == m_plain);
+    VTFltSimClearCallFaults();
+    Answer<void>(L"IsWow64Process", nullptr);
+    EXPECT_TRUE(Opened() == m_plain);
+    VTFltSimClearCallFaults();
+    vtfltsim::FailCall(L"GetModuleHandleW", ERROR_MOD_NOT_FOUND, L"kernel32");
+    EXPECT_TRUE(Opened() == m_plain);
+    EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
+}
+
+TEST_F(Wow64, TheMachineIsTheNativeOne)
+{
+    EXPECT_EQ(9, Architecture());
+    Answer(L"IsWow64Process", &IsWow64);
+    EXPECT_EQ(9, Architecture());
+    Answer(L"GetNativeSystemInfo", &NativeSystemInfo);
+    EXPECT_EQ(6, Architecture());
+}
+
+TEST_F(Wow64, WithoutTheFunctionForTheNativeMachineItStaysZero)
+{
+    Answer(L"IsWow64Process", &IsWow64);
+    Answer<void>(L"GetNativeSystemInfo", nullptr);
+    const LOGUTILS::CSysInfo machine;
+    const SYSTEM_INFO nothing = {};
+    EXPECT_EQ(0, std::memcmp(&nothing, &machine.Get(), sizeof(nothing)));
 }
 
 } // namespace

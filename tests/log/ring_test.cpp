@@ -426,4 +426,79 @@ TEST_F(RingTest, ARecordIsWrittenUnderTheMutexAndTheViewerWokenBehindIt)
     m_reader.Close();
 }
 
+TEST_F(RingTest, ARingWhoseNamesAreBothRefusedIsNotOpened)
+{
+    const UniqueHandle global = MakeBarredMapping(RING_MAPPING + UPPER);
+    const UniqueHandle local = MakeBarredMapping(RING_LOCAL_MAPPING + UPPER);
+    EXPECT_FALSE(m_writer.OpenAsWriter());
+    EXPECT_FALSE(MutexExists(RING_MUTEX + UPPER));
+}
+
+TEST_F(RingTest, ARingThatHasMemoryForItsBeginningOnlyIsRefused)
+{
+    const UniqueHandle reserved =
+        MakeMapping(RING_MAPPING + UPPER, sizeof(LogRingBlock), nullptr, PAGE_READWRITE | SEC_RESERVE);
+    const UniqueView view(MapViewOfFile(reserved.get(), FILE_MAP_READ | FILE_MAP_WRITE, 0, 0, 0));
+    ASSERT_TRUE(view.valid());
+    ASSERT_NE(nullptr, VirtualAlloc(view.get(), 65536, MEM_COMMIT, PAGE_READWRITE));
+    EXPECT_FALSE(m_writer.OpenAsWriter());
+    EXPECT_FALSE(MutexExists(RING_MUTEX + UPPER));
+}
+
+TEST_F(RingTest, ARingWhoseSizeCannotBeFoundOutIsRefused)
+{
+    WatchedCalls calls;
+    calls.Fail(L"VirtualQuery", nullptr, ERROR_INVALID_PARAMETER);
+    EXPECT_FALSE(m_writer.OpenAsWriter());
+    EXPECT_EQ(1u, calls.Struck());
+    calls.EndFaults();
+    EXPECT_EQ(0u, VTFltSimGetOpenCount(VTFLTSIM_OPEN_OTHERS));
+    EXPECT_TRUE(m_writer.OpenAsWriter());
+    m_writer.Close();
+}
+
+TEST_F(RingTest, ThatCannotBeMappedIsNeitherWrittenNorReadAndItsMutexGivenBack)
+{
+    WatchedCalls calls;
+    Open();
+    Write(0, 1);
+    EXPECT_TRUE(m_viewer.WasWoken());
+    calls.Fail(L"MapViewOfFile", nullptr, ERROR_NOT_ENOUGH_MEMORY);
+    EXPECT_FALSE(m_writer.WriteMessage(2, 0, L"m", L"dropped"));
+    std::vector<LogMessagePtr> messages;
+    EXPECT_FALSE(m_reader.ReadMessages(messages));
+    EXPECT_TRUE(messages.empty());
+    EXPECT_EQ(2u, calls.Struck());
+    calls.EndFaults();
+    EXPECT_EQ(0u, VTFltSimGetOpenCount(VTFLTSIM_OWNED_MUTEXES));
+    EXPECT_FALSE(m_viewer.WasWoken());
+    EXPECT_EQ(Texts(1, 1), ReadTexts());
+    m_writer.Close();
+    m_reader.Close();
+}
+
+TEST_F(RingTest, RecordsThatMemoryIsTooShortForStayUnread)
+{
+    WatchedCalls calls;
+    Open();
+    Write(0, 3);
+    std::vector<std::wstring> texts;
+    for (DWORD nth = 1;; ++nth) {
+        std::vector<LogMessagePtr> messages;
+        vtfltsim::FailCall(L"malloc", ERROR_NOT_ENOUGH_MEMORY, nullptr, nth);
+        EXPECT_TRUE(m_reader.ReadMessages(messages));
+        const bool struck = calls.Struck() != 0;
+        calls.EndFaults();
+        for (const LogMessagePtr& message : messages)
+            texts.push_back(message->GetText());
+        EXPECT_EQ(static_cast<std::int64_t>(texts.size()), Ring().readSequence) << nth;
+        if (!struck)
+            break;
+        EXPECT_LT(nth, 100u);
+    }
+    EXPECT_EQ(Texts(1, 3), texts);
+    m_writer.Close();
+    m_reader.Close();
+}
+
 } // namespace

@@ -182,5 +182,12 @@ TEST_F(DeviceQuery, AQueryForWhichThereIsNoMemoryAnswers1AndItsMessage)
     EXPECT_TRUE(refused);
 }
 
+TEST_F(DeviceQuery, AControlDeviceThatFailsToOpenWithoutAnErrorIsStillAFailure)
+{
+    ForceCall(L"CreateFileW", reinterpret_cast<ULONG_PTR>(INVALID_HANDLE_VALUE), ERROR_SUCCESS, CONTROL);
+    EXPECT_EQ(VTIsDeviceMonitored(volume.Path().c_str()), 1u);
+    log.ExpectExactly({{2, 31, L"Open \\\\.\\VTFltMgr failed, Error code:31\n"}});
+}
+
 } // namespace
 } // namespace vttest

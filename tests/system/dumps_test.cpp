@@ -269,6 +269,21 @@ TEST_F(Dumps, ThatCannotBeWrittenAreLoggedAndTheFetchGoesOn)
     log.ExpectLogged(0, 0, L"CMultiBitmapManager::DumpBitMapToFile::WriteFile disk bitmap failed.");
     EXPECT_EQ(3u, Content(Names(TO_APPLICATION).at(0)).size());
 }
+TEST_F(Dumps, ADumpWithoutMemoryForItsNameIsLeftOutAndNothingElse)
+{
+    SetSwitch(1);
+    const auto session = Open(L"app1");
+    // The name is made right behind the look at the clock.
+    ASSERT_EQ(0u, VTFltSimCallBefore(
+                      L"GetLocalTime", nullptr, 1, 1,
+                      [](void*, LPCWSTR, LPCWSTR) { VTFltSimFailCall(L"malloc", nullptr, 1, 1, 8); }, nullptr));
+    log.SetThreshold(0);
+    EXPECT_EQ(0u, session->GetBitmap(BUFFER_LENGTH));
+    ClearFaults();
+    EXPECT_EQ(session->Blocks(), (std::vector<std::uint64_t>{1, 50}));
+    EXPECT_EQ(0u, Names(DRIVER).size());
+    EXPECT_EQ(1u, Names(TO_APPLICATION).size());
+}
 
 } // namespace
 

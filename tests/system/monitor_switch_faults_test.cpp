@@ -339,5 +339,22 @@ TEST_F(MonitorSwitchFaults, WhereverMemoryRunsOutTheMutexIsGivenBackAndTheCountF
     }
 }
 
+TEST_F(MonitorSwitchFaults, ACountKeyThatIsRefusedBehindItsReadingEndsTheSwitchWithTheCountAsItWas)
+{
+    const wchar_t* const records[] = {L"EnableMonitorForSnapshot: Failed to get/set count value for ",
+                                      L"DisableMonitorForSnapshot: Failed to set count value to "};
+    for (const Switch& which : SWITCHES) {
+        Restore(2);
+        vtfltsim::FailCall(L"RegCreateKeyExW", ERROR_ACCESS_DENIED, countKey.c_str(), 2);
+        EXPECT_EQ(which.run(nullptr), 5u);
+        EXPECT_EQ(VTFltSimGetCallFaultHits(), 1u);
+        VTFltSimClearCallFaults();
+        const bool enables = which.run == VTFltEnableMonitorForSnapshot;
+        log.ExpectLogged(0, 5, records[enables ? 0 : 1] + countKey);
+        EXPECT_EQ(Count(), 2u);
+        EXPECT_TRUE(IsDriverListed());
+    }
+}
+
 } // namespace
 } // namespace vttest

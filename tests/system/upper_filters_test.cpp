@@ -141,5 +141,18 @@ TEST_F(UpperFilterOrder, AListStoredWithoutItsEndIsReadWithinItsBytes)
     ExpectPass();
 }
 
+TEST_F(UpperFilterOrder, AListThatBecomesShorterBetweenItsSizeAndItsReadingIsReadAsItIsThen)
+{
+    machine.SetFilters({L"volsnap", L"VTFlt", L"a filter that is about to go"});
+    ASSERT_EQ(VTFltSimCallBefore(
+                  L"RegQueryValueExW", UPPER_FILTERS, 2, 1,
+                  [](void* context, LPCWSTR, LPCWSTR) {
+                      static_cast<vtfltsim::SimMachine*>(context)->SetFilters({L"volsnap"});
+                  },
+                  &machine),
+              0u);
+    ExpectFail(notFound);
+}
+
 } // namespace
 } // namespace vttest

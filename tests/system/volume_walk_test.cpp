@@ -177,4 +177,18 @@ TEST_F(VolumeWalks, OnlyDiskTypeThreeCounts)
     }
 }
 
+TEST_F(VolumeWalks, AStepThatFailsWithoutAnErrorIsStillAFailure)
+{
+    ForceCall(L"FindNextVolumeW", L"", FALSE);
+    Entries volumes;
+    EXPECT_EQ(31u, Enumerate(volumes));
+    ExpectStruck();
+    EXPECT_TRUE(volumes.empty());
+    ExpectNoList(L"Walker.Last");
+    ForceCall(L"FindFirstVolumeW", L"", reinterpret_cast<ULONG_PTR>(INVALID_HANDLE_VALUE));
+    EXPECT_EQ(31u, VTRegisterApplication(L"App1"));
+    ExpectStruck();
+    ExpectNoIds();
+}
+
 } // namespace

@@ -206,4 +206,24 @@ TEST(BitmapRecord, CopyIsBoundedByTheBuffer)
     EXPECT_EQ(record->CopyBitmap(copy, 0), 0u);
 }
 
+TEST(BitmapRecord, FewerBytesThanASignatureAreNone)
+{
+    const std::uint8_t bytes[] = {'S', 'T', 'C', 'A'};
+    EXPECT_TRUE(vtflt::HasRecordSignature(bytes, 4));
+    EXPECT_FALSE(vtflt::HasRecordSignature(bytes, 3));
+    EXPECT_FALSE(vtflt::HasRecordSignature(nullptr, 0));
+}
+
+TEST(BitmapRecord, TheTrailerOfARecordThatIsShorterThanOneStandsAtItsStart)
+{
+    const auto record = BitmapRecord::Allocate(3);
+    ASSERT_NE(record, nullptr);
+    EXPECT_EQ(record->TrailerOffset(), 0u);
+    record->RestoreTrailer();
+    EXPECT_EQ(std::memcmp(record->Bytes(), "ACDE", 4), 0);
+    record->WithholdTrailer();
+    EXPECT_EQ(std::memcmp(record->Bytes(), "\0\0\0\0", 4), 0);
+    EXPECT_FALSE(record->IsValid());
+}
+
 } // namespace

@@ -90,6 +90,22 @@ private:
 
 namespace vtflt {
 
+void FormatMessageText(wchar_t* buffer, std::size_t capacity, const wchar_t* format, va_list arguments) noexcept
+{
+    if (capacity != 0)
+        Formatter<wchar_t>(buffer, capacity).Run(format, arguments);
+}
+
+std::wstring FormatText(std::size_t capacity, const wchar_t* format, ...)
+{
+    std::wstring text(capacity, L'\0');
+    va_list arguments;
+    va_start(arguments, format);
+    FormatMessageText(text.data(), capacity, format, arguments);
+    va_end(arguments);
+    return text.substr(0, text.find(L'\0'));
+}
+
 void FormatBounded(wchar_t* buffer, std::size_t capacity, const wchar_t* format, ...) noexcept
 {
     va_list arguments;

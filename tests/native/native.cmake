@@ -41,3 +41,6 @@ add_test(NAME ${VT_CONFIGURATION}.lnav_format
         "${PROJECT_SOURCE_DIR}/tools/vtlog/lnav/vtfltmgr_log.json" "${CMAKE_CURRENT_SOURCE_DIR}/tools/lnav/sample.log")
 
 include(double/double.cmake)
+if(TARGET double_flags)
+    include(fuzz/fuzz.cmake)
+endif()

@@ -1,0 +1,332 @@
+#!/usr/bin/env python3
+"""Applies small deliberate mistakes to a copy of the tree, one by one, and says which test notices each.
+
+A mistake that no test notices is a missing test. The entries are in the .txt files beside this program; README.md
+says how they look. Called by ./dev mutants.
+"""
+
+import argparse
+import json
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+import time
+
+HERE = pathlib.Path(__file__).resolve().parent
+PROJECT = HERE.parent.parent
+WORK = PROJECT / "build" / "mutants"
+TREE = WORK / "tree"
+BUILD = TREE / "build" / "native"
+JOBS = str(os.cpu_count() or 1)
+
+LIKELY_LIMIT_SECONDS = 600
+WHOLE_LIMIT_SECONDS = 1800
+
+
+class Failure(Exception):
+    """Something is wrong with an entry, the build or the unchanged tree: nothing can be said of the tests then."""
+
+
+class Mutant:
+    def __init__(self, name, source):
+        self.name = name
+        self.source = source  # where the entry stands
+        self.file = None
+        self.likely = []  # (program, filter)
+        self.old = None
+        self.new = None
+
+    def fail(self, text):
+        raise Failure(f"{self.source}: {self.name}: {text}")
+
+
+def read_mutants():
+    mutants = []
+    for path in sorted(HERE.glob("*.txt")):
+        mutants += parse(path.read_text(), path.name)
+    names = [mutant.name for mutant in mutants]
+    for name in names:
+        if names.count(name) > 1:
+            raise Failure(f"two entries are called {name}")
+    return mutants
+
+
+def parse(text, source):
+    mutants, part = [], None
+    for line in text.splitlines():
+        if line.startswith("== "):
+            mutants.append(Mutant(line[3:].strip(), source))
+            part = "head"
+        elif part is None or part == "head" and (line.startswith("#") or not line.strip()):
+            if part is None and line.strip() and not line.startswith("#"):
+                raise Failure(f"{source}: text in front of the first entry: {line}")
+        elif line == "-- from":
+            mutants[-1].old, part = [], "from"
+        elif line == "-- to":
+            mutants[-1].new, part = [], "to"
+        elif line == "--":
+            part = "head"
+        elif part == "from":
+            mutants[-1].old.append(line)
+        elif part == "to":
+            mutants[-1].new.append(line)
+        else:
+            key, _, value = line.partition(" ")
+            if key == "file":
+                mutants[-1].file = value.strip()
+            elif key == "likely":
+                program, _, names = value.strip().partition(" ")
+                mutants[-1].likely.append((program, names.strip()))
+            else:
+                mutants[-1].fail(f"unknown line: {line}")
+    for mutant in mutants:
+        if not mutant.file or mutant.old is None or mutant.new is None or not mutant.likely:
+            mutant.fail("an entry has a file, a likely test, a part from and a part to")
+        mutant.old = "\n".join(mutant.old)
+        mutant.new = "\n".join(mutant.new)
+    return mutants
+
+
+def changed_text(mutant, root):
+    path = root / mutant.file
+    if not path.exists():
+        mutant.fail(f"there is no {mutant.file}")
+    text = path.read_text()
+    count = text.count(mutant.old)
+    if count != 1:
+        mutant.fail(f"the part to replace stands {count} times in {mutant.file}, not once")
+    return text, text.replace(mutant.old, mutant.new)
+
+
+def copy_tree():
+    """Brings the copy up to date. Files that are the same keep their time, so that little is built again."""
+    listed = subprocess.run(["git", "ls-files", "-z", "--cached", "--others", "--exclude-standard"], cwd=PROJECT,
+                            check=True, capture_output=True).stdout.split(b"\0")
+    wanted = {name.decode() for name in listed if name and (PROJECT / name.decode()).is_file()}
+    for path in TREE.rglob("*") if TREE.exists() else []:
+        name = path.relative_to(TREE).as_posix()
+        if not name.startswith("build/") and name != "build" and path.is_file() and name not in wanted:
+            path.unlink()
+    for name in wanted:
+        source, target = PROJECT / name, TREE / name
+        if target.exists() and target.read_bytes() == source.read_bytes():
+            continue
+        target.parent.mkdir(parents=True, exist_ok=True)
+        shutil.copyfile(source, target)
+        shutil.copymode(source, target)
+
+
+def run_logged(command, log, cwd=TREE):
+    with open(log, "wb") as output:
+        return subprocess.run(command, cwd=cwd, stdin=subprocess.DEVNULL, stdout=output,
+                              stderr=subprocess.STDOUT).returncode
+
+
+def configure():
+    if (BUILD / "build.ninja").exists():
+        return
+    log = WORK / "configure.log"
+    if run_logged(["cmake", "--preset", "native"], log) != 0:
+        raise Failure(f"the copy cannot be configured: {log}")
+
+
+def build(targets, log):
+    command = ["cmake", "--build", str(BUILD), "-j", JOBS]
+    if targets:
+        command += ["--target", *sorted(targets)]
+    return run_logged(command, log) == 0
+
+
+class Program:
+    """A program of tests, as the build system has it."""
+
+    def __init__(self, entry):
+        self.command = entry["command"]
+        self.folder = str(BUILD)
+        for item in entry.get("properties", []):
+            if item["name"] == "WORKING_DIRECTORY":
+                self.folder = item["value"]
+        modules = [part for part in self.command if part.endswith(".exe")]
+        self.target = modules[0][:-len(".exe")] + ".p0000" if modules else pathlib.Path(self.command[0]).name
+
+    def arguments(self, names):
+        kept = [part for part in self.command if part != "--gtest_brief=1"]
+        if names:
+            kept = [part for part in kept if not part.startswith("--gtest_filter=")] + [f"--gtest_filter={names}"]
+        return kept + ["--gtest_fail_fast", "--gtest_color=no"]
+
+
+def list_programs():
+    """The native programs of GoogleTest by their names."""
+    listed = subprocess.run(["ctest", "--test-dir", str(BUILD), "--show-only=json-v1"], check=True,
+                            capture_output=True).stdout
+    programs = {}
+    for entry in json.loads(listed)["tests"]:
+        if any(part.startswith("--gtest") for part in entry.get("command", [])):
+            programs[entry["name"].partition(".")[2]] = Program(entry)
+    return programs
+
+
+def run_tests(program, names, limit):
+    """Runs tests up to the first that fails. Returns (name of the failed test or None, number of tests that ran)."""
+    try:
+        done = subprocess.run(program.arguments(names), cwd=program.folder, stdin=subprocess.DEVNULL,
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=limit)
+        output, code = done.stdout.decode(errors="replace"), done.returncode
+    except subprocess.TimeoutExpired as late:
+        output, code = (late.stdout or b"").decode(errors="replace"), None
+    (WORK / "last-run.log").write_text(output)
+    # What a test prints may stand in front of the framework's own lines.
+    started = re.findall(r"\[ RUN      \] (\S+)", output)
+    failed = re.findall(r"\[  FAILED  \] (\S+\.\S+)", output)
+    if code == 0:
+        return None, len(started)
+    if failed:
+        return failed[0].rstrip(","), len(started)
+    where = started[-1] if started else "the program's start"
+    return where + (" (does not end)" if code is None else " (ends the program)"), len(started)
+
+
+class Session:
+    def __init__(self):
+        self.programs = {}
+        self.is_whole_suite_good = False
+
+    def program(self, mutant, name):
+        if name not in self.programs:
+            mutant.fail(f"there is no native test program {name}; there are: {', '.join(sorted(self.programs))}")
+        return self.programs[name]
+
+    def control(self, mutants):
+        """The likely tests must exist and pass without a mistake, or their failure would say nothing."""
+        wanted = {}
+        for mutant in mutants:
+            for name, names in mutant.likely:
+                self.program(mutant, name)
+                wanted.setdefault(name, set()).add(names)
+        for name, filters in sorted(wanted.items()):
+            # Each filter by itself must select something; run together they take one start of the program.
+            selected = ":".join(sorted(filters))
+            failed, count = run_tests(self.programs[name], selected, WHOLE_LIMIT_SECONDS)
+            if failed:
+                raise Failure(f"without any mistake {name} fails: {failed} ({WORK / 'last-run.log'})")
+            ran = re.findall(r"\[ RUN      \] (\S+)", (WORK / "last-run.log").read_text())
+            for names in filters:
+                if not any(matches(names, test) for test in ran):
+                    raise Failure(f"the filter {names} selects no test of {name}")
+            print(f"==> {name}: {count} tests pass on the unchanged tree", flush=True)
+
+    def control_whole_suite(self):
+        if self.is_whole_suite_good:
+            return
+        if not build([], WORK / "build.log"):
+            raise Failure(f"the unchanged tree does not build: {WORK / 'build.log'}")
+        for name, program in self.programs.items():
+            failed, _ = run_tests(program, None, WHOLE_LIMIT_SECONDS)
+            if failed:
+                raise Failure(f"without any mistake {name} fails: {failed}")
+        self.is_whole_suite_good = True
+
+    def catch(self, mutant):
+        """The name of the test that notices, or None. The mistake is in the tree."""
+        log = WORK / "build.log"
+        for name, names in mutant.likely:
+            if not build({self.programs[name].target}, log):
+                mutant.fail(f"the changed tree does not build: {log}")
+            failed, _ = run_tests(self.programs[name], names, LIKELY_LIMIT_SECONDS)
+            if failed:
+                return failed
+        if not build([], log):
+            mutant.fail(f"the changed tree does not build: {log}")
+        for name, program in self.programs.items():
+            failed, _ = run_tests(program, None, WHOLE_LIMIT_SECONDS)
+            if failed:
+                return f"{failed} in {name}, not by the likely tests"
+        return None
+
+    def try_mutant(self, mutant):
+        path = TREE / mutant.file
+        original, changed = changed_text(mutant, TREE)
+        try:
+            path.write_text(changed)
+            caught = self.catch(mutant)
+        finally:
+            path.write_text(original)
+        if caught is None:
+            # Only believed when the whole suite passes without the mistake, too: it could not run at all.
+            self.control_whole_suite()
+        return caught
+
+
+def matches(names, test):
+    for pattern in names.split("-")[0].split(":"):
+        expression = re.escape(pattern).replace(r"\*", ".*").replace(r"\?", ".")
+        if re.fullmatch(expression, test):
+            return True
+    return False
+
+
+def choose(mutants, wanted):
+    if not wanted:
+        return mutants
+    chosen = [mutant for mutant in mutants if any(mutant.name.startswith(name) for name in wanted)]
+    for name in wanted:
+        if not any(mutant.name.startswith(name) for mutant in mutants):
+            raise Failure(f"no entry begins with {name}")
+    return chosen
+
+
+def minutes(seconds):
+    return f"{seconds:.0f} s" if seconds < 90 else f"{seconds / 60:.0f} min"
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("names", nargs="*", help="entries, or the beginnings of their names; without any: all")
+    parser.add_argument("--list", action="store_true", help="only say which entries there are")
+    arguments = parser.parse_args()
+
+    mutants = choose(read_mutants(), arguments.names)
+    for mutant in mutants:
+        changed_text(mutant, PROJECT)
+    if arguments.list:
+        for mutant in mutants:
+            print(f"{mutant.name}  {mutant.file}")
+        return 0
+
+    WORK.mkdir(parents=True, exist_ok=True)
+    copy_tree()
+    configure()
+    print("==> Building the unchanged tree", flush=True)
+    if not build([], WORK / "build.log"):
+        raise Failure(f"the unchanged tree does not build: {WORK / 'build.log'}")
+    session = Session()
+    session.programs = list_programs()
+    session.control(mutants)
+
+    survivors, start = [], time.monotonic()
+    results = open(WORK / "results.txt", "w")
+    for number, mutant in enumerate(mutants, 1):
+        caught = session.try_mutant(mutant)
+        used = time.monotonic() - start
+        left = used / number * (len(mutants) - number)
+        verdict = f"caught by {caught}" if caught else "SURVIVES: no native test notices it"
+        print(f"[{number}/{len(mutants)}] {mutant.name}: {verdict}; about {minutes(left)} left", flush=True)
+        print(f"{mutant.name}\t{caught or 'SURVIVES'}", file=results, flush=True)
+        if caught is None:
+            survivors.append(mutant.name)
+    print(f"==> {len(mutants) - len(survivors)} of {len(mutants)} mistakes caught in {minutes(time.monotonic() - start)}")
+    if survivors:
+        print("==> not caught: " + " ".join(survivors))
+    return 1 if survivors else 0
+
+
+if __name__ == "__main__":
+    try:
+        sys.exit(main())
+    except Failure as failure:
+        print(f"mutants: {failure}", file=sys.stderr)
+        sys.exit(2)

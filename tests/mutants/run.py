@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Applies small deliberate mistakes to a copy of the tree, one by one, and says which test notices each.
 
-A mistake that no test notices is a missing test. The entries are in the .txt files beside this program; README.md
-says how they look. Called by ./dev mutants.
+A mistake that no test notices is a missing test. The entries are in the .txt files beside this program;
+docs/testing.md says how they look. Called by ./dev mutants.
 """
 
 import argparse
@@ -272,10 +272,12 @@ def matches(names, test):
 def choose(mutants, wanted):
     if not wanted:
         return mutants
-    chosen = [mutant for mutant in mutants if any(mutant.name.startswith(name) for name in wanted)]
+    chosen = []
     for name in wanted:
-        if not any(mutant.name.startswith(name) for mutant in mutants):
+        found = [mutant for mutant in mutants if mutant.name.startswith(name)]
+        if not found:
             raise Failure(f"no entry begins with {name}")
+        chosen += [mutant for mutant in found if mutant not in chosen]
     return chosen
 
 

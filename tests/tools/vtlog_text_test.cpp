@@ -61,6 +61,13 @@ TEST(TimeText, WhatIsNoTimeIsNone)
         EXPECT_EQ("none", Time(text)) << text;
 }
 
+TEST(TimeText, AMonthOrDayBeyondAByteIsNone)
+{
+    EXPECT_EQ("none", Time("2026/257/01"));
+    EXPECT_EQ("none", Time("2026/01/257"));
+    EXPECT_EQ("none", Time("4026/26121/6"));
+}
+
 TEST(TimeText, TheIsoFormIsForPrograms)
 {
     EXPECT_EQ("2026-03-01T10:20:30.400", IsoTime(NOW));

@@ -86,7 +86,8 @@ bool ParseDate(std::string_view& text, RecordTime& time)
     if (!month || !TakeOne(rest, std::string_view(&separator, 1)))
         return false;
     const auto day = TakeNumber(rest);
-    if (!day || *year < 1000 || *year > 9999)
+    // The calendar's types hold a byte each and would take month 257 for January.
+    if (!day || *year < 1000 || *year > 9999 || *month > 12 || *day > 31)
         return false;
     time.year = static_cast<int>(*year);
     time.month = static_cast<int>(*month);

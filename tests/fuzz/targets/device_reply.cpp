@@ -37,7 +37,7 @@ void CheckHeader(Input& input)
     const std::uint32_t length = vtflt::RequiredBitmapLength(h0, h1);
     FUZZ_HOLDS(length % 8 == 0);
     const auto distance = static_cast<Number128>(h1) - h0;
-    if (distance >= 0 && distance < (std::int64_t{1} << 34))
+    if (distance >= 0 && distance < 0xFFFFFF00)
         FUZZ_HOLDS(length == 16 + 8 * ((distance + 7) / 8));
 
     FileBytes buffer = input.ShortBytes();

@@ -1,7 +1,6 @@
 # The fuzzing targets: linked with libFuzzer, one program each (preset fuzz, VT_FUZZ), or with a replay of kept inputs,
 # which is a native test. Both need Windows' headers, but not the double: see system.h.
 
-include("${PROJECT_SOURCE_DIR}/cmake/header_libraries.cmake")
 option(VT_FUZZ "Build the fuzzing targets with libFuzzer (clang)" OFF)
 
 set(fuzzed_sources

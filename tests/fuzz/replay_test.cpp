@@ -80,6 +80,8 @@ TEST_P(Replay, HoldsForTheSeedsAndVariationsOfThem)
 }
 
 INSTANTIATE_TEST_SUITE_P(Fuzz, Replay, testing::ValuesIn(fuzz::Targets()),
-                         [](const testing::TestParamInfo<fuzz::Target>& target) { return std::string(target.param.name); });
+                         [](const testing::TestParamInfo<fuzz::Target>& target) {
+                             return std::string(target.param.name);
+                         });
 
 } // namespace

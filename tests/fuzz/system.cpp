@@ -136,7 +136,8 @@ BOOL WINAPI WriteFile(HANDLE handle, LPCVOID from, DWORD count, LPDWORD moved, L
         return fuzz::Fail(ERROR_DISK_FULL);
     fuzz::FileBytes& bytes = g_system.files[file.path];
     bytes.resize(std::max<std::size_t>(bytes.size(), file.position + count));
-    std::copy_n(static_cast<const std::uint8_t*>(from), count, bytes.begin() + static_cast<std::ptrdiff_t>(file.position));
+    std::copy_n(static_cast<const std::uint8_t*>(from), count,
+                bytes.begin() + static_cast<std::ptrdiff_t>(file.position));
     file.position += count;
     *moved = count;
     return TRUE;
@@ -237,8 +238,9 @@ BOOL WINAPI DeviceIoControl(HANDLE, DWORD code, LPVOID input, DWORD inputLength,
     *returned = 0;
     if (g_system.driver == nullptr)
         return fuzz::Fail(ERROR_INVALID_FUNCTION);
-    fuzz::Request request = {code, static_cast<const std::uint8_t*>(input), inputLength,
-                             static_cast<std::uint8_t*>(output), outputLength, 0};
+    fuzz::Request request = {code,         static_cast<const std::uint8_t*>(input),
+                             inputLength,  static_cast<std::uint8_t*>(output),
+                             outputLength, 0};
     const DWORD error = g_system.driver(request, g_system.context);
     *returned = request.returned;
     return error == ERROR_SUCCESS ? TRUE : fuzz::Fail(error);
@@ -280,13 +282,9 @@ BOOL WINAPI ReleaseMutex(HANDLE)
     return TRUE;
 }
 
-void WINAPI AcquireSRWLockExclusive(PSRWLOCK)
-{
-}
+void WINAPI AcquireSRWLockExclusive(PSRWLOCK) {}
 
-void WINAPI ReleaseSRWLockExclusive(PSRWLOCK)
-{
-}
+void WINAPI ReleaseSRWLockExclusive(PSRWLOCK) {}
 
 DWORD WINAPI GetCurrentProcessId()
 {
@@ -308,8 +306,8 @@ BOOL WINAPI UnmapViewOfFile(LPCVOID)
     return TRUE;
 }
 
-INT WINAPI LCMapStringEx(LPCWSTR, DWORD, LPCWSTR text, INT length, LPWSTR target, INT capacity, LPNLSVERSIONINFO, LPVOID,
-                         LPARAM)
+INT WINAPI LCMapStringEx(LPCWSTR, DWORD, LPCWSTR text, INT length, LPWSTR target, INT capacity, LPNLSVERSIONINFO,
+                         LPVOID, LPARAM)
 {
     const INT count = std::min(length, capacity);
     for (INT i = 0; i < count; ++i)
@@ -376,13 +374,9 @@ LSTATUS WINAPI RegDeleteValueW(HKEY, LPCWSTR name)
 // What stands around the parts of the log: one block, one module, no records.
 namespace vtflt {
 
-void Log(int, DWORD, const wchar_t*, ...) noexcept
-{
-}
+void Log(int, DWORD, const wchar_t*, ...) noexcept {}
 
-void Trace(const wchar_t*, ...) noexcept
-{
-}
+void Trace(const wchar_t*, ...) noexcept {}
 
 OpenToEveryone::OpenToEveryone() noexcept = default;
 

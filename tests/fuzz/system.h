@@ -25,12 +25,12 @@ struct Request {
 using Driver = DWORD (*)(Request& request, void* context);
 
 struct System {
-    std::map<std::wstring, FileBytes> files;       // by path
+    std::map<std::wstring, FileBytes> files; // by path
     struct Value {
         DWORD type = REG_MULTI_SZ;
         FileBytes bytes;
     };
-    std::map<std::wstring, Value> values;          // by value name; keys are not told apart
+    std::map<std::wstring, Value> values; // by value name; keys are not told apart
     Driver driver = nullptr;
     void* context = nullptr;
     unsigned openHandles = 0;

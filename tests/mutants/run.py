@@ -191,9 +191,19 @@ def run_tests(program, names, limit):
 
 
 class Session:
-    def __init__(self):
+    def __init__(self, only_likely):
         self.programs = {}
+        self.only_likely = only_likely
         self.is_whole_suite_good = False
+
+    def prepare(self, wanted):
+        """Builds the programs. What they are called is known only once they are there."""
+        log = WORK / "build.log"
+        self.programs = list_programs()
+        targets = {self.programs[name].target for name in wanted} if wanted <= self.programs.keys() else []
+        if not build(targets, log):
+            raise Failure(f"the unchanged tree does not build: {log}")
+        self.programs = list_programs()
 
     def program(self, mutant, name):
         if name not in self.programs:
@@ -239,6 +249,8 @@ class Session:
             failed, _ = run_tests(self.programs[name], names, LIKELY_LIMIT_SECONDS)
             if failed:
                 return failed
+        if self.only_likely:
+            return None
         if not build([], log):
             mutant.fail(f"the changed tree does not build: {log}")
         for name, program in self.programs.items():
@@ -255,7 +267,7 @@ class Session:
             caught = self.catch(mutant)
         finally:
             path.write_text(original)
-        if caught is None:
+        if caught is None and not self.only_likely:
             # Only believed when the whole suite passes without the mistake, too: it could not run at all.
             self.control_whole_suite()
         return caught
@@ -289,6 +301,8 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("names", nargs="*", help="entries, or the beginnings of their names; without any: all")
     parser.add_argument("--list", action="store_true", help="only say which entries there are")
+    parser.add_argument("--likely", action="store_true",
+                        help="run only the likely tests: quicker, and a survivor is not sure to be one")
     arguments = parser.parse_args()
 
     mutants = choose(read_mutants(), arguments.names)
@@ -302,11 +316,9 @@ def main():
     WORK.mkdir(parents=True, exist_ok=True)
     copy_tree()
     configure()
+    session = Session(arguments.likely)
     print("==> Building the unchanged tree", flush=True)
-    if not build([], WORK / "build.log"):
-        raise Failure(f"the unchanged tree does not build: {WORK / 'build.log'}")
-    session = Session()
-    session.programs = list_programs()
+    session.prepare({name for mutant in mutants for name, _ in mutant.likely})
     session.control(mutants)
 
     survivors, start = [], time.monotonic()
@@ -315,7 +327,8 @@ def main():
         caught = session.try_mutant(mutant)
         used = time.monotonic() - start
         left = used / number * (len(mutants) - number)
-        verdict = f"caught by {caught}" if caught else "SURVIVES: no native test notices it"
+        which = "likely" if arguments.likely else "native"
+        verdict = f"caught by {caught}" if caught else f"SURVIVES: no {which} test notices it"
         print(f"[{number}/{len(mutants)}] {mutant.name}: {verdict}; about {minutes(left)} left", flush=True)
         print(f"{mutant.name}\t{caught or 'SURVIVES'}", file=results, flush=True)
         if caught is None:

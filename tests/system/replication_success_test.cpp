@@ -67,6 +67,23 @@ TEST_F(ReplicationSuccess, RemovesAListThatBecameEmpty)
     EXPECT_FALSE(ValueExists(SERVICE_KEY, L"DeviceListForReSyncapp1.Last"));
 }
 
+TEST_F(ReplicationSuccess, TakesTheVolumeOffItsListBeforeItClearsTheBase)
+{
+    SetVerifyList(L"app1", {volume.guid});
+    const auto session = Open(L"app1");
+    ASSERT_EQ(0u, session->GetBitmap());
+    VTFltSimRecord(1);
+    EXPECT_EQ(0u, session->Success());
+    VTFltSimRecord(0);
+    std::vector<std::string> steps;
+    for (const std::wstring& line : LibraryCalls()) {
+        const std::string function = Narrow(line.substr(0, line.find(L' ')));
+        if (function == "RegDeleteValueW" || function == "CreateFileW")
+            steps.push_back(function);
+    }
+    EXPECT_EQ((std::vector<std::string>{"RegDeleteValueW", "CreateFileW"}), steps);
+}
+
 TEST_F(ReplicationSuccess, OnAManagerThatNeverFetchedFails)
 {
     const auto session = Open(L"app1");

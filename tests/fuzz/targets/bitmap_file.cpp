@@ -104,8 +104,8 @@ void BitmapFile(const std::uint8_t* bytes, std::size_t count)
     const auto record = BitmapRecord::Allocate(size);
     FUZZ_HOLDS(record != nullptr && record->Size() == size);
     std::copy(image.begin(), image.end(), record->Bytes());
-    const bool valid = size >= 4 && std::memcmp(image.data(), "STCA", 4) == 0 &&
-                       std::memcmp(image.data() + size - 4, "ACDE", 4) == 0;
+    const bool valid =
+        size >= 4 && std::memcmp(image.data(), "STCA", 4) == 0 && std::memcmp(image.data() + size - 4, "ACDE", 4) == 0;
     FUZZ_HOLDS(record->IsValid() == valid);
     if (!valid)
         return;

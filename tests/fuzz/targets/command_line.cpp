@@ -12,9 +12,7 @@
 namespace vtbackup {
 
 // The console's part; what is printed does not matter here.
-void PrintJson(const nlohmann::json&)
-{
-}
+void PrintJson(const nlohmann::json&) {}
 
 } // namespace vtbackup
 
@@ -102,10 +100,36 @@ void CheckOptions(const Options& options)
 
 // Words of the command line, so that inputs are more often ones that mean something.
 constexpr const char* WORDS[] = {
-    "init",       "backup",     "restore",   "verify",    "list",       "--app",     "--repo",    "--volume",
-    "--simulate", "--json",     "--reset",   "--undo",    "--full",     "--verify",  "--backup",  "--to",
-    "--register", "--overwrite", "--help",   "--app=A",   "--repo=R",   "--volume=V", "--to=T",   "--backup=7",
-    "--",         "-1",         "--no-monitor", "--keep-snapshot", "--snapshot-create=c", "--snapshot-delete=d",
+    "init",
+    "backup",
+    "restore",
+    "verify",
+    "list",
+    "--app",
+    "--repo",
+    "--volume",
+    "--simulate",
+    "--json",
+    "--reset",
+    "--undo",
+    "--full",
+    "--verify",
+    "--backup",
+    "--to",
+    "--register",
+    "--overwrite",
+    "--help",
+    "--app=A",
+    "--repo=R",
+    "--volume=V",
+    "--to=T",
+    "--backup=7",
+    "--",
+    "-1",
+    "--no-monitor",
+    "--keep-snapshot",
+    "--snapshot-create=c",
+    "--snapshot-delete=d",
 };
 
 } // namespace

@@ -145,8 +145,8 @@ void LogRecord(const std::uint8_t* bytes, std::size_t count)
         FUZZ_HOLDS(entry.raw == record && entry.Message() == message);
         FUZZ_HOLDS(entry.header->level == header.level && entry.header->code == header.errorCode);
         FUZZ_HOLDS(entry.header->processId == header.processId && entry.header->threadId == header.threadId);
-        FUZZ_HOLDS((entry.header->time ==
-                    RecordTime{when.year, when.month, when.day, when.hour, when.minute, when.second, when.milliseconds}));
+        FUZZ_HOLDS((entry.header->time == RecordTime{when.year, when.month, when.day, when.hour, when.minute,
+                                                     when.second, when.milliseconds}));
         FUZZ_HOLDS(entry.tail->program == L"program.exe" && entry.tail->versionHigh == version >> 16);
         FUZZ_HOLDS(entry.tail->versionLow == (version & 0xFFFF));
     }

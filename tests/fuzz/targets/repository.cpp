@@ -48,9 +48,7 @@ bool FileExists(const std::wstring& path)
     return fuzz::TheSystem().files.count(path) != 0;
 }
 
-FileReader::FileReader(const std::wstring& path) : m_path(path), m_length(fuzz::TheSystem().files[path].size())
-{
-}
+FileReader::FileReader(const std::wstring& path) : m_path(path), m_length(fuzz::TheSystem().files[path].size()) {}
 
 bool FileReader::ReadAt(std::uint64_t offset, void* out, std::size_t length)
 {

@@ -1,8 +1,8 @@
 // A ring of live records whose numbers and slots any program may have written.
-#include "log/ring_block.h"
 #include "fuzz/fuzz.h"
 #include "fuzz/system.h"
 #include "log/bounded_text.h"
+#include "log/ring_block.h"
 #include "log/share_memory.h"
 
 #include <algorithm>
@@ -101,8 +101,9 @@ void Ring(const std::uint8_t* bytes, std::size_t count)
     Input input(bytes, count);
     TheSystem() = {};
     ring.writeSequence = input.Take<std::int64_t>();
-    ring.readSequence = input.Flag() ? input.Take<std::int64_t>()
-                                     : static_cast<std::int64_t>(static_cast<std::uint64_t>(ring.writeSequence) - input.Byte());
+    ring.readSequence = input.Flag()
+                            ? input.Take<std::int64_t>()
+                            : static_cast<std::int64_t>(static_cast<std::uint64_t>(ring.writeSequence) - input.Byte());
     CheckBacklog(ring.readSequence, ring.writeSequence);
     SetSharedBlock(&ring);
     {

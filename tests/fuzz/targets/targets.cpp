@@ -23,11 +23,20 @@ void TimeText(const std::uint8_t* bytes, std::size_t count);
 const std::vector<Target>& Targets()
 {
     static const std::vector<Target> targets = {
-        {"bitmap_file", BitmapFile}, {"breakpoints", Breakpoints},   {"command_line", CommandLine},
-        {"config_block", ConfigBlock}, {"device_reply", DeviceReply}, {"driver_reply", DriverReply},
-        {"index_file", IndexFile},   {"log_file", LogFile},          {"log_record", LogRecord},
-        {"manifest", ManifestFile},  {"multi_string", MultiString},  {"resync_list", ResyncList},
-        {"ring", Ring},              {"time_text", TimeText},
+        {"bitmap_file", BitmapFile},
+        {"breakpoints", Breakpoints},
+        {"command_line", CommandLine},
+        {"config_block", ConfigBlock},
+        {"device_reply", DeviceReply},
+        {"driver_reply", DriverReply},
+        {"index_file", IndexFile},
+        {"log_file", LogFile},
+        {"log_record", LogRecord},
+        {"manifest", ManifestFile},
+        {"multi_string", MultiString},
+        {"resync_list", ResyncList},
+        {"ring", Ring},
+        {"time_text", TimeText},
     };
     return targets;
 }

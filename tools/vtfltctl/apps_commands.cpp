@@ -1,7 +1,16 @@
 // apps: who is registered, and who is to be.
+#include "bitmap_live.h"
 #include "common/application_id.h"
+#include "common/registry_value.h"
+#include "common/volume_name.h"
 #include "library.h"
 #include "output.h"
+
+#include "apps/mutex_controller.h"
+#include "apps/resync_lists.h"
+#include "apps/volume_name.h"
+#include "registry/multi_string.h"
+#include "registry/multi_string_value.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -44,9 +53,26 @@ Exit RegisterApplication(const Context& context, const std::wstring& application
                                       : "is registered, with fresh bitmaps on every fixed volume"));
 }
 
+// The library takes out of the list what it finds first, which may be the end of another ID.
+void RequireFoundAsItself(const std::wstring& application)
+{
+    const toolkit::RegistryValue list =
+        toolkit::ReadMultiString(vtflt::APPLICATION_IDS_KEY, vtflt::APPLICATION_IDS_VALUE);
+    const int position = vtflt::FindMultiSZEntry(list.bytes, application);
+    if (position <= 0)
+        return;
+    const std::size_t before = (static_cast<std::size_t>(position) - 1) * sizeof(wchar_t);
+    if (list.bytes[before] != 0 || list.bytes[before + 1] != 0)
+        throw Failure(Exit::Refused,
+                      fmt::format("{} is found first at the end of another application's ID, which would be cut; "
+                                  "\"vtfltctl doctor\" says which: unregister that one first",
+                                  Quoted(application)));
+}
+
 Exit UnregisterApplication(const Context& context, const std::wstring& application)
 {
     RequireRegistered(application);
+    RequireFoundAsItself(application);
     RequireYes(context, fmt::format("would unregister {} and delete its bitmap files on every fixed volume",
                                     Quoted(application)));
     Require(VTUnregisterApplication(application.c_str()), fmt::format("unregister {}", Quoted(application)));
@@ -54,6 +80,127 @@ Exit UnregisterApplication(const Context& context, const std::wstring& applicati
                   fmt::format("Application {} is unregistered and its bitmap files are deleted. Its verify list stays "
                               "and names every volume.\n",
                               Quoted(application)));
+}
+
+// ---- clean
+
+constexpr DWORD MERGE_LIST = 0;
+// How long a backup may keep the bitmap files to itself before the command gives up.
+constexpr DWORD VOLUME_WAIT_MS = 10000;
+
+struct CleanOptions {
+    std::string application;
+    std::string volume;
+};
+
+// Holds a volume's mutex. The library's own guard waits for half an hour and then goes on without it.
+class VolumeLock {
+public:
+    explicit VolumeLock(const bitmap::VolumeName& volume)
+        : m_mutex(CreateMutexW(nullptr, FALSE, vtflt::BuildMutexName(volume.name).c_str()))
+    {
+        const DWORD wait = m_mutex ? WaitForSingleObject(m_mutex.get(), VOLUME_WAIT_MS) : WAIT_FAILED;
+        if (wait != WAIT_OBJECT_0 && wait != WAIT_ABANDONED)
+            throw Failure(Exit::Busy, fmt::format("a backup works on the bitmap files of {}; nothing was changed there",
+                                                  ToUtf8(volume.name)));
+    }
+    ~VolumeLock() { ReleaseMutex(m_mutex.get()); }
+    VolumeLock(const VolumeLock&) = delete;
+    VolumeLock& operator=(const VolumeLock&) = delete;
+
+private:
+    vtflt::UniqueHandle m_mutex;
+};
+
+bool IsThere(const std::wstring& path)
+{
+    return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+std::vector<std::wstring> FilesOf(const bitmap::VolumeName& volume, const std::wstring& application)
+{
+    std::vector<std::wstring> files;
+    for (const bool base : {true, false}) {
+        std::wstring path = bitmap::BitmapPath(volume, application, base);
+        if (IsThere(path))
+            files.push_back(std::move(path));
+    }
+    return files;
+}
+
+std::vector<bitmap::VolumeName> VolumesToClean(const std::string& volume)
+{
+    if (!volume.empty())
+        return {bitmap::FindVolumeByName(ToWide(volume))};
+    std::vector<std::wstring> paths;
+    if (const DWORD error = toolkit::EnumerateVolumePaths(paths); error != ERROR_SUCCESS)
+        throw Failure(Exit::Device, "cannot list the volumes: " + ErrorText(error));
+    std::vector<bitmap::VolumeName> volumes;
+    for (const std::wstring& path : paths) {
+        if (GetDriveTypeW(path.c_str()) == DRIVE_FIXED)
+            volumes.push_back({vtflt::GetVolumeName(path), path});
+    }
+    return volumes;
+}
+
+// Whose files these are: names of files ignore case.
+std::vector<std::wstring> OwnersOf(const std::wstring& application)
+{
+    std::vector<std::wstring> owners = RegisteredApplications();
+    std::erase_if(owners, [&](const std::wstring& id) { return !toolkit::EqualIgnoringCase(id, application); });
+    return owners;
+}
+
+// An owner's next backup must know that it has to verify before the files are gone.
+void CleanVolume(const bitmap::VolumeName& volume, const std::vector<std::wstring>& files,
+                 const std::vector<std::wstring>& owners)
+{
+    const VolumeLock lock(volume);
+    vtflt::CVolumeListForResync lists;
+    for (const std::wstring& owner : owners)
+        Require(lists.UpdateApplicationValue({vtflt::GetVolumeGuid(volume.path)}, vtflt::MakeVerifyListName(owner),
+                                             MERGE_LIST),
+                "put the volume on the verify list of " + Quoted(owner));
+    for (const std::wstring& file : files) {
+        if (!DeleteFileW(file.c_str()) && IsThere(file))
+            throw Failure(Exit::Unreadable,
+                          fmt::format("cannot delete {}: {}", ToUtf8(file), ErrorText(GetLastError())));
+    }
+}
+
+Exit CleanApplication(const Context& context, const CleanOptions& options)
+{
+    const std::wstring application = ToWide(options.application);
+    if (application.empty())
+        throw Failure(Exit::Usage, "the application ID is empty");
+    if (application.find_first_of(L"<>:\"/\\|?*") != std::wstring::npos)
+        throw Failure(Exit::Usage, fmt::format("{} cannot stand in a file name, so no bitmap file is named after it",
+                                               Quoted(application)));
+    struct Found {
+        bitmap::VolumeName volume;
+        std::vector<std::wstring> files;
+    };
+    std::vector<Found> found;
+    Json names = Json::array();
+    std::string text;
+    for (const bitmap::VolumeName& volume : VolumesToClean(options.volume)) {
+        std::vector<std::wstring> files = FilesOf(volume, application);
+        for (const std::wstring& file : files) {
+            names.push_back(ToUtf8(file));
+            text += "deleted " + ToUtf8(file) + "\n";
+        }
+        if (!files.empty())
+            found.push_back({volume, std::move(files)});
+    }
+    if (found.empty())
+        throw Failure(Exit::NotFound, fmt::format("{} has no bitmap files there", Quoted(application)));
+    const std::vector<std::wstring> owners = OwnersOf(application);
+    RequireYes(context, fmt::format("would delete {} of {}{}", CountText(names.size(), "bitmap file"),
+                                    Quoted(application),
+                                    owners.empty() ? "" : ", whose next backup there must then verify"));
+    for (const Found& one : found)
+        CleanVolume(one.volume, one.files, owners);
+    return Answer(context, Exit::Ok, {{"application", ToUtf8(application)}, {"deleted", names}}, text);
 }
 
 } // namespace
@@ -74,6 +221,16 @@ void AddAppsCommands(CLI::App& app, Context& context)
                                   [&context, id] { return UnregisterApplication(context, ToWide(*id)); });
     remove.add_option("APP", *id, "application ID, compared exactly")->required();
     AddYes(remove, context, "the application's bitmap files");
+
+    const auto options = std::make_shared<CleanOptions>();
+    CLI::App& clean = AddCommand(group, context, "clean",
+                                 "Delete the bitmap files of an application, registered or not: if it is, its next "
+                                 "backup must verify",
+                                 [&context, options] { return CleanApplication(context, *options); });
+    clean.add_option("APP", options->application, "application ID that the files are named after")->required();
+    clean.add_option("--volume", options->volume, "of this volume only: {...}, \\\\?\\Volume{...}\\ or a mount path")
+        ->type_name("VOLUME");
+    AddYes(clean, context, "the bitmap files");
 }
 
 } // namespace vtfltctl

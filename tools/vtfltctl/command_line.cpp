@@ -13,6 +13,7 @@ constexpr const char* FOOTER = R"(Exit codes:
    0 ok               the work is done; of a check: what was looked at is sound
    1 internal         something that should not happen
    2 usage            the command line is wrong
+   3 busy             another process works on the volume
    4 refused          it would do harm, or needs --yes, or the library refuses it
    5 driver-down      the change-tracking driver does not work
    6 damaged          something is damaged or contradicts itself
@@ -68,7 +69,13 @@ void AddCommands(CLI::App& app, Context& context)
     app.footer(FOOTER);
     // Application IDs and device names may begin with a slash.
     app.allow_windows_style_options(false);
+    AddStatusCommand(app, context);
+    AddDoctorCommand(app, context);
     AddAppsCommands(app, context);
+    AddVerifyCommands(app, context);
+    AddMonitorCommands(app, context);
+    AddStopCommand(app, context);
+    AddDeviceCommand(app, context);
 }
 
 std::optional<int> ParseCommandLine(std::vector<std::string> arguments, Context& context)

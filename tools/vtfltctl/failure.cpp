@@ -11,6 +11,8 @@ const char* OutcomeName(Exit code) noexcept
         return "internal";
     case Exit::Usage:
         return "usage";
+    case Exit::Busy:
+        return "busy";
     case Exit::Refused:
         return "refused";
     case Exit::DriverDown:

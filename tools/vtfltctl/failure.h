@@ -12,6 +12,7 @@ enum class Exit : int {
     Ok = 0,              // the work is done; of a check: what was looked at is sound
     Internal = 1,        // something that should not happen, or no memory
     Usage = 2,           // the command line is wrong
+    Busy = 3,            // another process works on the volume
     Refused = 4,         // the request would do harm, is not confirmed by --yes, or the library refuses it
     DriverDown = 5,      // the change-tracking driver does not work
     Damaged = 6,         // something is damaged or contradicts itself

@@ -1,7 +1,10 @@
 #include "library.h"
 
+#include "common/registry_value.h"
 #include "failure.h"
 #include "output.h"
+
+#include "registry/multi_string_value.h"
 
 #include <fmt/format.h>
 #include <vtfltmgr/VTFltMgr.h>
@@ -60,6 +63,12 @@ void Require(DWORD result, const std::string& what)
 
 std::vector<std::wstring> RegisteredApplications()
 {
+    // The library takes the bytes of a value of any type for a list.
+    const toolkit::RegistryValue stored =
+        toolkit::ReadMultiString(vtflt::APPLICATION_IDS_KEY, vtflt::APPLICATION_IDS_VALUE);
+    if (stored.error == ERROR_INVALID_DATA)
+        throw Failure(Exit::Unreadable, "cannot read the list of registered applications: RegisteredAppIDs is no "
+                                        "multi-string");
     std::vector<std::wstring> list;
     if (const DWORD result = VTGetRegisteredAppList(&list); result != ERROR_SUCCESS)
         throw Failure(Exit::Unreadable,

@@ -1,0 +1,41 @@
+// device: does the driver track it?
+#include "library.h"
+#include "machine.h"
+#include "output.h"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <vtfltmgr/VTFltMgr.h>
+
+#include <memory>
+
+namespace vtfltctl {
+namespace {
+
+Exit Device(const Context& context, const std::wstring& name)
+{
+    if (name.empty())
+        throw Failure(Exit::Usage, "the device name is empty");
+    // The export's answer for a driver that cannot be asked is the one for a device that is not tracked.
+    const DriverFacts driver = LookAtDriver();
+    if (driver.openError != ERROR_SUCCESS)
+        throw Failure(Exit::DriverDown, fmt::format("the driver cannot be asked: {}", WhyDriverFails(driver)));
+    const bool monitored = VTIsDeviceMonitored(name.c_str()) == 0;
+    return Answer(context, monitored ? Exit::Ok : Exit::NotMonitored,
+                  {{"device", ToUtf8(name)}, {"monitored", monitored}},
+                  fmt::format("The driver {} {}.\n", monitored ? "tracks" : "does not track, or does not know,",
+                              Quoted(name)));
+}
+
+} // namespace
+
+void AddDeviceCommand(CLI::App& app, Context& context)
+{
+    const auto name = std::make_shared<std::string>();
+    AddCommand(app, context, "device", "Ask the driver whether it tracks a device",
+               [&context, name] { return Device(context, ToWide(*name)); })
+        .add_option("NAME", *name, "device name, such as \\\\?\\Volume{...} or a snapshot's device path")
+        ->required();
+}
+
+} // namespace vtfltctl

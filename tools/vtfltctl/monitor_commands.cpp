@@ -1,0 +1,115 @@
+// monitor: the tracking of a device class, asked for and taken back.
+#include "library.h"
+#include "machine_json.h"
+
+#include "registry/multi_string.h"
+#include "common/registry_value.h"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <vtfltmgr/VTFltMgr.h>
+
+#include <memory>
+
+namespace vtfltctl {
+namespace {
+
+// A class key that does not exist would be made by the library, and the count with it: a typing mistake would be
+// answered with success.
+std::wstring RequireClass(const std::wstring& name)
+{
+    if (name.empty())
+        return SNAPSHOT_CLASS;
+    const bool isPath = name.find(L'\\') != std::wstring::npos;
+    std::wstring key = isPath ? name : L"System\\CurrentControlSet\\Control\\Class\\" + name;
+    if (key.ends_with(L'\\'))
+        key.pop_back();
+    vtflt::UniqueKey opened;
+    const LSTATUS error = RegOpenKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_READ, opened.put());
+    if (error != ERROR_SUCCESS)
+        throw Failure(error == ERROR_ACCESS_DENIED ? Exit::Unreadable : Exit::NotFound,
+                      fmt::format("there is no device class {}: {}", Quoted(name),
+                                  ErrorText(static_cast<DWORD>(error))));
+    return key;
+}
+
+// What a list of filters of another type would be taken for is not known to anybody.
+SwitchFacts RequireReadable(const std::wstring& key)
+{
+    SwitchFacts facts = LookAtSwitch(key);
+    if (facts.error != ERROR_SUCCESS)
+        throw Failure(Exit::Unreadable,
+                      fmt::format("the count of {} cannot be read: {}", ToUtf8(key), ErrorText(facts.error)));
+    const toolkit::RegistryValue filters = toolkit::ReadMultiString(key, L"UpperFilters");
+    if (filters.error != ERROR_SUCCESS && filters.error != ERROR_FILE_NOT_FOUND)
+        throw Failure(Exit::Unreadable, fmt::format("the upper filters of {} cannot be read: {}", ToUtf8(key),
+                                                    ErrorText(filters.error)));
+    return facts;
+}
+
+std::string SwitchText(const SwitchFacts& facts)
+{
+    return fmt::format("{}: {}, {} among the upper filters\n", ToUtf8(facts.classKey),
+                       facts.count ? CountText(*facts.count, "request") : "never asked for",
+                       facts.listed ? "VTFlt is" : "VTFlt is not");
+}
+
+Exit ShowSwitch(const Context& context, const SwitchFacts& facts)
+{
+    return Answer(context, Exit::Ok, SwitchJson(facts), SwitchText(facts));
+}
+
+Exit Count(const Context& context, const std::wstring& name)
+{
+    return ShowSwitch(context, RequireReadable(RequireClass(name)));
+}
+
+Exit SwitchOn(const Context& context, const std::wstring& name)
+{
+    const std::wstring key = RequireClass(name);
+    RequireReadable(key);
+    RequireDriver();
+    Require(VTFltEnableMonitorForSnapshot(key.c_str()), "ask for the tracking of " + ToUtf8(key));
+    return ShowSwitch(context, LookAtSwitch(key));
+}
+
+Exit SwitchOff(const Context& context, const std::wstring& name)
+{
+    const std::wstring key = RequireClass(name);
+    const SwitchFacts before = RequireReadable(key);
+    // The library would count on below zero.
+    if (before.count.value_or(0) == 0)
+        throw Failure(Exit::Refused,
+                      fmt::format("nobody asked for the tracking of {}: there is no request to take back",
+                                  ToUtf8(key)));
+    RequireYes(context, *before.count == 1
+                            ? fmt::format("would take back the last request and remove VTFlt from the upper filters "
+                                          "of {}",
+                                          ToUtf8(key))
+                            : fmt::format("would take back one of the {} requests that applications made for {}",
+                                          *before.count, ToUtf8(key)));
+    RequireDriver();
+    Require(VTFltDisableMonitorForSnapshot(key.c_str()), "take back the tracking of " + ToUtf8(key));
+    return ShowSwitch(context, LookAtSwitch(key));
+}
+
+} // namespace
+
+void AddMonitorCommands(CLI::App& app, Context& context)
+{
+    CLI::App& group = AddGroup(app, "monitor", "The tracking of a device class, by default of snapshots");
+    const auto name = std::make_shared<std::string>();
+    const auto withClass = [&](CLI::App& command) -> CLI::App& {
+        command.add_option("CLASS", *name, "{...} or the class key below HKEY_LOCAL_MACHINE; snapshots without it");
+        return command;
+    };
+    withClass(AddCommand(group, context, "count", "Show how many requests stand, and whether the filter is listed",
+                         [&context, name] { return Count(context, ToWide(*name)); }));
+    withClass(AddCommand(group, context, "on", "Ask for the tracking of a class; takes effect for new devices",
+                         [&context, name] { return SwitchOn(context, ToWide(*name)); }));
+    AddYes(withClass(AddCommand(group, context, "off", "Take one request back; the last one ends the tracking",
+                                [&context, name] { return SwitchOff(context, ToWide(*name)); })),
+           context, "the request, and with the last one the filter's entry");
+}
+
+} // namespace vtfltctl

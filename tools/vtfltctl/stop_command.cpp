@@ -1,0 +1,71 @@
+// stop: ends the tracking of a volume, or deletes the bitmap files of all.
+#include "bitmap_live.h"
+#include "library.h"
+#include "output.h"
+
+#include "apps/volume_name.h"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <vtfltmgr/VTFltMgr.h>
+
+#include <memory>
+
+namespace vtfltctl {
+namespace {
+
+struct StopOptions {
+    std::string volume;
+    bool all = false;
+};
+
+Exit StopAll(const Context& context)
+{
+    RequireYes(context, "would delete the bitmap files of every application on every fixed volume");
+    // The codes of all volumes ORed: not zero says that something failed, and not what.
+    const DWORD result = VTFltStopMonitorVolumes();
+    if (result != ERROR_SUCCESS)
+        throw Failure(Exit::Device,
+                      fmt::format("not every volume's bitmap files could be deleted (codes ORed: {:#x}); the log says "
+                                  "which",
+                                  result));
+    return Answer(context, Exit::Ok, {{"volumes", "all"}, {"changed", true}},
+                  "The bitmap files of every application on every fixed volume are deleted; every next backup must "
+                  "verify. The driver still tracks the volumes.\n");
+}
+
+Exit StopOne(const Context& context, const std::wstring& name)
+{
+    const bitmap::VolumeName volume = bitmap::FindVolumeByName(name);
+    RequireYes(context, fmt::format("would end the tracking of {} and delete the bitmap files of every application "
+                                    "on it",
+                                    ToUtf8(volume.name)));
+    Require(VTFltStopMonitorVolume(vtflt::StripTrailingBackslash(volume.path).c_str()),
+            fmt::format("stop the tracking of {}", ToUtf8(volume.name)));
+    return Answer(context, Exit::Ok, {{"volumes", ToUtf8(vtflt::GetVolumeGuid(volume.path))}, {"changed", true}},
+                  fmt::format("{} is tracked no more and has no bitmap files; every next backup of it must verify.\n",
+                              ToUtf8(volume.name)));
+}
+
+Exit Stop(const Context& context, const StopOptions& options)
+{
+    if (options.all == !options.volume.empty())
+        throw Failure(Exit::Usage, "name a volume, or give --all");
+    return options.all ? StopAll(context) : StopOne(context, ToWide(options.volume));
+}
+
+} // namespace
+
+void AddStopCommand(CLI::App& app, Context& context)
+{
+    const auto options = std::make_shared<StopOptions>();
+    CLI::App& command = AddCommand(app, context, "stop",
+                                   "End the tracking of a volume and delete its bitmap files; with --all, delete the "
+                                   "bitmap files of every fixed volume",
+                                   [&context, options] { return Stop(context, *options); });
+    command.add_option("VOLUME", options->volume, "{...}, \\\\?\\Volume{...}\\ or a mount path such as E:");
+    command.add_flag("--all", options->all, "every fixed volume; the driver is not told");
+    AddYes(command, context, "the bitmap files");
+}
+
+} // namespace vtfltctl

@@ -111,7 +111,7 @@ void CheckEntry(const MachineFacts& machine, const NamedList& list, const std::w
     }
     for (const std::wstring& other : list.facts.entries) {
         if (other != entry && other.find(entry) != std::wstring::npos)
-            findings.push_back({"list-entry-hidden", Severity::Damaged, list.application, guid.value_or(L""),
+            findings.push_back({"list-entry-hidden", Severity::Damaged, list.application, guid ? *guid : std::wstring(),
                                 fmt::format("{} holds {} as a part of {}: merging takes the one for the other.",
                                             list.name, Quoted(entry), Quoted(other)),
                                 "The volume of the shorter entry can drop out of the list, and its next backup then "

@@ -1,9 +1,9 @@
 // monitor: the tracking of a device class, asked for and taken back.
+#include "common/registry_value.h"
 #include "library.h"
 #include "machine_json.h"
 
-#include "registry/multi_string.h"
-#include "common/registry_value.h"
+#include "win/owners.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>

@@ -1,0 +1,125 @@
+// monitor, stop and device.
+#include "tools/vtfltctl_test.h"
+
+namespace vtfltctl_test {
+namespace {
+
+using nlohmann::json;
+using vtlog_test::Result;
+using vtlog_test::Utf8;
+
+constexpr wchar_t CLASS_KEY[] = L"System\\CurrentControlSet\\Control\\Class\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}";
+constexpr wchar_t COUNT[] = L"SnapshotMonitorCount";
+
+class VtFltCtlSwitch : public VtFltCtlTest {
+protected:
+    [[nodiscard]] bool HasFiles(const wchar_t* application) const
+    {
+        return GetFileAttributesW(BitmapFile(L"base", application).c_str()) != INVALID_FILE_ATTRIBUTES;
+    }
+};
+
+TEST_F(VtFltCtlSwitch, RequestsAreCountedUpAndDown)
+{
+    EXPECT_TRUE(RunJson({L"monitor", L"count"}, EXIT_OK)["count"].is_null());
+    EXPECT_EQ(1, RunJson({L"monitor", L"on"}, EXIT_OK)["count"]);
+    EXPECT_EQ(2, RunJson({L"monitor", L"on", L"{533C5B84-EC70-11D2-9505-00C04F79DEAF}"}, EXIT_OK)["count"]);
+    const json two = RunJson({L"monitor", L"count", CLASS_KEY}, EXIT_OK);
+    EXPECT_EQ(2, two["count"]);
+    EXPECT_TRUE(two["filterListed"].get<bool>());
+    EXPECT_NE(std::string::npos, ExpectRefusal({L"monitor", L"off"}, EXIT_REFUSED).find("--yes"));
+    EXPECT_EQ(1, RunJson({L"monitor", L"off", L"--yes"}, EXIT_OK)["count"]);
+    const json none = RunJson({L"monitor", L"off", L"--yes"}, EXIT_OK);
+    EXPECT_EQ(0, none["count"]);
+    EXPECT_FALSE(none["filterListed"].get<bool>());
+    EXPECT_NE(std::string::npos, Run({L"monitor", L"count"}).out.find("0 requests, VTFlt is not among"));
+}
+
+TEST_F(VtFltCtlSwitch, ARequestThatNobodyMadeIsNotTakenBack)
+{
+    ExpectRefusal({L"monitor", L"off", L"--yes"}, EXIT_REFUSED);
+    StoreNumber(COUNT_KEY, COUNT, 0);
+    ExpectRefusal({L"monitor", L"off", L"--yes"}, EXIT_REFUSED);
+}
+
+TEST_F(VtFltCtlSwitch, AClassThatDoesNotExistIsNotMade)
+{
+    for (const wchar_t* command : {L"on", L"off", L"count"}) {
+        ExpectRefusal({L"monitor", command, L"{00000000-0000-0000-0000-000000000000}"}, EXIT_NOT_FOUND);
+        ExpectRefusal({L"monitor", command, L"No\\Such\\Key\\"}, EXIT_NOT_FOUND);
+        ExpectRefusal({L"monitor", command, L"*"}, EXIT_NOT_FOUND);
+    }
+    ExpectRefusal({L"monitor", L"on", std::wstring(3000, L'x')}, EXIT_NOT_FOUND);
+}
+
+TEST_F(VtFltCtlSwitch, ValuesOfAnotherTypeAreUnreadable)
+{
+    machine.WriteValue(COUNT_KEY, COUNT, REG_SZ, {'1', 0, 0, 0});
+    for (const wchar_t* command : {L"on", L"off", L"count"})
+        ExpectRefusal({L"monitor", command}, EXIT_UNREADABLE);
+    StoreNumber(COUNT_KEY, COUNT, 1);
+    StoreNumber(CLASS_KEY, L"UpperFilters", 5);
+    for (const wchar_t* command : {L"on", L"off", L"count"})
+        ExpectRefusal({L"monitor", command}, EXIT_UNREADABLE);
+}
+
+TEST_F(VtFltCtlSwitch, WithoutTheDriverTheCountStays)
+{
+    StoreNumber(COUNT_KEY, COUNT, 1);
+    machine.SetDriver(VTFLTSIM_DRIVER_ABSENT);
+    ExpectRefusal({L"monitor", L"on"}, EXIT_DRIVER_DOWN);
+    ExpectRefusal({L"monitor", L"off", L"--yes"}, EXIT_DRIVER_DOWN);
+    EXPECT_EQ(1, RunJson({L"monitor", L"count"}, EXIT_OK)["count"]);
+}
+
+TEST_F(VtFltCtlSwitch, StoppingAVolumeEndsItsTrackingAndItsFiles)
+{
+    Register(L"Nightly");
+    EXPECT_NE(std::string::npos, ExpectRefusal({L"stop", L"E:"}, EXIT_REFUSED).find("--yes"));
+    EXPECT_EQ(Utf8(volume.guid), RunJson({L"stop", volume.Root(), L"--yes"}, EXIT_OK)["volumes"]);
+    EXPECT_FALSE(HasFiles(L"Nightly"));
+    EXPECT_EQ(0u, machine.Info(volume).tracked);
+}
+
+TEST_F(VtFltCtlSwitch, StoppingAllDeletesTheFilesAndTellsNoDriver)
+{
+    Register(L"Nightly");
+    ExpectRefusal({L"stop", L"--all"}, EXIT_REFUSED);
+    const Result result = Run({L"stop", L"--all", L"--yes"});
+    EXPECT_EQ(EXIT_OK, result.exitCode) << result.err;
+    EXPECT_FALSE(HasFiles(L"Nightly"));
+    EXPECT_EQ(1u, machine.Info(volume).tracked);
+}
+
+TEST_F(VtFltCtlSwitch, StoppingWhatIsNotThereChangesNothing)
+{
+    Register(L"Nightly");
+    ExpectRefusal({L"stop", L"Q:", L"--yes"}, EXIT_NOT_FOUND);
+    ExpectRefusal({L"stop", L"{11111111-2222-3333-4444-555555555555}", L"--yes"}, EXIT_NOT_FOUND);
+    ExpectRefusal({L"stop", L"nonsense", L"--yes"}, EXIT_USAGE);
+    ExpectRefusal({L"stop", L"--yes"}, EXIT_USAGE);
+    ExpectRefusal({L"stop", L"E:", L"--all", L"--yes"}, EXIT_USAGE);
+}
+
+TEST_F(VtFltCtlSwitch, AFailedStopIsToldWithItsReason)
+{
+    Register(L"Nightly");
+    machine.FailRequest(0xB000001D, ERROR_IO_DEVICE, volume.guid.c_str(), 1, 0);
+    EXPECT_NE(std::string::npos, ExpectRefusal({L"stop", L"E:", L"--yes"}, EXIT_DEVICE).find("1117"));
+    EXPECT_TRUE(HasFiles(L"Nightly"));
+}
+
+TEST_F(VtFltCtlSwitch, ADeviceIsMonitoredOrNot)
+{
+    EXPECT_TRUE(RunJson({L"device", volume.Path()}, EXIT_OK)["monitored"].get<bool>());
+    EXPECT_FALSE(RunJson({L"device", L"\\Device\\Nothing"}, EXIT_NOT_MONITORED)["monitored"].get<bool>());
+    EXPECT_EQ(EXIT_OK, Run({L"stop", L"E:", L"--yes"}).exitCode);
+    EXPECT_EQ(EXIT_NOT_MONITORED, Run({L"device", volume.Path()}).exitCode);
+    EXPECT_EQ(EXIT_NOT_MONITORED, Run({L"device", std::wstring(3000, L'x')}).exitCode);
+    ExpectRefusal({L"device", L""}, EXIT_USAGE);
+    machine.SetDriver(VTFLTSIM_DRIVER_ABSENT);
+    ExpectRefusal({L"device", volume.Path()}, EXIT_DRIVER_DOWN);
+}
+
+} // namespace
+} // namespace vtfltctl_test

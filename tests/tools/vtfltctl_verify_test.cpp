@@ -1,0 +1,157 @@
+// verify list, add, remove, replicate and rebuild.
+#include "tools/vtfltctl_test.h"
+
+namespace vtfltctl_test {
+namespace {
+
+using nlohmann::json;
+using vtlog_test::Utf8;
+
+using List = std::vector<std::wstring>;
+
+constexpr wchar_t VERIFY[] = L"DeviceListForReSyncNightly.Last";
+constexpr wchar_t PENDING[] = L"DeviceListForReSyncNightly";
+constexpr wchar_t DRIVER[] = L"DeviceListForReSync";
+constexpr wchar_t GONE[] = L"{11111111-2222-3333-4444-555555555555}";
+
+class VtFltCtlVerify : public VtFltCtlTest {
+protected:
+    VtFltCtlVerify() { Register(L"Nightly"); }
+};
+
+TEST_F(VtFltCtlVerify, ListShowsEveryListByItself)
+{
+    Register(L"Weekly");
+    StoreList(DRIVER, {GONE});
+    StoreList(VERIFY, {volume.guid});
+    StoreList(L"DeviceListForReSyncWeekly", {volume.guid, GONE});
+    const json answer = RunJson({L"verify", L"list"}, EXIT_OK);
+    EXPECT_EQ(json::array({Utf8(GONE)}), answer["driverList"]["entries"]);
+    ASSERT_EQ(2u, answer["applications"].size());
+    EXPECT_EQ("Nightly", answer["applications"][0]["application"]);
+    EXPECT_EQ(json::array({Utf8(volume.guid)}), answer["applications"][0]["verifyList"]["entries"]);
+    EXPECT_EQ(json::array(), answer["applications"][0]["pendingList"]["entries"]);
+    EXPECT_EQ(json::array({Utf8(volume.guid), Utf8(GONE)}), answer["applications"][1]["pendingList"]["entries"]);
+    EXPECT_EQ("driver: " + Utf8(GONE) + "\n\"Nightly\" verify: " + Utf8(volume.guid) + "\n\"Nightly\" pending: empty\n",
+              Run({L"verify", L"list", L"Nightly"}).out);
+}
+
+TEST_F(VtFltCtlVerify, AVolumeIsAddedUnderAnyOfItsNames)
+{
+    const List names = {L"E:", L"E:\\", volume.guid, volume.Path(), volume.Root(), L"Volume" + volume.guid};
+    for (const std::wstring& name : names) {
+        machine.WriteValue(LISTS_KEY, VERIFY, REG_MULTI_SZ, {0, 0, 0, 0});
+        const json answer = RunJson({L"verify", L"add", L"Nightly", name}, EXIT_OK);
+        EXPECT_EQ(json::array({Utf8(volume.guid)}), answer["verifyList"]["entries"]) << Utf8(name);
+        EXPECT_EQ(List{volume.guid}, StoredList(VERIFY)) << Utf8(name);
+    }
+}
+
+TEST_F(VtFltCtlVerify, AddingAllTakesEveryFixedVolume)
+{
+    const vtfltsim::Volume second = machine.AddVolume(1 << 20);
+    machine.AddVolume(1 << 20, 65536, nullptr, DRIVE_REMOVABLE);
+    EXPECT_EQ(EXIT_OK, Run({L"verify", L"add", L"Nightly", L"--all"}).exitCode);
+    EXPECT_EQ(2u, StoredList(VERIFY).size());
+}
+
+TEST_F(VtFltCtlVerify, WhatIsNotThereIsNotAdded)
+{
+    ExpectRefusal({L"verify", L"add", L"Weekly", L"E:"}, EXIT_NOT_FOUND);
+    ExpectRefusal({L"verify", L"add", L"nightly", L"E:"}, EXIT_NOT_FOUND);
+    ExpectRefusal({L"verify", L"add", L"Nightly", GONE}, EXIT_NOT_FOUND);
+    ExpectRefusal({L"verify", L"add", L"Nightly", L"Q:"}, EXIT_NOT_FOUND);
+    ExpectRefusal({L"verify", L"add", L"Nightly", L"E:", GONE}, EXIT_NOT_FOUND);
+    ExpectRefusal({L"verify", L"add", L"Nightly", L"nonsense"}, EXIT_USAGE);
+    ExpectRefusal({L"verify", L"add", L"Nightly", std::wstring(3000, L'x')}, EXIT_USAGE);
+    ExpectRefusal({L"verify", L"add", L"Nightly"}, EXIT_USAGE);
+    ExpectRefusal({L"verify", L"add", L"Nightly", L"E:", L"--all"}, EXIT_USAGE);
+    ExpectRefusal({L"verify", L"add", L"", L"E:"}, EXIT_USAGE);
+}
+
+TEST_F(VtFltCtlVerify, RemovingNeedsYesAndTakesOffWhatWasNamed)
+{
+    StoreList(VERIFY, {volume.guid, GONE});
+    EXPECT_NE(std::string::npos,
+              ExpectRefusal({L"verify", L"remove", L"Nightly", L"E:"}, EXIT_REFUSED).find("--yes"));
+    const json answer = RunJson({L"verify", L"remove", L"Nightly", L"E:", L"--yes"}, EXIT_OK);
+    EXPECT_EQ(json::array({Utf8(GONE)}), answer["verifyList"]["entries"]);
+    EXPECT_EQ(List{GONE}, StoredList(VERIFY));
+    EXPECT_EQ(EXIT_OK, Run({L"verify", L"remove", L"Nightly", GONE, L"--yes"}).exitCode);
+    EXPECT_TRUE(StoredList(VERIFY).empty());
+}
+
+TEST_F(VtFltCtlVerify, AnEntryThatIsNoVolumeCanBeRemovedAsItStands)
+{
+    StoreList(VERIFY, {L"rubbish", volume.guid});
+    EXPECT_EQ(EXIT_OK, Run({L"verify", L"remove", L"Nightly", L"rubbish", L"--yes"}).exitCode);
+    EXPECT_EQ(List{volume.guid}, StoredList(VERIFY));
+}
+
+TEST_F(VtFltCtlVerify, RemovingWhatTheListDoesNotNameIsNotFound)
+{
+    StoreList(VERIFY, {GONE});
+    ExpectRefusal({L"verify", L"remove", L"Nightly", L"E:", L"--yes"}, EXIT_NOT_FOUND);
+    ExpectRefusal({L"verify", L"remove", L"Weekly", GONE, L"--yes"}, EXIT_NOT_FOUND);
+}
+
+TEST_F(VtFltCtlVerify, ReplicatingMovesTheListsOn)
+{
+    Register(L"Weekly");
+    StoreList(DRIVER, {volume.guid});
+    EXPECT_EQ(json::array({Utf8(volume.guid)}),
+              RunJson({L"verify", L"replicate", L"Nightly"}, EXIT_OK)["verifyList"]["entries"]);
+    EXPECT_TRUE(StoredList(DRIVER).empty());
+    EXPECT_EQ(List{volume.guid}, StoredList(VERIFY));
+    EXPECT_TRUE(StoredList(PENDING).empty());
+    EXPECT_EQ(List{volume.guid}, StoredList(L"DeviceListForReSyncWeekly"));
+    ExpectRefusal({L"verify", L"replicate", L"Monthly"}, EXIT_NOT_FOUND);
+}
+
+TEST_F(VtFltCtlVerify, WithoutTheDriverNothingIsDoneAndNothingReinstalled)
+{
+    machine.SetDriver(VTFLTSIM_DRIVER_ABSENT);
+    EXPECT_NE(std::string::npos,
+              ExpectRefusal({L"verify", L"replicate", L"Nightly"}, EXIT_DRIVER_DOWN).find("does not work"));
+    ExpectRefusal({L"verify", L"add", L"Nightly", L"--all"}, EXIT_DRIVER_DOWN);
+    WCHAR command[8] = {};
+    EXPECT_EQ(static_cast<DWORD>(ERROR_NO_MORE_ITEMS), VTFltSimGetUtilityCommand(machine.handle(), 0, command, 8));
+}
+
+TEST_F(VtFltCtlVerify, AListOfAnotherTypeOrWithoutItsEndIsUnreadable)
+{
+    for (const DWORD type : {DWORD{REG_SZ}, DWORD{REG_BINARY}, DWORD{REG_DWORD}}) {
+        StoreList(VERIFY, {volume.guid}, LISTS_KEY, type);
+        ExpectRefusal({L"verify", L"add", L"Nightly", L"E:"}, EXIT_UNREADABLE);
+        ExpectRefusal({L"verify", L"remove", L"Nightly", L"E:", L"--yes"}, EXIT_UNREADABLE);
+        ExpectRefusal({L"verify", L"replicate", L"Nightly"}, EXIT_UNREADABLE);
+        const json answer = RunJson({L"verify", L"list"}, EXIT_UNREADABLE);
+        EXPECT_TRUE(answer["applications"][0]["verifyList"].contains("error"));
+    }
+    machine.WriteValue(LISTS_KEY, DRIVER, REG_BINARY, {'x', 0});
+    ExpectRefusal({L"verify", L"replicate", L"Nightly"}, EXIT_UNREADABLE);
+}
+
+TEST_F(VtFltCtlVerify, RebuildingReplacesWhatCannotBeReadBySafeLists)
+{
+    Register(L"Weekly");
+    StoreList(VERIFY, {GONE}, LISTS_KEY, REG_SZ);
+    StoreList(L"DeviceListForReSyncWeekly.Last", {GONE});
+    ExpectRefusal({L"verify", L"rebuild"}, EXIT_REFUSED);
+    EXPECT_EQ(json::array({"Nightly"}), RunJson({L"verify", L"rebuild", L"--yes"}, EXIT_OK)["rebuilt"]);
+    EXPECT_EQ(List{volume.guid}, StoredList(VERIFY));
+    EXPECT_EQ(List{GONE}, StoredList(L"DeviceListForReSyncWeekly.Last"));
+
+    StoreList(DRIVER, {GONE}, LISTS_KEY, REG_SZ);
+    EXPECT_EQ(json::array({"Nightly", "Weekly"}), RunJson({L"verify", L"rebuild", L"--yes"}, EXIT_OK)["rebuilt"]);
+    EXPECT_TRUE(StoredList(DRIVER).empty());
+    EXPECT_EQ(2u, StoredList(L"DeviceListForReSyncWeekly.Last").size());
+
+    StoreList(PENDING, {GONE}, LISTS_KEY, REG_DWORD);
+    EXPECT_EQ(EXIT_OK, Run({L"verify", L"rebuild", L"--yes"}).exitCode);
+    EXPECT_TRUE(machine.ReadValue(LISTS_KEY, PENDING).empty());
+    EXPECT_EQ("Every list can be read; nothing was changed.\n", Run({L"verify", L"rebuild", L"--yes"}).out);
+}
+
+} // namespace
+} // namespace vtfltctl_test

@@ -182,7 +182,7 @@ MachineFacts LookAtMachine()
     machine.driver = LookAtDriver();
     machine.snapshots = LookAtSwitch(SNAPSHOT_CLASS);
     LookAtApplications(machine);
-    machine.driverList = ReadVolumeList(L"");
+    machine.driverList = ReadVolumeList({});
     FindForeignLists(machine);
     const toolkit::RegistryValue dumps =
         toolkit::ReadRegistryValue(L"SOFTWARE\\Veltrix\\Shared\\CBTDriver", L"DumpBitmap");

@@ -38,7 +38,7 @@ void RequireReadable(const ListFacts& list, const std::string& what)
 
 void RequireReadableLists(const std::wstring& application)
 {
-    RequireReadable(ReadVolumeList(L""), "driver's list");
+    RequireReadable(ReadVolumeList({}), "driver's list");
     for (const std::wstring& registered : RegisteredApplications())
         RequireReadable(ReadVolumeList(registered), "pending list of " + Quoted(registered));
     RequireReadable(ReadVolumeList(vtflt::MakeVerifyListName(application)),
@@ -71,7 +71,7 @@ Exit List(const Context& context, const VerifyOptions& options)
         RequireRegistered(ToWide(options.application));
         applications.push_back(ToWide(options.application));
     }
-    const ListFacts driver = ReadVolumeList(L"");
+    const ListFacts driver = ReadVolumeList({});
     Json array = Json::array();
     std::string text = "driver:" + Entries(driver);
     bool unreadable = driver.error != ERROR_SUCCESS;
@@ -190,7 +190,7 @@ std::vector<std::wstring> FixedVolumes()
 // verify list before the damaged list goes.
 Exit Rebuild(const Context& context)
 {
-    const bool driver = ReadVolumeList(L"").error != ERROR_SUCCESS;
+    const bool driver = ReadVolumeList({}).error != ERROR_SUCCESS;
     struct Damaged {
         std::wstring application;
         bool pending;
@@ -221,7 +221,7 @@ Exit Rebuild(const Context& context)
         text += fmt::format("Every fixed volume is on the verify list of {}.\n", Quoted(lists.application));
     }
     if (driver)
-        Require(store.ClearDriverRegValue(L""), "delete the driver's list");
+        Require(store.ClearDriverRegValue({}), "delete the driver's list");
     return Answer(context, Exit::Ok, {{"rebuilt", rebuilt}}, text.empty() ? "The driver's list is deleted.\n" : text);
 }
 

@@ -174,9 +174,11 @@ TEST_F(VtFltCtlDoctor, ADriverThatIsAwayIsReinstalledOnlyWhenAsked)
     WCHAR command[512] = {};
     EXPECT_EQ(static_cast<DWORD>(ERROR_NO_MORE_ITEMS), VTFltSimGetUtilityCommand(machine.handle(), 0, command, 512));
     ExpectRefusal({L"doctor", L"--reinstall"}, EXIT_REFUSED);
-    Mend(finding);
+    EXPECT_EQ("vtfltctl doctor --reinstall --yes", finding["mend"]);
+    // The driver came back, and says that it was away.
+    EXPECT_EQ(EXIT_VERIFY_REQUIRED, Run({L"doctor", L"--reinstall", L"--yes"}).exitCode);
     EXPECT_EQ(0u, VTFltSimGetUtilityCommand(machine.handle(), 1, command, 512));
-    ExpectHealthy();
+    Find("lost-tracking", EXIT_VERIFY_REQUIRED);
 }
 
 TEST_F(VtFltCtlDoctor, AWrongFilterOrderTakesTheDriverDown)

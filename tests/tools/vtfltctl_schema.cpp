@@ -1,5 +1,8 @@
 #include "tools/vtfltctl_schema.h"
 
+#include "win/windows.h"
+
+#include <algorithm>
 #include <fstream>
 
 namespace vtfltctl_test {
@@ -121,7 +124,11 @@ std::string Violations(const json& value, const json& schema)
 
 json LoadSchema(const std::string& name)
 {
-    std::ifstream file("vtfltctl_schema\\" + name + ".json", std::ios::binary);
+    char program[MAX_PATH] = {};
+    GetModuleFileNameA(nullptr, program, MAX_PATH);
+    std::string folder(program);
+    folder.resize(folder.find_last_of('\\') + 1);
+    std::ifstream file(folder + "vtfltctl_schema\\" + name + ".json", std::ios::binary);
     return file ? json::parse(file, nullptr, false) : json();
 }
 

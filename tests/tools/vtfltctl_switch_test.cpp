@@ -91,6 +91,13 @@ TEST_F(VtFltCtlSwitch, StoppingAllDeletesTheFilesAndTellsNoDriver)
     EXPECT_EQ(1u, machine.Info(volume).tracked);
 }
 
+TEST_F(VtFltCtlSwitch, VolumesWithoutBitmapFilesAreStoppedToo)
+{
+    EXPECT_EQ(EXIT_OK, Run({L"stop", L"--all", L"--yes"}).exitCode);
+    EXPECT_EQ(EXIT_OK, Run({L"stop", L"E:\\", L"--yes"}).exitCode);
+    EXPECT_EQ(0u, machine.Info(volume).tracked);
+}
+
 TEST_F(VtFltCtlSwitch, StoppingWhatIsNotThereChangesNothing)
 {
     Register(L"Nightly");

@@ -82,7 +82,8 @@ std::optional<int> ParseCommandLine(std::vector<std::string> arguments, Context&
 {
     CLI::App app;
     AddCommands(app, context);
-    const bool json = std::find(arguments.begin(), arguments.end(), "--json") != arguments.end();
+    const bool json = context.json;
+    context.json = false;
     std::reverse(arguments.begin(), arguments.end()); // as CLI11 takes them
     try {
         app.parse(std::move(arguments));

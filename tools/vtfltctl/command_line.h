@@ -52,7 +52,7 @@ void AddDoctorCommand(CLI::App& app, Context& context);    // doctor_command.cpp
 void AddCommands(CLI::App& app, Context& context);
 
 // Parses arguments (UTF-8, without the program's name) into the context. Prints help itself; then, and after an error,
-// which it prints to standard error (and as JSON when --json stands among the arguments), the result is the exit code.
+// which it prints to standard error (and as JSON when context.json was set before), the result is the exit code.
 std::optional<int> ParseCommandLine(std::vector<std::string> arguments, Context& context);
 
 } // namespace vtfltctl

@@ -6,11 +6,18 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <new>
 
 using namespace vtfltctl;
 
 namespace {
+
+bool AsksForJson(int count, wchar_t** arguments)
+{
+    return std::any_of(arguments, arguments + count,
+                       [](const wchar_t* argument) { return std::wstring_view(argument) == L"--json"; });
+}
 
 // Half a character pair cannot be told apart from another once it is UTF-8: an ID would be taken for a different one.
 std::vector<std::string> Utf8Arguments(int count, wchar_t** arguments)
@@ -38,6 +45,8 @@ int wmain(int count, wchar_t** arguments)
 {
     toolkit::PrepareConsole("vtfltctl");
     Context context;
+    // Until the command line is understood: what is wrong with it is told as it would be.
+    context.json = AsksForJson(count, arguments);
     try {
         if (const std::optional<int> ended = ParseCommandLine(Utf8Arguments(count, arguments), context))
             return *ended;

@@ -1,14 +1,17 @@
 // stop: ends the tracking of a volume, or deletes the bitmap files of all.
 #include "bitmap_live.h"
+#include "common/volume_name.h"
 #include "library.h"
 #include "output.h"
 
 #include "apps/volume_name.h"
+#include "bitmap/container.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <vtfltmgr/VTFltMgr.h>
 
+#include <algorithm>
 #include <memory>
 
 namespace vtfltctl {
@@ -19,12 +22,32 @@ struct StopOptions {
     bool all = false;
 };
 
+bool HasBitmapFolder(const std::wstring& volumePath)
+{
+    return GetFileAttributesW(vtflt::BitmapFolderPath(vtflt::GetVolumeName(volumePath)).c_str()) !=
+           INVALID_FILE_ATTRIBUTES;
+}
+
+// The library fails on a folder that it cannot delete because there is none: then there is nothing left to do.
+bool IsMissing(DWORD result)
+{
+    return result == ERROR_FILE_NOT_FOUND || result == ERROR_PATH_NOT_FOUND;
+}
+
+bool AnyFolderLeft()
+{
+    std::vector<std::wstring> paths;
+    if (toolkit::EnumerateVolumePaths(paths) != ERROR_SUCCESS)
+        return true;
+    return std::any_of(paths.begin(), paths.end(), HasBitmapFolder);
+}
+
 Exit StopAll(const Context& context)
 {
     RequireYes(context, "would delete the bitmap files of every application on every fixed volume");
     // The codes of all volumes ORed: not zero says that something failed, and not what.
     const DWORD result = VTFltStopMonitorVolumes();
-    if (result != ERROR_SUCCESS)
+    if (result != ERROR_SUCCESS && (!IsMissing(result) || AnyFolderLeft()))
         throw Failure(Exit::Device,
                       fmt::format("not every volume's bitmap files could be deleted (codes ORed: {:#x}); the log says "
                                   "which",
@@ -40,8 +63,11 @@ Exit StopOne(const Context& context, const std::wstring& name)
     RequireYes(context, fmt::format("would end the tracking of {} and delete the bitmap files of every application "
                                     "on it",
                                     ToUtf8(volume.name)));
-    Require(VTFltStopMonitorVolume(vtflt::StripTrailingBackslash(volume.path).c_str()),
-            fmt::format("stop the tracking of {}", ToUtf8(volume.name)));
+    const std::wstring device = vtflt::StripTrailingBackslash(volume.path);
+    const DWORD result = VTFltStopMonitorVolume(device.c_str());
+    const bool stopped = VTIsDeviceMonitored(device.c_str()) != 0;
+    if (!IsMissing(result) || !stopped || HasBitmapFolder(volume.path))
+        Require(result, fmt::format("stop the tracking of {}", ToUtf8(volume.name)));
     return Answer(context, Exit::Ok, {{"volumes", ToUtf8(vtflt::GetVolumeGuid(volume.path))}, {"changed", true}},
                   fmt::format("{} is tracked no more and has no bitmap files; every next backup of it must verify.\n",
                               ToUtf8(volume.name)));

@@ -44,7 +44,8 @@ TEST_F(VtFltCtlApps, RegisteringTwiceChangesNothing)
 
 TEST_F(VtFltCtlApps, AnIdMayHoldBlanksInsideAndCharactersOutsideTheBasicPlane)
 {
-    const std::wstring id = L"N\x00E4" L"cht \xD834\xDD1E li\x7D71";
+    const std::wstring id = L"N\x00E4"
+                            L"cht \xD834\xDD1E li\x7D71";
     Register(id);
     EXPECT_TRUE(HasFiles(id));
     EXPECT_EQ(Utf8(id) + "\n", Run({L"apps", L"list"}).out);
@@ -56,9 +57,9 @@ TEST_F(VtFltCtlApps, UnsuitableIdsAreRefused)
 {
     Register(L"MyApp");
     const std::vector<std::wstring> ids = {
-        L"App ",          L" App",       L" ",         L"A*B",           std::wstring(3000, L'x'), L"a\\b",
-        L"a/b",           L"a:b",        L"a\tb",      L"X.Last",        L"x.LAST",                L"myapp",
-        L"App",           L"p",          L"OhMyApp",
+        L"App ",   L" App",  L" ",   L"A*B",  std::wstring(3000, L'x'),
+        L"a\\b",   L"a/b",   L"a:b", L"a\tb", L"X.Last",
+        L"x.LAST", L"myapp", L"App", L"p",    L"OhMyApp",
     };
     for (const std::wstring& id : ids)
         EXPECT_NE(std::string::npos, ExpectRefusal({L"apps", L"register", id}, EXIT_REFUSED).find("is refused"))

@@ -188,11 +188,9 @@ TEST_F(VtFltCtlDoctor, AWrongFilterOrderTakesTheDriverDown)
               Find("driver-down", EXIT_DRIVER_DOWN)["text"].get<std::string>().find("before volsnap"));
     EXPECT_EQ("before-volsnap", RunJson({L"status"}, EXIT_DRIVER_DOWN)["driver"]["filterOrder"]);
     machine.SetFilters({L"volsnap"});
-    EXPECT_NE(std::string::npos,
-              Find("driver-down", EXIT_DRIVER_DOWN)["text"].get<std::string>().find("not among"));
+    EXPECT_NE(std::string::npos, Find("driver-down", EXIT_DRIVER_DOWN)["text"].get<std::string>().find("not among"));
     VTFltSimSetUpperFilters(machine.handle(), nullptr, nullptr);
-    EXPECT_NE(std::string::npos,
-              Find("driver-down", EXIT_DRIVER_DOWN)["text"].get<std::string>().find("no list"));
+    EXPECT_NE(std::string::npos, Find("driver-down", EXIT_DRIVER_DOWN)["text"].get<std::string>().find("no list"));
     machine.SetFilters({L"VTFlt"});
     ExpectHealthy();
 }
@@ -251,7 +249,8 @@ TEST_F(VtFltCtlDoctor, RequestsWithoutTheFilterAreDamageThatASwitchMends)
 
 TEST_F(VtFltCtlDoctor, AFilterThatNobodyAskedForIsANote)
 {
-    machine.SetFilters({L"VTFlt"}, L"System\\CurrentControlSet\\Control\\Class\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}");
+    machine.SetFilters({L"VTFlt"},
+                       L"System\\CurrentControlSet\\Control\\Class\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}");
     Mend(Find("monitor-filter", EXIT_OK));
     ExpectHealthy();
 }
@@ -286,10 +285,10 @@ TEST_F(VtFltCtlDoctor, AnIdThatHidesInAnothersTailIsDamage)
     Mend(finding);
     EXPECT_EQ(std::vector<std::wstring>{L"Nightly"}, StoredList(L"RegisteredAppIDs", IDS_KEY));
     StoreIds({L"Nightly", L"MyNightly"});
-    EXPECT_NE(std::string::npos, Find("id-in-tail", EXIT_DAMAGED, {"files-missing", "verify-listed", "file-orphaned"})
-                                     ["consequence"]
-                                         .get<std::string>()
-                                         .find("cannot be registered again"));
+    EXPECT_NE(std::string::npos,
+              Find("id-in-tail", EXIT_DAMAGED, {"files-missing", "verify-listed", "file-orphaned"})["consequence"]
+                  .get<std::string>()
+                  .find("cannot be registered again"));
 }
 
 TEST_F(VtFltCtlDoctor, AnIdWhoseListsAreAnothersIsDamage)
@@ -444,8 +443,7 @@ TEST_F(VtFltCtlDoctor, AnotherBlockSizeThanTheDriversIsDamage)
 TEST_F(VtFltCtlDoctor, ASizeThatNoLongerFitsTheVolumeIsANote)
 {
     VTFltSimResizeVolume(machine.handle(), volume.guid.c_str(), 64 << 20);
-    EXPECT_NE(std::string::npos,
-              Find("size-differs", EXIT_OK, {}, 2)["consequence"].get<std::string>().find("longer"));
+    EXPECT_NE(std::string::npos, Find("size-differs", EXIT_OK, {}, 2)["consequence"].get<std::string>().find("longer"));
 }
 
 TEST_F(VtFltCtlDoctor, AFileThatBelongsToNobodyIsANote)

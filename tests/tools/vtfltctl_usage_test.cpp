@@ -39,8 +39,9 @@ TEST_F(VtFltCtlUsage, EveryCommandExplainsItself)
         {L"device"},
     };
     for (std::vector<std::wstring> command : commands) {
-        const bool group = command.empty() || (command.size() == 1 && (command[0] == L"apps" || command[0] == L"verify" ||
-                                                                       command[0] == L"monitor"));
+        const bool group =
+            command.empty() ||
+            (command.size() == 1 && (command[0] == L"apps" || command[0] == L"verify" || command[0] == L"monitor"));
         const std::string name = command.empty() ? "vtfltctl" : vtlog_test::Utf8(command.back());
         command.emplace_back(L"--help");
         const Result result = RunPlainly(command);

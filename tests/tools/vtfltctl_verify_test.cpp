@@ -72,8 +72,7 @@ TEST_F(VtFltCtlVerify, WhatIsNotThereIsNotAdded)
 TEST_F(VtFltCtlVerify, RemovingNeedsYesAndTakesOffWhatWasNamed)
 {
     StoreList(VERIFY, {volume.guid, GONE});
-    EXPECT_NE(std::string::npos,
-              ExpectRefusal({L"verify", L"remove", L"Nightly", L"E:"}, EXIT_REFUSED).find("--yes"));
+    EXPECT_NE(std::string::npos, ExpectRefusal({L"verify", L"remove", L"Nightly", L"E:"}, EXIT_REFUSED).find("--yes"));
     const json answer = RunJson({L"verify", L"remove", L"Nightly", L"E:", L"--yes"}, EXIT_OK);
     EXPECT_EQ(json::array({Utf8(GONE)}), answer["verifyList"]["entries"]);
     EXPECT_EQ(List{GONE}, StoredList(VERIFY));

@@ -195,9 +195,9 @@ Exit CleanApplication(const Context& context, const CleanOptions& options)
     if (found.empty())
         throw Failure(Exit::NotFound, fmt::format("{} has no bitmap files there", Quoted(application)));
     const std::vector<std::wstring> owners = OwnersOf(application);
-    RequireYes(context, fmt::format("would delete {} of {}{}", CountText(names.size(), "bitmap file"),
-                                    Quoted(application),
-                                    owners.empty() ? "" : ", whose next backup there must then verify"));
+    RequireYes(context,
+               fmt::format("would delete {} of {}{}", CountText(names.size(), "bitmap file"), Quoted(application),
+                           owners.empty() ? "" : ", whose next backup there must then verify"));
     for (const Found& one : found)
         CleanVolume(one.volume, one.files, owners);
     return Answer(context, Exit::Ok, {{"application", ToUtf8(application)}, {"deleted", names}}, text);

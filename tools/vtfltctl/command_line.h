@@ -36,13 +36,13 @@ void RequireYes(const Context& context, const std::string& what);
 
 // --- The commands, each group in a file of its own. A new group is declared here and called in AddCommands.
 
-void AddStatusCommand(CLI::App& app, Context& context);    // status_command.cpp
-void AddAppsCommands(CLI::App& app, Context& context);     // apps_commands.cpp
-void AddVerifyCommands(CLI::App& app, Context& context);   // verify_commands.cpp
-void AddMonitorCommands(CLI::App& app, Context& context);  // monitor_commands.cpp
-void AddStopCommand(CLI::App& app, Context& context);      // stop_command.cpp
-void AddDeviceCommand(CLI::App& app, Context& context);    // device_command.cpp
-void AddDoctorCommand(CLI::App& app, Context& context);    // doctor_command.cpp
+void AddStatusCommand(CLI::App& app, Context& context);   // status_command.cpp
+void AddAppsCommands(CLI::App& app, Context& context);    // apps_commands.cpp
+void AddVerifyCommands(CLI::App& app, Context& context);  // verify_commands.cpp
+void AddMonitorCommands(CLI::App& app, Context& context); // monitor_commands.cpp
+void AddStopCommand(CLI::App& app, Context& context);     // stop_command.cpp
+void AddDeviceCommand(CLI::App& app, Context& context);   // device_command.cpp
+void AddDoctorCommand(CLI::App& app, Context& context);   // doctor_command.cpp
 
 // What bitmap files hold.
 

@@ -21,10 +21,9 @@ Exit Device(const Context& context, const std::wstring& name)
     if (driver.openError != ERROR_SUCCESS)
         throw Failure(Exit::DriverDown, fmt::format("the driver cannot be asked: {}", WhyDriverFails(driver)));
     const bool monitored = VTIsDeviceMonitored(name.c_str()) == 0;
-    return Answer(context, monitored ? Exit::Ok : Exit::NotMonitored,
-                  {{"device", ToUtf8(name)}, {"monitored", monitored}},
-                  fmt::format("The driver {} {}.\n", monitored ? "tracks" : "does not track, or does not know,",
-                              Quoted(name)));
+    return Answer(
+        context, monitored ? Exit::Ok : Exit::NotMonitored, {{"device", ToUtf8(name)}, {"monitored", monitored}},
+        fmt::format("The driver {} {}.\n", monitored ? "tracks" : "does not track, or does not know,", Quoted(name)));
 }
 
 } // namespace

@@ -27,9 +27,9 @@ Colour ColourOf(Severity severity)
 
 std::string FindingText(const Finding& finding)
 {
-    std::string text = fmt::format("{} {}: {}\n    {}\n",
-                                   Coloured(SeverityName(finding.severity), ColourOf(finding.severity)), finding.check,
-                                   finding.text, finding.consequence);
+    std::string text =
+        fmt::format("{} {}: {}\n    {}\n", Coloured(SeverityName(finding.severity), ColourOf(finding.severity)),
+                    finding.check, finding.text, finding.consequence);
     if (!finding.mend.empty())
         text += "    mend: " + finding.mend + "\n";
     return text;
@@ -59,10 +59,10 @@ Exit Doctor(const Context& context, bool reinstall)
 void AddDoctorCommand(CLI::App& app, Context& context)
 {
     const auto reinstall = std::make_shared<bool>(false);
-    CLI::App& command =
-        AddCommand(app, context, "doctor",
-                   "Check driver, registry, bitmap files and volumes against each other, and say what mends what is wrong",
-                   [&context, reinstall] { return Doctor(context, *reinstall); });
+    CLI::App& command = AddCommand(
+        app, context, "doctor",
+        "Check driver, registry, bitmap files and volumes against each other, and say what mends what is wrong",
+        [&context, reinstall] { return Doctor(context, *reinstall); });
     command.add_flag("--reinstall", *reinstall,
                      "first let the library reinstall a driver that does not work, which may take 20 minutes");
     command.add_flag("--yes", context.yes, "really reinstall it");

@@ -21,33 +21,56 @@ void CheckDriver(const MachineFacts& machine, std::vector<Finding>& findings)
     if (!why.empty()) {
         const bool absent = driver.service == ServiceState::Absent;
         const char* mend = absent || !driver.autoInstall || driver.installLocation.empty() ? "" : REINSTALL;
-        findings.push_back({"driver-down", Severity::DriverDown, {}, {},
+        findings.push_back({"driver-down",
+                            Severity::DriverDown,
+                            {},
+                            {},
                             fmt::format("The driver does not work: {}.", why),
-                            "Every next backup must verify, and what is written meanwhile is not tracked.", mend});
+                            "Every next backup must verify, and what is written meanwhile is not tracked.",
+                            mend});
         if (absent)
-            findings.push_back({"service-absent", Severity::DriverDown, {}, {},
+            findings.push_back({"service-absent",
+                                Severity::DriverDown,
+                                {},
+                                {},
                                 "The driver's service VTFlt does not exist: it was never installed, or was removed.",
-                                "The library does not install a driver that was never installed.", {}});
+                                "The library does not install a driver that was never installed.",
+                                {}});
         if (!driver.autoInstall)
-            findings.push_back({"reinstall-forbidden", Severity::Note, {}, {},
+            findings.push_back({"reinstall-forbidden",
+                                Severity::Note,
+                                {},
+                                {},
                                 "The registry forbids the library to reinstall the driver (VTFltAutoInstall is 0).",
-                                "The driver stays as it is until somebody installs it.", {}});
+                                "The driver stays as it is until somebody installs it.",
+                                {}});
         if (driver.installLocation.empty())
-            findings.push_back({"install-location", Severity::Note, {}, {},
+            findings.push_back({"install-location",
+                                Severity::Note,
+                                {},
+                                {},
                                 "The registry does not say where the driver's utility lies (InstallLocation).",
-                                "The library cannot reinstall the driver.", {}});
+                                "The library cannot reinstall the driver.",
+                                {}});
     }
     if (driver.generation == Generation::Older)
-        findings.push_back({"driver-older", Severity::Note, {}, {},
+        findings.push_back({"driver-older",
+                            Severity::Note,
+                            {},
+                            {},
                             "A driver of the older generation is running.",
-                            "Backups go on; the installed driver takes over when the machine is restarted.", {}});
+                            "Backups go on; the installed driver takes over when the machine is restarted.",
+                            {}});
 }
 
 void CheckSwitch(const MachineFacts& machine, std::vector<Finding>& findings)
 {
     const SwitchFacts& snapshots = machine.snapshots;
     if (snapshots.error != ERROR_SUCCESS) {
-        findings.push_back({"monitor-count", Severity::Damaged, {}, {},
+        findings.push_back({"monitor-count",
+                            Severity::Damaged,
+                            {},
+                            {},
                             fmt::format("The count of requests for the tracking of snapshots cannot be read: {}.",
                                         ErrorText(snapshots.error)),
                             "Tracking of snapshots can be asked for and taken back no more.",
@@ -57,21 +80,30 @@ void CheckSwitch(const MachineFacts& machine, std::vector<Finding>& findings)
     }
     const std::uint32_t count = snapshots.count.value_or(0);
     if (count > 0x7FFFFFFF)
-        findings.push_back({"monitor-count", Severity::Damaged, {}, {},
+        findings.push_back({"monitor-count",
+                            Severity::Damaged,
+                            {},
+                            {},
                             fmt::format("More requests for the tracking of snapshots were taken back than made: the "
                                         "count stands at {}.",
                                         count),
                             "The tracking of snapshots never ends, or ends while an application relies on it.",
                             "vtfltctl monitor on"});
     else if (count > 0 && !snapshots.listed)
-        findings.push_back({"monitor-filter", Severity::Damaged, {}, {},
+        findings.push_back({"monitor-filter",
+                            Severity::Damaged,
+                            {},
+                            {},
                             fmt::format("{} for the tracking of snapshots stand, but the driver is not among the "
                                         "filters of their class.",
                                         CountText(count, "request")),
                             "What an application changes in its own snapshot is not known to its next backup.",
                             COUNT_ON_AND_OFF});
     else if (count == 0 && snapshots.listed)
-        findings.push_back({"monitor-filter", Severity::Note, {}, {},
+        findings.push_back({"monitor-filter",
+                            Severity::Note,
+                            {},
+                            {},
                             "The driver is among the filters of the snapshots' class, but nobody asked for it.",
                             "No backup suffers; snapshots are tracked for nobody.",
                             COUNT_ON_AND_OFF});
@@ -80,13 +112,21 @@ void CheckSwitch(const MachineFacts& machine, std::vector<Finding>& findings)
 void CheckVolumeWalk(const MachineFacts& machine, std::vector<Finding>& findings)
 {
     if (machine.volumesError != ERROR_SUCCESS)
-        findings.push_back({"volumes-unknown", Severity::Unknown, {}, {},
+        findings.push_back({"volumes-unknown",
+                            Severity::Unknown,
+                            {},
+                            {},
                             fmt::format("The list of volumes broke off: {}.", ErrorText(machine.volumesError)),
-                            "What stands on the volumes behind that point is not known.", {}});
+                            "What stands on the volumes behind that point is not known.",
+                            {}});
     if (machine.dumps)
-        findings.push_back({"dumps-on", Severity::Note, {}, {},
+        findings.push_back({"dumps-on",
+                            Severity::Note,
+                            {},
+                            {},
                             "Every bitmap that crosses the library's boundary is saved (DumpBitmap is 1).",
-                            "No backup suffers, but the volumes fill up.", {}});
+                            "No backup suffers, but the volumes fill up.",
+                            {}});
 }
 
 } // namespace

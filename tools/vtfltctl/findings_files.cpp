@@ -33,32 +33,49 @@ std::string FlawTexts(const bitmap::FileFacts& file)
 void CheckTracking(const MachineFacts& machine, const VolumeFacts& volume, std::vector<Finding>& findings)
 {
     if (volume.openError != ERROR_SUCCESS) {
-        findings.push_back({"volume-unreadable", Severity::Unknown, {}, volume.guid,
-                            fmt::format("The volume {} cannot be opened: {}.", ToUtf8(volume.guid),
-                                        ErrorText(volume.openError)),
-                            "Whether its bitmap files fit is not known, and no application can back it up.", {}});
+        findings.push_back(
+            {"volume-unreadable",
+             Severity::Unknown,
+             {},
+             volume.guid,
+             fmt::format("The volume {} cannot be opened: {}.", ToUtf8(volume.guid), ErrorText(volume.openError)),
+             "Whether its bitmap files fit is not known, and no application can back it up.",
+             {}});
         return;
     }
     // Without the driver nothing is tracked; that is said once, and not for each volume.
     if (machine.driver.generation != Generation::Present || machine.applications.empty())
         return;
     if (!volume.monitored)
-        findings.push_back({"not-monitored", Severity::Verify, {}, volume.guid,
+        findings.push_back({"not-monitored",
+                            Severity::Verify,
+                            {},
+                            volume.guid,
                             fmt::format("The driver does not track the volume {}.", ToUtf8(volume.guid)),
-                            "Its next backup must verify, and gets no bitmap until the driver tracks it again.", {}});
+                            "Its next backup must verify, and gets no bitmap until the driver tracks it again.",
+                            {}});
     else if (volume.geometry.blockSize == 0 || volume.geometry.volumeBytes == 0)
-        findings.push_back({"geometry-unknown", Severity::Unknown, {}, volume.guid,
-                            fmt::format("The volume {} does not tell its length or its tracking block size.",
-                                        ToUtf8(volume.guid)),
-                            "Whether its bitmap files fit is not known.", {}});
+        findings.push_back(
+            {"geometry-unknown",
+             Severity::Unknown,
+             {},
+             volume.guid,
+             fmt::format("The volume {} does not tell its length or its tracking block size.", ToUtf8(volume.guid)),
+             "Whether its bitmap files fit is not known.",
+             {}});
 }
 
 void CheckUnusable(const VolumeFacts& volume, const HoldingFacts& holding, const BitmapFileFacts& bitmap,
                    std::vector<Finding>& findings)
 {
     if (!bitmap.readError.empty()) {
-        findings.push_back({"file-unreadable", Severity::Unknown, holding.application, volume.guid,
-                            bitmap.readError + ".", "Whether the next backup can use it is not known.", {}});
+        findings.push_back({"file-unreadable",
+                            Severity::Unknown,
+                            holding.application,
+                            volume.guid,
+                            bitmap.readError + ".",
+                            "Whether the next backup can use it is not known.",
+                            {}});
         return;
     }
     const std::string flaws = FlawTexts(*bitmap.file);
@@ -78,44 +95,55 @@ void CheckUsable(const VolumeFacts& volume, const HoldingFacts& holding, const B
                  std::vector<Finding>& findings)
 {
     for (const Flaw flaw : bitmap.misfits) {
-        const std::string text =
-            fmt::format("{}: {}", ToUtf8(bitmap.path), bitmap::FlawText(flaw, *bitmap.file));
+        const std::string text = fmt::format("{}: {}", ToUtf8(bitmap.path), bitmap::FlawText(flaw, *bitmap.file));
         if (flaw == Flaw::BlockSizeDiffers)
-            findings.push_back({"block-size-differs", Severity::Damaged, holding.application, volume.guid,
-                                fmt::format("{} The driver tracks blocks of {}.", text,
-                                            BytesText(volume.geometry.blockSize)),
-                                "Its bits mean other places than the driver's: a next backup that does not verify "
-                                "misses changes.",
-                                Clean(holding.application, volume)});
+            findings.push_back(
+                {"block-size-differs", Severity::Damaged, holding.application, volume.guid,
+                 fmt::format("{} The driver tracks blocks of {}.", text, BytesText(volume.geometry.blockSize)),
+                 "Its bits mean other places than the driver's: a next backup that does not verify "
+                 "misses changes.",
+                 Clean(holding.application, volume)});
         else
-            findings.push_back({"size-differs", Severity::Note, holding.application, volume.guid, text,
+            findings.push_back({"size-differs",
+                                Severity::Note,
+                                holding.application,
+                                volume.guid,
+                                text,
                                 flaw == Flaw::CoversLess
                                     ? "The next fetch makes it longer; the driver has the changes behind its end."
                                     : "The next fetch makes it shorter.",
                                 {}});
     }
     if (bitmap::VerdictOf(*bitmap.file) == Verdict::Doubtful)
-        findings.push_back({"file-doubtful", Severity::Note, holding.application, volume.guid,
-                            fmt::format("{} is not as the library writes it. {}", ToUtf8(bitmap.path),
-                                        FlawTexts(*bitmap.file)),
-                            "The library uses it all the same.", Clean(holding.application, volume)});
+        findings.push_back(
+            {"file-doubtful", Severity::Note, holding.application, volume.guid,
+             fmt::format("{} is not as the library writes it. {}", ToUtf8(bitmap.path), FlawTexts(*bitmap.file)),
+             "The library uses it all the same.", Clean(holding.application, volume)});
 }
 
 // True when the application is still to be told apart: it has no usable pair of files.
 void CheckHolding(const VolumeFacts& volume, const HoldingFacts& holding, std::vector<Finding>& findings)
 {
     if (!holding.base.there && !holding.child.there) {
-        findings.push_back({"files-missing", Severity::Verify, holding.application, volume.guid,
-                            fmt::format("{} has no bitmap files on {}.", Quoted(holding.application),
-                                        ToUtf8(volume.guid)),
-                            "Its next backup of this volume must verify, and makes new ones.", {}});
+        findings.push_back(
+            {"files-missing",
+             Severity::Verify,
+             holding.application,
+             volume.guid,
+             fmt::format("{} has no bitmap files on {}.", Quoted(holding.application), ToUtf8(volume.guid)),
+             "Its next backup of this volume must verify, and makes new ones.",
+             {}});
         return;
     }
     for (const BitmapFileFacts* bitmap : {&holding.base, &holding.child}) {
         if (!bitmap->there)
-            findings.push_back({"files-missing", Severity::Verify, holding.application, volume.guid,
+            findings.push_back({"files-missing",
+                                Severity::Verify,
+                                holding.application,
+                                volume.guid,
                                 fmt::format("{} is missing.", ToUtf8(bitmap->path)),
-                                "The application's next backup of this volume must verify, and makes a new one.", {}});
+                                "The application's next backup of this volume must verify, and makes a new one.",
+                                {}});
         else if (bitmap->Usable())
             CheckUsable(volume, holding, *bitmap, findings);
         else
@@ -130,20 +158,28 @@ void CheckVerifyList(const MachineFacts& machine, const VolumeFacts& volume, std
             application.verify.entries.begin(), application.verify.entries.end(),
             [&](const std::wstring& entry) { return vtflt::ListEntryMatchesVolume(entry, volume.name.path); });
         if (listed)
-            findings.push_back({"verify-listed", Severity::Verify, application.id, volume.guid,
-                                fmt::format("The verify list of {} names {}.", Quoted(application.id),
-                                            ToUtf8(volume.guid)),
-                                "Its next backup of this volume must verify, which takes it off the list.", {}});
+            findings.push_back(
+                {"verify-listed",
+                 Severity::Verify,
+                 application.id,
+                 volume.guid,
+                 fmt::format("The verify list of {} names {}.", Quoted(application.id), ToUtf8(volume.guid)),
+                 "Its next backup of this volume must verify, which takes it off the list.",
+                 {}});
     }
 }
 
 void CheckOrphans(const MachineFacts& machine, const VolumeFacts& volume, std::vector<Finding>& findings)
 {
     if (volume.folderError != ERROR_SUCCESS)
-        findings.push_back({"folder-unreadable", Severity::Unknown, {}, volume.guid,
+        findings.push_back({"folder-unreadable",
+                            Severity::Unknown,
+                            {},
+                            volume.guid,
                             fmt::format("The folder of the bitmap files on {} cannot be listed: {}.",
                                         ToUtf8(volume.guid), ErrorText(volume.folderError)),
-                            "Files that belong to nobody are not seen.", {}});
+                            "Files that belong to nobody are not seen.",
+                            {}});
     // Without the list of applications every file would belong to nobody.
     if (machine.applicationsError != ERROR_SUCCESS)
         return;
@@ -159,12 +195,13 @@ void CheckOrphans(const MachineFacts& machine, const VolumeFacts& volume, std::v
         if (registered || std::any_of(seen.begin(), seen.end(), isOwner))
             continue;
         seen.push_back(owner);
-        findings.push_back({"file-orphaned", Severity::Note, owner, volume.guid,
-                            fmt::format("{} on {} belongs to {}, which is not registered.", ToUtf8(file),
-                                        ToUtf8(volume.guid), Quoted(owner)),
-                            "No backup suffers; nothing keeps the files up to date, and registering under the ID starts "
-                            "them afresh.",
-                            Clean(owner, volume)});
+        findings.push_back(
+            {"file-orphaned", Severity::Note, owner, volume.guid,
+             fmt::format("{} on {} belongs to {}, which is not registered.", ToUtf8(file), ToUtf8(volume.guid),
+                         Quoted(owner)),
+             "No backup suffers; nothing keeps the files up to date, and registering under the ID starts "
+             "them afresh.",
+             Clean(owner, volume)});
     }
 }
 

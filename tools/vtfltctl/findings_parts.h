@@ -8,6 +8,6 @@ namespace vtfltctl {
 void CheckApplications(const MachineFacts& machine, std::vector<Finding>& findings); // findings_registry.cpp
 void CheckLists(const MachineFacts& machine, std::vector<Finding>& findings);        // findings_registry.cpp
 void CheckVolume(const MachineFacts& machine, const VolumeFacts& volume,
-                 std::vector<Finding>& findings);                                    // findings_files.cpp
+                 std::vector<Finding>& findings); // findings_files.cpp
 
 } // namespace vtfltctl

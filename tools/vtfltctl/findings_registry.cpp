@@ -26,15 +26,22 @@ std::string Unregister(std::wstring_view application)
 void CheckPair(const std::wstring& earlier, const std::wstring& later, std::vector<Finding>& findings)
 {
     if (earlier == later) {
-        findings.push_back({"id-twice", Severity::Damaged, later, {},
-                            fmt::format("{} is registered twice.", Quoted(later)),
-                            "Its changes are merged twice, which costs time and no change; unregistering it once leaves "
-                            "it registered without bitmap files.",
-                            Unregister(later)});
+        findings.push_back(
+            {"id-twice",
+             Severity::Damaged,
+             later,
+             {},
+             fmt::format("{} is registered twice.", Quoted(later)),
+             "Its changes are merged twice, which costs time and no change; unregistering it once leaves "
+             "it registered without bitmap files.",
+             Unregister(later)});
         return;
     }
     if (EqualIgnoringCase(earlier, later)) {
-        findings.push_back({"id-shared-files", Severity::Damaged, later, {},
+        findings.push_back({"id-shared-files",
+                            Severity::Damaged,
+                            later,
+                            {},
                             fmt::format("{} and {} differ only in case, so they share bitmap files and lists.",
                                         Quoted(earlier), Quoted(later)),
                             "What one of them reports as backed up is missing in the other's next backup.",
@@ -47,7 +54,10 @@ void CheckPair(const std::wstring& earlier, const std::wstring& later, std::vect
         return;
     const std::wstring& tail = laterIsTail ? later : earlier;
     const std::wstring& whole = laterIsTail ? earlier : later;
-    findings.push_back({"id-in-tail", Severity::Damaged, tail, {},
+    findings.push_back({"id-in-tail",
+                        Severity::Damaged,
+                        tail,
+                        {},
                         fmt::format("{} is found at the end of {}: the library does not look where an ID begins.",
                                     Quoted(tail), Quoted(whole)),
                         laterIsTail ? "Unregistering the shorter cuts the longer one's ID, whose backups then fail."
@@ -60,7 +70,10 @@ void CheckOneId(const std::wstring& id, std::vector<Finding>& findings)
     const std::string reason = toolkit::UnsuitableBecause(id, {});
     if (reason.empty())
         return;
-    findings.push_back({"id-unsuitable", Severity::Damaged, id, {},
+    findings.push_back({"id-unsuitable",
+                        Severity::Damaged,
+                        id,
+                        {},
                         fmt::format("The registered ID {} is unsuitable: {}.", Quoted(id), reason),
                         "Its bitmap files or lists can be another application's, or cannot be made: changes can be "
                         "missing in its next backup, or the backup fails.",
@@ -96,18 +109,20 @@ void CheckEntry(const MachineFacts& machine, const NamedList& list, const std::w
 {
     const std::optional<std::wstring> guid = toolkit::ParseVolumeGuid(entry);
     if (!guid || *guid != entry) {
-        findings.push_back({"list-entry-odd", Severity::Damaged, list.application, {},
+        findings.push_back({"list-entry-odd",
+                            Severity::Damaged,
+                            list.application,
+                            {},
                             fmt::format("{} holds {}, which is no volume's {{GUID}}.", list.name, Quoted(entry)),
                             list.application.empty() ? "It is handed to no application: if it means a volume, that "
                                                        "volume's lost changes are not known to the next backup."
                                                      : "It matches every volume whose name holds it, and no other.",
                             RemoveEntry(list, entry)});
     } else if (machine.volumesError == ERROR_SUCCESS && !IsOnMachine(machine, *guid)) {
-        findings.push_back({"list-volume-gone", Severity::Note, list.application, *guid,
-                            fmt::format("{} names the volume {}, which this machine does not have.", list.name,
-                                        ToUtf8(*guid)),
-                            "No backup suffers; should the volume come back, its next backup must verify.",
-                            RemoveEntry(list, entry)});
+        findings.push_back(
+            {"list-volume-gone", Severity::Note, list.application, *guid,
+             fmt::format("{} names the volume {}, which this machine does not have.", list.name, ToUtf8(*guid)),
+             "No backup suffers; should the volume come back, its next backup must verify.", RemoveEntry(list, entry)});
     }
     for (const std::wstring& other : list.facts.entries) {
         if (other != entry && other.find(entry) != std::wstring::npos)
@@ -123,11 +138,13 @@ void CheckEntry(const MachineFacts& machine, const NamedList& list, const std::w
 void CheckList(const MachineFacts& machine, const NamedList& list, std::vector<Finding>& findings)
 {
     if (list.facts.error != ERROR_SUCCESS) {
-        findings.push_back({"list-damaged", Severity::Damaged, list.application, {},
+        findings.push_back({"list-damaged",
+                            Severity::Damaged,
+                            list.application,
+                            {},
                             fmt::format("{} cannot be read: {}.", list.name,
-                                        list.facts.error == ERROR_INVALID_DATA
-                                            ? "it is no well-formed multi-string"
-                                            : ErrorText(list.facts.error)),
+                                        list.facts.error == ERROR_INVALID_DATA ? "it is no well-formed multi-string"
+                                                                               : ErrorText(list.facts.error)),
                             list.verify ? "Every next backup of the application must verify."
                                         : "Volumes that lost tracking are handed to nobody, and their next backups "
                                           "miss what was lost.",
@@ -164,17 +181,24 @@ void CheckWaiting(const MachineFacts& machine, const NamedList& list, std::vecto
 void CheckApplications(const MachineFacts& machine, std::vector<Finding>& findings)
 {
     if (machine.applicationsError == ERROR_INVALID_DATA) {
-        findings.push_back({"applications-unreadable", Severity::Damaged, {}, {},
+        findings.push_back({"applications-unreadable",
+                            Severity::Damaged,
+                            {},
+                            {},
                             "The list of registered applications, RegisteredAppIDs, is no multi-string.",
                             "The library takes its bytes for a list all the same: whom it serves is not certain.",
                             "reg delete HKLM\\SOFTWARE\\Veltrix\\Shared\\CBTDriver\\AppIDs /v RegisteredAppIDs"});
         return;
     }
     if (machine.applicationsError != ERROR_SUCCESS) {
-        findings.push_back({"applications-unreadable", Severity::Unknown, {}, {},
+        findings.push_back({"applications-unreadable",
+                            Severity::Unknown,
+                            {},
+                            {},
                             fmt::format("The list of registered applications cannot be read: {}.",
                                         ErrorText(machine.applicationsError)),
-                            "Lists and bitmap files were not held against it.", {}});
+                            "Lists and bitmap files were not held against it.",
+                            {}});
         return;
     }
     const std::vector<ApplicationFacts>& applications = machine.applications;
@@ -193,20 +217,23 @@ void CheckLists(const MachineFacts& machine, std::vector<Finding>& findings)
     CheckList(machine, driver, findings);
     CheckWaiting(machine, driver, findings);
     for (const ApplicationFacts& application : machine.applications) {
-        const NamedList pending{application.pending, application.id,
-                                "The pending list of " + Quoted(application.id), false};
+        const NamedList pending{application.pending, application.id, "The pending list of " + Quoted(application.id),
+                                false};
         CheckList(machine, pending, findings);
         CheckWaiting(machine, pending, findings);
         CheckList(machine, {application.verify, application.id, "The verify list of " + Quoted(application.id), true},
                   findings);
     }
     for (const std::wstring& suffix : machine.foreignLists)
-        findings.push_back({"list-orphaned", Severity::Note, {}, {},
-                            fmt::format("The list DeviceListForReSync{} belongs to no registered application.",
-                                        ToUtf8(suffix)),
-                            "No backup suffers. A verify list that stays behind keeps whoever registers under the ID "
-                            "again from trusting old backups.",
-                            {}});
+        findings.push_back(
+            {"list-orphaned",
+             Severity::Note,
+             {},
+             {},
+             fmt::format("The list DeviceListForReSync{} belongs to no registered application.", ToUtf8(suffix)),
+             "No backup suffers. A verify list that stays behind keeps whoever registers under the ID "
+             "again from trusting old backups.",
+             {}});
 }
 
 } // namespace vtfltctl

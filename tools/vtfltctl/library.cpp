@@ -87,9 +87,9 @@ void RequireRegistered(const std::wstring& application)
     if (application.empty())
         throw Failure(Exit::Usage, "the application ID is empty");
     if (!IsRegistered(application))
-        throw Failure(Exit::NotFound,
-                      fmt::format("application {} is not registered; \"vtfltctl apps list\" shows who is",
-                                  Quoted(application)));
+        throw Failure(
+            Exit::NotFound,
+            fmt::format("application {} is not registered; \"vtfltctl apps list\" shows who is", Quoted(application)));
 }
 
 } // namespace vtfltctl

@@ -158,17 +158,18 @@ void FindForeignLists(MachineFacts& machine)
         if (RegEnumValueW(key.get(), index, name.data(), &length, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS)
             return;
         const std::wstring_view value(name.data(), length);
-        if (value.size() <= LIST_NAME.size() || !toolkit::EqualIgnoringCase(value.substr(0, LIST_NAME.size()), LIST_NAME))
+        if (value.size() <= LIST_NAME.size() ||
+            !toolkit::EqualIgnoringCase(value.substr(0, LIST_NAME.size()), LIST_NAME))
             continue;
         const std::wstring_view suffix = value.substr(LIST_NAME.size());
         std::wstring_view owner = suffix;
         if (toolkit::EndsWithIgnoringCase(owner, VERIFY_ENDING))
             owner.remove_suffix(VERIFY_ENDING.size());
-        const bool known = std::any_of(
-            machine.applications.begin(), machine.applications.end(), [&](const ApplicationFacts& application) {
-                return toolkit::EqualIgnoringCase(application.id, owner) ||
-                       toolkit::EqualIgnoringCase(application.id, suffix);
-            });
+        const bool known = std::any_of(machine.applications.begin(), machine.applications.end(),
+                                       [&](const ApplicationFacts& application) {
+                                           return toolkit::EqualIgnoringCase(application.id, owner) ||
+                                                  toolkit::EqualIgnoringCase(application.id, suffix);
+                                       });
         if (!known)
             machine.foreignLists.emplace_back(suffix);
     }

@@ -98,9 +98,9 @@ struct VolumeFacts {
     DWORD openError = 0;
     bitmap::Geometry geometry; // 0 for what the volume or the driver did not answer
     bool monitored = false;
-    std::vector<HoldingFacts> holdings;    // of every registered application
-    std::vector<std::wstring> files;       // names of all files in the bitmap folder
-    DWORD folderError = 0;                 // 0, also when there is no folder
+    std::vector<HoldingFacts> holdings; // of every registered application
+    std::vector<std::wstring> files;    // names of all files in the bitmap folder
+    DWORD folderError = 0;              // 0, also when there is no folder
 };
 
 // ---- The whole

@@ -18,8 +18,7 @@
 namespace vtfltctl {
 namespace {
 
-constexpr wchar_t VOLUME_CLASS[] =
-    L"System\\CurrentControlSet\\Control\\Class\\{71A27CDD-812A-11D0-BEC7-08002BE2092F}";
+constexpr wchar_t VOLUME_CLASS[] = L"System\\CurrentControlSet\\Control\\Class\\{71A27CDD-812A-11D0-BEC7-08002BE2092F}";
 constexpr wchar_t SNAPSHOT_PROVIDER[] = L"volsnap";
 
 std::optional<std::uint32_t> NumberIn(const toolkit::RegistryValue& value)
@@ -94,8 +93,8 @@ DriverFacts LookAtDriver()
     ProbeDevice(driver);
     LookAtFilters(driver);
     driver.service = LookAtService();
-    driver.autoInstall = NumberIn(toolkit::ReadRegistryValue(
-                                      L"SOFTWARE\\Veltrix\\Lumen Protect\\Engine\\VTBackupDll", L"VTFltAutoInstall"))
+    driver.autoInstall = NumberIn(toolkit::ReadRegistryValue(L"SOFTWARE\\Veltrix\\Lumen Protect\\Engine\\VTBackupDll",
+                                                             L"VTFltAutoInstall"))
                              .value_or(1) != 0;
     driver.installLocation =
         TextIn(toolkit::ReadRegistryValue(L"SOFTWARE\\Veltrix\\Shared\\CBTDriver", L"InstallLocation"));
@@ -142,8 +141,7 @@ SwitchFacts LookAtSwitch(const std::wstring& classKey)
     if (!facts.count && count.error != ERROR_FILE_NOT_FOUND)
         facts.error = count.error != ERROR_SUCCESS ? count.error : ERROR_INVALID_DATA;
     const toolkit::RegistryValue filters = toolkit::ReadMultiString(facts.classKey, L"UpperFilters");
-    facts.listed =
-        filters.error == ERROR_SUCCESS && vtflt::FindMultiSZEntry(filters.bytes, vtflt::DRIVER_NAME) >= 0;
+    facts.listed = filters.error == ERROR_SUCCESS && vtflt::FindMultiSZEntry(filters.bytes, vtflt::DRIVER_NAME) >= 0;
     return facts;
 }
 

@@ -27,9 +27,9 @@ std::wstring RequireClass(const std::wstring& name)
     vtflt::UniqueKey opened;
     const LSTATUS error = RegOpenKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_READ, opened.put());
     if (error != ERROR_SUCCESS)
-        throw Failure(error == ERROR_ACCESS_DENIED ? Exit::Unreadable : Exit::NotFound,
-                      fmt::format("there is no device class {}: {}", Quoted(name),
-                                  ErrorText(static_cast<DWORD>(error))));
+        throw Failure(
+            error == ERROR_ACCESS_DENIED ? Exit::Unreadable : Exit::NotFound,
+            fmt::format("there is no device class {}: {}", Quoted(name), ErrorText(static_cast<DWORD>(error))));
     return key;
 }
 
@@ -42,8 +42,8 @@ SwitchFacts RequireReadable(const std::wstring& key)
                       fmt::format("the count of {} cannot be read: {}", ToUtf8(key), ErrorText(facts.error)));
     const toolkit::RegistryValue filters = toolkit::ReadMultiString(key, L"UpperFilters");
     if (filters.error != ERROR_SUCCESS && filters.error != ERROR_FILE_NOT_FOUND)
-        throw Failure(Exit::Unreadable, fmt::format("the upper filters of {} cannot be read: {}", ToUtf8(key),
-                                                    ErrorText(filters.error)));
+        throw Failure(Exit::Unreadable,
+                      fmt::format("the upper filters of {} cannot be read: {}", ToUtf8(key), ErrorText(filters.error)));
     return facts;
 }
 
@@ -79,9 +79,9 @@ Exit SwitchOff(const Context& context, const std::wstring& name)
     const SwitchFacts before = RequireReadable(key);
     // The library would count on below zero.
     if (before.count.value_or(0) == 0)
-        throw Failure(Exit::Refused,
-                      fmt::format("nobody asked for the tracking of {}: there is no request to take back",
-                                  ToUtf8(key)));
+        throw Failure(
+            Exit::Refused,
+            fmt::format("nobody asked for the tracking of {}: there is no request to take back", ToUtf8(key)));
     RequireYes(context, *before.count == 1
                             ? fmt::format("would take back the last request and remove VTFlt from the upper filters "
                                           "of {}",

@@ -20,8 +20,9 @@ std::string DriverText(const DriverFacts& driver)
     const char* const service = driver.service == ServiceState::Present  ? "service present"
                                 : driver.service == ServiceState::Absent ? "service absent"
                                                                          : "service unknown";
-    const std::string verdict = driver.Works() ? Coloured("works", Colour::Information)
-                                               : Coloured("does not work", Colour::Error) + ": " + WhyDriverFails(driver);
+    const std::string verdict = driver.Works()
+                                    ? Coloured("works", Colour::Information)
+                                    : Coloured("does not work", Colour::Error) + ": " + WhyDriverFails(driver);
     return fmt::format("Driver        {} ({}; filters {}; {})\n", verdict, generation,
                        filters.empty() ? "none" : filters, service);
 }
@@ -59,8 +60,8 @@ std::string HoldingText(const MachineFacts& machine, const VolumeFacts& volume, 
     std::string text = fmt::format("  {}: base {}, child {}", ToUtf8(holding.application), FileStateName(holding.base),
                                    FileStateName(holding.child));
     if (holding.owedBlocks)
-        text += fmt::format("; {} changed, {} owed", CountText(*holding.owedBlocks, "block"),
-                            BytesText(holding.owedBytes));
+        text +=
+            fmt::format("; {} changed, {} owed", CountText(*holding.owedBlocks, "block"), BytesText(holding.owedBytes));
     const auto application = std::find_if(machine.applications.begin(), machine.applications.end(),
                                           [&](const ApplicationFacts& a) { return a.id == holding.application; });
     if (application != machine.applications.end() && MustVerify(*application, volume, holding))
@@ -114,9 +115,12 @@ Exit Status(const Context& context)
         volumes.push_back(VolumeJson(machine, volume));
         volumesText += VolumeText(machine, volume);
     }
-    const Json fields = {{"healthy", outcome == Exit::Ok},   {"findings", findings.size()},
-                         {"driver", DriverJson(machine.driver)}, {"snapshots", SwitchJson(machine.snapshots)},
-                         {"driverList", ListJson(machine.driverList)}, {"applications", applications},
+    const Json fields = {{"healthy", outcome == Exit::Ok},
+                         {"findings", findings.size()},
+                         {"driver", DriverJson(machine.driver)},
+                         {"snapshots", SwitchJson(machine.snapshots)},
+                         {"driverList", ListJson(machine.driverList)},
+                         {"applications", applications},
                          {"volumes", volumes}};
     return Answer(context, outcome, fields,
                   DriverText(machine.driver) + SwitchText(machine.snapshots) + ApplicationsText(machine) + lists +

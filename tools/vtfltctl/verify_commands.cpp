@@ -41,8 +41,7 @@ void RequireReadableLists(const std::wstring& application)
     RequireReadable(ReadVolumeList({}), "driver's list");
     for (const std::wstring& registered : RegisteredApplications())
         RequireReadable(ReadVolumeList(registered), "pending list of " + Quoted(registered));
-    RequireReadable(ReadVolumeList(vtflt::MakeVerifyListName(application)),
-                    "verify list of " + Quoted(application));
+    RequireReadable(ReadVolumeList(vtflt::MakeVerifyListName(application)), "verify list of " + Quoted(application));
 }
 
 std::string Entries(const ListFacts& list)
@@ -231,8 +230,10 @@ void AddVerifyCommands(CLI::App& app, Context& context)
 {
     CLI::App& group = AddGroup(app, "verify", "The lists of volumes whose next backup must verify");
     const auto options = std::make_shared<VerifyOptions>();
-    const auto command = [&](const char* name, const char* description, Exit (*run)(const Context&, const VerifyOptions&)) {
-        return &AddCommand(group, context, name, description, [&context, options, run] { return run(context, *options); });
+    const auto command = [&](const char* name, const char* description,
+                             Exit (*run)(const Context&, const VerifyOptions&)) {
+        return &AddCommand(group, context, name, description,
+                           [&context, options, run] { return run(context, *options); });
     };
     constexpr const char* APP = "application ID, compared exactly";
     constexpr const char* VOLUME = "{...}, \\\\?\\Volume{...}\\ or a mount path such as E:";
@@ -250,9 +251,9 @@ void AddVerifyCommands(CLI::App& app, Context& context)
     CLI::App* replicate = command(
         "replicate", "Hand the driver's list to the applications, and the pending list to the verify list", Replicate);
     replicate->add_option("APP", options->application, APP)->required();
-    CLI::App& rebuild = AddCommand(group, context, "rebuild",
-                                   "Replace lists that cannot be read: every fixed volume must then verify",
-                                   [&context] { return Rebuild(context); });
+    CLI::App& rebuild =
+        AddCommand(group, context, "rebuild", "Replace lists that cannot be read: every fixed volume must then verify",
+                   [&context] { return Rebuild(context); });
     AddYes(rebuild, context, "the lists that cannot be read");
 }
 

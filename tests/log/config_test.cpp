@@ -399,4 +399,18 @@ TEST_F(ConfigTest, ABlockWhoseNamesAreBothRefusedIsTriedAgain)
     EXPECT_EQ(DefaultPath(L"First.dll.Log"), Path(L"First.dll"));
 }
 
+TEST_F(ConfigTest, ABlockThatCannotBeMappedIsMadeAndFilledByTheNextOperation)
+{
+    WatchedCalls calls;
+    vtfltsim::FailCall(L"MapViewOfFile", ERROR_NOT_ENOUGH_MEMORY);
+    m_configuration.RegisterModule(L"First.dll");
+    EXPECT_EQ(1u, calls.Struck());
+    EXPECT_EQ(0u, VTFltSimGetOpenCount(VTFLTSIM_OPEN_OTHERS)) << "the mapping is open";
+    EXPECT_EQ(0u, VTFltSimGetOpenCount(VTFLTSIM_OWNED_MUTEXES));
+    calls.EndFaults();
+    m_configuration.RegisterModule(L"First.dll");
+    EXPECT_EQ(DefaultPath(L"First.dll.Log"), Path(L"First.dll"));
+    CloseOutputState();
+}
+
 } // namespace

@@ -158,6 +158,7 @@ EntryPoint EntryPointOf(const Module& module)
 void* Load(const std::string& path)
 {
     const NotWatched notWatched;
+    AfterAcquire(&I()); // it may stand where a module of an ended process stood
     return dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
 }
 
@@ -165,6 +166,7 @@ void Unload(void* library)
 {
     const NotWatched notWatched;
     dlclose(library);
+    BeforeRelease(&I());
 }
 
 // Handles by which the loader knows the modules; they add no lasting reference.
@@ -288,7 +290,6 @@ Process* MakeProcess(const Text& program, const Text& commandLine, const Process
 void LoadModules(Process& process)
 {
     const NotWatched notWatched;
-    AfterAcquire(&I()); // a module may stand where one of an ended process stood
     const Text program = process.modules.front().name;
     const std::string folder = FolderFor(process.suffix, HostName(program, FIRST));
     void* const library = Load(folder + "/" + HostName(program, process.suffix));
@@ -350,7 +351,6 @@ void UnloadModules(Process& process)
         UnmapViewOfFile(process.views.begin()->first);
     process.handles.clear();
     I().inUse.erase(static_cast<unsigned>(std::atoi(process.suffix.c_str() + 2)));
-    BeforeRelease(&I());
 }
 
 void EndProcess(Process& process, DWORD exitCode)
@@ -596,7 +596,7 @@ DOUBLE_API BOOL WINAPI FreeLibrary(HMODULE handle)
     if (const EntryPoint entryPoint = EntryPointOf(module))
         entryPoint(handle, DLL_PROCESS_DETACH, nullptr);
     modules.erase(found);
-    dlclose(module.library);
+    Unload(module.library);
     return TRUE;
 }
 

@@ -7,6 +7,7 @@
 
 #include "win/windows.h"
 
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -54,17 +55,15 @@ public:
     // The records whose level is not above maximumLevel are exactly these, in this order.
     void ExpectExactly(const std::vector<LogRecord>& expected, int maximumLevel = 4) const;
 
-    // For the output.
-    void Add(int level, DWORD code, const wchar_t* text)
-    {
-        m_records.push_back({level, code, text});
-    }
+    // For the output, from any thread.
+    void Add(int level, DWORD code, const wchar_t* text);
     DWORD Threshold() const
     {
         return m_threshold;
     }
 
 private:
+    std::mutex m_mutex;
     std::vector<LogRecord> m_records;
     DWORD m_threshold = 4;
     void* m_previous = nullptr;

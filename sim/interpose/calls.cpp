@@ -1,5 +1,7 @@
 #include "interpose/calls.h"
 
+#include "interpose/imports.h"
+
 #include <cstring>
 #include <cwchar>
 #include <mutex>
@@ -29,10 +31,15 @@ struct Plan {
     void* context = nullptr;
 };
 
+struct TracedCall {
+    std::wstring text;
+    const void* site = nullptr;
+};
+
 ProcessLock g_lock; // guards the three below
 // Never destroyed: modules that are unloaded after this one still make their last calls through here.
 auto& g_plans = *new std::vector<Plan>();
-auto& g_trace = *new std::vector<std::wstring>();
+auto& g_trace = *new std::vector<TracedCall>();
 auto& g_requests = *new std::vector<VTFLTSIM_REQUEST>();
 std::atomic<DWORD> g_hits{0};
 bool g_environmentRead = false; // guarded by g_lock
@@ -222,7 +229,8 @@ Verdict Judge(Hook hook, const std::wstring& text)
     {
         const std::lock_guard guard(g_lock);
         if (g_recording.load() && !IsMemoryHook(hook))
-            g_trace.push_back(text.empty() ? HookName(hook) : std::wstring(HookName(hook)) + L" " + text);
+            g_trace.push_back(
+                {text.empty() ? HookName(hook) : std::wstring(HookName(hook)) + L" " + text, CallSite()});
         for (auto& plan : g_plans) {
             const bool skipped = t_inCallback && plan.callback != nullptr;
             if (!skipped && Strikes(plan, hook, text))
@@ -313,7 +321,16 @@ DWORD TraceAt(DWORD index, wchar_t* text, DWORD characters)
     const std::lock_guard guard(g_lock);
     if (index >= g_trace.size())
         return ERROR_NO_MORE_ITEMS;
-    CopyCut(text, characters, g_trace[index]);
+    CopyCut(text, characters, g_trace[index].text);
+    return 0;
+}
+
+DWORD SiteAt(DWORD index, const void*& site)
+{
+    const std::lock_guard guard(g_lock);
+    if (index >= g_trace.size())
+        return ERROR_NO_MORE_ITEMS;
+    site = g_trace[index].site;
     return 0;
 }
 

@@ -42,6 +42,7 @@ DWORD FaultHits();
 
 void Record(bool on);
 DWORD TraceAt(DWORD index, wchar_t* text, DWORD characters);
+DWORD SiteAt(DWORD index, const void*& site);
 void RecordRequest(const VTFLTSIM_REQUEST& request);
 DWORD RequestAt(DWORD index, VTFLTSIM_REQUEST& request);
 void ResetCounts();

@@ -526,6 +526,11 @@ DWORD WINAPI VTFltSimGetTrace(DWORD index, LPWSTR text, DWORD characters)
     return calls::TraceAt(index, text, characters);
 }
 
+DWORD WINAPI VTFltSimGetTraceSite(DWORD index, LPCVOID* site)
+{
+    return site != nullptr ? calls::SiteAt(index, *site) : ERROR_INVALID_PARAMETER;
+}
+
 DWORD WINAPI VTFltSimGetRequest(DWORD index, VTFLTSIM_REQUEST* request)
 {
     if (request == nullptr || request->size != sizeof(*request))

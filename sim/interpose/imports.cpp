@@ -41,4 +41,23 @@ bool ForEachImport(HMODULE module, const std::function<bool(const char* name, vo
     return true;
 }
 
+const void* CallSite()
+{
+    CONTEXT context = {};
+    RtlCaptureContext(&context);
+    DWORD64 own = 0;
+    RtlLookupFunctionEntry(context.Rip, &own, nullptr);
+    for (;;) {
+        DWORD64 base = 0;
+        auto* const function = RtlLookupFunctionEntry(context.Rip, &base, nullptr);
+        if (function == nullptr)
+            return nullptr;
+        if (base != own)
+            return reinterpret_cast<const void*>(context.Rip);
+        void* data = nullptr;
+        DWORD64 frame = 0;
+        RtlVirtualUnwind(UNW_FLAG_NHANDLER, base, context.Rip, function, &context, &data, &frame, nullptr);
+    }
+}
+
 } // namespace vtfltsim

@@ -11,4 +11,7 @@ namespace vtfltsim {
 // the visitor gives false.
 bool ForEachImport(HMODULE module, const std::function<bool(const char* name, void** place)>& visit);
 
+// Where the innermost code outside of this module goes on: behind the call that led in here. Null when it is not found.
+const void* CallSite();
+
 } // namespace vtfltsim

@@ -2,7 +2,9 @@
 #include "interpose/imports.h"
 
 #include <cstring>
+#include <dlfcn.h>
 #include <link.h>
+#include <unwind.h>
 
 namespace vtfltsim {
 
@@ -69,6 +71,27 @@ const char* WithoutWrap(const char* name)
     return std::strncmp(name, WRAP, sizeof(WRAP) - 1) == 0 ? name + sizeof(WRAP) - 1 : name;
 }
 
+struct SiteSearch {
+    const void* own = nullptr;
+    const void* site = nullptr;
+};
+
+const void* ModuleOf(const void* code)
+{
+    Dl_info information{};
+    return dladdr(code, &information) != 0 ? information.dli_fbase : nullptr;
+}
+
+_Unwind_Reason_Code LookAt(_Unwind_Context* context, void* data)
+{
+    auto& search = *static_cast<SiteSearch*>(data);
+    const auto* const code = reinterpret_cast<const void*>(_Unwind_GetIP(context));
+    if (ModuleOf(code) == search.own)
+        return _URC_NO_REASON;
+    search.site = code;
+    return _URC_NORMAL_STOP;
+}
+
 } // namespace
 
 bool ForEachImport(HMODULE module, const std::function<bool(const char* name, void** place)>& visit)
@@ -93,6 +116,13 @@ bool ForEachImport(HMODULE module, const std::function<bool(const char* name, vo
         }
     }
     return true;
+}
+
+const void* CallSite()
+{
+    SiteSearch search{ModuleOf(reinterpret_cast<const void*>(&CallSite))};
+    _Unwind_Backtrace(LookAt, &search);
+    return search.site;
 }
 
 } // namespace vtfltsim

@@ -89,10 +89,11 @@ Process::Process(const std::vector<std::wstring>& arguments, const std::wstring&
     PROCESS_INFORMATION process = {};
     const BOOL started = CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, CREATE_UNICODE_ENVIRONMENT,
                                         environment.data(), nullptr, &startup, &process);
+    const DWORD error = GetLastError();
     CloseHandle(out);
     CloseHandle(err);
     if (!started)
-        throw std::runtime_error("vtbackup.exe could not be started");
+        throw vtfltsim::SimError("starting vtbackup.exe", error);
     CloseHandle(process.hThread);
     m_process = process.hProcess;
     m_id = process.dwProcessId;

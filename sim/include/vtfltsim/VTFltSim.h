@@ -276,7 +276,9 @@ typedef struct VTFLTSIM_CALL_FAULT {
     ULONGLONG value;
 } VTFLTSIM_CALL_FAULT;
 
-/* Adds a fault. 127 (ERROR_PROC_NOT_FOUND) for a function that is not redirected. */
+/* Adds a fault. 127 (ERROR_PROC_NOT_FOUND) for a function that is not redirected. The function L"*" stands for every
+   redirected function, but for those that allocate memory; a fault for it that refuses does not refuse to close or
+   release what is held. */
 VTFLTSIM_API DWORD WINAPI VTFltSimSetCallFault(const VTFLTSIM_CALL_FAULT* fault);
 /* The plain case: the nth matching call and the count - 1 after it fail with error. */
 VTFLTSIM_API DWORD WINAPI VTFltSimFailCall(LPCWSTR function, LPCWSTR match, DWORD nth, DWORD count, DWORD error);
@@ -317,6 +319,9 @@ VTFLTSIM_API DWORD WINAPI VTFltSimRecord(DWORD on);
    "CreateMutexW VTBitmapManager...", "DeviceIoControl \\?\Volume{...}|0xB0000002|in 0|out 64". Longer text is
    cut at the buffer. 259 behind the last. */
 VTFLTSIM_API DWORD WINAPI VTFltSimGetTrace(DWORD index, LPWSTR text, DWORD characters);
+/* The place of that call: the address behind it in the module that made it, the same for every call from there.
+   Null when it could not be found. */
+VTFLTSIM_API DWORD WINAPI VTFltSimGetTraceSite(DWORD index, LPCVOID* site);
 
 typedef struct VTFLTSIM_REQUEST {
     DWORD size; /* sizeof(VTFLTSIM_REQUEST), set by the caller */

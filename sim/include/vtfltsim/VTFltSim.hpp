@@ -12,6 +12,7 @@
 #include "vtfltsim/VTFltSim.h"
 
 #include <cstdint>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -237,6 +238,16 @@ inline std::vector<std::wstring> Trace()
     for (DWORD i = 0; VTFltSimGetTrace(i, text, 1024) == 0; ++i)
         lines.emplace_back(text);
     return lines;
+}
+
+// How many of the recorded calls came from each place.
+inline std::map<LPCVOID, DWORD> CallsBySite()
+{
+    std::map<LPCVOID, DWORD> counts;
+    LPCVOID site = nullptr;
+    for (DWORD i = 0; VTFltSimGetTraceSite(i, &site) == 0; ++i)
+        ++counts[site];
+    return counts;
 }
 
 inline std::vector<VTFLTSIM_REQUEST> Requests()

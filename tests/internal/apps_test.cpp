@@ -96,6 +96,30 @@ TEST_F(MutexGuard, TheSameThreadMayHoldANameTwiceAndGivesItUpTwice)
     EXPECT_EQ(nullptr, OpenMutexW(SYNCHRONIZE, FALSE, L"vtflt test"));
 }
 
+TEST_F(MutexGuard, GivesItsMutexUpWhenItGoes)
+{
+    const UniqueHandle other(CreateMutexW(nullptr, FALSE, L"vtflt test"));
+    {
+        CMutexController guard;
+        EXPECT_EQ(0u, guard.getAccess(L"vtflt test"));
+    }
+    DWORD wait = WAIT_FAILED;
+    std::thread([&] {
+        wait = WaitForSingleObject(other.get(), 0);
+        ReleaseMutex(other.get());
+    }).join();
+    EXPECT_EQ(static_cast<DWORD>(WAIT_OBJECT_0), wait);
+}
+
+TEST_F(MutexGuard, GivingItsMutexUpKeepsTheLastError)
+{
+    CMutexController guard;
+    EXPECT_EQ(0u, guard.getAccess(L"vtflt test"));
+    SetLastError(1234);
+    guard.release();
+    EXPECT_EQ(1234u, GetLastError());
+}
+
 TEST_F(MutexGuard, AMutexAbandonedByItsOwnerIsTakenOver)
 {
     UniqueHandle mutex(CreateMutexW(nullptr, FALSE, L"vtflt test"));
@@ -441,7 +465,9 @@ TEST_F(FolderRemoval, RefusesNullAndPathsOfLessThan9Characters)
 {
     EXPECT_EQ(0u, RemoveDirectoryTree(nullptr));
     EXPECT_EQ(0u, RemoveDirectoryTree(L""));
+    SetLastError(ERROR_SUCCESS);
     EXPECT_EQ(0u, RemoveDirectoryTree(L"C:\\12345"));
+    EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_PARAMETER), GetLastError());
 }
 
 TEST_F(FolderRemoval, AMissingFolderGives0WithTheReason)

@@ -151,6 +151,12 @@ TEST_F(ContainerReset, NegativeLengthIsInvalidData)
     ExpectGivenUp(ERROR_INVALID_DATA, LengthFailed(ERROR_INVALID_DATA));
 }
 
+TEST_F(ContainerReset, LengthThatIsNotAnsweredIsInvalidData)
+{
+    ForgeReply(GET_LENGTH, Bytes());
+    ExpectGivenUp(ERROR_INVALID_DATA, LengthFailed(ERROR_INVALID_DATA));
+}
+
 TEST_F(ContainerReset, NoMemoryForTheRecordPutsTheVolumeOnTheVerifyList)
 {
     vtfltsim::FailCall(L"calloc", ERROR_NOT_ENOUGH_MEMORY);

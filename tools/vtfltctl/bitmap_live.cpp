@@ -2,7 +2,6 @@
 
 #include "common/text.h"
 #include "common/volume_name.h"
-#include "failure.h"
 
 #include "apps/mutex_controller.h"
 #include "apps/volume_name.h"
@@ -187,7 +186,7 @@ std::unique_ptr<ByteSource> OpenFile(const std::wstring& path)
     try {
         return Open(path);
     } catch (const ReadError& error) {
-        throw Failure(IsMissing(error.Code()) ? Exit::NotFound : Exit::Unreadable, ReadErrorText(path, error));
+        throw Failure(IsMissing(error.Code()) ? Exit::NotFound : ReadErrorExit(error), ReadErrorText(path, error));
     }
 }
 
@@ -198,8 +197,13 @@ std::unique_ptr<ByteSource> OpenFileIfThere(const std::wstring& path)
     } catch (const ReadError& error) {
         if (IsMissing(error.Code()))
             return nullptr;
-        throw Failure(Exit::Unreadable, ReadErrorText(path, error));
+        throw Failure(ReadErrorExit(error), ReadErrorText(path, error));
     }
+}
+
+Exit ReadErrorExit(const ReadError& error) noexcept
+{
+    return error.Code() == WAIT_TIMEOUT ? Exit::Busy : Exit::Unreadable;
 }
 
 std::string ReadErrorText(const std::wstring& path, const ReadError& error)

@@ -3,6 +3,7 @@
 
 #include "bitmap_bytes.h"
 #include "bitmap_numbers.h"
+#include "failure.h"
 
 #include <memory>
 #include <string>
@@ -14,12 +15,13 @@ namespace vtfltctl::bitmap {
 // for each read and never while results are printed. A read then fails with ReadError 0 when the file is no longer the
 // one that was opened, and with WAIT_TIMEOUT when a backup keeps the volume's files to itself.
 //
-// Throws Failure(NotFound or Unreadable).
+// Throws Failure(NotFound, Busy or Unreadable).
 std::unique_ptr<ByteSource> OpenFile(const std::wstring& path);
 // The same, null when the file or its folder does not exist.
 std::unique_ptr<ByteSource> OpenFileIfThere(const std::wstring& path);
 
-// What a read error means to the user, a sentence with the file's name.
+// The exit code of a read error, and what it means to the user, a sentence with the file's name.
+Exit ReadErrorExit(const ReadError& error) noexcept;
 std::string ReadErrorText(const std::wstring& path, const ReadError& error);
 
 // A volume that is named by its GUID, a drive letter or a mount path, with a backslash behind it or without.

@@ -22,7 +22,8 @@ constexpr const char* FOOTER = R"(Exit codes:
   11 unreadable       a file or a registry value could not be read or written
   12 verify-required  a next backup must verify
   13 unknown          that cannot be told
-  14 not-monitored    device: the driver does not track it)";
+  14 not-monitored    device: the driver does not track it
+  15 different        bitmap diff: the two differ)";
 
 } // namespace
 
@@ -76,6 +77,8 @@ void AddCommands(CLI::App& app, Context& context)
     AddMonitorCommands(app, context);
     AddStopCommand(app, context);
     AddDeviceCommand(app, context);
+    AddBitmapCommands(app, context);
+    AddGeneratedCommands(app, context);
 }
 
 std::optional<int> ParseCommandLine(std::vector<std::string> arguments, Context& context)

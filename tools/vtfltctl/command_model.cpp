@@ -57,8 +57,9 @@ OptionModel ModelOf(const CLI::Option& option)
         model.value = Joined(model.words, "|");
         return model;
     }
-    model.value = option.get_positional() ? option.get_name(true) : typeName.substr(0, typeName.find(':'));
-    model.kind = KindOf(model.value);
+    const std::string type = typeName.substr(0, typeName.find(':'));
+    model.value = option.get_positional() ? option.get_name(true) : type;
+    model.kind = KindOf(type);
     return model;
 }
 

@@ -17,8 +17,8 @@ std::string Quoted(const std::string& text)
 // One entry of a table: a word, its kind for the shell's list, and what it means.
 std::string Entry(const std::string& word, const char* kind, const std::string& meaning)
 {
-    // An empty tool tip is refused by the shell.
-    return fmt::format("        @({}, {}, {})\n", Quoted(word), Quoted(kind), Quoted(meaning.empty() ? word : meaning));
+    // The comma keeps the shell from taking the entry's three texts for entries. An empty tool tip is refused by it.
+    return fmt::format("        , @({}, {}, {})\n", Quoted(word), Quoted(kind), Quoted(meaning.empty() ? word : meaning));
 }
 
 void AddWords(const CommandModel& command, const std::string& path, std::string& script)
@@ -62,7 +62,7 @@ constexpr const char* HEAD = R"(# PowerShell completion for vtfltctl. Load it in
 $vtfltctlWords = @{
 )";
 
-constexpr const char* BODY = R"(Register-ArgumentCompleter -Native -CommandName @('vtfltctl', 'vtfltctl.exe') -ScriptBlock {
+constexpr const char* BODY = R"($vtfltctlCompleter = {
     param($wordToComplete, $commandAst, $cursorPosition)
 
     $path = ''
@@ -83,11 +83,13 @@ constexpr const char* BODY = R"(Register-ArgumentCompleter -Native -CommandName 
         $words = $vtfltctlValues["$path $previous"]
     }
     foreach ($word in $words) {
-        if ($word[0] -like "$wordToComplete*") {
+        if ($word[0].StartsWith($wordToComplete, [System.StringComparison]::OrdinalIgnoreCase)) {
             [System.Management.Automation.CompletionResult]::new($word[0], $word[0], $word[1], $word[2])
         }
     }
 }.GetNewClosure()
+
+Register-ArgumentCompleter -Native -CommandName @('vtfltctl', 'vtfltctl.exe') -ScriptBlock $vtfltctlCompleter
 )";
 
 } // namespace

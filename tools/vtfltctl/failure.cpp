@@ -31,6 +31,8 @@ const char* OutcomeName(Exit code) noexcept
         return "unknown";
     case Exit::NotMonitored:
         return "not-monitored";
+    case Exit::Different:
+        return "different";
     }
     return "internal";
 }

@@ -22,6 +22,7 @@ enum class Exit : int {
     VerifyRequired = 12, // a next backup must verify
     Unknown = 13,        // that cannot be told
     NotMonitored = 14,   // device: the driver does not track it
+    Different = 15,      // bitmap diff: the two differ
 };
 
 // The outcome as one word, for --json.

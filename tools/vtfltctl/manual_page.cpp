@@ -85,7 +85,8 @@ void AddSynopsis(const CommandModel& command, const std::string& path, std::stri
         else if (option.required)
             line += " " + OptionText(option);
     }
-    page += line + " [" + Italic("options") + "]\n.br\n";
+    const bool first = page.ends_with(".nh\n");
+    page += (first ? "" : ".br\n") + line + " [" + Italic("options") + "]\n";
 }
 
 void AddCommand(const CommandModel& command, const std::string& path, std::string& page)

@@ -1,0 +1,185 @@
+// bitmap diff: two bitmaps held against each other.
+#include "bitmap_commands.h"
+#include "bitmap_selection.h"
+#include "extent_list.h"
+#include "output.h"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+namespace vtfltctl {
+namespace {
+
+using namespace bitmap;
+
+struct DiffOptions {
+    SelectionOptions reading;
+    std::string first;
+    std::string second;
+    bool list = false;
+    std::string start = "0";
+    std::uint64_t limit = UINT64_MAX;
+};
+
+// Two opened bitmaps that can be compared, and their bits.
+class Pair {
+public:
+    // Throws Failure.
+    explicit Pair(const DiffOptions& options)
+        : m_first(OpenPath(options.first, options.reading)), m_second(OpenPath(options.second, options.reading))
+    {
+        for (const Opened* file : {&m_first, &m_second}) {
+            if (!file->facts.Readable())
+                throw Failure(Exit::Damaged, fmt::format("{} holds no bitmap: {}", ToUtf8(file->path),
+                                                         file->facts.flaws.empty()
+                                                             ? "it has no room for a block"
+                                                             : FlawText(file->facts.flaws.front(), file->facts)));
+        }
+        // A dump without a block size takes the other's.
+        const std::uint32_t first = m_first.geometry.blockSize;
+        const std::uint32_t second = m_second.geometry.blockSize;
+        if (first != 0 && second != 0 && first != second)
+            throw Failure(Exit::Unknown, fmt::format("blocks of {} and of {} cannot be compared", SizeText(first),
+                                                     SizeText(second)));
+        m_geometry = first != 0 ? m_first.geometry : m_second.geometry;
+        m_firstBits = std::make_unique<FileBits>(*m_first.bytes, m_first.facts, BlocksOf(m_first));
+        m_secondBits = std::make_unique<FileBits>(*m_second.bytes, m_second.facts, BlocksOf(m_second));
+    }
+
+    [[nodiscard]] BitSource& First() noexcept { return *m_firstBits; }
+    [[nodiscard]] BitSource& Second() noexcept { return *m_secondBits; }
+    [[nodiscard]] const Geometry& Sizes() const noexcept { return m_geometry; }
+    [[nodiscard]] bool Sound() const noexcept
+    {
+        return VerdictOf(m_first.facts) == Verdict::Sound && VerdictOf(m_second.facts) == Verdict::Sound;
+    }
+    void WarnOfFlaws() const
+    {
+        for (const Opened* file : {&m_first, &m_second}) {
+            for (const Flaw flaw : file->facts.flaws)
+                Diagnose(fmt::format("{}: {}", ToUtf8(file->path), FlawText(flaw, file->facts)));
+        }
+    }
+
+private:
+    [[nodiscard]] std::uint64_t BlocksOf(const Opened& file) const noexcept
+    {
+        return m_geometry.volumeBytes != 0 ? m_geometry.VolumeBlocks() : file.facts.Blocks();
+    }
+
+    Opened m_first;
+    Opened m_second;
+    Geometry m_geometry;
+    std::unique_ptr<BitSource> m_firstBits;
+    std::unique_ptr<BitSource> m_secondBits;
+};
+
+Json PartJson(const Totals& totals, const Geometry& geometry)
+{
+    Json json{{"blocks", totals.Set()}, {"extents", totals.Runs()}};
+    if (geometry.blockSize != 0)
+        json["bytes"] = ChangedBytes(totals, geometry);
+    return json;
+}
+
+std::string PartText(const char* what, const Totals& totals, const Geometry& geometry)
+{
+    std::string text = fmt::format("{:<17}{} blocks", what, Grouped(totals.Set()));
+    if (geometry.blockSize != 0)
+        text += ", " + SizeText(ChangedBytes(totals, geometry));
+    if (totals.Set() != 0)
+        text += fmt::format(", in {}", CountText(totals.Runs(), "extent"));
+    return text + "\n";
+}
+
+Exit Outcome(const Pair& pair, bool same)
+{
+    if (!pair.Sound())
+        return Exit::Damaged;
+    return same ? Exit::Ok : Exit::Different;
+}
+
+Exit Summarise(const Context& context, Pair& pair)
+{
+    const Comparison comparison = Compare(pair.First(), pair.Second());
+    const bool same = comparison.onlyFirst.Set() == 0 && comparison.onlySecond.Set() == 0;
+    const Json fields{{"same", same},
+                      {"blockSize", pair.Sizes().blockSize},
+                      {"blocks", {pair.First().Blocks(), pair.Second().Blocks()}},
+                      {"onlyFirst", PartJson(comparison.onlyFirst, pair.Sizes())},
+                      {"onlySecond", PartJson(comparison.onlySecond, pair.Sizes())},
+                      {"both", PartJson(comparison.both, pair.Sizes())}};
+    std::string text = same ? "The same blocks have changed.\n" : "The changed blocks differ.\n";
+    if (pair.First().Blocks() != pair.Second().Blocks())
+        text += fmt::format("The first has {} blocks, the second {}; a block that one lacks is unchanged there.\n",
+                            Grouped(pair.First().Blocks()), Grouped(pair.Second().Blocks()));
+    text += PartText("only the first", comparison.onlyFirst, pair.Sizes());
+    text += PartText("only the second", comparison.onlySecond, pair.Sizes());
+    text += PartText("both", comparison.both, pair.Sizes());
+    return Answer(context, Outcome(pair, same), fields, text);
+}
+
+// The differences in ascending order; each side's are found by a reader of its own.
+Exit ListDifferences(const Context& context, Pair& pair, const DiffOptions& options)
+{
+    const Geometry& geometry = pair.Sizes();
+    if (geometry.blockSize == 0)
+        throw Failure(Exit::Usage, "the block size is not known: say it with --block-size, such as 64K");
+    const std::uint64_t from = SizeOption("--start", options.start) / geometry.blockSize;
+    CombinedBits onlyFirst(pair.First(), pair.Second(), CombinedBits::Rule::OnlyFirst);
+    CombinedBits onlySecond(pair.First(), pair.Second(), CombinedBits::Rule::OnlySecond);
+    RunReader firstRuns(onlyFirst, from, onlyFirst.Blocks());
+    RunReader secondRuns(onlySecond, from, onlySecond.Blocks());
+
+    ExtentList list(context, "offset,length,in", fmt::format("\"blockSize\": {},\n  ", geometry.blockSize));
+    try {
+        std::optional<Run> first = firstRuns.Next();
+        std::optional<Run> second = secondRuns.Next();
+        std::uint64_t listed = 0;
+        while (first || second) {
+            const bool takeFirst = first && (!second || first->first < second->first);
+            const Run run = takeFirst ? *first : *second;
+            const std::uint64_t offset = geometry.Offset(run.first);
+            if (listed++ == options.limit)
+                return list.End(Outcome(pair, false), true, offset);
+            if (!list.Add(offset, geometry.Offset(run.End()) - offset, takeFirst ? "first" : "second"))
+                break;
+            (takeFirst ? first : second) = (takeFirst ? firstRuns : secondRuns).Next();
+        }
+        return list.End(Outcome(pair, listed == 0), false, 0);
+    } catch (const ReadError& error) {
+        return list.Fail(ReadErrorExit(error), ReadErrorText(L"one of the files", error));
+    }
+}
+
+Exit ShowDifference(const Context& context, const DiffOptions& options)
+{
+    Pair pair(options);
+    pair.WarnOfFlaws();
+    if (options.list)
+        return ListDifferences(context, pair, options);
+    return Reading("one of the files", [&] { return Summarise(context, pair); });
+}
+
+} // namespace
+
+void AddBitmapDiff(CLI::App& group, Context& context)
+{
+    const auto options = std::make_shared<DiffOptions>();
+    CLI::App& command =
+        AddCommand(group, context, "diff", "Compare the changed blocks of two bitmap files or dumps of one volume",
+                   [&context, options] { return ShowDifference(context, *options); });
+    command.add_option("FILE1", options->first, "the first file")->type_name("FILE")->required();
+    command.add_option("FILE2", options->second, "the second file")->type_name("FILE")->required();
+    CLI::Option* const list = command.add_flag("--list", options->list, "list the differing extents instead of totals");
+    command.add_option("--start", options->start, "leave out what lies before the block at this offset")
+        ->type_name("OFFSET")
+        ->needs(list);
+    command.add_option("--limit", options->limit, "list no more than so many extents, and say where to go on")
+        ->check(CLI::NonNegativeNumber)
+        ->type_name("COUNT")
+        ->needs(list);
+    AddReading(command, options->reading);
+}
+
+} // namespace vtfltctl

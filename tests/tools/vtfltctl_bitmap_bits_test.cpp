@@ -162,8 +162,8 @@ TEST(VtfltctlBitmapGrid, CellsOfEverySample)
     for (const BlockSet& blocks : Samples()) {
         for (const std::uint64_t cells : {1U, 5U, 64U, 100U, 100000U}) {
             MemoryBits bits(blocks);
-            const Grid grid = CountGrid(
-                bits, {.cells = cells, .smallestColumns = 4, .largestColumns = 64, .widthToHeight = 16});
+            const Grid grid =
+                CountGrid(bits, {.cells = cells, .smallestColumns = 4, .largestColumns = 64, .widthToHeight = 16});
             ASSERT_LE(grid.changed.size(), cells);
             ASSERT_EQ(grid.blocks, blocks.size());
             ASSERT_EQ(grid.changed.size(), (blocks.size() + grid.blocksPerCell - 1) / grid.blocksPerCell);

@@ -88,9 +88,9 @@ TEST(VtfltctlBitmapFile, CutAtEveryLengthIsAsTheLibraryHasIt)
 
 TEST(VtfltctlBitmapFile, HeadersThatLieAreAsTheLibraryHasThem)
 {
-    const std::array<std::uint32_t, 22> words{0,  1,  3,   4,    5,    8,    15,   16,         17,         84,        87,
-                                              88, 89, 100, 4091, 4092, 4095, 4096, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFE,
-                                              0xFFFFFFFF};
+    const std::array<std::uint32_t, 22> words{0,    1,    3,          4,          5,          8,         15,   16,
+                                              17,   84,   87,         88,         89,         100,       4091, 4092,
+                                              4095, 4096, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFE, 0xFFFFFFFF};
     for (const std::uint32_t recordSize : words) {
         for (const std::uint32_t length : words) {
             Bytes bytes = RecordFile(SOME_BLOCKS);
@@ -278,16 +278,17 @@ TEST(VtfltctlBitmapName, NamesOfTheLibrary)
     parsed("e:/x/velvoltrc_BASE_App.DAT", Role::Base, "App");
     parsed("DriverBitmap-app1-20240305-070809-010.dat", Role::DriverDump, "app1", "2024-03-05T07:08:09.010");
     parsed("DriverBitmap2App-a-b-20240305-070809-010.dat", Role::ToAppDump, "a-b", "2024-03-05T07:08:09.010");
-    parsed("AppSnapChanges-20240305-070809-010-20250305-070809-011.dat", Role::SnapshotChanges,
-           "20240305-070809-010", "2025-03-05T07:08:09.011");
+    parsed("AppSnapChanges-20240305-070809-010-20250305-070809-011.dat", Role::SnapshotChanges, "20240305-070809-010",
+           "2025-03-05T07:08:09.011");
 }
 
 TEST(VtfltctlBitmapName, OtherNames)
 {
-    for (const char* path : {"", ".dat", "VelVolTrc_base_.dat", "VelVolTrc_base_app1", "VelVolTrc_base_app1.dat/",
-                             "xVelVolTrc_base_app1.dat", "DriverBitmap-app1.dat", "DriverBitmap--20240305-070809-010.dat",
-                             "DriverBitmap-20240305-070809-010.dat", "DriverBitmap-app1-2024a305-070809-010.dat",
-                             "AppSnapChanges-app1-20240305-070809-0100.dat"}) {
+    for (const char* path :
+         {"", ".dat", "VelVolTrc_base_.dat", "VelVolTrc_base_app1", "VelVolTrc_base_app1.dat/",
+          "xVelVolTrc_base_app1.dat", "DriverBitmap-app1.dat", "DriverBitmap--20240305-070809-010.dat",
+          "DriverBitmap-20240305-070809-010.dat", "DriverBitmap-app1-2024a305-070809-010.dat",
+          "AppSnapChanges-app1-20240305-070809-0100.dat"}) {
         const NameFacts facts = ParseBitmapName(path);
         const bool emptyId = std::string_view(path) == "DriverBitmap--20240305-070809-010.dat";
         EXPECT_TRUE(facts.role == Role::Unknown || emptyId) << path;

@@ -20,9 +20,8 @@ struct Decoded {
 
     [[nodiscard]] Colour At(int x, int y) const
     {
-        const std::size_t at = (static_cast<std::size_t>(y) * static_cast<std::size_t>(width) +
-                                static_cast<std::size_t>(x)) *
-                               3;
+        const std::size_t at =
+            (static_cast<std::size_t>(y) * static_cast<std::size_t>(width) + static_cast<std::size_t>(x)) * 3;
         return {pixels[at], pixels[at + 1], pixels[at + 2]};
     }
 };
@@ -173,7 +172,8 @@ TEST(VtfltctlBitmapPicture, NoBlocksAndHostileSizesAreDrawnToo)
 
     MemoryBits some{BlockSet(100, true)};
     Grid grid = CountGrid(some, PICTURE_LIMITS);
-    Caption caption{.title = std::string(5000, 'W'), .source = "\xFF\xC0\x80\xF4 bad", .geometry = {.blockSize = 0xFFFFFFFF}};
+    Caption caption{
+        .title = std::string(5000, 'W'), .source = "\xFF\xC0\x80\xF4 bad", .geometry = {.blockSize = 0xFFFFFFFF}};
     const Decoded decoded = Decode(EncodePng(DrawPicture(grid, caption).canvas));
     EXPECT_LT(decoded.width, 1400);
 }
@@ -212,13 +212,14 @@ TEST(VtfltctlBitmapPicture, SummarySaysSizesAndTotals)
     blocks[1] = blocks[2] = blocks[15] = true;
     MemoryBits bits(blocks);
     const Grid grid = CountGrid(bits, PICTURE_LIMITS);
-    EXPECT_EQ(Summary(grid, {.blockSize = 65536, .volumeBytes = 1000000}),
-              (std::vector<std::string>{"Volume of 976.56 KiB in 16 blocks of 64 KiB",
-                                        "Changed: 144.56 KiB (18.75 %): 3 blocks in 2 extents, the longest of 128 KiB"}));
+    EXPECT_EQ(
+        Summary(grid, {.blockSize = 65536, .volumeBytes = 1000000}),
+        (std::vector<std::string>{"Volume of 976.56 KiB in 16 blocks of 64 KiB",
+                                  "Changed: 144.56 KiB (18.75 %): 3 blocks in 2 extents, the longest of 128 KiB"}));
     EXPECT_EQ(Summary(grid, {.blockSize = 65536})[0], "Covers 1 MiB in 16 blocks of 64 KiB");
-    EXPECT_EQ(Summary(grid, {}), (std::vector<std::string>{
-                                     "16 blocks of unknown size",
-                                     "Changed: 3 blocks (18.75 %) in 2 extents, the longest of 2 blocks"}));
+    EXPECT_EQ(Summary(grid, {}),
+              (std::vector<std::string>{"16 blocks of unknown size",
+                                        "Changed: 3 blocks (18.75 %) in 2 extents, the longest of 2 blocks"}));
     EXPECT_EQ(ChangedBytes(grid.totals, {.blockSize = 65536, .volumeBytes = 1000000}), 2 * 65536U + 1000000 - 983040);
     EXPECT_EQ(ChangedBytes(grid.totals, {.blockSize = 65536}), 3 * 65536U);
 }

@@ -39,8 +39,8 @@ public:
         const std::uint32_t first = m_first.geometry.blockSize;
         const std::uint32_t second = m_second.geometry.blockSize;
         if (first != 0 && second != 0 && first != second)
-            throw Failure(Exit::Unknown, fmt::format("blocks of {} and of {} cannot be compared", SizeText(first),
-                                                     SizeText(second)));
+            throw Failure(Exit::Unknown,
+                          fmt::format("blocks of {} and of {} cannot be compared", SizeText(first), SizeText(second)));
         m_geometry = first != 0 ? m_first.geometry : m_second.geometry;
         m_firstBits = std::make_unique<FileBits>(*m_first.bytes, m_first.facts, BlocksOf(m_first));
         m_secondBits = std::make_unique<FileBits>(*m_second.bytes, m_second.facts, BlocksOf(m_second));

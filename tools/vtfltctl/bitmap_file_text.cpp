@@ -87,8 +87,9 @@ std::string FlawText(Flaw flaw, const FileFacts& facts)
         return fmt::format("\"ACDE\" does not stand at the end of the {} bytes that its header speaks of",
                            facts.recordSize);
     case Flaw::BitmapMissing:
-        return fmt::format("its header claims {} bitmap bytes, of which {} are not in the record: they count as changed",
-                           facts.bitmapLength, facts.missingBytes);
+        return fmt::format(
+            "its header claims {} bitmap bytes, of which {} are not in the record: they count as changed",
+            facts.bitmapLength, facts.missingBytes);
     case Flaw::RecordSizeOdd:
         return fmt::format("a bitmap of {} bytes does not have a record of {}", facts.bitmapLength, facts.recordSize);
     case Flaw::BlockSizeInvalid:

@@ -24,8 +24,8 @@ Json TotalsJson(const Totals& totals, const Geometry& geometry)
 
 std::string TotalsText(const Totals& totals, std::uint64_t blocks, const Geometry& geometry)
 {
-    std::string text = fmt::format("  changed        {} blocks ({})", Grouped(totals.Set()),
-                                   ShareText(totals.Set(), blocks));
+    std::string text =
+        fmt::format("  changed        {} blocks ({})", Grouped(totals.Set()), ShareText(totals.Set(), blocks));
     if (geometry.blockSize != 0)
         text += ", " + SizeText(ChangedBytes(totals, geometry));
     text += "\n  extents        " + Grouped(totals.Runs());

@@ -29,8 +29,12 @@ bool ColourIsUnwanted() noexcept
 
 Json GridJson(const Grid& grid, const Geometry& geometry)
 {
-    Json json{{"blocks", grid.blocks},       {"blockSize", geometry.blockSize}, {"blocksPerCell", grid.blocksPerCell},
-              {"columns", grid.columns},     {"rows", grid.rows},               {"changedBlocks", grid.totals.Set()},
+    Json json{{"blocks", grid.blocks},
+              {"blockSize", geometry.blockSize},
+              {"blocksPerCell", grid.blocksPerCell},
+              {"columns", grid.columns},
+              {"rows", grid.rows},
+              {"changedBlocks", grid.totals.Set()},
               {"extents", grid.totals.Runs()}};
     if (geometry.blockSize != 0)
         json["changedBytes"] = ChangedBytes(grid.totals, geometry);
@@ -82,8 +86,9 @@ void AddBitmapMap(CLI::App& group, Context& context)
                                    [&context, options] { return DrawMap(context, *options); });
     AddSelection(command, options->selection);
     CLI::Option* const png = command.add_option("--png", options->png, "write a PNG file")->type_name("FILE");
-    CLI::Option* const ansi = command.add_flag("--ansi", options->ansi, "draw on the terminal, in 24-bit colour; in "
-                                                                        "characters where NO_COLOR is set");
+    CLI::Option* const ansi = command.add_flag("--ansi", options->ansi,
+                                               "draw on the terminal, in 24-bit colour; in "
+                                               "characters where NO_COLOR is set");
     ansi->excludes(png);
     command.add_option("--columns", options->columns, "columns of the picture on the terminal")
         ->check(CLI::IsMember(std::vector<std::uint64_t>{32, 64, 128, 256}))

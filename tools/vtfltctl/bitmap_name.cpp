@@ -50,8 +50,7 @@ std::string StampText(std::string_view stamp)
 NameFacts ParseBitmapName(std::string_view path)
 {
     std::string_view name = path.substr(path.find_last_of("/\\") + 1);
-    if (name.size() < EXTENSION.size() ||
-        !EqualIgnoringCase(name.substr(name.size() - EXTENSION.size()), EXTENSION))
+    if (name.size() < EXTENSION.size() || !EqualIgnoringCase(name.substr(name.size() - EXTENSION.size()), EXTENSION))
         return {};
     name.remove_suffix(EXTENSION.size());
 

@@ -81,8 +81,8 @@ std::optional<std::uint64_t> ParseSize(std::string_view text)
     if (unit.empty())
         return number;
 
-    const char letter = unit.front() >= 'a' && unit.front() <= 'z' ? static_cast<char>(unit.front() - 'a' + 'A')
-                                                                   : unit.front();
+    const char letter =
+        unit.front() >= 'a' && unit.front() <= 'z' ? static_cast<char>(unit.front() - 'a' + 'A') : unit.front();
     const std::size_t power = UNIT_LETTERS.find(letter);
     unit.remove_prefix(1);
     const bool known = unit.empty() || unit == "iB" || unit == "ib" || unit == "B" || unit == "b";

@@ -28,10 +28,8 @@ std::vector<std::string> Summary(const Grid& grid, const Geometry& geometry);
 // What a cell and a row stand for.
 std::string CellText(const Grid& grid, const Geometry& geometry);
 
-inline constexpr GridLimits PICTURE_LIMITS{.cells = 512 * 320,
-                                           .smallestColumns = 32,
-                                           .largestColumns = 512,
-                                           .widthToHeight = 16};
+inline constexpr GridLimits PICTURE_LIMITS{
+    .cells = 512 * 320, .smallestColumns = 32, .largestColumns = 512, .widthToHeight = 16};
 
 // A mark at a block, on an axis with a mark at every so many blocks.
 std::string MarkAt(std::uint64_t block, std::uint64_t step, const Geometry& geometry);

@@ -35,8 +35,7 @@ std::uint32_t BlockSizeBeside(const Opened& dump)
 {
     const std::size_t folderEnd = dump.path.find_last_of(L"\\/") + 1; // 0 when there is no folder
     for (const wchar_t* start : {L"VelVolTrc_base_", L"VelVolTrc_child_"}) {
-        const std::wstring path =
-            dump.path.substr(0, folderEnd) + start + ToWide(dump.name.application) + L".dat";
+        const std::wstring path = dump.path.substr(0, folderEnd) + start + ToWide(dump.name.application) + L".dat";
         const std::unique_ptr<ByteSource> file = OpenFileIfThere(path);
         if (file == nullptr)
             continue;
@@ -132,14 +131,17 @@ Selection SelectVolume(const SelectionOptions& options)
 void AddReading(CLI::App& command, SelectionOptions& options)
 {
     command.add_flag("--dump", options.dump, "the file is a diagnostic dump, whatever its name");
-    command.add_option("--block-size", options.blockSize,
-                       "block size of a dump, such as 64K; without it, that of the bitmap files beside it")
+    command
+        .add_option("--block-size", options.blockSize,
+                    "block size of a dump, such as 64K; without it, that of the bitmap files beside it")
         ->type_name("SIZE");
-    command.add_option("--volume-size", options.volumeSize,
-                       "size of the volume, such as 1T; without it a file shows all blocks that it has room for")
+    command
+        .add_option("--volume-size", options.volumeSize,
+                    "size of the volume, such as 1T; without it a file shows all blocks that it has room for")
         ->type_name("SIZE");
-    command.add_option("--buffer-header", options.leadBytes,
-                       "bytes at the start of the bitmap that belong to the get-bitmap buffer's header")
+    command
+        .add_option("--buffer-header", options.leadBytes,
+                    "bytes at the start of the bitmap that belong to the get-bitmap buffer's header")
         ->check(CLI::IsMember(std::vector<std::uint32_t>{0, LEAD_BYTES}))
         ->type_name("");
 }
@@ -247,8 +249,7 @@ SelectedBits::SelectedBits(Selection& selection)
     if (m_sources.empty())
         throw Failure(Exit::Damaged, fmt::format("{} holds no bitmap", selection.source));
     if (m_sources.size() == 2)
-        m_sources.push_back(
-            std::make_unique<CombinedBits>(*m_sources[0], *m_sources[1], CombinedBits::Rule::Either));
+        m_sources.push_back(std::make_unique<CombinedBits>(*m_sources[0], *m_sources[1], CombinedBits::Rule::Either));
 }
 
 BitSource& SelectedBits::Bits() noexcept
@@ -260,8 +261,9 @@ std::uint64_t SizeOption(const char* name, const std::string& text)
 {
     const std::optional<std::uint64_t> size = ParseSize(text);
     if (!size)
-        throw Failure(Exit::Usage, fmt::format("{}: {} is no size; write a number of bytes, or one with K, M, G, T or P",
-                                               name, Quoted(ToWide(text))));
+        throw Failure(Exit::Usage,
+                      fmt::format("{}: {} is no size; write a number of bytes, or one with K, M, G, T or P", name,
+                                  Quoted(ToWide(text))));
     return *size;
 }
 

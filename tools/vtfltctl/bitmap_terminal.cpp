@@ -99,10 +99,7 @@ private:
         m_text += "\n";
     }
 
-    [[nodiscard]] bool IsMissing(std::size_t cell) const
-    {
-        return cell * m_grid.blocksPerCell >= m_caption.heldBlocks;
-    }
+    [[nodiscard]] bool IsMissing(std::size_t cell) const { return cell * m_grid.blocksPerCell >= m_caption.heldBlocks; }
 
     [[nodiscard]] Colour CellColour(std::size_t cell) const
     {

@@ -45,7 +45,7 @@ void AddDeviceCommand(CLI::App& app, Context& context);   // device_command.cpp
 void AddDoctorCommand(CLI::App& app, Context& context);   // doctor_command.cpp
 
 // What bitmap files hold.
-void AddBitmapCommands(CLI::App& app, Context& context);   // bitmap_commands.cpp
+void AddBitmapCommands(CLI::App& app, Context& context); // bitmap_commands.cpp
 
 // What is generated from the commands themselves.
 void AddGeneratedCommands(CLI::App& app, Context& context); // generated_commands.cpp

@@ -18,7 +18,8 @@ std::string Quoted(const std::string& text)
 std::string Entry(const std::string& word, const char* kind, const std::string& meaning)
 {
     // The comma keeps the shell from taking the entry's three texts for entries. An empty tool tip is refused by it.
-    return fmt::format("        , @({}, {}, {})\n", Quoted(word), Quoted(kind), Quoted(meaning.empty() ? word : meaning));
+    return fmt::format("        , @({}, {}, {})\n", Quoted(word), Quoted(kind),
+                       Quoted(meaning.empty() ? word : meaning));
 }
 
 void AddWords(const CommandModel& command, const std::string& path, std::string& script)

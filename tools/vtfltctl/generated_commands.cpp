@@ -28,12 +28,11 @@ Exit AnswerGenerated(const Context& context, const std::string& text)
 void AddGeneratedCommands(CLI::App& app, Context& context)
 {
     const auto shell = std::make_shared<std::string>();
-    CLI::App& completion = AddCommand(app, context, "completion", "Print a script that completes commands in a shell",
-                                      [&context, shell] {
-                                          const bool bash = *shell == "bash";
-                                          return AnswerGenerated(context, bash ? BashCompletion(Program())
-                                                                               : PowerShellCompletion(Program()));
-                                      });
+    CLI::App& completion =
+        AddCommand(app, context, "completion", "Print a script that completes commands in a shell", [&context, shell] {
+            const bool bash = *shell == "bash";
+            return AnswerGenerated(context, bash ? BashCompletion(Program()) : PowerShellCompletion(Program()));
+        });
     completion.add_option("SHELL", *shell, "the shell")
         ->required()
         ->check(CLI::IsMember(std::vector<std::string>{"bash", "powershell"}))

@@ -3,6 +3,7 @@
 #include "double/file_system.h"
 
 #include <cstdio>
+#include <functional>
 #include <sys/resource.h>
 
 using namespace vtdouble;
@@ -78,6 +79,38 @@ void DoubleListOpen()
 std::size_t DoubleDropUnsynced()
 {
     return DropUnsynced(*RootFolder());
+}
+
+namespace {
+
+void ForEachFile(Node& node, const std::function<void(Contents&)>& work)
+{
+    if (node.contents != nullptr)
+        work(*node.contents);
+    for (const auto& [name, child] : node.children)
+        ForEachFile(*child, work);
+}
+
+} // namespace
+
+void DoubleSyncBelow(const wchar_t* folder)
+{
+    const Place place = Resolve(folder, true);
+    if (place.node != nullptr)
+        ForEachFile(*place.node, [](Contents& contents) { contents.Sync(); });
+}
+
+void DoubleLoseBelow(const wchar_t* folder, std::uint64_t seed)
+{
+    const Place place = Resolve(folder, true);
+    if (place.node == nullptr)
+        return;
+    ForEachFile(*place.node, [&](Contents& contents) {
+        if (contents.HasUnsynced() && seed != 0)
+            contents.TearUnsynced(seed);
+        else
+            contents.DropUnsynced();
+    });
 }
 
 std::uint64_t DoubleTime()

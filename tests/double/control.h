@@ -25,6 +25,27 @@ DOUBLE_CONTROL DoubleOpen DoubleCountOpen();
 // Writes one line for each open handle, key and view to the standard error.
 DOUBLE_CONTROL void DoubleListOpen();
 
+// A process without a program of its own: it shares the modules and variables of the one that makes it, and has handles,
+// mutexes and an account of the heap for itself. Work of it is done on the calling thread, between its beginning and its
+// end here; so thousands of processes can live and die within a second. A handle's value is never that of another's.
+class DoubleGuest;
+DOUBLE_CONTROL DoubleGuest* DoubleMakeGuest();
+// False when the work ended the process (TerminateProcess): then it did not come to its end, nothing was unwound, and the
+// process's handles are closed and its mutexes abandoned.
+DOUBLE_CONTROL bool DoubleRunGuest(DoubleGuest* guest, void (*work)(void*), void* argument);
+struct DoubleLeft {
+    DoubleOpen open;         // what the process had not closed
+    std::size_t allocations; // of the program's own code, library included
+    std::size_t bytes;
+};
+// Gives back what the process left behind, and says what it was.
+DOUBLE_CONTROL DoubleLeft DoubleEndGuest(DoubleGuest* guest);
+
+// All that is written so far to the files below a folder reaches the disk.
+DOUBLE_CONTROL void DoubleSyncBelow(const wchar_t* folder);
+// The power goes. Of what was written to the files below a folder and not synchronised, nothing is there (seed 0), or each
+// sector of 512 bytes and each file's length is as it was or as it is, as the seed chooses.
+DOUBLE_CONTROL void DoubleLoseBelow(const wchar_t* folder, std::uint64_t seed);
 // The power goes: what was written to files and not flushed is as it was before. Gives the number of files that changed.
 DOUBLE_CONTROL std::size_t DoubleDropUnsynced();
 // Milliseconds of virtual time since the start.

@@ -149,6 +149,7 @@ if(NOT VT_SANITIZERS STREQUAL thread) # these have nothing that runs at the same
     vt_add_double_program(fault_tests LINKED ${fault_sources} ${support_sources})
     vt_add_double_test(double.fault_tests fault_tests)
     list(APPEND users_of_children internal_tests fault_tests)
+    include(proof/proof.cmake)
 endif()
 
 foreach(source IN LISTS child_sources)

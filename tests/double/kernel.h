@@ -222,6 +222,7 @@ public:
     Text directory; // C:\x, no end
     std::string suffix; // what its copies of the modules carry in their names
     bool dead = false;
+    Process* host = nullptr; // of a guest: whose modules it shares, and so the handles that these keep in variables
     unsigned badCloses = 0;
 
     HANDLE Open(ObjectRef object, DWORD access, bool isKey = false);

@@ -100,6 +100,32 @@ void Contents::DropUnsynced()
     }
 }
 
+void Contents::TearUnsynced(std::uint64_t& seed)
+{
+    constexpr std::size_t SECTOR = 512;
+    const auto coin = [&seed] {
+        seed = seed * 6364136223846793005ull + 1442695040888963407ull;
+        return (seed >> 40 & 1) != 0;
+    };
+    std::vector<unsigned char> now(static_cast<std::size_t>(m_size));
+    Read(0, now.data(), now.size());
+    std::vector<unsigned char> before = now;
+    before.resize(static_cast<std::size_t>(m_syncedSize));
+    for (const auto& [page, bytes] : m_before) {
+        for (std::size_t i = 0; i < bytes.size() && page * PAGE + i < before.size(); ++i)
+            before[static_cast<std::size_t>(page * PAGE) + i] = bytes[i];
+    }
+    std::vector<unsigned char> torn(coin() ? now.size() : before.size());
+    for (std::size_t start = 0; start < torn.size(); start += SECTOR) {
+        const std::vector<unsigned char>& from = coin() ? now : before;
+        for (std::size_t i = start; i < std::min(start + SECTOR, torn.size()); ++i)
+            torn[i] = i < from.size() ? from[i] : 0;
+    }
+    if (!Resize(torn.size()) || !Write(0, torn.data(), torn.size()))
+        Die("contents could not be torn");
+    Sync();
+}
+
 std::shared_ptr<Mapping> Mapping::Make(HANDLE file, DWORD protection, std::uint64_t size)
 {
     const bool reserved = (protection & SEC_RESERVE) != 0;

@@ -23,6 +23,8 @@ public:
     // What Sync was not called for since is lost. A write through a view counts as synchronised.
     void Sync();
     void DropUnsynced();
+    // Of what was not synchronised, each sector and the length are as they were or as they are now, as the seed chooses.
+    void TearUnsynced(std::uint64_t& seed);
     bool HasUnsynced() const noexcept { return m_size != m_syncedSize || !m_before.empty(); }
 
 private:

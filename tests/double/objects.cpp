@@ -162,6 +162,8 @@ HANDLE Process::Open(ObjectRef opened, DWORD access, bool isKey)
 HandleEntry* Process::Find(HANDLE handle)
 {
     const auto found = handles.find(reinterpret_cast<std::uintptr_t>(handle));
+    if (found == handles.end() && host != nullptr)
+        return host->Find(handle);
     return found != handles.end() ? &found->second : nullptr;
 }
 

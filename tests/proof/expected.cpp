@@ -1,0 +1,100 @@
+#include "proof/expected.h"
+
+#include <algorithm>
+
+namespace vtproof {
+
+Expected::Expected(std::size_t applications, const std::vector<std::size_t>& volumeGrains)
+{
+    for (const std::size_t grains : volumeGrains)
+        m_volumes.emplace_back(grains, 0);
+    m_backups.assign(applications, std::vector<Backup>(m_volumes.size()));
+}
+
+void Expected::Write(std::size_t volume, std::size_t first, std::size_t count)
+{
+    ++m_clock;
+    Grains& grains = m_volumes[volume];
+    const std::size_t end = std::min(first + count, grains.size());
+    for (std::size_t grain = first; grain < end; ++grain)
+        grains[grain] = m_clock;
+}
+
+void Expected::Resize(std::size_t volume, std::size_t grains)
+{
+    ++m_clock;
+    m_volumes[volume].resize(grains, m_clock);
+}
+
+std::string Expected::TakeReported(std::size_t application, std::size_t volume, const Grains& snapshot,
+                                   const Reported& reported)
+{
+    Backup& backup = At(application, volume);
+    if (backup.grains.size() != snapshot.size())
+        return "an incremental backup of a volume whose length changed";
+    for (std::size_t grain = 0; grain < snapshot.size(); ++grain) {
+        const std::size_t block = grain / reported.grainsPerBlock;
+        if (block < reported.blocks.size() && reported.blocks[block])
+            backup.grains[grain] = snapshot[grain];
+    }
+    for (std::size_t grain = 0; grain < snapshot.size(); ++grain) {
+        if (backup.grains[grain] == snapshot[grain])
+            continue;
+        return "LOST: grain " + std::to_string(grain) + " (block " + std::to_string(grain / reported.grainsPerBlock) +
+               ") of volume " + std::to_string(volume) + " was written at " + std::to_string(snapshot[grain]) +
+               ", application " + std::to_string(application) + " still has " + std::to_string(backup.grains[grain]);
+    }
+    backup.handedBack.clear();
+    return {};
+}
+
+void Expected::TakeAll(std::size_t application, std::size_t volume, const Grains& snapshot)
+{
+    Backup& backup = At(application, volume);
+    backup.grains = snapshot;
+    backup.handedBack.clear();
+}
+
+void Expected::WriteIntoBackup(std::size_t application, std::size_t volume, std::size_t first, std::size_t count)
+{
+    ++m_clock;
+    Backup& backup = At(application, volume);
+    const std::size_t end = std::min(first + count, backup.grains.size());
+    for (std::size_t grain = first; grain < end; ++grain) {
+        backup.grains[grain] = m_clock;
+        backup.handedBack.push_back(grain);
+    }
+}
+
+void Expected::DropBackups(std::size_t application)
+{
+    for (Backup& backup : m_backups[application])
+        backup = Backup();
+}
+
+std::string Expected::CheckNothingElse(std::size_t application, std::size_t volume, const Reported& reported) const
+{
+    const Backup& backup = At(application, volume);
+    const Grains& grains = m_volumes[volume];
+    // By block, with one block of room on either side.
+    std::vector<bool> allowed(reported.blocks.size() + 2);
+    const auto mark = [&](std::size_t grain) {
+        const std::size_t block = grain / reported.grainsPerBlock;
+        for (std::size_t at = block; at <= block + 2 && at < allowed.size(); ++at)
+            allowed[at] = true;
+    };
+    for (std::size_t grain = 0; grain < grains.size(); ++grain) {
+        if (grains[grain] > backup.clean)
+            mark(grain);
+    }
+    for (const std::size_t grain : backup.handedBack)
+        mark(grain);
+    for (std::size_t block = 0; block < reported.blocks.size(); ++block) {
+        if (reported.blocks[block] && !allowed[block + 1])
+            return "block " + std::to_string(block) + " of volume " + std::to_string(volume) +
+                   " is reported to application " + std::to_string(application) + " and nobody wrote near it";
+    }
+    return {};
+}
+
+} // namespace vtproof

@@ -1,0 +1,89 @@
+// What happens in a history, as data: it can be chosen by a seed, written down, taken out and run again.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace vtproof {
+
+enum class Do : std::uint8_t {
+    Write,         // volume, a: first grain, b: count
+    Register,      // application
+    Unregister,    // application
+    Begin,         // application, volume: up to the snapshot
+    Fetch,         // application: the bitmap of the volume that it began
+    Finish,        // application; b > 0: the snapshot itself was changed in b grains from a; then the report of success
+    Abandon,       // application: ends what it began without a report
+    Backup,        // application, volume, a, b: Begin, Fetch and Finish
+    Crash,         // application: its process ends as it is
+    LoseTracking,  // volume
+    Resize,        // volume, a: grains
+    SetBlockSize,  // volume, a: bytes
+    Damage,        // application, volume, a: 0 child or 1 base, b: see DAMAGES
+    PowerCut,      // a: 0 everything written is there, 1 nothing is, else torn by this seed
+    StopDriver,    //
+    StartDriver,   //
+    StopVolume,    // application, volume
+    StopVolumes,   // application
+    StartTracking, // volume
+    MarkAll,       // application: every volume on its verify list
+    Monitor,       // application, a: 1 on, 0 off
+    Ask,           // application, volume: the questions that change nothing
+    Count
+};
+
+inline constexpr const char* DAMAGES[] = {"deleted", "emptied", "cut to its header", "without signature",
+                                          "without trailer", "cut short"};
+inline constexpr std::uint32_t DAMAGE_COUNT = 6;
+inline constexpr std::uint32_t CUT_SHORT = 5; // stands in every application's way until somebody deletes the file
+
+// What goes wrong while an operation runs; counted over the calls that the operation makes.
+struct Fault {
+    enum class How : std::uint8_t {
+        None,
+        Fail,        // the nth call fails with the error
+        FailOn,      // and so do all behind it
+        FailAfter,   // the nth call is done, and says that it failed
+        Short,       // the nth WriteFile writes error bytes only
+        NoMemory,    // the nth allocation
+        NoMemoryOn,  // and all behind it
+        DieBefore,   // the process ends before the nth call
+        DieAfter,    // or behind it
+        DieInWrite,  // or when the nth WriteFile has written error bytes
+        Count
+    };
+    How how = How::None;
+    std::uint32_t nth = 1;
+    std::uint32_t error = 0;
+};
+
+struct Operation {
+    Do what = Do::Ask;
+    std::uint32_t application = 0;
+    std::uint32_t volume = 0;
+    std::uint32_t a = 0;
+    std::uint32_t b = 0;
+    std::vector<Fault> faults;
+};
+
+struct VolumeShape {
+    std::uint32_t grains = 0;
+    std::uint32_t blockSize = 0;
+};
+
+struct History {
+    std::vector<VolumeShape> volumes;
+    std::vector<Operation> operations;
+};
+
+inline constexpr std::uint32_t APPLICATIONS = 3;
+
+// "machine 300:512 8192:1024; register 0; backup 0 1 0 0 !fail 17 5; ..."
+std::string ToText(const Operation& operation);
+std::string ToText(const History& history);
+std::optional<History> ParseHistory(std::string_view text);
+
+} // namespace vtproof

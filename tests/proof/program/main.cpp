@@ -1,0 +1,140 @@
+// vtfltproof: long runs of the proof that no change is lost.
+//
+//     double_host vtfltproof.exe histories [--seed S] [--histories N] [--minutes M] [--part I/N]
+//     double_host vtfltproof.exe replay "machine 300:512; register 0; ..."
+#include "proof/random_history.h"
+#include "proof/world.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace vtproof {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Options {
+    std::uint64_t seed = 1;
+    std::uint64_t count = 10'000;
+    double minutes = 0; // 0: as many as count says
+    std::uint64_t part = 0;
+    std::uint64_t parts = 1;
+};
+
+double SecondsSince(Clock::time_point start)
+{
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// One line that is written again and again.
+class Progress {
+public:
+    explicit Progress(const Options& options) : m_options(options) {}
+    bool Goes(std::uint64_t done)
+    {
+        const double elapsed = SecondsSince(m_start);
+        const bool byTime = m_options.minutes > 0;
+        const double share = byTime ? elapsed / (m_options.minutes * 60)
+                                    : static_cast<double>(done) / static_cast<double>(m_options.count);
+        if (m_options.part == 0 && elapsed >= m_next) {
+            m_next = elapsed + 2;
+            const double left = share > 0 ? elapsed / share - elapsed : 0;
+            std::fprintf(stderr, "%llu done, %.0f a second, %.0f %%, %.0f s left\n",
+                         static_cast<unsigned long long>(done), static_cast<double>(done) / elapsed, share * 100, left);
+        }
+        return share < 1;
+    }
+    double Seconds() const { return SecondsSince(m_start); }
+
+private:
+    const Options& m_options;
+    Clock::time_point m_start = Clock::now();
+    double m_next = 2;
+};
+
+int Report(const History& history, const std::string& wrong)
+{
+    std::fprintf(stderr, "broken: %s\n", wrong.c_str());
+    const History shortest = Shrink(history, [](const History& one) { return !RunHistory(one).empty(); });
+    std::fprintf(stderr, "%zu operations are left: %s\nrun it again with\n    ./dev sim --replay \"%s\"\n",
+                 shortest.operations.size(), RunHistory(shortest).c_str(), ToText(shortest).c_str());
+    return 1;
+}
+
+int Histories(const Options& options)
+{
+    Progress progress(options);
+    std::uint64_t done = 0;
+    std::uint64_t traces = 0;
+    for (; progress.Goes(done); ++done) {
+        const std::uint64_t seed = options.seed + options.part + done * options.parts;
+        const History history = ChooseHistory(seed);
+        std::uint64_t trace = 0;
+        const std::string wrong = RunHistory(history, &trace);
+        traces = (traces ^ trace) * 0x100000001b3ull;
+        if (!wrong.empty()) {
+            std::fprintf(stderr, "seed %llu\n", static_cast<unsigned long long>(seed));
+            return Report(history, wrong);
+        }
+    }
+    std::fprintf(stderr, "%llu histories from seed %llu, %.0f s, none broken, trace %016llx\n",
+                 static_cast<unsigned long long>(done), static_cast<unsigned long long>(options.seed + options.part),
+                 progress.Seconds(), static_cast<unsigned long long>(traces));
+    return 0;
+}
+
+int Replay(const char* text)
+{
+    const auto history = ParseHistory(text);
+    if (!history) {
+        std::fputs("that is no history\n", stderr);
+        return 2;
+    }
+    std::uint64_t trace = 0;
+    const std::string wrong = RunHistory(*history, &trace, true);
+    std::fprintf(stderr, "%s, trace %016llx\n", wrong.empty() ? "nothing is wrong" : wrong.c_str(),
+                 static_cast<unsigned long long>(trace));
+    return wrong.empty() ? 0 : 1;
+}
+
+bool Parse(int argc, char** argv, Options& options)
+{
+    for (int i = 2; i + 1 < argc; i += 2) {
+        const std::string name = argv[i];
+        char* rest = nullptr;
+        if (name == "--seed")
+            options.seed = std::strtoull(argv[i + 1], &rest, 0);
+        else if (name == "--histories")
+            options.count = std::strtoull(argv[i + 1], &rest, 0);
+        else if (name == "--minutes")
+            options.minutes = std::strtod(argv[i + 1], &rest);
+        else if (name == "--part") {
+            options.part = std::strtoull(argv[i + 1], &rest, 0);
+            options.parts = *rest == '/' ? std::strtoull(rest + 1, &rest, 0) : 0;
+        } else
+            return false;
+        if (*rest != '\0' || options.parts == 0 || options.count == 0)
+            return false;
+    }
+    return argc % 2 == 0;
+}
+
+} // namespace
+} // namespace vtproof
+
+int main(int argc, char** argv)
+{
+    using namespace vtproof;
+    Options options;
+    if (argc == 3 && std::strcmp(argv[1], "replay") == 0)
+        return Replay(argv[2]);
+    if (argc >= 2 && std::strcmp(argv[1], "histories") == 0 && Parse(argc, argv, options))
+        return Histories(options);
+    std::fputs("vtfltproof histories [--seed S] [--histories N] [--minutes M] [--part I/N]\n"
+               "vtfltproof replay \"machine ...\"\n",
+               stderr);
+    return 2;
+}

@@ -1,0 +1,14 @@
+# The proof that no change is lost: proof_tests is what fits into the tests, vtfltproof the long runs.
+vt_glob(proof_sources proof/*.cpp)
+vt_glob(proof_test_sources proof/tests/*.cpp)
+vt_glob(proof_program_sources proof/program/*.cpp)
+
+vt_add_module(vtfltproof.p0000 exe ${proof_sources} ${proof_program_sources})
+target_include_directories(vtfltproof.p0000 PRIVATE "${CMAKE_CURRENT_SOURCE_DIR}" "${PROJECT_SOURCE_DIR}/src"
+    "${PROJECT_SOURCE_DIR}/include")
+target_link_libraries(vtfltproof.p0000 PRIVATE VTFltSim.p0000 double_library)
+target_link_options(vtfltproof.p0000 PRIVATE -Wl,-u,main)
+add_dependencies(vtfltproof.p0000 double_host)
+
+vt_add_double_program(proof_tests LINKED ${proof_sources} ${proof_test_sources})
+vt_add_double_test(double.proof_tests proof_tests)

@@ -1,0 +1,215 @@
+#include "proof/random_history.h"
+
+#include <algorithm>
+
+namespace vtproof {
+
+namespace {
+
+struct Weight {
+    Do what;
+    std::uint32_t weight;
+};
+
+// What happens on a machine on which nothing goes wrong.
+constexpr Weight CALM[] = {{Do::Write, 40}, {Do::Backup, 24}, {Do::Begin, 8},  {Do::Fetch, 8},  {Do::Finish, 8},
+                           {Do::Abandon, 1}, {Do::Register, 4}, {Do::Monitor, 2}, {Do::Ask, 2}};
+// And on one on which everything does.
+constexpr Weight WILD[] = {{Do::Write, 40},       {Do::Backup, 24},       {Do::Begin, 8},        {Do::Fetch, 8},
+                           {Do::Finish, 8},       {Do::Abandon, 3},       {Do::Register, 4},     {Do::Unregister, 2},
+                           {Do::Crash, 3},        {Do::LoseTracking, 3},  {Do::Resize, 2},       {Do::SetBlockSize, 2},
+                           {Do::Damage, 4},       {Do::PowerCut, 2},      {Do::StopDriver, 1},   {Do::StartDriver, 2},
+                           {Do::StopVolume, 1},   {Do::StopVolumes, 1},   {Do::StartTracking, 2}, {Do::MarkAll, 1},
+                           {Do::Monitor, 2},      {Do::Ask, 2}};
+
+constexpr std::uint32_t ERRORS[] = {2, 3, 5, 6, 8, 13, 31, 32, 87, 112, 122, 234, 1450, 1359};
+
+template <std::size_t N>
+Do Choose(Dice& dice, const Weight (&weights)[N])
+{
+    std::uint32_t sum = 0;
+    for (const Weight& one : weights)
+        sum += one.weight;
+    std::uint32_t at = dice.Below(sum);
+    for (const Weight& one : weights) {
+        if (at < one.weight)
+            return one.what;
+        at -= one.weight;
+    }
+    return Do::Ask;
+}
+
+std::uint32_t ChooseGrains(Dice& dice)
+{
+    return 20 + dice.Below(dice.OneIn(3) ? 900 : 200);
+}
+
+std::uint32_t ChooseBlockSize(Dice& dice)
+{
+    return 512u << dice.Below(4);
+}
+
+// Whether a fault can strike: the operation calls the library.
+bool Calls(Do what)
+{
+    switch (what) {
+    case Do::Write:
+    case Do::Crash:
+    case Do::LoseTracking:
+    case Do::Resize:
+    case Do::SetBlockSize:
+    case Do::Damage:
+    case Do::PowerCut:
+    case Do::StopDriver:
+    case Do::StartDriver:
+    case Do::StartTracking:
+        return false;
+    default:
+        return true;
+    }
+}
+
+Operation ChooseOperation(Dice& dice, const std::vector<VolumeShape>& volumes, bool calm)
+{
+    Operation operation;
+    operation.what = calm ? Choose(dice, CALM) : Choose(dice, WILD);
+    operation.application = dice.Below(APPLICATIONS);
+    operation.volume = dice.Below(static_cast<std::uint32_t>(volumes.size()));
+    switch (operation.what) {
+    case Do::Write:
+        operation.a = dice.Below(volumes[operation.volume].grains);
+        operation.b = dice.OneIn(4) ? dice.Below(64) : 0;
+        break;
+    case Do::Backup:
+    case Do::Finish:
+        if (dice.OneIn(4)) {
+            operation.a = dice.Below(volumes[operation.volume].grains);
+            operation.b = 1 + dice.Below(8);
+        }
+        break;
+    case Do::Resize:
+        operation.a = ChooseGrains(dice);
+        break;
+    case Do::SetBlockSize:
+        operation.a = ChooseBlockSize(dice);
+        break;
+    case Do::Damage:
+        operation.a = dice.Below(2);
+        operation.b = dice.Below(DAMAGE_COUNT);
+        break;
+    case Do::PowerCut:
+        operation.a = dice.Below(2) + (dice.OneIn(2) ? 2 + dice.Below(1000) : 0);
+        break;
+    case Do::Monitor:
+        operation.a = dice.Below(2);
+        break;
+    default:
+        break;
+    }
+    return operation;
+}
+
+} // namespace
+
+Fault ChooseFault(Dice& dice)
+{
+    Fault fault;
+    fault.how = static_cast<Fault::How>(1 + dice.Below(static_cast<std::uint32_t>(Fault::How::Count) - 1));
+    switch (fault.how) {
+    case Fault::How::Short:
+    case Fault::How::DieInWrite:
+        fault.nth = 1 + dice.Below(4);
+        fault.error = dice.Below(4096);
+        break;
+    case Fault::How::FailAfter:
+        fault.nth = 1 + dice.Below(4);
+        fault.error = dice.Below(5);
+        break;
+    default:
+        fault.nth = 1 + dice.Below(1u << (1 + dice.Below(8)));
+        fault.error = ERRORS[dice.Below(std::size(ERRORS))];
+        break;
+    }
+    return fault;
+}
+
+History ChooseHistory(std::uint64_t seed)
+{
+    Dice dice(seed);
+    History history;
+    const std::uint32_t volumes = 1 + dice.Below(3);
+    for (std::uint32_t i = 0; i < volumes; ++i)
+        history.volumes.push_back({ChooseGrains(dice), ChooseBlockSize(dice)});
+    // Bitmaps of more than one sector, which can be torn in the middle of what counts.
+    if (dice.OneIn(6))
+        history.volumes.front() = {8192, 512};
+    const bool calm = dice.OneIn(4);
+    const std::uint32_t length = 4 + dice.Below(dice.OneIn(4) ? 40 : 16);
+    history.operations.push_back({Do::Register, 0, 0, 0, 0, {}});
+    for (std::uint32_t application = 1; application < APPLICATIONS; ++application) {
+        if (dice.OneIn(2))
+            history.operations.push_back({Do::Register, application, 0, 0, 0, {}});
+    }
+    for (std::uint32_t i = 0; i < length; ++i) {
+        Operation operation = ChooseOperation(dice, history.volumes, calm);
+        if (!calm && Calls(operation.what) && dice.OneIn(5))
+            operation.faults.push_back(ChooseFault(dice));
+        history.operations.push_back(operation);
+        // The power goes in the middle of something.
+        if (!calm && !operation.faults.empty() && dice.OneIn(4))
+            history.operations.push_back({Do::PowerCut, 0, 0, 2 + dice.Below(1000), 0, {}});
+    }
+    return history;
+}
+
+History Shrink(History history, const std::function<bool(const History&)>& isBroken)
+{
+    bool changed = true;
+    const auto takeIfBroken = [&](History candidate) {
+        if (!isBroken(candidate))
+            return false;
+        history = std::move(candidate);
+        changed = true;
+        return true;
+    };
+    while (changed) {
+        changed = false;
+        for (std::size_t piece = std::max<std::size_t>(1, history.operations.size() / 2);; piece /= 2) {
+            for (std::size_t at = 0; at < history.operations.size();) {
+                History shorter = history;
+                const auto begin = shorter.operations.begin() + static_cast<std::ptrdiff_t>(at);
+                const std::size_t end = std::min(at + piece, shorter.operations.size());
+                shorter.operations.erase(begin, shorter.operations.begin() + static_cast<std::ptrdiff_t>(end));
+                if (!takeIfBroken(std::move(shorter)))
+                    at += piece;
+            }
+            if (piece <= 1)
+                break;
+        }
+        for (std::size_t at = 0; at < history.operations.size(); ++at) {
+            History simpler = history;
+            Operation& operation = simpler.operations[at];
+            if (!operation.faults.empty()) {
+                operation.faults.pop_back();
+                takeIfBroken(simpler);
+            }
+            simpler = history;
+            if (simpler.operations[at].b != 0 && simpler.operations[at].what != Do::Damage) {
+                simpler.operations[at].b = 0;
+                takeIfBroken(simpler);
+            }
+        }
+        if (history.volumes.size() > 1) {
+            History fewer = history;
+            fewer.volumes.pop_back();
+            const auto last = static_cast<std::uint32_t>(fewer.volumes.size());
+            const bool unused = std::none_of(fewer.operations.begin(), fewer.operations.end(),
+                                             [last](const Operation& one) { return one.volume >= last; });
+            if (unused)
+                takeIfBroken(std::move(fewer));
+        }
+    }
+    return history;
+}
+
+} // namespace vtproof

@@ -1,0 +1,36 @@
+// Histories chosen by a seed, and the way from a long broken one to a short one.
+#pragma once
+
+#include "proof/operation.h"
+
+#include <cstdint>
+#include <functional>
+
+namespace vtproof {
+
+class Dice {
+public:
+    explicit Dice(std::uint64_t seed) : m_state(seed * 0x9E3779B97F4A7C15ull + 0xD1B54A32D192ED03ull) {}
+    std::uint64_t Next()
+    {
+        std::uint64_t z = (m_state += 0x9E3779B97F4A7C15ull);
+        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+        z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+        return z ^ (z >> 31);
+    }
+    std::uint32_t Below(std::uint32_t bound) { return static_cast<std::uint32_t>(Next() % bound); }
+    bool OneIn(std::uint32_t bound) { return Below(bound) == 0; }
+
+private:
+    std::uint64_t m_state;
+};
+
+// The same seed always gives the same history.
+History ChooseHistory(std::uint64_t seed);
+// A fault for an operation of about so many calls.
+Fault ChooseFault(Dice& dice);
+
+// The shortest history that can be had by taking things out of this one while it stays broken.
+History Shrink(History history, const std::function<bool(const History&)>& isBroken);
+
+} // namespace vtproof

@@ -1,0 +1,433 @@
+#include "proof/world.h"
+
+#include "proof/proof_log.h"
+#include "support/text.h"
+#include "vtfltmgr/VTFltMgr.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <new>
+
+namespace vtproof {
+
+namespace {
+
+constexpr std::size_t BUFFER_BYTES = 8192;
+constexpr wchar_t ANY_CALL[] = L"*";
+constexpr wchar_t ALLOCATION[] = L"malloc";
+
+std::vector<std::size_t> GrainsOf(const std::vector<VolumeShape>& volumes)
+{
+    std::vector<std::size_t> grains;
+    for (const VolumeShape& shape : volumes)
+        grains.push_back(shape.grains);
+    return grains;
+}
+
+std::wstring GuidOf(std::size_t number)
+{
+    return L"{5a5a5a5a-0000-4000-8000-00000000000" + vttest::WideNumber(number) + L"}";
+}
+
+// Always in the same folder: its name is in the library's log.
+constexpr wchar_t FOLDER[] = L"C:\\users\\tester\\Temp\\proof";
+
+std::unique_ptr<vtfltsim::SimMachine> NewMachine()
+{
+    VTFLTSIM_MACHINE machine = nullptr;
+    vtfltsim::Check("VTFltSimCreate", VTFltSimCreate(FOLDER, &machine));
+    VTFltSimClose(machine);
+    return std::make_unique<vtfltsim::SimMachine>(FOLDER);
+}
+
+// The process ends with the next call, whichever it is.
+void WINAPI DieSoon(void*, LPCWSTR, LPCWSTR)
+{
+    VTFLTSIM_CALL_FAULT death = {};
+    death.size = sizeof(death);
+    death.what = VTFLTSIM_CALL_KILLS_BEFORE;
+    death.function = ANY_CALL;
+    death.nth = 1;
+    death.count = 1;
+    VTFltSimSetCallFault(&death);
+}
+
+void SetFault(DWORD what, const wchar_t* function, DWORD nth, DWORD count, DWORD error, ULONGLONG value = 0)
+{
+    VTFLTSIM_CALL_FAULT fault = {};
+    fault.size = sizeof(fault);
+    fault.what = what;
+    fault.function = function;
+    fault.nth = nth;
+    fault.count = count;
+    fault.error = error;
+    fault.value = value;
+    vtfltsim::Check("VTFltSimSetCallFault", VTFltSimSetCallFault(&fault));
+}
+
+} // namespace
+
+World::World(const std::vector<VolumeShape>& volumes)
+    : m_log(std::make_unique<ProofLog>()), m_machine(NewMachine()), m_expected(APPLICATIONS, GrainsOf(volumes))
+{
+    for (std::size_t i = 0; i < volumes.size(); ++i) {
+        VTFLTSIM_VOLUME_CONFIG config = {};
+        config.size = sizeof(config);
+        config.length = std::uint64_t{volumes[i].grains} * GRAIN;
+        config.blockSize = volumes[i].blockSize;
+        const std::wstring name = GuidOf(i);
+        config.guid = name.c_str();
+        WCHAR guid[VTFLTSIM_GUID_CHARS] = {};
+        vtfltsim::Check("VTFltSimAddVolume", VTFltSimAddVolume(m_machine->handle(), &config, guid));
+        m_volumes.push_back({guid});
+        m_roots.push_back(m_volumes.back().Root());
+        m_devices.push_back(m_volumes.back().Path());
+        m_folders.push_back(m_machine->Info(m_volumes.back()).filesDirectory);
+    }
+    KeepMapped();
+    m_machine->AttachProgram();
+    for (std::size_t i = 0; i < APPLICATIONS; ++i) {
+        Application& application = m_applications[i];
+        application.id = L"App" + vttest::WideNumber(i);
+        application.buffer.resize(BUFFER_BYTES);
+        application.chains.resize(volumes.size());
+        for (Chain& chain : application.chains)
+            chain.undisturbed = SETTLED_ROUNDS;
+    }
+}
+
+World::~World()
+{
+    Disarm();
+    for (Application& application : m_applications)
+        EndGuest(application, true);
+    m_machine->Detach();
+    m_machine.reset();
+    VTFltSimDestroy(FOLDER);
+}
+
+// The simulator opens a volume's maps when it first needs them, and keeps them: that must not be in a guest, which ends.
+void World::KeepMapped()
+{
+    for (const vtfltsim::Volume& volume : m_volumes)
+        m_machine->Bits(volume);
+}
+
+// --- Running a piece of an application's work in its process.
+
+World::Went World::InGuest(Application& application, void (*work)(const void*), const void* argument)
+{
+    struct Call {
+        void (*work)(const void*);
+        const void* argument;
+    } call{work, argument};
+    DoubleGuest* const guest = Guest(application);
+    ArmMemory();
+    const DWORD before = VTFltSimGetCallCount(ALLOCATION);
+    const bool through = DoubleRunGuest(
+        guest,
+        [](void* value) {
+            const auto& one = *static_cast<const Call*>(value);
+            try {
+                one.work(one.argument);
+            } catch (const std::bad_alloc&) {
+                // The application's own work ran out of memory; what it had found out so far stands.
+            }
+        },
+        &call);
+    CountMemory(before);
+    if (through)
+        return Went::Through;
+    m_struck = true;
+    Disarm();
+    return Went::Died;
+}
+
+DoubleGuest* World::Guest(Application& application)
+{
+    if (application.guest == nullptr)
+        application.guest = DoubleMakeGuest();
+    return application.guest;
+}
+
+void World::Arm(const std::vector<Fault>& faults)
+{
+    constexpr const wchar_t* CHANGING[] = {L"RegSetValueExW", L"RegDeleteValueW", L"WriteFile", L"DeleteFileW",
+                                           L"DeviceIoControl"};
+    m_struck = false;
+    for (const Fault& fault : faults) {
+        switch (fault.how) {
+        case Fault::How::Fail:
+            SetFault(VTFLTSIM_CALL_FAILS, ANY_CALL, fault.nth, 1, fault.error);
+            break;
+        case Fault::How::FailOn:
+            SetFault(VTFLTSIM_CALL_FAILS, ANY_CALL, fault.nth, 0, fault.error);
+            break;
+        case Fault::How::FailAfter:
+            SetFault(VTFLTSIM_CALL_FAILS_AFTER, CHANGING[fault.error % std::size(CHANGING)], fault.nth, 1,
+                     ERROR_GEN_FAILURE);
+            break;
+        case Fault::How::Short:
+            SetFault(VTFLTSIM_CALL_SHORT, L"WriteFile", fault.nth, 1, 0, fault.error);
+            break;
+        case Fault::How::NoMemory:
+        case Fault::How::NoMemoryOn:
+            m_memoryNth = fault.nth;
+            m_memoryOn = fault.how == Fault::How::NoMemoryOn;
+            break;
+        case Fault::How::DieBefore:
+            SetFault(VTFLTSIM_CALL_KILLS_BEFORE, ANY_CALL, fault.nth, 1, 0);
+            break;
+        case Fault::How::DieAfter:
+            SetFault(VTFLTSIM_CALL_KILLS_AFTER, ANY_CALL, fault.nth, 1, 0);
+            break;
+        case Fault::How::DieInWrite:
+            vtfltsim::Check("VTFltSimCallBefore",
+                            VTFltSimCallBefore(L"WriteFile", nullptr, fault.nth, 1, DieSoon, nullptr));
+            SetFault(VTFLTSIM_CALL_SHORT, L"WriteFile", fault.nth, 1, 0, fault.error);
+            break;
+        default:
+            break;
+        }
+    }
+}
+
+void World::Disarm()
+{
+    m_struck = m_struck || m_memoryStruck || VTFltSimGetCallFaultHits() != 0;
+    m_memoryStruck = false;
+    m_memoryNth = 0;
+    VTFltSimClearCallFaults();
+}
+
+// The allocations of the test's own code, between the pieces of work, do not count.
+void World::ArmMemory()
+{
+    if (m_memoryNth != 0)
+        SetFault(VTFLTSIM_CALL_FAILS, ALLOCATION, m_memoryNth, m_memoryOn ? 0 : 1, ERROR_NOT_ENOUGH_MEMORY);
+}
+
+void World::CountMemory(DWORD before)
+{
+    if (m_memoryNth == 0)
+        return;
+    m_memoryStruck = m_memoryStruck || VTFltSimGetCallFaultHits() != 0;
+    const DWORD made = VTFltSimGetCallCount(ALLOCATION) - before;
+    VTFltSimClearCallFaults();
+    if (made < m_memoryNth)
+        m_memoryNth -= made;
+    else
+        m_memoryNth = m_memoryOn ? 1 : 0;
+}
+
+// --- One operation.
+
+std::string World::Run(const Operation& operation)
+{
+    if (operation.what != Do::PowerCut) {
+        for (const std::wstring& folder : m_folders)
+            DoubleSyncBelow(folder.c_str());
+    }
+    Tell(ToText(operation));
+    Arm(operation.faults);
+    m_faulty = !operation.faults.empty();
+    if (m_faulty)
+        Disturb();
+    std::string wrong = Dispatch(operation);
+    Disarm();
+    m_faulty = false;
+    for (Application& application : m_applications) {
+        if (wrong.empty())
+            wrong = CheckOpen(application);
+    }
+    if (wrong.empty() && m_log->Broken() != 0)
+        wrong = "a log record is not one whole line";
+    Mix(m_log->Sum());
+    return wrong;
+}
+
+std::string World::Dispatch(const Operation& operation)
+{
+    Application& application = m_applications[operation.application];
+    const std::size_t volume = operation.volume;
+    const std::wstring& guid = m_volumes[volume].guid;
+    switch (operation.what) {
+    case Do::Write: {
+        static const std::vector<std::uint8_t> data(64 * GRAIN, 1);
+        const std::size_t grains = m_expected.Volume(volume).size();
+        const std::size_t first = operation.a % grains;
+        const std::size_t count = std::min<std::size_t>({operation.b % 64 + 1, grains - first, 64});
+        m_expected.Write(volume, first, count);
+        vtfltsim::Check("VTFltSimWriteVolume",
+                        VTFltSimWriteVolume(m_machine->handle(), guid.c_str(), first * GRAIN, data.data(),
+                                            static_cast<DWORD>(count * GRAIN)));
+        return {};
+    }
+    case Do::Register:
+        return Register(application);
+    case Do::Unregister:
+        return Unregister(application);
+    case Do::Begin:
+        return Begin(operation.application, volume);
+    case Do::Fetch:
+        return Fetch(operation.application);
+    case Do::Finish:
+        return Finish(operation.application, operation.a, operation.b);
+    case Do::Backup:
+        return Backup(operation);
+    case Do::Abandon:
+        Abandon(application);
+        return {};
+    case Do::Crash:
+        Disturb();
+        return Crash(application);
+    case Do::LoseTracking:
+        Disturb();
+        VTFltSimLoseTracking(m_machine->handle(), guid.c_str());
+        return {};
+    case Do::Resize:
+        Disturb();
+        m_expected.Resize(volume, operation.a);
+        vtfltsim::Check("VTFltSimResizeVolume",
+                        VTFltSimResizeVolume(m_machine->handle(), guid.c_str(), std::uint64_t{operation.a} * GRAIN));
+        KeepMapped();
+        return {};
+    case Do::SetBlockSize:
+        Disturb();
+        vtfltsim::Check("VTFltSimSetBlockSize", VTFltSimSetBlockSize(m_machine->handle(), guid.c_str(), operation.a));
+        KeepMapped();
+        return {};
+    case Do::Damage:
+        Disturb();
+        Damage(operation);
+        return {};
+    case Do::PowerCut:
+        Disturb();
+        PowerCut(operation.a);
+        return {};
+    case Do::StopDriver:
+        Disturb();
+        m_machine->SetDriver(VTFLTSIM_DRIVER_ABSENT);
+        return {};
+    case Do::StartDriver:
+        Disturb();
+        m_machine->SetDriver(VTFLTSIM_DRIVER_WORKING);
+        return {};
+    case Do::StartTracking:
+        Disturb();
+        VTFltSimStartTracking(m_machine->handle(), guid.c_str());
+        return {};
+    case Do::StopVolume:
+        Disturb();
+        return In(application, [&] { VTFltStopMonitorVolume(m_devices[volume].c_str()); }) == Went::Died
+                   ? Crash(application)
+                   : std::string();
+    case Do::StopVolumes:
+        Disturb();
+        return In(application, [&] { VTFltStopMonitorVolumes(); }) == Went::Died ? Crash(application) : std::string();
+    case Do::MarkAll:
+        Disturb();
+        return In(application, [&] { VTAddVolumesToAppVerifyList(application.id.c_str()); }) == Went::Died
+                   ? Crash(application)
+                   : std::string();
+    case Do::Monitor:
+        return Monitor(application, operation.a != 0);
+    case Do::Ask:
+        return Ask(application, volume);
+    default:
+        return "an operation that is none";
+    }
+}
+
+std::string World::Crash(Application& application)
+{
+    return EndGuest(application, true);
+}
+
+// The process is gone; whoever starts it again first deletes its left snapshot. What it did not give back is told.
+std::string World::EndGuest(Application& application, bool died)
+{
+    Disarm();
+    if (application.guest == nullptr)
+        return {};
+    Session& session = application.session;
+    if (session.initialised) {
+        // The table of handles is the guests' common one; a process's entries go with it.
+        const HANDLE handle = session.handle;
+        DoubleRunGuest(
+            application.guest, [](void* argument) { VTFltDeinitBitmapManager(*static_cast<const HANDLE*>(argument)); },
+            const_cast<HANDLE*>(&handle));
+    }
+    const bool hadSession = session.open;
+    EndSession(application);
+    const DoubleLeft left = DoubleEndGuest(application.guest);
+    application.guest = nullptr;
+    if (died || hadSession)
+        return {};
+    if (left.open.handles + left.open.keys + left.open.views + left.open.ownedMutexes != 0)
+        return "a process left something open";
+    if (left.allocations != 0)
+        return "a process left " + std::to_string(left.bytes) + " bytes of its heap in " +
+               std::to_string(left.allocations) + " pieces";
+    return {};
+}
+
+std::string World::CheckOpen(Application& application)
+{
+    if (application.guest == nullptr)
+        return {};
+    DoubleOpen open = {};
+    DoubleRunGuest(
+        application.guest, [](void* argument) { *static_cast<DoubleOpen*>(argument) = DoubleCountOpen(); }, &open);
+    const std::size_t mayHave = application.session.handle != INVALID_HANDLE_VALUE ? 1 : 0;
+    if (open.handles != mayHave)
+        return std::to_string(open.handles) + " handles are open, not " + std::to_string(mayHave);
+    if (open.keys != 0 || open.views != 0 || open.ownedMutexes != 0 || open.badCloses != 0)
+        return "keys " + std::to_string(open.keys) + ", views " + std::to_string(open.views) + ", owned mutexes " +
+               std::to_string(open.ownedMutexes) + ", wrong closes " + std::to_string(open.badCloses);
+    return {};
+}
+
+bool World::IsBusy(std::size_t volume) const
+{
+    return std::any_of(m_applications.begin(), m_applications.end(), [volume](const Application& application) {
+        return application.session.open && application.session.volume == volume;
+    });
+}
+
+bool World::IsListed(const Application& application) const
+{
+    const auto bytes = m_machine->ReadValue(L"SOFTWARE\\Veltrix\\Shared\\CBTDriver\\AppIDs", L"RegisteredAppIDs");
+    std::wstring text;
+    for (std::size_t i = 0; i + 1 < bytes.size(); i += 2)
+        text.push_back(static_cast<wchar_t>(bytes[i] | (bytes[i + 1] << 8)));
+    return (L'\0' + text).find(L'\0' + application.id + L'\0') != std::wstring::npos;
+}
+
+bool World::IsUndisturbed(std::size_t application, std::size_t volume) const
+{
+    return m_applications[application].chains[volume].undisturbed >= SETTLED_ROUNDS && !m_faulty &&
+           !m_applications[application].session.disturbed;
+}
+
+void World::Disturb()
+{
+    for (Application& application : m_applications) {
+        application.session.disturbed = true;
+        for (Chain& chain : application.chains)
+            chain.undisturbed = 0;
+    }
+}
+
+void World::Mix(std::uint64_t value)
+{
+    m_trace = (m_trace ^ value) * 0x100000001b3ull;
+}
+
+void World::Tell(const std::string& line)
+{
+    if (m_tells)
+        std::fprintf(stderr, "%s\n", line.c_str());
+}
+
+} // namespace vtproof

@@ -1,0 +1,145 @@
+// A simulated machine with applications that back its volumes up, driven by operations and held against the expected
+// state.
+//
+// Each application is a process of its own (a guest of the double) and keeps to the rules of docs/guarantees.md: one
+// backup of a volume at a time, a verify where the library says so or where something failed, a report of success only
+// behind a backup that has everything.
+#pragma once
+
+#include "double/control.h"
+#include "proof/expected.h"
+#include "proof/operation.h"
+#include "vtfltsim/VTFltSim.hpp"
+
+#include <array>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace vtproof {
+
+class ProofLog;
+
+// Undisturbed backups in a row, after which nothing of a disturbance may be left.
+inline constexpr unsigned SETTLED_ROUNDS = 2;
+
+class World {
+public:
+    explicit World(const std::vector<VolumeShape>& volumes);
+    World(const World&) = delete;
+    World& operator=(const World&) = delete;
+    ~World();
+
+    // Empty, or what is wrong.
+    std::string Run(const Operation& operation);
+    // Everything is put right: no faults, a working driver, no cut files. Then every application backs up every volume
+    // three times; the third nothing may be left of what went wrong before.
+    std::string Settle();
+
+    // A fault of the last operation struck.
+    bool Struck() const { return m_struck; }
+    // The order and outcome of all calls so far, as one number.
+    std::uint64_t Trace() const { return m_trace; }
+    // Writes every operation and log record to the standard error.
+    void TellStory();
+
+private:
+    // What an application keeps of a volume, durably.
+    struct Chain {
+        bool mustVerify = false;
+        std::uint32_t blockSize = 0;
+        std::size_t grains = 0;
+        unsigned undisturbed = 0; // backups in a row with nothing wrong before or in them
+    };
+    // A backup under way.
+    struct Session {
+        bool open = false;
+        std::size_t volume = 0;
+        HANDLE handle = INVALID_HANDLE_VALUE;
+        bool initialised = false;
+        DWORD snapshot = 0; // 0: none
+        Grains grains;
+        Version taken = 0;
+        bool verify = false;
+        bool mustVerifyNext = false;
+        bool fetched = false;
+        bool reportable = true;
+        bool disturbed = false;
+        DWORD blockSize = 0;
+        DWORD length = 0; // of the fetched bitmap
+    };
+    struct Application {
+        std::wstring id;
+        DoubleGuest* guest = nullptr;
+        Session session;
+        std::vector<Chain> chains;
+        std::vector<std::uint8_t> buffer;
+        bool monitors = false;
+    };
+    // The outcome of a piece of an application's work.
+    enum class Went { Through, Died };
+
+    // Runs work in the application's process.
+    template <class Work>
+    Went In(Application& application, const Work& work)
+    {
+        return InGuest(
+            application, [](const void* argument) { (*static_cast<const Work*>(argument))(); }, &work);
+    }
+    Went InGuest(Application& application, void (*work)(const void*), const void* argument);
+    void Arm(const std::vector<Fault>& faults);
+    void Disarm();
+    void CountMemory(DWORD before);
+    void ArmMemory();
+
+    std::string Dispatch(const Operation& operation);
+    std::string Register(Application& application);
+    std::string Unregister(Application& application);
+    std::string Begin(std::size_t application, std::size_t volume);
+    std::string Fetch(std::size_t application);
+    std::string Finish(std::size_t application, std::size_t first, std::size_t count);
+    std::string Commit(std::size_t application);
+    std::string Backup(const Operation& operation);
+    void Abandon(Application& application);
+    std::string Crash(Application& application);
+    std::string EndGuest(Application& application, bool died);
+    void EndSession(Application& application);
+    void Damage(const Operation& operation);
+    void PowerCut(std::uint32_t how);
+    std::string Ask(Application& application, std::size_t volume);
+    std::string Monitor(Application& application, bool on);
+
+    bool IsBusy(std::size_t volume) const;
+    bool IsListed(const Application& application) const;
+    bool IsUndisturbed(std::size_t application, std::size_t volume) const;
+    Reported ReportedBlocks(const Application& application) const;
+    std::string CheckOpen(Application& application);
+    std::string CheckFiles() const;
+    std::wstring FilePath(const Application& application, std::size_t volume, bool base) const;
+    void Disturb();
+    void Mix(std::uint64_t value);
+    void Tell(const std::string& line);
+    void KeepMapped();
+    DoubleGuest* Guest(Application& application);
+
+    std::unique_ptr<ProofLog> m_log;
+    std::unique_ptr<vtfltsim::SimMachine> m_machine;
+    std::vector<vtfltsim::Volume> m_volumes;
+    std::vector<std::wstring> m_roots;
+    std::vector<std::wstring> m_devices;
+    std::vector<std::wstring> m_folders;
+    Expected m_expected;
+    std::array<Application, APPLICATIONS> m_applications;
+    std::uint32_t m_memoryNth = 0; // the allocation that fails, counted from the next guest's work; 0: none
+    bool m_memoryOn = false;
+    bool m_memoryStruck = false;
+    bool m_struck = false;
+    bool m_faulty = false;
+    std::uint64_t m_trace = 0xcbf29ce484222325ull;
+    bool m_tells = false;
+};
+
+// Runs a history and settles. Empty, or what is wrong and where; *trace (may be null) gets the trace's number.
+std::string RunHistory(const History& history, std::uint64_t* trace = nullptr, bool tell = false);
+
+} // namespace vtproof

@@ -1,0 +1,311 @@
+// The applications of the proof: what one does that keeps to the rules.
+#include "proof/world.h"
+
+#include "vtfltmgr/VTFltMgr.h"
+
+#include <algorithm>
+#include <winioctl.h>
+
+namespace vtproof {
+
+namespace {
+
+constexpr DWORD VERIFY = VTFLT_VERIFY_REQUIRED;
+
+} // namespace
+
+// An application registers once: registering again while the list cannot be read would empty its bitmaps.
+std::string World::Register(Application& application)
+{
+    DWORD listed = 0;
+    bool present = false;
+    DWORD result = 0xFFFFFFFF;
+    const Went went = In(application, [&] {
+        std::vector<std::wstring> ids;
+        listed = VTGetRegisteredAppList(&ids);
+        present = std::find(ids.begin(), ids.end(), application.id) != ids.end();
+        if (listed == 0 && !present)
+            result = VTRegisterApplication(application.id.c_str());
+    });
+    if (went == Went::Died)
+        return Crash(application);
+    Disarm(); // what follows looks at the registry itself
+    Mix(result);
+    if (result == 0 && !IsListed(application))
+        return "an application was registered and is not listed";
+    if (!m_faulty && !present && result != 0)
+        return "registering failed with " + std::to_string(result);
+    return {};
+}
+
+std::string World::Unregister(Application& application)
+{
+    if (application.session.open)
+        return {};
+    DWORD result = 0xFFFFFFFF;
+    if (In(application, [&] { result = VTUnregisterApplication(application.id.c_str()); }) == Went::Died) {
+        Disturb();
+        return Crash(application);
+    }
+    Disarm();
+    Mix(result);
+    Disturb(); // every volume is on its verify list from now on
+    if (result == 0 && IsListed(application))
+        return "an application was unregistered and is still listed";
+    if (!m_faulty && result != 0 && result != VTFLT_APP_NOT_REGISTERED)
+        return "unregistering failed with " + std::to_string(result);
+    return {};
+}
+
+std::string World::Begin(std::size_t number, std::size_t volume)
+{
+    Application& application = m_applications[number];
+    Session& session = application.session;
+    if (session.open || IsBusy(volume))
+        return {};
+    session = Session();
+    session.volume = volume;
+    const bool undisturbed = IsUndisturbed(number, volume);
+    const Chain& chain = application.chains[volume];
+    const bool fresh = !m_expected.HasBackup(number, volume);
+    DWORD asked = 0;
+    DWORD step = 0; // how far it came
+    const Went went = In(application, [&] {
+        std::vector<std::wstring> ids;
+        if (VTGetRegisteredAppList(&ids) != 0 || std::find(ids.begin(), ids.end(), application.id) == ids.end())
+            return;
+        ++step;
+        if (VTCanBLIDriverWork() == 0)
+            return;
+        ++step;
+        if (VTReplicateVerifyList(application.id.c_str()) != 0)
+            return;
+        asked = VTIsVerifyRequired(application.id.c_str(), m_roots[volume].c_str());
+        ++step;
+        session.handle = CreateFileW(m_devices[volume].c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                     nullptr, OPEN_EXISTING, 0, nullptr);
+        if (session.handle == INVALID_HANDLE_VALUE)
+            return;
+        ++step;
+        if (VTFltInitBitmapManager(session.handle, m_roots[volume].c_str(), application.id.c_str()) != 0)
+            return;
+        session.initialised = true;
+        ++step;
+        if (VTFltGetBlockSize(session.handle, &session.blockSize, 0) != 0 || session.blockSize == 0)
+            return;
+        ++step;
+        if (VTFltPrepareForSnapshot(session.handle) != 0)
+            return;
+        ++step;
+    });
+    Mix(step);
+    Mix(asked);
+    if (went == Went::Died)
+        return Crash(application);
+    constexpr DWORD ALL_STEPS = 7;
+    if (step != ALL_STEPS) {
+        const bool expected = m_faulty || step <= 1 || !undisturbed;
+        Abandon(application);
+        return expected ? std::string() : "a backup stopped at step " + std::to_string(step) + " without a reason";
+    }
+    if (undisturbed && asked != 0)
+        return "a verify is required though nothing ever went wrong";
+    session.open = true;
+    session.verify = asked != 0 || chain.mustVerify || fresh || chain.blockSize != session.blockSize ||
+                     chain.grains != m_expected.Volume(volume).size();
+    session.grains = m_expected.Volume(volume);
+    session.taken = m_expected.Clock();
+    vtfltsim::Check("VTFltSimCreateSnapshot", VTFltSimCreateSnapshot(m_machine->handle(), m_volumes[volume].guid.c_str(),
+                                                                     &session.snapshot, nullptr));
+    return {};
+}
+
+std::string World::Fetch(std::size_t number)
+{
+    Application& application = m_applications[number];
+    Session& session = application.session;
+    if (!session.open || session.fetched)
+        return {};
+    const bool undisturbed = IsUndisturbed(number, session.volume);
+    DWORD result = 0xFFFFFFFF;
+    DWORD again = 0;
+    DWORD asked = 0;
+    DWORD blockSize = 0;
+    GET_LENGTH_INFORMATION length = {};
+    const Went went = In(application, [&] {
+        BYTE input = 0;
+        DWORD size = 0;
+        BYTE* const buffer = application.buffer.data();
+        std::fill(application.buffer.begin(), application.buffer.end(), BYTE{0});
+        result = VTFltGetBitmap(session.handle, &input, 0, buffer, VTFLT_BITMAP_HEADER_BYTES, &size, 0);
+        if ((result == ERROR_MORE_DATA || result == ERROR_INSUFFICIENT_BUFFER) && size <= application.buffer.size()) {
+            const DWORD needed = size;
+            result = VTFltGetBitmap(session.handle, &input, 0, buffer, needed, &size, 0);
+            session.length = needed;
+        }
+        if ((result == 0 || result == VERIFY) && size < session.length)
+            result = VERIFY; // a short bitmap is none
+        if (result == 0 && !session.verify) {
+            // Tracking can be lost between the first question and the snapshot.
+            again = VTReplicateVerifyList(application.id.c_str());
+            asked = again == 0 ? VTIsVerifyRequired(application.id.c_str(), m_roots[session.volume].c_str()) : 1;
+        }
+        if (VTFltGetBlockSize(session.handle, &blockSize, 0) != 0)
+            blockSize = 0;
+        DWORD moved = 0;
+        if (!DeviceIoControl(session.handle, IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, &length, sizeof(length), &moved,
+                             nullptr))
+            length.Length.QuadPart = 0;
+    });
+    Mix(result);
+    Mix(asked);
+    if (went == Went::Died)
+        return Crash(application);
+    session.fetched = true;
+    if (undisturbed && (result != 0 || asked != 0))
+        return "fetching gives " + std::to_string(result) + " and asks for a verify " + std::to_string(asked) +
+               " though nothing ever went wrong";
+    if (result == 0xFFFFFFFF && !m_faulty && undisturbed)
+        return "fetching failed";
+    const bool moved = blockSize != session.blockSize ||
+                       static_cast<std::uint64_t>(length.Length.QuadPart) != session.grains.size() * GRAIN;
+    if (result != 0 || asked != 0 || moved)
+        session.verify = true;
+    // What was lost behind the snapshot is not in this backup, and the report takes the mark off.
+    if (asked != 0 || moved)
+        session.mustVerifyNext = true;
+    if (result != 0 && result != VERIFY) {
+        session.mustVerifyNext = true;
+        session.reportable = false;
+    }
+    if (undisturbed && m_expected.HasBackup(number, session.volume))
+        return m_expected.CheckNothingElse(number, session.volume, ReportedBlocks(application));
+    return {};
+}
+
+Reported World::ReportedBlocks(const Application& application) const
+{
+    Reported reported;
+    reported.grainsPerBlock = std::max<std::uint32_t>(1, application.session.blockSize / GRAIN);
+    const std::size_t bits = (application.session.length - VTFLT_BITMAP_HEADER_BYTES) * std::size_t{8};
+    for (std::size_t block = 0; block < bits; ++block) {
+        const std::uint8_t byte = application.buffer[VTFLT_BITMAP_HEADER_BYTES + block / 8];
+        reported.blocks.push_back((byte & (0x80u >> block % 8)) != 0);
+    }
+    return reported;
+}
+
+std::string World::Finish(std::size_t number, std::size_t first, std::size_t count)
+{
+    Application& application = m_applications[number];
+    Session& session = application.session;
+    if (!session.open)
+        return {};
+    if (!session.fetched) {
+        Abandon(application);
+        return {};
+    }
+    // Blocks that the application wrote into its snapshot are in its backup and not on the volume.
+    const std::size_t grains = session.grains.size();
+    first %= grains;
+    count = std::min(count, grains - first);
+    if (count != 0) {
+        DWORD result = 0xFFFFFFFF;
+        std::vector<std::uint8_t> changes(std::max<std::size_t>(session.length, VTFLT_BITMAP_HEADER_BYTES));
+        for (std::size_t grain = first; grain < first + count; ++grain) {
+            const std::size_t block = grain * GRAIN / session.blockSize;
+            if (VTFLT_BITMAP_HEADER_BYTES + block / 8 < changes.size())
+                changes[VTFLT_BITMAP_HEADER_BYTES + block / 8] |= static_cast<std::uint8_t>(0x80u >> block % 8);
+        }
+        if (session.reportable && In(application, [&] {
+                result = VTFltSynSnapshotChangeBitmapToVolume(session.handle, changes.data(),
+                                                              static_cast<DWORD>(changes.size()));
+            }) == Went::Died)
+            return Crash(application);
+        Mix(result);
+        if (result != 0) {
+            session.reportable = false;
+            session.mustVerifyNext = true;
+        }
+    }
+    std::string wrong = Commit(number);
+    if (count != 0)
+        m_expected.WriteIntoBackup(number, session.volume, first, count);
+    if (!wrong.empty())
+        return wrong;
+
+    DWORD reported = 0xFFFFFFFF;
+    if (session.reportable) {
+        if (In(application, [&] { reported = VTFltReplicationSuccess(session.handle); }) == Went::Died)
+            return Crash(application);
+    }
+    Mix(reported);
+    Chain& chain = application.chains[session.volume];
+    if (reported == 0) {
+        m_expected.NoteSuccess(number, session.volume, session.taken);
+        if (!session.disturbed && !m_faulty)
+            ++chain.undisturbed;
+    } else if (IsUndisturbed(number, session.volume)) {
+        return "reporting success failed with " + std::to_string(reported);
+    }
+    Abandon(application);
+    return {};
+}
+
+// The backup is on the application's own disk from here on.
+std::string World::Commit(std::size_t number)
+{
+    Application& application = m_applications[number];
+    Session& session = application.session;
+    Chain& chain = application.chains[session.volume];
+    std::string wrong;
+    if (session.verify)
+        m_expected.TakeAll(number, session.volume, session.grains);
+    else
+        wrong = m_expected.TakeReported(number, session.volume, session.grains, ReportedBlocks(application));
+    Mix(session.verify ? 1 : 2);
+    Tell(std::string("    ") + (session.verify ? "everything" : "the reported blocks"));
+    chain.mustVerify = session.mustVerifyNext;
+    chain.blockSize = session.blockSize;
+    chain.grains = session.grains.size();
+    return wrong;
+}
+
+std::string World::Backup(const Operation& operation)
+{
+    const Session& session = m_applications[operation.application].session;
+    if (session.open)
+        return {};
+    std::string wrong = Begin(operation.application, operation.volume);
+    if (wrong.empty() && session.open)
+        wrong = Fetch(operation.application);
+    if (wrong.empty() && session.open)
+        wrong = Finish(operation.application, operation.a, operation.b);
+    return wrong;
+}
+
+void World::Abandon(Application& application)
+{
+    Session& session = application.session;
+    const Went went = In(application, [&] {
+        if (session.initialised)
+            VTFltDeinitBitmapManager(session.handle);
+        session.initialised = false;
+        if (session.handle != INVALID_HANDLE_VALUE)
+            CloseHandle(session.handle);
+        session.handle = INVALID_HANDLE_VALUE;
+    });
+    if (went == Went::Died)
+        Crash(application);
+    else
+        EndSession(application);
+}
+
+void World::EndSession(Application& application)
+{
+    if (application.session.snapshot != 0)
+        VTFltSimDeleteSnapshot(m_machine->handle(), application.session.snapshot);
+    application.session = Session();
+}
+
+} // namespace vtproof

@@ -10,10 +10,10 @@ namespace {
 constexpr const char* NAMES[] = {"write",      "register",      "unregister",   "begin",        "fetch",     "finish",
                                  "abandon",    "backup",        "crash",        "lose-tracking", "resize",   "block-size",
                                  "damage",     "power-cut",     "stop-driver",  "start-driver", "stop-volume",
-                                 "stop-volumes", "start-tracking", "mark-all",  "monitor",   "ask"};
+                                 "stop-volumes", "start-tracking", "mark-all",  "unmark",       "monitor",   "ask"};
 static_assert(std::size(NAMES) == static_cast<std::size_t>(Do::Count));
 
-constexpr const char* FAULTS[] = {"",          "fail",       "fail-on",    "fail-after", "short",
+constexpr const char* FAULTS[] = {"",          "fail",       "fail-on",    "not-there",  "fail-after", "short",
                                   "no-memory", "no-memory-on", "die-before", "die-after",  "die-in-write"};
 static_assert(std::size(FAULTS) == static_cast<std::size_t>(Fault::How::Count));
 

@@ -30,6 +30,7 @@ enum class Do : std::uint8_t {
     StopVolumes,   // application
     StartTracking, // volume
     MarkAll,       // application: every volume on its verify list
+    Unmark,        // application: a volume that is not there, off its verify list
     Monitor,       // application, a: 1 on, 0 off
     Ask,           // application, volume: the questions that change nothing
     Count
@@ -40,12 +41,16 @@ inline constexpr const char* DAMAGES[] = {"deleted", "emptied", "cut to its head
 inline constexpr std::uint32_t DAMAGE_COUNT = 6;
 inline constexpr std::uint32_t CUT_SHORT = 5; // stands in every application's way until somebody deletes the file
 
+// Of no call but CreateFileW does a fault say that something is not there (error 2): that is no failure but an untrue answer.
+// Whoever asks for a list and is told that there is none has to believe it; see docs/guarantees.md.
+//
 // What goes wrong while an operation runs; counted over the calls that the operation makes.
 struct Fault {
     enum class How : std::uint8_t {
         None,
         Fail,        // the nth call fails with the error
         FailOn,      // and so do all behind it
+        NotThere,    // the nth CreateFileW says that there is no such file
         FailAfter,   // the nth call is done, and says that it failed
         Short,       // the nth WriteFile writes error bytes only
         NoMemory,    // the nth allocation

@@ -20,9 +20,10 @@ constexpr Weight WILD[] = {{Do::Write, 40},       {Do::Backup, 24},       {Do::B
                            {Do::Crash, 3},        {Do::LoseTracking, 3},  {Do::Resize, 2},       {Do::SetBlockSize, 2},
                            {Do::Damage, 4},       {Do::PowerCut, 2},      {Do::StopDriver, 1},   {Do::StartDriver, 2},
                            {Do::StopVolume, 1},   {Do::StopVolumes, 1},   {Do::StartTracking, 2}, {Do::MarkAll, 1},
+                           {Do::Unmark, 1},
                            {Do::Monitor, 2},      {Do::Ask, 2}};
 
-constexpr std::uint32_t ERRORS[] = {2, 3, 5, 6, 8, 13, 31, 32, 87, 112, 122, 234, 1450, 1359};
+constexpr std::uint32_t ERRORS[] = {3, 5, 6, 8, 13, 31, 32, 87, 112, 122, 234, 1450, 1359};
 
 template <std::size_t N>
 Do Choose(Dice& dice, const Weight (&weights)[N])
@@ -120,6 +121,9 @@ Fault ChooseFault(Dice& dice)
     case Fault::How::DieInWrite:
         fault.nth = 1 + dice.Below(4);
         fault.error = dice.Below(4096);
+        break;
+    case Fault::How::NotThere:
+        fault.nth = 1 + dice.Below(16);
         break;
     case Fault::How::FailAfter:
         fault.nth = 1 + dice.Below(4);

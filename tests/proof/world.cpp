@@ -163,6 +163,9 @@ void World::Arm(const std::vector<Fault>& faults)
         case Fault::How::FailOn:
             SetFault(VTFLTSIM_CALL_FAILS, ANY_CALL, fault.nth, 0, fault.error);
             break;
+        case Fault::How::NotThere:
+            SetFault(VTFLTSIM_CALL_FAILS, L"CreateFileW", fault.nth, 1, ERROR_FILE_NOT_FOUND);
+            break;
         case Fault::How::FailAfter:
             SetFault(VTFLTSIM_CALL_FAILS_AFTER, CHANGING[fault.error % std::size(CHANGING)], fault.nth, 1,
                      ERROR_GEN_FAILURE);
@@ -209,6 +212,7 @@ void World::ArmMemory()
 
 void World::CountMemory(DWORD before)
 {
+    m_allocations += VTFltSimGetCallCount(ALLOCATION) - before;
     if (m_memoryNth == 0)
         return;
     m_memoryStruck = m_memoryStruck || VTFltSimGetCallFaultHits() != 0;
@@ -330,6 +334,8 @@ std::string World::Dispatch(const Operation& operation)
         return In(application, [&] { VTAddVolumesToAppVerifyList(application.id.c_str()); }) == Went::Died
                    ? Crash(application)
                    : std::string();
+    case Do::Unmark:
+        return Unmark(application);
     case Do::Monitor:
         return Monitor(application, operation.a != 0);
     case Do::Ask:
@@ -337,6 +343,20 @@ std::string World::Dispatch(const Operation& operation)
     default:
         return "an operation that is none";
     }
+}
+
+World::Calls World::CountCalls(const Operation& operation)
+{
+    Calls calls;
+    const auto count = [](void* context, LPCWSTR, LPCWSTR) { ++*static_cast<std::uint32_t*>(context); };
+    const DWORD writes = VTFltSimGetCallCount(L"WriteFile");
+    vtfltsim::Check("VTFltSimCallBefore", VTFltSimCallBefore(ANY_CALL, nullptr, 1, 0, count, &calls.all));
+    m_allocations = 0;
+    Dispatch(operation);
+    Disarm();
+    calls.writes = VTFltSimGetCallCount(L"WriteFile") - writes;
+    calls.allocations = m_allocations;
+    return calls;
 }
 
 std::string World::Crash(Application& application)

@@ -30,11 +30,20 @@ public:
     World& operator=(const World&) = delete;
     ~World();
 
+    // What an operation does without a fault.
+    struct Calls {
+        std::uint32_t all = 0;
+        std::uint32_t writes = 0;
+        std::uint32_t allocations = 0;
+    };
+    Calls CountCalls(const Operation& operation);
+
     // Empty, or what is wrong.
     std::string Run(const Operation& operation);
-    // Everything is put right: no faults, a working driver, no cut files. Then every application backs up every volume
-    // three times; the third nothing may be left of what went wrong before.
-    std::string Settle();
+    // Everything is put right: no faults, a working driver, no cut files. Then every application backs up every volume,
+    // once (a lost change shows) or so often that nothing may be left of what went wrong before.
+    enum class Thoroughly : bool { No, Yes };
+    std::string Settle(Thoroughly thoroughly = Thoroughly::Yes);
 
     // A fault of the last operation struck.
     bool Struck() const { return m_struck; }
@@ -107,6 +116,7 @@ private:
     void Damage(const Operation& operation);
     void PowerCut(std::uint32_t how);
     std::string Ask(Application& application, std::size_t volume);
+    std::string Unmark(Application& application);
     std::string Monitor(Application& application, bool on);
 
     bool IsBusy(std::size_t volume) const;
@@ -131,6 +141,7 @@ private:
     Expected m_expected;
     std::array<Application, APPLICATIONS> m_applications;
     std::uint32_t m_memoryNth = 0; // the allocation that fails, counted from the next guest's work; 0: none
+    std::uint32_t m_allocations = 0;
     bool m_memoryOn = false;
     bool m_memoryStruck = false;
     bool m_struck = false;
@@ -141,5 +152,7 @@ private:
 
 // Runs a history and settles. Empty, or what is wrong and where; *trace (may be null) gets the trace's number.
 std::string RunHistory(const History& history, std::uint64_t* trace = nullptr, bool tell = false);
+// The same, for one of many: *struck says whether the last operation with faults met one.
+std::string RunHistory(const History& history, World::Thoroughly thoroughly, bool* struck);
 
 } // namespace vtproof

@@ -117,6 +117,19 @@ std::string World::Monitor(Application& application, bool on)
     return {};
 }
 
+std::string World::Unmark(Application& application)
+{
+    DWORD result = 0;
+    const Went went = In(application, [&] {
+        std::vector<std::wstring> volumes{L"{00000000-0000-4000-8000-000000000000}"};
+        result = VTRemoveApplicationVolResyncList(application.id, &volumes);
+    });
+    if (went == Went::Died)
+        return Crash(application);
+    Mix(result);
+    return {};
+}
+
 // The questions change nothing, and agree with each other.
 std::string World::Ask(Application& application, std::size_t volume)
 {
@@ -142,6 +155,9 @@ std::string World::Ask(Application& application, std::size_t volume)
             return;
         DWORD blockSize = 0;
         VTFltGetBlockSize(handle, &blockSize, 1);
+        BYTE input = 0;
+        DWORD size = 0;
+        VTFltGetBitmap(handle, &input, 0, application.buffer.data(), VTFLT_BITMAP_HEADER_BYTES, &size, 1);
         CloseHandle(handle);
     });
     if (went == Went::Died)
@@ -180,7 +196,7 @@ std::string World::CheckFiles() const
     return {};
 }
 
-std::string World::Settle()
+std::string World::Settle(Thoroughly thoroughly)
 {
     Tell("-- settling");
     Disarm();
@@ -204,7 +220,7 @@ std::string World::Settle()
             }
         }
     }
-    for (unsigned round = 0; round <= SETTLED_ROUNDS; ++round) {
+    for (unsigned round = 0; round <= (thoroughly == Thoroughly::Yes ? SETTLED_ROUNDS : 0); ++round) {
         const bool last = round == SETTLED_ROUNDS;
         for (std::uint32_t number = 0; number < APPLICATIONS; ++number) {
             if (!IsListed(m_applications[number]))
@@ -222,7 +238,9 @@ std::string World::Settle()
             }
         }
     }
-    std::string wrong = CheckFiles();
+    std::string wrong;
+    if (thoroughly == Thoroughly::Yes)
+        wrong = CheckFiles();
     for (Application& application : m_applications) {
         if (wrong.empty())
             wrong = EndGuest(application, false);
@@ -236,22 +254,35 @@ void World::TellStory()
     m_log->Show(true);
 }
 
+namespace {
+
+std::string RunToTheEnd(World& world, const History& history, World::Thoroughly thoroughly, bool* struck)
+{
+    for (std::size_t i = 0; i < history.operations.size(); ++i) {
+        const std::string wrong = world.Run(history.operations[i]);
+        if (!wrong.empty())
+            return "operation " + std::to_string(i) + ": " + wrong;
+        if (struck != nullptr && !history.operations[i].faults.empty())
+            *struck = world.Struck();
+    }
+    const std::string wrong = world.Settle(thoroughly);
+    return wrong.empty() ? wrong : "at the end: " + wrong;
+}
+
+} // namespace
+
+std::string RunHistory(const History& history, World::Thoroughly thoroughly, bool* struck)
+{
+    World world(history.volumes);
+    return RunToTheEnd(world, history, thoroughly, struck);
+}
+
 std::string RunHistory(const History& history, std::uint64_t* trace, bool tell)
 {
     World world(history.volumes);
     if (tell)
         world.TellStory();
-    std::string wrong;
-    for (std::size_t i = 0; i < history.operations.size() && wrong.empty(); ++i) {
-        wrong = world.Run(history.operations[i]);
-        if (!wrong.empty())
-            wrong = "operation " + std::to_string(i) + ": " + wrong;
-    }
-    if (wrong.empty()) {
-        wrong = world.Settle();
-        if (!wrong.empty())
-            wrong = "at the end: " + wrong;
-    }
+    const std::string wrong = RunToTheEnd(world, history, World::Thoroughly::Yes, nullptr);
     if (trace != nullptr)
         *trace = world.Trace();
     return wrong;

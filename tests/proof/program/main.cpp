@@ -1,8 +1,10 @@
 // vtfltproof: long runs of the proof that no change is lost.
 //
 //     double_host vtfltproof.exe histories [--seed S] [--histories N] [--minutes M] [--part I/N]
+//     double_host vtfltproof.exe sweep KIND [--one-in N] [--seed S] [--part I/N]
 //     double_host vtfltproof.exe replay "machine 300:512; register 0; ..."
 #include "proof/random_history.h"
+#include "proof/sweep.h"
 #include "proof/world.h"
 
 #include <chrono>
@@ -22,6 +24,7 @@ struct Options {
     double minutes = 0; // 0: as many as count says
     std::uint64_t part = 0;
     std::uint64_t parts = 1;
+    std::uint64_t oneIn = 1;
 };
 
 double SecondsSince(Clock::time_point start)
@@ -35,10 +38,13 @@ public:
     explicit Progress(const Options& options) : m_options(options) {}
     bool Goes(std::uint64_t done)
     {
+        return Goes(done, static_cast<double>(done) / static_cast<double>(m_options.count));
+    }
+    bool Goes(std::uint64_t done, double share)
+    {
         const double elapsed = SecondsSince(m_start);
-        const bool byTime = m_options.minutes > 0;
-        const double share = byTime ? elapsed / (m_options.minutes * 60)
-                                    : static_cast<double>(done) / static_cast<double>(m_options.count);
+        if (m_options.minutes > 0)
+            share = elapsed / (m_options.minutes * 60);
         if (m_options.part == 0 && elapsed >= m_next) {
             m_next = elapsed + 2;
             const double left = share > 0 ? elapsed / share - elapsed : 0;
@@ -86,6 +92,38 @@ int Histories(const Options& options)
     return 0;
 }
 
+int Sweep(const Options& options, SweepKind kind)
+{
+    Progress progress(options);
+    SweepOptions sweep;
+    sweep.kind = kind;
+    sweep.part = static_cast<std::uint32_t>(options.part);
+    sweep.parts = static_cast<std::uint32_t>(options.parts);
+    sweep.oneIn = static_cast<std::uint32_t>(options.oneIn);
+    sweep.seed = options.seed;
+    sweep.progress = [&](std::uint64_t runs, double share) { return progress.Goes(runs, share); };
+    const std::vector<Scenario> scenarios = AllScenarios();
+    const SweepResult result = RunSweep(scenarios, sweep);
+    if (!result.wrong.empty()) {
+        std::fprintf(stderr, "%s\n", result.scenario.c_str());
+        return Report(result.history, result.wrong);
+    }
+    std::fprintf(stderr, "%s: %llu runs of %zu scenarios, the fault struck in %llu, %.0f s, none broken\n",
+                 SWEEP_NAMES[static_cast<std::size_t>(kind)], static_cast<unsigned long long>(result.runs),
+                 scenarios.size(), static_cast<unsigned long long>(result.struck), progress.Seconds());
+    return 0;
+}
+
+int SweepNamed(const Options& options, const char* name)
+{
+    for (std::size_t kind = 0; kind < std::size(SWEEP_NAMES); ++kind) {
+        if (std::strcmp(name, SWEEP_NAMES[kind]) == 0)
+            return Sweep(options, static_cast<SweepKind>(kind));
+    }
+    std::fprintf(stderr, "there is no sweep %s\n", name);
+    return 2;
+}
+
 int Replay(const char* text)
 {
     const auto history = ParseHistory(text);
@@ -100,15 +138,17 @@ int Replay(const char* text)
     return wrong.empty() ? 0 : 1;
 }
 
-bool Parse(int argc, char** argv, Options& options)
+bool Parse(int argc, char** argv, int first, Options& options)
 {
-    for (int i = 2; i + 1 < argc; i += 2) {
+    for (int i = first; i + 1 < argc; i += 2) {
         const std::string name = argv[i];
         char* rest = nullptr;
         if (name == "--seed")
             options.seed = std::strtoull(argv[i + 1], &rest, 0);
         else if (name == "--histories")
             options.count = std::strtoull(argv[i + 1], &rest, 0);
+        else if (name == "--one-in")
+            options.oneIn = std::strtoull(argv[i + 1], &rest, 0);
         else if (name == "--minutes")
             options.minutes = std::strtod(argv[i + 1], &rest);
         else if (name == "--part") {
@@ -116,10 +156,10 @@ bool Parse(int argc, char** argv, Options& options)
             options.parts = *rest == '/' ? std::strtoull(rest + 1, &rest, 0) : 0;
         } else
             return false;
-        if (*rest != '\0' || options.parts == 0 || options.count == 0)
+        if (*rest != '\0' || options.parts == 0 || options.count == 0 || options.oneIn == 0)
             return false;
     }
-    return argc % 2 == 0;
+    return (argc - first) % 2 == 0;
 }
 
 } // namespace
@@ -131,9 +171,13 @@ int main(int argc, char** argv)
     Options options;
     if (argc == 3 && std::strcmp(argv[1], "replay") == 0)
         return Replay(argv[2]);
-    if (argc >= 2 && std::strcmp(argv[1], "histories") == 0 && Parse(argc, argv, options))
+    if (argc >= 2 && std::strcmp(argv[1], "histories") == 0 && Parse(argc, argv, 2, options))
         return Histories(options);
+    if (argc >= 3 && std::strcmp(argv[1], "sweep") == 0 && Parse(argc, argv, 3, options))
+        return SweepNamed(options, argv[2]);
     std::fputs("vtfltproof histories [--seed S] [--histories N] [--minutes M] [--part I/N]\n"
+               "vtfltproof sweep failures|effects|memory|deaths|power-cuts|second-deaths|pairs [--one-in N] [--seed S] "
+               "[--minutes M] [--part I/N]\n"
                "vtfltproof replay \"machine ...\"\n",
                stderr);
     return 2;

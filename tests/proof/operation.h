@@ -41,8 +41,8 @@ inline constexpr const char* DAMAGES[] = {"deleted", "emptied", "cut to its head
 inline constexpr std::uint32_t DAMAGE_COUNT = 6;
 inline constexpr std::uint32_t CUT_SHORT = 5; // stands in every application's way until somebody deletes the file
 
-// Of no call but CreateFileW does a fault say that something is not there (error 2): that is no failure but an untrue answer.
-// Whoever asks for a list and is told that there is none has to believe it; see docs/guarantees.md.
+// A system that says of a list or file that it is not there, although it is, does not fail but lies; the library has to
+// believe it. The runs chosen by seeds and the sweeps leave that out; see docs/guarantees.md.
 //
 // What goes wrong while an operation runs; counted over the calls that the operation makes.
 struct Fault {
@@ -50,7 +50,7 @@ struct Fault {
         None,
         Fail,        // the nth call fails with the error
         FailOn,      // and so do all behind it
-        NotThere,    // the nth CreateFileW says that there is no such file
+        NotThere,    // the nth CreateFileW says that there is no such file (not chosen by seeds)
         FailAfter,   // the nth call is done, and says that it failed
         Short,       // the nth WriteFile writes error bytes only
         NoMemory,    // the nth allocation

@@ -10,5 +10,5 @@ target_link_libraries(vtfltproof.p0000 PRIVATE VTFltSim.p0000 double_library)
 target_link_options(vtfltproof.p0000 PRIVATE -Wl,-u,main)
 add_dependencies(vtfltproof.p0000 double_host)
 
-vt_add_double_program(proof_tests LINKED ${proof_sources} ${proof_test_sources})
+vt_add_double_program(proof_tests LINKED ${proof_sources} ${proof_test_sources} ${support_sources})
 vt_add_double_test(double.proof_tests proof_tests)

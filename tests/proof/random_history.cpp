@@ -23,7 +23,7 @@ constexpr Weight WILD[] = {{Do::Write, 40},       {Do::Backup, 24},       {Do::B
                            {Do::Unmark, 1},
                            {Do::Monitor, 2},      {Do::Ask, 2}};
 
-constexpr std::uint32_t ERRORS[] = {3, 5, 6, 8, 13, 31, 32, 87, 112, 122, 234, 1450, 1359};
+constexpr std::uint32_t ERRORS[] = {5, 6, 8, 13, 31, 32, 87, 112, 122, 234, 1450, 1359};
 
 template <std::size_t N>
 Do Choose(Dice& dice, const Weight (&weights)[N])
@@ -115,15 +115,14 @@ Operation ChooseOperation(Dice& dice, const std::vector<VolumeShape>& volumes, b
 Fault ChooseFault(Dice& dice)
 {
     Fault fault;
-    fault.how = static_cast<Fault::How>(1 + dice.Below(static_cast<std::uint32_t>(Fault::How::Count) - 1));
+    do
+        fault.how = static_cast<Fault::How>(1 + dice.Below(static_cast<std::uint32_t>(Fault::How::Count) - 1));
+    while (fault.how == Fault::How::NotThere);
     switch (fault.how) {
     case Fault::How::Short:
     case Fault::How::DieInWrite:
         fault.nth = 1 + dice.Below(4);
         fault.error = dice.Below(4096);
-        break;
-    case Fault::How::NotThere:
-        fault.nth = 1 + dice.Below(16);
         break;
     case Fault::How::FailAfter:
         fault.nth = 1 + dice.Below(4);

@@ -62,7 +62,7 @@ private:
                     if (!Try({{How::FailAfter, nth, function}}))
                         return false;
                 }
-                return Try({{How::NotThere, nth, 0}}) && Try({{How::Short, nth, 0}}) && Try({{How::Short, nth, 90}}) && Try({{How::Short, nth, 4095}});
+                return Try({{How::Short, nth, 0}}) && Try({{How::Short, nth, 90}}) && Try({{How::Short, nth, 4095}});
             });
         case SweepKind::Memory:
             return Each(calls.allocations, [&](std::uint32_t nth) {

@@ -20,7 +20,7 @@ using Clock = std::chrono::steady_clock;
 
 struct Options {
     std::uint64_t seed = 1;
-    std::uint64_t count = 10'000;
+    std::uint64_t count = 10'000; // over all parts
     double minutes = 0; // 0: as many as count says
     std::uint64_t part = 0;
     std::uint64_t parts = 1;
@@ -38,7 +38,7 @@ public:
     explicit Progress(const Options& options) : m_options(options) {}
     bool Goes(std::uint64_t done)
     {
-        return Goes(done, static_cast<double>(done) / static_cast<double>(m_options.count));
+        return Goes(done, static_cast<double>(done * m_options.parts) / static_cast<double>(m_options.count));
     }
     bool Goes(std::uint64_t done, double share)
     {

@@ -1,0 +1,313 @@
+// The limits of what the file format and the order of the steps can keep: the shortest histories that lose a change.
+//
+// docs/guarantees.md says of each how an application avoids it. A case here fails on the day that its limit is gone; then
+// the document is to be mended, not the library.
+#include "support/cycle_test.h"
+
+namespace vttest {
+namespace {
+
+constexpr wchar_t APP1[] = L"App1";
+constexpr wchar_t APP2[] = L"App2";
+
+class Limit : public CycleTest {
+protected:
+    // A full backup of everything so far, reported.
+    void BackUp(const std::wstring& appId)
+    {
+        const auto session = Open(appId);
+        Snapshot(*session);
+        EXPECT_EQ(0u, session->GetBitmap());
+        EXPECT_EQ(0u, session->Success());
+    }
+    void Snapshot(Session& session)
+    {
+        ASSERT_EQ(0u, session.Prepare());
+        machine.TakeSnapshot(volume);
+    }
+    // The application asks as it should, and learns neither of the block nor of a reason to verify.
+    bool IsLost(const std::wstring& appId, std::uint64_t block)
+    {
+        if (VTReplicateVerifyList(appId.c_str()) != 0 || VTIsVerifyRequired(appId.c_str(), volume.Root().c_str()) != 0)
+            return false;
+        const auto session = Open(appId);
+        const DWORD result = session->GetBitmap();
+        return result == 0 && Blocks(*session).count(block) == 0;
+    }
+    // Something else happens before the nth call of the function on something whose name holds the text.
+    template <class Work>
+    void Before(const wchar_t* function, const std::wstring& match, DWORD nth, Work& work)
+    {
+        vtfltsim::Check("VTFltSimCallBefore",
+                        VTFltSimCallBefore(
+                            function, match.c_str(), nth, 1,
+                            [](void* context, LPCWSTR, LPCWSTR) { (*static_cast<Work*>(context))(); }, &work));
+    }
+};
+
+// The control of all others: without anything in between nothing is lost.
+TEST_F(Limit, NoneIsMetByOneBackupBehindTheOther)
+{
+    Register(APP1);
+    Register(APP2);
+    for (std::uint64_t block = 1; block < 5; ++block) {
+        Touch({block});
+        EXPECT_FALSE(IsLost(APP1, block));
+        BackUp(APP1);
+        EXPECT_TRUE(IsLost(APP1, block)) << "it was backed up, and is not owed any more";
+        EXPECT_FALSE(IsLost(APP2, block));
+        BackUp(APP2);
+    }
+}
+
+TEST_F(Limit, AnApplicationRegistersWhileAnothersManagerIsOpenAndThatOneFetches)
+{
+    Register(APP1);
+    const auto first = Open(APP1);
+    Register(APP2);
+    BackUp(APP2);
+    Touch({5});
+    ASSERT_EQ(0u, first->GetBitmap());
+    EXPECT_TRUE(IsLost(APP2, 5));
+}
+
+TEST_F(Limit, AWholeFetchOfAnotherFallsBetweenTheSnapshotAndTheFetch)
+{
+    Register(APP1);
+    Register(APP2);
+    BackUp(APP1);
+    const auto session = Open(APP1);
+    Snapshot(*session);
+    Open(APP2)->GetBitmap();
+    Touch({5}); // behind the snapshot
+    ASSERT_EQ(0u, session->GetBitmap());
+    EXPECT_EQ(BlockSet{5}, Blocks(*session)) << "reported, but the snapshot has the old contents";
+    ASSERT_EQ(0u, session->Success());
+    EXPECT_TRUE(IsLost(APP1, 5));
+}
+
+TEST_F(Limit, SnapshotChangesShorterThanTheChildAreDroppedWithSuccess)
+{
+    Register(APP1);
+    Register(APP2);
+    const auto session = Open(APP1);
+    Snapshot(*session);
+    ASSERT_EQ(0u, session->GetBitmap());
+    // Another one's buffer is longer, and so are all children from now on.
+    ASSERT_EQ(0u, Open(APP2)->GetBitmap(2 * BUFFER_LENGTH));
+    EXPECT_EQ(0u, session->SyncChanges(BufferOf(BUFFER_LENGTH, {7})));
+    ASSERT_EQ(0u, session->Success());
+    EXPECT_TRUE(IsLost(APP1, 7));
+}
+
+TEST_F(Limit, AMarkSetWhileTheListIsReadAndWrittenBackIsTakenOff)
+{
+    Register(APP1);
+    const Volume other = machine.AddVolume(BLOCKS * BLOCK, BLOCK);
+    VTUnregisterApplication(APP1);
+    DeleteValue(SERVICE_KEY, std::wstring(DRIVER_LIST) + APP1 + L".Last");
+    Register(APP1); // on both volumes
+    const auto session = Open(APP1);
+    ASSERT_EQ(0u, session->GetBitmap());
+    // The same application begins its backup of the other volume, in another process, and learns that it lost tracking.
+    auto elsewhere = [&] {
+        VTFltSimLoseTracking(machine.handle(), other.guid.c_str());
+        EXPECT_EQ(0u, VTReplicateVerifyList(APP1));
+        EXPECT_EQ(std::vector<std::wstring>{other.guid}, VerifyList(APP1));
+    };
+    // The list's mutex is taken a second time to write it back.
+    Before(L"CreateMutexW", L"DeviceListForReSyncApp1.Last", 2, elsewhere);
+    ASSERT_EQ(0u, session->Success());
+    ClearFaults();
+    EXPECT_EQ(0u, VTIsVerifyRequired(APP1, other.Root().c_str()));
+}
+
+TEST_F(Limit, SuccessReportedBehindFailedSnapshotChangesTakesTheMarkOff)
+{
+    Register(APP1);
+    BackUp(APP1);
+    const auto session = Open(APP1);
+    Snapshot(*session);
+    ASSERT_EQ(0u, session->GetBitmap());
+    VTFltSimFailCall(L"WriteFile", L"_child_", 1, 1, ERROR_DISK_FULL);
+    EXPECT_EQ(static_cast<DWORD>(ERROR_DISK_FULL), session->SyncChanges(BufferOf(BUFFER_LENGTH, {7})));
+    ClearFaults();
+    EXPECT_EQ(OnlyThisVolume(), VerifyList(APP1));
+    ASSERT_EQ(0u, session->Success());
+    const std::vector<std::wstring> none;
+    EXPECT_EQ(none, VerifyList(APP1));
+}
+
+TEST_F(Limit, SuccessReportedBehindAShortBitmapWithoutAVerifyTakesTheMarkOff)
+{
+    Register(APP1);
+    Register(APP2);
+    BackUp(APP1);
+    Touch({5});
+    BackUp(APP2); // block 5 is in the child of App1 only
+    RemoveFile(volume, ChildName(APP1));
+    const auto session = Open(APP1);
+    Snapshot(*session);
+    EXPECT_EQ(VERIFY, session->GetBitmap());
+    EXPECT_EQ(BlockSet{}, Blocks(*session));
+    ASSERT_EQ(0u, session->Success()); // without having read everything
+    EXPECT_TRUE(IsLost(APP1, 5));
+}
+
+// No limit any more: the library marks every volume before it empties what may be in use.
+TEST_F(Limit, OfRegisteringAgainWhileTheApplicationListCannotBeReadIsAVerify)
+{
+    Register(APP1);
+    Register(APP2);
+    BackUp(APP1);
+    Touch({5});
+    BackUp(APP2);
+    VTFltSimFailCall(L"RegQueryValueExW", L"RegisteredAppIDs", 1, 1, ERROR_ACCESS_DENIED);
+    EXPECT_EQ(0u, VTRegisterApplication(APP1));
+    ClearFaults();
+    EXPECT_EQ(BlockSet{}, Blocks(Child(volume, APP1)));
+    EXPECT_EQ(OnlyThisVolume(), VerifyList(APP1));
+    EXPECT_FALSE(IsLost(APP1, 5));
+}
+
+TEST_F(Limit, WhatTheDriverAddsToItsListWhileItIsHandedOutIsDropped)
+{
+    Register(APP1);
+    const Volume other = machine.AddVolume(BLOCKS * BLOCK, BLOCK);
+    VTFltSimLoseTracking(machine.handle(), other.guid.c_str());
+    auto driver = [&] { VTFltSimLoseTracking(machine.handle(), volume.guid.c_str()); };
+    Touch({5});
+    // The list was read, and is about to be written back.
+    Before(L"RegDeleteValueW", L"DeviceListForReSync", 1, driver);
+    ASSERT_EQ(0u, VTReplicateVerifyList(APP1));
+    ClearFaults();
+    EXPECT_TRUE(IsLost(APP1, 5));
+}
+
+TEST_F(Limit, UnregisteringAndRegisteringInTheMiddleOfItsOwnBackup)
+{
+    Register(APP1);
+    Register(APP2);
+    BackUp(APP1);
+    const auto session = Open(APP1);
+    Snapshot(*session);
+    ASSERT_EQ(0u, session->GetBitmap());
+    ASSERT_EQ(0u, VTUnregisterApplication(APP1));
+    Touch({5});
+    BackUp(APP2); // nobody keeps block 5 for App1
+    ASSERT_EQ(0u, VTRegisterApplication(APP1));
+    EXPECT_EQ(OnlyThisVolume(), VerifyList(APP1));
+    ASSERT_EQ(0u, session->Success()); // of a backup from before all that
+    EXPECT_TRUE(IsLost(APP1, 5));
+}
+
+TEST_F(Limit, IdsThatDifferInCaseOnlyShareTheirFiles)
+{
+    Register(L"App1");
+    Register(L"APP1");
+    BackUp(L"App1");
+    BackUp(L"APP1");
+    Touch({5});
+    BackUp(L"App1");
+    EXPECT_TRUE(IsLost(L"APP1", 5));
+}
+
+TEST_F(Limit, AnIdThatEndsInLastTakesTheMarksOfTheOneWithoutIt)
+{
+    Register(L"X");
+    Register(L"X.Last");
+    BackUp(L"X");
+    Touch({5});
+    VTFltSimLoseTracking(machine.handle(), volume.guid.c_str());
+    ASSERT_EQ(0u, VTReplicateVerifyList(L"X"));
+    EXPECT_EQ(1u, VTIsVerifyRequired(L"X", volume.Root().c_str()));
+    ASSERT_EQ(0u, VTReplicateVerifyList(L"X.Last")); // the verify list of X is its pending list
+    EXPECT_TRUE(IsLost(L"X", 5));
+}
+
+TEST_F(Limit, AFileWhoseMiddleIsWrongIsAccepted)
+{
+    Register(APP1);
+    Register(APP2);
+    BackUp(APP1);
+    Touch({5});
+    BackUp(APP2);
+    Bytes file = ReadFileBytes(volume, ChildName(APP1));
+    constexpr std::size_t BITS_AT = 84 + 16;
+    EXPECT_NE(0, file.at(BITS_AT));
+    file.at(BITS_AT) = 0; // signature and trailer reached the disk, this byte did not
+    WriteFileBytes(volume, ChildName(APP1), file);
+    EXPECT_TRUE(IsLost(APP1, 5));
+}
+
+TEST_F(Limit, WhoWaitedHalfAnHourForAMutexGoesOnWithoutIt)
+{
+    Register(APP1);
+    const auto session = Open(APP1);
+    ForceCall(L"WaitForSingleObject", volume.MutexName(), WAIT_TIMEOUT);
+    EXPECT_EQ(0u, session->GetBitmap());
+    EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
+}
+
+TEST_F(Limit, AFileThatIsCutShortStopsEveryApplicationsFetch)
+{
+    Register(APP1);
+    Register(APP2);
+    Bytes file = ReadFileBytes(volume, ChildName(APP2));
+    file.pop_back();
+    WriteFileBytes(volume, ChildName(APP2), file);
+    const auto session = Open(APP1);
+    Touch({5});
+    for (int attempt = 0; attempt < 3; ++attempt)
+        EXPECT_NE(0u, session->GetBitmap());
+    EXPECT_EQ(1u, OwedByDriver()) << "nothing is lost, and nothing gets on";
+    RemoveFile(volume, ChildName(APP2));
+    EXPECT_EQ(0u, session->GetBitmap());
+    EXPECT_EQ(BlockSet{5}, Blocks(*session));
+}
+
+// Found by two failures in one backup.
+TEST_F(Limit, AListThatIsSaidNotToBeThereIsTakenForAnEmptyOne)
+{
+    Register(APP1);
+    BackUp(APP1);
+    Touch({5});
+    VTFltSimLoseTracking(machine.handle(), volume.guid.c_str());
+    // Asked for the second time: whom to hand the driver's list to.
+    VTFltSimFailCall(L"RegQueryValueExW", L"RegisteredAppIDs", 3, 0, ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(0u, VTReplicateVerifyList(APP1));
+    EXPECT_NE(0u, VTFltSimGetCallFaultHits());
+    ClearFaults();
+    EXPECT_TRUE(IsLost(APP1, 5));
+}
+
+// Found by a sweep.
+TEST_F(Limit, AnothersFileThatIsSaidNotToBeThereIsSkipped)
+{
+    Register(APP1);
+    Register(APP2);
+    BackUp(APP2);
+    Touch({5});
+    VTFltSimFailCall(L"CreateFileW", ChildName(APP2).c_str(), 1, 1, ERROR_FILE_NOT_FOUND);
+    BackUp(APP1);
+    ClearFaults();
+    EXPECT_TRUE(IsLost(APP2, 5));
+}
+
+// The two answers cannot be told apart.
+TEST_F(Limit, ReplicatingWithoutADriverIsASuccess)
+{
+    Register(APP1);
+    BackUp(APP1);
+    Touch({5});
+    VTFltSimLoseTracking(machine.handle(), volume.guid.c_str());
+    machine.SetService(VTFLTSIM_SERVICE_ABSENT);
+    VTFltSimFailCall(L"CreateFileW", VTFLTSIM_ENDPOINT_CONTROL, 1, 1, ERROR_ACCESS_DENIED);
+    EXPECT_EQ(0u, VTReplicateVerifyList(APP1));
+    ClearFaults();
+    EXPECT_EQ(0u, VTIsVerifyRequired(APP1, volume.Root().c_str())) << "and the volume is on the driver's list";
+    EXPECT_EQ(OnlyThisVolume(), DriverList());
+}
+
+} // namespace
+} // namespace vttest

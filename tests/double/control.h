@@ -41,6 +41,9 @@ struct DoubleLeft {
 // Gives back what the process left behind, and says what it was.
 DOUBLE_CONTROL DoubleLeft DoubleEndGuest(DoubleGuest* guest);
 
+// For operator new: the module, by an address in it, that the next allocation is for; null behind it.
+DOUBLE_CONTROL void DoubleAllocatesFor(const void* module);
+
 // All that is written so far to the files below a folder reaches the disk.
 DOUBLE_CONTROL void DoubleSyncBelow(const wchar_t* folder);
 // The power goes. Of what was written to the files below a folder and not synchronised, nothing is there (seed 0), or each

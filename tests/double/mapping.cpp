@@ -145,7 +145,8 @@ std::shared_ptr<Mapping> Mapping::Make(HANDLE file, DWORD protection, std::uint6
         mapping->contents->Resize(size);
         return mapping;
     }
-    const auto open = CurrentProcess().Get<OpenedFile>(file, writable ? FILE_READ_DATA | FILE_WRITE_DATA : FILE_READ_DATA);
+    const auto open =
+        CurrentProcess().Get<OpenedFile>(file, writable ? FILE_READ_DATA | FILE_WRITE_DATA : FILE_READ_DATA);
     if (open == nullptr)
         return nullptr;
     mapping->contents = open->node->contents;

@@ -13,6 +13,8 @@ namespace vtdouble {
 
 namespace {
 
+const void* g_meantBy = nullptr; // only the thread with the baton allocates
+
 // Kept inverted: to the leak sanitizer the table refers to nothing.
 std::uintptr_t Inverted(const void* memory)
 {
@@ -22,8 +24,12 @@ std::uintptr_t Inverted(const void* memory)
 void Note(void* memory, std::size_t size, const void* site)
 {
     Thread* const thread = CurrentOrNull();
-    if (memory != nullptr && thread != nullptr)
-        thread->process->allocations[Inverted(memory)] = Allocation{size, site};
+    if (memory == nullptr || thread == nullptr)
+        return;
+    // A guest's redirected calls come from the simulator; there the module's operator new has said who meant them.
+    if (thread->process->host != nullptr && g_meantBy != nullptr)
+        site = g_meantBy;
+    thread->process->allocations[Inverted(memory)] = Allocation{size, site};
 }
 
 void Forget(const void* memory)
@@ -67,6 +73,11 @@ void FreeAllocations(Process& process)
 } // namespace vtdouble
 
 using namespace vtdouble;
+
+void DoubleAllocatesFor(const void* module)
+{
+    g_meantBy = module;
+}
 
 // The linker leads the modules' calls of the C run-time's heap here.
 

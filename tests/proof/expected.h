@@ -42,7 +42,10 @@ public:
     void TakeAll(std::size_t application, std::size_t volume, const Grains& snapshot);
     // The application's backup has something in these grains that the volume has not: it was written into the snapshot.
     void WriteIntoBackup(std::size_t application, std::size_t volume, std::size_t first, std::size_t count);
-    bool HasBackup(std::size_t application, std::size_t volume) const { return !At(application, volume).grains.empty(); }
+    bool HasBackup(std::size_t application, std::size_t volume) const
+    {
+        return !At(application, volume).grains.empty();
+    }
     void DropBackups(std::size_t application);
 
     // A report of success that was answered with success: nothing older than this version need be reported again.

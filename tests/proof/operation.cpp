@@ -7,14 +7,15 @@ namespace vtproof {
 
 namespace {
 
-constexpr const char* NAMES[] = {"write",      "register",      "unregister",   "begin",        "fetch",     "finish",
-                                 "abandon",    "backup",        "crash",        "lose-tracking", "resize",   "block-size",
-                                 "damage",     "power-cut",     "stop-driver",  "start-driver", "stop-volume",
-                                 "stop-volumes", "start-tracking", "mark-all",  "unmark",       "monitor",   "ask"};
+constexpr const char* NAMES[] = {"write",        "register",    "unregister",   "begin",          "fetch",
+                                 "finish",       "abandon",     "backup",       "crash",          "lose-tracking",
+                                 "resize",       "block-size",  "damage",       "power-cut",      "stop-driver",
+                                 "start-driver", "stop-volume", "stop-volumes", "start-tracking", "mark-all",
+                                 "unmark",       "monitor",     "ask"};
 static_assert(std::size(NAMES) == static_cast<std::size_t>(Do::Count));
 
-constexpr const char* FAULTS[] = {"",          "fail",       "fail-on",    "not-there",  "fail-after", "short",
-                                  "no-memory", "no-memory-on", "die-before", "die-after",  "die-in-write"};
+constexpr const char* FAULTS[] = {"",          "fail",         "fail-on",    "not-there", "fail-after",  "short",
+                                  "no-memory", "no-memory-on", "die-before", "die-after", "die-in-write"};
 static_assert(std::size(FAULTS) == static_cast<std::size_t>(Fault::How::Count));
 
 std::vector<std::string_view> Split(std::string_view text, char separator)
@@ -76,8 +77,8 @@ std::string ToText(const Operation& operation)
     for (const std::uint32_t number : {operation.application, operation.volume, operation.a, operation.b})
         text += " " + std::to_string(number);
     for (const Fault& fault : operation.faults)
-        text += std::string(" !") + FAULTS[static_cast<std::size_t>(fault.how)] + " " + std::to_string(fault.nth) + " " +
-                std::to_string(fault.error);
+        text += std::string(" !") + FAULTS[static_cast<std::size_t>(fault.how)] + " " + std::to_string(fault.nth) +
+                " " + std::to_string(fault.error);
     return text;
 }
 

@@ -36,8 +36,8 @@ enum class Do : std::uint8_t {
     Count
 };
 
-inline constexpr const char* DAMAGES[] = {"deleted", "emptied", "cut to its header", "without signature",
-                                          "without trailer", "cut short"};
+inline constexpr const char* DAMAGES[] = {"deleted",           "emptied",         "cut to its header",
+                                          "without signature", "without trailer", "cut short"};
 inline constexpr std::uint32_t DAMAGE_COUNT = 6;
 inline constexpr std::uint32_t CUT_SHORT = 5; // stands in every application's way until somebody deletes the file
 
@@ -48,16 +48,16 @@ inline constexpr std::uint32_t CUT_SHORT = 5; // stands in every application's w
 struct Fault {
     enum class How : std::uint8_t {
         None,
-        Fail,        // the nth call fails with the error
-        FailOn,      // and so do all behind it
-        NotThere,    // the nth CreateFileW says that there is no such file (not chosen by seeds)
-        FailAfter,   // the nth call is done, and says that it failed
-        Short,       // the nth WriteFile writes error bytes only
-        NoMemory,    // the nth allocation
-        NoMemoryOn,  // and all behind it
-        DieBefore,   // the process ends before the nth call
-        DieAfter,    // or behind it
-        DieInWrite,  // or when the nth WriteFile has written error bytes
+        Fail,       // the nth call fails with the error
+        FailOn,     // and so do all behind it
+        NotThere,   // the nth CreateFileW says that there is no such file (not chosen by seeds)
+        FailAfter,  // the nth call is done, and says that it failed
+        Short,      // the nth WriteFile writes error bytes only
+        NoMemory,   // the nth allocation
+        NoMemoryOn, // and all behind it
+        DieBefore,  // the process ends before the nth call
+        DieAfter,   // or behind it
+        DieInWrite, // or when the nth WriteFile has written error bytes
         Count
     };
     How how = How::None;

@@ -69,15 +69,18 @@ private:
                 return Try({{How::NoMemory, nth, 0}}) && Try({{How::NoMemoryOn, nth, 0}});
             });
         case SweepKind::Deaths:
-            return Each(calls.all, [&](std::uint32_t nth) {
-                return Try({{How::DieBefore, nth, 0}}) && Try({{How::DieAfter, nth, 0}});
-            }) && Each(calls.writes, [&](std::uint32_t nth) {
-                return Try({{How::DieInWrite, nth, 0}}) && Try({{How::DieInWrite, nth, 60}}) &&
-                       Try({{How::DieInWrite, nth, 4092}});
-            });
+            return Each(calls.all,
+                        [&](std::uint32_t nth) {
+                            return Try({{How::DieBefore, nth, 0}}) && Try({{How::DieAfter, nth, 0}});
+                        }) &&
+                   Each(calls.writes, [&](std::uint32_t nth) {
+                       return Try({{How::DieInWrite, nth, 0}}) && Try({{How::DieInWrite, nth, 60}}) &&
+                              Try({{How::DieInWrite, nth, 4092}});
+                   });
         case SweepKind::PowerCuts:
             return Each(calls.all, [&](std::uint32_t nth) {
-                return TryThen({{How::DieBefore, nth, 0}}, PowerCut(0)) && TryThen({{How::DieBefore, nth, 0}}, PowerCut(1)) &&
+                return TryThen({{How::DieBefore, nth, 0}}, PowerCut(0)) &&
+                       TryThen({{How::DieBefore, nth, 0}}, PowerCut(1)) &&
                        TryThen({{How::DieBefore, nth, 0}}, PowerCut(TORN + nth));
             });
         case SweepKind::SecondDeaths:

@@ -28,14 +28,14 @@ enum class SweepKind : std::uint8_t {
     Pairs,        // two calls fail
     Count
 };
-inline constexpr const char* SWEEP_NAMES[] = {"failures", "effects", "memory", "deaths", "power-cuts", "second-deaths",
-                                              "pairs"};
+inline constexpr const char* SWEEP_NAMES[] = {"failures",   "effects",       "memory", "deaths",
+                                              "power-cuts", "second-deaths", "pairs"};
 
 struct SweepOptions {
     SweepKind kind = SweepKind::Failures;
-    std::uint32_t part = 0;   // of parts: which share of the runs is done here
+    std::uint32_t part = 0; // of parts: which share of the runs is done here
     std::uint32_t parts = 1;
-    std::uint32_t oneIn = 1;  // a sample: every so-manieth run, chosen by its number and the seed
+    std::uint32_t oneIn = 1; // a sample: every so-manieth run, chosen by its number and the seed
     std::uint64_t seed = 0;
     // Called now and then with the runs done and the share of the scenarios; false ends the sweep.
     std::function<bool(std::uint64_t runs, double share)> progress;

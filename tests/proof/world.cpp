@@ -262,9 +262,8 @@ std::string World::Dispatch(const Operation& operation)
         const std::size_t first = operation.a % grains;
         const std::size_t count = std::min<std::size_t>({operation.b % 64 + 1, grains - first, 64});
         m_expected.Write(volume, first, count);
-        vtfltsim::Check("VTFltSimWriteVolume",
-                        VTFltSimWriteVolume(m_machine->handle(), guid.c_str(), first * GRAIN, data.data(),
-                                            static_cast<DWORD>(count * GRAIN)));
+        vtfltsim::Check("VTFltSimWriteVolume", VTFltSimWriteVolume(m_machine->handle(), guid.c_str(), first * GRAIN,
+                                                                   data.data(), static_cast<DWORD>(count * GRAIN)));
         return {};
     }
     case Do::Register:

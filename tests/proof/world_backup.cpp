@@ -115,8 +115,9 @@ std::string World::Begin(std::size_t number, std::size_t volume)
                      chain.grains != m_expected.Volume(volume).size();
     session.grains = m_expected.Volume(volume);
     session.taken = m_expected.Clock();
-    vtfltsim::Check("VTFltSimCreateSnapshot", VTFltSimCreateSnapshot(m_machine->handle(), m_volumes[volume].guid.c_str(),
-                                                                     &session.snapshot, nullptr));
+    vtfltsim::Check(
+        "VTFltSimCreateSnapshot",
+        VTFltSimCreateSnapshot(m_machine->handle(), m_volumes[volume].guid.c_str(), &session.snapshot, nullptr));
     return {};
 }
 
@@ -218,9 +219,9 @@ std::string World::Finish(std::size_t number, std::size_t first, std::size_t cou
                 changes[VTFLT_BITMAP_HEADER_BYTES + block / 8] |= static_cast<std::uint8_t>(0x80u >> block % 8);
         }
         if (session.reportable && In(application, [&] {
-                result = VTFltSynSnapshotChangeBitmapToVolume(session.handle, changes.data(),
-                                                              static_cast<DWORD>(changes.size()));
-            }) == Went::Died)
+                                      result = VTFltSynSnapshotChangeBitmapToVolume(session.handle, changes.data(),
+                                                                                    static_cast<DWORD>(changes.size()));
+                                  }) == Went::Died)
             return Crash(application);
         Mix(result);
         if (result != 0) {

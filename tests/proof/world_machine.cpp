@@ -17,8 +17,8 @@ constexpr std::size_t HEADER_BYTES = 84;
 
 bool ReadAll(const std::wstring& path, Bytes& bytes)
 {
-    const vtflt::UniqueHandle file(
-        CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr));
+    const vtflt::UniqueHandle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                               OPEN_EXISTING, 0, nullptr));
     if (!file.valid())
         return false;
     bytes.resize(1 << 16);

@@ -21,7 +21,7 @@ using Clock = std::chrono::steady_clock;
 struct Options {
     std::uint64_t seed = 1;
     std::uint64_t count = 10'000; // over all parts
-    double minutes = 0; // 0: as many as count says
+    double minutes = 0;           // 0: as many as count says
     std::uint64_t part = 0;
     std::uint64_t parts = 1;
     std::uint64_t oneIn = 1;

@@ -33,7 +33,8 @@ TEST(ExpectedState, AReportedBlockIsTakenAndAnUnreportedOneIsLost)
     expected.Write(0, 5, 1);
     EXPECT_EQ("", expected.TakeReported(0, 0, expected.Volume(0), Blocks(16, {5})));
     expected.Write(0, 7, 2);
-    EXPECT_NE(std::string::npos, expected.TakeReported(0, 0, expected.Volume(0), Blocks(16, {7})).find("LOST: grain 8"));
+    EXPECT_NE(std::string::npos,
+              expected.TakeReported(0, 0, expected.Volume(0), Blocks(16, {7})).find("LOST: grain 8"));
 }
 
 TEST(ExpectedState, OnlyWhatWasWrittenBeforeTheSnapshotIsOwed)

@@ -55,7 +55,8 @@ INSTANTIATE_TEST_SUITE_P(Sampled, Sweeps,
                          testing::Values(Sample{SweepKind::Failures, 100, 400}, Sample{SweepKind::Effects, 20, 60},
                                          Sample{SweepKind::Memory, 40, 200}, Sample{SweepKind::Deaths, 50, 250},
                                          Sample{SweepKind::PowerCuts, 80, 250},
-                                         Sample{SweepKind::SecondDeaths, 20'000, 50}, Sample{SweepKind::Pairs, 20'000, 20}),
+                                         Sample{SweepKind::SecondDeaths, 20'000, 50},
+                                         Sample{SweepKind::Pairs, 20'000, 20}),
                          [](const auto& info) {
                              std::string name = SWEEP_NAMES[static_cast<std::size_t>(info.param.kind)];
                              std::erase(name, '-');

@@ -22,7 +22,8 @@ constexpr Weight WILD[] = {
     {Do::StartDriver, 2}, {Do::StopVolume, 1},   {Do::StopVolumes, 1}, {Do::StartTracking, 2}, {Do::MarkAll, 1},
     {Do::Unmark, 1},      {Do::Monitor, 2},      {Do::Ask, 2}};
 
-constexpr std::uint32_t ERRORS[] = {5, 6, 8, 13, 31, 32, 87, 112, 122, 234, 1450, 1359};
+// Not 234: who is told for ever that there is more reads for ever.
+constexpr std::uint32_t ERRORS[] = {5, 6, 8, 13, 31, 32, 87, 112, 122, 1450, 1359};
 
 template <std::size_t N>
 Do Choose(Dice& dice, const Weight (&weights)[N])

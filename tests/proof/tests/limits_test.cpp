@@ -294,6 +294,17 @@ TEST_F(Limit, AnothersFileThatIsSaidNotToBeThereIsSkipped)
     EXPECT_TRUE(IsLost(APP2, 5));
 }
 
+// Found by a random history. The room grows until the value fits, as long as the registry says that it does not.
+TEST_F(Limit, AListThatNeverFitsIsReadForEver)
+{
+    Register(APP1);
+    constexpr DWORD LONG = 2000;
+    VTFltSimFailCall(L"RegQueryValueExW", L"DeviceListForReSync", 1, LONG, ERROR_MORE_DATA);
+    EXPECT_EQ(0u, VTReplicateVerifyList(APP1));
+    EXPECT_EQ(LONG, VTFltSimGetCallFaultHits());
+    ClearFaults();
+}
+
 // The two answers cannot be told apart.
 TEST_F(Limit, ReplicatingWithoutADriverIsASuccess)
 {

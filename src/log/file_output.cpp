@@ -21,6 +21,7 @@ namespace vtflt::NSDBG {
 namespace {
 
 constexpr BYTE BYTE_ORDER_MARK[] = {0xFF, 0xFE};
+constexpr LONGLONG UNKNOWN_SIZE = -1;
 constexpr int CONVERTED_CAPACITY = 1024; // bytes or characters of one part of a record
 constexpr std::size_t MUTEX_PATH_LENGTH = 260;
 
@@ -179,7 +180,8 @@ void CFileOutput::Write(int level, DWORD errorCode, const Message& message) noex
 void CFileOutput::WriteRecord(int level, DWORD errorCode, const Message& message) noexcept
 {
     CheckByteOrderMark();
-    if (OpenFileSize() <= static_cast<LONGLONG>(sizeof(BYTE_ORDER_MARK)))
+    const LONGLONG size = OpenFileSize();
+    if (size != UNKNOWN_SIZE && size <= static_cast<LONGLONG>(sizeof(BYTE_ORDER_MARK)))
         WriteSummary();
     if (m_isWide)
         WriteWideRecord(level, errorCode, message);
@@ -301,8 +303,16 @@ bool CFileOutput::MoveToSuccessor() noexcept
 bool CFileOutput::OpenFile() noexcept
 {
     OpenToEveryone everyone;
+    // The path comes from memory that every program may write: the other end of a pipe must not be able to act in this
+    // process's name,
     m_file.reset(CreateFileW(m_path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, everyone.get(),
-                             OPEN_ALWAYS, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+                             OPEN_ALWAYS, FILE_FLAG_SEQUENTIAL_SCAN | SECURITY_SQOS_PRESENT | SECURITY_ANONYMOUS,
+                             nullptr));
+    // nor to keep every thread that logs waiting for it.
+    if (m_file && GetFileType(m_file.get()) != FILE_TYPE_DISK) {
+        m_file.reset();
+        SetLastError(ERROR_INVALID_NAME);
+    }
     if (!m_file)
         Trace(L"[%d:%d] Failed to create file [%s]. ERR=%d\r\n", GetCurrentThreadId(), GetCurrentProcessId(), m_path,
               GetLastError());
@@ -337,14 +347,17 @@ void CFileOutput::Close() noexcept
 LONGLONG CFileOutput::OpenFileSize() const noexcept
 {
     LARGE_INTEGER size = {};
-    return GetFileSizeEx(m_file.get(), &size) ? size.QuadPart : 0;
+    return GetFileSizeEx(m_file.get(), &size) ? size.QuadPart : UNKNOWN_SIZE;
 }
 
 void CFileOutput::CheckByteOrderMark() noexcept
 {
     const LARGE_INTEGER start = {};
     DWORD transferred = 0;
-    if (OpenFileSize() > static_cast<LONGLONG>(sizeof(BYTE_ORDER_MARK))) {
+    const LONGLONG size = OpenFileSize();
+    if (size == UNKNOWN_SIZE)
+        return;
+    if (size > static_cast<LONGLONG>(sizeof(BYTE_ORDER_MARK))) {
         BYTE mark[sizeof(BYTE_ORDER_MARK)] = {};
         // A mark that cannot be read says nothing: the form stays what it was.
         if (SetFilePointerEx(m_file.get(), start, nullptr, FILE_BEGIN) &&

@@ -16,7 +16,7 @@ CDBGLog* g_pLog = nullptr;
 
 bool Passes(int level, IDBGLogOutput* output)
 {
-    // Levels above LOG_ERROR are compared as the outputs report them; a threshold is never negative.
+    // Compared as the outputs report it, unsigned; the file's output compares its own once more, signed.
     return output != nullptr && static_cast<long long>(level) <= static_cast<long long>(output->GetLogLevel());
 }
 
@@ -89,6 +89,7 @@ void StartLog() noexcept
     if (g_pLog == nullptr) {
         delete file;
         delete live;
+        CloseOutputState();
     }
 }
 

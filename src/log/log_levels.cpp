@@ -79,16 +79,17 @@ std::vector<std::wstring> ReadDisabled()
 DWORD GetModuleLogLevel(std::wstring_view moduleName) noexcept
 {
     const ExclusiveHold hold(g_levelsLock);
+    DWORD level = LOG_LEVEL_NOT_SET;
     try {
         if (const auto known = g_levels.find(moduleName); known != g_levels.end())
             return known->second;
         const std::wstring name(moduleName);
-        const DWORD level = ReadLevel(name.c_str());
+        level = ReadLevel(name.c_str());
         g_levels.emplace(name, level);
-        return level;
     } catch (...) {
-        return LOG_LEVEL_NOT_SET; // no memory for the name
+        // No memory to remember it, or for the name: the next question reads it again.
     }
+    return level;
 }
 
 bool IsGlobalOptionDisabled(std::wstring_view executableName) noexcept

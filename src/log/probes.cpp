@@ -196,12 +196,12 @@ CWinVer::CWinVer() noexcept
 {
     static_assert(sizeof(OSVERSIONINFOEXW) == 284 && sizeof(OSVERSIONINFOW) == 276);
     auto* const plain = reinterpret_cast<OSVERSIONINFOW*>(&m_version);
-#if defined(_MSC_VER)
-#pragma warning(suppress : 4996) // the number is for people: what this function answers to old programs will do
-#endif
     for (const DWORD size : {DWORD{sizeof(OSVERSIONINFOEXW)}, DWORD{sizeof(OSVERSIONINFOW)}}) {
         m_version = {};
         m_version.dwOSVersionInfoSize = size;
+#if defined(_MSC_VER)
+#pragma warning(suppress : 4996) // the number is for people: what this function answers to old programs will do
+#endif
         if (GetVersionExW(plain)) {
             m_isValid = true;
             return;

@@ -240,6 +240,12 @@ DOUBLE_API BOOL WINAPI SetEndOfFile(HANDLE handle)
     return TRUE;
 }
 
+DOUBLE_API DWORD WINAPI GetFileType(HANDLE handle)
+{
+    const Entry entry;
+    return FileOf(handle, 0) != nullptr ? FILE_TYPE_DISK : FILE_TYPE_UNKNOWN;
+}
+
 DOUBLE_API BOOL WINAPI GetFileSizeEx(HANDLE handle, PLARGE_INTEGER size)
 {
     const Entry entry;

@@ -26,8 +26,8 @@ void Note(void* memory, std::size_t size, const void* site)
     Thread* const thread = CurrentOrNull();
     if (memory == nullptr || thread == nullptr)
         return;
-    // A guest's redirected calls come from the simulator; there the module's operator new has said who meant them.
-    if (thread->process->host != nullptr && g_meantBy != nullptr)
+    // Redirected calls come from the simulator; the module's operator new has said who meant them.
+    if (g_meantBy != nullptr)
         site = g_meantBy;
     thread->process->allocations[Inverted(memory)] = Allocation{size, site};
 }

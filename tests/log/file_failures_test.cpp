@@ -477,23 +477,75 @@ TEST_F(FileFailures, ANewFileWhoseStartCannotBeReachedHasNoMark)
     EXPECT_EQ(0, bytes[1]);
 }
 
-TEST_F(FileFailures, AnEmptyPathWhoseFileOpensAllTheSameHasNoMutex)
+TEST_F(FileFailures, AFileWhoseSizeCannotBeHadGetsNeitherMarkNorSummary)
 {
     StartOpen();
-    SetEntryPath(L"");
-    const HANDLE file = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    Fail(L"GetFileSizeEx", ERROR_GEN_FAILURE, 1, 0);
+    Write(L"second");
+    VTFltSimClearCallFaults();
+    Write(L"third");
+    EXPECT_TRUE(Texts(m_path) == (std::vector<std::wstring>{L"first", L"second", L"third"}));
+}
+
+// The next CreateFileW gives this handle.
+void OpenInstead(HANDLE handle)
+{
     VTFLTSIM_CALL_FAULT fault = {};
     fault.size = sizeof(fault);
     fault.what = VTFLTSIM_CALL_RETURNS;
     fault.function = L"CreateFileW";
     fault.count = 1;
-    fault.value = reinterpret_cast<ULONG_PTR>(file);
+    fault.value = reinterpret_cast<ULONG_PTR>(handle);
     Check("VTFltSimSetCallFault", VTFltSimSetCallFault(&fault));
+}
+
+TEST_F(FileFailures, AnEmptyPathWhoseFileOpensAllTheSameHasNoMutex)
+{
+    StartOpen();
+    SetEntryPath(L"");
+    const HANDLE file = CreateFileW(File(L"other").c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr,
+                                    CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    ASSERT_TRUE(file != INVALID_HANDLE_VALUE);
+    OpenInstead(file);
     Write(L"dropped");
     VTFltSimClearCallFaults();
     ExpectTrace({L"Failed to create mutex. File name is empty\r\n"});
-    EXPECT_FALSE(SetEvent(file)) << "the file was left open";
+    LARGE_INTEGER size = {};
+    EXPECT_FALSE(GetFileSizeEx(file, &size)) << "the file was left open";
     EXPECT_TRUE(Texts(m_path) == std::vector<std::wstring>{L"first"});
 }
+
+// The path comes from a block that every program may write.
+TEST_F(FileFailures, WhatIsNoFileOfADiskIsClosedAgainAndTheRecordDropped)
+{
+    Start(m_path);
+    const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    OpenInstead(event);
+    Write(L"dropped");
+    VTFltSimClearCallFaults();
+    ExpectTrace({L"Failed to create file [" + m_path + L"]. ERR=123\r\n"});
+    EXPECT_FALSE(SetEvent(event)) << "it was left open";
+    Write(L"written");
+    EXPECT_TRUE(Texts(m_path) == std::vector<std::wstring>{L"written"});
+}
+
+#if defined(_WIN32) // there are no pipes on the double
+TEST_F(FileFailures, APipeGetsNothing)
+{
+    const std::wstring path = L"\\\\.\\pipe\\VTFltMgr.Test." + WideNumber(GetCurrentProcessId());
+    const UniqueHandle pipe(
+        CreateNamedPipeW(path.c_str(), PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, 1, 65536, 65536, 0, nullptr));
+    ASSERT_TRUE(pipe.valid());
+    StartOpen();
+    SetEntryPath(path);
+    Write(L"dropped");
+    Write(L"dropped, too");
+    DWORD bytes = 0;
+    EXPECT_TRUE(!PeekNamedPipe(pipe.get(), nullptr, 0, nullptr, &bytes, nullptr) || bytes == 0);
+    SetEntryPath(m_path);
+    Write(L"written");
+    EXPECT_TRUE(Texts(m_path) == (std::vector<std::wstring>{L"first", L"written"}));
+}
+#endif
 
 } // namespace

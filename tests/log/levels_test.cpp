@@ -215,11 +215,22 @@ TEST_F(LogLevels, AValueThatIsADwordOfTwoBytesCountsAsNotSet)
     EXPECT_EQ(LOG_LEVEL_NOT_SET, GetModuleLogLevel(L"a.exe"));
 }
 
-TEST_F(LogLevels, WithoutMemoryForItsNameALevelIsNotSetAndReadAgainLater)
+TEST_F(LogLevels, WithoutMemoryForItsNameALevelIsNotSetAndWithoutMemoryToRememberItItIsReadAgainLater)
 {
     const std::wstring name = L"a program with a long name.exe";
     SetNumber(Debug(ENGINE), name, 4);
-    ExpectWithoutMemory(LOG_LEVEL_NOT_SET, 4, [&] { return GetModuleLogLevel(name); });
+    std::vector<DWORD> given;
+    for (bool struck = true; struck;) {
+        ForgetLogLevels();
+        vtfltsim::FailCall(L"malloc", ERROR_NOT_ENOUGH_MEMORY, nullptr, static_cast<DWORD>(given.size()) + 1);
+        given.push_back(GetModuleLogLevel(name));
+        struck = VTFltSimGetCallFaultHits() != 0;
+        VTFltSimClearCallFaults();
+        EXPECT_EQ(4u, GetModuleLogLevel(name)) << "the failure was remembered, " << given.size();
+    }
+    ASSERT_LE(3u, given.size());
+    EXPECT_EQ(LOG_LEVEL_NOT_SET, given.front());
+    EXPECT_EQ(4u, given[given.size() - 2]); // it was read, and only not remembered
 }
 
 TEST_F(LogLevels, WithoutMemoryForTheListNoProgramIsOnItAndItIsReadAgainLater)

@@ -12,6 +12,14 @@ namespace vtfltctl::bitmap {
 namespace {
 
 constexpr std::uint64_t LARGEST_VOLUME = std::uint64_t{1} << 62;
+// As many bits as a bitmap file can have. Of more blocks, all but a few would be walked through for nothing.
+constexpr std::uint64_t MOST_BLOCKS = std::uint64_t{1} << 35;
+
+// 0, which stands for unknown, for a volume that cannot be counted in blocks of this size.
+std::uint64_t CountableBytes(const Geometry& geometry) noexcept
+{
+    return geometry.blockSize != 0 && geometry.VolumeBlocks() <= MOST_BLOCKS ? geometry.volumeBytes : 0;
+}
 
 std::uint32_t BlockSizeOption(const std::string& text)
 {
@@ -61,9 +69,11 @@ void LookAt(Opened& opened, const SelectionOptions& options)
         opened.geometry.volumeBytes = SizeOption("--volume-size", options.volumeSize);
         if (opened.geometry.volumeBytes > LARGEST_VOLUME)
             throw Failure(Exit::Usage, fmt::format("--volume-size: {} is no volume's size", options.volumeSize));
+        if (opened.geometry.blockSize != 0 && opened.geometry.VolumeBlocks() > MOST_BLOCKS)
+            throw Failure(Exit::Usage, fmt::format("--volume-size: no bitmap file has room for {} in blocks of {}",
+                                                   options.volumeSize, SizeText(opened.geometry.blockSize)));
     }
-    if (opened.geometry.blockSize == 0)
-        opened.geometry.volumeBytes = 0; // it could not be counted in blocks
+    opened.geometry.volumeBytes = CountableBytes(opened.geometry);
 }
 
 Selection SelectFile(const SelectionOptions& options)
@@ -92,10 +102,11 @@ void HoldAgainstVolume(Selection& selection, const Geometry& volume)
         // Where the two differ, the file's own block size is the one that its bits have.
         selection.geometry.blockSize = file.facts.blockSize;
     }
-    if (selection.geometry.blockSize == 0)
-        selection.geometry.volumeBytes = 0;
-    for (Opened& file : selection.files)
-        file.geometry = {file.facts.blockSize, file.facts.blockSize != 0 ? volume.volumeBytes : 0};
+    selection.geometry.volumeBytes = CountableBytes(selection.geometry);
+    for (Opened& file : selection.files) {
+        file.geometry = {file.facts.blockSize, volume.volumeBytes};
+        file.geometry.volumeBytes = CountableBytes(file.geometry);
+    }
 }
 
 Selection SelectVolume(const SelectionOptions& options)

@@ -335,7 +335,10 @@ class BitmapFiles(unittest.TestCase):
                           ["info", "--volume", "E:"], ["info", "--app", "a"], ["extents", "x", "--start", "1X"],
                           ["extents", "x", "--limit", "-1"], ["map", "VelVolTrc_base_app1.dat"],
                           ["info", "VelVolTrc_base_app1.dat", "--which", "base"], ["diff", "x"], ["nothing"],
-                          ["info", "VelVolTrc_base_app1.dat", "--block-size", "4K"]):
+                          ["info", "VelVolTrc_base_app1.dat", "--block-size", "4K"],
+                          # One block more than a bitmap file can have bits, and more than can be walked through.
+                          ["info", "VelVolTrc_base_app1.dat", "--volume-size", str((1 << 35) * BLOCK + 1)],
+                          ["diff", "VelVolTrc_base_app1.dat", "VelVolTrc_base_app1.dat", "--volume-size", "4096P"]):
             with self.subTest(arguments):
                 code, out, err = ctl("bitmap", *arguments)
                 self.assertEqual((code, out), (USAGE, ""))
@@ -405,6 +408,20 @@ class LiveFiles(unittest.TestCase):
         answer = json.loads(out)
         self.assertEqual((code, answer["files"][0]["flaws"][0]["flaw"]), (DAMAGED, "block-size-differs"))
         self.assertEqual(self.select("extents")[0], DAMAGED)
+
+    def test_volume_that_cannot_be_counted_in_the_files_blocks(self):
+        # By the header of this damaged file a terabyte would have 2^40 blocks.
+        volumes = os.path.join(FOLDER, "machine", "volumes")
+        others = set(os.listdir(volumes))
+        start(VTFLTSIM, "add-volume", "machine", str(1 << 40), "--mount", "L:\\")
+        added = (set(os.listdir(volumes)) - others).pop()
+        for which in ("base", "child"):
+            write(f"machine/volumes/{added}/files/VelVolTrc/VelVolTrc_{which}_app1.dat",
+                  record(pack({1, 5}, 64), block_size=1))
+        code, out, err = ctl("bitmap", "extents", "--volume", "L:", "--app", "app1", "--simulate", "machine")
+        self.assertEqual((code, out), (DAMAGED, "offset,length\n1,1\n5,1\n"), err)
+        code, out, _ = ctl("bitmap", "info", "--volume", "L:", "--app", "app1", "--json", "--simulate", "machine")
+        self.assertEqual((code, json.loads(out)["files"][0]["blocks"]), (DAMAGED, 64))
 
     def test_names_that_do_not_exist(self):
         for volume in ("R:", "R:\\", "{00000000-0000-0000-0000-000000000000}"):

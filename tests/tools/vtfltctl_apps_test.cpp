@@ -106,6 +106,23 @@ TEST_F(VtFltCtlApps, AnIdThatStandsAtTheEndOfAnotherIsNotUnregisteredFirst)
     EXPECT_TRUE(StoredList(L"RegisteredAppIDs", IDS_KEY).empty());
 }
 
+TEST_F(VtFltCtlApps, AnIdThatIsRegisteredTwiceStaysRegisteredOnce)
+{
+    Register(L"Nightly");
+    StoreList(L"RegisteredAppIDs", {L"Nightly", L"Nightly"}, IDS_KEY);
+    const Result first = Run({L"apps", L"unregister", L"Nightly", L"--yes"});
+    EXPECT_EQ(EXIT_OK, first.exitCode) << first.err;
+    EXPECT_NE(std::string::npos, first.out.find("still is registered")) << first.out;
+    EXPECT_EQ(std::vector<std::wstring>{L"Nightly"}, StoredList(L"RegisteredAppIDs", IDS_KEY));
+    EXPECT_EQ("is unregistered", Run({L"apps", L"unregister", L"Nightly", L"--yes"}).out.substr(22, 15));
+    StoreList(L"RegisteredAppIDs", {L"Nightly", L"Nightly"}, IDS_KEY);
+    for (const bool still : {true, false}) {
+        const json answer = RunJson({L"apps", L"unregister", L"Nightly", L"--yes"}, EXIT_OK);
+        EXPECT_EQ(still, answer["registered"]);
+        EXPECT_EQ(true, answer["changed"]);
+    }
+}
+
 TEST_F(VtFltCtlApps, AListOfAnotherTypeIsUnreadable)
 {
     StoreList(L"RegisteredAppIDs", {L"Nightly"}, IDS_KEY, REG_SZ);
@@ -153,13 +170,34 @@ TEST_F(VtFltCtlApps, CleaningWhatIsNotThereIsNotFound)
     ExpectRefusal({L"apps", L"clean", L"Nightly", L"--volume", L"Q:", L"--yes"}, EXIT_NOT_FOUND);
 }
 
-TEST_F(VtFltCtlApps, CleaningWaitsForNoBackupForEver)
+TEST_F(VtFltCtlApps, AnIdTooLongForItsFilesIsNotCleaned)
+{
+    // The path of such an ID's files is cut to this other one's.
+    const std::wstring longest(180, L'x');
+    Register(longest);
+    for (const std::size_t more : {std::size_t{1}, std::size_t{4}, std::size_t{5}, std::size_t{200}}) {
+        const std::wstring id = longest + std::wstring(more, L'x');
+        EXPECT_NE(std::string::npos,
+                  ExpectRefusal({L"apps", L"clean", id, L"--yes"}, EXIT_REFUSED).find("is too long"));
+    }
+    EXPECT_TRUE(HasFiles(longest));
+    EXPECT_EQ(EXIT_OK, Run({L"apps", L"clean", longest, L"--yes"}).exitCode);
+    EXPECT_FALSE(HasFiles(longest));
+}
+
+TEST_F(VtFltCtlApps, AFileThatCannotBeDeletedIsToldWithItsReason)
 {
     Register(L"Nightly");
-    const vtflt::UniqueHandle mutex(CreateMutexW(nullptr, TRUE, volume.MutexName().c_str()));
-    const Result result = Run({L"apps", L"clean", L"Nightly", L"--yes"});
-    ReleaseMutex(mutex.get());
-    EXPECT_EQ(EXIT_BUSY, result.exitCode) << result.err;
+    // The look whether the file is still there leaves another error behind.
+    const vtlog_test::Result result =
+        vtlog_test::Process({L"apps", L"clean", L"Nightly", L"--yes", L"--simulate", machine.directory()},
+                            {L"VTFLTSIM_CALLS=fail|DeleteFileW|VelVolTrc_base_|1|1|32;"
+                             L"return|GetFileAttributesW|VelVolTrc_base_|2|1|1234|128"},
+                            L"vtfltctl.exe")
+            .Finish();
+    EXPECT_EQ(EXIT_UNREADABLE, result.exitCode) << result.err;
+    EXPECT_NE(std::string::npos, result.err.find("cannot delete")) << result.err;
+    EXPECT_NE(std::string::npos, result.err.find("32)")) << result.err;
     EXPECT_TRUE(HasFiles(L"Nightly"));
 }
 

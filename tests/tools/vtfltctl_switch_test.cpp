@@ -128,5 +128,35 @@ TEST_F(VtFltCtlSwitch, ADeviceIsMonitoredOrNot)
     ExpectRefusal({L"device", volume.Path()}, EXIT_DRIVER_DOWN);
 }
 
+TEST_F(VtFltCtlSwitch, AVolumeIsAskedForWithoutItsBackslash)
+{
+    for (const std::wstring& name : {volume.Root(), volume.Path() + L"\\"}) {
+        const json answer = RunJson({L"device", name}, EXIT_OK);
+        EXPECT_TRUE(answer["monitored"].get<bool>());
+        EXPECT_EQ(Utf8(volume.Path()), answer["device"]);
+    }
+    // Of other names nothing is taken away.
+    EXPECT_EQ("\\Device\\Nothing\\", RunJson({L"device", L"\\Device\\Nothing\\"}, EXIT_NOT_MONITORED)["device"]);
+}
+
+TEST_F(VtFltCtlSwitch, ADriverThatOpensAndDoesNotAnswerIsDown)
+{
+    machine.FailRequest(0xB0000006, ERROR_NOT_SUPPORTED, nullptr, 1, 0);
+    EXPECT_NE(std::string::npos, ExpectRefusal({L"device", volume.Path()}, EXIT_DRIVER_DOWN).find("does not answer"));
+}
+
+TEST_F(VtFltCtlSwitch, AVolumeIsNotMissingWhileTheListOfVolumesBreaksOff)
+{
+    for (const std::wstring& name : {std::wstring(L"E:"), volume.Root(), std::wstring(L"Q:")}) {
+        VTFltSimSetEnumerationFault(machine.handle(), 1, ERROR_NOT_READY);
+        EXPECT_NE(std::string::npos, ExpectRefusal({L"stop", name, L"--yes"}, EXIT_DEVICE).find("broke off"))
+            << Utf8(name);
+    }
+    ExpectRefusal({L"stop", L"nonsense", L"--yes"}, EXIT_USAGE);
+    // One that comes before is found.
+    VTFltSimSetEnumerationFault(machine.handle(), 2, ERROR_NOT_READY);
+    EXPECT_EQ(EXIT_OK, Run({L"stop", L"E:", L"--yes"}).exitCode);
+}
+
 } // namespace
 } // namespace vtfltctl_test

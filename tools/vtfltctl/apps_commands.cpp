@@ -5,8 +5,8 @@
 #include "common/volume_name.h"
 #include "library.h"
 #include "output.h"
+#include "volume_lock.h"
 
-#include "apps/mutex_controller.h"
 #include "apps/resync_lists.h"
 #include "apps/volume_name.h"
 #include "registry/multi_string.h"
@@ -47,7 +47,8 @@ Exit RegisterApplication(const Context& context, const std::wstring& application
     if (!IsRegistered(application))
         throw Failure(Exit::Refused, fmt::format("application {} was not registered: its ID is found in another one's",
                                                  Quoted(application)));
-    return Answer(context, Exit::Ok, {{"application", ToUtf8(application)}, {"changed", !already}},
+    return Answer(context, Exit::Ok,
+                  {{"application", ToUtf8(application)}, {"changed", !already}, {"registered", true}},
                   fmt::format("Application {} {}.\n", Quoted(application),
                               already ? "is registered already; nothing was changed"
                                       : "is registered, with fresh bitmaps on every fixed volume"));
@@ -76,41 +77,38 @@ Exit UnregisterApplication(const Context& context, const std::wstring& applicati
     RequireYes(context, fmt::format("would unregister {} and delete its bitmap files on every fixed volume",
                                     Quoted(application)));
     Require(VTUnregisterApplication(application.c_str()), fmt::format("unregister {}", Quoted(application)));
-    return Answer(context, Exit::Ok, {{"application", ToUtf8(application)}, {"changed", true}},
-                  fmt::format("Application {} is unregistered and its bitmap files are deleted. Its verify list stays "
-                              "and names every volume.\n",
-                              Quoted(application)));
+    // The library takes one entry off the list, and an ID can be there twice.
+    const bool still = IsRegistered(application);
+    return Answer(context, Exit::Ok, {{"application", ToUtf8(application)}, {"changed", true}, {"registered", still}},
+                  still ? fmt::format("Application {} was registered more than once and still is registered, without "
+                                      "bitmap files. Its next backup of every volume must verify.\n",
+                                      Quoted(application))
+                        : fmt::format("Application {} is unregistered and its bitmap files are deleted. Its verify "
+                                      "list stays and names every volume.\n",
+                                      Quoted(application)));
 }
 
 // ---- clean
 
 constexpr DWORD MERGE_LIST = 0;
-// How long a backup may keep the bitmap files to itself before the command gives up.
-constexpr DWORD VOLUME_WAIT_MS = 10000;
 
 struct CleanOptions {
     std::string application;
     std::string volume;
 };
 
-// Holds a volume's mutex. The library's own guard waits for half an hour and then goes on without it.
-class VolumeLock {
-public:
-    explicit VolumeLock(const bitmap::VolumeName& volume)
-        : m_mutex(CreateMutexW(nullptr, FALSE, vtflt::BuildMutexName(volume.name).c_str()))
-    {
-        const DWORD wait = m_mutex ? WaitForSingleObject(m_mutex.get(), VOLUME_WAIT_MS) : WAIT_FAILED;
-        if (wait != WAIT_OBJECT_0 && wait != WAIT_ABANDONED)
+std::unique_ptr<VolumeLock> LockForDeleting(const bitmap::VolumeName& volume)
+{
+    try {
+        return std::make_unique<VolumeLock>(volume.name);
+    } catch (const bitmap::ReadError& error) {
+        if (error.Code() == WAIT_TIMEOUT)
             throw Failure(Exit::Busy, fmt::format("a backup works on the bitmap files of {}; nothing was changed there",
                                                   ToUtf8(volume.name)));
+        throw Failure(Exit::Unreadable, fmt::format("cannot lock the bitmap files of {}: {}; nothing was changed there",
+                                                    ToUtf8(volume.name), ErrorText(error.Code())));
     }
-    ~VolumeLock() { ReleaseMutex(m_mutex.get()); }
-    VolumeLock(const VolumeLock&) = delete;
-    VolumeLock& operator=(const VolumeLock&) = delete;
-
-private:
-    vtflt::UniqueHandle m_mutex;
-};
+}
 
 bool IsThere(const std::wstring& path)
 {
@@ -122,6 +120,10 @@ std::vector<std::wstring> FilesOf(const bitmap::VolumeName& volume, const std::w
     std::vector<std::wstring> files;
     for (const bool base : {true, false}) {
         std::wstring path = bitmap::BitmapPath(volume, application, base);
+        // The library cuts a long path, so the file can be that of another ID with the same beginning.
+        if (!path.ends_with(application + L".dat"))
+            throw Failure(Exit::Refused, fmt::format("{} is too long: the path of its bitmap files would be cut",
+                                                     Quoted(application)));
         if (IsThere(path))
             files.push_back(std::move(path));
     }
@@ -155,16 +157,16 @@ std::vector<std::wstring> OwnersOf(const std::wstring& application)
 void CleanVolume(const bitmap::VolumeName& volume, const std::vector<std::wstring>& files,
                  const std::vector<std::wstring>& owners)
 {
-    const VolumeLock lock(volume);
+    const std::unique_ptr<VolumeLock> lock = LockForDeleting(volume);
     vtflt::CVolumeListForResync lists;
     for (const std::wstring& owner : owners)
         Require(lists.UpdateApplicationValue({vtflt::GetVolumeGuid(volume.path)}, vtflt::MakeVerifyListName(owner),
                                              MERGE_LIST),
                 "put the volume on the verify list of " + Quoted(owner));
     for (const std::wstring& file : files) {
-        if (!DeleteFileW(file.c_str()) && IsThere(file))
-            throw Failure(Exit::Unreadable,
-                          fmt::format("cannot delete {}: {}", ToUtf8(file), ErrorText(GetLastError())));
+        const DWORD error = DeleteFileW(file.c_str()) ? ERROR_SUCCESS : GetLastError();
+        if (error != ERROR_SUCCESS && IsThere(file))
+            throw Failure(Exit::Unreadable, fmt::format("cannot delete {}: {}", ToUtf8(file), ErrorText(error)));
     }
 }
 

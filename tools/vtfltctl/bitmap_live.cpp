@@ -2,8 +2,8 @@
 
 #include "common/text.h"
 #include "common/volume_name.h"
+#include "volume_lock.h"
 
-#include "apps/mutex_controller.h"
 #include "apps/volume_name.h"
 #include "bitmap/container.h"
 #include "driver/request.h"
@@ -12,6 +12,7 @@
 #include <fmt/format.h>
 
 #include <array>
+#include <optional>
 #include <vector>
 
 namespace vtfltctl::bitmap {
@@ -20,30 +21,7 @@ namespace {
 using toolkit::ErrorText;
 using toolkit::ToUtf8;
 
-// How long a backup may keep the bitmap files to itself before a command gives up.
-constexpr DWORD VOLUME_WAIT_MS = 10000;
-
-// Holds a volume's mutex. The library's own guard waits for half an hour and then goes on without it.
-class VolumeLock {
-public:
-    // Throws ReadError.
-    explicit VolumeLock(const std::wstring& mutexName) : m_mutex(CreateMutexW(nullptr, FALSE, mutexName.c_str()))
-    {
-        if (!m_mutex)
-            throw ReadError(GetLastError(), "the volume's mutex");
-        const DWORD wait = WaitForSingleObject(m_mutex.get(), VOLUME_WAIT_MS);
-        if (wait == WAIT_TIMEOUT)
-            throw ReadError(WAIT_TIMEOUT, "the volume's mutex");
-        if (wait != WAIT_OBJECT_0 && wait != WAIT_ABANDONED)
-            throw ReadError(GetLastError(), "the volume's mutex");
-    }
-    ~VolumeLock() { ReleaseMutex(m_mutex.get()); }
-    VolumeLock(const VolumeLock&) = delete;
-    VolumeLock& operator=(const VolumeLock&) = delete;
-
-private:
-    vtflt::UniqueHandle m_mutex;
-};
+constexpr DWORD LONGEST_PATH = 32768;
 
 vtflt::UniqueHandle OpenForReading(const std::wstring& path)
 {
@@ -88,40 +66,21 @@ void ReadAt(HANDLE file, std::uint64_t offset, std::uint8_t* to, std::size_t cou
         throw ReadError(ERROR_SUCCESS, "the file became shorter");
 }
 
-// A file that nobody but its reader is concerned with.
-class OpenedFile final : public ByteSource {
+// Opened anew for each read and never held between two: whoever wants to write the file finds it closed, also where it
+// is a live one that is not known for one.
+class FileSource final : public ByteSource {
 public:
-    explicit OpenedFile(const std::wstring& path) : m_file(OpenForReading(path))
+    // volume: Volume{...} of a live file, empty for any other.
+    FileSource(std::wstring path, std::wstring volume) : m_path(std::move(path)), m_volume(std::move(volume))
     {
-        LARGE_INTEGER size{};
-        if (!GetFileSizeEx(m_file.get(), &size))
-            throw ReadError(GetLastError(), "size");
-        m_size = static_cast<std::uint64_t>(size.QuadPart);
-    }
-
-    [[nodiscard]] std::uint64_t Size() const override { return m_size; }
-    void Read(std::uint64_t offset, std::uint8_t* to, std::size_t count) override
-    {
-        ReadAt(m_file.get(), offset, to, count);
-    }
-
-private:
-    vtflt::UniqueHandle m_file;
-    std::uint64_t m_size = 0;
-};
-
-class LiveFile final : public ByteSource {
-public:
-    LiveFile(std::wstring path, std::wstring mutexName) : m_path(std::move(path)), m_mutexName(std::move(mutexName))
-    {
-        const VolumeLock lock(m_mutexName);
+        const std::optional<VolumeLock> lock = Lock();
         m_facts = Identify(OpenForReading(m_path).get());
     }
 
     [[nodiscard]] std::uint64_t Size() const override { return SizeOf(m_facts); }
     void Read(std::uint64_t offset, std::uint8_t* to, std::size_t count) override
     {
-        const VolumeLock lock(m_mutexName);
+        const std::optional<VolumeLock> lock = Lock();
         const vtflt::UniqueHandle file = OpenForReading(m_path);
         if (!IsSameFile(Identify(file.get()), m_facts))
             throw ReadError(ERROR_SUCCESS, "the file was rewritten");
@@ -129,8 +88,15 @@ public:
     }
 
 private:
+    [[nodiscard]] std::optional<VolumeLock> Lock() const
+    {
+        if (m_volume.empty())
+            return std::nullopt;
+        return std::optional<VolumeLock>(std::in_place, m_volume);
+    }
+
     std::wstring m_path;
-    std::wstring m_mutexName;
+    std::wstring m_volume;
     BY_HANDLE_FILE_INFORMATION m_facts{};
 };
 
@@ -145,24 +111,49 @@ std::wstring FullPath(const std::wstring& path)
     return length == 0 ? path : std::wstring(buffer.data(), length);
 }
 
-// The mutex of the volume below whose root the library keeps the file; empty for any other file.
-std::wstring MutexNameFor(const std::wstring& path)
+// Under which path the system itself knows the file: no junction, no short name, no substituted drive is left in it.
+// Empty for a file that is not there or on no local volume.
+std::wstring FinalPath(const std::wstring& path)
 {
-    const std::wstring full = FullPath(path);
-    const std::size_t nameAt = full.find_last_of(L'\\');
+    // Without a right to its data the handle is in nobody's way.
+    const vtflt::UniqueHandle file(CreateFileW(path.c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                               nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file)
+        return {};
+    std::vector<wchar_t> buffer(LONGEST_PATH);
+    const DWORD length =
+        GetFinalPathNameByHandleW(file.get(), buffer.data(), static_cast<DWORD>(buffer.size()), VOLUME_NAME_GUID);
+    return length < buffer.size() ? std::wstring(buffer.data(), length) : std::wstring();
+}
+
+// Volume{...} of the volume below whose root a file of this path would be the library's; empty for any other path.
+std::wstring VolumeOfLivePath(const std::wstring& path)
+{
+    const std::size_t nameAt = path.find_last_of(L'\\');
     if (nameAt == std::wstring::npos)
         return {};
-    const std::wstring folder = full.substr(0, nameAt);
+    const std::wstring folder = path.substr(0, nameAt);
     const std::wstring tail = std::wstring(L"\\") + vtflt::BITMAP_FOLDER;
     if (!toolkit::EndsWithIgnoringCase(folder, tail))
         return {};
     const std::wstring root = folder.substr(0, folder.size() - tail.size() + 1);
     std::array<wchar_t, MAX_PATH> volume{};
-    if (!GetVolumeNameForVolumeMountPointW(root.c_str(), volume.data(), static_cast<DWORD>(volume.size()))) {
-        const std::optional<std::wstring> guid = toolkit::ParseVolumeGuid(root);
-        return guid ? vtflt::BuildMutexName(L"Volume" + *guid) : std::wstring();
-    }
-    return vtflt::BuildMutexName(vtflt::GetVolumeName(volume.data()));
+    if (GetVolumeNameForVolumeMountPointW(root.c_str(), volume.data(), static_cast<DWORD>(volume.size())))
+        return vtflt::GetVolumeName(volume.data());
+    const std::optional<std::wstring> guid = toolkit::ParseVolumeGuid(root);
+    return guid ? L"Volume" + *guid : std::wstring();
+}
+
+// Volume{...} of a file that the library keeps, whatever name it is called by; empty for any other file.
+std::wstring VolumeOfLiveFile(const std::wstring& path)
+{
+    std::wstring volume = VolumeOfLivePath(FullPath(path));
+    return volume.empty() ? VolumeOfLivePath(FinalPath(path)) : volume;
+}
+
+bool LooksLikeMountPath(const std::wstring& name) noexcept
+{
+    return name.size() >= 2 && name[1] == L':';
 }
 
 bool IsMissing(std::uint32_t code) noexcept
@@ -173,10 +164,7 @@ bool IsMissing(std::uint32_t code) noexcept
 
 std::unique_ptr<ByteSource> Open(const std::wstring& path)
 {
-    std::wstring mutexName = MutexNameFor(path);
-    if (mutexName.empty())
-        return std::make_unique<OpenedFile>(path);
-    return std::make_unique<LiveFile>(path, std::move(mutexName));
+    return std::make_unique<FileSource>(path, VolumeOfLiveFile(path));
 }
 
 } // namespace
@@ -223,15 +211,18 @@ VolumeName FindVolumeByName(const std::wstring& name)
     const std::optional<std::wstring> asked = toolkit::ParseVolumeGuid(name);
     const std::wstring mountPath = name.ends_with(L'\\') ? name : name + L"\\";
     std::vector<std::wstring> paths;
-    toolkit::EnumerateVolumePaths(paths);
+    const DWORD error = toolkit::EnumerateVolumePaths(paths);
     for (const std::wstring& path : paths) {
         const std::optional<std::wstring> guid = toolkit::ParseVolumeGuid(path);
         if (guid && (asked ? toolkit::EqualIgnoringCase(*guid, *asked) : toolkit::IsMountedAt(path, mountPath)))
             return named(*guid);
     }
+    if (error != ERROR_SUCCESS && (asked || LooksLikeMountPath(name)))
+        throw Failure(Exit::Device, fmt::format("cannot find the volume {}: the list of volumes broke off, {}",
+                                                ToUtf8(name), ErrorText(error)));
     if (asked)
         throw Failure(Exit::NotFound, fmt::format("this machine has no volume {}", ToUtf8(*asked)));
-    if (name.size() >= 2 && name[1] == L':')
+    if (LooksLikeMountPath(name))
         throw Failure(Exit::NotFound, fmt::format("no volume is mounted at {}", ToUtf8(name)));
     throw Failure(Exit::Usage, fmt::format("\"{}\" names no volume; write {{GUID}}, \\\\?\\Volume{{GUID}}\\ or a path "
                                            "where it is mounted, such as E:",

@@ -10,10 +10,13 @@
 
 namespace vtfltctl::bitmap {
 
-// Opens a file for reading. A bitmap file that lies where the library keeps it, below a volume's root, is a live one:
-// the library writes it with nobody else allowed to have it open, so it is opened under the volume's mutex only, anew
-// for each read and never while results are printed. A read then fails with ReadError 0 when the file is no longer the
-// one that was opened, and with WAIT_TIMEOUT when a backup keeps the volume's files to itself.
+// Opens a file for reading, anew for each read: it is never held open while results are printed. A bitmap file that
+// lies where the library keeps it, below a volume's root, is a live one: the library writes it with nobody else allowed
+// to have it open, so it is read under the volume's mutex only (volume_lock.h). Whether it is one is asked of the
+// system, so other names of it do not help; a file on another machine is never taken for one.
+//
+// A read fails with ReadError 0 when the file is no longer the one that was opened, and with WAIT_TIMEOUT when a backup
+// keeps the volume's files to itself.
 //
 // Throws Failure(NotFound, Busy or Unreadable).
 std::unique_ptr<ByteSource> OpenFile(const std::wstring& path);
@@ -29,7 +32,8 @@ struct VolumeName {
     std::wstring name; // Volume{...}
     std::wstring path; // \\?\Volume{...}\ .
 };
-// In the system's own spelling where it knows the volume. Throws Failure(NotFound or Usage).
+// In the system's own spelling where it knows the volume. Throws Failure(NotFound or Usage; Device when the list of
+// volumes broke off before the volume was found).
 VolumeName FindVolumeByName(const std::wstring& name);
 // Size and tracking block size; 0 for what the volume or the driver does not answer.
 Geometry QueryGeometry(const VolumeName& volume);

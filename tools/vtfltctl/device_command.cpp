@@ -1,7 +1,10 @@
 // device: does the driver track it?
+#include "common/volume_name.h"
 #include "library.h"
 #include "machine.h"
 #include "output.h"
+
+#include "apps/volume_name.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -12,13 +15,15 @@
 namespace vtfltctl {
 namespace {
 
-Exit Device(const Context& context, const std::wstring& name)
+Exit Device(const Context& context, const std::wstring& asked)
 {
-    if (name.empty())
+    if (asked.empty())
         throw Failure(Exit::Usage, "the device name is empty");
+    // The driver knows volumes without the backslash that belongs to their root.
+    const std::wstring name = toolkit::ParseVolumeGuid(asked) ? vtflt::StripTrailingBackslash(asked) : asked;
     // The export's answer for a driver that cannot be asked is the one for a device that is not tracked.
     const DriverFacts driver = LookAtDriver();
-    if (driver.openError != ERROR_SUCCESS)
+    if (driver.generation == Generation::None)
         throw Failure(Exit::DriverDown, fmt::format("the driver cannot be asked: {}", WhyDriverFails(driver)));
     const bool monitored = VTIsDeviceMonitored(name.c_str()) == 0;
     return Answer(

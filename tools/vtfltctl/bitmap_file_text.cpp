@@ -32,7 +32,8 @@ std::string_view VerdictText(Verdict verdict) noexcept
     case Verdict::MustVerify:
         return "damaged: the library cannot use it, and the application's next backup of the volume must verify";
     case Verdict::BlocksAll:
-        return "damaged: every fetch of the volume's changes fails, for every application, until the file is deleted";
+        return "damaged: until the file is deleted, fetches of the volume's changes fail: every application's for a child "
+               "bitmap, its own application's for a base bitmap";
     }
     return "";
 }

@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 #include <vtfltmgr/VTFltMgr.h>
 
+#include <algorithm>
 #include <memory>
 
 namespace vtfltctl {
@@ -35,6 +36,20 @@ std::string FindingText(const Finding& finding)
     return text;
 }
 
+bool HasMend(const std::vector<Finding>& findings)
+{
+    return std::any_of(findings.begin(), findings.end(), [](const Finding& finding) { return !finding.mend.empty(); });
+}
+
+// What another program would do, it would do to the machine that this one runs on.
+void ForgetMendsOfThisMachine(std::vector<Finding>& findings)
+{
+    for (Finding& finding : findings) {
+        if (!finding.mend.starts_with("vtfltctl "))
+            finding.mend.clear();
+    }
+}
+
 Exit Doctor(const Context& context, bool reinstall)
 {
     if (reinstall) {
@@ -42,15 +57,19 @@ Exit Doctor(const Context& context, bool reinstall)
         // Its answer is found again by the look at the machine that follows.
         VTCanBLIDriverWork();
     }
-    const std::vector<Finding> findings = FindFaults(LookAtMachine());
+    std::vector<Finding> findings = FindFaults(LookAtMachine());
     Json list = Json::array();
     std::string text;
+    if (!context.simulate.empty())
+        ForgetMendsOfThisMachine(findings);
     for (const Finding& finding : findings) {
         list.push_back(FindingJson(finding));
         text += FindingText(finding);
     }
     if (text.empty())
         text = "Nothing was found: driver, registry, bitmap files and volumes agree.\n";
+    if (!context.simulate.empty() && HasMend(findings))
+        text += "\nThis machine is a simulated one: these commands need --simulate DIR, too.\n";
     return Answer(context, OutcomeOf(findings), {{"findings", list}}, text);
 }
 

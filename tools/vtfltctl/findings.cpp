@@ -75,7 +75,7 @@ void CheckSwitch(const MachineFacts& machine, std::vector<Finding>& findings)
                                         ErrorText(snapshots.error)),
                             "Tracking of snapshots can be asked for and taken back no more.",
                             "reg delete \"HKLM\\SOFTWARE\\Veltrix\\Lumen Protect\\Engine\\VTFltMgr\\"
-                            "{533C5B84-EC70-11D2-9505-00C04F79DEAF}\" /v SnapshotMonitorCount"});
+                            "{533C5B84-EC70-11D2-9505-00C04F79DEAF}\" /v SnapshotMonitorCount && vtfltctl monitor on"});
         return;
     }
     const std::uint32_t count = snapshots.count.value_or(0);
@@ -179,13 +179,6 @@ const char* SeverityName(Severity severity) noexcept
         return "damaged";
     }
     return "unknown";
-}
-
-std::string ShellArgument(std::wstring_view text)
-{
-    const bool plain = !text.empty() && text.find_first_of(L" \t\"'`$&|<>()^%!;,{}@#*?") == std::wstring_view::npos &&
-                       text.front() != L'-';
-    return plain ? ToUtf8(text) : '"' + ToUtf8(text) + '"';
 }
 
 } // namespace vtfltctl

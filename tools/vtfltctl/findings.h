@@ -38,7 +38,4 @@ Exit OutcomeOf(const std::vector<Finding>& findings);
 // "note", "unknown", "verify", "driver-down", "damaged"
 const char* SeverityName(Severity severity) noexcept;
 
-// The part of a command line that stands for one argument, in quotes where a shell needs them.
-std::string ShellArgument(std::wstring_view text);
-
 } // namespace vtfltctl

@@ -2,6 +2,7 @@
 #include "bitmap_name.h"
 #include "common/text.h"
 #include "findings_parts.h"
+#include "mend.h"
 #include "output.h"
 
 #include "apps/volume_name.h"
@@ -19,7 +20,7 @@ using bitmap::Verdict;
 
 std::string Clean(const std::wstring& application, const VolumeFacts& volume)
 {
-    return "vtfltctl apps clean " + ShellArgument(application) + " --volume " + ShellArgument(volume.guid) + " --yes";
+    return MendCommand("apps clean", {application}, "--volume \"" + ToUtf8(volume.guid) + "\" --yes");
 }
 
 std::string FlawTexts(const bitmap::FileFacts& file)
@@ -82,7 +83,11 @@ void CheckUnusable(const VolumeFacts& volume, const HoldingFacts& holding, const
     if (bitmap::VerdictOf(*bitmap.file) == Verdict::BlocksAll)
         findings.push_back({"file-cut-short", Severity::Damaged, holding.application, volume.guid,
                             fmt::format("{} is cut short. {}", ToUtf8(bitmap.path), flaws),
-                            "Until it is gone, every fetch of changes from this volume fails, for every application.",
+                            // Everybody's fetch hands the driver's bits to every child; the base is its owner's alone.
+                            &bitmap == &holding.base
+                                ? "Until it is gone, every fetch of the application's changes from this volume fails."
+                                : "Until it is gone, every fetch of changes from this volume fails, for every "
+                                  "application.",
                             Clean(holding.application, volume)});
     else
         findings.push_back({"file-damaged", Severity::Damaged, holding.application, volume.guid,
@@ -116,9 +121,13 @@ void CheckUsable(const VolumeFacts& volume, const HoldingFacts& holding, const B
     }
     if (bitmap::VerdictOf(*bitmap.file) == Verdict::Doubtful)
         findings.push_back(
-            {"file-doubtful", Severity::Note, holding.application, volume.guid,
+            {"file-doubtful",
+             Severity::Note,
+             holding.application,
+             volume.guid,
              fmt::format("{} is not as the library writes it. {}", ToUtf8(bitmap.path), FlawTexts(*bitmap.file)),
-             "The library uses it all the same.", Clean(holding.application, volume)});
+             "The library uses it all the same.",
+             {}});
 }
 
 // True when the application is still to be told apart: it has no usable pair of files.

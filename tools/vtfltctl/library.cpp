@@ -19,8 +19,6 @@ Exit ExitOf(DWORD result)
     switch (result) {
     case VTFLT_APP_NOT_REGISTERED:
     case VTFLT_NO_APPLICATION:
-    case ERROR_FILE_NOT_FOUND:
-    case ERROR_PATH_NOT_FOUND:
         return Exit::NotFound;
     case VTFLT_VERIFY_REQUIRED:
         return Exit::VerifyRequired;
@@ -69,6 +67,9 @@ std::vector<std::wstring> RegisteredApplications()
     if (stored.error == ERROR_INVALID_DATA)
         throw Failure(Exit::Unreadable, "cannot read the list of registered applications: RegisteredAppIDs is no "
                                         "multi-string");
+    // The export would make the key.
+    if (stored.error == ERROR_FILE_NOT_FOUND)
+        return {};
     std::vector<std::wstring> list;
     if (const DWORD result = VTGetRegisteredAppList(&list); result != ERROR_SUCCESS)
         throw Failure(Exit::Unreadable,

@@ -53,13 +53,17 @@ BitmapFileFacts LookAtFile(const VolumeFacts& volume, const std::wstring& applic
 void CountOwed(const VolumeFacts& volume, HoldingFacts& holding, bitmap::ByteSource& base, bitmap::ByteSource& child)
 {
     const bool known = volume.geometry.blockSize != 0 && volume.geometry.volumeBytes != 0;
+    // Bits of blocks of different sizes cannot be counted together, and mean nothing in the driver's.
+    if (holding.base.file->blockSize != holding.child.file->blockSize ||
+        (known && holding.base.file->blockSize != volume.geometry.blockSize))
+        return;
     const std::uint64_t blocks =
         known ? volume.geometry.VolumeBlocks() : std::max(holding.base.file->Blocks(), holding.child.file->Blocks());
     bitmap::FileBits baseBits(base, *holding.base.file, blocks);
     bitmap::FileBits childBits(child, *holding.child.file, blocks);
     bitmap::CombinedBits either(baseBits, childBits, bitmap::CombinedBits::Rule::Either);
     const bitmap::Totals totals = bitmap::TotalsOf(either);
-    const std::uint32_t blockSize = known ? volume.geometry.blockSize : holding.base.file->blockSize;
+    const std::uint32_t blockSize = holding.base.file->blockSize;
     holding.owedBlocks = totals.Set();
     holding.owedBytes = bitmap::SaturatedProduct(totals.Set(), blockSize);
     // A last block that is only partly on the volume.

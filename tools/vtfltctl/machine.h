@@ -77,8 +77,9 @@ struct BitmapFileFacts {
     // Whether the library would use it.
     [[nodiscard]] bool Usable() const noexcept
     {
-        return file && (bitmap::VerdictOf(*file) == bitmap::Verdict::Sound ||
-                        bitmap::VerdictOf(*file) == bitmap::Verdict::Doubtful);
+        return readError.empty() && file &&
+               (bitmap::VerdictOf(*file) == bitmap::Verdict::Sound ||
+                bitmap::VerdictOf(*file) == bitmap::Verdict::Doubtful);
     }
 };
 
@@ -87,7 +88,8 @@ struct HoldingFacts {
     std::wstring application;
     BitmapFileFacts base;
     BitmapFileFacts child;
-    std::optional<std::uint64_t> owedBlocks; // changed in either; nothing when one is not usable
+    std::optional<std::uint64_t>
+        owedBlocks; // changed in either; nothing when one is not usable, or sizes of blocks differ
     std::uint64_t owedBytes = 0;
 };
 

@@ -70,7 +70,8 @@ Json HoldingJson(const MachineFacts& machine, const VolumeFacts& volume, const H
                    {"owedBytes", holding.owedBlocks ? Json(holding.owedBytes) : Json(nullptr)}};
     const auto application = std::find_if(machine.applications.begin(), machine.applications.end(),
                                           [&](const ApplicationFacts& a) { return a.id == holding.application; });
-    object["mustVerify"] = application != machine.applications.end() && MustVerify(*application, volume, holding);
+    object["mustVerify"] =
+        application != machine.applications.end() && MustVerify(machine, *application, volume, holding);
     return object;
 }
 
@@ -150,11 +151,15 @@ std::string FileStateName(const BitmapFileFacts& file)
     return std::string(bitmap::VerdictName(bitmap::VerdictOf(*file.file)));
 }
 
-bool MustVerify(const ApplicationFacts& application, const VolumeFacts& volume, const HoldingFacts& holding)
+bool MustVerify(const MachineFacts& machine, const ApplicationFacts& application, const VolumeFacts& volume,
+                const HoldingFacts& holding)
 {
-    const auto lost = [](const BitmapFileFacts& file) { return !file.there || (file.file && !file.Usable()); };
-    return application.verify.error != ERROR_SUCCESS || Names(application.verify, volume) ||
-           Names(application.pending, volume) || lost(holding.base) || lost(holding.child);
+    const auto lost = [](const BitmapFileFacts& file) {
+        return !file.there || (file.readError.empty() && file.file && !file.Usable());
+    };
+    const auto marks = [&](const ListFacts& list) { return list.error != ERROR_SUCCESS || Names(list, volume); };
+    return marks(application.verify) || marks(application.pending) || marks(machine.driverList) || lost(holding.base) ||
+           lost(holding.child);
 }
 
 } // namespace vtfltctl

@@ -16,6 +16,7 @@ Json FindingJson(const Finding& finding);
 // "sound", "missing", "unreadable", or what is wrong with it: "must-verify", "blocks-all".
 std::string FileStateName(const BitmapFileFacts& file);
 // Whether the application's next backup of the volume must verify, as far as lists and files say.
-bool MustVerify(const ApplicationFacts& application, const VolumeFacts& volume, const HoldingFacts& holding);
+bool MustVerify(const MachineFacts& machine, const ApplicationFacts& application, const VolumeFacts& volume,
+                const HoldingFacts& holding);
 
 } // namespace vtfltctl

@@ -1,5 +1,6 @@
 // monitor: the tracking of a device class, asked for and taken back.
 #include "common/registry_value.h"
+#include "common/text.h"
 #include "library.h"
 #include "machine_json.h"
 
@@ -13,6 +14,10 @@
 
 namespace vtfltctl {
 namespace {
+
+constexpr wchar_t VOLUME_CLASS[] = L"{71A27CDD-812A-11D0-BEC7-08002BE2092F}";
+// A count above it went below zero.
+constexpr std::uint32_t HIGHEST_COUNT = 0x7FFFFFFF;
 
 // A class key that does not exist would be made by the library, and the count with it: a typing mistake would be
 // answered with success.
@@ -30,6 +35,16 @@ std::wstring RequireClass(const std::wstring& name)
         throw Failure(
             error == ERROR_ACCESS_DENIED ? Exit::Unreadable : Exit::NotFound,
             fmt::format("there is no device class {}: {}", Quoted(name), ErrorText(static_cast<DWORD>(error))));
+    return key;
+}
+
+// Without VTFlt among its filters no volume is tracked any more: that is no switch for a person to turn.
+std::wstring RequireSwitchable(const std::wstring& name)
+{
+    std::wstring key = RequireClass(name);
+    if (toolkit::EqualIgnoringCase(std::wstring_view(key).substr(key.find_last_of(L'\\') + 1), VOLUME_CLASS))
+        throw Failure(Exit::Refused, "that is the class of volumes: the last request taken back would end the tracking "
+                                     "of all of them");
     return key;
 }
 
@@ -59,6 +74,16 @@ Exit ShowSwitch(const Context& context, const SwitchFacts& facts)
     return Answer(context, Exit::Ok, SwitchJson(facts), SwitchText(facts));
 }
 
+// The exports answer 0 also when the driver went down since it was looked at, and then count nothing.
+Exit ShowChanged(const Context& context, const SwitchFacts& before)
+{
+    const SwitchFacts after = LookAtSwitch(before.classKey);
+    if (after.error == ERROR_SUCCESS && after.count == before.count)
+        throw Failure(Exit::DriverDown, fmt::format("the count of {} did not change: the driver went down meanwhile",
+                                                    ToUtf8(before.classKey)));
+    return ShowSwitch(context, after);
+}
+
 Exit Count(const Context& context, const std::wstring& name)
 {
     return ShowSwitch(context, RequireReadable(RequireClass(name)));
@@ -66,22 +91,28 @@ Exit Count(const Context& context, const std::wstring& name)
 
 Exit SwitchOn(const Context& context, const std::wstring& name)
 {
-    const std::wstring key = RequireClass(name);
-    RequireReadable(key);
+    const std::wstring key = RequireSwitchable(name);
+    const SwitchFacts before = RequireReadable(key);
     RequireDriver();
     Require(VTFltEnableMonitorForSnapshot(key.c_str()), "ask for the tracking of " + ToUtf8(key));
-    return ShowSwitch(context, LookAtSwitch(key));
+    return ShowChanged(context, before);
 }
 
 Exit SwitchOff(const Context& context, const std::wstring& name)
 {
-    const std::wstring key = RequireClass(name);
+    const std::wstring key = RequireSwitchable(name);
     const SwitchFacts before = RequireReadable(key);
     // The library would count on below zero.
     if (before.count.value_or(0) == 0)
         throw Failure(
             Exit::Refused,
             fmt::format("nobody asked for the tracking of {}: there is no request to take back", ToUtf8(key)));
+    if (*before.count > HIGHEST_COUNT)
+        throw Failure(
+            Exit::Refused,
+            fmt::format("more requests for {} were taken back than made (the count stands at {}): there is no "
+                        "request to take back",
+                        ToUtf8(key), *before.count));
     RequireYes(context, *before.count == 1
                             ? fmt::format("would take back the last request and remove VTFlt from the upper filters "
                                           "of {}",
@@ -90,7 +121,7 @@ Exit SwitchOff(const Context& context, const std::wstring& name)
                                           *before.count, ToUtf8(key)));
     RequireDriver();
     Require(VTFltDisableMonitorForSnapshot(key.c_str()), "take back the tracking of " + ToUtf8(key));
-    return ShowSwitch(context, LookAtSwitch(key));
+    return ShowChanged(context, before);
 }
 
 } // namespace

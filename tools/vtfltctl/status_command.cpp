@@ -64,7 +64,7 @@ std::string HoldingText(const MachineFacts& machine, const VolumeFacts& volume, 
             fmt::format("; {} changed, {} owed", CountText(*holding.owedBlocks, "block"), BytesText(holding.owedBytes));
     const auto application = std::find_if(machine.applications.begin(), machine.applications.end(),
                                           [&](const ApplicationFacts& a) { return a.id == holding.application; });
-    if (application != machine.applications.end() && MustVerify(*application, volume, holding))
+    if (application != machine.applications.end() && MustVerify(machine, *application, volume, holding))
         text += "; " + Coloured("must verify", Colour::Warning);
     return text + "\n";
 }

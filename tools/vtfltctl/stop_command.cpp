@@ -17,6 +17,8 @@
 namespace vtfltctl {
 namespace {
 
+constexpr const char* FILES_LEFT = "VelVolTrc (was a folder inside?); run it again";
+
 struct StopOptions {
     std::string volume;
     bool all = false;
@@ -39,7 +41,9 @@ bool AnyFolderLeft()
     std::vector<std::wstring> paths;
     if (toolkit::EnumerateVolumePaths(paths) != ERROR_SUCCESS)
         return true;
-    return std::any_of(paths.begin(), paths.end(), HasBitmapFolder);
+    return std::any_of(paths.begin(), paths.end(), [](const std::wstring& path) {
+        return GetDriveTypeW(path.c_str()) == DRIVE_FIXED && HasBitmapFolder(path);
+    });
 }
 
 Exit StopAll(const Context& context)
@@ -52,6 +56,9 @@ Exit StopAll(const Context& context)
                       fmt::format("not every volume's bitmap files could be deleted (codes ORed: {:#x}); the log says "
                                   "which",
                                   result));
+    // The library ends at a folder inside, which it deletes, and calls that success.
+    if (AnyFolderLeft())
+        throw Failure(Exit::Device, std::string("of a volume files are left in ") + FILES_LEFT);
     return Answer(context, Exit::Ok, {{"volumes", "all"}, {"changed", true}},
                   "The bitmap files of every application on every fixed volume are deleted; every next backup must "
                   "verify. The driver still tracks the volumes.\n");
@@ -68,6 +75,9 @@ Exit StopOne(const Context& context, const std::wstring& name)
     const bool stopped = VTIsDeviceMonitored(device.c_str()) != 0;
     if (!IsMissing(result) || !stopped || HasBitmapFolder(volume.path))
         Require(result, fmt::format("stop the tracking of {}", ToUtf8(volume.name)));
+    if (HasBitmapFolder(volume.path))
+        throw Failure(Exit::Device,
+                      fmt::format("{} is tracked no more, but files are left in {}", ToUtf8(volume.name), FILES_LEFT));
     return Answer(context, Exit::Ok, {{"volumes", ToUtf8(vtflt::GetVolumeGuid(volume.path))}, {"changed", true}},
                   fmt::format("{} is tracked no more and has no bitmap files; every next backup of it must verify.\n",
                               ToUtf8(volume.name)));

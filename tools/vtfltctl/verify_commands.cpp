@@ -5,6 +5,7 @@
 #include "machine_json.h"
 
 #include "apps/resync_lists.h"
+#include "apps/resync_text.h"
 #include "apps/volume_name.h"
 
 #include <CLI/CLI.hpp>
@@ -94,6 +95,44 @@ Exit Changed(const Context& context, const std::wstring& application, const std:
     return Answer(context, Exit::Ok, ListsOf(application), text);
 }
 
+std::vector<std::wstring> FixedVolumes()
+{
+    std::vector<std::wstring> paths;
+    if (const DWORD error = toolkit::EnumerateVolumePaths(paths); error != ERROR_SUCCESS)
+        throw Failure(Exit::Device, "cannot list the volumes: " + ErrorText(error));
+    std::vector<std::wstring> guids;
+    for (const std::wstring& path : paths) {
+        if (GetDriveTypeW(path.c_str()) == DRIVE_FIXED)
+            guids.push_back(vtflt::GetVolumeGuid(path));
+    }
+    return guids;
+}
+
+bool IsEntry(const ListFacts& list, const std::wstring& text)
+{
+    return std::find(list.entries.begin(), list.entries.end(), text) != list.entries.end();
+}
+
+// The exports answer 0 also when the driver went down since it was looked at, and then do nothing.
+void RequireEveryVolume(const ListFacts& list)
+{
+    for (const std::wstring& guid : FixedVolumes()) {
+        if (!IsEntry(list, guid))
+            throw Failure(Exit::DriverDown,
+                          fmt::format("{} is not on the verify list: the driver went down meanwhile", ToUtf8(guid)));
+    }
+}
+
+void RequireHandedOn(const std::wstring& application)
+{
+    const std::vector<std::wstring> left = ReadVolumeList({}).entries;
+    const bool handedOut = std::none_of(left.begin(), left.end(), vtflt::IsBracedGuid);
+    if (!handedOut || !ReadVolumeList(application).entries.empty())
+        throw Failure(Exit::DriverDown,
+                      "volumes still wait on the driver's or the pending list: the driver went down meanwhile, or lost "
+                      "track of another volume; run it again");
+}
+
 Exit Add(const Context& context, const VerifyOptions& options)
 {
     if (options.all == !options.volumes.empty())
@@ -108,6 +147,7 @@ Exit Add(const Context& context, const VerifyOptions& options)
     if (options.all) {
         RequireDriver();
         Require(VTAddVolumesToAppVerifyList(application.c_str()), "put every volume on the verify list");
+        RequireEveryVolume(ReadVolumeList(suffix));
         return Changed(context, application,
                        fmt::format("Every fixed volume is on the verify list of {}.\n", Quoted(application)));
     }
@@ -126,11 +166,15 @@ std::vector<std::wstring> FindEntries(const ListFacts& list, const VerifyOptions
     std::vector<std::wstring> entries;
     for (const std::string& volume : options.volumes) {
         const std::wstring text = ToWide(volume);
-        const bool exact = std::find(list.entries.begin(), list.entries.end(), text) != list.entries.end();
-        std::wstring guid = text;
-        if (!exact) {
-            const std::optional<std::wstring> parsed = toolkit::ParseVolumeGuid(text);
-            guid = parsed ? *parsed : vtflt::GetVolumeGuid(bitmap::FindVolumeByName(text).path);
+        if (IsEntry(list, text)) {
+            entries.push_back(text);
+            continue;
+        }
+        const std::optional<std::wstring> parsed = toolkit::ParseVolumeGuid(text);
+        const std::wstring guid = parsed ? *parsed : vtflt::GetVolumeGuid(bitmap::FindVolumeByName(text).path);
+        if (IsEntry(list, guid)) {
+            entries.push_back(guid);
+            continue;
         }
         const auto found = std::find_if(list.entries.begin(), list.entries.end(), [&](const std::wstring& entry) {
             return toolkit::EqualIgnoringCase(entry, guid);
@@ -159,30 +203,30 @@ Exit Remove(const Context& context, const VerifyOptions& options)
                                Quoted(application)));
 }
 
+// Its pending list is the verify list of the application without that ending, registered or not.
+bool PendsInVerifyList(const std::wstring& application)
+{
+    return toolkit::EndsWithIgnoringCase(application, L".Last");
+}
+
 Exit Replicate(const Context& context, const VerifyOptions& options)
 {
     const std::wstring application = ToWide(options.application);
     RequireRegistered(application);
+    if (PendsInVerifyList(application))
+        throw Failure(Exit::Refused,
+                      fmt::format("the pending list of {} is the verify list of {}, whose marks would be taken off; "
+                                  "unregister {}",
+                                  Quoted(application), Quoted(application.substr(0, application.size() - 5)),
+                                  Quoted(application)));
     RequireReadableLists(application);
     RequireDriver();
     Require(VTReplicateVerifyList(application.c_str()), "replicate the lists");
+    RequireHandedOn(application);
     return Changed(context, application,
                    fmt::format("The driver's list is handed to every application, and the pending list of {} is in its "
                                "verify list:{}",
                                Quoted(application), Entries(ReadVolumeList(vtflt::MakeVerifyListName(application)))));
-}
-
-std::vector<std::wstring> FixedVolumes()
-{
-    std::vector<std::wstring> paths;
-    if (const DWORD error = toolkit::EnumerateVolumePaths(paths); error != ERROR_SUCCESS)
-        throw Failure(Exit::Device, "cannot list the volumes: " + ErrorText(error));
-    std::vector<std::wstring> guids;
-    for (const std::wstring& path : paths) {
-        if (GetDriveTypeW(path.c_str()) == DRIVE_FIXED)
-            guids.push_back(vtflt::GetVolumeGuid(path));
-    }
-    return guids;
 }
 
 // The volumes of a list that cannot be read are not known, so every one of them has to be verified. They are on the
@@ -213,7 +257,11 @@ Exit Rebuild(const Context& context)
         Require(store.UpdateApplicationValue(volumes, vtflt::MakeVerifyListName(lists.application),
                                              lists.verify ? REPLACE_LIST : MERGE_LIST),
                 "write the verify list of " + Quoted(lists.application));
-        if (lists.pending)
+        // A pending list that is also a verify list, perhaps one written a moment ago, keeps its marks.
+        if (lists.pending && PendsInVerifyList(lists.application))
+            Require(store.UpdateApplicationValue(volumes, lists.application, REPLACE_LIST),
+                    "write the pending list of " + Quoted(lists.application));
+        else if (lists.pending)
             Require(store.ClearDriverRegValue(lists.application),
                     "delete the pending list of " + Quoted(lists.application));
         rebuilt.push_back(ToUtf8(lists.application));
@@ -240,7 +288,10 @@ void AddVerifyCommands(CLI::App& app, Context& context)
 
     CLI::App* list = command("list", "Show the driver's list and the pending and verify lists", List);
     list->add_option("APP", options->application, "of this application only");
-    CLI::App* add = command("add", "Put volumes on an application's verify list", Add);
+    CLI::App* add = command(
+        "add",
+        "Put volumes on an application's verify list; not while a backup of it runs, whose success takes them off",
+        Add);
     add->add_option("APP", options->application, APP)->required();
     add->add_option("VOLUME", options->volumes, VOLUME);
     add->add_flag("--all", options->all, "every fixed volume");
@@ -249,10 +300,15 @@ void AddVerifyCommands(CLI::App& app, Context& context)
     remove->add_option("VOLUME", options->volumes, VOLUME)->required();
     AddYes(*remove, context, "the entries");
     CLI::App* replicate = command(
-        "replicate", "Hand the driver's list to the applications, and the pending list to the verify list", Replicate);
+        "replicate",
+        "Hand the driver's list to the applications, and the pending list to the verify list; not while a backup of the "
+        "application runs, whose success takes the marks off",
+        Replicate);
     replicate->add_option("APP", options->application, APP)->required();
     CLI::App& rebuild =
-        AddCommand(group, context, "rebuild", "Replace lists that cannot be read: every fixed volume must then verify",
+        AddCommand(group, context, "rebuild",
+                   "Replace lists that cannot be read: every fixed volume must then verify; not while a backup runs, "
+                   "whose success takes the marks off",
                    [&context] { return Rebuild(context); });
     AddYes(rebuild, context, "the lists that cannot be read");
 }

@@ -23,6 +23,20 @@ TEST_F(VtFltCtlApps, AnEmptyListIsSaidInWords)
     EXPECT_EQ(json::array(), RunJson({L"apps", L"list"}, EXIT_OK)["applications"]);
 }
 
+TEST_F(VtFltCtlApps, LookingMakesNoKey)
+{
+    for (const std::vector<std::wstring>& command :
+         {std::vector<std::wstring>{L"verify", L"list"}, std::vector<std::wstring>{L"apps", L"list"},
+          std::vector<std::wstring>{L"status"}, std::vector<std::wstring>{L"doctor"}}) {
+        EXPECT_EQ(EXIT_OK, Run(command).exitCode);
+        HKEY root = nullptr;
+        vtfltsim::Check("VTFltSimOpenKey", VTFltSimOpenKey(machine.handle(), L"", KEY_READ, &root));
+        HKEY key = nullptr;
+        EXPECT_EQ(ERROR_FILE_NOT_FOUND, RegOpenKeyExW(root, IDS_KEY, 0, KEY_READ, &key)) << Utf8(command.front());
+        RegCloseKey(root);
+    }
+}
+
 TEST_F(VtFltCtlApps, RegisteringGivesFilesAndAPlaceInTheList)
 {
     const json answer = RunJson({L"apps", L"register", L"Nightly"}, EXIT_OK);

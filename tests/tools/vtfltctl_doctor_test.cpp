@@ -2,6 +2,9 @@
 #include "tools/vtfltctl_test.h"
 
 #include <algorithm>
+#include <cwctype>
+#include <map>
+#include <set>
 
 namespace vtfltctl_test {
 namespace {
@@ -55,8 +58,37 @@ protected:
         return found.is_null() ? json::object() : found;
     }
 
-    // Runs the commands that a finding names.
+    // The volumes that the library takes for marked by an application's lists, and the ones that it will.
+    [[nodiscard]] std::set<std::wstring> Marks(const std::wstring& application) const
+    {
+        std::set<std::wstring> marks;
+        for (const wchar_t* ending : {L"", L".Last"}) {
+            for (const std::wstring& entry : StoredList(DRIVER_LIST + application + ending)) {
+                VTFLTSIM_VOLUME_INFO info = {};
+                info.size = sizeof(info);
+                for (DWORD index = 0; VTFltSimEnumVolume(machine.handle(), index, &info) == 0; ++index) {
+                    if ((std::wstring(L"\\\\?\\Volume") + info.guid + L"\\").find(entry) != std::wstring::npos)
+                        marks.insert(info.guid);
+                }
+            }
+        }
+        return marks;
+    }
+    // Runs the commands that a finding names. No registered application may lose a mark by them.
     void Mend(const json& finding) const
+    {
+        std::map<std::wstring, std::set<std::wstring>> before;
+        for (const std::wstring& application : StoredList(L"RegisteredAppIDs", IDS_KEY))
+            before[application] = Marks(application);
+        RunMend(finding);
+        for (const std::wstring& application : StoredList(L"RegisteredAppIDs", IDS_KEY)) {
+            const std::set<std::wstring> after = Marks(application);
+            EXPECT_TRUE(
+                std::includes(after.begin(), after.end(), before[application].begin(), before[application].end()))
+                << "marks of " << Utf8(application) << " are lost by " << finding["mend"];
+        }
+    }
+    void RunMend(const json& finding) const
     {
         std::string commands = finding.value("mend", "");
         ASSERT_FALSE(commands.empty());
@@ -75,6 +107,13 @@ protected:
         const Result result = Run({L"doctor"});
         EXPECT_EQ(EXIT_OK, result.exitCode) << result.out;
         EXPECT_EQ("Nothing was found: driver, registry, bitmap files and volumes agree.\n", result.out);
+    }
+    // A text with its letters in the other case.
+    static std::wstring OtherCase(std::wstring text)
+    {
+        for (wchar_t& c : text)
+            c = static_cast<wchar_t>(std::iswupper(c) ? std::towlower(c) : std::towupper(c));
+        return text;
     }
     void StoreIds(const std::vector<std::wstring>& ids) { StoreList(L"RegisteredAppIDs", ids, IDS_KEY); }
     // Changes a bitmap file's bytes.
@@ -165,6 +204,19 @@ TEST_F(VtFltCtlDoctor, StatusSaysWhatMustVerify)
     EXPECT_TRUE(RunJson({L"status"}, EXIT_VERIFY_REQUIRED)["volumes"][0]["applications"][0]["mustVerify"].get<bool>());
 }
 
+TEST_F(VtFltCtlDoctor, StatusKnowsWhatTheNextBackupWillBeHanded)
+{
+    const auto mustVerify = [&](DWORD exitCode) {
+        return RunJson({L"status"}, exitCode)["volumes"][0]["applications"][0]["mustVerify"].get<bool>();
+    };
+    StoreList(DRIVER_LIST, {volume.guid});
+    EXPECT_TRUE(mustVerify(EXIT_VERIFY_REQUIRED));
+    StoreList(DRIVER_LIST, {});
+    EXPECT_FALSE(mustVerify(EXIT_OK));
+    StoreList(PENDING, {GONE}, LISTS_KEY, REG_SZ);
+    EXPECT_TRUE(mustVerify(EXIT_DAMAGED));
+}
+
 // ---- The driver
 
 TEST_F(VtFltCtlDoctor, ADriverThatIsAwayIsReinstalledOnlyWhenAsked)
@@ -229,7 +281,8 @@ TEST_F(VtFltCtlDoctor, AnOlderDriverWorks)
 TEST_F(VtFltCtlDoctor, ACountThatIsNoNumberIsDamage)
 {
     machine.WriteValue(COUNT_KEY, L"SnapshotMonitorCount", REG_SZ, {'1', 0, 0, 0});
-    Find("monitor-count", EXIT_DAMAGED);
+    // What would be done about it with another program, that would do on the machine that this one runs on.
+    EXPECT_FALSE(Find("monitor-count", EXIT_DAMAGED).contains("mend"));
 }
 
 TEST_F(VtFltCtlDoctor, ACountBelowZeroIsDamage)
@@ -259,8 +312,11 @@ TEST_F(VtFltCtlDoctor, AFilterThatNobodyAskedForIsANote)
 
 TEST_F(VtFltCtlDoctor, AListOfApplicationsOfAnotherTypeIsDamage)
 {
+    StoreList(VERIFY, {volume.guid}); // no list is taken for one without an owner
     StoreList(L"RegisteredAppIDs", {L"Nightly"}, IDS_KEY, REG_SZ);
-    Find("applications-unreadable", EXIT_DAMAGED);
+    const json finding = Find("applications-unreadable", EXIT_DAMAGED);
+    EXPECT_FALSE(finding.contains("mend"));
+    EXPECT_NE(std::string::npos, finding["consequence"].get<std::string>().find("\"vtfltctl verify add APP --all\""));
 }
 
 TEST_F(VtFltCtlDoctor, AnApplicationThatIsRegisteredTwiceIsDamage)
@@ -289,6 +345,65 @@ TEST_F(VtFltCtlDoctor, AnIdThatHidesInAnothersTailIsDamage)
               Find("id-in-tail", EXIT_DAMAGED, {"files-missing", "verify-listed", "file-orphaned"})["consequence"]
                   .get<std::string>()
                   .find("cannot be registered again"));
+}
+
+TEST_F(VtFltCtlDoctor, ATailInOtherCaseIsNotFoundByTheLibraryEither)
+{
+    StoreIds({L"Nightly", L"MyNIGHTLY"});
+    Find("files-missing", EXIT_VERIFY_REQUIRED);
+    EXPECT_EQ(EXIT_OK, Run({L"apps", L"unregister", L"Nightly", L"--yes"}).exitCode);
+    EXPECT_EQ(std::vector<std::wstring>{L"MyNIGHTLY"}, StoredList(L"RegisteredAppIDs", IDS_KEY));
+    Register(L"Nightly");
+    EXPECT_EQ(2u, StoredList(L"RegisteredAppIDs", IDS_KEY).size());
+}
+
+TEST_F(VtFltCtlDoctor, NoMendHandsOnAVerifyListAsAnothersPendingList)
+{
+    StoreIds({L"Nightly.Last", L"Nightly"});
+    StoreList(VERIFY, {volume.guid, L"{48b5"});
+    VTFltSimLoseTracking(machine.handle(), volume.guid.c_str());
+    const json answer = RunJson({L"doctor"}, EXIT_DAMAGED);
+    std::vector<std::string> mends;
+    for (const json& finding : answer["findings"])
+        mends.push_back(finding.value("mend", ""));
+    EXPECT_NE(mends.end(), std::find(mends.begin(), mends.end(), "vtfltctl verify replicate Nightly"));
+    for (const std::string& mend : mends)
+        EXPECT_EQ(std::string::npos, mend.find("replicate Nightly.Last")) << mend;
+}
+
+TEST_F(VtFltCtlDoctor, ACommandThatAShellWouldReadOtherwiseIsNotPrinted)
+{
+    for (const wchar_t* id : {L"50%", L"a`b", L"a$b", L"a!b",
+                              L"a\x201D"
+                              L"b"}) {
+        StoreIds({id});
+        StoreList(std::wstring(DRIVER_LIST) + id, {volume.guid});
+        EXPECT_FALSE(Find("list-pending", EXIT_VERIFY_REQUIRED, {"files-missing", "file-orphaned", "list-orphaned"})
+                         .contains("mend"))
+            << Utf8(id);
+        StoreList(std::wstring(DRIVER_LIST) + id, {});
+    }
+}
+
+TEST_F(VtFltCtlDoctor, AnIdThatBeginsWithADashIsNoOptionInACommand)
+{
+    EXPECT_EQ(EXIT_OK, Run({L"apps", L"register", L"--", L"-x"}).exitCode);
+    StoreList(L"DeviceListForReSync-x", {volume.guid});
+    const json finding = Find("list-pending", EXIT_VERIFY_REQUIRED);
+    EXPECT_EQ("vtfltctl verify replicate -- -x", finding["mend"]);
+    Mend(finding);
+    EXPECT_EQ(std::vector<std::wstring>{volume.guid}, StoredList(L"DeviceListForReSync-x.Last"));
+    WriteBytes(BitmapFile(L"base", L"-x"), {});
+    Mend(Find("file-damaged", EXIT_DAMAGED, {"verify-listed"}));
+    Find("files-missing", EXIT_VERIFY_REQUIRED, {"verify-listed"});
+}
+
+TEST_F(VtFltCtlDoctor, CommandsForASimulatedMachineSaySo)
+{
+    StoreList(PENDING, {volume.guid});
+    EXPECT_NE(std::string::npos, Run({L"doctor"})
+                                     .out.find("\nThis machine is a simulated one: these commands need "
+                                               "--simulate DIR, too.\n"));
 }
 
 TEST_F(VtFltCtlDoctor, AnIdWhoseListsAreAnothersIsDamage)
@@ -320,22 +435,88 @@ TEST_F(VtFltCtlDoctor, AnEntryThatIsNoVolumeIsDamage)
     ExpectHealthy();
 }
 
+TEST_F(VtFltCtlDoctor, AnEntryThatMeansAVolumeGivesWayToItsGuid)
+{
+    for (const std::wstring& entry : {L"Volume" + volume.guid, volume.Path(), volume.guid.substr(0, 7),
+                                      volume.guid.substr(20), L"Volume" + OtherCase(volume.guid)}) {
+        StoreList(VERIFY, {entry});
+        Mend(Find("list-entry-odd", EXIT_DAMAGED, {"verify-listed"}));
+        EXPECT_EQ(std::vector<std::wstring>{volume.guid}, StoredList(VERIFY)) << Utf8(entry);
+        Find("verify-listed", EXIT_VERIFY_REQUIRED);
+        StoreList(VERIFY, {});
+        StoreList(PENDING, {entry});
+        Mend(Find("list-entry-odd", EXIT_DAMAGED, {"list-pending"}));
+        EXPECT_EQ(std::vector<std::wstring>{volume.guid}, StoredList(VERIFY)) << Utf8(entry);
+        Find("verify-listed", EXIT_VERIFY_REQUIRED);
+    }
+}
+
+TEST_F(VtFltCtlDoctor, AnEntryThatNoShellCanWriteIsNotTakenOff)
+{
+    StoreList(VERIFY, {volume.Root()});
+    EXPECT_FALSE(Find("list-entry-odd", EXIT_DAMAGED, {"verify-listed"}).contains("mend"));
+}
+
+TEST_F(VtFltCtlDoctor, AnEntryThatMeansSeveralVolumesGivesWayToAllOfThem)
+{
+    machine.AddVolume(1 << 20, 4096);
+    machine.AddVolume(1 << 20, 4096);
+    Register(L"Weekly");
+    // The guid that takes the first one's place holds the second one, which would be dropped with what else it means.
+    StoreList(VERIFY, {volume.guid.substr(0, 9), L"-"});
+    const std::vector<std::string> beside = {"list-entry-odd", "verify-listed", "files-missing"};
+    const json finding = Find("list-entry-odd", EXIT_DAMAGED, beside, 2);
+    Mend(finding);
+    EXPECT_EQ(3u, StoredList(VERIFY).size());
+    Find("verify-listed", EXIT_VERIFY_REQUIRED, {"files-missing"}, 3);
+}
+
+TEST_F(VtFltCtlDoctor, AnEntryThatMayMeanAVolumeThatIsAwayIsNotTakenOff)
+{
+    StoreList(VERIFY, {L"{11111111-"});
+    const json finding = Find("list-entry-odd", EXIT_DAMAGED);
+    EXPECT_FALSE(finding.contains("mend"));
+    EXPECT_NE(std::string::npos, finding["consequence"].get<std::string>().find("only when it is certain"));
+    // Nor is anything said of volumes behind the point where the walk broke off.
+    StoreList(VERIFY, {L"Volume" + volume.guid});
+    VTFltSimSetEnumerationFault(machine.handle(), 2, ERROR_NOT_READY);
+    EXPECT_FALSE(Find("list-entry-odd", EXIT_DAMAGED, {"volumes-unknown", "verify-listed"}).contains("mend"));
+}
+
+TEST_F(VtFltCtlDoctor, AGuidInOtherCaseMarksNothingUntilItIsMended)
+{
+    for (const wchar_t* list : {VERIFY, PENDING}) {
+        StoreList(list, {OtherCase(volume.guid)});
+        Mend(Find("list-entry-odd", EXIT_DAMAGED, {"list-pending"}));
+        EXPECT_EQ(std::vector<std::wstring>{volume.guid}, StoredList(VERIFY));
+        Find("verify-listed", EXIT_VERIFY_REQUIRED);
+        StoreList(VERIFY, {});
+    }
+}
+
 TEST_F(VtFltCtlDoctor, AVolumeThatIsGoneIsANote)
 {
     StoreList(VERIFY, {GONE});
     const json finding = Find("list-volume-gone", EXIT_OK);
     EXPECT_EQ(Utf8(GONE), finding["volume"]);
-    Mend(finding);
-    ExpectHealthy();
+    // It may be a disk in a drawer.
+    EXPECT_FALSE(finding.contains("mend"));
+    EXPECT_NE(std::string::npos, finding["consequence"].get<std::string>().find("gone for good"));
+    StoreList(VERIFY, {});
     StoreList(PENDING, {GONE});
-    Mend(Find("list-volume-gone", EXIT_OK));
-    ExpectHealthy();
+    EXPECT_FALSE(Find("list-volume-gone", EXIT_OK).contains("mend"));
 }
 
 TEST_F(VtFltCtlDoctor, AnEntryThatHidesInALongerOneIsDamage)
 {
     StoreList(VERIFY, {L"Volume" + volume.guid, volume.guid});
     Mend(Find("list-entry-hidden", EXIT_DAMAGED, {"list-entry-odd", "verify-listed"}));
+    EXPECT_EQ(std::vector<std::wstring>{volume.guid}, StoredList(VERIFY));
+    Find("verify-listed", EXIT_VERIFY_REQUIRED);
+    // The longer one is the volume's own.
+    StoreList(VERIFY, {volume.guid, volume.guid.substr(0, 12)});
+    Mend(Find("list-entry-hidden", EXIT_DAMAGED, {"list-entry-odd", "verify-listed"}));
+    EXPECT_EQ(std::vector<std::wstring>{volume.guid}, StoredList(VERIFY));
     Find("verify-listed", EXIT_VERIFY_REQUIRED);
 }
 
@@ -407,6 +588,16 @@ TEST_F(VtFltCtlDoctor, AFileThatIsCutShortBlocksEveryFetchUntilItIsGone)
     Find("files-missing", EXIT_VERIFY_REQUIRED, {"verify-listed"});
 }
 
+TEST_F(VtFltCtlDoctor, ABaseBitmapThatIsCutShortConcernsItsApplicationOnly)
+{
+    Spoil(L"base", [](auto& bytes) { bytes.resize(bytes.size() - 100); });
+    const json finding = Find("file-cut-short", EXIT_DAMAGED);
+    EXPECT_EQ("Until it is gone, every fetch of the application's changes from this volume fails.",
+              finding["consequence"]);
+    Mend(finding);
+    Find("files-missing", EXIT_VERIFY_REQUIRED, {"verify-listed"});
+}
+
 TEST_F(VtFltCtlDoctor, AFileWithoutItsSignatureOrTrailerIsDamaged)
 {
     Spoil(L"base", [](auto& bytes) { bytes[0] = 'X'; });
@@ -435,6 +626,8 @@ TEST_F(VtFltCtlDoctor, AFileThatIsHeldByAnotherProgramIsUnknown)
 TEST_F(VtFltCtlDoctor, AnotherBlockSizeThanTheDriversIsDamage)
 {
     VTFltSimSetBlockSize(machine.handle(), volume.guid.c_str(), 8192);
+    // Bits of the driver's blocks cannot be told from such files.
+    EXPECT_TRUE(RunJson({L"status"}, EXIT_DAMAGED)["volumes"][0]["applications"][0]["changedBlocks"].is_null());
     const json finding = Find("block-size-differs", EXIT_DAMAGED, {"lost-tracking", "size-differs"}, 2);
     Mend(finding);
     Find("lost-tracking", EXIT_VERIFY_REQUIRED, {"files-missing", "verify-listed"});
@@ -459,7 +652,8 @@ TEST_F(VtFltCtlDoctor, AFileThatBelongsToNobodyIsANote)
 TEST_F(VtFltCtlDoctor, AFileThatTheLibraryWouldHaveWrittenOtherwiseIsANote)
 {
     Spoil(L"base", [](auto& bytes) { bytes[20] = 1; }); // reserved
-    Find("file-doubtful", EXIT_OK);
+    // To clean it away would cost a full verify.
+    EXPECT_FALSE(Find("file-doubtful", EXIT_OK).contains("mend"));
 }
 
 TEST_F(VtFltCtlDoctor, TheWorstFindingDecidesTheExitCode)

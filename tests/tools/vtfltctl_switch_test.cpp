@@ -40,6 +40,37 @@ TEST_F(VtFltCtlSwitch, ARequestThatNobodyMadeIsNotTakenBack)
     ExpectRefusal({L"monitor", L"off", L"--yes"}, EXIT_REFUSED);
     StoreNumber(COUNT_KEY, COUNT, 0);
     ExpectRefusal({L"monitor", L"off", L"--yes"}, EXIT_REFUSED);
+    for (const DWORD below : {0xFFFFFFFFu, 0x80000000u}) {
+        StoreNumber(COUNT_KEY, COUNT, below);
+        ExpectRefusal({L"monitor", L"off", L"--yes"}, EXIT_REFUSED);
+    }
+}
+
+TEST_F(VtFltCtlSwitch, TheClassOfVolumesIsNotSwitched)
+{
+    constexpr wchar_t VOLUME_CLASS[] = L"{71a27cdd-812A-11D0-BEC7-08002BE2092F}";
+    const std::wstring key = std::wstring(L"System\\CurrentControlSet\\Control\\Class\\") + VOLUME_CLASS;
+    StoreNumber(L"SOFTWARE\\Veltrix\\Lumen Protect\\Engine\\VTFltMgr\\{71A27CDD-812A-11D0-BEC7-08002BE2092F}", COUNT,
+                1);
+    for (const std::wstring& name : {std::wstring(VOLUME_CLASS), key, key + L"\\"}) {
+        ExpectRefusal({L"monitor", L"on", name}, EXIT_REFUSED);
+        ExpectRefusal({L"monitor", L"off", name, L"--yes"}, EXIT_REFUSED);
+        EXPECT_EQ(1, RunJson({L"monitor", L"count", name}, EXIT_OK)["count"]);
+    }
+}
+
+TEST_F(VtFltCtlSwitch, ADriverThatGoesDownMeanwhileIsNoSuccess)
+{
+    StoreNumber(L"SOFTWARE\\Veltrix\\Lumen Protect\\Engine\\VTBackupDll", L"VTFltAutoInstall", 0);
+    StoreNumber(COUNT_KEY, COUNT, 1);
+    for (const std::vector<std::wstring>& command :
+         {std::vector<std::wstring>{L"monitor", L"on"}, std::vector<std::wstring>{L"monitor", L"off", L"--yes"}}) {
+        machine.FailRequest(0xB0000006, ERROR_IO_DEVICE, VTFLTSIM_ENDPOINT_CONTROL, 2, 0);
+        const Result result = Run(command);
+        EXPECT_EQ(EXIT_DRIVER_DOWN, result.exitCode) << result.out;
+        EXPECT_NE(std::string::npos, result.err.find("went down meanwhile")) << result.err;
+        VTFltSimClearFaults(machine.handle());
+    }
 }
 
 TEST_F(VtFltCtlSwitch, AClassThatDoesNotExistIsNotMade)
@@ -98,6 +129,32 @@ TEST_F(VtFltCtlSwitch, VolumesWithoutBitmapFilesAreStoppedToo)
     EXPECT_EQ(0u, machine.Info(volume).tracked);
 }
 
+TEST_F(VtFltCtlSwitch, FilesThatAreLeftBehindAFolderAreNoSuccess)
+{
+    for (const wchar_t* what : {L"E:", L"--all"}) {
+        Register(L"Nightly");
+        const std::wstring folder = std::wstring(machine.Info(volume).filesDirectory) + L"\\VelVolTrc";
+        CreateDirectoryW((folder + L"\\0").c_str(), nullptr);
+        const Result result = Run({L"stop", what, L"--yes"});
+        EXPECT_EQ(EXIT_DEVICE, result.exitCode) << result.out;
+        EXPECT_NE(std::string::npos, result.err.find("run it again")) << result.err;
+        EXPECT_EQ(EXIT_OK, Run({L"stop", what, L"--yes"}).exitCode);
+        EXPECT_EQ(INVALID_FILE_ATTRIBUTES, GetFileAttributesW(folder.c_str()));
+        EXPECT_EQ(EXIT_OK, Run({L"apps", L"unregister", L"Nightly", L"--yes"}).exitCode);
+    }
+}
+
+TEST_F(VtFltCtlSwitch, AFolderOnARemovableVolumeDoesNotKeepStopAllFromEnding)
+{
+    const vtfltsim::Volume stick = machine.AddVolume(1 << 20, 4096, nullptr, DRIVE_REMOVABLE);
+    const std::wstring folder = std::wstring(machine.Info(stick).filesDirectory) + L"\\VelVolTrc";
+    ASSERT_TRUE(CreateDirectoryW(folder.c_str(), nullptr));
+    // E: has no files, which the library calls a failure.
+    const Result result = Run({L"stop", L"--all", L"--yes"});
+    EXPECT_EQ(EXIT_OK, result.exitCode) << result.err;
+    EXPECT_NE(INVALID_FILE_ATTRIBUTES, GetFileAttributesW(folder.c_str()));
+}
+
 TEST_F(VtFltCtlSwitch, StoppingWhatIsNotThereChangesNothing)
 {
     Register(L"Nightly");
@@ -114,6 +171,9 @@ TEST_F(VtFltCtlSwitch, AFailedStopIsToldWithItsReason)
     machine.FailRequest(0xB000001D, ERROR_IO_DEVICE, volume.guid.c_str(), 1, 0);
     EXPECT_NE(std::string::npos, ExpectRefusal({L"stop", L"E:", L"--yes"}, EXIT_DEVICE).find("1117"));
     EXPECT_TRUE(HasFiles(L"Nightly"));
+    // An error of that name is not a volume that was not found: by then something may have been done.
+    machine.FailRequest(0xB000001D, ERROR_FILE_NOT_FOUND, volume.guid.c_str(), 1, 0);
+    ExpectRefusal({L"stop", L"E:", L"--yes"}, EXIT_DEVICE);
 }
 
 TEST_F(VtFltCtlSwitch, ADeviceIsMonitoredOrNot)

@@ -2,6 +2,7 @@
 
 #include "tools/vtfltctl_schema.h"
 
+#include <algorithm>
 #include <map>
 
 namespace vtfltctl_test {
@@ -115,8 +116,10 @@ vtlog_test::Result VtFltCtlTest::Run(std::vector<std::wstring> arguments) const
 {
     for (std::wstring& argument : arguments)
         argument = Argument(std::move(argument));
-    arguments.emplace_back(L"--simulate");
-    arguments.push_back(machine.directory());
+    // What stands behind "--" is no option.
+    const auto end = std::find(arguments.begin(), arguments.end(), L"--");
+    const std::vector<std::wstring> simulate = {L"--simulate", machine.directory()};
+    arguments.insert(end, simulate.begin(), simulate.end());
     return vtlog_test::Process(arguments, {}, L"vtfltctl.exe").Finish();
 }
 

@@ -1,6 +1,9 @@
 // verify list, add, remove, replicate and rebuild.
 #include "tools/vtfltctl_test.h"
 
+#include <algorithm>
+#include <cwctype>
+
 namespace vtfltctl_test {
 namespace {
 
@@ -87,6 +90,43 @@ TEST_F(VtFltCtlVerify, AnEntryThatIsNoVolumeCanBeRemovedAsItStands)
     EXPECT_EQ(List{volume.guid}, StoredList(VERIFY));
 }
 
+TEST_F(VtFltCtlVerify, TheEntryThatWasNamedIsRemovedAndNotOneInOtherCase)
+{
+    const auto swap = [](wchar_t c) {
+        return static_cast<wchar_t>(std::iswupper(c) ? std::towlower(c) : std::towupper(c));
+    };
+    std::wstring other = volume.guid;
+    std::transform(other.begin(), other.end(), other.begin(), swap);
+    for (const std::wstring& name : {volume.guid, std::wstring(L"E:")}) {
+        StoreList(VERIFY, {other, volume.guid});
+        EXPECT_EQ(EXIT_OK, Run({L"verify", L"remove", L"Nightly", name, L"--yes"}).exitCode);
+        EXPECT_EQ(List{other}, StoredList(VERIFY)) << Utf8(name);
+    }
+    StoreList(VERIFY, {other, volume.guid});
+    EXPECT_EQ(EXIT_OK, Run({L"verify", L"remove", L"Nightly", other, L"--yes"}).exitCode);
+    EXPECT_EQ(List{volume.guid}, StoredList(VERIFY));
+}
+
+TEST_F(VtFltCtlVerify, AVerifyListIsNotHandedOnAsThePendingListOfAnother)
+{
+    for (const wchar_t* id : {L"Nightly.Last", L"Nightly.LAST"}) {
+        StoreList(L"RegisteredAppIDs", {L"Nightly", id}, IDS_KEY);
+        StoreList(VERIFY, {volume.guid});
+        EXPECT_NE(std::string::npos,
+                  ExpectRefusal({L"verify", L"replicate", id}, EXIT_REFUSED).find("verify list of \"Nightly\""));
+    }
+}
+
+TEST_F(VtFltCtlVerify, AVerifyListThatIsRebuiltIsNotDeletedAsThePendingListOfAnother)
+{
+    for (const List& ids : {List{L"Nightly", L"Nightly.Last"}, List{L"Nightly.Last"}}) {
+        StoreList(L"RegisteredAppIDs", ids, IDS_KEY);
+        StoreList(VERIFY, {GONE}, LISTS_KEY, REG_SZ);
+        EXPECT_EQ(EXIT_OK, Run({L"verify", L"rebuild", L"--yes"}).exitCode);
+        EXPECT_EQ(List{volume.guid}, StoredList(VERIFY));
+    }
+}
+
 TEST_F(VtFltCtlVerify, RemovingWhatTheListDoesNotNameIsNotFound)
 {
     StoreList(VERIFY, {GONE});
@@ -115,6 +155,25 @@ TEST_F(VtFltCtlVerify, WithoutTheDriverNothingIsDoneAndNothingReinstalled)
     ExpectRefusal({L"verify", L"add", L"Nightly", L"--all"}, EXIT_DRIVER_DOWN);
     WCHAR command[8] = {};
     EXPECT_EQ(static_cast<DWORD>(ERROR_NO_MORE_ITEMS), VTFltSimGetUtilityCommand(machine.handle(), 0, command, 8));
+}
+
+TEST_F(VtFltCtlVerify, ADriverThatGoesDownMeanwhileIsNoSuccess)
+{
+    StoreNumber(L"SOFTWARE\\Veltrix\\Lumen Protect\\Engine\\VTBackupDll", L"VTFltAutoInstall", 0);
+    const auto goDown = [&] { machine.FailRequest(0xB0000006, ERROR_IO_DEVICE, VTFLTSIM_ENDPOINT_CONTROL, 2, 0); };
+    goDown();
+    const vtlog_test::Result added = Run({L"verify", L"add", L"Nightly", L"--all"});
+    EXPECT_EQ(EXIT_DRIVER_DOWN, added.exitCode) << added.out;
+    EXPECT_NE(std::string::npos, added.err.find("went down meanwhile")) << added.err;
+    VTFltSimClearFaults(machine.handle());
+    StoreList(DRIVER, {volume.guid});
+    goDown();
+    EXPECT_EQ(EXIT_DRIVER_DOWN, Run({L"verify", L"replicate", L"Nightly"}).exitCode);
+    VTFltSimClearFaults(machine.handle());
+    StoreList(DRIVER, {});
+    StoreList(PENDING, {volume.guid});
+    goDown();
+    EXPECT_EQ(EXIT_DRIVER_DOWN, Run({L"verify", L"replicate", L"Nightly"}).exitCode);
 }
 
 TEST_F(VtFltCtlVerify, AListOfAnotherTypeOrWithoutItsEndIsUnreadable)

@@ -123,14 +123,14 @@ void RequireEveryVolume(const ListFacts& list)
     }
 }
 
-void RequireHandedOn(const std::wstring& application)
+// What replicating takes off the lists.
+std::vector<std::wstring> Waiting(const std::wstring& application)
 {
-    const std::vector<std::wstring> left = ReadVolumeList({}).entries;
-    const bool handedOut = std::none_of(left.begin(), left.end(), vtflt::IsBracedGuid);
-    if (!handedOut || !ReadVolumeList(application).entries.empty())
-        throw Failure(Exit::DriverDown,
-                      "volumes still wait on the driver's or the pending list: the driver went down meanwhile, or lost "
-                      "track of another volume; run it again");
+    std::vector<std::wstring> waiting = ReadVolumeList({}).entries;
+    std::erase_if(waiting, [](const std::wstring& entry) { return !vtflt::IsBracedGuid(entry); });
+    for (std::wstring& entry : ReadVolumeList(application).entries)
+        waiting.push_back(std::move(entry));
+    return waiting;
 }
 
 Exit Add(const Context& context, const VerifyOptions& options)
@@ -221,8 +221,10 @@ Exit Replicate(const Context& context, const VerifyOptions& options)
                                   Quoted(application)));
     RequireReadableLists(application);
     RequireDriver();
+    const std::vector<std::wstring> waiting = Waiting(application);
     Require(VTReplicateVerifyList(application.c_str()), "replicate the lists");
-    RequireHandedOn(application);
+    if (!waiting.empty() && Waiting(application) == waiting)
+        throw Failure(Exit::DriverDown, "the lists are as they were: the driver went down meanwhile");
     return Changed(context, application,
                    fmt::format("The driver's list is handed to every application, and the pending list of {} is in its "
                                "verify list:{}",

@@ -440,6 +440,23 @@ class LiveFiles(unittest.TestCase):
             self.assertEqual(code, BUSY, err)
             self.assertIn("a backup works on the bitmap files", err)
 
+    @unittest.skipUnless(RUNNER, "C: is a real volume here")
+    def test_live_file_is_known_under_any_name(self):
+        root = subprocess.run(RUNNER + ["winepath", "-u", "C:\\"], capture_output=True, check=True, text=True).stdout.strip()
+        folder = os.path.join(os.path.realpath(root), "VelVolTrc")
+        name = "VelVolTrc_base_app1.dat"
+        timeout = {"VTFLTSIM_CALLS": "return|WaitForSingleObject|VTBitmapManager.Volume|1|1|0|258"}
+        self.addCleanup(shutil.rmtree, folder, ignore_errors=True)
+        content = record(pack({1}, 8))
+        write(os.path.join(folder, name), content)
+        # The second name does not begin at the volume's root.
+        for path in (f"C:\\VelVolTrc\\{name}", "Z:" + f"{folder}/{name}".replace("/", "\\")):
+            code, _, err = ctl("bitmap", "info", path, "--simulate", "machine", environment=timeout)
+            self.assertEqual(code, BUSY, (path, err))
+        # A folder of that name elsewhere is nobody's.
+        copy = write(f"copies/VelVolTrc/{name}", content)
+        self.assertEqual(ctl("bitmap", "info", copy, "--simulate", "machine", environment=timeout)[0], OK)
+
     def test_file_that_changes_while_it_is_read(self):
         short = {"VTFLTSIM_CALLS": "short|ReadFile|_base_|2|1|0|1"}
         code, _, err = self.select("extents", environment=short)

@@ -1,5 +1,6 @@
 #include "double/control.h"
 
+#include "double/api.h"
 #include "double/file_system.h"
 
 #include <cstdio>
@@ -54,6 +55,24 @@ int DoubleRun(const char* imageFolder, int argc, char** argv, unsigned long long
 void DoubleSeed(std::uint64_t seed)
 {
     Seed(seed);
+}
+
+void DoubleYield()
+{
+    const NotWatched notWatched;
+    GiveWay();
+}
+
+void DoubleStandStill(const void* place)
+{
+    const NotWatched notWatched;
+    BlockAt(place);
+}
+
+void DoubleWake(const void* place)
+{
+    const NotWatched notWatched;
+    WakeAt(place);
 }
 
 DoubleOpen DoubleCountOpen()

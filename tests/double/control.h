@@ -13,6 +13,24 @@ DOUBLE_CONTROL int DoubleRun(const char* imageFolder, int argc, char** argv, uns
 // turn until it waits, and the longest waiting comes next.
 DOUBLE_CONTROL void DoubleSeed(std::uint64_t seed);
 
+// --- A test that decides itself who runs next.
+
+// Called when another thread than the present one goes on: gives the number of the one, of so many that can run, in the
+// order in which they last ran; the present one, when it can run itself, is the last. The double must not be called in it.
+// Null: the longest waiting.
+typedef std::size_t (*DoubleChooser)(void* context, std::size_t runnable);
+DOUBLE_CONTROL void DoubleChoose(DoubleChooser chooser, void* context);
+// The calling thread may lose its turn here, whatever the seed.
+DOUBLE_CONTROL void DoubleYield();
+// The calling thread stands still until another one wakes all that stand still for this place.
+DOUBLE_CONTROL void DoubleStandStill(const void* place);
+DOUBLE_CONTROL void DoubleWake(const void* place);
+// Empty, or who waited for what when, for the first time since the last call, no thread could run and the clock had to end
+// somebody's wait for an object. Valid until the next call.
+DOUBLE_CONTROL const char* DoubleTakeStuck();
+// Printed with the list of who waits for what when no thread can ever run again; null: nothing. The text is the caller's.
+DOUBLE_CONTROL void DoubleTellIfStuck(const char* text);
+
 // What the calling process has open.
 struct DoubleOpen {
     std::size_t handles; // keys not among them
@@ -33,6 +51,8 @@ DOUBLE_CONTROL DoubleGuest* DoubleMakeGuest();
 // False when the work ended the process (TerminateProcess): then it did not come to its end, nothing was unwound, and the
 // process's handles are closed and its mutexes abandoned.
 DOUBLE_CONTROL bool DoubleRunGuest(DoubleGuest* guest, void (*work)(void*), void* argument);
+// From within a guest's work: work of its maker, on the same thread.
+DOUBLE_CONTROL void DoubleRunOutside(void (*work)(void*), void* argument);
 struct DoubleLeft {
     DoubleOpen open;         // what the process had not closed
     std::size_t allocations; // of the program's own code, library included

@@ -88,6 +88,16 @@ bool DoubleRunGuest(DoubleGuest* guest, void (*work)(void*), void* argument)
     return !guest->dead;
 }
 
+void DoubleRunOutside(void (*work)(void*), void* argument)
+{
+    Thread& me = Current();
+    Process* const inside = me.process;
+    if (inside->host != nullptr)
+        me.process = inside->host;
+    work(argument);
+    me.process = inside;
+}
+
 DoubleLeft DoubleEndGuest(DoubleGuest* guest)
 {
     DoubleLeft left = {};

@@ -152,6 +152,8 @@ Thread& Current();
 Thread* CurrentOrNull();
 // A point where another thread may go on, by the seed.
 void MaySwitch();
+// Another thread goes on, or this one, as the chooser says.
+void GiveWay();
 // Something about the object changed: whoever can go on with it becomes runnable.
 void Notify(Object& object);
 DWORD WaitFor(std::vector<ObjectRef>&& objects, bool all, DWORD milliseconds);

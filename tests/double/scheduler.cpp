@@ -1,7 +1,9 @@
 // Threads, the baton, virtual time.
 #include "double/api.h"
+#include "double/control.h"
 #include "double/kernel.h"
 
+#include <algorithm>
 #include <climits>
 #include <csetjmp>
 #include <cstdarg>
@@ -29,6 +31,11 @@ struct Scheduler {
     DWORD nextThreadId = 100;
     pthread_key_t atThreadEnd = 0;
     int over = 0; // the first program has ended
+    DoubleChooser chooser = nullptr;
+    void* chooserContext = nullptr;
+    std::string stuck;      // see DoubleTakeStuck
+    std::string stuckTaken; // what was handed out last
+    const char* story = nullptr;
 };
 
 Scheduler& S()
@@ -86,15 +93,30 @@ bool TrySatisfy(Thread& thread, DWORD& result)
     return false;
 }
 
+// One line for each thread.
+std::string WhoWaitsForWhat()
+{
+    std::string text;
+    for (const Thread* thread : S().threads) {
+        text +=
+            "  process " + std::to_string(thread->process->id) + " thread " + std::to_string(thread->id) + " waits for";
+        for (const auto& object : thread->waitsFor)
+            text += std::string(" ") + object->kind() + " '" + Narrow(object->name) + "'";
+        if (thread->waitsAt != nullptr) {
+            char place[32];
+            std::snprintf(place, sizeof(place), " a lock at %p", thread->waitsAt);
+            text += place;
+        }
+        text += "\n";
+    }
+    return text;
+}
+
 void ReportDeadlock()
 {
-    std::fprintf(stderr, "double: no thread can run, and none waits with a timeout:\n");
-    for (const Thread* thread : S().threads) {
-        std::fprintf(stderr, "  process %u thread %u waits for", thread->process->id, thread->id);
-        for (const auto& object : thread->waitsFor)
-            std::fprintf(stderr, " %s '%s'", object->kind(), Narrow(object->name).c_str());
-        std::fprintf(stderr, thread->waitsAt != nullptr ? " a lock at %p\n" : "\n", thread->waitsAt);
-    }
+    std::fprintf(stderr, "double: no thread can run, and none waits with a timeout:\n%s", WhoWaitsForWhat().c_str());
+    if (S().story != nullptr)
+        std::fprintf(stderr, "%s\n", S().story);
     std::abort();
 }
 
@@ -109,6 +131,8 @@ void PassTime()
     }
     if (first == nullptr)
         ReportDeadlock();
+    if (!first->waitsFor.empty() && S().stuck.empty())
+        S().stuck = WhoWaitsForWhat();
     if (first->wakesAt > S().now)
         S().now = first->wakesAt;
     StopWaiting(*first, WAIT_TIMEOUT);
@@ -126,7 +150,12 @@ Thread& ChooseNext()
             break;
         PassTime();
     }
-    Thread& next = *runnable[S().seed == 0 ? 0 : Random(runnable.size())];
+    std::size_t which = 0;
+    if (S().chooser != nullptr)
+        which = std::min(S().chooser(S().chooserContext, runnable.size()), runnable.size() - 1);
+    else if (S().seed != 0)
+        which = Random(runnable.size());
+    Thread& next = *runnable[which];
     std::erase(S().threads, &next);
     S().threads.push_back(&next);
     next.state = Thread::State::Running;
@@ -274,8 +303,12 @@ Entry::~Entry()
 void MaySwitch()
 {
     constexpr std::uint64_t ONE_IN = 4;
-    if (S().seed == 0 || Random(ONE_IN) != 0)
-        return;
+    if (S().seed != 0 && Random(ONE_IN) == 0)
+        GiveWay();
+}
+
+void GiveWay()
+{
     Thread& me = Current();
     me.state = Thread::State::Runnable;
     Switch(me);
@@ -411,6 +444,29 @@ void Seed(std::uint64_t seed)
     S().seed = seed;
     S().state = seed * 0x9E3779B97F4A7C15ull + 1;
 }
+
+} // namespace vtdouble
+
+void DoubleChoose(DoubleChooser chooser, void* context)
+{
+    vtdouble::S().chooser = chooser;
+    vtdouble::S().chooserContext = context;
+}
+
+const char* DoubleTakeStuck()
+{
+    auto& scheduler = vtdouble::S();
+    scheduler.stuckTaken = std::move(scheduler.stuck);
+    scheduler.stuck.clear();
+    return scheduler.stuckTaken.c_str();
+}
+
+void DoubleTellIfStuck(const char* text)
+{
+    vtdouble::S().story = text;
+}
+
+namespace vtdouble {
 
 void RunWorld(Process& first)
 {

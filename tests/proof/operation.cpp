@@ -18,24 +18,6 @@ constexpr const char* FAULTS[] = {"",          "fail",         "fail-on",    "no
                                   "no-memory", "no-memory-on", "die-before", "die-after", "die-in-write"};
 static_assert(std::size(FAULTS) == static_cast<std::size_t>(Fault::How::Count));
 
-std::vector<std::string_view> Split(std::string_view text, char separator)
-{
-    std::vector<std::string_view> parts;
-    while (!text.empty()) {
-        const std::size_t end = std::min(text.find(separator), text.size());
-        if (end != 0)
-            parts.push_back(text.substr(0, end));
-        text.remove_prefix(std::min(end + 1, text.size()));
-    }
-    return parts;
-}
-
-bool Number(std::string_view text, std::uint32_t& number)
-{
-    const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
-    return result.ec == std::errc() && result.ptr == text.data() + text.size();
-}
-
 template <class E>
 bool Named(std::string_view text, const char* const* names, std::size_t count, E& value)
 {
@@ -49,8 +31,8 @@ bool ParseFaults(const std::vector<std::string_view>& words, std::size_t from, O
     for (std::size_t at = from; at < words.size(); at += 3) {
         Fault fault;
         if (at + 3 > words.size() || words[at].front() != '!' ||
-            !Named(words[at].substr(1), FAULTS, std::size(FAULTS), fault.how) || !Number(words[at + 1], fault.nth) ||
-            !Number(words[at + 2], fault.error))
+            !Named(words[at].substr(1), FAULTS, std::size(FAULTS), fault.how) ||
+            !ParseNumber(words[at + 1], fault.nth) || !ParseNumber(words[at + 2], fault.error))
             return false;
         operation.faults.push_back(fault);
     }
@@ -62,7 +44,7 @@ bool ParseMachine(const std::vector<std::string_view>& words, History& history)
     for (std::size_t at = 1; at < words.size(); ++at) {
         const auto parts = Split(words[at], ':');
         VolumeShape shape;
-        if (parts.size() != 2 || !Number(parts[0], shape.grains) || !Number(parts[1], shape.blockSize))
+        if (parts.size() != 2 || !ParseNumber(parts[0], shape.grains) || !ParseNumber(parts[1], shape.blockSize))
             return false;
         history.volumes.push_back(shape);
     }
@@ -70,6 +52,24 @@ bool ParseMachine(const std::vector<std::string_view>& words, History& history)
 }
 
 } // namespace
+
+std::vector<std::string_view> Split(std::string_view text, char separator)
+{
+    std::vector<std::string_view> parts;
+    while (!text.empty()) {
+        const std::size_t end = std::min(text.find(separator), text.size());
+        if (end != 0)
+            parts.push_back(text.substr(0, end));
+        text.remove_prefix(std::min(end + 1, text.size()));
+    }
+    return parts;
+}
+
+bool ParseNumber(std::string_view text, std::uint32_t& number)
+{
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+    return result.ec == std::errc() && result.ptr == text.data() + text.size();
+}
 
 std::string ToText(const Operation& operation)
 {
@@ -92,33 +92,42 @@ std::string ToText(const History& history)
     return text;
 }
 
-std::optional<History> ParseHistory(std::string_view text)
+std::optional<std::vector<Operation>> ParseOperations(std::string_view text, std::uint32_t applications,
+                                                      std::size_t volumes)
 {
-    History history;
+    std::vector<Operation> operations;
     for (const std::string_view item : Split(text, ';')) {
         const auto words = Split(item, ' ');
         if (words.empty())
             continue;
-        if (words[0] == "machine") {
-            if (!ParseMachine(words, history))
-                return std::nullopt;
-            continue;
-        }
         Operation operation;
         if (!Named(words[0], NAMES, std::size(NAMES), operation.what))
             return std::nullopt;
         std::uint32_t* const fields[] = {&operation.application, &operation.volume, &operation.a, &operation.b};
         std::size_t at = 1;
         for (; at < words.size() && at <= 4 && words[at].front() != '!'; ++at) {
-            if (!Number(words[at], *fields[at - 1]))
+            if (!ParseNumber(words[at], *fields[at - 1]))
                 return std::nullopt;
         }
-        if (!ParseFaults(words, at, operation) || operation.application >= APPLICATIONS ||
-            operation.volume >= history.volumes.size())
+        if (!ParseFaults(words, at, operation) || operation.application >= applications || operation.volume >= volumes)
             return std::nullopt;
-        history.operations.push_back(operation);
+        operations.push_back(operation);
     }
-    return history.volumes.empty() ? std::nullopt : std::optional(history);
+    return operations;
+}
+
+std::optional<History> ParseHistory(std::string_view text, std::uint32_t applications)
+{
+    const std::size_t end = std::min(text.find(';'), text.size());
+    const auto words = Split(text.substr(0, end), ' ');
+    History history;
+    if (words.empty() || words[0] != "machine" || !ParseMachine(words, history))
+        return std::nullopt;
+    auto operations = ParseOperations(text.substr(end), applications, history.volumes.size());
+    if (!operations)
+        return std::nullopt;
+    history.operations = std::move(*operations);
+    return history;
 }
 
 } // namespace vtproof

@@ -89,6 +89,12 @@ inline constexpr std::uint32_t APPLICATIONS = 3;
 // "machine 300:512 8192:1024; register 0; backup 0 1 0 0 !fail 17 5; ..."
 std::string ToText(const Operation& operation);
 std::string ToText(const History& history);
-std::optional<History> ParseHistory(std::string_view text);
+std::optional<History> ParseHistory(std::string_view text, std::uint32_t applications = APPLICATIONS);
+// The same without a machine: "backup 0 1; write 0 0 5", on a machine of so many volumes.
+std::optional<std::vector<Operation>> ParseOperations(std::string_view text, std::uint32_t applications,
+                                                      std::size_t volumes);
+// The pieces of a text between separators, empty ones left out.
+std::vector<std::string_view> Split(std::string_view text, char separator);
+bool ParseNumber(std::string_view text, std::uint32_t& number);
 
 } // namespace vtproof

@@ -67,8 +67,9 @@ void SetFault(DWORD what, const wchar_t* function, DWORD nth, DWORD count, DWORD
 
 } // namespace
 
-World::World(const std::vector<VolumeShape>& volumes)
-    : m_log(std::make_unique<ProofLog>()), m_machine(NewMachine()), m_expected(APPLICATIONS, GrainsOf(volumes))
+World::World(const std::vector<VolumeShape>& volumes, std::size_t applications)
+    : m_log(std::make_unique<ProofLog>()), m_machine(NewMachine()), m_expected(applications, GrainsOf(volumes)),
+      m_applications(applications), m_claims(volumes.size())
 {
     for (std::size_t i = 0; i < volumes.size(); ++i) {
         VTFLTSIM_VOLUME_CONFIG config = {};
@@ -86,7 +87,7 @@ World::World(const std::vector<VolumeShape>& volumes)
     }
     KeepMapped();
     m_machine->AttachProgram();
-    for (std::size_t i = 0; i < APPLICATIONS; ++i) {
+    for (std::size_t i = 0; i < applications; ++i) {
         Application& application = m_applications[i];
         application.id = L"App" + vttest::WideNumber(i);
         application.buffer.resize(BUFFER_BYTES);
@@ -155,6 +156,7 @@ void World::Arm(const std::vector<Fault>& faults)
     constexpr const wchar_t* CHANGING[] = {L"RegSetValueExW", L"RegDeleteValueW", L"WriteFile", L"DeleteFileW",
                                            L"DeviceIoControl"};
     m_struck = false;
+    m_armed = m_armed || !faults.empty();
     for (const Fault& fault : faults) {
         switch (fault.how) {
         case Fault::How::Fail:
@@ -197,6 +199,9 @@ void World::Arm(const std::vector<Fault>& faults)
 
 void World::Disarm()
 {
+    if (!m_armed)
+        return; // what others have planned stays
+    m_armed = false;
     m_struck = m_struck || m_memoryStruck || VTFltSimGetCallFaultHits() != 0;
     m_memoryStruck = false;
     m_memoryNth = 0;
@@ -281,10 +286,14 @@ std::string World::Dispatch(const Operation& operation)
     case Do::Abandon:
         Abandon(application);
         return {};
-    case Do::Crash:
-        Disturb();
+    case Do::Crash: {
+        const Disturbance disturbance(*this);
         return Crash(application);
+    }
     case Do::LoseTracking:
+        // What the driver adds to its list while that is handed out is dropped (Limit.WhatTheDriverAddsToItsList...).
+        if (m_replicating != 0)
+            return {};
         Disturb();
         VTFltSimLoseTracking(m_machine->handle(), guid.c_str());
         return {};
@@ -317,22 +326,31 @@ std::string World::Dispatch(const Operation& operation)
         m_machine->SetDriver(VTFLTSIM_DRIVER_WORKING);
         return {};
     case Do::StartTracking:
+        if (m_replicating != 0)
+            return {}; // as above
         Disturb();
         VTFltSimStartTracking(m_machine->handle(), guid.c_str());
         return {};
-    case Do::StopVolume:
-        Disturb();
-        return In(application, [&] { VTFltStopMonitorVolume(m_devices[volume].c_str()); }) == Went::Died
-                   ? Crash(application)
-                   : std::string();
-    case Do::StopVolumes:
-        Disturb();
-        return In(application, [&] { VTFltStopMonitorVolumes(); }) == Went::Died ? Crash(application) : std::string();
-    case Do::MarkAll:
-        Disturb();
-        return In(application, [&] { VTAddVolumesToAppVerifyList(application.id.c_str()); }) == Went::Died
-                   ? Crash(application)
-                   : std::string();
+    case Do::StopVolume: {
+        const Disturbance disturbance(*this);
+        return Ended(application, In(application, [&] {
+                         Call(application, Exported::StopVolume,
+                              [&] { return VTFltStopMonitorVolume(m_devices[volume].c_str()); });
+                     }));
+    }
+    case Do::StopVolumes: {
+        const Disturbance disturbance(*this);
+        return Ended(application, In(application, [&] {
+                         Call(application, Exported::StopVolumes, [] { return VTFltStopMonitorVolumes(); });
+                     }));
+    }
+    case Do::MarkAll: {
+        const Disturbance disturbance(*this);
+        return Ended(application, In(application, [&] {
+                         Call(application, Exported::AddVolumesToVerifyList,
+                              [&] { return VTAddVolumesToAppVerifyList(application.id.c_str()); });
+                     }));
+    }
     case Do::Unmark:
         return Unmark(application);
     case Do::Monitor:
@@ -344,10 +362,16 @@ std::string World::Dispatch(const Operation& operation)
     }
 }
 
+std::string World::Ended(Application& application, Went went)
+{
+    return went == Went::Died ? Crash(application) : std::string();
+}
+
 World::Calls World::CountCalls(const Operation& operation)
 {
     Calls calls;
     const auto count = [](void* context, LPCWSTR, LPCWSTR) { ++*static_cast<std::uint32_t*>(context); };
+    m_armed = true;
     const DWORD writes = VTFltSimGetCallCount(L"WriteFile");
     vtfltsim::Check("VTFltSimCallBefore", VTFltSimCallBefore(ANY_CALL, nullptr, 1, 0, count, &calls.all));
     m_allocations = 0;
@@ -426,7 +450,7 @@ bool World::IsListed(const Application& application) const
 bool World::IsUndisturbed(std::size_t application, std::size_t volume) const
 {
     return m_applications[application].chains[volume].undisturbed >= SETTLED_ROUNDS && !m_faulty &&
-           !m_applications[application].session.disturbed;
+           m_disturbances == 0 && !m_applications[application].session.disturbed;
 }
 
 void World::Disturb()

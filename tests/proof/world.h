@@ -8,13 +8,14 @@
 
 #include "double/control.h"
 #include "proof/expected.h"
+#include "proof/exported.h"
 #include "proof/operation.h"
 #include "vtfltsim/VTFltSim.hpp"
 
-#include <array>
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace vtproof {
 
@@ -25,7 +26,7 @@ inline constexpr unsigned SETTLED_ROUNDS = 2;
 
 class World {
 public:
-    explicit World(const std::vector<VolumeShape>& volumes);
+    explicit World(const std::vector<VolumeShape>& volumes, std::size_t applications = APPLICATIONS);
     World(const World&) = delete;
     World& operator=(const World&) = delete;
     ~World();
@@ -45,12 +46,27 @@ public:
     enum class Thoroughly : bool { No, Yes };
     std::string Settle(Thoroughly thoroughly = Thoroughly::Yes);
 
+    // From here on, until OneByOne, operations may run at the same time, each application's on a thread of its own. Who backs
+    // a volume up waits until nobody else does, unless backups share volumes. The watch is the caller's.
+    enum class Volumes : bool { Locked, Shared };
+    void AtOnce(ExportWatch& watch, Volumes volumes);
+    // One operation of the calling thread's application; as Run.
+    std::string RunAtOnce(const Operation& operation);
+    // Something that happens to a volume while they run.
+    void Happens(const Operation& operation);
+    // The application's process has come to its end: what it began is abandoned.
+    void EndAtOnce(std::uint32_t application);
+    // Empty, or what is wrong with what several of them share: the list of applications, the count of monitors.
+    std::string OneByOne();
+
     // A fault of the last operation struck.
     bool Struck() const { return m_struck; }
     // The order and outcome of all calls so far, as one number.
     std::uint64_t Trace() const { return m_trace; }
+    void Mix(std::uint64_t value);
     // Writes every operation and log record to the standard error.
     void TellStory();
+    void Tell(const std::string& line);
 
 private:
     // What an application keeps of a volume, durably.
@@ -84,7 +100,27 @@ private:
         std::vector<Chain> chains;
         std::vector<std::uint8_t> buffer;
         bool monitors = false;
+        bool registered = false; // as far as it knows
     };
+    // While operations run at the same time.
+    struct Registrations {
+        unsigned begun = 0;
+        int underWay = 0;
+    };
+    bool Overlapped(const Registrations& before) const
+    {
+        return before.underWay != 0 || before.begun != m_registrations.begun;
+    }
+    void NoteCall(Exported exported, int change)
+    {
+        if (exported == Exported::ReplicateVerifyList)
+            m_replicating += change;
+        if (exported != Exported::Register && exported != Exported::Unregister)
+            return;
+        m_registrations.begun += change > 0 ? 1 : 0;
+        m_registrations.underWay += change;
+    }
+    static bool IsUnreadableList(Exported exported, DWORD result);
     // The outcome of a piece of an application's work.
     enum class Went { Through, Died };
 
@@ -96,6 +132,45 @@ private:
             application, [](const void* argument) { (*static_cast<const Work*>(argument))(); }, &work);
     }
     Went InGuest(Application& application, void (*work)(const void*), const void* argument);
+    // One export, called in the application's process.
+    template <class Work>
+    DWORD Call(const Application& application, Exported exported, const Work& work)
+    {
+        if (m_watch == nullptr)
+            return work();
+        const auto number = static_cast<std::size_t>(&application - m_applications.data());
+        while (m_watch != nullptr) {
+            const Registrations before = m_registrations;
+            m_watch->Enters(number, exported);
+            NoteCall(exported, 1);
+            const DWORD result = work();
+            NoteCall(exported, -1);
+            m_watch->Leaves(number, exported);
+            // Nobody can read a list that grows meanwhile (Limit.AListThatGrowsWhileItIsReadCannotBeRead): once more.
+            if (!Overlapped(before) || !IsUnreadableList(exported, result))
+                return result;
+        }
+        return work();
+    }
+    // While it lives, and for a while behind, backups need not be as undisturbed ones are.
+    class Disturbance {
+    public:
+        explicit Disturbance(World& world) : m_world(world)
+        {
+            ++m_world.m_disturbances;
+            m_world.Disturb();
+        }
+        Disturbance(const Disturbance&) = delete;
+        Disturbance& operator=(const Disturbance&) = delete;
+        ~Disturbance()
+        {
+            --m_world.m_disturbances;
+            m_world.Disturb();
+        }
+
+    private:
+        World& m_world;
+    };
     void Arm(const std::vector<Fault>& faults);
     void Disarm();
     void CountMemory(DWORD before);
@@ -111,6 +186,7 @@ private:
     std::string Backup(const Operation& operation);
     void Abandon(Application& application);
     std::string Crash(Application& application);
+    std::string Ended(Application& application, Went went);
     std::string EndGuest(Application& application, bool died);
     void EndSession(Application& application);
     void Damage(const Operation& operation);
@@ -127,8 +203,9 @@ private:
     std::string CheckFiles() const;
     std::wstring FilePath(const Application& application, std::size_t volume, bool base) const;
     void Disturb();
-    void Mix(std::uint64_t value);
-    void Tell(const std::string& line);
+    bool Claim(Application& application, std::size_t volume);
+    DWORD Replicate(Application& application);
+    DWORD AskForVerify(Application& application, std::size_t volume);
     void KeepMapped();
     DoubleGuest* Guest(Application& application);
 
@@ -139,7 +216,7 @@ private:
     std::vector<std::wstring> m_devices;
     std::vector<std::wstring> m_folders;
     Expected m_expected;
-    std::array<Application, APPLICATIONS> m_applications;
+    std::vector<Application> m_applications;
     std::uint32_t m_memoryNth = 0; // the allocation that fails, counted from the next guest's work; 0: none
     std::uint32_t m_allocations = 0;
     bool m_memoryOn = false;
@@ -148,6 +225,14 @@ private:
     bool m_faulty = false;
     std::uint64_t m_trace = 0xcbf29ce484222325ull;
     bool m_tells = false;
+    bool m_armed = false;
+    unsigned m_disturbances = 0; // under way
+    int m_replicating = 0;       // who is in VTReplicateVerifyList
+    // While operations run at the same time.
+    ExportWatch* m_watch = nullptr; // null: one by one
+    bool m_sharesVolumes = false;
+    Registrations m_registrations;
+    std::vector<const Application*> m_claims; // by volume: who backs it up
 };
 
 // Runs a history and settles. Empty, or what is wrong and where; *trace (may be null) gets the trace's number.

@@ -14,6 +14,13 @@ constexpr DWORD VERIFY = VTFLT_VERIFY_REQUIRED;
 
 } // namespace
 
+bool World::IsUnreadableList(Exported exported, DWORD result)
+{
+    if (exported == Exported::InitManager)
+        return result == VTFLT_APP_LIST_FAILED;
+    return (exported == Exported::AppCount || exported == Exported::AppList) && result == ERROR_MORE_DATA;
+}
+
 // An application registers once: registering again while the list cannot be read would empty its bitmaps.
 std::string World::Register(Application& application)
 {
@@ -22,15 +29,17 @@ std::string World::Register(Application& application)
     DWORD result = 0xFFFFFFFF;
     const Went went = In(application, [&] {
         std::vector<std::wstring> ids;
-        listed = VTGetRegisteredAppList(&ids);
+        listed = Call(application, Exported::AppList, [&] { return VTGetRegisteredAppList(&ids); });
         present = std::find(ids.begin(), ids.end(), application.id) != ids.end();
         if (listed == 0 && !present)
-            result = VTRegisterApplication(application.id.c_str());
+            result =
+                Call(application, Exported::Register, [&] { return VTRegisterApplication(application.id.c_str()); });
     });
     if (went == Went::Died)
         return Crash(application);
     Disarm(); // what follows looks at the registry itself
     Mix(result);
+    application.registered = application.registered || present || result == 0;
     if (result == 0 && !IsListed(application))
         return "an application was registered and is not listed";
     if (!m_faulty && !present && result != 0)
@@ -42,14 +51,17 @@ std::string World::Unregister(Application& application)
 {
     if (application.session.open)
         return {};
+    const Disturbance disturbance(*this); // every volume is on its verify list from now on
     DWORD result = 0xFFFFFFFF;
-    if (In(application, [&] { result = VTUnregisterApplication(application.id.c_str()); }) == Went::Died) {
-        Disturb();
+    const Went went = In(application, [&] {
+        result =
+            Call(application, Exported::Unregister, [&] { return VTUnregisterApplication(application.id.c_str()); });
+    });
+    if (went == Went::Died)
         return Crash(application);
-    }
     Disarm();
     Mix(result);
-    Disturb(); // every volume is on its verify list from now on
+    application.registered = application.registered && result != 0 && result != VTFLT_APP_NOT_REGISTERED;
     if (result == 0 && IsListed(application))
         return "an application was unregistered and is still listed";
     if (!m_faulty && result != 0 && result != VTFLT_APP_NOT_REGISTERED)
@@ -57,47 +69,79 @@ std::string World::Unregister(Application& application)
     return {};
 }
 
+// A volume is backed up by one at a time. One by one, whoever finds it taken does without; at once, it waits.
+bool World::Claim(Application& application, std::size_t volume)
+{
+    if (m_watch == nullptr)
+        return !IsBusy(volume);
+    if (m_sharesVolumes)
+        return true;
+    while (m_claims[volume] != nullptr)
+        DoubleStandStill(&m_claims);
+    m_claims[volume] = &application;
+    return true;
+}
+
+DWORD World::Replicate(Application& application)
+{
+    return Call(application, Exported::ReplicateVerifyList,
+                [&] { return VTReplicateVerifyList(application.id.c_str()); });
+}
+
+DWORD World::AskForVerify(Application& application, std::size_t volume)
+{
+    return Call(application, Exported::IsVerifyRequired,
+                [&] { return VTIsVerifyRequired(application.id.c_str(), m_roots[volume].c_str()); });
+}
+
 std::string World::Begin(std::size_t number, std::size_t volume)
 {
     Application& application = m_applications[number];
     Session& session = application.session;
-    if (session.open || IsBusy(volume))
+    if (session.open || !Claim(application, volume))
         return {};
     session = Session();
     session.volume = volume;
-    const bool undisturbed = IsUndisturbed(number, volume);
+    bool undisturbed = IsUndisturbed(number, volume);
     const Chain& chain = application.chains[volume];
     const bool fresh = !m_expected.HasBackup(number, volume);
     DWORD asked = 0;
     DWORD step = 0; // how far it came
     const Went went = In(application, [&] {
         std::vector<std::wstring> ids;
-        if (VTGetRegisteredAppList(&ids) != 0 || std::find(ids.begin(), ids.end(), application.id) == ids.end())
+        if (Call(application, Exported::AppList, [&] { return VTGetRegisteredAppList(&ids); }) != 0 ||
+            std::find(ids.begin(), ids.end(), application.id) == ids.end())
             return;
         ++step;
-        if (VTCanBLIDriverWork() == 0)
+        if (Call(application, Exported::CanDriverWork, [] { return VTCanBLIDriverWork(); }) == 0)
             return;
         ++step;
-        if (VTReplicateVerifyList(application.id.c_str()) != 0)
+        if (Replicate(application) != 0)
             return;
-        asked = VTIsVerifyRequired(application.id.c_str(), m_roots[volume].c_str());
+        asked = AskForVerify(application, volume);
         ++step;
         session.handle = CreateFileW(m_devices[volume].c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                      nullptr, OPEN_EXISTING, 0, nullptr);
         if (session.handle == INVALID_HANDLE_VALUE)
             return;
         ++step;
-        if (VTFltInitBitmapManager(session.handle, m_roots[volume].c_str(), application.id.c_str()) != 0)
+        if (Call(application, Exported::InitManager, [&] {
+                return VTFltInitBitmapManager(session.handle, m_roots[volume].c_str(), application.id.c_str());
+            }) != 0)
             return;
         session.initialised = true;
         ++step;
-        if (VTFltGetBlockSize(session.handle, &session.blockSize, 0) != 0 || session.blockSize == 0)
+        if (Call(application, Exported::GetBlockSize,
+                 [&] { return VTFltGetBlockSize(session.handle, &session.blockSize, 0); }) != 0 ||
+            session.blockSize == 0)
             return;
         ++step;
-        if (VTFltPrepareForSnapshot(session.handle) != 0)
+        if (Call(application, Exported::PrepareForSnapshot, [&] { return VTFltPrepareForSnapshot(session.handle); }) !=
+            0)
             return;
         ++step;
     });
+    undisturbed = undisturbed && IsUndisturbed(number, volume);
     Mix(step);
     Mix(asked);
     if (went == Went::Died)
@@ -127,7 +171,7 @@ std::string World::Fetch(std::size_t number)
     Session& session = application.session;
     if (!session.open || session.fetched)
         return {};
-    const bool undisturbed = IsUndisturbed(number, session.volume);
+    bool undisturbed = IsUndisturbed(number, session.volume);
     DWORD result = 0xFFFFFFFF;
     DWORD again = 0;
     DWORD asked = 0;
@@ -138,26 +182,32 @@ std::string World::Fetch(std::size_t number)
         DWORD size = 0;
         BYTE* const buffer = application.buffer.data();
         std::fill(application.buffer.begin(), application.buffer.end(), BYTE{0});
-        result = VTFltGetBitmap(session.handle, &input, 0, buffer, VTFLT_BITMAP_HEADER_BYTES, &size, 0);
+        const auto fetch = [&](DWORD room) {
+            return Call(application, Exported::GetBitmap,
+                        [&] { return VTFltGetBitmap(session.handle, &input, 0, buffer, room, &size, 0); });
+        };
+        result = fetch(VTFLT_BITMAP_HEADER_BYTES);
         if ((result == ERROR_MORE_DATA || result == ERROR_INSUFFICIENT_BUFFER) && size <= application.buffer.size()) {
             const DWORD needed = size;
-            result = VTFltGetBitmap(session.handle, &input, 0, buffer, needed, &size, 0);
+            result = fetch(needed);
             session.length = needed;
         }
         if ((result == 0 || result == VERIFY) && size < session.length)
             result = VERIFY; // a short bitmap is none
         if (result == 0 && !session.verify) {
             // Tracking can be lost between the first question and the snapshot.
-            again = VTReplicateVerifyList(application.id.c_str());
-            asked = again == 0 ? VTIsVerifyRequired(application.id.c_str(), m_roots[session.volume].c_str()) : 1;
+            again = Replicate(application);
+            asked = again == 0 ? AskForVerify(application, session.volume) : 1;
         }
-        if (VTFltGetBlockSize(session.handle, &blockSize, 0) != 0)
+        if (Call(application, Exported::GetBlockSize,
+                 [&] { return VTFltGetBlockSize(session.handle, &blockSize, 0); }) != 0)
             blockSize = 0;
         DWORD moved = 0;
         if (!DeviceIoControl(session.handle, IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, &length, sizeof(length), &moved,
                              nullptr))
             length.Length.QuadPart = 0;
     });
+    undisturbed = undisturbed && IsUndisturbed(number, session.volume);
     Mix(result);
     Mix(asked);
     if (went == Went::Died)
@@ -219,8 +269,10 @@ std::string World::Finish(std::size_t number, std::size_t first, std::size_t cou
                 changes[VTFLT_BITMAP_HEADER_BYTES + block / 8] |= static_cast<std::uint8_t>(0x80u >> block % 8);
         }
         if (session.reportable && In(application, [&] {
-                                      result = VTFltSynSnapshotChangeBitmapToVolume(session.handle, changes.data(),
-                                                                                    static_cast<DWORD>(changes.size()));
+                                      result = Call(application, Exported::SyncSnapshotChanges, [&] {
+                                          return VTFltSynSnapshotChangeBitmapToVolume(
+                                              session.handle, changes.data(), static_cast<DWORD>(changes.size()));
+                                      });
                                   }) == Went::Died)
             return Crash(application);
         Mix(result);
@@ -237,7 +289,11 @@ std::string World::Finish(std::size_t number, std::size_t first, std::size_t cou
 
     DWORD reported = 0xFFFFFFFF;
     if (session.reportable) {
-        if (In(application, [&] { reported = VTFltReplicationSuccess(session.handle); }) == Went::Died)
+        const Went went = In(application, [&] {
+            reported = Call(application, Exported::ReplicationSuccess,
+                            [&] { return VTFltReplicationSuccess(session.handle); });
+        });
+        if (went == Went::Died)
             return Crash(application);
     }
     Mix(reported);
@@ -290,7 +346,7 @@ void World::Abandon(Application& application)
     Session& session = application.session;
     const Went went = In(application, [&] {
         if (session.initialised)
-            VTFltDeinitBitmapManager(session.handle);
+            Call(application, Exported::DeinitManager, [&] { return VTFltDeinitBitmapManager(session.handle); });
         session.initialised = false;
         if (session.handle != INVALID_HANDLE_VALUE)
             CloseHandle(session.handle);
@@ -307,6 +363,12 @@ void World::EndSession(Application& application)
     if (application.session.snapshot != 0)
         VTFltSimDeleteSnapshot(m_machine->handle(), application.session.snapshot);
     application.session = Session();
+    for (const Application*& claim : m_claims) {
+        if (claim != &application)
+            continue;
+        claim = nullptr;
+        DoubleWake(&m_claims);
+    }
 }
 
 } // namespace vtproof

@@ -14,6 +14,9 @@ namespace {
 using Bytes = std::vector<std::uint8_t>;
 
 constexpr std::size_t HEADER_BYTES = 84;
+// Counts who asked for the tracking of snapshots.
+constexpr wchar_t COUNT_KEY[] =
+    L"SOFTWARE\\Veltrix\\Lumen Protect\\Engine\\VTFltMgr\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}";
 
 bool ReadAll(const std::wstring& path, Bytes& bytes)
 {
@@ -107,7 +110,9 @@ std::string World::Monitor(Application& application, bool on)
         return {};
     DWORD result = 0;
     const Went went = In(application, [&] {
-        result = on ? VTFltEnableMonitorForSnapshot(nullptr) : VTFltDisableMonitorForSnapshot(nullptr);
+        result =
+            on ? Call(application, Exported::EnableMonitor, [] { return VTFltEnableMonitorForSnapshot(nullptr); })
+               : Call(application, Exported::DisableMonitor, [] { return VTFltDisableMonitorForSnapshot(nullptr); });
     });
     if (went == Went::Died)
         return Crash(application);
@@ -122,7 +127,8 @@ std::string World::Unmark(Application& application)
     DWORD result = 0;
     const Went went = In(application, [&] {
         std::vector<std::wstring> volumes{L"{00000000-0000-4000-8000-000000000000}"};
-        result = VTRemoveApplicationVolResyncList(application.id, &volumes);
+        result = Call(application, Exported::RemoveFromVerifyList,
+                      [&] { return VTRemoveApplicationVolResyncList(application.id, &volumes); });
     });
     if (went == Went::Died)
         return Crash(application);
@@ -140,15 +146,17 @@ std::string World::Ask(Application& application, std::size_t volume)
     DWORD list = 1;
     DWORD can = 0;
     DWORD works = 0;
+    const Registrations before = m_registrations;
     const Went went = In(application, [&] {
         std::vector<std::wstring> ids;
-        counted = VTGetRegisteredAppCount(&count);
-        list = VTGetRegisteredAppList(&ids);
+        counted = Call(application, Exported::AppCount, [&] { return VTGetRegisteredAppCount(&count); });
+        list = Call(application, Exported::AppList, [&] { return VTGetRegisteredAppList(&ids); });
         listed = ids.size();
         present = std::find(ids.begin(), ids.end(), application.id) != ids.end();
-        works = VTCanBLIDriverWork();
-        can = VTCanAppUseBLIDriver(application.id.c_str());
-        VTIsDeviceMonitored(m_devices[volume].c_str());
+        works = Call(application, Exported::CanDriverWork, [] { return VTCanBLIDriverWork(); });
+        can =
+            Call(application, Exported::CanAppUseDriver, [&] { return VTCanAppUseBLIDriver(application.id.c_str()); });
+        Call(application, Exported::IsDeviceMonitored, [&] { return VTIsDeviceMonitored(m_devices[volume].c_str()); });
         const HANDLE handle = CreateFileW(m_devices[volume].c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                           nullptr, OPEN_EXISTING, 0, nullptr);
         if (handle == INVALID_HANDLE_VALUE)
@@ -166,10 +174,10 @@ std::string World::Ask(Application& application, std::size_t volume)
     Mix(can);
     if (m_faulty)
         return {};
-    if (counted != 0 || list != 0 || count != listed)
+    if (counted != 0 || list != 0 || (!Overlapped(before) && count != listed))
         return "the list of applications has " + std::to_string(listed) + " entries and the count is " +
                std::to_string(count);
-    if ((can != 0) != (works != 0 && present))
+    if (!Overlapped(before) && (can != 0) != (works != 0 && present))
         return "an application may use the driver: " + std::to_string(can);
     return {};
 }
@@ -222,7 +230,7 @@ std::string World::Settle(Thoroughly thoroughly)
     }
     for (unsigned round = 0; round <= (thoroughly == Thoroughly::Yes ? SETTLED_ROUNDS : 0); ++round) {
         const bool last = round == SETTLED_ROUNDS;
-        for (std::uint32_t number = 0; number < APPLICATIONS; ++number) {
+        for (std::uint32_t number = 0; number < m_applications.size(); ++number) {
             if (!IsListed(m_applications[number]))
                 continue;
             for (std::uint32_t volume = 0; volume < m_volumes.size(); ++volume) {
@@ -246,6 +254,53 @@ std::string World::Settle(Thoroughly thoroughly)
             wrong = EndGuest(application, false);
     }
     return wrong;
+}
+
+// --- Several at once.
+
+void World::AtOnce(ExportWatch& watch, Volumes volumes)
+{
+    m_watch = &watch;
+    m_sharesVolumes = volumes == Volumes::Shared;
+}
+
+std::string World::RunAtOnce(const Operation& operation)
+{
+    Tell(ToText(operation));
+    std::string wrong = Dispatch(operation);
+    if (wrong.empty())
+        wrong = CheckOpen(m_applications[operation.application]);
+    Mix(m_log->Sum());
+    return wrong;
+}
+
+void World::Happens(const Operation& operation)
+{
+    Tell(ToText(operation));
+    Dispatch(operation);
+}
+
+void World::EndAtOnce(std::uint32_t application)
+{
+    Abandon(m_applications[application]);
+}
+
+std::string World::OneByOne()
+{
+    m_watch = nullptr;
+    m_sharesVolumes = false;
+    DWORD monitors = 0;
+    for (const Application& application : m_applications) {
+        monitors += application.monitors ? 1 : 0;
+        if (application.registered != IsListed(application))
+            return "application " + std::to_string(&application - m_applications.data()) +
+                   (application.registered ? " has registered and is not listed" : " is listed and has not registered");
+    }
+    const auto bytes = m_machine->ReadValue(COUNT_KEY, L"SnapshotMonitorCount");
+    const DWORD counted = bytes.size() == sizeof(DWORD) ? Number(bytes, 0) : 0;
+    if (counted != monitors)
+        return std::to_string(monitors) + " monitor and " + std::to_string(counted) + " are counted";
+    return m_log->Broken() != 0 ? "a log record is not one whole line" : std::string();
 }
 
 void World::TellStory()

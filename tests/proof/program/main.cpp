@@ -2,8 +2,10 @@
 //
 //     double_host vtfltproof.exe histories [--seed S] [--histories N] [--minutes M] [--part I/N]
 //     double_host vtfltproof.exe sweep KIND [--one-in N] [--seed S] [--part I/N]
-//     double_host vtfltproof.exe replay "machine 300:512; register 0; ..."
+//     double_host vtfltproof.exe schedules [--count N] [--seed S] [--minutes M] [--part I/N]
+//     double_host vtfltproof.exe replay "machine 300:512; register 0; ..."      (a schedule has parts, between |)
 #include "proof/random_history.h"
+#include "proof/schedule.h"
 #include "proof/sweep.h"
 #include "proof/world.h"
 
@@ -124,8 +126,58 @@ int SweepNamed(const Options& options, const char* name)
     return 2;
 }
 
+int Report(const Schedule& schedule, const std::string& wrong)
+{
+    std::fprintf(stderr, "broken: %s\nrun it again with\n    ./dev sim --replay \"%s\"\n", wrong.c_str(),
+                 ToText(schedule).c_str());
+    const Schedule shortest = Shrink(schedule);
+    std::fprintf(stderr, "shorter: %s\n    ./dev sim --replay \"%s\"\n", RunSchedule(shortest).wrong.c_str(),
+                 ToText(shortest).c_str());
+    return 1;
+}
+
+int RunSchedules(const Options& options)
+{
+    Progress progress(options);
+    Schedules schedules(options.seed);
+    std::uint64_t done = 0;
+    std::uint64_t changes = 0;
+    std::uint64_t traces = 0;
+    for (; progress.Goes(done); ++done) {
+        // Pairwise, so that every part has meetings and mixes.
+        const std::uint64_t number = done / 2 * 2 * options.parts + 2 * options.part + done % 2;
+        const Schedule schedule = schedules.Choose(number);
+        const ScheduleRun run = RunSchedule(schedule);
+        traces = (traces ^ run.trace) * 0x100000001b3ull;
+        changes += run.changes;
+        if (!run.wrong.empty()) {
+            std::fprintf(stderr, "schedule %llu\n", static_cast<unsigned long long>(number));
+            return Report(schedule, run.wrong);
+        }
+    }
+    std::fprintf(stderr, "%llu schedules of seed %llu, %llu changes of turn, %.0f s, none broken, trace %016llx\n",
+                 static_cast<unsigned long long>(done), static_cast<unsigned long long>(options.seed),
+                 static_cast<unsigned long long>(changes), progress.Seconds(), static_cast<unsigned long long>(traces));
+    return 0;
+}
+
+int ReplaySchedule(const char* text)
+{
+    const auto schedule = ParseSchedule(text);
+    if (!schedule) {
+        std::fputs("that is no schedule\n", stderr);
+        return 2;
+    }
+    const ScheduleRun run = RunSchedule(*schedule, true);
+    std::fprintf(stderr, "%s, trace %016llx\n", run.wrong.empty() ? "nothing is wrong" : run.wrong.c_str(),
+                 static_cast<unsigned long long>(run.trace));
+    return run.wrong.empty() ? 0 : 1;
+}
+
 int Replay(const char* text)
 {
+    if (std::strchr(text, '|') != nullptr)
+        return ReplaySchedule(text);
     const auto history = ParseHistory(text);
     if (!history) {
         std::fputs("that is no history\n", stderr);
@@ -145,7 +197,7 @@ bool Parse(int argc, char** argv, int first, Options& options)
         char* rest = nullptr;
         if (name == "--seed")
             options.seed = std::strtoull(argv[i + 1], &rest, 0);
-        else if (name == "--histories")
+        else if (name == "--histories" || name == "--count")
             options.count = std::strtoull(argv[i + 1], &rest, 0);
         else if (name == "--one-in")
             options.oneIn = std::strtoull(argv[i + 1], &rest, 0);
@@ -173,11 +225,14 @@ int main(int argc, char** argv)
         return Replay(argv[2]);
     if (argc >= 2 && std::strcmp(argv[1], "histories") == 0 && Parse(argc, argv, 2, options))
         return Histories(options);
+    if (argc >= 2 && std::strcmp(argv[1], "schedules") == 0 && Parse(argc, argv, 2, options))
+        return RunSchedules(options);
     if (argc >= 3 && std::strcmp(argv[1], "sweep") == 0 && Parse(argc, argv, 3, options))
         return SweepNamed(options, argv[2]);
     std::fputs("vtfltproof histories [--seed S] [--histories N] [--minutes M] [--part I/N]\n"
                "vtfltproof sweep failures|effects|memory|deaths|power-cuts|second-deaths|pairs [--one-in N] [--seed S] "
                "[--minutes M] [--part I/N]\n"
+               "vtfltproof schedules [--count N] [--seed S] [--minutes M] [--part I/N]\n"
                "vtfltproof replay \"machine ...\"\n",
                stderr);
     return 2;

@@ -305,6 +305,26 @@ TEST_F(Limit, AListThatNeverFitsIsReadForEver)
     ClearFaults();
 }
 
+// Found by a schedule. The list's size is asked first, and no mutex is held over both.
+TEST_F(Limit, AListThatGrowsWhileItIsReadCannotBeRead)
+{
+    Register(APP1);
+    auto registers = [] { EXPECT_EQ(0u, VTRegisterApplication(APP2)); };
+    Before(L"RegQueryValueExW", L"RegisteredAppIDs", 2, registers);
+    std::vector<std::wstring> ids;
+    EXPECT_EQ(static_cast<DWORD>(ERROR_MORE_DATA), VTGetRegisteredAppList(&ids));
+    ClearFaults();
+    EXPECT_EQ(0u, VTGetRegisteredAppList(&ids)) << "the next one can";
+    EXPECT_EQ(2u, ids.size());
+    ASSERT_EQ(0u, VTUnregisterApplication(APP2));
+    Before(L"RegQueryValueExW", L"RegisteredAppIDs", 2, registers);
+    const vtflt::UniqueHandle handle = OpenVolume(volume);
+    EXPECT_EQ(VTFLT_APP_LIST_FAILED, VTFltInitBitmapManager(handle.get(), volume.Root().c_str(), APP1));
+    ClearFaults();
+    EXPECT_EQ(0u, VTFltInitBitmapManager(handle.get(), volume.Root().c_str(), APP1));
+    EXPECT_EQ(0u, VTFltDeinitBitmapManager(handle.get()));
+}
+
 // The two answers cannot be told apart.
 TEST_F(Limit, ReplicatingWithoutADriverIsASuccess)
 {

@@ -1,0 +1,330 @@
+// Schedules as text, and the choice of them.
+#include "proof/schedule.h"
+
+#include "proof/random_history.h"
+
+#include <algorithm>
+#include <charconv>
+#include <functional>
+
+namespace vtproof {
+
+namespace {
+
+// The way to a call of an export by an application A on a volume V; what is done before anybody meets, and what then.
+struct Way {
+    std::uint32_t nth;
+    const char* before; // what A must have done
+    const char* process;
+};
+
+constexpr char REGISTERED[] = "register A; write A V 3 5; backup A V";
+
+Way WayTo(Exported exported)
+{
+    switch (exported) {
+    case Exported::GetBitmap:
+        return {2, REGISTERED, "backup A V"}; // the first asks for the size
+    case Exported::SyncSnapshotChanges:
+        return {1, REGISTERED, "backup A V 12 4"};
+    case Exported::Register:
+        return {1, "", "register A; backup A V"};
+    case Exported::Unregister:
+        return {1, REGISTERED, "unregister A; register A; backup A V"};
+    case Exported::AppCount:
+    case Exported::CanAppUseDriver:
+    case Exported::IsDeviceMonitored:
+        return {1, REGISTERED, "ask A V; backup A V"};
+    case Exported::AddVolumesToVerifyList:
+        return {1, REGISTERED, "mark-all A; backup A V"};
+    case Exported::RemoveFromVerifyList:
+        return {1, REGISTERED, "unmark A; backup A V"};
+    case Exported::EnableMonitor:
+        return {1, REGISTERED, "monitor A 0 1"};
+    case Exported::DisableMonitor:
+        return {1, "register A; write A V 3 5; backup A V; monitor A 0 1", "monitor A 0 0"};
+    case Exported::StopVolume:
+        return {1, REGISTERED, "stop-volume A V; start-tracking A V; backup A V"};
+    case Exported::StopVolumes:
+        return {1, REGISTERED, "stop-volumes A; backup A V"};
+    default:
+        return {1, REGISTERED, "backup A V"};
+    }
+}
+
+std::string Said(std::string text, std::uint32_t application, std::uint32_t volume)
+{
+    std::replace(text.begin(), text.end(), 'A', static_cast<char>('0' + application));
+    std::replace(text.begin(), text.end(), 'V', static_cast<char>('0' + volume));
+    return text;
+}
+
+bool ParseSeed(std::string_view text, std::uint64_t& number)
+{
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+    return result.ec == std::errc() && result.ptr == text.data() + text.size();
+}
+
+bool ParseExport(std::string_view text, Exported& exported)
+{
+    const auto found = std::find(std::begin(EXPORT_NAMES), std::end(EXPORT_NAMES), text);
+    exported = static_cast<Exported>(found - std::begin(EXPORT_NAMES));
+    return found != std::end(EXPORT_NAMES);
+}
+
+bool ParseMeeting(const std::vector<std::string_view>& words, Schedule& schedule)
+{
+    schedule.meets = true;
+    return words.size() == 18 && words[0] == "meet" && ParseExport(words[1], schedule.places[0].exported) &&
+           ParseNumber(words[2], schedule.places[0].nth) && ParseExport(words[3], schedule.places[1].exported) &&
+           ParseNumber(words[4], schedule.places[1].nth) && words[5] == "first" &&
+           ParseNumber(words[6], schedule.first) && words[7] == "turns" && ParseNumber(words[8], schedule.turns[0]) &&
+           ParseNumber(words[9], schedule.turns[1]) && words[10] == "loses" && ParseNumber(words[11], schedule.loses) &&
+           words[12] == "arrives" && ParseNumber(words[13], schedule.arrives) && words[14] == "between" &&
+           ParseNumber(words[15], schedule.between) && words[16] == "writes" &&
+           ParseNumber(words[17], schedule.writes) && schedule.loses <= schedule.before.volumes.size() &&
+           schedule.between <= schedule.before.volumes.size() && schedule.processes.size() == 2;
+}
+
+bool ParseMix(const std::vector<std::string_view>& words, Schedule& schedule)
+{
+    return words.size() == 3 && words[0] == "mix" && ParseSeed(words[1], schedule.seed) &&
+           ParseNumber(words[2], schedule.oneIn) && schedule.oneIn != 0;
+}
+
+struct Weight {
+    Do what;
+    std::uint32_t weight;
+};
+
+constexpr Weight WEIGHTS[] = {{Do::Write, 30},     {Do::Backup, 34},       {Do::Begin, 4},        {Do::Fetch, 4},
+                              {Do::Finish, 4},     {Do::Abandon, 1},       {Do::Register, 4},     {Do::Unregister, 3},
+                              {Do::MarkAll, 2},    {Do::Unmark, 2},        {Do::Monitor, 3},      {Do::Ask, 3},
+                              {Do::StopVolume, 1}, {Do::StartTracking, 2}, {Do::LoseTracking, 2}, {Do::StopVolumes, 1}};
+
+Operation ChooseOperation(Dice& dice, std::uint32_t application, const std::vector<VolumeShape>& volumes, bool calm)
+{
+    std::uint32_t sum = 0;
+    for (const Weight& one : WEIGHTS)
+        sum += one.weight;
+    Operation operation;
+    operation.what = Do::Backup;
+    std::uint32_t at = dice.Below(sum);
+    for (const Weight& one : WEIGHTS) {
+        if (at < one.weight) {
+            operation.what = one.what;
+            break;
+        }
+        at -= one.weight;
+    }
+    const bool disturbs = operation.what == Do::StopVolume || operation.what == Do::StopVolumes ||
+                          operation.what == Do::LoseTracking || operation.what == Do::StartTracking ||
+                          operation.what == Do::MarkAll || operation.what == Do::Unregister;
+    if (calm && disturbs)
+        operation.what = Do::Write;
+    operation.application = application;
+    operation.volume = dice.Below(static_cast<std::uint32_t>(volumes.size()));
+    if (operation.what == Do::Write) {
+        operation.a = dice.Below(volumes[operation.volume].grains);
+        operation.b = dice.OneIn(4) ? dice.Below(32) : 0;
+    } else if ((operation.what == Do::Backup || operation.what == Do::Finish) && dice.OneIn(4)) {
+        operation.a = dice.Below(volumes[operation.volume].grains);
+        operation.b = 1 + dice.Below(8);
+    } else if (operation.what == Do::Monitor) {
+        operation.a = dice.Below(2);
+    }
+    return operation;
+}
+
+Schedule ChooseMix(std::uint64_t seed)
+{
+    Dice dice(seed);
+    Schedule schedule;
+    const std::uint32_t processes = 2 + dice.Below(MOST_PROCESSES - 1);
+    schedule.before.volumes = {{100, 1024}};
+    if (dice.OneIn(2))
+        schedule.before.volumes.push_back({60, 512});
+    const auto volumes = static_cast<std::uint32_t>(schedule.before.volumes.size());
+    for (std::uint32_t application = 0; application < processes; ++application) {
+        if (dice.OneIn(5))
+            continue;
+        schedule.before.operations.push_back({Do::Register, application, 0, 0, 0, {}});
+        for (std::uint32_t volume = 0; volume < volumes; ++volume) {
+            if (!dice.OneIn(4))
+                schedule.before.operations.push_back({Do::Backup, application, volume, 0, 0, {}});
+        }
+        schedule.before.operations.push_back({Do::Write, application, dice.Below(volumes), dice.Below(60), 3, {}});
+    }
+    const bool calm = dice.OneIn(3);
+    schedule.processes.resize(processes);
+    for (std::uint32_t application = 0; application < processes; ++application) {
+        const std::uint32_t length = 2 + dice.Below(6);
+        for (std::uint32_t i = 0; i < length; ++i)
+            schedule.processes[application].push_back(
+                ChooseOperation(dice, application, schedule.before.volumes, calm));
+    }
+    schedule.seed = seed;
+    constexpr std::uint32_t ONE_IN[] = {1, 2, 4, 8, 32, 128};
+    schedule.oneIn = ONE_IN[dice.Below(std::size(ONE_IN))];
+    return schedule;
+}
+
+} // namespace
+
+Schedule MeetingOf(Exported first, Exported second, std::uint32_t state)
+{
+    const Exported exports[] = {first, second};
+    // 0: one volume; 1: it loses tracking; 2: two volumes, the first loses tracking; 3: everything is to be verified.
+    const std::uint32_t volumes[] = {0, state == 2 ? 1u : 0u};
+    std::string text = "machine 100:1024 60:512; register 2; backup 2 0; backup 2 1";
+    for (std::uint32_t i = 0; i < 2; ++i) {
+        const std::string before = Said(WayTo(exports[i]).before, i, volumes[i]);
+        text += before.empty() ? before : "; " + before;
+    }
+    text += "; write 0 0 40 9; write 0 1 7";
+    for (std::uint32_t i = 0; i < 2 && state == 3; ++i)
+        text += exports[i] != Exported::Register ? Said("; mark-all A", i, 0) : std::string();
+    Schedule schedule;
+    schedule.meets = true;
+    if (const auto before = ParseHistory(text, MOST_PROCESSES))
+        schedule.before = *before;
+    for (std::uint32_t i = 0; i < 2; ++i) {
+        const Way way = WayTo(exports[i]);
+        const auto process = ParseOperations(Said(way.process, i, volumes[i]), MOST_PROCESSES, 2);
+        schedule.processes.push_back(process ? *process : std::vector<Operation>());
+        schedule.places[i] = {exports[i], way.nth};
+    }
+    schedule.loses = state == 1 || state == 2 ? 1 : 0;
+    // Who is about to fetch has a snapshot: it comes last, and when both are on one volume nobody writes to it.
+    schedule.arrives = first == Exported::GetBitmap ? 1 : 0;
+    if (!(first == Exported::GetBitmap && second == Exported::GetBitmap && volumes[0] == volumes[1]))
+        schedule.between = 1 + volumes[1 - schedule.arrives];
+    return schedule;
+}
+
+Schedule Schedules::Choose(std::uint64_t number)
+{
+    if (number % 2 != 0)
+        return ChooseMix(m_seed * 0x10000'0001ull + number);
+    constexpr std::uint64_t MEETINGS = EXPORT_COUNT * EXPORT_COUNT * MEETING_STATES;
+    const std::uint64_t which = number / 2 % MEETINGS;
+    const std::uint64_t round = number / 2 / MEETINGS;
+    const std::uint64_t pair = which / MEETING_STATES;
+    Schedule schedule =
+        MeetingOf(static_cast<Exported>(pair / EXPORT_COUNT), static_cast<Exported>(pair % EXPORT_COUNT),
+                  static_cast<std::uint32_t>(which % MEETING_STATES));
+    schedule.first = round % 2;
+    const bool mayWrite = schedule.between != 0;
+    if (round < 2)
+        return schedule;
+    m_lengths.resize(MEETINGS);
+    Lengths& lengths = m_lengths[which];
+    if (!lengths.known) {
+        const ScheduleRun run = RunSchedule(schedule);
+        lengths.known = true;
+        std::copy(std::begin(run.calls), std::end(run.calls), std::begin(lengths.calls));
+    }
+    const std::uint32_t own = lengths.calls[schedule.first];
+    const std::uint32_t all = std::max(1u, lengths.calls[0] + lengths.calls[1]);
+    const auto nth = static_cast<std::uint32_t>(round / 2);
+    Dice dice(m_seed ^ number << 20);
+    schedule.writes = mayWrite && dice.OneIn(2) ? 1 + dice.Below(all) : 0;
+    if (nth <= own) {
+        schedule.turns[0] = nth;
+        return schedule;
+    }
+    schedule.turns[0] = 1 + dice.Below(std::max(1u, own));
+    schedule.turns[1] = schedule.turns[0] + 1 + dice.Below(all);
+    return schedule;
+}
+
+std::string ToText(const Schedule& schedule)
+{
+    std::string text = ToText(schedule.before);
+    for (const auto& process : schedule.processes) {
+        text += " |";
+        for (const Operation& operation : process)
+            text += " " + ToText(operation) + ";";
+    }
+    if (!schedule.meets)
+        return text + " | mix " + std::to_string(schedule.seed) + " " + std::to_string(schedule.oneIn);
+    text += " | meet";
+    for (const Schedule::Place& place : schedule.places)
+        text +=
+            std::string(" ") + EXPORT_NAMES[static_cast<std::size_t>(place.exported)] + " " + std::to_string(place.nth);
+    return text + " first " + std::to_string(schedule.first) + " turns " + std::to_string(schedule.turns[0]) + " " +
+           std::to_string(schedule.turns[1]) + " loses " + std::to_string(schedule.loses) + " arrives " +
+           std::to_string(schedule.arrives) + " between " + std::to_string(schedule.between) + " writes " +
+           std::to_string(schedule.writes);
+}
+
+std::optional<Schedule> ParseSchedule(std::string_view text)
+{
+    const auto parts = Split(text, '|');
+    if (parts.size() < 3 || parts.size() > 2 + MOST_PROCESSES)
+        return std::nullopt;
+    const auto before = ParseHistory(parts.front(), MOST_PROCESSES);
+    if (!before)
+        return std::nullopt;
+    Schedule schedule;
+    schedule.before = *before;
+    for (std::size_t i = 1; i + 1 < parts.size(); ++i) {
+        const auto operations = ParseOperations(parts[i], MOST_PROCESSES, before->volumes.size());
+        if (!operations)
+            return std::nullopt;
+        schedule.processes.push_back(*operations);
+    }
+    const auto words = Split(parts.back(), ' ');
+    if (words.empty() || !(words[0] == "meet" ? ParseMeeting(words, schedule) : ParseMix(words, schedule)))
+        return std::nullopt;
+    return schedule;
+}
+
+namespace {
+
+// The schedule itself, or one with another seed for its turns, that is broken; nothing when none of a few is.
+bool IsBroken(Schedule& schedule)
+{
+    constexpr std::uint64_t SEEDS = 12;
+    if (schedule.meets)
+        return !RunSchedule(schedule).wrong.empty();
+    const std::uint64_t seed = schedule.seed;
+    for (std::uint64_t i = 0; i < SEEDS; ++i) {
+        schedule.seed = seed + i;
+        if (!RunSchedule(schedule).wrong.empty())
+            return true;
+    }
+    return false;
+}
+
+// Tries the schedule without each of the operations of a list.
+bool Shorten(Schedule& schedule, const std::function<std::vector<Operation>&(Schedule&)>& list)
+{
+    bool changed = false;
+    for (std::size_t at = 0; at < list(schedule).size();) {
+        Schedule shorter = schedule;
+        list(shorter).erase(list(shorter).begin() + static_cast<std::ptrdiff_t>(at));
+        if (IsBroken(shorter)) {
+            schedule = std::move(shorter);
+            changed = true;
+        } else {
+            ++at;
+        }
+    }
+    return changed;
+}
+
+} // namespace
+
+Schedule Shrink(Schedule schedule)
+{
+    for (bool changed = true; changed;) {
+        changed = Shorten(schedule, [](Schedule& one) -> std::vector<Operation>& { return one.before.operations; });
+        for (std::size_t i = 0; i < schedule.processes.size(); ++i)
+            changed = Shorten(schedule, [i](Schedule& one) -> std::vector<Operation>& { return one.processes[i]; }) ||
+                      changed;
+    }
+    return schedule;
+}
+
+} // namespace vtproof

@@ -1,0 +1,145 @@
+// Samples of the schedules; ./dev sim schedules does as many as one likes.
+#include "proof/schedule.h"
+
+#include "double/control.h"
+#include "support/text.h"
+#include "win/owners.h"
+
+#include <gtest/gtest.h>
+
+namespace vtproof {
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__)
+constexpr std::uint32_t SLOWER = 20;
+#else
+constexpr std::uint32_t SLOWER = 1;
+#endif
+
+TEST(Meetings, OfAllPairsOfExportsTakePlaceAndLoseNothing)
+{
+    for (std::size_t first = 0; first < EXPORT_COUNT; ++first) {
+        for (std::size_t second = 0; second < EXPORT_COUNT; ++second) {
+            const std::size_t pair = first * EXPORT_COUNT + second;
+            if (pair % SLOWER != 0)
+                continue;
+            const Schedule schedule = MeetingOf(static_cast<Exported>(first), static_cast<Exported>(second),
+                                                static_cast<std::uint32_t>(pair % MEETING_STATES));
+            const ScheduleRun run = RunSchedule(schedule);
+            EXPECT_TRUE(run.met) << ToText(schedule);
+            EXPECT_EQ("", run.wrong) << ToText(schedule);
+        }
+    }
+}
+
+// A turn that changes in the middle of an export, and another one that changes it back.
+TEST(Meetings, ChangeTheTurnWhereTheyAreTold)
+{
+    Schedule schedule = MeetingOf(Exported::GetBitmap, Exported::GetBitmap, 0);
+    const ScheduleRun undisturbed = RunSchedule(schedule);
+    EXPECT_EQ(0u, undisturbed.changes);
+    EXPECT_GT(undisturbed.calls[0], 20u);
+    EXPECT_GT(undisturbed.calls[1], 20u);
+    schedule.turns[0] = 3;
+    schedule.turns[1] = 5;
+    const ScheduleRun changed = RunSchedule(schedule);
+    EXPECT_EQ(2u, changed.changes);
+    EXPECT_EQ("", changed.wrong);
+    EXPECT_NE(undisturbed.trace, changed.trace);
+}
+
+// What shares the bitmap files most: before each call of the one, the other has the turn.
+TEST(Meetings, OfAFetchWithWhatWritesBitmapsLoseNothingWhereverTheTurnChanges)
+{
+    for (const Exported other : {Exported::GetBitmap, Exported::SyncSnapshotChanges, Exported::ReplicationSuccess}) {
+        Schedule schedule = MeetingOf(other, Exported::GetBitmap, 0);
+        const ScheduleRun undisturbed = RunSchedule(schedule);
+        for (schedule.first = 0; schedule.first < 2; ++schedule.first) {
+            for (std::uint32_t call = 1; call <= undisturbed.calls[schedule.first]; call += SLOWER) {
+                schedule.turns[0] = call;
+                ASSERT_EQ("", RunSchedule(schedule).wrong) << "./dev sim --replay \"" << ToText(schedule) << "\"";
+            }
+        }
+    }
+}
+
+TEST(Schedules, ChosenByAnySeedLoseNothing)
+{
+    constexpr std::uint64_t BELOW = 1'000'000;
+    constexpr std::uint64_t STEP = 7'919; // so that they are of many pairs of exports
+    Schedules schedules(1);
+    for (std::uint64_t i = 0; i < 400 / SLOWER; ++i) {
+        const Schedule schedule = schedules.Choose(i * STEP % BELOW);
+        ASSERT_EQ("", RunSchedule(schedule).wrong) << "./dev sim --replay \"" << ToText(schedule) << "\"";
+    }
+}
+
+TEST(Schedules, AreReadAsTheyAreWritten)
+{
+    Schedules schedules(3);
+    for (std::uint64_t number = 0; number < 40; ++number) {
+        const std::string text = ToText(schedules.Choose(number));
+        const auto read = ParseSchedule(text);
+        ASSERT_TRUE(read.has_value()) << text;
+        EXPECT_EQ(text, ToText(*read));
+    }
+    for (
+        const char* text :
+        {"", "machine 100:512", "machine 100:512 | mix 1 1", "machine 100:512 | register 0 | mix 1 0",
+         "machine 100:512 | register 9 | mix 1 1", "machine 100:512 | register 0 | meet VTOther 1",
+         "machine 100:512 | backup 0 | backup 1 | meet VTFltGetBitmap 1 VTOther 1 first 0 turns 0 0 loses 0 arrives 0 between 0 writes 0",
+         "machine 100:512 | backup 0 | backup 1 | meet VTFltGetBitmap 1 VTFltGetBitmap 1 first 0 turns 0 0 loses 2 arrives 0 between 0 writes 0"})
+        EXPECT_FALSE(ParseSchedule(text).has_value()) << text;
+}
+
+// The same schedule gives the same calls, outcomes and turns, whatever ran before.
+TEST(Schedules, HaveTheSameTraceEveryTime)
+{
+    Schedules schedules(5);
+    std::vector<Schedule> chosen;
+    std::vector<std::uint64_t> traces;
+    for (std::uint64_t number = 0; number < 40 / SLOWER; ++number) {
+        chosen.push_back(schedules.Choose(50'000 + number));
+        traces.push_back(RunSchedule(chosen.back()).trace);
+    }
+    for (std::size_t i = chosen.size(); i-- > 0;)
+        EXPECT_EQ(traces[i], RunSchedule(chosen[i]).trace) << ToText(chosen[i]);
+    Schedule other = chosen[1];
+    ASSERT_FALSE(other.meets);
+    other.oneIn = 1;
+    ++other.seed;
+    EXPECT_NE(traces[1], RunSchedule(other).trace);
+}
+
+// Two threads, each with what the other waits for.
+TEST(Schedules, SayWhenNobodyCouldGoOn)
+{
+    struct Both {
+        const wchar_t* first;
+        const wchar_t* second;
+    };
+    const auto takeBoth = [](void* argument) {
+        const auto& names = *static_cast<const Both*>(argument);
+        const vtflt::UniqueHandle first(CreateMutexW(nullptr, FALSE, names.first));
+        const vtflt::UniqueHandle second(CreateMutexW(nullptr, FALSE, names.second));
+        WaitForSingleObject(first.get(), INFINITE);
+        DoubleYield();
+        WaitForSingleObject(second.get(), 1'800'000);
+        ReleaseMutex(second.get());
+        ReleaseMutex(first.get());
+    };
+    DoubleTakeStuck();
+    Both there{L"Here", L"There"};
+    Both back{L"There", L"Here"};
+    const std::uint64_t first = DoubleStartThread(takeBoth, &there);
+    const std::uint64_t second = DoubleStartThread(takeBoth, &back);
+    DoubleJoinThread(first);
+    DoubleJoinThread(second);
+    const std::string stuck = DoubleTakeStuck();
+    EXPECT_NE(std::string::npos, stuck.find("Here")) << stuck;
+    EXPECT_NE(std::string::npos, stuck.find("There")) << stuck;
+    EXPECT_STREQ("", DoubleTakeStuck());
+}
+
+} // namespace
+} // namespace vtproof

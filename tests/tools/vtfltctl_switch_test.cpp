@@ -171,6 +171,7 @@ TEST_F(VtFltCtlSwitch, AFailedStopIsToldWithItsReason)
     machine.FailRequest(0xB000001D, ERROR_IO_DEVICE, volume.guid.c_str(), 1, 0);
     EXPECT_NE(std::string::npos, ExpectRefusal({L"stop", L"E:", L"--yes"}, EXIT_DEVICE).find("1117"));
     EXPECT_TRUE(HasFiles(L"Nightly"));
+    VTFltSimClearFaults(machine.handle());
     // An error of that name is not a volume that was not found: by then something may have been done.
     machine.FailRequest(0xB000001D, ERROR_FILE_NOT_FOUND, volume.guid.c_str(), 1, 0);
     ExpectRefusal({L"stop", L"E:", L"--yes"}, EXIT_DEVICE);

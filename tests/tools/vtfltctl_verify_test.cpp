@@ -1,6 +1,8 @@
 // verify list, add, remove, replicate and rebuild.
 #include "tools/vtfltctl_test.h"
 
+#include "common/backup_locks.h"
+
 #include <algorithm>
 #include <cwctype>
 
@@ -155,6 +157,26 @@ TEST_F(VtFltCtlVerify, WithoutTheDriverNothingIsDoneAndNothingReinstalled)
     ExpectRefusal({L"verify", L"add", L"Nightly", L"--all"}, EXIT_DRIVER_DOWN);
     WCHAR command[8] = {};
     EXPECT_EQ(static_cast<DWORD>(ERROR_NO_MORE_ITEMS), VTFltSimGetUtilityCommand(machine.handle(), 0, command, 8));
+}
+
+TEST_F(VtFltCtlVerify, NoMarkIsSetWhileABackupRunsThatWouldTakeItOff)
+{
+    Register(L"Weekly");
+    StoreList(PENDING, {volume.guid});
+    {
+        // The folder as somebody else may write it.
+        const std::wstring name = toolkit::LockNames(L"\\\\?\\" + machine.directory() + L"\\").Application(L"Nightly");
+        const vtflt::UniqueHandle backup(CreateMutexW(nullptr, TRUE, name.c_str()));
+        ExpectRefusal({L"verify", L"add", L"Nightly", L"E:"}, EXIT_BUSY);
+        ExpectRefusal({L"verify", L"add", L"Nightly", L"--all"}, EXIT_BUSY);
+        ExpectRefusal({L"verify", L"replicate", L"Nightly"}, EXIT_BUSY);
+        StoreList(VERIFY, {GONE}, LISTS_KEY, REG_SZ);
+        ExpectRefusal({L"verify", L"rebuild", L"--yes"}, EXIT_BUSY);
+        EXPECT_EQ(EXIT_OK, Run({L"verify", L"add", L"Weekly", L"E:"}).exitCode);
+        ReleaseMutex(backup.get());
+    }
+    EXPECT_EQ(EXIT_OK, Run({L"verify", L"rebuild", L"--yes"}).exitCode);
+    EXPECT_EQ(EXIT_OK, Run({L"verify", L"replicate", L"Nightly"}).exitCode);
 }
 
 TEST_F(VtFltCtlVerify, ADriverThatGoesDownMeanwhileIsNoSuccess)

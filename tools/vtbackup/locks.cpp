@@ -1,6 +1,5 @@
 #include "locks.h"
 
-#include "checksum.h"
 #include "failure.h"
 #include "text.h"
 
@@ -114,29 +113,6 @@ Lock::~Lock()
     m_note.Close();
     if (m_mutex)
         ReleaseMutex(m_mutex.Get());
-}
-
-LockNames::LockNames(std::wstring_view scope) : m_prefix(L"Global\\VTBackup.")
-{
-    if (scope.empty())
-        return;
-    std::wstring folded(scope);
-    CharLowerBuffW(folded.data(), static_cast<DWORD>(folded.size()));
-    const std::string bytes = ToUtf8(folded);
-    m_prefix += L"Simulated." + ToWide(ToHex(ChecksumOf(bytes.data(), bytes.size())).substr(0, 16)) + L".";
-}
-
-std::wstring LockNames::Application(std::wstring_view id) const
-{
-    return m_prefix + L"Application." + std::wstring(id) + L".Lock";
-}
-
-std::wstring LockNames::Volume(std::wstring_view guid) const
-{
-    // Names of mutexes are case-sensitive, GUIDs are not.
-    std::wstring folded(guid);
-    CharLowerBuffW(folded.data(), static_cast<DWORD>(folded.size()));
-    return m_prefix + L"Volume" + folded + L".Lock";
 }
 
 } // namespace vtbackup

@@ -2,6 +2,7 @@
 // volume at a time whatever the application. Registering and unregistering take the same locks.
 #pragma once
 
+#include "common/backup_locks.h"
 #include "handle.h"
 
 #include <string>
@@ -34,15 +35,6 @@ private:
     Handle m_note;
 };
 
-// Names the locks of one machine: the real one (empty scope), or a simulated one by its directory.
-class LockNames {
-public:
-    explicit LockNames(std::wstring_view scope);
-    [[nodiscard]] std::wstring Application(std::wstring_view id) const;
-    [[nodiscard]] std::wstring Volume(std::wstring_view guid) const;
-
-private:
-    std::wstring m_prefix;
-};
+using toolkit::LockNames;
 
 } // namespace vtbackup

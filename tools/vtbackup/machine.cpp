@@ -19,7 +19,7 @@ std::wstring StateFolder(const std::wstring& simulate)
 } // namespace
 
 Machine::Machine(const std::wstring& simulate, const std::wstring& snapshotCreate, const std::wstring& snapshotDelete)
-    : m_locks(simulate.empty() ? std::wstring() : AbsolutePath(simulate)), m_state(StateFolder(simulate))
+    : m_locks(simulate), m_state(StateFolder(simulate))
 {
     if (!simulate.empty()) {
         m_simulation.emplace(simulate);

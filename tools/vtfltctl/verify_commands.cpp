@@ -1,5 +1,6 @@
 // verify: the lists of volumes whose next backup must verify.
 #include "bitmap_live.h"
+#include "common/backup_locks.h"
 #include "common/volume_name.h"
 #include "library.h"
 #include "machine_json.h"
@@ -7,6 +8,7 @@
 #include "apps/resync_lists.h"
 #include "apps/resync_text.h"
 #include "apps/volume_name.h"
+#include "win/owners.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -133,6 +135,39 @@ std::vector<std::wstring> Waiting(const std::wstring& application)
     return waiting;
 }
 
+// Keeps backups of an application from running: one that began before a mark was set takes it off by its success.
+// Only backups that take this lock are kept, too; what others there are, nobody can tell.
+class BackupPause {
+public:
+    BackupPause(const Context& context, const std::wstring& application)
+    {
+        const std::wstring name = toolkit::LockNames(ToWide(context.simulate)).Application(application);
+        m_mutex.reset(CreateMutexW(nullptr, FALSE, name.c_str()));
+        // Made by another account: the right to wait is enough.
+        if (!m_mutex && GetLastError() == ERROR_ACCESS_DENIED)
+            m_mutex.reset(OpenMutexW(SYNCHRONIZE, FALSE, name.c_str()));
+        if (!m_mutex && GetLastError() == ERROR_ACCESS_DENIED)
+            throw Failure(Exit::Unreadable, fmt::format("whether a backup of {} runs cannot be told: {}",
+                                                        Quoted(application), ErrorText(ERROR_ACCESS_DENIED)));
+        // No object can have this name, so no backup holds one.
+        if (m_mutex && WaitForSingleObject(m_mutex.get(), 0) == WAIT_TIMEOUT)
+            throw Failure(Exit::Busy,
+                          fmt::format("a backup of {} runs, whose success would take the marks off; nothing "
+                                      "was changed for it, run this again when it has ended",
+                                      Quoted(application)));
+    }
+    ~BackupPause()
+    {
+        if (m_mutex)
+            ReleaseMutex(m_mutex.get());
+    }
+    BackupPause(const BackupPause&) = delete;
+    BackupPause& operator=(const BackupPause&) = delete;
+
+private:
+    vtflt::UniqueHandle m_mutex;
+};
+
 Exit Add(const Context& context, const VerifyOptions& options)
 {
     if (options.all == !options.volumes.empty())
@@ -144,6 +179,7 @@ Exit Add(const Context& context, const VerifyOptions& options)
         guids.push_back(vtflt::GetVolumeGuid(bitmap::FindVolumeByName(ToWide(volume)).path));
     const std::wstring suffix = vtflt::MakeVerifyListName(application);
     RequireReadable(ReadVolumeList(suffix), "verify list of " + Quoted(application));
+    const BackupPause pause(context, application);
     if (options.all) {
         RequireDriver();
         Require(VTAddVolumesToAppVerifyList(application.c_str()), "put every volume on the verify list");
@@ -221,6 +257,7 @@ Exit Replicate(const Context& context, const VerifyOptions& options)
                                   Quoted(application)));
     RequireReadableLists(application);
     RequireDriver();
+    const BackupPause pause(context, application);
     const std::vector<std::wstring> waiting = Waiting(application);
     Require(VTReplicateVerifyList(application.c_str()), "replicate the lists");
     if (!waiting.empty() && Waiting(application) == waiting)
@@ -256,6 +293,7 @@ Exit Rebuild(const Context& context)
     vtflt::CVolumeListForResync store;
     std::string text;
     for (const Damaged& lists : damaged) {
+        const BackupPause pause(context, lists.application);
         Require(store.UpdateApplicationValue(volumes, vtflt::MakeVerifyListName(lists.application),
                                              lists.verify ? REPLACE_LIST : MERGE_LIST),
                 "write the verify list of " + Quoted(lists.application));

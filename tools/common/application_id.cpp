@@ -44,13 +44,13 @@ std::string UnsuitableBecause(std::wstring_view id, const std::vector<std::wstri
             continue;
         if (EqualIgnoringCase(other, id))
             return fmt::format("it differs from the registered \"{}\" only in case, so both would use the same files",
-                               ToUtf8(other));
+                               Shown(other));
         if (std::wstring_view(other).ends_with(id))
             return fmt::format("it is the tail of the registered \"{}\", so it would be found in that one's place",
-                               ToUtf8(other));
+                               Shown(other));
         if (id.ends_with(other))
             return fmt::format("it ends in the registered \"{}\", so it would be found in that one's place",
-                               ToUtf8(other));
+                               Shown(other));
     }
     return {};
 }

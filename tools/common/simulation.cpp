@@ -45,7 +45,7 @@ Simulation::Simulation(const std::wstring& folder) : m_calls(std::make_unique<Ca
     Bind(module, "VTFltSimAttachModule", calls.attach);
     Bind(module, "VTFltSimDetach", calls.detach);
     if (const DWORD error = calls.open(folder.c_str(), &calls.machine); error != 0)
-        throw SimulationError(fmt::format("{} holds no simulated machine: {}", ToUtf8(folder), ErrorText(error)), true);
+        throw SimulationError(fmt::format("{} holds no simulated machine: {}", Shown(folder), ErrorText(error)), true);
     const HMODULE library = GetModuleHandleW(L"VTFltMgr.dll");
     DWORD attached = library == nullptr ? ERROR_SUCCESS : calls.attach(calls.machine, library);
     if (attached == ERROR_SUCCESS)

@@ -4,6 +4,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 namespace toolkit {
 
 std::string ToUtf8(std::wstring_view text)
@@ -25,6 +27,18 @@ std::wstring ToWide(std::string_view text)
     std::wstring out(static_cast<std::size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), in, nullptr, 0)), L'\0');
     MultiByteToWideChar(CP_UTF8, 0, text.data(), in, out.data(), static_cast<int>(out.size()));
     return out;
+}
+
+bool IsUnshowable(wchar_t c) noexcept
+{
+    return c < 0x20 || (c >= 0x7F && c < 0xA0) || (c >= 0x2028 && c <= 0x202E) || (c >= 0x2066 && c <= 0x2069);
+}
+
+std::string Shown(std::wstring_view text)
+{
+    std::wstring shown(text);
+    std::replace_if(shown.begin(), shown.end(), IsUnshowable, L'\xFFFD');
+    return ToUtf8(shown);
 }
 
 std::string SystemMessage(std::uint32_t code)

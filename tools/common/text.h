@@ -12,6 +12,12 @@ std::string ToUtf8(std::wstring_view text);
 // Malformed UTF-8 becomes replacement characters: names are then not found, never misread.
 std::wstring ToWide(std::string_view text);
 
+// Whether a terminal would act on the character instead of showing it: control characters, line and paragraph ends, and
+// what turns the direction of writing.
+bool IsUnshowable(wchar_t c) noexcept;
+// ToUtf8 for people: a replacement character stands for each unshowable one. Never to be read back as a name.
+std::string Shown(std::wstring_view text);
+
 // The system's message for an error code, without its line end and full stop; empty when it has none.
 std::string SystemMessage(std::uint32_t code);
 // A system error as "message (error code)".

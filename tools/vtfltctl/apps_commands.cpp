@@ -27,7 +27,7 @@ Exit ListApplications(const Context& context)
     std::string text;
     for (const std::wstring& application : RegisteredApplications()) {
         applications.push_back(ToUtf8(application));
-        text += ToUtf8(application) + "\n";
+        text += Shown(application) + "\n";
     }
     if (text.empty())
         text = "No application is registered.\n";
@@ -104,9 +104,9 @@ std::unique_ptr<VolumeLock> LockForDeleting(const bitmap::VolumeName& volume)
     } catch (const bitmap::ReadError& error) {
         if (error.Code() == WAIT_TIMEOUT)
             throw Failure(Exit::Busy, fmt::format("a backup works on the bitmap files of {}; nothing was changed there",
-                                                  ToUtf8(volume.name)));
+                                                  Shown(volume.name)));
         throw Failure(Exit::Unreadable, fmt::format("cannot lock the bitmap files of {}: {}; nothing was changed there",
-                                                    ToUtf8(volume.name), ErrorText(error.Code())));
+                                                    Shown(volume.name), ErrorText(error.Code())));
     }
 }
 
@@ -166,7 +166,7 @@ void CleanVolume(const bitmap::VolumeName& volume, const std::vector<std::wstrin
     for (const std::wstring& file : files) {
         const DWORD error = DeleteFileW(file.c_str()) ? ERROR_SUCCESS : GetLastError();
         if (error != ERROR_SUCCESS && IsThere(file))
-            throw Failure(Exit::Unreadable, fmt::format("cannot delete {}: {}", ToUtf8(file), ErrorText(error)));
+            throw Failure(Exit::Unreadable, fmt::format("cannot delete {}: {}", Shown(file), ErrorText(error)));
     }
 }
 
@@ -189,7 +189,7 @@ Exit CleanApplication(const Context& context, const CleanOptions& options)
         std::vector<std::wstring> files = FilesOf(volume, application);
         for (const std::wstring& file : files) {
             names.push_back(ToUtf8(file));
-            text += "deleted " + ToUtf8(file) + "\n";
+            text += "deleted " + Shown(file) + "\n";
         }
         if (!files.empty())
             found.push_back({volume, std::move(files)});

@@ -30,7 +30,7 @@ public:
     {
         for (const Opened* file : {&m_first, &m_second}) {
             if (!file->facts.Readable())
-                throw Failure(Exit::Damaged, fmt::format("{} holds no bitmap: {}", ToUtf8(file->path),
+                throw Failure(Exit::Damaged, fmt::format("{} holds no bitmap: {}", Shown(file->path),
                                                          file->facts.flaws.empty()
                                                              ? "it has no room for a block"
                                                              : FlawText(file->facts.flaws.front(), file->facts)));
@@ -57,7 +57,7 @@ public:
     {
         for (const Opened* file : {&m_first, &m_second}) {
             for (const Flaw flaw : file->facts.flaws)
-                Diagnose(fmt::format("{}: {}", ToUtf8(file->path), FlawText(flaw, file->facts)));
+                Diagnose(fmt::format("{}: {}", Shown(file->path), FlawText(flaw, file->facts)));
         }
     }
 

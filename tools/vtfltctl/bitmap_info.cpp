@@ -92,7 +92,7 @@ std::string HeaderText(const Opened& file)
 
 std::string FileText(const Opened& file)
 {
-    std::string text = ToUtf8(file.path) + "\n";
+    std::string text = Shown(file.path) + "\n";
     if (file.bytes == nullptr)
         return text + "  state          missing: the next backup must verify\n";
     text += fmt::format("  what           {}\n", file.Title());

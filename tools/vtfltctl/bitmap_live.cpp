@@ -19,7 +19,7 @@ namespace vtfltctl::bitmap {
 namespace {
 
 using toolkit::ErrorText;
-using toolkit::ToUtf8;
+using toolkit::Shown;
 
 constexpr DWORD LONGEST_PATH = 32768;
 
@@ -197,10 +197,10 @@ Exit ReadErrorExit(const ReadError& error) noexcept
 std::string ReadErrorText(const std::wstring& path, const ReadError& error)
 {
     if (error.Code() == ERROR_SUCCESS)
-        return fmt::format("{} changed while it was read; run the command again", ToUtf8(path));
+        return fmt::format("{} changed while it was read; run the command again", Shown(path));
     if (error.Code() == WAIT_TIMEOUT)
-        return fmt::format("{} cannot be read now: a backup works on the bitmap files of the volume", ToUtf8(path));
-    return fmt::format("cannot read {}: {}", ToUtf8(path), ErrorText(error.Code()));
+        return fmt::format("{} cannot be read now: a backup works on the bitmap files of the volume", Shown(path));
+    return fmt::format("cannot read {}: {}", Shown(path), ErrorText(error.Code()));
 }
 
 VolumeName FindVolumeByName(const std::wstring& name)
@@ -219,14 +219,14 @@ VolumeName FindVolumeByName(const std::wstring& name)
     }
     if (error != ERROR_SUCCESS && (asked || LooksLikeMountPath(name)))
         throw Failure(Exit::Device, fmt::format("cannot find the volume {}: the list of volumes broke off, {}",
-                                                ToUtf8(name), ErrorText(error)));
+                                                Shown(name), ErrorText(error)));
     if (asked)
-        throw Failure(Exit::NotFound, fmt::format("this machine has no volume {}", ToUtf8(*asked)));
+        throw Failure(Exit::NotFound, fmt::format("this machine has no volume {}", Shown(*asked)));
     if (LooksLikeMountPath(name))
-        throw Failure(Exit::NotFound, fmt::format("no volume is mounted at {}", ToUtf8(name)));
+        throw Failure(Exit::NotFound, fmt::format("no volume is mounted at {}", Shown(name)));
     throw Failure(Exit::Usage, fmt::format("\"{}\" names no volume; write {{GUID}}, \\\\?\\Volume{{GUID}}\\ or a path "
                                            "where it is mounted, such as E:",
-                                           ToUtf8(name)));
+                                           Shown(name)));
 }
 
 Geometry QueryGeometry(const VolumeName& volume)
@@ -260,8 +260,8 @@ void WriteWholeFile(const std::wstring& path, const void* bytes, std::size_t cou
         if (error == ERROR_FILE_EXISTS)
             throw Failure(Exit::Refused, fmt::format("{} is there already; repeat the command with --yes to write over "
                                                      "it",
-                                                     ToUtf8(path)));
-        throw Failure(Exit::Unreadable, fmt::format("cannot write {}: {}", ToUtf8(path), ErrorText(error)));
+                                                     Shown(path)));
+        throw Failure(Exit::Unreadable, fmt::format("cannot write {}: {}", Shown(path), ErrorText(error)));
     }
     DWORD written = 0;
     if (WriteFile(file.get(), bytes, static_cast<DWORD>(count), &written, nullptr) && written == count)
@@ -269,7 +269,7 @@ void WriteWholeFile(const std::wstring& path, const void* bytes, std::size_t cou
     const DWORD error = GetLastError();
     file.reset();
     DeleteFileW(path.c_str());
-    throw Failure(Exit::Unreadable, fmt::format("cannot write {}: {}", ToUtf8(path), ErrorText(error)));
+    throw Failure(Exit::Unreadable, fmt::format("cannot write {}: {}", Shown(path), ErrorText(error)));
 }
 
 } // namespace vtfltctl::bitmap

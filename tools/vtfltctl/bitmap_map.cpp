@@ -50,7 +50,7 @@ Exit DrawMap(const Context& context, const MapOptions& options)
     if (!context.json)
         WarnOfFlaws(selection);
     const Caption caption{.title = selection.title,
-                          .source = selection.source,
+                          .source = Shown(ToWide(selection.source)),
                           .geometry = selection.geometry,
                           .heldBlocks = selection.HeldBlocks()};
     const bool colour = !ColourIsUnwanted();
@@ -66,7 +66,7 @@ Exit DrawMap(const Context& context, const MapOptions& options)
         fields["png"] = options.png;
         for (const std::string& line : Summary(grid, caption.geometry))
             text += line + "\n";
-        text += fmt::format("Drawn: {}\n", options.png);
+        text += fmt::format("Drawn: {}\n", Shown(ToWide(options.png)));
     } else if (options.ansi) {
         text = TerminalPicture(grid, caption, colour);
     }

@@ -64,7 +64,7 @@ void LookAt(Opened& opened, const SelectionOptions& options)
                                     : IsDump(opened.name.role) ? BlockSizeBeside(opened)
                                                                : 0;
     else if (!options.blockSize.empty())
-        throw Failure(Exit::Usage, fmt::format("--block-size is for dumps: {} has its own", ToUtf8(opened.path)));
+        throw Failure(Exit::Usage, fmt::format("--block-size is for dumps: {} has its own", Shown(opened.path)));
     if (!options.volumeSize.empty()) {
         opened.geometry.volumeBytes = SizeOption("--volume-size", options.volumeSize);
         if (opened.geometry.volumeBytes > LARGEST_VOLUME)
@@ -258,7 +258,7 @@ SelectedBits::SelectedBits(Selection& selection)
                       fmt::format("there is no bitmap of {} on {}: its next backup of the volume must verify",
                                   Quoted(ToWide(selection.application)), selection.volume));
     if (m_sources.empty())
-        throw Failure(Exit::Damaged, fmt::format("{} holds no bitmap", selection.source));
+        throw Failure(Exit::Damaged, fmt::format("{} holds no bitmap", Shown(ToWide(selection.source))));
     if (m_sources.size() == 2)
         m_sources.push_back(std::make_unique<CombinedBits>(*m_sources[0], *m_sources[1], CombinedBits::Rule::Either));
 }
@@ -289,11 +289,11 @@ void WarnOfFlaws(const Selection& selection)
 {
     for (const Opened& file : selection.files) {
         if (file.bytes == nullptr) {
-            Diagnose(fmt::format("{} is missing: the next backup must verify", ToUtf8(file.path)));
+            Diagnose(fmt::format("{} is missing: the next backup must verify", Shown(file.path)));
             continue;
         }
         for (const Flaw flaw : file.facts.flaws)
-            Diagnose(fmt::format("{}: {}", ToUtf8(file.path), FlawText(flaw, file.facts)));
+            Diagnose(fmt::format("{}: {}", Shown(file.path), FlawText(flaw, file.facts)));
     }
 }
 

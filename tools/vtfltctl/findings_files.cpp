@@ -39,7 +39,7 @@ void CheckTracking(const MachineFacts& machine, const VolumeFacts& volume, std::
              Severity::Unknown,
              {},
              volume.guid,
-             fmt::format("The volume {} cannot be opened: {}.", ToUtf8(volume.guid), ErrorText(volume.openError)),
+             fmt::format("The volume {} cannot be opened: {}.", Shown(volume.guid), ErrorText(volume.openError)),
              "Whether its bitmap files fit is not known, and no application can back it up.",
              {}});
         return;
@@ -52,7 +52,7 @@ void CheckTracking(const MachineFacts& machine, const VolumeFacts& volume, std::
                             Severity::Verify,
                             {},
                             volume.guid,
-                            fmt::format("The driver does not track the volume {}.", ToUtf8(volume.guid)),
+                            fmt::format("The driver does not track the volume {}.", Shown(volume.guid)),
                             "Its next backup must verify, and gets no bitmap until the driver tracks it again.",
                             {}});
     else if (volume.geometry.blockSize == 0 || volume.geometry.volumeBytes == 0)
@@ -61,7 +61,7 @@ void CheckTracking(const MachineFacts& machine, const VolumeFacts& volume, std::
              Severity::Unknown,
              {},
              volume.guid,
-             fmt::format("The volume {} does not tell its length or its tracking block size.", ToUtf8(volume.guid)),
+             fmt::format("The volume {} does not tell its length or its tracking block size.", Shown(volume.guid)),
              "Whether its bitmap files fit is not known.",
              {}});
 }
@@ -82,7 +82,7 @@ void CheckUnusable(const VolumeFacts& volume, const HoldingFacts& holding, const
     const std::string flaws = FlawTexts(*bitmap.file);
     if (bitmap::VerdictOf(*bitmap.file) == Verdict::BlocksAll)
         findings.push_back({"file-cut-short", Severity::Damaged, holding.application, volume.guid,
-                            fmt::format("{} is cut short. {}", ToUtf8(bitmap.path), flaws),
+                            fmt::format("{} is cut short. {}", Shown(bitmap.path), flaws),
                             // Everybody's fetch hands the driver's bits to every child; the base is its owner's alone.
                             &bitmap == &holding.base
                                 ? "Until it is gone, every fetch of the application's changes from this volume fails."
@@ -91,7 +91,7 @@ void CheckUnusable(const VolumeFacts& volume, const HoldingFacts& holding, const
                             Clean(holding.application, volume)});
     else
         findings.push_back({"file-damaged", Severity::Damaged, holding.application, volume.guid,
-                            fmt::format("{} is damaged. {}", ToUtf8(bitmap.path), flaws),
+                            fmt::format("{} is damaged. {}", Shown(bitmap.path), flaws),
                             "The application's next backup of this volume must verify; it then starts a fresh file.",
                             Clean(holding.application, volume)});
 }
@@ -100,7 +100,7 @@ void CheckUsable(const VolumeFacts& volume, const HoldingFacts& holding, const B
                  std::vector<Finding>& findings)
 {
     for (const Flaw flaw : bitmap.misfits) {
-        const std::string text = fmt::format("{}: {}", ToUtf8(bitmap.path), bitmap::FlawText(flaw, *bitmap.file));
+        const std::string text = fmt::format("{}: {}", Shown(bitmap.path), bitmap::FlawText(flaw, *bitmap.file));
         if (flaw == Flaw::BlockSizeDiffers)
             findings.push_back(
                 {"block-size-differs", Severity::Damaged, holding.application, volume.guid,
@@ -125,7 +125,7 @@ void CheckUsable(const VolumeFacts& volume, const HoldingFacts& holding, const B
              Severity::Note,
              holding.application,
              volume.guid,
-             fmt::format("{} is not as the library writes it. {}", ToUtf8(bitmap.path), FlawTexts(*bitmap.file)),
+             fmt::format("{} is not as the library writes it. {}", Shown(bitmap.path), FlawTexts(*bitmap.file)),
              "The library uses it all the same.",
              {}});
 }
@@ -139,7 +139,7 @@ void CheckHolding(const VolumeFacts& volume, const HoldingFacts& holding, std::v
              Severity::Verify,
              holding.application,
              volume.guid,
-             fmt::format("{} has no bitmap files on {}.", Quoted(holding.application), ToUtf8(volume.guid)),
+             fmt::format("{} has no bitmap files on {}.", Quoted(holding.application), Shown(volume.guid)),
              "Its next backup of this volume must verify, and makes new ones.",
              {}});
         return;
@@ -150,7 +150,7 @@ void CheckHolding(const VolumeFacts& volume, const HoldingFacts& holding, std::v
                                 Severity::Verify,
                                 holding.application,
                                 volume.guid,
-                                fmt::format("{} is missing.", ToUtf8(bitmap->path)),
+                                fmt::format("{} is missing.", Shown(bitmap->path)),
                                 "The application's next backup of this volume must verify, and makes a new one.",
                                 {}});
         else if (bitmap->Usable())
@@ -172,7 +172,7 @@ void CheckVerifyList(const MachineFacts& machine, const VolumeFacts& volume, std
                  Severity::Verify,
                  application.id,
                  volume.guid,
-                 fmt::format("The verify list of {} names {}.", Quoted(application.id), ToUtf8(volume.guid)),
+                 fmt::format("The verify list of {} names {}.", Quoted(application.id), Shown(volume.guid)),
                  "Its next backup of this volume must verify, which takes it off the list.",
                  {}});
     }
@@ -186,7 +186,7 @@ void CheckOrphans(const MachineFacts& machine, const VolumeFacts& volume, std::v
                             {},
                             volume.guid,
                             fmt::format("The folder of the bitmap files on {} cannot be listed: {}.",
-                                        ToUtf8(volume.guid), ErrorText(volume.folderError)),
+                                        Shown(volume.guid), ErrorText(volume.folderError)),
                             "Files that belong to nobody are not seen.",
                             {}});
     // Without the list of applications every file would belong to nobody.
@@ -206,7 +206,7 @@ void CheckOrphans(const MachineFacts& machine, const VolumeFacts& volume, std::v
         seen.push_back(owner);
         findings.push_back(
             {"file-orphaned", Severity::Note, owner, volume.guid,
-             fmt::format("{} on {} belongs to {}, which is not registered.", ToUtf8(file), ToUtf8(volume.guid),
+             fmt::format("{} on {} belongs to {}, which is not registered.", Shown(file), Shown(volume.guid),
                          Quoted(owner)),
              "No backup suffers; nothing keeps the files up to date, and registering under the ID starts "
              "them afresh.",

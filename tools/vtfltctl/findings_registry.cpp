@@ -205,7 +205,7 @@ void CheckGuid(const MachineFacts& machine, const NamedList& list, const std::ws
     if (IsOnMachine(machine, guid))
         findings.push_back(
             {"list-entry-odd", Severity::Damaged, list.application, guid,
-             fmt::format("{} writes the volume {} in other case than the system.", list.name, ToUtf8(guid)),
+             fmt::format("{} writes the volume {} in other case than the system.", list.name, Shown(guid)),
              "The library compares exactly, so it marks no volume: the next backup of the volume that "
              "it means can miss changes.",
              ReplaceEntry(machine, list, guid)});
@@ -215,7 +215,7 @@ void CheckGuid(const MachineFacts& machine, const NamedList& list, const std::ws
              Severity::Note,
              list.application,
              guid,
-             fmt::format("{} names the volume {}, which this machine does not have.", list.name, ToUtf8(guid)),
+             fmt::format("{} names the volume {}, which this machine does not have.", list.name, Shown(guid)),
              "No backup suffers; should the volume come back, its next backup must verify. Take it off (verify "
              "remove) only when the volume is gone for good.",
              {}});
@@ -283,7 +283,7 @@ void CheckWaiting(const MachineFacts& machine, const NamedList& list, std::vecto
             list.application.empty() ? "The driver lost track of the volume" : "The application has not yet taken over";
         findings.push_back(
             {list.application.empty() ? "lost-tracking" : "list-pending", Severity::Verify, list.application, *guid,
-             fmt::format("{} names {}. {}.", list.name, ToUtf8(*guid), whose + (list.application.empty() ? "" : " it")),
+             fmt::format("{} names {}. {}.", list.name, Shown(*guid), whose + (list.application.empty() ? "" : " it")),
              "The next backup must verify; an application that does not replicate its list first misses changes. Do not "
              "replicate while a backup of the application runs: its success takes the mark off.",
              list.application.empty() ? ReplicateAny(machine) : Replicate(list.application)});
@@ -353,7 +353,7 @@ void CheckLists(const MachineFacts& machine, std::vector<Finding>& findings)
              Severity::Note,
              {},
              {},
-             fmt::format("The list DeviceListForReSync{} belongs to no registered application.", ToUtf8(suffix)),
+             fmt::format("The list DeviceListForReSync{} belongs to no registered application.", Shown(suffix)),
              "No backup suffers. A verify list that stays behind keeps whoever registers under the ID "
              "again from trusting old backups.",
              {}});

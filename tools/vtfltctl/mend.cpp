@@ -15,17 +15,12 @@ using toolkit::ToWide;
 constexpr std::wstring_view NEVER = L"\"`$%!\x201C\x201D\x201E";
 constexpr std::wstring_view QUOTED = L" '&|<>()[]^;,{}@#*?~=";
 
-bool IsControl(wchar_t c)
-{
-    return c < 0x20 || (c >= 0x7F && c < 0xA0) || c == 0x2028 || c == 0x2029;
-}
-
 // The part of a command line that stands for one argument; nothing when there is no such part.
 std::optional<std::string> ShellArgument(const std::wstring& text)
 {
     std::string shown = ToUtf8(text);
     if (text.empty() || text.back() == L'\\' || text.find_first_of(NEVER) != std::wstring::npos ||
-        std::any_of(text.begin(), text.end(), IsControl) || ToWide(shown) != text)
+        std::any_of(text.begin(), text.end(), toolkit::IsUnshowable) || ToWide(shown) != text)
         return std::nullopt;
     return text.find_first_of(QUOTED) == std::wstring::npos ? shown : '"' + shown + '"';
 }

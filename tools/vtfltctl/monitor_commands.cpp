@@ -54,17 +54,17 @@ SwitchFacts RequireReadable(const std::wstring& key)
     SwitchFacts facts = LookAtSwitch(key);
     if (facts.error != ERROR_SUCCESS)
         throw Failure(Exit::Unreadable,
-                      fmt::format("the count of {} cannot be read: {}", ToUtf8(key), ErrorText(facts.error)));
+                      fmt::format("the count of {} cannot be read: {}", Shown(key), ErrorText(facts.error)));
     const toolkit::RegistryValue filters = toolkit::ReadMultiString(key, L"UpperFilters");
     if (filters.error != ERROR_SUCCESS && filters.error != ERROR_FILE_NOT_FOUND)
         throw Failure(Exit::Unreadable,
-                      fmt::format("the upper filters of {} cannot be read: {}", ToUtf8(key), ErrorText(filters.error)));
+                      fmt::format("the upper filters of {} cannot be read: {}", Shown(key), ErrorText(filters.error)));
     return facts;
 }
 
 std::string SwitchText(const SwitchFacts& facts)
 {
-    return fmt::format("{}: {}, {} among the upper filters\n", ToUtf8(facts.classKey),
+    return fmt::format("{}: {}, {} among the upper filters\n", Shown(facts.classKey),
                        facts.count ? CountText(*facts.count, "request") : "never asked for",
                        facts.listed ? "VTFlt is" : "VTFlt is not");
 }
@@ -80,7 +80,7 @@ Exit ShowChanged(const Context& context, const SwitchFacts& before)
     const SwitchFacts after = LookAtSwitch(before.classKey);
     if (after.error == ERROR_SUCCESS && after.count == before.count)
         throw Failure(Exit::DriverDown, fmt::format("the count of {} did not change: the driver went down meanwhile",
-                                                    ToUtf8(before.classKey)));
+                                                    Shown(before.classKey)));
     return ShowSwitch(context, after);
 }
 
@@ -94,7 +94,7 @@ Exit SwitchOn(const Context& context, const std::wstring& name)
     const std::wstring key = RequireSwitchable(name);
     const SwitchFacts before = RequireReadable(key);
     RequireDriver();
-    Require(VTFltEnableMonitorForSnapshot(key.c_str()), "ask for the tracking of " + ToUtf8(key));
+    Require(VTFltEnableMonitorForSnapshot(key.c_str()), "ask for the tracking of " + Shown(key));
     return ShowChanged(context, before);
 }
 
@@ -104,23 +104,22 @@ Exit SwitchOff(const Context& context, const std::wstring& name)
     const SwitchFacts before = RequireReadable(key);
     // The library would count on below zero.
     if (before.count.value_or(0) == 0)
-        throw Failure(
-            Exit::Refused,
-            fmt::format("nobody asked for the tracking of {}: there is no request to take back", ToUtf8(key)));
+        throw Failure(Exit::Refused,
+                      fmt::format("nobody asked for the tracking of {}: there is no request to take back", Shown(key)));
     if (*before.count > HIGHEST_COUNT)
         throw Failure(
             Exit::Refused,
             fmt::format("more requests for {} were taken back than made (the count stands at {}): there is no "
                         "request to take back",
-                        ToUtf8(key), *before.count));
+                        Shown(key), *before.count));
     RequireYes(context, *before.count == 1
                             ? fmt::format("would take back the last request and remove VTFlt from the upper filters "
                                           "of {}",
-                                          ToUtf8(key))
+                                          Shown(key))
                             : fmt::format("would take back one of the {} requests that applications made for {}",
-                                          *before.count, ToUtf8(key)));
+                                          *before.count, Shown(key)));
     RequireDriver();
-    Require(VTFltDisableMonitorForSnapshot(key.c_str()), "take back the tracking of " + ToUtf8(key));
+    Require(VTFltDisableMonitorForSnapshot(key.c_str()), "take back the tracking of " + Shown(key));
     return ShowChanged(context, before);
 }
 

@@ -43,10 +43,7 @@ std::string CountText(std::uint64_t count, const std::string& noun)
 
 std::string Quoted(std::wstring_view text)
 {
-    std::wstring shown;
-    for (const wchar_t c : text.substr(0, LONGEST_QUOTE))
-        shown += c < 0x20 || c == 0x7F ? L'\xFFFD' : c;
-    std::string quoted = '"' + ToUtf8(shown) + '"';
+    std::string quoted = '"' + Shown(text.substr(0, LONGEST_QUOTE)) + '"';
     if (text.size() > LONGEST_QUOTE)
         quoted += fmt::format(" ... ({} characters)", text.size());
     return quoted;

@@ -22,6 +22,7 @@ using toolkit::Diagnose;
 using toolkit::ErrorText;
 using toolkit::Flush;
 using toolkit::Print;
+using toolkit::Shown;
 using toolkit::ToUtf8;
 using toolkit::ToWide;
 

@@ -13,7 +13,7 @@ std::string DriverText(const DriverFacts& driver)
 {
     std::string filters;
     for (const std::wstring& filter : driver.filters)
-        filters += (filters.empty() ? "" : ", ") + ToUtf8(filter);
+        filters += (filters.empty() ? "" : ", ") + Shown(filter);
     const char* const generation = driver.generation == Generation::Present ? "present generation"
                                    : driver.generation == Generation::Older ? "older generation"
                                                                             : "no answer";
@@ -41,7 +41,7 @@ std::string ListText(const char* name, const ListFacts& list)
         return fmt::format("{} unreadable: {}\n", name, ErrorText(list.error));
     std::string text;
     for (const std::wstring& entry : list.entries)
-        text += " " + ToUtf8(entry);
+        text += " " + Shown(entry);
     return text.empty() ? std::string() : fmt::format("{}{}\n", name, text);
 }
 
@@ -51,13 +51,13 @@ std::string ApplicationsText(const MachineFacts& machine)
         return fmt::format("Applications  unreadable: {}\n", ErrorText(machine.applicationsError));
     std::string names;
     for (const ApplicationFacts& application : machine.applications)
-        names += (names.empty() ? "" : ", ") + ToUtf8(application.id);
+        names += (names.empty() ? "" : ", ") + Shown(application.id);
     return fmt::format("Applications  {}\n", names.empty() ? "none registered" : names);
 }
 
 std::string HoldingText(const MachineFacts& machine, const VolumeFacts& volume, const HoldingFacts& holding)
 {
-    std::string text = fmt::format("  {}: base {}, child {}", ToUtf8(holding.application), FileStateName(holding.base),
+    std::string text = fmt::format("  {}: base {}, child {}", Shown(holding.application), FileStateName(holding.base),
                                    FileStateName(holding.child));
     if (holding.owedBlocks)
         text +=
@@ -73,9 +73,9 @@ std::string VolumeText(const MachineFacts& machine, const VolumeFacts& volume)
 {
     std::string places;
     for (const std::wstring& path : volume.mountPaths)
-        places += " " + ToUtf8(path);
+        places += " " + Shown(path);
     std::string text = fmt::format(
-        "\nVolume {}{}  {}, {}, {}\n", ToUtf8(volume.guid), places,
+        "\nVolume {}{}  {}, {}, {}\n", Shown(volume.guid), places,
         volume.geometry.volumeBytes != 0 ? BytesText(volume.geometry.volumeBytes) : "length unknown",
         volume.geometry.blockSize != 0 ? "blocks of " + BytesText(volume.geometry.blockSize) : "block size unknown",
         volume.monitored ? "monitored" : Coloured("not monitored", Colour::Warning));
@@ -102,10 +102,10 @@ Exit Status(const Context& context)
     Json applications = Json::array();
     std::string lists = ListText("Driver list  ", machine.driverList);
     for (const ApplicationFacts& application : machine.applications) {
-        const std::string id = ToUtf8(application.id);
+        const std::string id = Shown(application.id);
         lists += ListText(fmt::format("Pending list of {}:", id).c_str(), application.pending);
         lists += ListText(fmt::format("Verify list of {}:", id).c_str(), application.verify);
-        applications.push_back({{"application", id},
+        applications.push_back({{"application", ToUtf8(application.id)},
                                 {"verifyList", ListJson(application.verify)},
                                 {"pendingList", ListJson(application.pending)}});
     }

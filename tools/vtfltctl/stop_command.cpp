@@ -69,18 +69,18 @@ Exit StopOne(const Context& context, const std::wstring& name)
     const bitmap::VolumeName volume = bitmap::FindVolumeByName(name);
     RequireYes(context, fmt::format("would end the tracking of {} and delete the bitmap files of every application "
                                     "on it",
-                                    ToUtf8(volume.name)));
+                                    Shown(volume.name)));
     const std::wstring device = vtflt::StripTrailingBackslash(volume.path);
     const DWORD result = VTFltStopMonitorVolume(device.c_str());
     const bool stopped = VTIsDeviceMonitored(device.c_str()) != 0;
     if (!IsMissing(result) || !stopped || HasBitmapFolder(volume.path))
-        Require(result, fmt::format("stop the tracking of {}", ToUtf8(volume.name)));
+        Require(result, fmt::format("stop the tracking of {}", Shown(volume.name)));
     if (HasBitmapFolder(volume.path))
         throw Failure(Exit::Device,
-                      fmt::format("{} is tracked no more, but files are left in {}", ToUtf8(volume.name), FILES_LEFT));
+                      fmt::format("{} is tracked no more, but files are left in {}", Shown(volume.name), FILES_LEFT));
     return Answer(context, Exit::Ok, {{"volumes", ToUtf8(vtflt::GetVolumeGuid(volume.path))}, {"changed", true}},
                   fmt::format("{} is tracked no more and has no bitmap files; every next backup of it must verify.\n",
-                              ToUtf8(volume.name)));
+                              Shown(volume.name)));
 }
 
 Exit Stop(const Context& context, const StopOptions& options)

@@ -53,7 +53,7 @@ std::string Entries(const ListFacts& list)
         return " unreadable: " + ErrorText(list.error) + "\n";
     std::string text;
     for (const std::wstring& entry : list.entries)
-        text += " " + ToUtf8(entry);
+        text += " " + Shown(entry);
     return (text.empty() ? " empty" : text) + "\n";
 }
 
@@ -121,7 +121,7 @@ void RequireEveryVolume(const ListFacts& list)
     for (const std::wstring& guid : FixedVolumes()) {
         if (!IsEntry(list, guid))
             throw Failure(Exit::DriverDown,
-                          fmt::format("{} is not on the verify list: the driver went down meanwhile", ToUtf8(guid)));
+                          fmt::format("{} is not on the verify list: the driver went down meanwhile", Shown(guid)));
     }
 }
 

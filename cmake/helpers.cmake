@@ -14,10 +14,26 @@ function(vt_glob variable)
     set(${variable} "${found}" PARENT_SCOPE)
 endfunction()
 
+# vt_split_debug(<target>): in the release build, moves a program's or DLL's debug information into a file of its own
+# beside it, NAME.debug, which a debugger finds by the link that is left. What is shipped is the small part.
+function(vt_split_debug target)
+    if(NOT WIN32 OR NOT CMAKE_BUILD_TYPE STREQUAL "RelWithDebInfo")
+        return()
+    endif()
+    add_custom_command(TARGET ${target} POST_BUILD
+        COMMAND ${CMAKE_OBJCOPY} --only-keep-debug $<TARGET_FILE_NAME:${target}> $<TARGET_FILE_NAME:${target}>.debug
+        COMMAND ${CMAKE_STRIP} --strip-all $<TARGET_FILE_NAME:${target}>
+        COMMAND ${CMAKE_OBJCOPY} --add-gnu-debuglink=$<TARGET_FILE_NAME:${target}>.debug $<TARGET_FILE_NAME:${target}>
+        WORKING_DIRECTORY "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}"
+        COMMENT "Splitting the debug information off $<TARGET_FILE_NAME:${target}>"
+        VERBATIM)
+endfunction()
+
 # vt_add_program(<name> <source>...): a Windows command-line program with wmain as its entry, so that arguments
 # arrive in UTF-16.
 function(vt_add_program name)
     add_executable(${name} ${ARGN})
     target_link_options(${name} PRIVATE -municode)
     target_link_libraries(${name} PRIVATE project_warnings)
+    vt_split_debug(${name})
 endfunction()

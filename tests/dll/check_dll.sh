@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # The shape of the shipped DLL: its exports are exactly what the public header declares, it needs nothing but
-# Windows, its addresses are randomised, its data cannot be executed, and it carries its version.
-#   check_dll.sh DLL HEADER VERSION OBJDUMP WINDRES
+# Windows, its addresses are randomised, its data cannot be executed, it carries its version, and the one that is
+# shipped is small, with its debug information in a file beside it.
+#   check_dll.sh DLL HEADER VERSION OBJDUMP WINDRES BUILD_TYPE
 set -euo pipefail
 
-dll=$1 header=$2 version=$3 objdump=$4 windres=$5
+dll=$1 header=$2 version=$3 objdump=$4 windres=$5 build_type=$6
 failures=0
 
 fail() {
@@ -48,5 +49,13 @@ numbers=$(sed -n 's/^[[:space:]]*FILEVERSION[[:space:]]*//p' <<<"$resource" | tr
 [ "$numbers" = "$version" ] || fail "the file version is '$numbers', not $version"
 grep -q "\"FileVersion\".*\"$version" <<<"$resource" || fail "no FileVersion text $version"
 
+# --- size, and where the debug information is
+size=$(stat -c %s "$dll")
+if [ "$build_type" = RelWithDebInfo ]; then
+    [ "$size" -lt 1048576 ] || fail "the DLL has $size bytes, not less than 1 MiB"
+    "$objdump" -h "$dll" | grep ' \.gnu_debuglink ' >/dev/null || fail "no link to the debug information"
+    "$objdump" -h "$dll.debug" | grep ' \.debug_info ' >/dev/null || fail "no debug information in $dll.debug"
+fi
+
 [ "$failures" = 0 ] || exit 1
-echo "22 exports; imports: $(tr '\n' ' ' <<<"$imports"); flags 0x$flags; version $version"
+echo "22 exports; imports: $(tr '\n' ' ' <<<"$imports"); flags 0x$flags; version $version; $size bytes"

@@ -1,0 +1,112 @@
+// The soak: applications that back up the volumes of one simulated machine without end, each run a process of its own, some
+// of them ended at any moment. Every backup that came to its end is restored and compared with its snapshot, byte for byte.
+#pragma once
+
+#include "demo/oracle.h"
+#include "vtfltsim/VTFltSim.hpp"
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <random>
+#include <shared_mutex>
+#include <string>
+#include <vector>
+
+namespace vtsoak {
+
+struct Options {
+    double minutes = 10;
+    std::uint64_t kills = 0; // ends when there were so many; 0: when the time is over
+    unsigned seed = 1;
+};
+
+struct Totals {
+    std::atomic<std::uint64_t> kills{0};    // processes that were ended in the middle of their work
+    std::atomic<std::uint64_t> survived{0}; // that were to be ended and were faster
+    std::atomic<std::uint64_t> backups{0};  // that came to their end
+    std::atomic<std::uint64_t> incremental{0};
+    std::atomic<std::uint64_t> restores{0}; // with a comparison
+    std::atomic<std::uint64_t> bytes{0};    // compared
+    std::atomic<std::uint64_t> registrations{0};
+    std::atomic<std::uint64_t> losses{0}; // of tracking
+    std::atomic<std::uint64_t> busy{0};   // somebody else was at work
+    std::atomic<std::uint64_t> writes{0};
+    std::atomic<std::uint64_t> differences{0};
+    std::atomic<std::uint64_t> hangs{0};
+    std::atomic<std::uint64_t> failures{0}; // an exit code that has no reason
+};
+
+inline constexpr std::size_t APPLICATIONS = 3;
+inline constexpr std::size_t VOLUMES = 2;
+
+class Soak {
+public:
+    Soak(std::wstring root, const Options& options);
+    ~Soak();
+    Soak(const Soak&) = delete;
+    Soak& operator=(const Soak&) = delete;
+
+    // Runs until the time is over, or something is wrong. True: nothing was.
+    bool Run();
+    const Totals& Sum() const { return m_totals; }
+
+private:
+    // What an application keeps of a volume.
+    struct Series {
+        std::uint64_t sequence = 0; // the last backup that came to its end; 0: none
+        std::uint64_t since = 0;    // backups since the chain began anew
+        vtdemo::Contents contents;
+    };
+    struct Worker {
+        std::size_t number = 0;
+        std::wstring name;
+        std::mt19937 random;
+        double milliseconds = 400; // what a backup takes, about
+        std::array<Series, VOLUMES> series;
+    };
+    // What became of one run.
+    enum class Ended { Well, Killed, Busy, Badly };
+    struct Outcome {
+        Ended ended = Ended::Badly;
+        std::uint64_t sequence = 0;
+        DWORD snapshot = 0;
+        bool incremental = false;
+    };
+
+    void Prepare();
+    void Work(Worker& worker);
+    void Write(std::size_t volume);
+    void Disturb();
+    void BackUp(Worker& worker, std::size_t volume);
+    void RegisterAnew(Worker& worker);
+    void Restore(Worker& worker, std::size_t volume);
+    // Runs vtbackup, and ends it somewhere when it is a victim.
+    enum class Victim : bool { No, Yes };
+    Outcome RunOnce(Worker& worker, std::vector<std::wstring> arguments, Victim victim);
+    // Runs it until it came to its end; victims first, as the dice fall. False: the soak is over.
+    bool RunThrough(Worker& worker, const std::vector<std::wstring>& arguments, Outcome& outcome);
+    std::shared_lock<std::shared_mutex> WhileNobodyTidies();
+    void RemoveLeftSnapshots();
+    void RemoveBefore(const Worker& worker, std::size_t volume, std::uint64_t sequence);
+    std::vector<std::wstring> Arguments(const wchar_t* command, const Worker& worker,
+                                        std::size_t volume = VOLUMES) const;
+    void Report(const std::string& text);
+    bool GoesOn();
+
+    const std::wstring m_root;
+    const Options m_options;
+    const ULONGLONG m_started;
+    Totals m_totals;
+    std::atomic<bool> m_over{false};
+    std::mutex m_printing;
+    std::shared_mutex m_running; // shared by who has a snapshot; alone: whoever removes those that were left
+    std::atomic<bool> m_tidying{false};
+    VTFLTSIM_MACHINE m_machine = nullptr;
+    std::array<std::wstring, VOLUMES> m_volumes;
+    std::array<Worker, APPLICATIONS> m_workers;
+};
+
+} // namespace vtsoak

@@ -100,7 +100,27 @@ struct Weight {
 constexpr Weight WEIGHTS[] = {{Do::Write, 30},     {Do::Backup, 34},       {Do::Begin, 4},        {Do::Fetch, 4},
                               {Do::Finish, 4},     {Do::Abandon, 1},       {Do::Register, 4},     {Do::Unregister, 3},
                               {Do::MarkAll, 2},    {Do::Unmark, 2},        {Do::Monitor, 3},      {Do::Ask, 3},
-                              {Do::StopVolume, 1}, {Do::StartTracking, 2}, {Do::LoseTracking, 2}, {Do::StopVolumes, 1}};
+                              {Do::StopVolume, 1}, {Do::StartTracking, 2}, {Do::LoseTracking, 2}, {Do::StopVolumes, 1},
+                              {Do::Damage, 2},     {Do::Resize, 1},        {Do::SetBlockSize, 1}};
+
+// Backups behind it need not be as those are of a machine on which nothing goes wrong.
+bool Disturbs(Do what)
+{
+    switch (what) {
+    case Do::StopVolume:
+    case Do::StopVolumes:
+    case Do::LoseTracking:
+    case Do::StartTracking:
+    case Do::MarkAll:
+    case Do::Unregister:
+    case Do::Damage:
+    case Do::Resize:
+    case Do::SetBlockSize:
+        return true;
+    default:
+        return false;
+    }
+}
 
 Operation ChooseOperation(Dice& dice, std::uint32_t application, const std::vector<VolumeShape>& volumes, bool calm)
 {
@@ -117,10 +137,7 @@ Operation ChooseOperation(Dice& dice, std::uint32_t application, const std::vect
         }
         at -= one.weight;
     }
-    const bool disturbs = operation.what == Do::StopVolume || operation.what == Do::StopVolumes ||
-                          operation.what == Do::LoseTracking || operation.what == Do::StartTracking ||
-                          operation.what == Do::MarkAll || operation.what == Do::Unregister;
-    if (calm && disturbs)
+    if (calm && Disturbs(operation.what))
         operation.what = Do::Write;
     operation.application = application;
     operation.volume = dice.Below(static_cast<std::uint32_t>(volumes.size()));
@@ -132,6 +149,14 @@ Operation ChooseOperation(Dice& dice, std::uint32_t application, const std::vect
         operation.b = 1 + dice.Below(8);
     } else if (operation.what == Do::Monitor) {
         operation.a = dice.Below(2);
+    } else if (operation.what == Do::Damage) {
+        operation.application = dice.Below(MOST_PROCESSES);
+        operation.a = dice.Below(2);
+        operation.b = dice.Below(CUT_SHORT); // none that stands in everybody's way
+    } else if (operation.what == Do::Resize) {
+        operation.a = 40 + dice.Below(100);
+    } else if (operation.what == Do::SetBlockSize) {
+        operation.a = 512u << dice.Below(3);
     }
     return operation;
 }

@@ -115,7 +115,7 @@ void Director::RunProcess(Process& process)
 {
     t_process = process.number;
     for (const Operation& operation : m_schedule.processes[process.number]) {
-        process.wrong = m_world.RunAtOnce(operation);
+        process.wrong = m_world.RunAtOnce(static_cast<std::uint32_t>(process.number), operation);
         if (!process.wrong.empty())
             break;
     }

@@ -50,8 +50,8 @@ public:
     // a volume up waits until nobody else does, unless backups share volumes. The watch is the caller's.
     enum class Volumes : bool { Locked, Shared };
     void AtOnce(ExportWatch& watch, Volumes volumes);
-    // One operation of the calling thread's application; as Run.
-    std::string RunAtOnce(const Operation& operation);
+    // One operation, done by an application's process on the calling thread; as Run.
+    std::string RunAtOnce(std::uint32_t application, const Operation& operation);
     // Something that happens to a volume while they run.
     void Happens(const Operation& operation);
     // The application's process has come to its end: what it began is abandoned.

@@ -264,12 +264,12 @@ void World::AtOnce(ExportWatch& watch, Volumes volumes)
     m_sharesVolumes = volumes == Volumes::Shared;
 }
 
-std::string World::RunAtOnce(const Operation& operation)
+std::string World::RunAtOnce(std::uint32_t application, const Operation& operation)
 {
     Tell(ToText(operation));
     std::string wrong = Dispatch(operation);
     if (wrong.empty())
-        wrong = CheckOpen(m_applications[operation.application]);
+        wrong = CheckOpen(m_applications[application]);
     Mix(m_log->Sum());
     return wrong;
 }

@@ -14,7 +14,7 @@ namespace {
 
 constexpr DWORD EXIT_OK = 0;
 constexpr DWORD EXIT_BUSY = 3;
-constexpr DWORD EXIT_REFUSED = 4; // not registered: a run of init was ended in the middle
+constexpr DWORD EXIT_REFUSED = 4; // not registered
 // No process may take longer. It is far beyond what any takes on a machine that is busy with other things.
 constexpr DWORD HANG_MILLISECONDS = 5 * 60 * 1000;
 constexpr std::uint64_t BACKUPS_IN_A_CHAIN = 25;
@@ -179,7 +179,9 @@ Soak::Outcome Soak::RunOnce(Worker& worker, std::vector<std::wstring> arguments,
         outcome.ended = Ended::Busy;
         return outcome;
     }
-    if (answer.exitCode == EXIT_OK) {
+    // An earlier run that was ended had got as far as unregistering.
+    const bool refused = answer.exitCode == EXIT_REFUSED && arguments.back() == L"--undo";
+    if (answer.exitCode == EXIT_OK || refused) {
         m_totals.survived += victim == Victim::Yes ? 1 : 0;
         worker.milliseconds = 0.9 * worker.milliseconds + 0.1 * static_cast<double>(GetTickCount64() - began);
         outcome.ended = Ended::Well;
@@ -208,13 +210,6 @@ bool Soak::RunThrough(Worker& worker, const std::vector<std::wstring>& arguments
     return false;
 }
 
-std::shared_lock<std::shared_mutex> Soak::WhileNobodyTidies()
-{
-    while (m_tidying)
-        Sleep(5);
-    return std::shared_lock(m_running);
-}
-
 void Soak::BackUp(Worker& worker, std::size_t volume)
 {
     Series& series = worker.series[volume];
@@ -224,7 +219,7 @@ void Soak::BackUp(Worker& worker, std::size_t volume)
     if (anew)
         arguments.emplace_back(L"--full");
     {
-        const auto running = WhileNobodyTidies();
+        const SnapshotGate::Inside inside(m_gate);
         Outcome outcome;
         if (!RunThrough(worker, arguments, outcome))
             return;
@@ -240,7 +235,7 @@ void Soak::BackUp(Worker& worker, std::size_t volume)
     Restore(worker, volume);
     // What runs that were ended later have left must not harm what was there before.
     if (Below(worker.random, 4) == 0 && GoesOn()) {
-        const auto running = WhileNobodyTidies();
+        const SnapshotGate::Inside inside(m_gate);
         RunOnce(worker, arguments, Victim::Yes);
     }
     if (Below(worker.random, 4) == 0 && GoesOn())
@@ -317,13 +312,12 @@ void Soak::Write(std::size_t volume)
 // Snapshots that nobody knows any more: their process was ended between taking and noting them.
 void Soak::RemoveLeftSnapshots()
 {
-    m_tidying = true; // who comes next waits, so that the turn comes
-    const std::unique_lock alone(m_running);
-    m_tidying = false;
-    VTFLTSIM_SNAPSHOT_INFO info = {};
-    info.size = sizeof(info);
-    while (VTFltSimEnumSnapshot(m_machine, 0, &info) == 0)
-        vtfltsim::Check("VTFltSimDeleteSnapshot", VTFltSimDeleteSnapshot(m_machine, info.number));
+    m_gate.WhileNobodyIsInside([this] {
+        VTFLTSIM_SNAPSHOT_INFO info = {};
+        info.size = sizeof(info);
+        while (VTFltSimEnumSnapshot(m_machine, 0, &info) == 0)
+            vtfltsim::Check("VTFltSimDeleteSnapshot", VTFltSimDeleteSnapshot(m_machine, info.number));
+    });
 }
 
 // Says how far it is, loses tracking now and then, and tidies up.
@@ -342,7 +336,7 @@ void Soak::Disturb()
                             VTFltSimLoseTracking(m_machine, m_volumes[Below(random, VOLUMES)].c_str()));
             ++m_totals.losses;
         }
-        if (Below(random, 3) == 0)
+        if (Below(random, 2) == 0)
             RemoveLeftSnapshots();
         const double seconds = static_cast<double>(now - m_started) / 1000;
         double left = std::max(0.0, m_options.minutes * 60 - seconds);

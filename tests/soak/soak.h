@@ -7,11 +7,11 @@
 
 #include <array>
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <mutex>
 #include <random>
-#include <shared_mutex>
 #include <string>
 #include <vector>
 
@@ -41,6 +41,47 @@ struct Totals {
 
 inline constexpr std::size_t APPLICATIONS = 3;
 inline constexpr std::size_t VOLUMES = 2;
+
+// Who has a snapshot, or may have one, is inside; whoever removes what was left waits until nobody is.
+class SnapshotGate {
+public:
+    class Inside {
+    public:
+        explicit Inside(SnapshotGate& gate) : m_gate(gate)
+        {
+            std::unique_lock lock(gate.m_mutex);
+            gate.m_changed.wait(lock, [&] { return !gate.m_closed; });
+            ++gate.m_inside;
+        }
+        Inside(const Inside&) = delete;
+        Inside& operator=(const Inside&) = delete;
+        ~Inside()
+        {
+            const std::lock_guard lock(m_gate.m_mutex);
+            --m_gate.m_inside;
+            m_gate.m_changed.notify_all();
+        }
+
+    private:
+        SnapshotGate& m_gate;
+    };
+    template <class Work>
+    void WhileNobodyIsInside(const Work& work)
+    {
+        std::unique_lock lock(m_mutex);
+        m_closed = true;
+        m_changed.wait(lock, [this] { return m_inside == 0; });
+        work();
+        m_closed = false;
+        m_changed.notify_all();
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_closed = false;
+    unsigned m_inside = 0;
+};
 
 class Soak {
 public:
@@ -88,7 +129,6 @@ private:
     Outcome RunOnce(Worker& worker, std::vector<std::wstring> arguments, Victim victim);
     // Runs it until it came to its end; victims first, as the dice fall. False: the soak is over.
     bool RunThrough(Worker& worker, const std::vector<std::wstring>& arguments, Outcome& outcome);
-    std::shared_lock<std::shared_mutex> WhileNobodyTidies();
     void RemoveLeftSnapshots();
     void RemoveBefore(const Worker& worker, std::size_t volume, std::uint64_t sequence);
     std::vector<std::wstring> Arguments(const wchar_t* command, const Worker& worker,
@@ -102,8 +142,7 @@ private:
     Totals m_totals;
     std::atomic<bool> m_over{false};
     std::mutex m_printing;
-    std::shared_mutex m_running; // shared by who has a snapshot; alone: whoever removes those that were left
-    std::atomic<bool> m_tidying{false};
+    SnapshotGate m_gate;
     VTFLTSIM_MACHINE m_machine = nullptr;
     std::array<std::wstring, VOLUMES> m_volumes;
     std::array<Worker, APPLICATIONS> m_workers;

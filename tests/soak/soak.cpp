@@ -112,7 +112,10 @@ bool Soak::Run()
     threads.emplace_back([this] { Disturb(); });
     for (std::thread& thread : threads)
         thread.join();
-    return m_totals.differences + m_totals.hangs + m_totals.failures == 0;
+    if (m_totals.kills == 0 || m_totals.restores == 0)
+        Report("nothing was killed, or nothing restored, in this time");
+    return m_totals.kills != 0 && m_totals.restores != 0 &&
+           m_totals.differences + m_totals.hangs + m_totals.failures == 0;
 }
 
 bool Soak::GoesOn()

@@ -1,5 +1,7 @@
 #include "bitmap/record.h"
 
+#include "bitmap/bits.h"
+
 #include <algorithm>
 #include <cstring>
 #include <new>
@@ -120,10 +122,7 @@ void BitmapRecord::RestoreTrailer() noexcept
 
 void BitmapRecord::Or(const std::uint8_t* bits, std::size_t count) noexcept
 {
-    const std::size_t length = std::min<std::size_t>(count, HeldBitmapBytes());
-    std::uint8_t* const bitmap = Bitmap();
-    for (std::size_t i = 0; i < length; ++i)
-        bitmap[i] |= bits[i];
+    OrBits(Bitmap(), bits, std::min<std::size_t>(count, HeldBitmapBytes()));
 }
 
 void BitmapRecord::Clear() noexcept

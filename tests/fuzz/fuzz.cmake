@@ -22,6 +22,8 @@ set(fuzzed_sources
     src/bitmap/manager.cpp
     src/bitmap/manager_driver.cpp
     src/bitmap/manager_merge.cpp
+    src/bitmap/bits.cpp
+    src/bitmap/bits_avx2.cpp
     src/bitmap/record.cpp
     src/driver/request.cpp
     src/log/breakpoint_block.cpp

@@ -1,7 +1,8 @@
 #include "change_map.h"
 
+#include "bitmap/bits.h"
+
 #include <algorithm>
-#include <bit>
 
 namespace vtbackup {
 
@@ -13,9 +14,9 @@ void ChangeMap::ClearHeader() noexcept
 std::uint64_t ChangeMap::CountBelow(std::uint64_t blocks) const noexcept
 {
     const std::uint64_t limit = std::min(blocks, Bits());
-    std::uint64_t count = 0;
-    for (std::uint64_t i = 0; i < limit / 8; ++i)
-        count += static_cast<std::uint64_t>(std::popcount(m_buffer[HEADER_BYTES + i]));
+    if (limit == 0)
+        return 0;
+    std::uint64_t count = vtflt::CountSetBits(m_buffer.data() + HEADER_BYTES, static_cast<std::size_t>(limit / 8));
     for (std::uint64_t block = limit / 8 * 8; block < limit; ++block)
         count += Test(block) ? 1U : 0U;
     return count;
@@ -24,20 +25,13 @@ std::uint64_t ChangeMap::CountBelow(std::uint64_t blocks) const noexcept
 std::optional<BlockRun> ChangeMap::NextRun(std::uint64_t from, std::uint64_t limit) const noexcept
 {
     limit = std::min(limit, Bits());
-    std::uint64_t block = from;
-    while (block < limit && !Test(block)) {
-        // Whole clear bytes are the common case on a large volume.
-        if (block % 8 == 0 && m_buffer[HEADER_BYTES + block / 8] == 0)
-            block += 8;
-        else
-            ++block;
-    }
-    if (block >= limit)
+    if (from >= limit)
         return std::nullopt;
-    BlockRun run{block, block + 1};
-    while (run.end < limit && Test(run.end))
-        ++run.end;
-    return run;
+    const unsigned char* const bits = m_buffer.data() + HEADER_BYTES;
+    const std::uint64_t first = vtflt::FindSetBit(bits, from, limit);
+    if (first == limit)
+        return std::nullopt;
+    return BlockRun{first, vtflt::FindClearBit(bits, first, limit)};
 }
 
 } // namespace vtbackup

@@ -1,5 +1,7 @@
 #include "bitmap_bits.h"
 
+#include "bitmap/bits.h"
+
 #include <algorithm>
 #include <bit>
 #include <cstring>
@@ -11,6 +13,7 @@ constexpr std::uint64_t WORD_BITS = 64;
 constexpr std::uint64_t ALL_SET = ~std::uint64_t{0};
 constexpr int NOT_CHANGED = 0x00;
 constexpr int CHANGED = 0xFF;
+constexpr std::size_t BUFFER_BYTES = 1024 * 1024;
 
 std::uint64_t FromBigEndian(const std::uint8_t* bytes) noexcept
 {
@@ -114,19 +117,31 @@ void WordReader::Load(std::uint64_t number)
 }
 
 RunReader::RunReader(BitSource& source, std::uint64_t from, std::uint64_t to)
-    : m_to(std::min(to, source.Blocks())), m_words(source, m_to), m_at(std::min(from, m_to))
+    : m_source(source), m_to(std::min(to, source.Blocks())), m_at(std::min(from, m_to))
 {
+}
+
+void RunReader::Load(std::uint64_t byte)
+{
+    const std::uint64_t bytes = (m_to + 7) / 8;
+    m_buffer.resize(static_cast<std::size_t>(std::min<std::uint64_t>(bytes - byte, BUFFER_BYTES)));
+    m_firstByte = byte;
+    m_source.Read(byte, m_buffer.data(), m_buffer.size());
 }
 
 // The first block from one on that is set, or clear; the range's end when there is none.
 std::uint64_t RunReader::Find(std::uint64_t from, bool set)
 {
-    std::uint64_t ignored = ALL_SET >> (from % WORD_BITS);
-    for (std::uint64_t number = from / WORD_BITS; number < m_words.Words(); ++number) {
-        const std::uint64_t word = (set ? m_words.At(number) : ~m_words.At(number)) & ignored;
-        if (word != 0)
-            return std::min(m_to, number * WORD_BITS + static_cast<std::uint64_t>(std::countl_zero(word)));
-        ignored = ALL_SET;
+    while (from < m_to) {
+        if (from / 8 - m_firstByte >= m_buffer.size())
+            Load(from / 8);
+        const std::uint64_t base = m_firstByte * 8;
+        const std::uint64_t end = std::min<std::uint64_t>(m_to - base, m_buffer.size() * 8);
+        const std::uint64_t found = set ? vtflt::FindSetBit(m_buffer.data(), from - base, end)
+                                        : vtflt::FindClearBit(m_buffer.data(), from - base, end);
+        from = base + found;
+        if (found != end)
+            return from;
     }
     return m_to;
 }

@@ -117,10 +117,13 @@ public:
 
 private:
     std::uint64_t Find(std::uint64_t from, bool set);
+    void Load(std::uint64_t byte);
 
+    BitSource& m_source;
     std::uint64_t m_to;
-    WordReader m_words;
     std::uint64_t m_at;
+    std::uint64_t m_firstByte = 0;
+    std::vector<std::uint8_t> m_buffer;
 };
 
 // What a whole bitmap adds up to.

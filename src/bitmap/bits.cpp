@@ -9,8 +9,6 @@ namespace vtflt {
 namespace {
 
 constexpr std::size_t WORD_BYTES = sizeof(std::uint64_t);
-constexpr std::uint8_t ALL_CLEAR = 0x00;
-constexpr std::uint8_t ALL_SET = 0xFF;
 
 std::uint64_t WordAt(const std::uint8_t* bytes) noexcept
 {
@@ -55,24 +53,6 @@ std::size_t FindOtherByteInWords(const std::uint8_t* bytes, std::size_t count, s
 // Looked at once, when the module is loaded.
 const BitOperations& g_operations = ChooseBitOperations(ProcessorHasAvx2());
 
-// The first block from one on that differs; the whole bytes between are skipped at the memory's speed.
-std::uint64_t FindOther(const std::uint8_t* bits, std::uint64_t from, std::uint64_t end, std::uint8_t than) noexcept
-{
-    if (from >= end)
-        return end;
-    std::uint64_t byte = from / 8;
-    auto other = static_cast<std::uint8_t>((bits[byte] ^ than) & (ALL_SET >> from % 8));
-    if (other == 0) {
-        const std::uint64_t bytes = (end + 7) / 8;
-        ++byte;
-        byte += g_operations.findOtherByte(bits + byte, static_cast<std::size_t>(bytes - byte), than);
-        if (byte == bytes)
-            return end;
-        other = static_cast<std::uint8_t>(bits[byte] ^ than);
-    }
-    return std::min(end, byte * 8 + static_cast<std::uint64_t>(std::countl_zero(other)));
-}
-
 } // namespace
 
 const BitOperations PORTABLE_BIT_OPERATIONS = {OrWords, CountWords, FindOtherByteInWords};
@@ -92,14 +72,34 @@ std::uint64_t CountSetBits(const std::uint8_t* bits, std::size_t count) noexcept
     return g_operations.countSet(bits, count);
 }
 
-std::uint64_t FindSetBit(const std::uint8_t* bits, std::uint64_t from, std::uint64_t end) noexcept
+std::size_t FindOtherByte(const std::uint8_t* bytes, std::size_t count, std::uint8_t than) noexcept
 {
-    return FindOther(bits, from, end, ALL_CLEAR);
+    return g_operations.findOtherByte(bytes, count, than);
 }
 
-std::uint64_t FindClearBit(const std::uint8_t* bits, std::uint64_t from, std::uint64_t end) noexcept
+// The last blocks, fewer than a word has: the bytes that hold them, and clear ones behind.
+std::uint64_t BitCursor::LoadLast() noexcept
 {
-    return FindOther(bits, from, end, ALL_SET);
+    const std::uint64_t first = m_at / 8;
+    const std::uint64_t bytes = (m_end + 7) / 8 - first;
+    const auto shift = static_cast<unsigned>(m_at % 8);
+    std::uint64_t word = 0;
+    // Blocks that begin inside a byte may need one byte more than a word has: that one comes with the next load.
+    for (std::uint64_t i = 0; i < bytes && i < sizeof(word); ++i)
+        word |= std::uint64_t{m_bits[first + i]} << (56 - 8 * i);
+    m_word = word << shift;
+    m_left = static_cast<unsigned>(std::min<std::uint64_t>(m_end - m_at, WORD_BITS - shift));
+    return m_word;
+}
+
+// A word of nothing else is at the cursor, on a byte's start: goes on to the first byte that differs.
+void BitCursor::Skip(std::uint8_t than) noexcept
+{
+    const std::uint64_t byte = m_at / 8;
+    const std::uint64_t whole = m_end / 8 - byte;
+    m_at += 8 * std::uint64_t{FindOtherByte(m_bits + byte, static_cast<std::size_t>(whole), than)};
+    if (m_at < m_end)
+        Load();
 }
 
 } // namespace vtflt

@@ -5,6 +5,7 @@
 // use it, elsewhere plain words. Both give the same bits. Any thread may call them; nothing is kept between calls.
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 
@@ -16,16 +17,82 @@ void OrBits(std::uint8_t* to, const std::uint8_t* from, std::size_t count) noexc
 // How many bits are set in count bytes.
 std::uint64_t CountSetBits(const std::uint8_t* bits, std::size_t count) noexcept;
 
-// The first block from one on, and before an end, that is set, or that is clear; the end when there is none. No byte is
-// read behind the one that holds the last block before the end.
-std::uint64_t FindSetBit(const std::uint8_t* bits, std::uint64_t from, std::uint64_t end) noexcept;
-std::uint64_t FindClearBit(const std::uint8_t* bits, std::uint64_t from, std::uint64_t end) noexcept;
+// The first of count bytes that is not what is given; count when there is none.
+std::size_t FindOtherByte(const std::uint8_t* bytes, std::size_t count, std::uint8_t than) noexcept;
+
+// Walks over the runs of set bits. The bits stay the caller's and are needed as long.
+class BitCursor {
+public:
+    // Looks at the blocks from one on and before an end; no byte is read behind the one that holds the last of them.
+    BitCursor(const std::uint8_t* bits, std::uint64_t from, std::uint64_t end) noexcept
+        : m_bits(bits), m_at(from < end ? from : end), m_end(end)
+    {
+        if (m_at < m_end)
+            Load();
+    }
+
+    // The first set, or clear, block from where the cursor stands, which then stands there; the end when there is none.
+    std::uint64_t FindSet() noexcept { return Find<ALL_CLEAR>(); }
+    std::uint64_t FindClear() noexcept { return Find<ALL_SET>(); }
+
+private:
+    static constexpr std::uint8_t ALL_CLEAR = 0x00;
+    static constexpr std::uint8_t ALL_SET = 0xFF;
+    static constexpr unsigned WORD_BITS = 64;
+
+    template <std::uint8_t Than>
+    std::uint64_t Find() noexcept
+    {
+        constexpr std::uint64_t WANTED = Than == ALL_CLEAR ? 0 : ~std::uint64_t{0};
+        while (m_at < m_end) {
+            const auto alike = static_cast<unsigned>(std::countl_zero(m_word ^ WANTED));
+            if (alike < m_left) {
+                m_word <<= alike;
+                m_left -= alike;
+                m_at += alike;
+                return m_at;
+            }
+            m_at += m_left;
+            if (m_at < m_end && Load() == WANTED && m_left == WORD_BITS)
+                Skip(Than);
+        }
+        return m_end;
+    }
+
+    // The word that begins with the cursor's block, which is the first bit of it.
+    std::uint64_t Load() noexcept
+    {
+        const std::uint64_t byte = m_at / 8;
+        const auto shift = static_cast<unsigned>(m_at % 8);
+        if (m_end - m_at < WORD_BITS)
+            return LoadLast();
+        m_word = BigEndian(m_bits + byte) << shift;
+        m_left = WORD_BITS - shift;
+        return m_word;
+    }
+
+    static std::uint64_t BigEndian(const std::uint8_t* bytes) noexcept
+    {
+        // Compilers make one instruction of it.
+        return std::uint64_t{bytes[0]} << 56 | std::uint64_t{bytes[1]} << 48 | std::uint64_t{bytes[2]} << 40 |
+               std::uint64_t{bytes[3]} << 32 | std::uint64_t{bytes[4]} << 24 | std::uint64_t{bytes[5]} << 16 |
+               std::uint64_t{bytes[6]} << 8 | std::uint64_t{bytes[7]};
+    }
+
+    std::uint64_t LoadLast() noexcept;
+    void Skip(std::uint8_t than) noexcept;
+
+    const std::uint8_t* m_bits;
+    std::uint64_t m_at;
+    std::uint64_t m_end;
+    std::uint64_t m_word = 0; // the blocks from the cursor's on, first block in the highest bit
+    unsigned m_left = 0;      // how many of them are in it
+};
 
 // The same for one kind of processor each: for tests and measurements, which hold one against the other.
 struct BitOperations {
     void (*orBytes)(std::uint8_t* to, const std::uint8_t* from, std::size_t count) noexcept;
     std::uint64_t (*countSet)(const std::uint8_t* bits, std::size_t count) noexcept;
-    // The first of count bytes that is not what is given; count when there is none.
     std::size_t (*findOtherByte)(const std::uint8_t* bytes, std::size_t count, std::uint8_t than) noexcept;
 };
 extern const BitOperations PORTABLE_BIT_OPERATIONS;

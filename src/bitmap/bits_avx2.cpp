@@ -144,29 +144,15 @@ VT_AVX2_INLINE std::uint32_t OthersIn(const std::uint8_t* bytes, __m256i wanted)
     return ~static_cast<std::uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(Load(bytes), wanted)));
 }
 
-VT_AVX2_INLINE bool AreAll(const std::uint8_t* bytes, __m256i wanted) noexcept
-{
-    const __m256i a = _mm256_xor_si256(Load(bytes), wanted);
-    const __m256i b = _mm256_xor_si256(Load(bytes + VECTOR), wanted);
-    const __m256i c = _mm256_xor_si256(Load(bytes + 2 * VECTOR), wanted);
-    const __m256i d = _mm256_xor_si256(Load(bytes + 3 * VECTOR), wanted);
-    return IsZero(_mm256_or_si256(_mm256_or_si256(a, b), _mm256_or_si256(c, d)));
-}
-
 VT_AVX2 std::size_t FindOtherByteAvx2(const std::uint8_t* bytes, std::size_t count, std::uint8_t than) noexcept
 {
     const __m256i wanted = _mm256_set1_epi8(static_cast<char>(than));
     std::size_t i = 0;
-    // Runs are mostly short, so the first vector is looked at alone.
-    for (std::size_t step = VECTOR; i + step <= count; step = i + 4 * VECTOR <= count ? 4 * VECTOR : VECTOR) {
-        if (step == VECTOR || !AreAll(bytes + i, wanted)) {
-            const std::uint32_t others = OthersIn(bytes + i, wanted);
-            if (others != 0)
-                return i + static_cast<std::size_t>(std::countr_zero(others));
-            i += VECTOR;
-        } else {
-            i += step;
-        }
+    for (; i + 2 * VECTOR <= count; i += 2 * VECTOR) {
+        const std::uint64_t others =
+            OthersIn(bytes + i, wanted) | std::uint64_t{OthersIn(bytes + i + VECTOR, wanted)} << VECTOR;
+        if (others != 0)
+            return i + static_cast<std::size_t>(std::countr_zero(others));
     }
     return i + PORTABLE_BIT_OPERATIONS.findOtherByte(bytes + i, count - i, than);
 }

@@ -8,6 +8,7 @@
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
+using vtflt::BitCursor;
 using vtflt::BitOperations;
 
 // The ways that this machine can run.
@@ -137,8 +138,8 @@ void ExpectFound(const Bytes& bytes, std::uint64_t end)
     for (std::uint64_t from = end + 2; from-- > 0;) {
         if (from < end)
             (isSet(from) ? set : clear) = from;
-        ASSERT_EQ(vtflt::FindSetBit(bytes.data(), from, end), set) << from << " of " << end;
-        ASSERT_EQ(vtflt::FindClearBit(bytes.data(), from, end), clear) << from << " of " << end;
+        ASSERT_EQ(BitCursor(bytes.data(), from, end).FindSet(), set) << from << " of " << end;
+        ASSERT_EQ(BitCursor(bytes.data(), from, end).FindClear(), clear) << from << " of " << end;
     }
 }
 
@@ -153,12 +154,36 @@ TEST(Bits, FindsTheNextSetAndTheNextClearBlock)
     }
 }
 
+TEST(Bits, ACursorGoesFromRunToRun)
+{
+    for (const Fill fill : FILLS) {
+        for (unsigned seed = 0; seed < 50; ++seed) {
+            const Bytes bytes = Make(700, fill, seed);
+            const std::uint64_t from = seed;
+            const std::uint64_t end = 5600 - seed * 3;
+            Bytes seen(bytes.size());
+            BitCursor cursor(bytes.data(), from, end);
+            for (std::uint64_t at = cursor.FindSet(); at != end; at = cursor.FindSet()) {
+                const std::uint64_t stop = cursor.FindClear();
+                ASSERT_LT(at, stop);
+                for (; at != stop; ++at)
+                    seen[at / 8] |= static_cast<std::uint8_t>(0x80 >> at % 8);
+            }
+            for (std::uint64_t block = 0; block < 5600; ++block) {
+                const std::uint8_t mask = static_cast<std::uint8_t>(0x80 >> block % 8);
+                const bool expected = block >= from && block < end && (bytes[block / 8] & mask) != 0;
+                ASSERT_EQ((seen[block / 8] & mask) != 0, expected) << block;
+            }
+        }
+    }
+}
+
 TEST(Bits, ABlockBehindTheEndIsNotFound)
 {
     const Bytes bytes{0x00, 0x01};
-    EXPECT_EQ(vtflt::FindSetBit(bytes.data(), 0, 15), 15u);
-    EXPECT_EQ(vtflt::FindSetBit(bytes.data(), 0, 16), 15u);
-    EXPECT_EQ(vtflt::FindSetBit(bytes.data(), 20, 16), 16u);
+    EXPECT_EQ(BitCursor(bytes.data(), 0, 15).FindSet(), 15u);
+    EXPECT_EQ(BitCursor(bytes.data(), 0, 16).FindSet(), 15u);
+    EXPECT_EQ(BitCursor(bytes.data(), 20, 16).FindSet(), 16u);
 }
 
 TEST(Bits, AProcessorWithoutAvx2GetsThePortableWay)

@@ -27,11 +27,11 @@ std::optional<BlockRun> ChangeMap::NextRun(std::uint64_t from, std::uint64_t lim
     limit = std::min(limit, Bits());
     if (from >= limit)
         return std::nullopt;
-    const unsigned char* const bits = m_buffer.data() + HEADER_BYTES;
-    const std::uint64_t first = vtflt::FindSetBit(bits, from, limit);
+    vtflt::BitCursor cursor(m_buffer.data() + HEADER_BYTES, from, limit);
+    const std::uint64_t first = cursor.FindSet();
     if (first == limit)
         return std::nullopt;
-    return BlockRun{first, vtflt::FindClearBit(bits, first, limit)};
+    return BlockRun{first, cursor.FindClear()};
 }
 
 } // namespace vtbackup

@@ -117,42 +117,39 @@ void WordReader::Load(std::uint64_t number)
 }
 
 RunReader::RunReader(BitSource& source, std::uint64_t from, std::uint64_t to)
-    : m_source(source), m_to(std::min(to, source.Blocks())), m_at(std::min(from, m_to))
+    : m_source(source), m_to(std::min(to, source.Blocks())), m_next(std::min(from, m_to))
 {
 }
 
-void RunReader::Load(std::uint64_t byte)
+void RunReader::Load()
 {
-    const std::uint64_t bytes = (m_to + 7) / 8;
-    m_buffer.resize(static_cast<std::size_t>(std::min<std::uint64_t>(bytes - byte, BUFFER_BYTES)));
-    m_firstByte = byte;
-    m_source.Read(byte, m_buffer.data(), m_buffer.size());
+    const std::uint64_t first = m_next / 8;
+    const std::uint64_t bytes = std::min<std::uint64_t>((m_to + 7) / 8 - first, BUFFER_BYTES);
+    m_buffer.resize(static_cast<std::size_t>(bytes));
+    m_source.Read(first, m_buffer.data(), m_buffer.size());
+    m_base = first * 8;
+    const std::uint64_t end = std::min(m_to, m_base + bytes * 8);
+    m_cursor = vtflt::BitCursor(m_buffer.data(), m_next - m_base, end - m_base);
+    m_next = end;
 }
 
-// The first block from one on that is set, or clear; the range's end when there is none.
-std::uint64_t RunReader::Find(std::uint64_t from, bool set)
+// The first block from where the reader stands that is found; the range's end when there is none.
+std::uint64_t RunReader::Find(std::uint64_t (vtflt::BitCursor::*find)())
 {
-    while (from < m_to) {
-        if (from / 8 - m_firstByte >= m_buffer.size())
-            Load(from / 8);
-        const std::uint64_t base = m_firstByte * 8;
-        const std::uint64_t end = std::min<std::uint64_t>(m_to - base, m_buffer.size() * 8);
-        const std::uint64_t found = set ? vtflt::FindSetBit(m_buffer.data(), from - base, end)
-                                        : vtflt::FindClearBit(m_buffer.data(), from - base, end);
-        from = base + found;
-        if (found != end)
-            return from;
+    for (;;) {
+        const std::uint64_t found = m_buffer.empty() ? m_next : m_base + (m_cursor.*find)();
+        if (found != m_next || m_next == m_to)
+            return found;
+        Load();
     }
-    return m_to;
 }
 
 std::optional<Run> RunReader::Next()
 {
-    const std::uint64_t first = Find(m_at, true);
-    m_at = first == m_to ? m_to : Find(first, false);
+    const std::uint64_t first = Find(&vtflt::BitCursor::FindSet);
     if (first == m_to)
         return std::nullopt;
-    return Run{first, m_at - first};
+    return Run{first, Find(&vtflt::BitCursor::FindClear) - first};
 }
 
 void Totals::Add(std::uint64_t word) noexcept

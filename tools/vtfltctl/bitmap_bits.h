@@ -5,6 +5,8 @@
 
 #include "bitmap_file.h"
 
+#include "bitmap/bits.h"
+
 #include <cstdint>
 #include <optional>
 #include <vector>
@@ -112,18 +114,19 @@ public:
     RunReader(BitSource& source, std::uint64_t from, std::uint64_t to);
     explicit RunReader(BitSource& source) : RunReader(source, 0, source.Blocks()) {}
 
-    // Nothing behind the last one. Throws ReadError.
+    // Nothing behind the last one. Throws ReadError, and is of no use then.
     std::optional<Run> Next();
 
 private:
-    std::uint64_t Find(std::uint64_t from, bool set);
-    void Load(std::uint64_t byte);
+    std::uint64_t Find(std::uint64_t (vtflt::BitCursor::*find)());
+    void Load();
 
     BitSource& m_source;
     std::uint64_t m_to;
-    std::uint64_t m_at;
-    std::uint64_t m_firstByte = 0;
+    std::uint64_t m_next; // the first block that is not in the buffer
+    std::uint64_t m_base = 0; // the buffer's first block
     std::vector<std::uint8_t> m_buffer;
+    vtflt::BitCursor m_cursor{nullptr, 0, 0};
 };
 
 // What a whole bitmap adds up to.

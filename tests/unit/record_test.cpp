@@ -78,6 +78,15 @@ TEST(BitmapRecord, OrIsBytewiseAndKeepsWhatWasSet)
     EXPECT_EQ(record->Bitmap()[3], 0x10);
 }
 
+TEST(BitmapRecord, OrTakesEveryByteOfAnOddNumber)
+{
+    const auto record = BitmapRecord::Make(4096, 7);
+    const std::vector<std::uint8_t> bits(5, 0x42);
+    record->Or(bits.data(), bits.size());
+    EXPECT_EQ(record->Bitmap()[4], 0x42);
+    EXPECT_EQ(record->Bitmap()[5], 0x00);
+}
+
 TEST(BitmapRecord, OrBeyondTheBitmapIsDropped)
 {
     const auto record = BitmapRecord::Make(4096, 4);

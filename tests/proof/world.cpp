@@ -255,8 +255,21 @@ std::string World::Run(const Operation& operation)
     return wrong;
 }
 
+namespace {
+
+// The driver puts the volume on its list.
+bool ListsForResync(Do what)
+{
+    return what == Do::LoseTracking || what == Do::StartTracking || what == Do::SetBlockSize || what == Do::Resize;
+}
+
+} // namespace
+
 std::string World::Dispatch(const Operation& operation)
 {
+    // What the driver adds to its list while that is handed out is dropped (Limit.WhatTheDriverAddsToItsList...).
+    if (m_replicating != 0 && ListsForResync(operation.what))
+        return {};
     Application& application = m_applications[operation.application];
     const std::size_t volume = operation.volume;
     const std::wstring& guid = m_volumes[volume].guid;
@@ -291,9 +304,6 @@ std::string World::Dispatch(const Operation& operation)
         return Crash(application);
     }
     case Do::LoseTracking:
-        // What the driver adds to its list while that is handed out is dropped (Limit.WhatTheDriverAddsToItsList...).
-        if (m_replicating != 0)
-            return {};
         Disturb();
         VTFltSimLoseTracking(m_machine->handle(), guid.c_str());
         return {};
@@ -326,8 +336,6 @@ std::string World::Dispatch(const Operation& operation)
         m_machine->SetDriver(VTFLTSIM_DRIVER_WORKING);
         return {};
     case Do::StartTracking:
-        if (m_replicating != 0)
-            return {}; // as above
         Disturb();
         VTFltSimStartTracking(m_machine->handle(), guid.c_str());
         return {};

@@ -251,11 +251,13 @@ Schedule Schedules::Choose(std::uint64_t number)
     }
     const std::uint32_t own = lengths.calls[schedule.first];
     const std::uint32_t all = std::max(1u, lengths.calls[0] + lengths.calls[1]);
-    const auto nth = static_cast<std::uint32_t>(round / 2);
     Dice dice(m_seed ^ number << 20);
     schedule.writes = mayWrite && dice.OneIn(2) ? 1 + dice.Below(all) : 0;
-    if (nth <= own) {
-        schedule.turns[0] = nth;
+    // By turns one change of the turn and two; the one before each of the calls, in an order that is soon everywhere.
+    constexpr std::uint64_t STRIDE = 10'007; // a prime above any number of calls
+    const std::uint64_t nth = (round - 2) / 4;
+    if ((round - 2) / 2 % 2 == 0 && nth < own) {
+        schedule.turns[0] = static_cast<std::uint32_t>(1 + nth * STRIDE % own);
         return schedule;
     }
     schedule.turns[0] = 1 + dice.Below(std::max(1u, own));

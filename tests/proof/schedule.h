@@ -63,7 +63,7 @@ struct ScheduleRun {
 ScheduleRun RunSchedule(const Schedule& schedule, bool tell = false);
 
 // Which of the schedules of a seed. Even numbers are meetings: of each pair of exports, in each state of the machine, first
-// without a change of the turn, then with one before each call, then with two, chosen. Odd ones are mixes.
+// without a change of the turn, then with one (before each call) and with two (chosen) by turns. Odd ones are mixes.
 class Schedules {
 public:
     explicit Schedules(std::uint64_t seed) : m_seed(seed) {}

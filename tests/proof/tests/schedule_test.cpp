@@ -55,7 +55,8 @@ TEST(Meetings, OfAFetchWithWhatWritesBitmapsLoseNothingWhereverTheTurnChanges)
         Schedule schedule = MeetingOf(other, Exported::GetBitmap, 0);
         const ScheduleRun undisturbed = RunSchedule(schedule);
         for (schedule.first = 0; schedule.first < 2; ++schedule.first) {
-            for (std::uint32_t call = 1; call <= undisturbed.calls[schedule.first]; call += SLOWER) {
+            // Not before the first: nothing has happened then.
+            for (std::uint32_t call = 2; call <= undisturbed.calls[schedule.first]; call += SLOWER == 1 ? 1 : 4) {
                 schedule.turns[0] = call;
                 ASSERT_EQ("", RunSchedule(schedule).wrong) << "./dev sim --replay \"" << ToText(schedule) << "\"";
             }

@@ -32,8 +32,8 @@ std::wstring FreshFolder()
 {
     wchar_t temporary[MAX_PATH] = {};
     GetTempPathW(MAX_PATH, temporary);
-    const std::wstring root = std::wstring(temporary) + L"vtsoak-" + std::to_wstring(GetCurrentProcessId());
-    std::filesystem::remove_all(root);
+    const std::wstring root = std::wstring(temporary) + L"vtsoak-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
+                              std::to_wstring(GetTickCount64());
     CreateDirectoryW(root.c_str(), nullptr);
     return root;
 }

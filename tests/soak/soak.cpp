@@ -213,6 +213,16 @@ bool Soak::RunThrough(Worker& worker, const std::vector<std::wstring>& arguments
     return false;
 }
 
+std::string Soak::SnapshotNumbers() const
+{
+    std::string numbers;
+    VTFLTSIM_SNAPSHOT_INFO info = {};
+    info.size = sizeof(info);
+    for (DWORD i = 0; VTFltSimEnumSnapshot(m_machine, i, &info) == 0; ++i)
+        numbers += " " + std::to_string(info.number);
+    return numbers;
+}
+
 void Soak::BackUp(Worker& worker, std::size_t volume)
 {
     Series& series = worker.series[volume];
@@ -228,7 +238,13 @@ void Soak::BackUp(Worker& worker, std::size_t volume)
             return;
         ++m_totals.backups;
         m_totals.incremental += outcome.incremental ? 1 : 0;
-        series.contents = vtdemo::CopySnapshot(m_machine, outcome.snapshot, nullptr);
+        try {
+            series.contents = vtdemo::CopySnapshot(m_machine, outcome.snapshot, nullptr);
+        } catch (const std::exception& error) {
+            throw std::runtime_error("backup " + std::to_string(outcome.sequence) + " of " + Narrow(m_volumes[volume]) +
+                                     ", snapshot " + std::to_string(outcome.snapshot) + ": " + error.what() +
+                                     "; there are" + SnapshotNumbers());
+        }
         vtfltsim::Check("VTFltSimDeleteSnapshot", VTFltSimDeleteSnapshot(m_machine, outcome.snapshot));
         series.sequence = outcome.sequence;
         series.since = anew ? 0 : series.since + 1;

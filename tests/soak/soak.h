@@ -129,6 +129,7 @@ private:
     Outcome RunOnce(Worker& worker, std::vector<std::wstring> arguments, Victim victim);
     // Runs it until it came to its end; victims first, as the dice fall. False: the soak is over.
     bool RunThrough(Worker& worker, const std::vector<std::wstring>& arguments, Outcome& outcome);
+    std::string SnapshotNumbers() const;
     void RemoveLeftSnapshots();
     void RemoveBefore(const Worker& worker, std::size_t volume, std::uint64_t sequence);
     std::vector<std::wstring> Arguments(const wchar_t* command, const Worker& worker,

@@ -1,6 +1,8 @@
 """Makes tables and pictures for docs/performance.md from the results of core_bench.
 
-    report.py RESULT.json TABLE.md PICTURE-FOLDER
+    report.py RAW.json RESULT.json TABLE.md PICTURE-FOLDER
+
+RESULT.json is what is kept of RAW.json: what was measured on which kind of machine, not whose it was.
 
 For each thing that was measured the best of its repetitions counts: whatever disturbs a run makes it slower, never
 faster. The rivals ran in turns with the library, so a ratio is of one run on one machine.
@@ -26,13 +28,25 @@ SIZES = {32: "32 KiB", 64: "64 KiB", 2048: "2 MiB", 4096: "4 MiB", 131072: "128 
 MEMORY_FROM = 131072
 
 
+CONTEXT = ("date", "num_cpus", "mhz_per_cpu", "caches")
+FIELDS = ("name", "repetition_index", "iterations", "real_time", "time_unit", "bytes_per_second")
+
+
+def keep(raw, path):
+    """Writes what is kept of the raw results, one measurement a line."""
+    entries = [{field: entry[field] for field in FIELDS} for entry in raw["benchmarks"]
+               if entry["run_type"] == "iteration"]
+    context = {field: raw["context"][field] for field in CONTEXT}
+    lines = ",\n".join("  " + json.dumps(entry) for entry in entries)
+    with open(path, "w") as file:
+        file.write('{\n"context": ' + json.dumps(context) + ',\n"benchmarks": [\n' + lines + "\n]\n}\n")
+
+
 def read(path):
     with open(path) as file:
         document = json.load(file)
     groups = collections.defaultdict(dict)
     for entry in document["benchmarks"]:
-        if entry["run_type"] != "iteration":
-            continue
         work, size, what, who = entry["name"].split("/")[:4]
         best = groups[(work, int(size), what)]
         best[who] = max(best.get(who, 0), entry["bytes_per_second"] / 1e9)
@@ -85,7 +99,9 @@ def picture(groups, work, cases, title, path):
 
 
 def main():
-    result, out, pictures = sys.argv[1:4]
+    raw, result, out, pictures = sys.argv[1:5]
+    with open(raw) as file:
+        keep(json.load(file), result)
     context, groups = read(result)
     folder = pathlib.Path(pictures)
     folder.mkdir(parents=True, exist_ok=True)

@@ -5,9 +5,12 @@
 #include "rivals.h"
 
 #include <benchmark/benchmark.h>
+#include <cstdio>
 #include <cstring>
+#include <map>
 #include <roaring/roaring.h>
 #include <string>
+#include <tuple>
 
 namespace {
 
@@ -25,6 +28,16 @@ struct Offsets {
 };
 constexpr Offsets OFFSETS[] = {{0, 0}, {84, 0}, {84, 17}};
 
+// Filling a large one takes longer than working on it, so each is made once.
+Buffer& Prepared(std::size_t size, std::size_t offset, Fill fill, std::uint64_t seed)
+{
+    static std::map<std::tuple<std::size_t, std::size_t, Fill, std::uint64_t>, Buffer> buffers;
+    const auto key = std::make_tuple(size, offset, fill, seed);
+    const auto known = buffers.find(key);
+    return known != buffers.end() ? known->second
+                                  : buffers.emplace(key, Buffer(size, offset, fill, seed)).first->second;
+}
+
 using Or = void (*)(std::uint8_t* to, const std::uint8_t* from, std::size_t count);
 
 void CopyBytes(std::uint8_t* to, const std::uint8_t* from, std::size_t count)
@@ -34,8 +47,8 @@ void CopyBytes(std::uint8_t* to, const std::uint8_t* from, std::size_t count)
 
 void RunOr(benchmark::State& state, Or work, std::size_t size, Offsets offsets, Fill fill)
 {
-    Buffer to(size, offsets.to, Fill::Sparse, 1);
-    const Buffer from(size, offsets.from, fill, 2);
+    Buffer& to = Prepared(size, offsets.to, Fill::Sparse, 1);
+    const Buffer& from = Prepared(size, offsets.from, fill, 2);
     for (auto _ : state) {
         work(to.data(), from.data(), size);
         benchmark::ClobberMemory();
@@ -43,15 +56,20 @@ void RunOr(benchmark::State& state, Or work, std::size_t size, Offsets offsets, 
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(size));
 }
 
-// The same bits as sets of 32-bit numbers: at this density all of its containers are bitsets.
-roaring_bitmap_t* MakeRoaring(const Buffer& buffer)
+// The same bits as a set of 32-bit numbers: at this density all of its containers are bitsets.
+roaring_bitmap_t* PreparedSet(std::size_t size, std::uint64_t seed)
 {
-    roaring_bitmap_t* const set = roaring_bitmap_create();
+    static std::map<std::pair<std::size_t, std::uint64_t>, roaring_bitmap_t*> sets;
+    roaring_bitmap_t*& set = sets[{size, seed}];
+    if (set != nullptr)
+        return set;
+    set = roaring_bitmap_create();
+    const std::uint8_t* const bits = Prepared(size, 0, Fill::Dense, seed).data();
     std::uint32_t numbers[64];
-    for (std::size_t i = 0; i < buffer.size(); i += 8) {
+    for (std::size_t i = 0; i < size; i += 8) {
         std::size_t count = 0;
         for (std::size_t bit = 0; bit < 64; ++bit) {
-            if ((buffer.data()[i + bit / 8] & 0x80 >> bit % 8) != 0)
+            if ((bits[i + bit / 8] & 0x80 >> bit % 8) != 0)
                 numbers[count++] = static_cast<std::uint32_t>(i * 8 + bit);
         }
         roaring_bitmap_add_many(set, count, numbers);
@@ -61,15 +79,13 @@ roaring_bitmap_t* MakeRoaring(const Buffer& buffer)
 
 void RunRoaring(benchmark::State& state, std::size_t size)
 {
-    roaring_bitmap_t* const to = MakeRoaring(Buffer(size, 0, Fill::Dense, 1));
-    roaring_bitmap_t* const from = MakeRoaring(Buffer(size, 0, Fill::Dense, 2));
+    roaring_bitmap_t* const to = PreparedSet(size, 4);
+    const roaring_bitmap_t* const from = PreparedSet(size, 2);
     for (auto _ : state) {
         roaring_bitmap_or_inplace(to, from);
         benchmark::ClobberMemory();
     }
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(size));
-    roaring_bitmap_free(to);
-    roaring_bitmap_free(from);
 }
 
 std::uint64_t WalkLibrary(const std::uint8_t* bits, std::size_t count)
@@ -86,7 +102,7 @@ using Sum = std::uint64_t (*)(const std::uint8_t* bits, std::size_t count);
 
 void RunSum(benchmark::State& state, Sum work, std::size_t size, std::size_t offset, Fill fill)
 {
-    const Buffer bits(size, offset, fill, 3);
+    const Buffer& bits = Prepared(size, offset, fill, 3);
     for (auto _ : state)
         benchmark::DoNotOptimize(work(bits.data(), size));
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(size));
@@ -99,7 +115,7 @@ void ClearBytes(std::uint8_t* to, std::size_t count)
 
 void RunClear(benchmark::State& state, void (*work)(std::uint8_t* to, std::size_t count), std::size_t size)
 {
-    Buffer to(size, 84, Fill::Sparse, 1);
+    Buffer& to = Prepared(size, 84, Fill::Sparse, 1);
     for (auto _ : state) {
         work(to.data(), size);
         benchmark::ClobberMemory();
@@ -119,12 +135,9 @@ void AddOr(std::size_t size)
         const char* who;
         Or work;
     };
-    const Way ways[] = {{"library", vtflt::OrBits},
-                        {"portable", vtflt::PORTABLE_BIT_OPERATIONS.orBytes},
-                        {"avx2", bench::OrAvx2},
-                        {"avx2-unrolled", bench::OrAvx2Unrolled},
-                        {"byte-loop", bench::OrByteLoop},
-                        {"memcpy", CopyBytes}};
+    const Way ways[] = {{"library", vtflt::OrBits},       {"portable", vtflt::PORTABLE_BIT_OPERATIONS.orBytes},
+                        {"avx2", bench::OrAvx2},          {"avx2-unrolled", bench::OrAvx2Unrolled},
+                        {"byte-loop", bench::OrByteLoop}, {"memcpy", CopyBytes}};
     for (const Offsets offsets : OFFSETS) {
         for (const Fill fill : {Fill::Dense, Fill::Sparse, Fill::Clear}) {
             // The largest takes a second to fill, each time: the least favourable offsets only.

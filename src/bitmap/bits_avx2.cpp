@@ -149,8 +149,8 @@ VT_AVX2 std::size_t FindOtherByteAvx2(const std::uint8_t* bytes, std::size_t cou
     const __m256i wanted = _mm256_set1_epi8(static_cast<char>(than));
     std::size_t i = 0;
     for (; i + 2 * VECTOR <= count; i += 2 * VECTOR) {
-        const std::uint64_t others =
-            OthersIn(bytes + i, wanted) | std::uint64_t{OthersIn(bytes + i + VECTOR, wanted)} << VECTOR;
+        const std::uint64_t others = OthersIn(bytes + i, wanted) | std::uint64_t{OthersIn(bytes + i + VECTOR, wanted)}
+                                                                       << VECTOR;
         if (others != 0)
             return i + static_cast<std::size_t>(std::countr_zero(others));
     }

@@ -200,8 +200,7 @@ TEST(Bits, TheWayInUseGivesWhatThePortableOneGives)
     vtflt::PORTABLE_BIT_OPERATIONS.orBytes(expected.data(), from.data(), from.size());
     vtflt::OrBits(to.data(), from.data(), from.size());
     EXPECT_TRUE(to == expected);
-    EXPECT_EQ(vtflt::CountSetBits(to.data(), to.size()),
-              vtflt::PORTABLE_BIT_OPERATIONS.countSet(to.data(), to.size()));
+    EXPECT_EQ(vtflt::CountSetBits(to.data(), to.size()), vtflt::PORTABLE_BIT_OPERATIONS.countSet(to.data(), to.size()));
 }
 
 } // namespace

@@ -123,7 +123,7 @@ private:
 
     BitSource& m_source;
     std::uint64_t m_to;
-    std::uint64_t m_next; // the first block that is not in the buffer
+    std::uint64_t m_next;     // the first block that is not in the buffer
     std::uint64_t m_base = 0; // the buffer's first block
     std::vector<std::uint8_t> m_buffer;
     vtflt::BitCursor m_cursor{nullptr, 0, 0};

@@ -1,0 +1,161 @@
+// The samples as programs: what they leave is the volume, and they read no more than they must.
+#include "support/child.h"
+#include "vtfltsim/VTFltSim.hpp"
+
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+namespace vttest {
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+constexpr DWORD BLOCK = 4096;
+constexpr std::uint64_t BLOCKS = 300;
+constexpr std::uint64_t LENGTH = BLOCKS * BLOCK - 1536; // the last block is a part of one
+
+class Samples : public testing::TestWithParam<const wchar_t*> {
+protected:
+    Samples() : m_volume(m_machine.AddVolume(LENGTH, BLOCK)), m_copy(m_machine.directory() + L".copy") {}
+    ~Samples() override
+    {
+        DeleteFileW(m_copy.c_str());
+        DeleteFileW((m_copy + L".state").c_str());
+    }
+
+    DWORD BackUp() const
+    {
+        return ChildProcess(GetParam(), {m_machine.directory(), m_volume.guid, L"Sample", m_copy}).Join();
+    }
+    void Write(std::uint64_t block, std::uint8_t value) { m_machine.Write(m_volume, block * BLOCK, Bytes(512, value)); }
+
+    Bytes Copy() const
+    {
+        const vtflt::UniqueHandle file(
+            CreateFileW(m_copy.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+        LARGE_INTEGER size = {};
+        EXPECT_TRUE(file.valid() && GetFileSizeEx(file.get(), &size));
+        Bytes bytes(static_cast<std::size_t>(size.QuadPart));
+        DWORD read = 0;
+        EXPECT_TRUE(ReadFile(file.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &read, nullptr));
+        return bytes;
+    }
+    // Changes a block of the copy behind the program's back: whether it is mended says whether the block was read.
+    void Spoil(std::uint64_t block) const
+    {
+        const vtflt::UniqueHandle file(
+            CreateFileW(m_copy.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+        LARGE_INTEGER at = {};
+        at.QuadPart = static_cast<LONGLONG>(block * BLOCK);
+        DWORD written = 0;
+        EXPECT_TRUE(SetFilePointerEx(file.get(), at, nullptr, FILE_BEGIN) &&
+                    WriteFile(file.get(), "spoilt", 6, &written, nullptr));
+    }
+    bool EqualsVolume() const
+    {
+        return Copy() == m_machine.Read(m_volume, 0, static_cast<DWORD>(m_machine.Info(m_volume).length));
+    }
+
+    // A backup that reads everything mends what was spoilt.
+    void ExpectEverythingRead()
+    {
+        Spoil(200);
+        EXPECT_EQ(0u, BackUp());
+        EXPECT_TRUE(EqualsVolume());
+    }
+
+    vtfltsim::SimMachine m_machine;
+    vtfltsim::Volume m_volume;
+    std::wstring m_copy;
+};
+
+TEST_P(Samples, TheFirstBackupIsTheVolume)
+{
+    Write(0, 1);
+    Write(BLOCKS - 1, 2);
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_TRUE(EqualsVolume());
+}
+
+TEST_P(Samples, TheNextOneReadsWhatChangedAndNothingElse)
+{
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_EQ(0u, BackUp()); // the first one's copy of a fresh volume may have been read whole
+    Write(3, 7);
+    Write(BLOCKS - 1, 8);
+    Spoil(200);
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_FALSE(EqualsVolume());
+    Write(200, 0);
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_TRUE(EqualsVolume());
+}
+
+TEST_P(Samples, LostTrackingReadsEverything)
+{
+    EXPECT_EQ(0u, BackUp());
+    ASSERT_EQ(0u, VTFltSimLoseTracking(m_machine.handle(), m_volume.guid.c_str()));
+    Write(5, 9);
+    ExpectEverythingRead();
+}
+
+TEST_P(Samples, AnotherLengthReadsEverything)
+{
+    EXPECT_EQ(0u, BackUp());
+    ASSERT_EQ(0u, VTFltSimResizeVolume(m_machine.handle(), m_volume.guid.c_str(), LENGTH + 3 * BLOCK));
+    ExpectEverythingRead();
+    ASSERT_EQ(0u, VTFltSimResizeVolume(m_machine.handle(), m_volume.guid.c_str(), LENGTH - 3 * BLOCK));
+    ExpectEverythingRead();
+}
+
+TEST_P(Samples, AnotherBlockSizeReadsEverything)
+{
+    EXPECT_EQ(0u, BackUp());
+    ASSERT_EQ(0u, VTFltSimSetBlockSize(m_machine.handle(), m_volume.guid.c_str(), 2 * BLOCK));
+    ExpectEverythingRead();
+}
+
+TEST_P(Samples, WithoutItsStateEverythingIsRead)
+{
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_TRUE(DeleteFileW((m_copy + L".state").c_str()));
+    ExpectEverythingRead();
+}
+
+TEST_P(Samples, ABackupThatFailedForgetsNothing)
+{
+    EXPECT_EQ(0u, BackUp());
+    Write(4, 1);
+    // The copy cannot be opened while somebody holds it.
+    vtflt::UniqueHandle held(
+        CreateFileW(m_copy.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    ASSERT_TRUE(held.valid());
+    EXPECT_EQ(1u, BackUp());
+    held.reset();
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_TRUE(EqualsVolume());
+}
+
+TEST_P(Samples, WithoutTheDriverThereIsNoBackup)
+{
+    ASSERT_EQ(0u, VTFltSimSetDriverState(m_machine.handle(), VTFLTSIM_DRIVER_ABSENT));
+    ASSERT_EQ(0u, VTFltSimSetService(m_machine.handle(), VTFLTSIM_SERVICE_ABSENT)); // or it would be reinstalled
+    EXPECT_EQ(1u, BackUp());
+}
+
+TEST_P(Samples, AMachineThatIsNotThereIsAnError)
+{
+    EXPECT_EQ(1u, ChildProcess(GetParam(), {m_machine.directory() + L".none", m_volume.guid, L"Sample", m_copy}).Join());
+    EXPECT_EQ(2u, ChildProcess(GetParam(), {m_machine.directory()}).Join());
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, Samples, testing::Values(L"backup_loop", L"backup_loop_cpp"),
+                         [](const testing::TestParamInfo<const wchar_t*>& parameter) {
+                             return parameter.index == 0 ? "C" : "Cpp";
+                         });
+
+} // namespace
+
+} // namespace vttest

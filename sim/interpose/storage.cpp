@@ -37,8 +37,10 @@ DWORD FileStore::Open(const std::wstring& path, std::uint64_t length, std::uniqu
         // Where the file system needs to be asked for sparseness; where it does not, this fails and is no loss.
         DWORD bytes = 0;
         DeviceIoControl(file.get(), FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0, &bytes, nullptr);
+        // A volume may be longer than a file of this file system can be (16 TiB is usual). Then the file grows with what
+        // is written; behind its end there are zeros.
         const DWORD code = SetLength(file.get(), length);
-        if (code != 0)
+        if (code != 0 && code != ERROR_INVALID_PARAMETER)
             return code;
     }
     store.reset(new FileStore(std::move(file)));

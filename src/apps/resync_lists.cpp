@@ -13,6 +13,8 @@
 #include <algorithm>
 #include <memory>
 #include <new>
+#include <string_view>
+#include <unordered_set>
 
 namespace vtflt {
 
@@ -214,8 +216,9 @@ DWORD RemoveApplicationVolResyncList(std::wstring appId, const std::vector<std::
             appId.c_str());
         return error;
     }
-    std::erase_if(verifyList, [&volumes](const std::wstring& entry) {
-        if (!Contains(volumes, entry))
+    const std::unordered_set<std::wstring_view> verified(volumes.begin(), volumes.end());
+    std::erase_if(verifyList, [&verified](const std::wstring& entry) {
+        if (!verified.contains(entry))
             return false;
         Log(LOG_DETAIL, ERROR_SUCCESS,
             L"RemoveApplicationVolResyncList::Need to delete this volume from verify volume list");

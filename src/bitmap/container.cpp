@@ -47,6 +47,13 @@ std::unique_ptr<BitmapRecord>& CBitmapContainer::Record(DWORD whichBitmap)
     return whichBitmap != CHILD_BITMAP ? m_pBaseBitmap : m_pChildBitmap;
 }
 
+void CBitmapContainer::ReleaseRecord(DWORD whichBitmap)
+{
+    std::unique_ptr<BitmapRecord> record = std::move(Record(whichBitmap));
+    if (m_pReserve != nullptr)
+        m_pReserve->Keep(std::move(record));
+}
+
 const std::wstring& CBitmapContainer::FileName(DWORD whichBitmap) const
 {
     return whichBitmap != CHILD_BITMAP ? m_strBaseFileName : m_strChildFileName;

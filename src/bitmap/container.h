@@ -9,6 +9,7 @@
 #pragma once
 
 #include "bitmap/record.h"
+#include "bitmap/record_reserve.h"
 #include "win/windows.h"
 
 #include <memory>
@@ -71,6 +72,9 @@ public:
     // volume, which forces a verify just the same. Returns the list's result.
     DWORD AddVolumeToResyncList();
 
+    // Lets go of a record; its file stays.
+    void ReleaseRecord(DWORD whichBitmap);
+
     [[nodiscard]] std::unique_ptr<BitmapRecord>& Record(DWORD whichBitmap);
     [[nodiscard]] const std::wstring& FileName(DWORD whichBitmap) const;
 
@@ -82,6 +86,8 @@ public:
     std::wstring m_strVolume;
     // The caller's, set before every driver operation; never closed here.
     HANDLE m_hVolume = nullptr;
+    // The owner's, for the memory of records that are read; null: none is kept.
+    RecordReserve* m_pReserve = nullptr;
 
 private:
     DWORD MakeFreshRecord(DWORD whichBitmap);

@@ -123,7 +123,8 @@ DWORD CBitmapContainer::ReadRecord(HANDLE file, const std::wstring& fileName, DW
     if (fileSize.QuadPart < static_cast<LONGLONG>(recordSize))
         return readFailed(ERROR_SUCCESS, static_cast<DWORD>(fileSize.QuadPart));
 
-    std::unique_ptr<BitmapRecord> record = BitmapRecord::Allocate(recordSize);
+    std::unique_ptr<BitmapRecord> record =
+        m_pReserve != nullptr ? m_pReserve->Take(recordSize) : BitmapRecord::Allocate(recordSize);
     if (record == nullptr) {
         Log(LOG_ERROR, ERROR_NOT_ENOUGH_MEMORY, L"CBitmapContainer::ReadBitMapFromFile: pFileRecord is NULL !!");
         return ERROR_NOT_ENOUGH_MEMORY;
@@ -140,6 +141,7 @@ DWORD CBitmapContainer::ReadRecord(HANDLE file, const std::wstring& fileName, DW
             fileName.c_str());
         return BM_ERR_VERIFY_REQUIRED;
     }
+    ReleaseRecord(whichBitmap);
     Record(whichBitmap) = std::move(record);
     return ERROR_SUCCESS;
 }

@@ -55,6 +55,7 @@ void CMultiBitmapManager::AddContainer(const std::wstring& appId)
     if (container == nullptr)
         return;
     container->init(m_strVolume, appId);
+    container->m_pReserve = &m_reserve;
     m_mapContainers.emplace(appId, std::move(container));
 }
 
@@ -77,6 +78,7 @@ std::wstring CMultiBitmapManager::MutexName() const
 DWORD CMultiBitmapManager::DeinitBitMapManager()
 {
     m_mapContainers.clear();
+    m_reserve.Drop();
     return ERROR_SUCCESS;
 }
 

@@ -120,6 +120,8 @@ private:
     void DumpSnapshotChanges(const void* bytes, DWORD count);
     void Dump(const wchar_t* nameFormat, const void* bytes, DWORD count);
 
+    // Empty between operations. Before the containers, which use it.
+    RecordReserve m_reserve;
     std::map<std::wstring, std::unique_ptr<CBitmapContainer>> m_mapContainers;
     std::vector<std::wstring> m_vecAppIds;
     std::wstring m_strAppId;

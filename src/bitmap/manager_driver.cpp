@@ -40,7 +40,10 @@ DWORD CMultiBitmapManager::VTDeviceIoControl(HANDLE hVolume, DWORD controlCode, 
         if (container != nullptr)
             container->m_hVolume = hVolume;
     }
-    return Dispatch({hVolume, controlCode, inBuffer, inLength, outBuffer, outLength, pBytesReturned, pOverlapped});
+    const DWORD result =
+        Dispatch({hVolume, controlCode, inBuffer, inLength, outBuffer, outLength, pBytesReturned, pOverlapped});
+    m_reserve.Drop();
+    return result;
 }
 
 DWORD CMultiBitmapManager::Dispatch(const Request& request)

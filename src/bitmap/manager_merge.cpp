@@ -79,6 +79,8 @@ DWORD CMultiBitmapManager::MergeIntoChild(CBitmapContainer& container, DWORD len
     if (current)
         return result;
     error = container.WriteBitMapToFile(CHILD_BITMAP);
+    // Its file has it all: the next application's bitmap can take its place in memory.
+    container.ReleaseRecord(CHILD_BITMAP);
     if (error != ERROR_SUCCESS)
         Log(LOG_ERROR, error,
             L"CMultiBitmapManager::UpdateAllChildBitmap: Failed to save child bitmap of application %s\n",

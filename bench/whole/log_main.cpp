@@ -1,0 +1,222 @@
+// whole_log_bench FILE: what a log message costs, beside the system calls that it demands; the results go into FILE as
+// JSON. It starts itself again as a writer: whole_log_bench --writer|--bare-writer COUNT.
+#include "log_bare.h"
+#include "measure.h"
+
+#include "log/log.h"
+
+#include <fstream>
+#include <vector>
+
+namespace {
+
+using namespace bench;
+
+constexpr wchar_t RING_NAME[] = L"WHOLE_LOG_BENCH.EXE";
+constexpr wchar_t READY_NAME[] = L"Local\\vtflt.bench.ready";
+constexpr wchar_t GO_NAME[] = L"Local\\vtflt.bench.go";
+constexpr double TARGET = 1.15;
+constexpr int MESSAGES = 400;
+constexpr int PAIRS = 15;
+constexpr int WRITERS = 8;
+constexpr int MESSAGES_OF_WRITER = 200;
+constexpr int WRITER_PAIRS = 7;
+
+std::wstring Folder()
+{
+    WCHAR program[MAX_PATH] = {};
+    GetModuleFileNameW(nullptr, program, MAX_PATH);
+    std::wstring folder = program;
+    return folder.substr(0, folder.rfind(L'\\') + 1);
+}
+
+std::wstring BareFile()
+{
+    return Folder() + L"Logs\\bare.Log";
+}
+
+void LogAccepted()
+{
+    vtflt::Log(vtflt::LOG_INFORMATION, 0, L"CMultiBitmapManager::VTDeviceIoControl: SUCCESS::Updated child bitmaps.");
+}
+
+void LogRejected()
+{
+    vtflt::Log(vtflt::LOG_DETAIL, 0, L"CMultiBitmapManager::resetVerifyVolume::Need to delete %s", L"a volume");
+}
+
+template <class Work>
+auto Times(int count, Work work)
+{
+    return [=] {
+        for (int i = 0; i < count; ++i)
+            work();
+    };
+}
+
+// What one message does, as counts.
+Json CountsOf(void (*log)())
+{
+    log();
+    vtfltsim::SimMachine machine;
+    machine.AttachProgram();
+    VTFltSimResetCounts();
+    log();
+    const DWORD allocations = VTFltSimGetCallCount(L"malloc") + VTFltSimGetCallCount(L"calloc") +
+                              VTFltSimGetCallCount(L"realloc") + VTFltSimGetCallCount(L"HeapAlloc") +
+                              VTFltSimGetCallCount(L"LocalAlloc");
+    const std::vector<std::wstring> calls = CallsOf([log] { log(); });
+    machine.Detach();
+    return {{"heap_allocations", allocations}, {"calls", calls.size()}, {"by_function", CountByFunction(calls)}};
+}
+
+Json CountsOfBare(BareLog& bare, void (BareLog::*message)())
+{
+    vtfltsim::SimMachine machine;
+    machine.AttachProgram();
+    const std::vector<std::wstring> calls = CallsOf([&] { (bare.*message)(); });
+    machine.Detach();
+    return {{"calls", calls.size()}, {"by_function", CountByFunction(calls)}};
+}
+
+Json Compare(const char* name, void (*log)(), BareLog& bare, void (BareLog::*message)())
+{
+    const auto library = Times(MESSAGES, log);
+    const auto plain = Times(MESSAGES, [&bare, message] { (bare.*message)(); });
+    library();
+    plain();
+    Json row = {{"messages", MESSAGES}, {"time", ToJson(InTurns(PAIRS, library, plain), TARGET)}};
+    row["counts"] = CountsOf(log);
+    row["bare_counts"] = CountsOfBare(bare, message);
+    std::printf("log %s: %s ms for %d, bare %s ms, ratio %s; %s calls, bare %s; %s allocations\n", name,
+                row["time"]["library_ms"].dump().c_str(), MESSAGES, row["time"]["bare_ms"].dump().c_str(),
+                row["time"]["ratio"].dump().c_str(), row["counts"]["calls"].dump().c_str(),
+                row["bare_counts"]["calls"].dump().c_str(), row["counts"]["heap_allocations"].dump().c_str());
+    std::fflush(stdout);
+    return row;
+}
+
+// --- several processes, one file
+
+vtflt::UniqueHandle StartWriter(const wchar_t* kind)
+{
+    WCHAR program[MAX_PATH] = {};
+    GetModuleFileNameW(nullptr, program, MAX_PATH);
+    std::wstring line = L"\"" + std::wstring(program) + L"\" " + kind;
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof(startup);
+    PROCESS_INFORMATION started = {};
+    Require(CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &started) !=
+                FALSE,
+            "starting a writer");
+    CloseHandle(started.hThread);
+    return vtflt::UniqueHandle(started.hProcess);
+}
+
+// From the moment when all may begin until the last has ended.
+double TimeOfWriters(const wchar_t* kind)
+{
+    const vtflt::UniqueHandle ready(CreateSemaphoreW(nullptr, 0, WRITERS, READY_NAME));
+    const vtflt::UniqueHandle go(CreateEventW(nullptr, TRUE, FALSE, GO_NAME));
+    std::vector<vtflt::UniqueHandle> processes;
+    for (int i = 0; i < WRITERS; ++i)
+        processes.push_back(StartWriter(kind));
+    for (int i = 0; i < WRITERS; ++i)
+        Require(WaitForSingleObject(ready.get(), 60000) == WAIT_OBJECT_0, "a writer that is ready");
+    const double begin = Milliseconds();
+    SetEvent(go.get());
+    for (int i = 0; i < WRITERS; ++i)
+        Require(WaitForSingleObject(ready.get(), 600000) == WAIT_OBJECT_0, "a writer that is done");
+    const double time = Milliseconds() - begin;
+    for (const vtflt::UniqueHandle& process : processes)
+        WaitForSingleObject(process.get(), INFINITE);
+    return time;
+}
+
+void WriteAsOneOfMany(const std::function<void()>& message)
+{
+    const vtflt::UniqueHandle ready(OpenSemaphoreW(SEMAPHORE_ALL_ACCESS, FALSE, READY_NAME));
+    const vtflt::UniqueHandle go(OpenEventW(SYNCHRONIZE, FALSE, GO_NAME));
+    message(); // opens what stays open
+    ReleaseSemaphore(ready.get(), 1, nullptr);
+    WaitForSingleObject(go.get(), INFINITE);
+    for (int i = 0; i < MESSAGES_OF_WRITER; ++i)
+        message();
+    ReleaseSemaphore(ready.get(), 1, nullptr);
+}
+
+Json MeasureWriters()
+{
+    SideBySide times;
+    for (int pair = 0; pair < WRITER_PAIRS; ++pair) {
+        times.library.push_back(TimeOfWriters(L"--writer"));
+        times.bare.push_back(TimeOfWriters(L"--bare-writer"));
+    }
+    Json row = {{"processes", WRITERS},
+                {"messages", WRITERS * MESSAGES_OF_WRITER},
+                {"time", ToJson(times, TARGET)}};
+    std::printf("log of %d processes: %s ms for %d, bare %s ms, ratio %s\n", WRITERS,
+                row["time"]["library_ms"].dump().c_str(), WRITERS * MESSAGES_OF_WRITER,
+                row["time"]["bare_ms"].dump().c_str(), row["time"]["ratio"].dump().c_str());
+    return row;
+}
+
+void RemoveLogs()
+{
+    DeleteFileW((Folder() + L"Logs\\whole_log_bench.exe.Log").c_str());
+    DeleteFileW(BareFile().c_str());
+}
+
+int Measure(const std::string& file)
+{
+    RemoveLogs();
+    Json log;
+    vtflt::StartLog();
+    LogAccepted(); // makes the folder
+    {
+        BareLog bare(BareFile());
+        log["rejected"] = Compare("rejected", LogRejected, bare, &BareLog::Reject);
+        log["accepted"] = Compare("accepted", LogAccepted, bare, &BareLog::Accept);
+        const Viewer viewer(RING_NAME);
+        LogAccepted();
+        bare.ConnectToViewer(RING_NAME);
+        log["with_viewer"] = Compare("with a viewer", LogAccepted, bare, &BareLog::AcceptWithViewer);
+    }
+    vtflt::StopLog();
+    log["eight_processes"] = MeasureWriters();
+    RemoveLogs();
+
+    std::ofstream out(file);
+    out << Json{{"log", log}}.dump(2) << '\n';
+    Require(out.good(), "writing the results");
+    return 0;
+}
+
+int Run(const std::string& argument)
+{
+    if (argument == "--writer") {
+        vtflt::StartLog();
+        WriteAsOneOfMany(LogAccepted);
+        vtflt::StopLog();
+        return 0;
+    }
+    if (argument == "--bare-writer") {
+        BareLog bare(BareFile());
+        WriteAsOneOfMany([&] { bare.Accept(); });
+        return 0;
+    }
+    return Measure(argument);
+}
+
+} // namespace
+
+int wmain(int count, wchar_t** values)
+{
+    try {
+        bench::Require(count == 2, "one argument: the file for the results");
+        return Run(bench::Narrow(values[1]));
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "whole_log_bench: %s\n", error.what());
+        return 1;
+    }
+}

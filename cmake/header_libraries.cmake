@@ -13,4 +13,12 @@ endforeach()
 
 add_library(header_libraries INTERFACE)
 target_include_directories(header_libraries SYSTEM INTERFACE "${header_folder}")
-target_compile_definitions(header_libraries INTERFACE FMT_HEADER_ONLY XXH_INLINE_ALL)
+target_compile_definitions(header_libraries INTERFACE XXH_INLINE_ALL)
+if(WIN32)
+    add_library(fmt_library STATIC "${CMAKE_CURRENT_LIST_DIR}/../tools/fmt/format.cpp")
+    target_include_directories(fmt_library SYSTEM PRIVATE "${header_folder}")
+    target_link_libraries(header_libraries INTERFACE fmt_library)
+else()
+    # Natively a few sources format, each under flags of its own.
+    target_compile_definitions(header_libraries INTERFACE FMT_HEADER_ONLY)
+endif()

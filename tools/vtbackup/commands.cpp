@@ -45,7 +45,7 @@ void SwitchMonitoring(const Machine& machine, const Options& options, bool on)
         return;
     // The library counts the requests: two of these at once would count twice and note it once.
     const std::wstring application = ToWide(options.application);
-    const Lock lock(machine.Locks().Application(application), {application, L"", L"monitoring"},
+    const Lock lock(machine.Locks().Application(application), {application, {}, L"monitoring"},
                     fmt::format("application \"{}\"", options.application));
     if (machine.State().AskedForMonitoring(options.application) == on)
         return;

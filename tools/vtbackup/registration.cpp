@@ -20,7 +20,7 @@ namespace {
 std::vector<Lock> LockEverything(const Machine& machine, const std::wstring& application, const wchar_t* work)
 {
     std::vector<Lock> locks;
-    locks.emplace_back(machine.Locks().Application(application), LockPurpose{application, L"", work},
+    locks.emplace_back(machine.Locks().Application(application), LockPurpose{application, {}, work},
                        fmt::format("application \"{}\"", ToUtf8(application)));
     for (const VolumeName& volume : FixedVolumes())
         locks.emplace_back(machine.Locks().Volume(volume.guid), LockPurpose{application, volume.guid, work},

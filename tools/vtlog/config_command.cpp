@@ -86,7 +86,7 @@ ConfigChange ChangeOf(const Options& options)
     if (options.globalPath)
         change.globalPath = PathOption("--global-path", *options.globalPath);
     if (options.noGlobalPath)
-        change.globalPath = L"";
+        change.globalPath = std::wstring();
     return change;
 }
 

@@ -59,7 +59,7 @@ MachineState ReadMachine(const std::wstring& volumePath)
     std::vector<std::wstring> ids;
     if (read.error == ERROR_SUCCESS)
         vtflt::AppendValueEntries(read.bytes, ids);
-    machine.driver = ReadList(L"");
+    machine.driver = ReadList({});
 
     // As the library does it: a bitmap file is opened under the volume's mutex only, or a backup that replaces it at
     // that moment would fail.

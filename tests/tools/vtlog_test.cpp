@@ -123,7 +123,7 @@ Process::Process(const std::vector<std::wstring>& arguments, const std::vector<s
     PROCESS_INFORMATION process = {};
     if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, CREATE_UNICODE_ENVIRONMENT, environment.data(),
                         nullptr, &startup, &process))
-        throw std::runtime_error("the program could not be started");
+        throw std::runtime_error("the program could not be started, error " + std::to_string(GetLastError()));
     CloseHandle(process.hThread);
     m_process.reset(process.hProcess);
     m_id = process.dwProcessId;

@@ -17,7 +17,7 @@ namespace {
 constexpr DWORD BLOCK = 65536;
 constexpr DWORD GET_BITMAP = 0xB0000002;
 constexpr DWORD REPLICATION_SUCCESS = 0xB0000011;
-constexpr DWORD HEAD_BYTES = 88;   // what a record's reader looks at first
+constexpr DWORD HEAD_BYTES = 88; // what a record's reader looks at first
 constexpr LONG TRAILER_BYTES = 4;
 constexpr std::uint64_t TEBIBYTE = 1ull << 40;
 constexpr std::uint64_t ALLOWANCE = 8ull << 20; // beside the records
@@ -171,9 +171,9 @@ public:
         std::memset(m_buffer.data(), 0, VTFLT_BITMAP_HEADER_BYTES);
         BYTE input = 0;
         DWORD size = 0;
-        RequireZero(VTFltGetBitmap(m_volume.get(), &input, 0, m_buffer.data(), static_cast<DWORD>(m_buffer.size()),
-                                   &size, 0),
-                    "VTFltGetBitmap");
+        RequireZero(
+            VTFltGetBitmap(m_volume.get(), &input, 0, m_buffer.data(), static_cast<DWORD>(m_buffer.size()), &size, 0),
+            "VTFltGetBitmap");
     }
 
     DWORD RecordBytes() const { return (static_cast<DWORD>(m_buffer.size()) + 4187) & ~4095u; }
@@ -262,8 +262,7 @@ void MeasureFetch(Json& results, bool quick)
     Json rows = Json::array();
     for (const Size& size : sizes) {
         vtfltsim::SimMachine machine;
-        const vtfltsim::Volume volume =
-            machine.AddVolume(static_cast<std::uint64_t>(size.tebibytes) * TEBIBYTE, BLOCK);
+        const vtfltsim::Volume volume = machine.AddVolume(static_cast<std::uint64_t>(size.tebibytes) * TEBIBYTE, BLOCK);
         machine.Attach(L"VTFltMgr.dll");
         machine.AttachProgram();
         for (const DWORD code : {GET_BITMAP, REPLICATION_SUCCESS})
@@ -274,12 +273,12 @@ void MeasureFetch(Json& results, bool quick)
             for (; registered < applications; ++registered)
                 RequireZero(VTRegisterApplication(AppId(registered).c_str()), "VTRegisterApplication");
             Json row = MeasureOne(machine, volume, size.tebibytes, applications, size.pairs);
-            std::printf("fetch %2d TiB %2d applications: %s ms, bare %s ms, ratio %s, clustered %s; peak %.1f MiB of %.1f\n",
-                        size.tebibytes, applications, row["time"]["library_ms"].dump().c_str(),
-                        row["time"]["bare_ms"].dump().c_str(), row["time"]["ratio"].dump().c_str(),
-                        row["time_clustered"]["ratio"].dump().c_str(),
-                        row["memory"]["peak_bytes"].get<double>() / 1048576,
-                        row["memory"]["limit_bytes"].get<double>() / 1048576);
+            std::printf(
+                "fetch %2d TiB %2d applications: %s ms, bare %s ms, ratio %s, clustered %s; peak %.1f MiB of %.1f\n",
+                size.tebibytes, applications, row["time"]["library_ms"].dump().c_str(),
+                row["time"]["bare_ms"].dump().c_str(), row["time"]["ratio"].dump().c_str(),
+                row["time_clustered"]["ratio"].dump().c_str(), row["memory"]["peak_bytes"].get<double>() / 1048576,
+                row["memory"]["limit_bytes"].get<double>() / 1048576);
             std::fflush(stdout);
             rows.push_back(std::move(row));
         }

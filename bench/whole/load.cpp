@@ -35,7 +35,8 @@ const T* At(const std::uint8_t* base, DWORD offset)
 Json ImportsOf(HMODULE module)
 {
     const auto* const base = reinterpret_cast<const std::uint8_t*>(module);
-    const auto* const headers = At<IMAGE_NT_HEADERS64>(base, static_cast<DWORD>(At<IMAGE_DOS_HEADER>(base, 0)->e_lfanew));
+    const auto* const headers =
+        At<IMAGE_NT_HEADERS64>(base, static_cast<DWORD>(At<IMAGE_DOS_HEADER>(base, 0)->e_lfanew));
     const IMAGE_DATA_DIRECTORY& directory = headers->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
     Json imports = Json::object();
     for (const auto* entry = At<IMAGE_IMPORT_DESCRIPTOR>(base, directory.VirtualAddress); entry->Name != 0; ++entry) {

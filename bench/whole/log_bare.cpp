@@ -30,8 +30,7 @@ vtflt::UniqueHandle MakeMutex(const std::wstring& name)
 
 vtflt::UniqueHandle MakeMapping(const wchar_t* name, DWORD bytes)
 {
-    vtflt::UniqueHandle mapping(
-        CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, bytes, name));
+    vtflt::UniqueHandle mapping(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, bytes, name));
     Require(mapping.valid(), "making a mapping");
     return mapping;
 }
@@ -55,9 +54,9 @@ Viewer::Viewer(const std::wstring& ringName)
 }
 
 BareLog::BareLog(const std::wstring& path)
-    : m_configuration(MakeMutex({})), m_file(CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE,
-                                                          FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS,
-                                                          FILE_FLAG_SEQUENTIAL_SCAN, nullptr))
+    : m_configuration(MakeMutex({})),
+      m_file(CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                         OPEN_ALWAYS, FILE_FLAG_SEQUENTIAL_SCAN, nullptr))
 {
     Require(m_file.valid(), "opening a file");
     std::wstring name = L"Global\\bench";
@@ -119,8 +118,7 @@ void BareLog::ConnectToViewer(const std::wstring& ringName)
     m_ringMapping = MakeMapping(nullptr, sizeof(vtflt::LogRingBlock));
     m_ringEvent.reset(OpenEventW(EVENT_ALL_ACCESS, FALSE, (vtflt::LOG_RING_EVENT_PREFIX + ringName).c_str()));
     Require(m_ringEvent.valid(), "the ring's event");
-    m_breakpointMutex.reset(
-        OpenMutexW(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, vtflt::LOG_BREAKPOINT_MUTEX_NAME));
+    m_breakpointMutex.reset(OpenMutexW(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, vtflt::LOG_BREAKPOINT_MUTEX_NAME));
     m_breakpointMapping.reset(
         OpenFileMappingW(FILE_MAP_READ | FILE_MAP_WRITE, FALSE, vtflt::LOG_BREAKPOINT_GLOBAL_MAPPING_NAME));
     Require(m_breakpointMutex.valid() && m_breakpointMapping.valid(), "the breakpoints' objects");

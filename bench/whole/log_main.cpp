@@ -152,9 +152,7 @@ Json MeasureWriters()
         times.library.push_back(TimeOfWriters(L"--writer"));
         times.bare.push_back(TimeOfWriters(L"--bare-writer"));
     }
-    Json row = {{"processes", WRITERS},
-                {"messages", WRITERS * MESSAGES_OF_WRITER},
-                {"time", ToJson(times, TARGET)}};
+    Json row = {{"processes", WRITERS}, {"messages", WRITERS * MESSAGES_OF_WRITER}, {"time", ToJson(times, TARGET)}};
     std::printf("log of %d processes: %s ms for %d, bare %s ms, ratio %s\n", WRITERS,
                 row["time"]["library_ms"].dump().c_str(), WRITERS * MESSAGES_OF_WRITER,
                 row["time"]["bare_ms"].dump().c_str(), row["time"]["ratio"].dump().c_str());

@@ -108,13 +108,10 @@ inline Json ToJson(const SideBySide& times, double target)
     const double bare = Median(times.bare);
     const double best = *std::min_element(times.library.begin(), times.library.end()) /
                         *std::min_element(times.bare.begin(), times.bare.end());
-    return {{"library_ms", Rounded(library)},
-            {"bare_ms", Rounded(bare)},
-            {"ratio", Rounded(library / bare)},
-            {"ratio_of_best", Rounded(best)},
-            {"target", target},
-            {"library_runs_ms", Rounded(times.library)},
-            {"bare_runs_ms", Rounded(times.bare)}};
+    return {
+        {"library_ms", Rounded(library)},     {"bare_ms", Rounded(bare)}, {"ratio", Rounded(library / bare)},
+        {"ratio_of_best", Rounded(best)},     {"target", target},         {"library_runs_ms", Rounded(times.library)},
+        {"bare_runs_ms", Rounded(times.bare)}};
 }
 
 // The calls that attached modules made in this work, in order, as the simulator records them.

@@ -9,6 +9,8 @@ target_include_directories(vtfltproof.p0000 PRIVATE "${CMAKE_CURRENT_SOURCE_DIR}
 target_link_libraries(vtfltproof.p0000 PRIVATE VTFltSim.p0000 double_library)
 target_link_options(vtfltproof.p0000 PRIVATE -Wl,-u,main)
 add_dependencies(vtfltproof.p0000 double_host)
+# ./dev sim names it.
+set_target_properties(vtfltproof.p0000 PROPERTIES EXCLUDE_FROM_ALL ON)
 
 vt_add_double_program(proof_tests LINKED ${proof_sources} ${proof_test_sources} ${support_sources})
 vt_add_double_test(double.proof_tests proof_tests)

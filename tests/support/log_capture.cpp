@@ -49,6 +49,8 @@ private:
 } // namespace
 
 #if defined(VT_TEST_LINKED)
+const bool LogCapture::VISIBLE = true;
+
 LogCapture::LogCapture()
 {
     m_previous = vtflt::ExchangeLog(new vtflt::CDBGLog(new CaptureOutput(*this), nullptr));
@@ -59,6 +61,8 @@ LogCapture::~LogCapture()
     delete vtflt::ExchangeLog(static_cast<vtflt::CDBGLog*>(m_previous));
 }
 #else
+const bool LogCapture::VISIBLE = false;
+
 LogCapture::LogCapture() = default;
 LogCapture::~LogCapture() = default;
 #endif

@@ -21,11 +21,7 @@ struct LogRecord {
 
 class LogCapture {
 public:
-#if defined(VT_TEST_LINKED)
-    static constexpr bool VISIBLE = true;
-#else
-    static constexpr bool VISIBLE = false;
-#endif
+    static const bool VISIBLE;
 
     // Takes the process's log over until the end of this object. Everything passes (threshold 4).
     LogCapture();

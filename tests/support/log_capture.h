@@ -30,18 +30,9 @@ public:
     LogCapture& operator=(const LogCapture&) = delete;
 
     // What was logged since the start or the last Clear; empty when not VISIBLE.
-    const std::vector<LogRecord>& Records() const
-    {
-        return m_records;
-    }
-    void Clear()
-    {
-        m_records.clear();
-    }
-    void SetThreshold(DWORD threshold)
-    {
-        m_threshold = threshold;
-    }
+    const std::vector<LogRecord>& Records() const { return m_records; }
+    void Clear() { m_records.clear(); }
+    void SetThreshold(DWORD threshold) { m_threshold = threshold; }
 
     // Exactly this record was logged at least once (line feeds at the end of text are ignored).
     void ExpectLogged(int level, DWORD code, std::wstring text) const;
@@ -53,10 +44,7 @@ public:
 
     // For the output, from any thread.
     void Add(int level, DWORD code, const wchar_t* text);
-    DWORD Threshold() const
-    {
-        return m_threshold;
-    }
+    DWORD Threshold() const { return m_threshold; }
 
 private:
     std::mutex m_mutex;

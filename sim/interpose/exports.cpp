@@ -6,6 +6,7 @@
 #include "interpose/paths.h"
 #include "model/driver.h"
 #include "vtfltsim/VTFltSim.h"
+#include "vtfltsim/VTFltSimForget.h"
 
 #include <algorithm>
 #include <cstring>
@@ -16,6 +17,7 @@ struct VTFltSimMachine {
 };
 
 static_assert(VTFLTSIM_CHUNK == vtfltsim::model::CHUNK);
+static_assert(VTFLTSIM_FORGET_ALL == vtfltsim::model::FORGET_ALL);
 
 namespace {
 
@@ -214,6 +216,16 @@ DWORD WINAPI VTFltSimSetBlockSize(VTFLTSIM_MACHINE machine, LPCWSTR volume, DWOR
 DWORD WINAPI VTFltSimLoseTracking(VTFLTSIM_MACHINE machine, LPCWSTR volume)
 {
     return WithVolume(machine, volume, [](Machine& m, std::uint32_t serial) { return m.LoseTracking(serial); });
+}
+
+DWORD WINAPI VTFltSimForgetWrites(VTFLTSIM_MACHINE machine, LPCWSTR volume, DWORD count)
+{
+    return WithVolume(machine, volume, [&](Machine& m, std::uint32_t serial) {
+        return m.ChangeVolume(serial, [&](model::VolumeRecord& record) {
+            record.forget = count;
+            return true;
+        });
+    });
 }
 
 DWORD WINAPI VTFltSimStartTracking(VTFLTSIM_MACHINE machine, LPCWSTR volume)

@@ -231,6 +231,10 @@ void NoteWrite(const MachineRecord& machine, VolumeRecord& volume, const VolumeM
                std::uint64_t length)
 {
     SetBits(maps.allocated, offset / CHUNK, (offset + length - 1) / CHUNK);
+    if (volume.forget != 0) {
+        volume.forget -= volume.forget == FORGET_ALL ? 0 : 1;
+        return;
+    }
     if (IsTracked(machine, volume))
         SetBits(maps.current, offset / volume.blockSize, (offset + length - 1) / volume.blockSize);
     else

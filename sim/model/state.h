@@ -16,6 +16,7 @@ inline constexpr std::uint32_t MAX_SNAPSHOTS = 128;
 inline constexpr std::uint32_t MAX_FAULTS = 64;
 inline constexpr std::uint32_t MAX_COMMANDS = 64;
 inline constexpr std::uint32_t MOUNT_PATHS_UNITS = 1024;
+inline constexpr std::uint32_t FORGET_ALL = 0xFFFFFFFFu;
 
 enum class DriverState : std::uint32_t { Working = 0, Absent = 1, Older = 2 };
 
@@ -41,6 +42,7 @@ struct VolumeRecord {
     std::uint32_t prepared;    // 1: a snapshot was announced and not yet taken
     Epoch epoch;
     std::uint32_t unseen;      // 1: written while no driver looked, or the driver lost its bits
+    std::uint32_t forget;      // writes that the driver is going to overlook; FORGET_ALL: every one
     std::uint32_t resyncOwed;  // 1: the resync entry is not certain to be written yet
     std::uint32_t switching;   // 1: next is taking the place of the geometry above
     Geometry next;
@@ -100,7 +102,7 @@ struct MachineRecord {
 };
 
 inline constexpr std::uint32_t MACHINE_MAGIC = 0x4D535456; // "VTSM"
-inline constexpr std::uint32_t MACHINE_VERSION = 3;
+inline constexpr std::uint32_t MACHINE_VERSION = 4;
 
 static_assert(std::is_trivially_copyable_v<MachineRecord> && std::is_standard_layout_v<MachineRecord>);
 

@@ -423,6 +423,29 @@ TEST_F(SimInterposeTest, ADriverThatComesBackListsWhatWasWrittenMeanwhile)
     EXPECT_EQ(0x40, m_machine.Bits(quiet)[0]);
 }
 
+TEST_F(SimInterposeTest, AnOverlookedWriteChangesTheContentsAndNothingElse)
+{
+    ASSERT_EQ(0u, VTFltSimForgetWrites(m_machine.handle(), m_volume.guid.c_str(), 1));
+    const HANDLE handle = Open(m_volume.Path());
+    const Snapshot before = m_machine.TakeSnapshot(m_volume);
+    const std::uint8_t byte = 7;
+    DWORD moved = 0;
+    SetFilePointer(handle, 3 * 4096, nullptr, FILE_BEGIN);
+    EXPECT_TRUE(WriteFile(handle, &byte, 1, &moved, nullptr));
+    CloseHandle(handle);
+    EXPECT_EQ(Bytes(1, 7), m_machine.Read(m_volume, 3 * 4096, 1));
+    EXPECT_EQ(Bytes(8, 0), m_machine.Bits(m_volume));
+    std::uint8_t old = 9;
+    EXPECT_EQ(0u, VTFltSimReadSnapshot(m_machine.handle(), before.number, 3 * 4096, &old, 1));
+    EXPECT_EQ(0, old);
+    m_machine.SetDriver(VTFLTSIM_DRIVER_ABSENT);
+    m_machine.SetDriver(VTFLTSIM_DRIVER_WORKING);
+    EXPECT_TRUE(ResyncList().empty());
+    m_machine.TouchBlock(m_volume, 4);
+    EXPECT_EQ(0x08, m_machine.Bits(m_volume)[0]);
+    EXPECT_EQ(87u, VTFltSimForgetWrites(nullptr, m_volume.guid.c_str(), 1));
+}
+
 TEST_F(SimInterposeTest, AStoppedVolumeIsListedWhenItIsTrackedAgain)
 {
     const HANDLE handle = Open(m_volume.Path());

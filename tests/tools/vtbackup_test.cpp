@@ -165,12 +165,18 @@ Result VtBackupTest::Backup(const wchar_t* application, const std::wstring& call
 Result VtBackupTest::BackupWith(const std::wstring& call, const std::function<void(Process&)>& meanwhile,
                                 const std::wstring& moreCalls) const
 {
+    return RunWith(Arguments(L"backup", L"App", &volume), call, meanwhile, moreCalls);
+}
+
+Result VtBackupTest::RunWith(const std::vector<std::wstring>& arguments, const std::wstring& call,
+                             const std::function<void(Process&)>& meanwhile, const std::wstring& moreCalls) const
+{
     static int number = 0;
     const std::wstring name =
         L"vtbackup_test." + std::to_wstring(GetCurrentProcessId()) + L"." + std::to_wstring(++number);
     const HANDLE reached = CreateEventW(nullptr, TRUE, FALSE, (name + L".reached").c_str());
     const HANDLE go = CreateEventW(nullptr, TRUE, FALSE, (name + L".go").c_str());
-    Process process(Arguments(L"backup", L"App", &volume), L"pause|" + call + L"|1|" + name + moreCalls);
+    Process process(arguments, L"pause|" + call + L"|1|" + name + moreCalls);
     const HANDLE either[] = {reached, process.Get()};
     const DWORD waited = WaitForMultipleObjects(2, either, FALSE, INFINITE);
     EXPECT_EQ(WAIT_OBJECT_0, waited) << "the backup never came to this call";

@@ -83,6 +83,9 @@ protected:
     Result Init(const wchar_t* application = L"App") const;
     // Backs up the volume; calls as above.
     Result Backup(const wchar_t* application = L"App", const std::wstring& calls = {}) const;
+    // Runs the program up to a call, does something there, and lets it go on.
+    Result RunWith(const std::vector<std::wstring>& arguments, const std::wstring& call,
+                   const std::function<void(Process&)>& meanwhile, const std::wstring& moreCalls = {}) const;
     // Runs a backup up to a call, does something there, and lets it go on.
     Result BackupWith(const std::wstring& call, const std::function<void(Process&)>& meanwhile,
                       const std::wstring& moreCalls = {}) const;

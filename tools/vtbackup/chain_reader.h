@@ -65,6 +65,11 @@ public:
     ChainReader(const Chain& chain, std::vector<Manifest> path);
 
     [[nodiscard]] const Manifest& Last() const noexcept { return m_path.back(); }
+    // Which backup the block's record is from.
+    [[nodiscard]] std::uint64_t SequenceOf(const ChainBlock& block) const noexcept
+    {
+        return m_path[block.member].sequence;
+    }
     // The next block that has a record. Blocks without one hold zeros.
     std::optional<ChainBlock> Next();
     // Reads a block's contents and checks them. Throws Failure(Damaged).

@@ -23,7 +23,9 @@ constexpr const char* FOOTER = R"(Exit codes:
    8 interrupted    stopped by Ctrl-C; run the command again
    9 device         a volume, a snapshot or a request to the driver failed
   10 not-found      no such repository, chain, backup, machine or volume
-  11 repository     a file could not be read or written)";
+  11 repository     a file could not be read or written
+  12 lost-tracking  the audit found missed changes: no backup was made, the next ones read everything
+  13 not-marked     as 12, but an application may not know that it has to read everything)";
 
 void AddCommon(CLI::App& command, Options& options, bool needsApplication)
 {
@@ -63,6 +65,11 @@ void AddBackup(CLI::App& app, Options& options)
     auto* full = command.add_flag("--full", options.full, "store everything, independent of earlier backups");
     command.add_flag("--verify", options.verify, "read everything, store what differs")->excludes(full);
     command.add_flag("--register", options.registerFirst, "register the application if it is not");
+    command
+        .add_option("--audit", options.audit,
+                    "compare N random blocks that count as unchanged with the repository, before the backup")
+        ->type_name("N")
+        ->check(CLI::PositiveNumber);
     command.add_flag("--keep-snapshot", options.keepSnapshot, "do not delete the snapshot; its device is printed");
     command.add_option("--snapshot-create", options.snapshotCreate,
                        "command that takes a snapshot of %VTBACKUP_VOLUME% and prints its device path");

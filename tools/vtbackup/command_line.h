@@ -26,6 +26,7 @@ struct Options {
     bool verify = false;
     bool registerFirst = false;
     bool keepSnapshot = false;
+    std::uint64_t audit = 0; // 0: none
     // restore
     std::uint64_t backup = 0;
     std::string to;

@@ -1,5 +1,6 @@
 #include "commands.h"
 
+#include "audit_output.h"
 #include "console.h"
 #include "cycle.h"
 #include "machine.h"
@@ -110,17 +111,27 @@ Exit Backup(const Options& options)
     request.full = options.full;
     request.verify = options.verify;
     request.registerFirst = options.registerFirst;
+    request.audit = options.audit;
     request.keepSnapshot = options.keepSnapshot;
-    const BackupResult result = RunBackup(machine, repository, request);
+    BackupResult result;
+    try {
+        result = RunBackup(machine, repository, request);
+    } catch (const LostTracking& loss) {
+        return PrintLoss(loss, options.json);
+    }
     const Manifest& m = result.manifest;
-    const Exit code = result.notReported.empty() ? Exit::Ok : Exit::NotReported;
+    const Exit code = !result.notMarked.empty()     ? Exit::NotMarked
+                      : !result.notReported.empty() ? Exit::NotReported
+                                                    : Exit::Ok;
     if (options.json) {
         json object = {{"result", OutcomeName(code)},
                        {"backup", ToJson(m)},
-                       {"reported", code == Exit::Ok},
+                       {"reported", result.notReported.empty()},
                        {"snapshotChanges", result.snapshotChanges}};
-        if (!result.notReported.empty())
-            object["message"] = result.notReported;
+        if (code != Exit::Ok)
+            object["message"] = code == Exit::NotMarked ? result.notMarked : result.notReported;
+        if (m.audit)
+            object["audit"] = AuditJson(m);
         if (options.keepSnapshot) {
             object["snapshotDevice"] = result.snapshotDevice;
             object["snapshotId"] = result.snapshotId;
@@ -133,10 +144,16 @@ Exit Backup(const Options& options)
             Print(fmt::format("  {}: {}\n", reason.code, reason.text));
         Print(fmt::format("  {} blocks stored, {} zero, {} read of {}\n", m.blocksStored, m.blocksZero,
                           BytesText(m.bytesRead), BytesText(m.geometry.length)));
+        if (m.audit)
+            Print(fmt::format("  audit: {}\n", AuditText(m)));
         if (options.keepSnapshot)
             Print(fmt::format("  snapshot {}\n", result.snapshotDevice));
     }
-    if (code == Exit::NotReported)
+    if (code == Exit::NotMarked)
+        Diagnose(fmt::format("backup {} is stored, but after the loss of tracking that an audit found, not everybody "
+                             "knows of it: {}; do not trust an incremental backup of such an application",
+                             m.sequence, result.notMarked));
+    if (!result.notReported.empty())
         Diagnose(
             fmt::format("backup {} is stored, but its success was not reported: {}", m.sequence, result.notReported));
     return code;
@@ -245,8 +262,16 @@ Exit List(const Options& options)
                 Diagnose(failure.what());
             }
         }
-        list.push_back(
-            {{"application", chain.Application()}, {"volume", ToUtf8(chain.Volume().guid)}, {"backups", backups}});
+        json losses = json::array();
+        for (const std::uint64_t sequence : chain.Losses()) {
+            losses.push_back(ReadLoss(chain, sequence));
+            if (!options.json)
+                Print(fmt::format("  {}\n", LossLine(losses.back())));
+        }
+        list.push_back({{"application", chain.Application()},
+                        {"volume", ToUtf8(chain.Volume().guid)},
+                        {"backups", backups},
+                        {"lostTracking", losses}});
     }
     const Exit code = good ? Exit::Ok : Exit::Damaged;
     if (options.json)

@@ -1,5 +1,6 @@
 #include "cycle.h"
 
+#include "audit.h"
 #include "chain_reader.h"
 #include "change_map.h"
 #include "copy.h"
@@ -7,6 +8,7 @@
 #include "held_snapshot.h"
 #include "interrupt.h"
 #include "library.h"
+#include "lost_tracking.h"
 #include "text.h"
 #include "writer.h"
 
@@ -79,6 +81,7 @@ private:
     void BackUp();
     void FetchChanges(const Volume& volume);
     void SettleGeometry(const Volume& volume, const Volume& snapshot, const BitmapManager& manager);
+    void Audit(const Volume& snapshot);
     void Copy(const Volume& snapshot);
     void HandBackSnapshotChanges(const Volume& snapshot, const BitmapManager& manager);
     void NoteSuccess(bool before);
@@ -135,6 +138,8 @@ BackupResult Cycle::Run()
 
     DeleteLeftSnapshot(m_machine, m_application, m_request.volume);
     m_chain.RemoveUnfinished();
+    // Before this application asks for its own.
+    m_result.notMarked = MarkForEarlierLosses(m_machine, m_chain);
     LookAtChain();
     try {
         BackUp();
@@ -172,6 +177,8 @@ void Cycle::LookAtChain()
         return;
     }
     m_doubts.verify.insert(m_doubts.verify.end(), m_last->next.begin(), m_last->next.end());
+    if (const std::optional<Reason> loss = OpenLoss(m_chain, m_last->sequence))
+        m_doubts.verify.push_back(*loss);
     CompareWithLastSuccess();
 }
 
@@ -230,6 +237,7 @@ void Cycle::BackUp()
 
     FetchChanges(volume);
     SettleGeometry(volume, snapshot, manager);
+    Audit(snapshot);
     Copy(snapshot);
     HandBackSnapshotChanges(snapshot, manager);
     Report(manager);
@@ -292,6 +300,25 @@ void Cycle::SettleGeometry(const Volume& volume, const Volume& snapshot, const B
     if (before.length != geometry.length)
         m_doubts.verify.push_back(
             reason::LengthChanged(fmt::format("from {} to {} bytes", before.length, geometry.length)));
+}
+
+// A bitmap that lies makes a backup that looks good and is not. Compared before anything is copied, a difference costs
+// no backup: none is made, success is not reported, and what the bitmap holds comes again.
+void Cycle::Audit(const Volume& snapshot)
+{
+    if (m_request.audit == 0)
+        return;
+    Manifest& manifest = m_result.manifest;
+    manifest.audit = AuditCounts{m_request.audit, 0, 0};
+    if (m_doubts.Decide() != Kind::Incremental)
+        return; // all of the snapshot is read anyway
+    LossReport loss(m_machine, m_chain, manifest.sequence, manifest.time);
+    const AuditResult audit =
+        AuditCleanBlocks(snapshot, manifest.geometry, m_changes.map, *m_lastReader, m_request.audit,
+                         [&loss](const AuditResult& first) { loss.Found(first); });
+    if (audit.differing > 0)
+        loss.Fail(audit);
+    manifest.audit = audit.counts;
 }
 
 void Cycle::Copy(const Volume& snapshot)

@@ -15,6 +15,7 @@ struct BackupRequest {
     bool full = false;   // read everything into a backup that stands alone
     bool verify = false; // read everything and compare
     bool registerFirst = false;
+    std::uint64_t audit = 0;   // so many blocks that the bitmap calls clean are compared with the chain
     bool keepSnapshot = false; // for a caller that wants to compare; it deletes the snapshot itself
 };
 
@@ -24,9 +25,10 @@ struct BackupResult {
     std::string snapshotId;
     std::string snapshotChanges; // "none", "handed-back", "untracked" or "failed"
     std::string notReported;     // not empty: why success was not reported
+    std::string notMarked;       // not empty: which application may not know of a loss that an earlier audit found
 };
 
-// Throws Failure; then nothing was added to the repository and nothing was forgotten. A result with a
+// Throws Failure (LostTracking when the audit finds a loss); then no backup was made and nothing was forgotten. A result with a
 // notReported text is in the repository, and the changes come again with the next backup.
 BackupResult RunBackup(const Machine& machine, const Repository& repository, const BackupRequest& request);
 

@@ -29,6 +29,10 @@ const char* OutcomeName(Exit code) noexcept
         return "not-found";
     case Exit::Repository:
         return "repository";
+    case Exit::LostTracking:
+        return "lost-tracking";
+    case Exit::NotMarked:
+        return "not-marked";
     }
     return "internal";
 }

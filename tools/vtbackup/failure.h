@@ -20,6 +20,8 @@ enum class Exit : int {
     Device = 9,      // a volume, snapshot or request to the driver failed
     NotFound = 10,   // no such repository, chain, backup, machine or volume
     Repository = 11, // the repository or another file could not be read or written
+    LostTracking = 12, // the audit found missed changes; no backup was made, every application will verify
+    NotMarked = 13,    // missed changes were found, and an application may not know that it has to verify
 };
 
 // The outcome as one word, for --json.

@@ -22,15 +22,6 @@ std::string Compact(const json& value)
     return value.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
-json ParseShallow(const std::string& text)
-{
-    return json::parse(text, [](int depth, json::parse_event_t, json&) {
-        if (depth > DEEPEST)
-            throw std::runtime_error("it is nested too deeply");
-        return true;
-    });
-}
-
 // The message becomes a reason in the next backup's manifest, so no damaged byte may get through with it.
 std::string Readable(std::string_view problem)
 {
@@ -96,6 +87,10 @@ Manifest FromJson(const json& object)
     m.dataLength = Number(object, "dataLength");
     m.indexLength = Number(object, "indexLength");
     m.indexChecksum = object.at("indexChecksum").get<std::string>();
+    if (object.contains("audit")) {
+        const json& audit = object.at("audit");
+        m.audit = AuditCounts{Number(audit, "requested"), Number(audit, "clean"), Number(audit, "compared")};
+    }
     if (blockSize == 0 || blockSize > MAX_BLOCK_SIZE || m.geometry.length == 0 || m.geometry.length > (1ULL << 62))
         throw std::runtime_error("impossible block size or length");
     m.geometry.blockSize = static_cast<std::uint32_t>(blockSize);
@@ -121,9 +116,18 @@ const char* KindName(Kind kind) noexcept
     return "";
 }
 
+json ParseShallow(const std::string& text)
+{
+    return json::parse(text, [](int depth, json::parse_event_t, json&) {
+        if (depth > DEEPEST)
+            throw std::runtime_error("it is nested too deeply");
+        return true;
+    });
+}
+
 json ToJson(const Manifest& m)
 {
-    return {
+    json object = {
         {"format", FORMAT},
         {"sequence", m.sequence},
         {"base", m.base},
@@ -146,6 +150,10 @@ json ToJson(const Manifest& m)
         {"indexLength", m.indexLength},
         {"indexChecksum", m.indexChecksum},
     };
+    if (m.audit)
+        object["audit"] = {
+            {"requested", m.audit->requested}, {"clean", m.audit->clean}, {"compared", m.audit->compared}};
+    return object;
 }
 
 std::string FormatManifest(Manifest& manifest)

@@ -1,12 +1,14 @@
 // A backup's manifest: what was backed up, how, and why so. It is the file whose presence makes a backup.
 #pragma once
 
+#include "audit_sample.h"
 #include "reasons.h"
 #include "volume.h"
 
 #include <nlohmann/json.hpp>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -38,6 +40,7 @@ struct Manifest {
     std::uint64_t bytesRead = 0;      // from the snapshot
     std::uint64_t dataLength = 0;
     std::uint64_t indexLength = 0;
+    std::optional<AuditCounts> audit; // when one was asked for; no difference was found
     std::string indexChecksum; // as the index file ends with it
 
     std::string checksum; // of this manifest as it is stored; set by FormatManifest and ParseManifest
@@ -45,6 +48,9 @@ struct Manifest {
 
 // The longest manifest that is read, in bytes.
 constexpr std::uint64_t MANIFEST_LIMIT = 1024 * 1024;
+
+// Parses text that may be damaged. Throws std::exception, also for one that nests deeper than a file of this program.
+nlohmann::json ParseShallow(const std::string& text);
 
 nlohmann::json ToJson(const Manifest& manifest);
 

@@ -40,6 +40,10 @@ inline Reason VerifyList()
 {
     return {"verify-required", "the volume lost tracking or one of its bitmaps is unusable"};
 }
+inline Reason AuditFoundLoss(const std::string& what)
+{
+    return {"audit-found-loss", what};
+}
 inline Reason TrackingLostMeanwhile()
 {
     return {"tracking-lost-meanwhile", "tracking was lost while the backup was being prepared"};

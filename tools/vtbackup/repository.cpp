@@ -19,6 +19,8 @@ using nlohmann::json;
 constexpr std::uint64_t SMALL_FILE_LIMIT = 1024 * 1024; // of repository.json and chain.json
 constexpr const wchar_t* REPOSITORY_FILE = L"repository.json";
 constexpr const wchar_t* CHAIN_FILE = L"chain.json";
+constexpr std::wstring_view LOSS_PREFIX = L"lost-tracking-";
+constexpr std::wstring_view LOSS_ENDING = L".json";
 
 // Letters, digits, "-" and "_" stand for themselves, every other byte of the UTF-8 text is %XX; the checksum
 // keeps IDs apart that differ only in case.
@@ -127,6 +129,28 @@ std::wstring Chain::DataPath(std::uint64_t sequence) const
 std::wstring Chain::ReportedPath(std::uint64_t sequence) const
 {
     return Join(BackupFolder(sequence), L"reported");
+}
+
+std::wstring Chain::LossPath(std::uint64_t sequence) const
+{
+    return Join(m_folder, fmt::format(L"{}{:08}{}", LOSS_PREFIX, sequence, LOSS_ENDING));
+}
+
+std::vector<std::uint64_t> Chain::Losses() const
+{
+    std::vector<std::uint64_t> sequences;
+    for (const FolderEntry& entry : ListFolder(m_folder)) {
+        const std::wstring_view name = entry.name;
+        if (entry.folder || !name.starts_with(LOSS_PREFIX) || !name.ends_with(LOSS_ENDING) ||
+            name.size() <= LOSS_PREFIX.size() + LOSS_ENDING.size())
+            continue;
+        const std::uint64_t sequence = SequenceFrom(std::wstring(
+            name.substr(LOSS_PREFIX.size(), name.size() - LOSS_PREFIX.size() - LOSS_ENDING.size())));
+        if (sequence != 0)
+            sequences.push_back(sequence);
+    }
+    std::sort(sequences.begin(), sequences.end());
+    return sequences;
 }
 
 std::vector<std::uint64_t> Chain::Folders() const

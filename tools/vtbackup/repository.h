@@ -37,6 +37,10 @@ public:
     // The backups that a restore of this one needs, from its full one to itself. Throws Failure(Damaged) with
     // the missing or damaged member.
     [[nodiscard]] std::vector<Manifest> PathTo(std::uint64_t sequence) const;
+    // The evidence of a loss of tracking that was found while this backup was being made (see lost_tracking.h).
+    [[nodiscard]] std::wstring LossPath(std::uint64_t sequence) const;
+    // The backups for which there is such evidence, ascending.
+    [[nodiscard]] std::vector<std::uint64_t> Losses() const;
     // Whether success was reported for a backup. Only for people to read; no decision hangs on it.
     [[nodiscard]] bool WasReported(std::uint64_t sequence) const;
 

@@ -65,6 +65,8 @@ std::vector<std::string> ArgumentsOf(const Options& options)
     AddValue(arguments, "--to", options.to);
     if (options.backup != 0)
         AddValue(arguments, "--backup", std::to_string(options.backup));
+    if (options.audit != 0)
+        AddValue(arguments, "--audit", std::to_string(options.audit));
     AddFlag(arguments, "--json", options.json);
     AddFlag(arguments, "--reset", options.reset);
     AddFlag(arguments, "--undo", options.undo);

@@ -99,7 +99,8 @@ TEST(VtBackupBound, OneMoreThanTheBoundWouldHaveBeenSeen)
             const std::uint64_t changed = BoundOf({compared, clean, compared}).blocks + 1;
             double unseen = 1;
             for (std::uint64_t i = 0; i < compared; ++i)
-                unseen *= clean - i > changed ? static_cast<double>(clean - i - changed) / static_cast<double>(clean - i) : 0;
+                unseen *=
+                    clean - i > changed ? static_cast<double>(clean - i - changed) / static_cast<double>(clean - i) : 0;
             EXPECT_LT(unseen, 0.05) << compared << " of " << clean;
         }
     }

@@ -173,8 +173,8 @@ TEST_F(VtBackupAudit, ABackupThatTheAuditEndsForgetsNothing)
 
 TEST_F(VtBackupAudit, FindsMissedWritesWhereNothingWasStoredAndWhereZerosAreNowAndInTheShortLastBlock)
 {
-    WriteUnseen(20, 0);      // stored, now zero
-    WriteUnseen(200, 0x11);  // never stored
+    WriteUnseen(20, 0);     // stored, now zero
+    WriteUnseen(200, 0x11); // never stored
     Forget(1);
     machine.Write(volume, 256ull * BLOCK + 999, {5});
     const Result result = Audit(1000);
@@ -284,8 +284,8 @@ TEST_F(VtBackupAudit, WithoutJsonALossIsListedBlockByBlock)
     const Result result = Run({L"backup", L"--app", L"App", L"--repo", repository, L"--simulate", machine.directory(),
                                L"--volume", volume.guid, L"--audit", L"1000"});
     EXPECT_EQ(EXIT_LOST_TRACKING, result.exitCode);
-    EXPECT_NE(std::string::npos, result.out.find("block 20 (offset 81920, 4096 bytes): expected " + Stored(1, 20) +
-                                                 " (backup 1), found "))
+    EXPECT_NE(std::string::npos,
+              result.out.find("block 20 (offset 81920, 4096 bytes): expected " + Stored(1, 20) + " (backup 1), found "))
         << result.out;
     EXPECT_NE(std::string::npos, result.err.find("lost tracking: 1 of 257 clean blocks")) << result.err;
     const Result list = Run({L"list", L"--repo", repository, L"--simulate", machine.directory()});
@@ -300,7 +300,8 @@ TEST_F(VtBackupAudit, ABackupThatReadsEverythingHasNothingToCompare)
         EXPECT_EQ(EXIT_OK, result.exitCode) << result.err;
         const json audit = AuditOf(result);
         EXPECT_EQ(0u, audit.at("compared"));
-        EXPECT_EQ("nothing to compare: a " + result.kind + " backup reads the whole volume, so no block counts as clean",
+        EXPECT_EQ("nothing to compare: a " + result.kind +
+                      " backup reads the whole volume, so no block counts as clean",
                   audit.at("text"));
         EXPECT_TRUE(Contents() == Restored());
     }

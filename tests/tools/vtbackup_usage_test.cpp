@@ -12,9 +12,9 @@ TEST_F(VtBackupUsage, HelpNamesEveryCommandAndEveryExitCode)
     const Result help = Run({L"--help"});
     EXPECT_EQ(EXIT_OK, help.exitCode);
     EXPECT_EQ("", help.err);
-    for (const char* word : {"init", "backup", "restore", "verify", "list", "busy", "refused", "driver-down", "damaged",
-                             "not-reported", "interrupted", "device", "not-found", "repository", "lost-tracking",
-                             "not-marked"})
+    for (const char* word :
+         {"init", "backup", "restore", "verify", "list", "busy", "refused", "driver-down", "damaged", "not-reported",
+          "interrupted", "device", "not-found", "repository", "lost-tracking", "not-marked"})
         EXPECT_NE(std::string::npos, help.out.find(word)) << word;
 }
 
@@ -40,7 +40,8 @@ TEST_F(VtBackupUsage, AWrongCommandLineIsExitCode2WithTheReasonOnStandardError)
         {L"init", L"--app", L"App", L"--repo", repository, L"--reset", L"--undo"},
     };
     for (const wchar_t* count : {L"0", L"-1", L"1.5", L"many", L"", L"99999999999999999999999"}) {
-        std::vector<std::wstring> audit = {L"backup", L"--app", L"App", L"--repo", repository, L"--volume", volume.guid};
+        std::vector<std::wstring> audit = {L"backup",  L"--app",    L"App",     L"--repo",
+                                           repository, L"--volume", volume.guid};
         audit.insert(audit.end(), {L"--audit", count});
         wrong.push_back(audit);
     }

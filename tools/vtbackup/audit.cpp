@@ -76,10 +76,9 @@ private:
             return;
         ++m_result.differing;
         if (m_result.missed.size() < MOST_MISSED)
-            m_result.missed.push_back({block, block * m_geometry.blockSize, length,
-                                       shouldBeZero ? ZERO : ToHex(known->checksum),
-                                       known == nullptr ? 0 : m_chain.SequenceOf(*known),
-                                       zero ? ZERO : ToHex(ChecksumOf(bytes, length))});
+            m_result.missed.push_back(
+                {block, block * m_geometry.blockSize, length, shouldBeZero ? ZERO : ToHex(known->checksum),
+                 known == nullptr ? 0 : m_chain.SequenceOf(*known), zero ? ZERO : ToHex(ChecksumOf(bytes, length))});
         if (m_result.differing == 1)
             m_firstFound(m_result);
     }

@@ -76,11 +76,10 @@ Exit PrintLoss(const LostTracking& loss, bool asJson)
         for (std::size_t i = 0; i < printed; ++i) {
             const json& block = blocks[i];
             const std::uint64_t backup = NumberIn(block, "backup");
-            Print(fmt::format("  block {} (offset {}, {} bytes): expected {} ({}), found {}\n",
-                              NumberIn(block, "block"), NumberIn(block, "offset"), NumberIn(block, "length"),
-                              TextIn(block, "expected"),
-                              backup == 0 ? "stored by no backup" : fmt::format("backup {}", backup),
-                              TextIn(block, "found")));
+            Print(fmt::format(
+                "  block {} (offset {}, {} bytes): expected {} ({}), found {}\n", NumberIn(block, "block"),
+                NumberIn(block, "offset"), NumberIn(block, "length"), TextIn(block, "expected"),
+                backup == 0 ? "stored by no backup" : fmt::format("backup {}", backup), TextIn(block, "found")));
         }
         if (differing > printed)
             Print(fmt::format("  and {} more\n", differing - printed));

@@ -70,11 +70,12 @@ std::string CleanAuditText(const AuditCounts& counts, std::string_view missed)
                            counts.clean);
     const MissedBound bound = BoundOf(counts);
     // Of fewer blocks the rule of three says more than is true.
-    const std::string rule = counts.compared < FEWEST_FOR_RULE_OF_THREE ? "" : fmt::format(" (about 3/{})", counts.compared);
-    return fmt::format("{} of {} clean blocks were read again and none differs from the repository: with {:.0f} % "
-                       "confidence at most {:.3g} % of the clean blocks{}, {} blocks or {}, hold a change that was missed",
-                       counts.compared, counts.clean, AUDIT_CONFIDENCE * 100, bound.fraction * 100, rule, bound.blocks,
-                       missed);
+    const std::string rule =
+        counts.compared < FEWEST_FOR_RULE_OF_THREE ? "" : fmt::format(" (about 3/{})", counts.compared);
+    return fmt::format(
+        "{} of {} clean blocks were read again and none differs from the repository: with {:.0f} % "
+        "confidence at most {:.3g} % of the clean blocks{}, {} blocks or {}, hold a change that was missed",
+        counts.compared, counts.clean, AUDIT_CONFIDENCE * 100, bound.fraction * 100, rule, bound.blocks, missed);
 }
 
 } // namespace vtbackup

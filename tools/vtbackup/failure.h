@@ -9,17 +9,17 @@ namespace vtbackup {
 // The process's exit codes; docs/vtbackup.md lists them for users, and scripts depend on them.
 enum class Exit : int {
     Ok = 0,
-    Internal = 1,    // something that should not happen, or no memory
-    Usage = 2,       // the command line is wrong
-    Busy = 3,        // another process holds the application or the volume
-    Refused = 4,     // the application ID is unsuitable, or not registered
-    DriverDown = 5,  // the change-tracking driver does not work
-    Damaged = 6,     // the repository holds damaged or missing data
-    NotReported = 7, // the backup is in the repository, but its success could not be reported
-    Interrupted = 8, // Ctrl-C
-    Device = 9,      // a volume, snapshot or request to the driver failed
-    NotFound = 10,   // no such repository, chain, backup, machine or volume
-    Repository = 11, // the repository or another file could not be read or written
+    Internal = 1,      // something that should not happen, or no memory
+    Usage = 2,         // the command line is wrong
+    Busy = 3,          // another process holds the application or the volume
+    Refused = 4,       // the application ID is unsuitable, or not registered
+    DriverDown = 5,    // the change-tracking driver does not work
+    Damaged = 6,       // the repository holds damaged or missing data
+    NotReported = 7,   // the backup is in the repository, but its success could not be reported
+    Interrupted = 8,   // Ctrl-C
+    Device = 9,        // a volume, snapshot or request to the driver failed
+    NotFound = 10,     // no such repository, chain, backup, machine or volume
+    Repository = 11,   // the repository or another file could not be read or written
     LostTracking = 12, // the audit found missed changes; no backup was made, every application will verify
     NotMarked = 13,    // missed changes were found, and an application may not know that it has to verify
 };

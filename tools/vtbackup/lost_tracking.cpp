@@ -124,8 +124,8 @@ std::vector<std::string> MarkedOf(const json& evidence)
 } // namespace
 
 LossReport::LossReport(const Machine& machine, const Chain& chain, std::uint64_t sequence, std::string time)
-    : m_machine(machine), m_chain(chain), m_sequence(sequence), m_time(std::move(time)),
-      m_marking{{}, "the marks are not set yet"}
+    : m_machine(machine), m_chain(chain), m_sequence(sequence),
+      m_time(std::move(time)), m_marking{{}, "the marks are not set yet"}
 {
 }
 

@@ -41,7 +41,7 @@ struct Manifest {
     std::uint64_t dataLength = 0;
     std::uint64_t indexLength = 0;
     std::optional<AuditCounts> audit; // when one was asked for; no difference was found
-    std::string indexChecksum; // as the index file ends with it
+    std::string indexChecksum;        // as the index file ends with it
 
     std::string checksum; // of this manifest as it is stored; set by FormatManifest and ParseManifest
 };

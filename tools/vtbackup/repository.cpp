@@ -144,8 +144,8 @@ std::vector<std::uint64_t> Chain::Losses() const
         if (entry.folder || !name.starts_with(LOSS_PREFIX) || !name.ends_with(LOSS_ENDING) ||
             name.size() <= LOSS_PREFIX.size() + LOSS_ENDING.size())
             continue;
-        const std::uint64_t sequence = SequenceFrom(std::wstring(
-            name.substr(LOSS_PREFIX.size(), name.size() - LOSS_PREFIX.size() - LOSS_ENDING.size())));
+        const std::uint64_t sequence = SequenceFrom(
+            std::wstring(name.substr(LOSS_PREFIX.size(), name.size() - LOSS_PREFIX.size() - LOSS_ENDING.size())));
         if (sequence != 0)
             sequences.push_back(sequence);
     }

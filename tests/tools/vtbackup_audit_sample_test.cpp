@@ -29,7 +29,7 @@ std::vector<std::uint64_t> Sample(std::uint64_t population, std::uint64_t wanted
 TEST(VtBackupSample, ExactlyAsManyAsWantedAreChosen)
 {
     std::mt19937_64 random(1);
-    for (const std::uint64_t population : {1, 2, 3, 10, 257}) {
+    for (const std::uint64_t population : {1u, 2u, 3u, 10u, 257u}) {
         for (std::uint64_t wanted = 0; wanted <= population + 2; ++wanted)
             EXPECT_EQ(std::min(population, wanted), Sample(population, wanted, random).size());
     }
@@ -94,7 +94,7 @@ TEST(VtBackupBound, NothingComparedBoundsNothingAndEverythingComparedIsCertain)
 // counted here, choice by choice.
 TEST(VtBackupBound, OneMoreThanTheBoundWouldHaveBeenSeen)
 {
-    for (const std::uint64_t clean : {2, 10, 100, 1000}) {
+    for (const std::uint64_t clean : {2u, 10u, 100u, 1000u}) {
         for (std::uint64_t compared = 1; compared < clean; compared += 1 + compared / 8) {
             const std::uint64_t changed = BoundOf({compared, clean, compared}).blocks + 1;
             double unseen = 1;

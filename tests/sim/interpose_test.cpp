@@ -1,5 +1,6 @@
 // The redirection: this program's own imports are attached, so that every call below is answered by the machine.
 #include "vtfltsim/VTFltSim.hpp"
+#include "vtfltsim/VTFltSimForget.h"
 
 #include <winioctl.h>
 

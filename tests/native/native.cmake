@@ -41,6 +41,11 @@ find_package(PNG REQUIRED)
 target_link_libraries(vtfltctl_bitmap_tests PRIVATE PNG::PNG)
 add_test(NAME ${VT_CONFIGURATION}.vtfltctl_bitmap_tests COMMAND vtfltctl_bitmap_tests --gtest_brief=1)
 
+# What vtbackup report makes of any figures.
+add_executable(vtbackup_page_tests tools/vtbackup_page_test.cpp native/wide.c)
+target_link_libraries(vtbackup_page_tests PRIVATE vtbackup_report googletest project_warnings)
+add_test(NAME ${VT_CONFIGURATION}.vtbackup_page_tests COMMAND vtbackup_page_tests --gtest_brief=1)
+
 # The format file for the lnav log viewer.
 add_test(NAME ${VT_CONFIGURATION}.lnav_format
     COMMAND bash "${CMAKE_CURRENT_SOURCE_DIR}/tools/lnav/check_lnav.sh"

@@ -1,29 +1,15 @@
 // A repository in which somebody rewrote the files and made all checksums right again, and a device that answers
 // nonsense: no change is lost, and nothing stands between a user and a new backup.
+#include "tools/vtbackup_forgery.h"
 #include "tools/vtbackup_test.h"
 
-#include <nlohmann/json.hpp>
-
 #include <winioctl.h>
-#include <xxhash.h>
 
 using namespace vtbackup_test;
 
 namespace {
 
 using nlohmann::json;
-
-std::string ChecksumOf(const void* bytes, std::size_t length)
-{
-    XXH128_canonical_t canonical;
-    XXH128_canonicalFromHash(&canonical, XXH3_128bits(bytes, length));
-    std::string text;
-    for (const unsigned char byte : canonical.digest) {
-        text += "0123456789abcdef"[byte >> 4];
-        text += "0123456789abcdef"[byte & 15];
-    }
-    return text;
-}
 
 class VtBackupHostile : public VtBackupTest {
 protected:
@@ -36,17 +22,9 @@ protected:
         ASSERT_EQ(EXIT_OK, Backup().exitCode);
     }
 
-    // Changes a manifest and makes its checksum right again.
     void ChangeManifest(std::uint64_t sequence, const std::function<void(json&)>& change) const
     {
-        const std::wstring path = BackupFile(sequence, L"manifest.json");
-        const std::vector<std::uint8_t> bytes = ReadFileBytes(path);
-        json file = json::parse(bytes.begin(), bytes.end());
-        change(file["manifest"]);
-        const std::string compact = file["manifest"].dump();
-        file["checksum"] = ChecksumOf(compact.data(), compact.size());
-        const std::string text = file.dump();
-        WriteFileBytes(path, {text.begin(), text.end()});
+        ForgeManifest(BackupFile(sequence, L"manifest.json"), change);
     }
 
     // The next backup stands alone, and the chain goes on from it.

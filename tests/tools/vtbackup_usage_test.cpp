@@ -13,14 +13,14 @@ TEST_F(VtBackupUsage, HelpNamesEveryCommandAndEveryExitCode)
     EXPECT_EQ(EXIT_OK, help.exitCode);
     EXPECT_EQ("", help.err);
     for (const char* word :
-         {"init", "backup", "restore", "verify", "list", "busy", "refused", "driver-down", "damaged", "not-reported",
-          "interrupted", "device", "not-found", "repository", "lost-tracking", "not-marked"})
+         {"init", "backup", "restore", "verify", "list", "report", "busy", "refused", "driver-down", "damaged",
+          "not-reported", "interrupted", "device", "not-found", "repository", "lost-tracking", "not-marked"})
         EXPECT_NE(std::string::npos, help.out.find(word)) << word;
 }
 
 TEST_F(VtBackupUsage, EveryCommandHasHelpOfItsOwn)
 {
-    for (const wchar_t* command : {L"init", L"backup", L"restore", L"verify", L"list"}) {
+    for (const wchar_t* command : {L"init", L"backup", L"restore", L"verify", L"list", L"report"}) {
         const Result help = Run({command, L"--help"});
         EXPECT_EQ(EXIT_OK, help.exitCode);
         EXPECT_NE(std::string::npos, help.out.find("--repo"));

@@ -87,6 +87,15 @@ void AddRestore(CLI::App& app, Options& options)
     command.add_flag("--overwrite", options.overwrite, "replace an existing file");
 }
 
+void AddReport(CLI::App& app, Options& options)
+{
+    CLI::App& command = *app.add_subcommand("report", "Show the repository as one HTML page");
+    AddCommon(command, options, false);
+    AddVolume(command, options, false);
+    command.add_option("--html", options.html, "file to make; - for standard output")->required();
+    command.add_flag("--overwrite", options.overwrite, "replace an existing file");
+}
+
 } // namespace
 
 ParsedCommandLine ParseCommandLine(std::vector<std::string> arguments)
@@ -104,6 +113,7 @@ ParsedCommandLine ParseCommandLine(std::vector<std::string> arguments)
     CLI::App& list = *app.add_subcommand("list", "List the backups of the repository");
     AddCommon(list, parsed.options, false);
     AddVolume(list, parsed.options, false);
+    AddReport(app, parsed.options);
     for (CLI::App* command : app.get_subcommands({}))
         command->footer(FOOTER);
 

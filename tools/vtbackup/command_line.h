@@ -9,7 +9,7 @@
 namespace vtbackup {
 
 struct Options {
-    std::string command; // init, backup, restore, verify, list
+    std::string command; // init, backup, restore, verify, list, report
     std::string application;
     std::string volume;
     std::string repository;
@@ -30,7 +30,9 @@ struct Options {
     // restore
     std::uint64_t backup = 0;
     std::string to;
-    bool overwrite = false;
+    bool overwrite = false; // report, too
+    // report
+    std::string html;
 };
 
 // Arguments without the program's name, UTF-8. Prints help itself; then, and after an error, which it prints to

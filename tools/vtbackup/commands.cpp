@@ -3,7 +3,10 @@
 #include "audit_output.h"
 #include "console.h"
 #include "cycle.h"
+#include "file.h"
 #include "machine.h"
+#include "report/page.h"
+#include "report_figures.h"
 #include "repository.h"
 #include "restore.h"
 #include "text.h"
@@ -282,6 +285,70 @@ Exit List(const Options& options)
     return code;
 }
 
+// ---- report
+
+void WritePage(const std::wstring& file, const std::string& page)
+{
+    try {
+        WriteSmallFileDurably(file, page);
+    } catch (const Failure&) {
+        DeleteFileW((file + L".tmp").c_str());
+        throw;
+    }
+}
+
+// All that is wrong, after it was said.
+std::vector<std::string> ProblemsOf(const Report& report)
+{
+    std::vector<std::string> problems = report.problems; // said when they were found
+    for (const ReportChain& chain : report.chains) {
+        for (const ReportBackup& backup : chain.backups) {
+            if (backup.problem.empty())
+                continue;
+            problems.push_back(fmt::format("backup {} of {} for \"{}\": {}", backup.sequence, chain.volume,
+                                           chain.application, backup.problem));
+            Diagnose(problems.back());
+        }
+    }
+    return problems;
+}
+
+Exit ReportCommand(const Options& options)
+{
+    const bool toOutput = options.html == "-";
+    if (toOutput && options.json)
+        throw Failure(Exit::Usage, "--json and the page cannot both go to standard output");
+    const Machine machine = MachineOf(options);
+    const Repository repository = Repository::Open(ToWide(options.repository));
+    const std::wstring file = toOutput ? std::wstring() : AbsolutePath(ToWide(options.html));
+    if (!toOutput && !options.overwrite && GetFileAttributesW(file.c_str()) != INVALID_FILE_ATTRIBUTES)
+        throw Failure(Exit::Usage, fmt::format("{} exists already; add --overwrite to replace it", options.html));
+    const FoundChains found = ChainsOf(options, repository);
+    Report report{repository.Id(), options.repository, {}, found.problems};
+    for (const Chain& chain : found.chains)
+        report.chains.push_back(CollectFigures(chain));
+    if (!toOutput)
+        WritePage(file, ReportPage(report));
+    else if (!PrintExactly(ReportPage(report)))
+        throw Failure(Exit::Repository, "the page could not be written to standard output");
+
+    const std::vector<std::string> problems = ProblemsOf(report);
+    const Exit code = problems.empty() ? Exit::Ok : Exit::Damaged;
+    const ReportTotals totals = TotalsOf(report);
+    if (options.json)
+        PrintJson({{"result", OutcomeName(code)},
+                   {"file", options.html},
+                   {"chains", report.chains.size()},
+                   {"backups", totals.Backups()},
+                   {"bytesStored", totals.bytesStored},
+                   {"bytesSaved", totals.saved},
+                   {"problems", problems}});
+    else if (!toOutput)
+        Print(fmt::format("{}: {} backups, {} stored, {} saved against full backups\n", options.html, totals.Backups(),
+                          BytesText(totals.bytesStored), BytesText(totals.saved)));
+    return code;
+}
+
 } // namespace
 
 Exit RunCommand(const Options& options)
@@ -294,6 +361,8 @@ Exit RunCommand(const Options& options)
         return RestoreCommand(options);
     if (options.command == "verify")
         return Verify(options);
+    if (options.command == "report")
+        return ReportCommand(options);
     return List(options);
 }
 

@@ -1,4 +1,4 @@
-// The five commands: each prints its result to standard output and returns how it ended.
+// The commands: each prints its result to standard output and returns how it ended.
 #pragma once
 
 #include "command_line.h"

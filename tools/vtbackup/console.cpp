@@ -2,6 +2,9 @@
 
 #include "handle.h"
 
+#include <fcntl.h>
+#include <io.h>
+
 #include <cstdio>
 
 namespace vtbackup {
@@ -33,10 +36,10 @@ std::string Visible(std::string text)
     return text;
 }
 
-void Write(const std::string& text)
+bool Write(const std::string& text)
 {
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    std::fflush(stdout);
+    const std::size_t written = std::fwrite(text.data(), 1, text.size(), stdout);
+    return std::fflush(stdout) == 0 && written == text.size();
 }
 
 } // namespace
@@ -49,6 +52,12 @@ void Print(const std::string& text)
 void PrintJson(const nlohmann::json& object)
 {
     Write(object.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
+}
+
+bool PrintExactly(const std::string& bytes)
+{
+    _setmode(_fileno(stdout), _O_BINARY);
+    return Write(bytes);
 }
 
 void Diagnose(const std::string& message)

@@ -9,7 +9,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <map>
 
 namespace vtbackup {
 namespace {
@@ -44,6 +43,19 @@ bool ChainCheck::Good() const noexcept
     return std::all_of(backups.begin(), backups.end(), [](const CheckedBackup& b) { return b.problem.empty(); });
 }
 
+std::string LinkProblem(const std::map<std::uint64_t, Manifest>& whole, const Manifest& manifest)
+{
+    if (manifest.kind == Kind::Full)
+        return {};
+    const auto parent = whole.find(manifest.parent);
+    if (parent == whole.end())
+        return fmt::format("it builds on backup {}, which is missing or damaged", manifest.parent);
+    if (parent->second.checksum != manifest.parentChecksum || parent->second.base != manifest.base ||
+        parent->second.geometry.blockSize != manifest.geometry.blockSize)
+        return fmt::format("it was made on another backup {}", manifest.parent);
+    return {};
+}
+
 ChainCheck CheckChain(const Chain& chain)
 {
     ChainCheck check;
@@ -54,15 +66,7 @@ ChainCheck CheckChain(const Chain& chain)
             const Manifest manifest = chain.ReadManifest(sequence);
             Progress progress(fmt::format("verify {}", sequence), manifest.dataLength);
             CheckBlocks(chain, manifest, progress, check);
-            if (manifest.kind != Kind::Full) {
-                const auto parent = whole.find(manifest.parent);
-                if (parent == whole.end())
-                    backup.problem =
-                        fmt::format("it builds on backup {}, which is missing or damaged", manifest.parent);
-                else if (parent->second.checksum != manifest.parentChecksum || parent->second.base != manifest.base ||
-                         parent->second.geometry.blockSize != manifest.geometry.blockSize)
-                    backup.problem = fmt::format("it was made on another backup {}", manifest.parent);
-            }
+            backup.problem = LinkProblem(whole, manifest);
             if (backup.problem.empty())
                 whole.emplace(sequence, manifest);
         } catch (const Failure& failure) {

@@ -4,6 +4,7 @@
 #include "repository.h"
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -22,5 +23,9 @@ struct ChainCheck {
 };
 
 ChainCheck CheckChain(const Chain& chain);
+
+// Whether a backup has what it builds on among the whole ones, which are those before it that can be restored. Empty:
+// yes; else what is wrong.
+std::string LinkProblem(const std::map<std::uint64_t, Manifest>& whole, const Manifest& manifest);
 
 } // namespace vtbackup

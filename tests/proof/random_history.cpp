@@ -70,6 +70,8 @@ bool Calls(Do what)
     }
 }
 
+} // namespace
+
 Operation ChooseOperation(Dice& dice, const std::vector<VolumeShape>& volumes, bool calm)
 {
     Operation operation;
@@ -109,8 +111,6 @@ Operation ChooseOperation(Dice& dice, const std::vector<VolumeShape>& volumes, b
     }
     return operation;
 }
-
-} // namespace
 
 Fault ChooseFault(Dice& dice)
 {

@@ -27,6 +27,8 @@ private:
 
 // The same seed always gives the same history.
 History ChooseHistory(std::uint64_t seed);
+// Something that happens to a machine with these volumes: one on which nothing goes wrong, or everything.
+Operation ChooseOperation(Dice& dice, const std::vector<VolumeShape>& volumes, bool calm);
 // A fault for an operation of about so many calls.
 Fault ChooseFault(Dice& dice);
 

@@ -3,11 +3,13 @@
 //     double_host vtfltproof.exe histories [--seed S] [--histories N] [--minutes M] [--part I/N]
 //     double_host vtfltproof.exe sweep KIND [--one-in N] [--seed S] [--part I/N]
 //     double_host vtfltproof.exe schedules [--count N] [--seed S] [--minutes M] [--part I/N]
+//     double_host vtfltproof.exe years [--years N] [--seed S] [--part I/N]
 //     double_host vtfltproof.exe replay "machine 300:512; register 0; ..."      (a schedule has parts, between |)
 #include "proof/random_history.h"
 #include "proof/schedule.h"
 #include "proof/sweep.h"
 #include "proof/world.h"
+#include "proof/years.h"
 
 #include <chrono>
 #include <cstdio>
@@ -27,6 +29,7 @@ struct Options {
     std::uint64_t part = 0;
     std::uint64_t parts = 1;
     std::uint64_t oneIn = 1;
+    std::uint64_t years = 10;
 };
 
 double SecondsSince(Clock::time_point start)
@@ -91,6 +94,36 @@ int Histories(const Options& options)
     std::fprintf(stderr, "%llu histories from seed %llu, %.0f s, none broken, trace %016llx\n",
                  static_cast<unsigned long long>(done), static_cast<unsigned long long>(options.seed + options.part),
                  progress.Seconds(), static_cast<unsigned long long>(traces));
+    return 0;
+}
+
+int RunYears(Options options)
+{
+    YearsOptions years;
+    years.seed = options.seed + options.part;
+    years.hours = static_cast<std::uint32_t>(options.years * HOURS_A_YEAR);
+    options.count = years.hours;
+    options.parts = 1; // each part has a machine of its own for all of the time
+    Progress progress(options);
+    years.progress = [&](std::uint32_t hour) { return progress.Goes(hour); };
+    const YearsResult result = RunYears(years);
+    if (!result.wrong.empty()) {
+        std::fprintf(stderr, "broken in hour %u of seed %llu, %zu operations since everything was put right: %s\n",
+                     result.hours, static_cast<unsigned long long>(years.seed), result.since.operations.size(),
+                     result.wrong.c_str());
+        if (!RunHistory(result.since).empty())
+            return Report(result.since, result.wrong);
+        std::fprintf(stderr, "it needs what was before: ./dev sim years --seed %llu\n",
+                     static_cast<unsigned long long>(years.seed));
+        return 1;
+    }
+    std::fprintf(stderr,
+                 "%u hours of seed %llu: %llu operations, %llu backups, %llu disturbances, %.0f s, none broken, "
+                 "trace %016llx\n",
+                 result.hours, static_cast<unsigned long long>(years.seed),
+                 static_cast<unsigned long long>(result.operations), static_cast<unsigned long long>(result.backups),
+                 static_cast<unsigned long long>(result.disturbances), progress.Seconds(),
+                 static_cast<unsigned long long>(result.trace));
     return 0;
 }
 
@@ -201,6 +234,8 @@ bool Parse(int argc, char** argv, int first, Options& options)
             options.count = std::strtoull(argv[i + 1], &rest, 0);
         else if (name == "--one-in")
             options.oneIn = std::strtoull(argv[i + 1], &rest, 0);
+        else if (name == "--years")
+            options.years = std::strtoull(argv[i + 1], &rest, 0);
         else if (name == "--minutes")
             options.minutes = std::strtod(argv[i + 1], &rest);
         else if (name == "--part") {
@@ -208,7 +243,8 @@ bool Parse(int argc, char** argv, int first, Options& options)
             options.parts = *rest == '/' ? std::strtoull(rest + 1, &rest, 0) : 0;
         } else
             return false;
-        if (*rest != '\0' || options.parts == 0 || options.count == 0 || options.oneIn == 0)
+        if (*rest != '\0' || options.parts == 0 || options.count == 0 || options.oneIn == 0 || options.years == 0 ||
+            options.years > 1000)
             return false;
     }
     return (argc - first) % 2 == 0;
@@ -227,12 +263,15 @@ int main(int argc, char** argv)
         return Histories(options);
     if (argc >= 2 && std::strcmp(argv[1], "schedules") == 0 && Parse(argc, argv, 2, options))
         return RunSchedules(options);
+    if (argc >= 2 && std::strcmp(argv[1], "years") == 0 && Parse(argc, argv, 2, options))
+        return RunYears(options);
     if (argc >= 3 && std::strcmp(argv[1], "sweep") == 0 && Parse(argc, argv, 3, options))
         return SweepNamed(options, argv[2]);
     std::fputs("vtfltproof histories [--seed S] [--histories N] [--minutes M] [--part I/N]\n"
                "vtfltproof sweep failures|effects|memory|deaths|power-cuts|second-deaths|pairs [--one-in N] [--seed S] "
                "[--minutes M] [--part I/N]\n"
                "vtfltproof schedules [--count N] [--seed S] [--minutes M] [--part I/N]\n"
+               "vtfltproof years [--years N] [--seed S] [--minutes M] [--part I/N]\n"
                "vtfltproof replay \"machine ...\"\n",
                stderr);
     return 2;

@@ -1,0 +1,47 @@
+// A short piece of the years; ./dev sim years does ten.
+#include "proof/years.h"
+
+#include <gtest/gtest.h>
+
+namespace vtproof {
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr std::uint32_t DAYS = 8;
+#else
+constexpr std::uint32_t DAYS = 90;
+#endif
+
+TEST(Years, LoseNothing)
+{
+    YearsOptions options;
+    options.seed = 7;
+    options.hours = DAYS * 24;
+    const YearsResult result = RunYears(options);
+    EXPECT_EQ("", result.wrong) << "./dev sim --replay \"" << ToText(result.since) << "\"";
+    EXPECT_EQ(DAYS * 24, result.hours);
+    EXPECT_GE(result.backups, DAYS * 24u * 2);
+    EXPECT_GT(result.disturbances, DAYS / 2);
+}
+
+TEST(Years, GoTheSameWayEveryTime)
+{
+    YearsOptions options;
+    options.hours = 48;
+    const std::uint64_t trace = RunYears(options).trace;
+    EXPECT_EQ(trace, RunYears(options).trace);
+    options.seed = 2;
+    EXPECT_NE(trace, RunYears(options).trace);
+}
+
+TEST(Years, EndWhenTheyAreTold)
+{
+    YearsOptions options;
+    options.progress = [](std::uint32_t hour) { return hour < 5; };
+    const YearsResult result = RunYears(options);
+    EXPECT_EQ("", result.wrong);
+    EXPECT_EQ(5u, result.hours);
+}
+
+} // namespace
+} // namespace vtproof

@@ -45,6 +45,8 @@ std::string UnsuitableBecause(std::wstring_view id, const std::vector<std::wstri
         if (EqualIgnoringCase(other, id))
             return fmt::format("it differs from the registered \"{}\" only in case, so both would use the same files",
                                Shown(other));
+        if (EqualIgnoringCase(other, std::wstring(id) + L".Last"))
+            return fmt::format("its verify list would be the pending list of the registered \"{}\"", Shown(other));
         if (std::wstring_view(other).ends_with(id))
             return fmt::format("it is the tail of the registered \"{}\", so it would be found in that one's place",
                                Shown(other));

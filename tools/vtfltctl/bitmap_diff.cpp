@@ -7,6 +7,8 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include <algorithm>
+
 namespace vtfltctl {
 namespace {
 
@@ -119,6 +121,17 @@ Exit Summarise(const Context& context, Pair& pair)
     return Answer(context, Outcome(pair, same), fields, text);
 }
 
+bool DifferBefore(Pair& pair, std::uint64_t end)
+{
+    for (const CombinedBits::Rule rule : {CombinedBits::Rule::OnlyFirst, CombinedBits::Rule::OnlySecond}) {
+        CombinedBits only(pair.First(), pair.Second(), rule);
+        RunReader runs(only, 0, std::min(end, only.Blocks()));
+        if (runs.Next())
+            return true;
+    }
+    return false;
+}
+
 // The differences in ascending order; each side's are found by a reader of its own.
 Exit ListDifferences(const Context& context, Pair& pair, const DiffOptions& options)
 {
@@ -146,7 +159,8 @@ Exit ListDifferences(const Context& context, Pair& pair, const DiffOptions& opti
                 break;
             (takeFirst ? first : second) = (takeFirst ? firstRuns : secondRuns).Next();
         }
-        return list.End(Outcome(pair, listed == 0), false, 0);
+        // What is left out of the list differs all the same.
+        return list.End(Outcome(pair, listed == 0 && (from == 0 || !DifferBefore(pair, from))), false, 0);
     } catch (const ReadError& error) {
         return list.Fail(ReadErrorExit(error), ReadErrorText(L"one of the files", error));
     }

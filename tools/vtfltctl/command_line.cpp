@@ -87,6 +87,7 @@ std::optional<int> ParseCommandLine(std::vector<std::string> arguments, Context&
     AddCommands(app, context);
     const bool json = context.json;
     context.json = false;
+    context.arguments = arguments;
     std::reverse(arguments.begin(), arguments.end()); // as CLI11 takes them
     try {
         app.parse(std::move(arguments));

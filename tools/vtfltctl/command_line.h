@@ -16,11 +16,12 @@ namespace vtfltctl {
 
 // What the command line asked for. Options of one command live in an object of that command's, captured by its action.
 struct Context {
-    std::string command;          // the full name, such as "apps list"
-    std::string simulate;         // --simulate, empty: the real machine
-    bool json = false;            // --json
-    bool yes = false;             // --yes
-    std::function<Exit()> action; // run by main, after --simulate took effect; may throw Failure
+    std::string command;                // the full name, such as "apps list"
+    std::string simulate;               // --simulate, empty: the real machine
+    bool json = false;                  // --json
+    bool yes = false;                   // --yes
+    std::vector<std::string> arguments; // as they were given
+    std::function<Exit()> action;       // run by main, after --simulate took effect; may throw Failure
 };
 
 // Adds one command below a parent (the program or a group), with --json, --simulate, its exit codes in the help, and

@@ -5,8 +5,8 @@
 #include <fmt/format.h>
 #include <vtfltmgr/VTFltMgr.h>
 
-#include <algorithm>
 #include <memory>
+#include <set>
 
 namespace vtfltctl {
 namespace {
@@ -26,28 +26,14 @@ Colour ColourOf(Severity severity)
     return Colour::Quiet;
 }
 
-std::string FindingText(const Finding& finding)
+std::string FindingText(const Finding& finding, const std::string& mend)
 {
     std::string text =
         fmt::format("{} {}: {}\n    {}\n", Coloured(SeverityName(finding.severity), ColourOf(finding.severity)),
                     finding.check, finding.text, finding.consequence);
-    if (!finding.mend.empty())
-        text += "    mend: " + finding.mend + "\n";
+    if (!mend.empty())
+        text += "    mend: " + mend + "\n";
     return text;
-}
-
-bool HasMend(const std::vector<Finding>& findings)
-{
-    return std::any_of(findings.begin(), findings.end(), [](const Finding& finding) { return !finding.mend.empty(); });
-}
-
-// What another program would do, it would do to the machine that this one runs on.
-void ForgetMendsOfThisMachine(std::vector<Finding>& findings)
-{
-    for (Finding& finding : findings) {
-        if (!finding.mend.starts_with("vtfltctl "))
-            finding.mend.clear();
-    }
 }
 
 Exit Doctor(const Context& context, bool reinstall)
@@ -57,19 +43,20 @@ Exit Doctor(const Context& context, bool reinstall)
         // Its answer is found again by the look at the machine that follows.
         VTCanBLIDriverWork();
     }
-    std::vector<Finding> findings = FindFaults(LookAtMachine());
+    const std::vector<Finding> findings = FindFaults(LookAtMachine());
     Json list = Json::array();
     std::string text;
-    if (!context.simulate.empty())
-        ForgetMendsOfThisMachine(findings);
+    std::set<std::string> mends;
     for (const Finding& finding : findings) {
-        list.push_back(FindingJson(finding));
-        text += FindingText(finding);
+        std::string mend = WrittenMend(finding.mend, ToWide(context.simulate));
+        // What mends several findings is said with the first.
+        if (!mends.insert(mend).second)
+            mend.clear();
+        list.push_back(FindingJson(finding, mend));
+        text += FindingText(finding, mend);
     }
     if (text.empty())
         text = "Nothing was found: driver, registry, bitmap files and volumes agree.\n";
-    if (!context.simulate.empty() && HasMend(findings))
-        text += "\nThis machine is a simulated one: these commands need --simulate DIR, too.\n";
     return Answer(context, OutcomeOf(findings), {{"findings", list}}, text);
 }
 

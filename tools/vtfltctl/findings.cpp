@@ -10,9 +10,14 @@
 namespace vtfltctl {
 namespace {
 
-// Brings the filter list in line with the count, and leaves the count as it was.
-constexpr const char* COUNT_ON_AND_OFF = "vtfltctl monitor on && vtfltctl monitor off --yes";
-constexpr const char* REINSTALL = "vtfltctl doctor --reinstall --yes";
+constexpr const char* COUNT_VALUE =
+    "SnapshotMonitorCount below HKLM\\SOFTWARE\\Veltrix\\Lumen Protect\\Engine\\VTFltMgr\\"
+    "{533C5B84-EC70-11D2-9505-00C04F79DEAF}";
+
+Mend Reinstall()
+{
+    return {{"doctor", {}, "--reinstall --yes"}};
+}
 
 void CheckDriver(const MachineFacts& machine, std::vector<Finding>& findings)
 {
@@ -20,14 +25,14 @@ void CheckDriver(const MachineFacts& machine, std::vector<Finding>& findings)
     const std::string why = WhyDriverFails(driver);
     if (!why.empty()) {
         const bool absent = driver.service == ServiceState::Absent;
-        const char* mend = absent || !driver.autoInstall || driver.installLocation.empty() ? "" : REINSTALL;
+        const bool hopeless = absent || !driver.autoInstall || driver.installLocation.empty();
         findings.push_back({"driver-down",
                             Severity::DriverDown,
                             {},
                             {},
                             fmt::format("The driver does not work: {}.", why),
                             "Every next backup must verify, and what is written meanwhile is not tracked.",
-                            mend});
+                            hopeless ? Mend() : Reinstall()});
         if (absent)
             findings.push_back({"service-absent",
                                 Severity::DriverDown,
@@ -63,32 +68,52 @@ void CheckDriver(const MachineFacts& machine, std::vector<Finding>& findings)
                             {}});
 }
 
+// The count can only be set by whoever knows how many applications rely on it: one that is too low ends the tracking of
+// an application's snapshots, and one that is too high does no harm.
+std::string SetCountByHand()
+{
+    return fmt::format(
+        " Set it by hand, while no backup runs: {}, a REG_DWORD, to the number of applications that asked for "
+        "the tracking; if that is not known, to that of all registered ones. Too high does no harm.",
+        COUNT_VALUE);
+}
+
 void CheckSwitch(const MachineFacts& machine, std::vector<Finding>& findings)
 {
     const SwitchFacts& snapshots = machine.snapshots;
-    if (snapshots.error != ERROR_SUCCESS) {
+    if (snapshots.error == ERROR_INVALID_DATA) {
         findings.push_back({"monitor-count",
                             Severity::Damaged,
+                            {},
+                            {},
+                            "The count of requests for the tracking of snapshots is no number.",
+                            "Tracking of snapshots can be asked for and taken back no more." + SetCountByHand(),
+                            {}});
+        return;
+    }
+    if (snapshots.error != ERROR_SUCCESS) {
+        findings.push_back({"monitor-count",
+                            Severity::Unknown,
                             {},
                             {},
                             fmt::format("The count of requests for the tracking of snapshots cannot be read: {}.",
                                         ErrorText(snapshots.error)),
-                            "Tracking of snapshots can be asked for and taken back no more.",
-                            "reg delete \"HKLM\\SOFTWARE\\Veltrix\\Lumen Protect\\Engine\\VTFltMgr\\"
-                            "{533C5B84-EC70-11D2-9505-00C04F79DEAF}\" /v SnapshotMonitorCount && vtfltctl monitor on"});
+                            "Whether it is sound is not known.",
+                            {}});
         return;
     }
     const std::uint32_t count = snapshots.count.value_or(0);
     if (count > 0x7FFFFFFF)
-        findings.push_back({"monitor-count",
-                            Severity::Damaged,
-                            {},
-                            {},
-                            fmt::format("More requests for the tracking of snapshots were taken back than made: the "
-                                        "count stands at {}.",
-                                        count),
-                            "The tracking of snapshots never ends, or ends while an application relies on it.",
-                            "vtfltctl monitor on"});
+        findings.push_back(
+            {"monitor-count",
+             Severity::Damaged,
+             {},
+             {},
+             fmt::format("More requests for the tracking of snapshots were taken back than made: the "
+                         "count stands at {}.",
+                         count),
+             "The tracking of snapshots never ends, or ends while an application relies on it." + SetCountByHand(),
+             {}});
     else if (count > 0 && !snapshots.listed)
         findings.push_back({"monitor-filter",
                             Severity::Damaged,
@@ -97,16 +122,19 @@ void CheckSwitch(const MachineFacts& machine, std::vector<Finding>& findings)
                             fmt::format("{} for the tracking of snapshots stand, but the driver is not among the "
                                         "filters of their class.",
                                         CountText(count, "request")),
-                            "What an application changes in its own snapshot is not known to its next backup.",
-                            COUNT_ON_AND_OFF});
+                            "What an application changes in its own snapshot is not known to its next backup. One more "
+                            "request lists the driver again, and stays; one too many does no harm.",
+                            {{"monitor on", {}, {}}}});
     else if (count == 0 && snapshots.listed)
-        findings.push_back({"monitor-filter",
-                            Severity::Note,
-                            {},
-                            {},
-                            "The driver is among the filters of the snapshots' class, but nobody asked for it.",
-                            "No backup suffers; snapshots are tracked for nobody.",
-                            COUNT_ON_AND_OFF});
+        findings.push_back(
+            {"monitor-filter",
+             Severity::Note,
+             {},
+             {},
+             "The driver is among the filters of the snapshots' class, but no request for it stands.",
+             "No backup suffers. Nobody asked for the tracking of snapshots, or a request was taken back "
+             "twice and an application relies on it all the same.",
+             {}});
 }
 
 void CheckVolumeWalk(const MachineFacts& machine, std::vector<Finding>& findings)

@@ -4,6 +4,7 @@
 
 #include "failure.h"
 #include "machine.h"
+#include "mend.h"
 
 #include <string>
 #include <vector>
@@ -26,7 +27,7 @@ struct Finding {
     std::wstring volume;      // {...}; empty: none
     std::string text;         // what was found, a sentence
     std::string consequence;  // for the next backup, a sentence
-    std::string mend;         // the command that mends it; empty where nothing needs to be done
+    Mend mend;                // what mends it; empty where nothing needs to be done, or no command can safely do it
 };
 
 // In the order of the checks: driver, applications, lists, volumes and files.

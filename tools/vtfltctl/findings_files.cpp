@@ -2,9 +2,9 @@
 #include "bitmap_name.h"
 #include "common/text.h"
 #include "findings_parts.h"
-#include "mend.h"
 #include "output.h"
 
+#include "apps/resync_lists.h"
 #include "apps/volume_name.h"
 
 #include <fmt/format.h>
@@ -18,9 +18,9 @@ namespace {
 using bitmap::Flaw;
 using bitmap::Verdict;
 
-std::string Clean(const std::wstring& application, const VolumeFacts& volume)
+Mend Clean(const std::wstring& application, const VolumeFacts& volume)
 {
-    return MendCommand("apps clean", {application}, "--volume \"" + ToUtf8(volume.guid) + "\" --yes");
+    return {{"apps clean", {application}, "--volume \"" + ToUtf8(volume.guid) + "\" --yes"}};
 }
 
 std::string FlawTexts(const bitmap::FileFacts& file)
@@ -45,7 +45,7 @@ void CheckTracking(const MachineFacts& machine, const VolumeFacts& volume, std::
         return;
     }
     // Without the driver nothing is tracked; that is said once, and not for each volume.
-    if (machine.driver.generation != Generation::Present || machine.applications.empty())
+    if (machine.driver.generation == Generation::None || machine.applications.empty())
         return;
     if (!volume.monitored)
         findings.push_back({"not-monitored",
@@ -160,13 +160,17 @@ void CheckHolding(const VolumeFacts& volume, const HoldingFacts& holding, std::v
     }
 }
 
+bool Names(const ListFacts& list, const VolumeFacts& volume)
+{
+    return std::any_of(list.entries.begin(), list.entries.end(), [&](const std::wstring& entry) {
+        return vtflt::ListEntryMatchesVolume(entry, volume.name.path);
+    });
+}
+
 void CheckVerifyList(const MachineFacts& machine, const VolumeFacts& volume, std::vector<Finding>& findings)
 {
     for (const ApplicationFacts& application : machine.applications) {
-        const bool listed = std::any_of(
-            application.verify.entries.begin(), application.verify.entries.end(),
-            [&](const std::wstring& entry) { return vtflt::ListEntryMatchesVolume(entry, volume.name.path); });
-        if (listed)
+        if (Names(application.verify, volume))
             findings.push_back(
                 {"verify-listed",
                  Severity::Verify,
@@ -176,6 +180,31 @@ void CheckVerifyList(const MachineFacts& machine, const VolumeFacts& volume, std
                  "Its next backup of this volume must verify, which takes it off the list.",
                  {}});
     }
+}
+
+// Whoever unregisters leaves a verify list with every volume. Files without that mark are those of an application whose
+// place in the list of applications was lost, and it may not know.
+void CheckOrphan(const VolumeFacts& volume, const std::wstring& file, const std::wstring& owner,
+                 std::vector<Finding>& findings)
+{
+    const std::string text =
+        fmt::format("{} on {} belongs to {}, which is not registered", Shown(file), Shown(volume.guid), Quoted(owner));
+    const ListFacts verify = ReadVolumeList(vtflt::MakeVerifyListName(owner));
+    if (Names(verify, volume))
+        findings.push_back({"file-orphaned", Severity::Note, owner, volume.guid, text + ".",
+                            "No backup suffers: should it be registered again, its next backup must verify.",
+                            Clean(owner, volume)});
+    else
+        findings.push_back(
+            {"file-orphaned",
+             Severity::Verify,
+             owner,
+             volume.guid,
+             text + ", and its verify list does not name the volume: its registration was probably lost.",
+             "Its backups fail, or miss what is written from now on. Register it again (vtfltctl apps "
+             "register), after which its next backup verifies; delete the files (vtfltctl apps clean) only "
+             "when it is gone for good.",
+             {}});
 }
 
 void CheckOrphans(const MachineFacts& machine, const VolumeFacts& volume, std::vector<Finding>& findings)
@@ -204,13 +233,7 @@ void CheckOrphans(const MachineFacts& machine, const VolumeFacts& volume, std::v
         if (registered || std::any_of(seen.begin(), seen.end(), isOwner))
             continue;
         seen.push_back(owner);
-        findings.push_back(
-            {"file-orphaned", Severity::Note, owner, volume.guid,
-             fmt::format("{} on {} belongs to {}, which is not registered.", Shown(file), Shown(volume.guid),
-                         Quoted(owner)),
-             "No backup suffers; nothing keeps the files up to date, and registering under the ID starts "
-             "them afresh.",
-             Clean(owner, volume)});
+        CheckOrphan(volume, file, owner, findings);
     }
 }
 

@@ -5,8 +5,8 @@
 
 namespace vtfltctl {
 
-void CheckApplications(const MachineFacts& machine, std::vector<Finding>& findings); // findings_registry.cpp
-void CheckLists(const MachineFacts& machine, std::vector<Finding>& findings);        // findings_registry.cpp
+void CheckApplications(const MachineFacts& machine, std::vector<Finding>& findings); // findings_applications.cpp
+void CheckLists(const MachineFacts& machine, std::vector<Finding>& findings);        // findings_lists.cpp
 void CheckVolume(const MachineFacts& machine, const VolumeFacts& volume,
                  std::vector<Finding>& findings); // findings_files.cpp
 

@@ -1,6 +1,5 @@
 #include "library.h"
 
-#include "common/registry_value.h"
 #include "failure.h"
 #include "output.h"
 
@@ -59,14 +58,23 @@ void Require(DWORD result, const std::string& what)
         throw Failure(ExitOf(result), fmt::format("cannot {}: {}", what, ResultText(result)));
 }
 
+toolkit::RegistryValue ReadApplicationIds()
+{
+    toolkit::RegistryValue stored = toolkit::ReadMultiString(vtflt::APPLICATION_IDS_KEY, vtflt::APPLICATION_IDS_VALUE);
+    // What the library leaves of a list whose last entry was taken off is a single NUL.
+    const bool empty = stored.bytes.empty() || stored.bytes == vtflt::RegistryBytes(sizeof(wchar_t));
+    if (stored.error == ERROR_SUCCESS && !empty && !vtflt::IsWellFormedMultiString(stored.bytes))
+        stored.error = ERROR_INVALID_DATA;
+    return stored;
+}
+
 std::vector<std::wstring> RegisteredApplications()
 {
     // The library takes the bytes of a value of any type for a list.
-    const toolkit::RegistryValue stored =
-        toolkit::ReadMultiString(vtflt::APPLICATION_IDS_KEY, vtflt::APPLICATION_IDS_VALUE);
+    const toolkit::RegistryValue stored = ReadApplicationIds();
     if (stored.error == ERROR_INVALID_DATA)
         throw Failure(Exit::Unreadable, "cannot read the list of registered applications: RegisteredAppIDs is no "
-                                        "multi-string");
+                                        "well-formed multi-string");
     // The export would make the key.
     if (stored.error == ERROR_FILE_NOT_FOUND)
         return {};

@@ -5,6 +5,7 @@
 #include "common/text.h"
 #include "common/volume_name.h"
 #include "failure.h"
+#include "library.h"
 
 #include "apps/resync_lists.h"
 #include "apps/resync_text.h"
@@ -12,7 +13,6 @@
 #include "bitmap/container.h"
 #include "driver/request.h"
 #include "registry/multi_string.h"
-#include "registry/multi_string_value.h"
 #include "win/owners.h"
 
 #include <vtfltmgr/VTFltMgr.h>
@@ -141,8 +141,7 @@ VolumeFacts LookAtVolume(const std::wstring& path, const std::wstring& guid,
 
 void LookAtApplications(MachineFacts& machine)
 {
-    const toolkit::RegistryValue read =
-        toolkit::ReadMultiString(vtflt::APPLICATION_IDS_KEY, vtflt::APPLICATION_IDS_VALUE);
+    const toolkit::RegistryValue read = ReadApplicationIds();
     machine.applicationsError = read.error == ERROR_FILE_NOT_FOUND ? ERROR_SUCCESS : read.error;
     std::vector<std::wstring> ids;
     if (read.error == ERROR_SUCCESS)

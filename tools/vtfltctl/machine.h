@@ -59,11 +59,14 @@ SwitchFacts LookAtSwitch(const std::wstring& classKey);
 
 struct ListFacts {
     bool present = false;
-    DWORD error = 0; // 13: no multi-string, or a malformed one
+    DWORD error = 0;   // 13: no multi-string, a malformed one, or one whose end the library does not read
+    bool tail = false; // of these the last: text stands behind an empty string
     std::vector<std::wstring> entries;
 };
 
 ListFacts ReadVolumeList(const std::wstring& suffix);
+// Of a list with error 13, a clause: "is no well-formed multi-string".
+const char* WhyDamaged(const ListFacts& list) noexcept;
 
 // ---- Volumes and bitmap files
 
@@ -116,7 +119,7 @@ struct ApplicationFacts {
 struct MachineFacts {
     DriverFacts driver;
     SwitchFacts snapshots;
-    DWORD applicationsError = 0; // the list of applications could not be read; 13: of another type
+    DWORD applicationsError = 0; // the list of applications could not be read; 13: of another type or not well formed
     std::vector<ApplicationFacts> applications;
     ListFacts driverList;
     std::vector<std::wstring> foreignLists; // suffixes of lists that belong to no registered application

@@ -128,7 +128,7 @@ Json VolumeJson(const MachineFacts& machine, const VolumeFacts& volume)
             {"applications", holdings}};
 }
 
-Json FindingJson(const Finding& finding)
+Json FindingJson(const Finding& finding, const std::string& mend)
 {
     Json object = {{"check", finding.check}, {"severity", SeverityName(finding.severity)}};
     if (!finding.application.empty())
@@ -137,8 +137,8 @@ Json FindingJson(const Finding& finding)
         object["volume"] = ToUtf8(finding.volume);
     object["text"] = finding.text;
     object["consequence"] = finding.consequence;
-    if (!finding.mend.empty())
-        object["mend"] = finding.mend;
+    if (!mend.empty())
+        object["mend"] = mend;
     return object;
 }
 

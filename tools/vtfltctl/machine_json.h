@@ -11,7 +11,8 @@ Json SwitchJson(const SwitchFacts& facts);
 // {"entries": [...]}, or {"entries": [], "error": "..."} for a list that cannot be read.
 Json ListJson(const ListFacts& list);
 Json VolumeJson(const MachineFacts& machine, const VolumeFacts& volume);
-Json FindingJson(const Finding& finding);
+// mend: the written one, empty for none.
+Json FindingJson(const Finding& finding, const std::string& mend);
 
 // "sound", "missing", "unreadable", or what is wrong with it: "must-verify", "blocks-all".
 std::string FileStateName(const BitmapFileFacts& file);

@@ -13,6 +13,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace vtfltctl {
@@ -85,6 +86,20 @@ void ProbeDevice(DriverFacts& driver)
         driver.generation = Generation::Older;
 }
 
+// The library reads a list up to its first empty string.
+bool HasTextBehindEmptyString(const vtflt::RegistryBytes& bytes)
+{
+    bool ended = true; // a string ended just now
+    for (std::size_t i = 0; i + 1 < bytes.size(); i += sizeof(wchar_t)) {
+        const bool zero = bytes[i] == 0 && bytes[i + 1] == 0;
+        if (zero && ended)
+            return std::any_of(bytes.begin() + static_cast<std::ptrdiff_t>(i), bytes.end(),
+                               [](std::uint8_t byte) { return byte != 0; });
+        ended = zero;
+    }
+    return false;
+}
+
 } // namespace
 
 DriverFacts LookAtDriver()
@@ -155,9 +170,20 @@ ListFacts ReadVolumeList(const std::wstring& suffix)
         return list;
     list.error =
         read.error == ERROR_SUCCESS && !vtflt::IsWellFormedMultiString(read.bytes) ? ERROR_INVALID_DATA : read.error;
-    if (list.error == ERROR_SUCCESS)
+    if (list.error != ERROR_SUCCESS)
+        return list;
+    list.tail = HasTextBehindEmptyString(read.bytes);
+    if (list.tail)
+        list.error = ERROR_INVALID_DATA;
+    else
         vtflt::AppendStrings(read.bytes, list.entries);
     return list;
+}
+
+const char* WhyDamaged(const ListFacts& list) noexcept
+{
+    return list.tail ? "has text behind an empty string, where the library reads no further"
+                     : "is no well-formed multi-string";
 }
 
 } // namespace vtfltctl

@@ -13,7 +13,13 @@ using toolkit::ToWide;
 
 // Inside double quotes these are still read by one of the shells; PowerShell takes the curly quotes for straight ones.
 constexpr std::wstring_view NEVER = L"\"`$%!\x201C\x201D\x201E";
-constexpr std::wstring_view QUOTED = L" '&|<>()[]^;,{}@#*?~=";
+
+// What no shell reads otherwise without quotes.
+bool IsPlain(wchar_t c)
+{
+    return (c >= L'0' && c <= L'9') || (c >= L'A' && c <= L'Z') || (c >= L'a' && c <= L'z') || c == L'.' || c == L'_' ||
+           c == L'-';
+}
 
 // The part of a command line that stands for one argument; nothing when there is no such part.
 std::optional<std::string> ShellArgument(const std::wstring& text)
@@ -22,35 +28,46 @@ std::optional<std::string> ShellArgument(const std::wstring& text)
     if (text.empty() || text.back() == L'\\' || text.find_first_of(NEVER) != std::wstring::npos ||
         std::any_of(text.begin(), text.end(), toolkit::IsUnshowable) || ToWide(shown) != text)
         return std::nullopt;
-    return text.find_first_of(QUOTED) == std::wstring::npos ? shown : '"' + shown + '"';
+    return std::all_of(text.begin(), text.end(), IsPlain) ? shown : '"' + shown + '"';
+}
+
+std::optional<std::string> Written(const MendStep& step, const std::string& simulate)
+{
+    std::string written;
+    bool dash = false;
+    for (const std::wstring& argument : step.arguments) {
+        const std::optional<std::string> part = ShellArgument(argument);
+        if (!part)
+            return std::nullopt;
+        written += " " + *part;
+        dash = dash || argument.front() == L'-';
+    }
+    const std::string options = (step.options.empty() ? "" : " " + step.options) + simulate;
+    // What begins with a dash would be taken for an option.
+    return "vtfltctl " + step.command + (dash ? options + " --" + written : written + options);
 }
 
 } // namespace
 
-std::string MendCommand(const std::string& command, const std::vector<std::wstring>& arguments,
-                        const std::string& options)
+std::string WrittenMend(const Mend& mend, const std::wstring& simulation)
 {
-    std::string written;
-    bool dash = false;
-    for (const std::wstring& argument : arguments) {
-        const std::optional<std::string> part = ShellArgument(argument);
-        if (!part)
+    std::string simulate;
+    if (!simulation.empty()) {
+        std::wstring folder = simulation;
+        while (folder.size() > 1 && (folder.ends_with(L'\\') || folder.ends_with(L'/')) &&
+               folder[folder.size() - 2] != L':')
+            folder.pop_back();
+        const std::optional<std::string> part = ShellArgument(folder);
+        if (!part || folder.front() == L'-')
             return {};
-        written += " " + *part;
-        dash = dash || argument.front() == L'-';
+        simulate = " --simulate " + *part;
     }
-    const std::string after = options.empty() ? "" : " " + options;
-    // What begins with a dash would be taken for an option.
-    return "vtfltctl " + command + (dash ? after + " --" + written : written + after);
-}
-
-std::string InTurn(const std::vector<std::string>& commands)
-{
     std::string all;
-    for (const std::string& command : commands) {
-        if (command.empty())
+    for (const MendStep& step : mend) {
+        const std::optional<std::string> written = Written(step, simulate);
+        if (!written)
             return {};
-        all += (all.empty() ? "" : " && ") + command;
+        all += (all.empty() ? "" : " && ") + *written;
     }
     return all;
 }

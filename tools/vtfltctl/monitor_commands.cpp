@@ -4,6 +4,7 @@
 #include "library.h"
 #include "machine_json.h"
 
+#include "driver/protocol.h"
 #include "win/owners.h"
 
 #include <CLI/CLI.hpp>
@@ -18,6 +19,8 @@ namespace {
 constexpr wchar_t VOLUME_CLASS[] = L"{71A27CDD-812A-11D0-BEC7-08002BE2092F}";
 // A count above it went below zero.
 constexpr std::uint32_t HIGHEST_COUNT = 0x7FFFFFFF;
+// How long another program may switch the class before a command gives up.
+constexpr DWORD PATIENCE_MS = 10000;
 
 // A class key that does not exist would be made by the library, and the count with it: a typing mistake would be
 // answered with success.
@@ -27,7 +30,7 @@ std::wstring RequireClass(const std::wstring& name)
         return SNAPSHOT_CLASS;
     const bool isPath = name.find(L'\\') != std::wstring::npos;
     std::wstring key = isPath ? name : L"System\\CurrentControlSet\\Control\\Class\\" + name;
-    if (key.ends_with(L'\\'))
+    while (key.ends_with(L'\\'))
         key.pop_back();
     vtflt::UniqueKey opened;
     const LSTATUS error = RegOpenKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_READ, opened.put());
@@ -89,9 +92,37 @@ Exit Count(const Context& context, const std::wstring& name)
     return ShowSwitch(context, RequireReadable(RequireClass(name)));
 }
 
+// The library's mutex of the class, from the look at the count to the look at what became of it. The library takes it
+// once more, on the same thread.
+class ClassLock {
+public:
+    explicit ClassLock(const std::wstring& key)
+    {
+        const std::wstring name =
+            L"Global\\" + key.substr(key.find_last_of(L'\\') + 1) + L"." + vtflt::DRIVER_NAME + L".Mutex";
+        m_mutex.reset(CreateMutexW(nullptr, FALSE, name.c_str()));
+        // Made by a more privileged process: the right to wait is enough.
+        if (!m_mutex && GetLastError() == ERROR_ACCESS_DENIED)
+            m_mutex.reset(OpenMutexW(SYNCHRONIZE, FALSE, name.c_str()));
+        if (!m_mutex)
+            throw Failure(Exit::Unreadable,
+                          fmt::format("cannot lock the count of {}: {}", Shown(key), ErrorText(GetLastError())));
+        const DWORD waited = WaitForSingleObject(m_mutex.get(), PATIENCE_MS);
+        if (waited != WAIT_OBJECT_0 && waited != WAIT_ABANDONED)
+            throw Failure(Exit::Busy, fmt::format("another program switches the tracking of {}", Shown(key)));
+    }
+    ~ClassLock() { ReleaseMutex(m_mutex.get()); }
+    ClassLock(const ClassLock&) = delete;
+    ClassLock& operator=(const ClassLock&) = delete;
+
+private:
+    vtflt::UniqueHandle m_mutex;
+};
+
 Exit SwitchOn(const Context& context, const std::wstring& name)
 {
     const std::wstring key = RequireSwitchable(name);
+    const ClassLock lock(key);
     const SwitchFacts before = RequireReadable(key);
     RequireDriver();
     Require(VTFltEnableMonitorForSnapshot(key.c_str()), "ask for the tracking of " + Shown(key));
@@ -101,6 +132,7 @@ Exit SwitchOn(const Context& context, const std::wstring& name)
 Exit SwitchOff(const Context& context, const std::wstring& name)
 {
     const std::wstring key = RequireSwitchable(name);
+    const ClassLock lock(key);
     const SwitchFacts before = RequireReadable(key);
     // The library would count on below zero.
     if (before.count.value_or(0) == 0)

@@ -1,14 +1,16 @@
 // verify: the lists of volumes whose next backup must verify.
+#include "backup_pause.h"
 #include "bitmap_live.h"
-#include "common/backup_locks.h"
 #include "common/volume_name.h"
+#include "fixed_volumes.h"
 #include "library.h"
 #include "machine_json.h"
+#include "verify_rebuild.h"
+#include "volume_lists.h"
 
 #include "apps/resync_lists.h"
 #include "apps/resync_text.h"
 #include "apps/volume_name.h"
-#include "win/owners.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -20,31 +22,51 @@
 namespace vtfltctl {
 namespace {
 
-constexpr DWORD MERGE_LIST = 0;
-constexpr DWORD REPLACE_LIST = 1;
+constexpr const char* DRIVER_LIST = "the driver's list";
 
 struct VerifyOptions {
     std::string application;
     std::vector<std::string> volumes;
     bool all = false;
+    bool exact = false;
+    bool pending = false;
 };
 
-// A list that the library would fail on. what: "verify list of ...".
-void RequireReadable(const ListFacts& list, const std::string& what)
+// The command line takes "[a,b]" for a and b, which nobody typed.
+void RequireNoBrackets(const Context& context, const VerifyOptions& options)
 {
-    if (list.error != ERROR_SUCCESS)
-        throw Failure(Exit::Unreadable,
-                      fmt::format("the {} cannot be read: {}; \"vtfltctl verify rebuild --yes\" puts a safe one in its "
-                                  "place",
-                                  what, ErrorText(list.error)));
+    const auto bracketed = [](const std::string& text) { return text.starts_with('[') && text.ends_with(']'); };
+    const auto count = std::count_if(context.arguments.begin(), context.arguments.end(), bracketed);
+    if (count > (bracketed(options.application) ? 1 : 0))
+        throw Failure(Exit::Usage,
+                      "a volume in square brackets cannot be given: write each without them; an entry that "
+                      "has them is taken off in the registry");
 }
 
-void RequireReadableLists(const std::wstring& application)
+// Every list that replicating reads, held against what it would merge into it.
+void RequireReplicable(const std::wstring& application)
 {
-    RequireReadable(ReadVolumeList({}), "driver's list");
-    for (const std::wstring& registered : RegisteredApplications())
-        RequireReadable(ReadVolumeList(registered), "pending list of " + Quoted(registered));
-    RequireReadable(ReadVolumeList(vtflt::MakeVerifyListName(application)), "verify list of " + Quoted(application));
+    const ListFacts driver = ReadVolumeList({});
+    RequireReadable(driver, DRIVER_LIST);
+    std::vector<std::wstring> handedOut;
+    std::vector<std::wstring> kept;
+    vtflt::SplitDriverList(driver.entries, handedOut, kept);
+    if (!handedOut.empty())
+        RequireWritable(driver.entries, DRIVER_LIST);
+    for (const std::wstring& registered : RegisteredApplications()) {
+        if (registered.empty()) // its pending list is the driver's list
+            continue;
+        const ListFacts pending = ReadVolumeList(registered);
+        RequireReadable(pending, PendingListName(registered));
+        RequireMergeable(handedOut, pending, PendingListName(registered));
+        if (registered != application)
+            continue;
+        const ListFacts verify = ReadVolumeList(vtflt::MakeVerifyListName(application));
+        RequireReadable(verify, VerifyListName(application));
+        std::vector<std::wstring> incoming = handedOut;
+        incoming.insert(incoming.end(), pending.entries.begin(), pending.entries.end());
+        RequireMergeable(incoming, verify, VerifyListName(application));
+    }
 }
 
 std::string Entries(const ListFacts& list)
@@ -97,19 +119,6 @@ Exit Changed(const Context& context, const std::wstring& application, const std:
     return Answer(context, Exit::Ok, ListsOf(application), text);
 }
 
-std::vector<std::wstring> FixedVolumes()
-{
-    std::vector<std::wstring> paths;
-    if (const DWORD error = toolkit::EnumerateVolumePaths(paths); error != ERROR_SUCCESS)
-        throw Failure(Exit::Device, "cannot list the volumes: " + ErrorText(error));
-    std::vector<std::wstring> guids;
-    for (const std::wstring& path : paths) {
-        if (GetDriveTypeW(path.c_str()) == DRIVE_FIXED)
-            guids.push_back(vtflt::GetVolumeGuid(path));
-    }
-    return guids;
-}
-
 bool IsEntry(const ListFacts& list, const std::wstring& text)
 {
     return std::find(list.entries.begin(), list.entries.end(), text) != list.entries.end();
@@ -118,7 +127,7 @@ bool IsEntry(const ListFacts& list, const std::wstring& text)
 // The exports answer 0 also when the driver went down since it was looked at, and then do nothing.
 void RequireEveryVolume(const ListFacts& list)
 {
-    for (const std::wstring& guid : FixedVolumes()) {
+    for (const std::wstring& guid : FixedVolumeGuids()) {
         if (!IsEntry(list, guid))
             throw Failure(Exit::DriverDown,
                           fmt::format("{} is not on the verify list: the driver went down meanwhile", Shown(guid)));
@@ -135,61 +144,30 @@ std::vector<std::wstring> Waiting(const std::wstring& application)
     return waiting;
 }
 
-// Keeps backups of an application from running: one that began before a mark was set takes it off by its success.
-// Only backups that take this lock are kept, too; what others there are, nobody can tell.
-class BackupPause {
-public:
-    BackupPause(const Context& context, const std::wstring& application)
-    {
-        const std::wstring name = toolkit::LockNames(ToWide(context.simulate)).Application(application);
-        m_mutex.reset(CreateMutexW(nullptr, FALSE, name.c_str()));
-        // Made by another account: the right to wait is enough.
-        if (!m_mutex && GetLastError() == ERROR_ACCESS_DENIED)
-            m_mutex.reset(OpenMutexW(SYNCHRONIZE, FALSE, name.c_str()));
-        if (!m_mutex && GetLastError() == ERROR_ACCESS_DENIED)
-            throw Failure(Exit::Unreadable, fmt::format("whether a backup of {} runs cannot be told: {}",
-                                                        Quoted(application), ErrorText(ERROR_ACCESS_DENIED)));
-        // No object can have this name, so no backup holds one.
-        if (m_mutex && WaitForSingleObject(m_mutex.get(), 0) == WAIT_TIMEOUT)
-            throw Failure(Exit::Busy,
-                          fmt::format("a backup of {} runs, whose success would take the marks off; nothing "
-                                      "was changed for it, run this again when it has ended",
-                                      Quoted(application)));
-    }
-    ~BackupPause()
-    {
-        if (m_mutex)
-            ReleaseMutex(m_mutex.get());
-    }
-    BackupPause(const BackupPause&) = delete;
-    BackupPause& operator=(const BackupPause&) = delete;
-
-private:
-    vtflt::UniqueHandle m_mutex;
-};
-
 Exit Add(const Context& context, const VerifyOptions& options)
 {
     if (options.all == !options.volumes.empty())
         throw Failure(Exit::Usage, "name volumes, or give --all");
+    RequireNoBrackets(context, options);
     const std::wstring application = ToWide(options.application);
     RequireRegistered(application);
     std::vector<std::wstring> guids;
     for (const std::string& volume : options.volumes)
         guids.push_back(vtflt::GetVolumeGuid(bitmap::FindVolumeByName(ToWide(volume)).path));
     const std::wstring suffix = vtflt::MakeVerifyListName(application);
-    RequireReadable(ReadVolumeList(suffix), "verify list of " + Quoted(application));
     const BackupPause pause(context, application);
     if (options.all) {
+        const ListFacts list = ReadVolumeList(suffix);
+        RequireReadable(list, VerifyListName(application));
+        RequireMergeable(FixedVolumeGuids(), list, VerifyListName(application));
         RequireDriver();
         Require(VTAddVolumesToAppVerifyList(application.c_str()), "put every volume on the verify list");
         RequireEveryVolume(ReadVolumeList(suffix));
         return Changed(context, application,
                        fmt::format("Every fixed volume is on the verify list of {}.\n", Quoted(application)));
     }
-    // The export knows all volumes or none; the list itself is kept by the same code, under the same mutex.
-    vtflt::CVolumeListForResync lists;
-    Require(lists.UpdateApplicationValue(guids, suffix, MERGE_LIST), "write the verify list");
+    // The export knows all volumes or none.
+    AddToList(suffix, guids, VerifyListName(application));
     return Changed(context, application,
                    fmt::format("{} on the verify list of {}.\n",
                                CountText(guids.size(), "volume") + (guids.size() == 1 ? " is" : " are"),
@@ -206,6 +184,8 @@ std::vector<std::wstring> FindEntries(const ListFacts& list, const VerifyOptions
             entries.push_back(text);
             continue;
         }
+        if (options.exact)
+            throw Failure(Exit::NotFound, fmt::format("the list has no entry {}", Quoted(text)));
         const std::optional<std::wstring> parsed = toolkit::ParseVolumeGuid(text);
         const std::wstring guid = parsed ? *parsed : vtflt::GetVolumeGuid(bitmap::FindVolumeByName(text).path);
         if (IsEntry(list, guid)) {
@@ -222,27 +202,46 @@ std::vector<std::wstring> FindEntries(const ListFacts& list, const VerifyOptions
     return entries;
 }
 
-Exit Remove(const Context& context, const VerifyOptions& options)
+void RemovePending(const std::wstring& application, const std::vector<std::wstring>& entries)
 {
-    const std::wstring application = ToWide(options.application);
-    RequireRegistered(application);
-    const ListFacts list = ReadVolumeList(vtflt::MakeVerifyListName(application));
-    RequireReadable(list, "verify list of " + Quoted(application));
-    std::vector<std::wstring> entries = FindEntries(list, options);
-    RequireYes(context, fmt::format("would take {} off the verify list of {}, whose next backup then trusts the "
-                                    "bitmaps",
-                                    CountText(entries.size(), "volume"), Quoted(application)));
-    Require(VTRemoveApplicationVolResyncList(application, &entries), "write the verify list");
-    return Changed(context, application,
-                   fmt::format("{} taken off the verify list of {}.\n",
-                               CountText(entries.size(), "volume") + (entries.size() == 1 ? " is" : " are"),
-                               Quoted(application)));
+    if (PendsInVerifyList(application))
+        throw Failure(Exit::Refused, fmt::format("the pending list of {} is the verify list of {}", Quoted(application),
+                                                 Quoted(application.substr(0, application.size() - 5))));
+    if (!TakeOffPending(application, entries))
+        throw Failure(Exit::NotFound, "the pending list has changed meanwhile");
 }
 
-// Its pending list is the verify list of the application without that ending, registered or not.
-bool PendsInVerifyList(const std::wstring& application)
+Exit Remove(const Context& context, const VerifyOptions& options)
 {
-    return toolkit::EndsWithIgnoringCase(application, L".Last");
+    RequireNoBrackets(context, options);
+    const std::wstring application = ToWide(options.application);
+    RequireRegistered(application);
+    const std::string name = options.pending ? PendingListName(application) : VerifyListName(application);
+    const ListFacts list = ReadVolumeList(options.pending ? application : vtflt::MakeVerifyListName(application));
+    RequireReadable(list, name);
+    std::vector<std::wstring> entries = FindEntries(list, options);
+    RequireWritable(list.entries, name, entries);
+    RequireYes(context, fmt::format("would take {} off {}; the next backup then trusts the bitmaps",
+                                    CountText(entries.size(), "volume"), name));
+    if (options.pending)
+        RemovePending(application, entries);
+    else
+        Require(VTRemoveApplicationVolResyncList(application, &entries), "write " + name);
+    return Changed(context, application,
+                   fmt::format("{} taken off {}.\n",
+                               CountText(entries.size(), "volume") + (entries.size() == 1 ? " is" : " are"), name));
+}
+
+// The export answers 0 also when the driver went down since it was looked at, and then does nothing.
+void RequireTakenOver(const std::wstring& application, const std::vector<std::wstring>& waiting)
+{
+    const ListFacts verify = ReadVolumeList(vtflt::MakeVerifyListName(application));
+    for (const std::wstring& entry : waiting) {
+        if (!IsEntry(verify, entry))
+            throw Failure(
+                Exit::DriverDown,
+                fmt::format("{} did not come onto the verify list: the driver went down meanwhile", Quoted(entry)));
+    }
 }
 
 Exit Replicate(const Context& context, const VerifyOptions& options)
@@ -255,61 +254,16 @@ Exit Replicate(const Context& context, const VerifyOptions& options)
                                   "unregister {}",
                                   Quoted(application), Quoted(application.substr(0, application.size() - 5)),
                                   Quoted(application)));
-    RequireReadableLists(application);
-    RequireDriver();
     const BackupPause pause(context, application);
+    RequireReplicable(application);
+    RequireDriver();
     const std::vector<std::wstring> waiting = Waiting(application);
     Require(VTReplicateVerifyList(application.c_str()), "replicate the lists");
-    if (!waiting.empty() && Waiting(application) == waiting)
-        throw Failure(Exit::DriverDown, "the lists are as they were: the driver went down meanwhile");
+    RequireTakenOver(application, waiting);
     return Changed(context, application,
                    fmt::format("The driver's list is handed to every application, and the pending list of {} is in its "
                                "verify list:{}",
                                Quoted(application), Entries(ReadVolumeList(vtflt::MakeVerifyListName(application)))));
-}
-
-// The volumes of a list that cannot be read are not known, so every one of them has to be verified. They are on the
-// verify list before the damaged list goes.
-Exit Rebuild(const Context& context)
-{
-    const bool driver = ReadVolumeList({}).error != ERROR_SUCCESS;
-    struct Damaged {
-        std::wstring application;
-        bool pending;
-        bool verify;
-    };
-    std::vector<Damaged> damaged;
-    for (const std::wstring& application : RegisteredApplications()) {
-        const Damaged lists{application, ReadVolumeList(application).error != ERROR_SUCCESS,
-                            ReadVolumeList(vtflt::MakeVerifyListName(application)).error != ERROR_SUCCESS};
-        if (driver || lists.pending || lists.verify)
-            damaged.push_back(lists);
-    }
-    Json rebuilt = Json::array();
-    if (!driver && damaged.empty())
-        return Answer(context, Exit::Ok, {{"rebuilt", rebuilt}}, "Every list can be read; nothing was changed.\n");
-    RequireYes(context, "would delete lists that cannot be read and put every fixed volume on the verify lists");
-    const std::vector<std::wstring> volumes = FixedVolumes();
-    vtflt::CVolumeListForResync store;
-    std::string text;
-    for (const Damaged& lists : damaged) {
-        const BackupPause pause(context, lists.application);
-        Require(store.UpdateApplicationValue(volumes, vtflt::MakeVerifyListName(lists.application),
-                                             lists.verify ? REPLACE_LIST : MERGE_LIST),
-                "write the verify list of " + Quoted(lists.application));
-        // A pending list that is also a verify list, perhaps one written a moment ago, keeps its marks.
-        if (lists.pending && PendsInVerifyList(lists.application))
-            Require(store.UpdateApplicationValue(volumes, lists.application, REPLACE_LIST),
-                    "write the pending list of " + Quoted(lists.application));
-        else if (lists.pending)
-            Require(store.ClearDriverRegValue(lists.application),
-                    "delete the pending list of " + Quoted(lists.application));
-        rebuilt.push_back(ToUtf8(lists.application));
-        text += fmt::format("Every fixed volume is on the verify list of {}.\n", Quoted(lists.application));
-    }
-    if (driver)
-        Require(store.ClearDriverRegValue({}), "delete the driver's list");
-    return Answer(context, Exit::Ok, {{"rebuilt", rebuilt}}, text.empty() ? "The driver's list is deleted.\n" : text);
 }
 
 } // namespace
@@ -338,6 +292,8 @@ void AddVerifyCommands(CLI::App& app, Context& context)
     CLI::App* remove = command("remove", "Take volumes off an application's verify list", Remove);
     remove->add_option("APP", options->application, APP)->required();
     remove->add_option("VOLUME", options->volumes, VOLUME)->required();
+    remove->add_flag("--exact", options->exact, "only entries that stand in the list just as they are written here");
+    remove->add_flag("--pending", options->pending, "off the pending list instead");
     AddYes(*remove, context, "the entries");
     CLI::App* replicate = command(
         "replicate",
@@ -349,7 +305,7 @@ void AddVerifyCommands(CLI::App& app, Context& context)
         AddCommand(group, context, "rebuild",
                    "Replace lists that cannot be read: every fixed volume must then verify; not while a backup runs, "
                    "whose success takes the marks off",
-                   [&context] { return Rebuild(context); });
+                   [&context] { return RebuildLists(context); });
     AddYes(rebuild, context, "the lists that cannot be read");
 }
 

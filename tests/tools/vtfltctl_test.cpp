@@ -162,6 +162,15 @@ void VtFltCtlTest::Register(const std::wstring& application) const
 {
     const vtlog_test::Result result = Run({L"apps", L"register", application});
     ASSERT_EQ(EXIT_OK, result.exitCode) << result.err;
+    DeleteValue(LISTS_KEY, L"DeviceListForReSync" + application + L".Last");
+}
+
+void VtFltCtlTest::DeleteValue(const wchar_t* key, const std::wstring& value) const
+{
+    HKEY root = nullptr;
+    vtfltsim::Check("VTFltSimOpenKey", VTFltSimOpenKey(machine.handle(), key, KEY_SET_VALUE, &root));
+    EXPECT_EQ(ERROR_SUCCESS, RegDeleteValueW(root, value.c_str())) << Utf8(value);
+    RegCloseKey(root);
 }
 
 std::string VtFltCtlTest::Fingerprint() const

@@ -46,7 +46,9 @@ protected:
     // A command that must fail with this code: says why on standard error, prints nothing else, prints the same
     // message as JSON, and changes nothing, twice. The message is given back.
     std::string ExpectRefusal(const std::vector<std::wstring>& arguments, DWORD exitCode) const;
+    // Registers an application and lets it be as after its first backup: without the marks that make that one verify.
     void Register(const std::wstring& application) const;
+    void DeleteValue(const wchar_t* key, const std::wstring& value) const;
 
     // Every registry value of the machine and every file on its volumes, for comparison.
     [[nodiscard]] std::string Fingerprint() const;

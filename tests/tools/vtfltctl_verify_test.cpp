@@ -125,7 +125,7 @@ TEST_F(VtFltCtlVerify, AVerifyListThatIsRebuiltIsNotDeletedAsThePendingListOfAno
         StoreList(L"RegisteredAppIDs", ids, IDS_KEY);
         StoreList(VERIFY, {GONE}, LISTS_KEY, REG_SZ);
         EXPECT_EQ(EXIT_OK, Run({L"verify", L"rebuild", L"--yes"}).exitCode);
-        EXPECT_EQ(List{volume.guid}, StoredList(VERIFY));
+        EXPECT_EQ((List{volume.guid, GONE}), StoredList(VERIFY));
     }
 }
 
@@ -219,7 +219,7 @@ TEST_F(VtFltCtlVerify, RebuildingReplacesWhatCannotBeReadBySafeLists)
     StoreList(L"DeviceListForReSyncWeekly.Last", {GONE});
     ExpectRefusal({L"verify", L"rebuild"}, EXIT_REFUSED);
     EXPECT_EQ(json::array({"Nightly"}), RunJson({L"verify", L"rebuild", L"--yes"}, EXIT_OK)["rebuilt"]);
-    EXPECT_EQ(List{volume.guid}, StoredList(VERIFY));
+    EXPECT_EQ((List{volume.guid, GONE}), StoredList(VERIFY));
     EXPECT_EQ(List{GONE}, StoredList(L"DeviceListForReSyncWeekly.Last"));
 
     StoreList(DRIVER, {GONE}, LISTS_KEY, REG_SZ);

@@ -198,6 +198,8 @@ TEST_F(VtFltCtlDoctor, AnOlderDriverWorks)
     machine.SetDriver(VTFLTSIM_DRIVER_OLDER);
     Find("driver-older", EXIT_OK);
     EXPECT_EQ("older", RunJson({L"status"}, EXIT_OK)["driver"]["generation"]);
+    EXPECT_EQ(EXIT_OK, Run({L"stop", L"E:", L"--yes"}).exitCode);
+    Find("not-monitored", EXIT_VERIFY_REQUIRED, {"driver-older", "files-missing"});
 }
 
 // ---- The switch
@@ -350,6 +352,27 @@ TEST_F(VtFltCtlDoctor, AListThatCannotBeReadIsRebuilt)
     machine.WriteValue(LISTS_KEY, DRIVER_LIST, REG_MULTI_SZ, {'x', 0, 'y'});
     Mend(Find("list-damaged", EXIT_DAMAGED));
     Find("verify-listed", EXIT_VERIFY_REQUIRED);
+}
+
+TEST_F(VtFltCtlDoctor, WhatCannotBeReadForTheMomentIsNoDamage)
+{
+    StoreList(VERIFY, {volume.guid});
+    StoreNumber(COUNT_KEY, L"SnapshotMonitorCount", 3);
+    for (const auto& [value, check] : {std::pair{L"DeviceListForReSyncNightly.Last", "list-unreadable"},
+                                       {L"SnapshotMonitorCount", "monitor-count"}}) {
+        const Result result =
+            vtlog_test::Process({L"doctor", L"--json", L"--simulate", machine.directory()},
+                                {std::wstring(L"VTFLTSIM_CALLS=fail|RegQueryValueExW|") + value + L"|1|0|5"},
+                                L"vtfltctl.exe")
+                .Finish();
+        json found;
+        for (const json& finding : json::parse(result.out)["findings"]) {
+            if (finding["check"] == check)
+                found = finding;
+        }
+        EXPECT_EQ("unknown", found.value("severity", "")) << result.out;
+        EXPECT_FALSE(found.contains("mend")) << result.out;
+    }
 }
 
 TEST_F(VtFltCtlDoctor, AnEntryThatIsNoVolumeIsDamage)

@@ -31,27 +31,27 @@ protected:
         const std::wstring& g = volume.guid;
         const std::wstring& f = other.guid;
         return {
-            {L"Volume" + g, g},                // hidden, and odd
-            {g + L" "},                        // a blank that nobody sees
-            {g + L" ", g},                     //
-            {g + L" " + f, f, g},              // two on one line
-            {g + L";" + f},                    //
-            {g + f},                           //
-            {L"\\??\\Volume" + g},             // another name
-            {OtherCase(g)},                    //
-            {OtherCase(g) + L" ", g},          //
-            {g.substr(0, 9), L"-", f},         // parts of names
-            {L"{4", L"Volume", g},             //
-            {L"Volume" + std::wstring(GONE)},  // of a volume that is away
-            {std::wstring(GONE) + L" " + g},   //
-            {g + L";{48b5", f},                //
-            {L"x*", f},                        // what cannot be written
-            {f, g + L"*" + f},                 //
-            {L"x*", L"y*", f},                 //
+            {L"Volume" + g, g},                 // hidden, and odd
+            {g + L" "},                         // a blank that nobody sees
+            {g + L" ", g},                      //
+            {g + L" " + f, f, g},               // two on one line
+            {g + L";" + f},                     //
+            {g + f},                            //
+            {L"\\??\\Volume" + g},              // another name
+            {OtherCase(g)},                     //
+            {OtherCase(g) + L" ", g},           //
+            {g.substr(0, 9), L"-", f},          // parts of names
+            {L"{4", L"Volume", g},              //
+            {L"Volume" + std::wstring(GONE)},   // of a volume that is away
+            {std::wstring(GONE) + L" " + g},    //
+            {g + L";{48b5", f},                 //
+            {L"x*", f},                         // what cannot be written
+            {f, g + L"*" + f},                  //
+            {L"x*", L"y*", f},                  //
             {L"[" + g + L"," + f + L"]", g, f}, // what the command line takes apart
-            {L"[" + g + L"]", g},              //
-            {L"rubbish", g},                   // nothing at all
-            {L"E:", L"E:\\", g},               //
+            {L"[" + g + L"]", g},               //
+            {L"rubbish", g},                    // nothing at all
+            {L"E:", L"E:\\", g},                //
         };
     }
 
@@ -64,8 +64,8 @@ TEST_F(VtFltCtlMend, NoPrintedCommandTakesAMarkOffWhateverTheListsHold)
     for (const List& odd : OddLists()) {
         for (const wchar_t* list : {VERIFY, PENDING, DRIVER_LIST}) {
             SCOPED_TRACE(Utf8(list) + " " + Utf8(odd.front()));
-            for (const wchar_t* value : {VERIFY, PENDING, DRIVER_LIST, L"DeviceListForReSyncWeekly.Last",
-                                         L"DeviceListForReSyncWeekly"})
+            for (const wchar_t* value :
+                 {VERIFY, PENDING, DRIVER_LIST, L"DeviceListForReSyncWeekly.Last", L"DeviceListForReSyncWeekly"})
                 StoreList(value, {});
             // Beside it, marks that a merge may drop.
             StoreList(L"DeviceListForReSyncWeekly.Last", {volume.guid, other.guid});

@@ -1,6 +1,8 @@
 // monitor, stop and device.
 #include "tools/vtfltctl_test.h"
 
+#include "support/child.h"
+
 namespace vtfltctl_test {
 namespace {
 
@@ -16,6 +18,12 @@ protected:
     [[nodiscard]] bool HasFiles(const wchar_t* application) const
     {
         return GetFileAttributesW(BitmapFile(L"base", application).c_str()) != INVALID_FILE_ATTRIBUTES;
+    }
+    // With a plan of the simulator.
+    [[nodiscard]] Result RunWith(const std::wstring& calls, std::vector<std::wstring> arguments) const
+    {
+        arguments.insert(arguments.end(), {L"--simulate", machine.directory()});
+        return vtlog_test::Process(arguments, {VTFLTSIM_CALLS_VARIABLE L"=" + calls}, L"vtfltctl.exe").Finish();
     }
 };
 
@@ -217,6 +225,66 @@ TEST_F(VtFltCtlSwitch, AVolumeIsNotMissingWhileTheListOfVolumesBreaksOff)
     // One that comes before is found.
     VTFltSimSetEnumerationFault(machine.handle(), 2, ERROR_NOT_READY);
     EXPECT_EQ(EXIT_OK, Run({L"stop", L"E:", L"--yes"}).exitCode);
+}
+
+TEST_F(VtFltCtlSwitch, ManyBackslashesDoNotHideTheClassOfVolumes)
+{
+    const std::wstring key = L"System\\CurrentControlSet\\Control\\Class\\{71A27CDD-812A-11D0-BEC7-08002BE2092F}";
+    StoreNumber(L"SOFTWARE\\Veltrix\\Lumen Protect\\Engine\\VTFltMgr\\{71A27CDD-812A-11D0-BEC7-08002BE2092F}", COUNT,
+                1);
+    for (const wchar_t* end : {L"\\", L"\\\\", L"\\\\\\"}) {
+        ExpectRefusal({L"monitor", L"on", key + end}, EXIT_REFUSED);
+        ExpectRefusal({L"monitor", L"off", key + end, L"--yes"}, EXIT_REFUSED);
+    }
+}
+
+TEST_F(VtFltCtlSwitch, ACountIsNotChangedBesideAnotherProgram)
+{
+    StoreNumber(COUNT_KEY, COUNT, 1);
+    const std::string before = Fingerprint();
+    for (const std::vector<std::wstring>& command :
+         {std::vector<std::wstring>{L"monitor", L"on"}, std::vector<std::wstring>{L"monitor", L"off", L"--yes"}}) {
+        // The first wait is for the class, before the count is looked at; it ends in vain.
+        const Result result =
+            RunWith(L"return|WaitForSingleObject|{533C5B84-EC70-11D2-9505-00C04F79DEAF}.VTFlt|1|1|0|258", command);
+        EXPECT_EQ(EXIT_BUSY, result.exitCode) << result.out << result.err;
+        EXPECT_TRUE(before == Fingerprint());
+    }
+}
+
+TEST_F(VtFltCtlSwitch, ARequestThatIsTakenBackMeanwhileIsNotTakenBackTwice)
+{
+    EXPECT_EQ(EXIT_OK, Run({L"monitor", L"on"}).exitCode);
+    vttest::Pause pause(L"VtFltCtlSwitch");
+    vttest::ChildProcess child(
+        L"vtfltctl", {L"monitor", L"off", L"--yes", L"--simulate", machine.directory()},
+        pause.Before(L"WaitForSingleObject", L"{533C5B84-EC70-11D2-9505-00C04F79DEAF}.VTFlt", 1));
+    ASSERT_TRUE(pause.AwaitReached(child));
+    // An application ends its tracking while the command waits for the count.
+    StoreNumber(COUNT_KEY, COUNT, 0);
+    pause.Go();
+    EXPECT_EQ(EXIT_REFUSED, child.Join());
+    EXPECT_EQ(0, RunJson({L"monitor", L"count"}, EXIT_OK)["count"]);
+}
+
+TEST_F(VtFltCtlSwitch, AVolumeThatDoesNotOpenIsNotStopped)
+{
+    machine.SetDriver(VTFLTSIM_DRIVER_ABSENT);
+    const Result result = RunWith(L"fail|CreateFileW|Volume" + volume.guid + L"|1|0|2", {L"stop", L"E:", L"--yes"});
+    EXPECT_EQ(EXIT_DEVICE, result.exitCode) << result.out;
+}
+
+TEST_F(VtFltCtlSwitch, NothingIsStoppedWhileABackupServiceWorksOnTheFiles)
+{
+    Register(L"Nightly");
+    const std::string before = Fingerprint();
+    for (const wchar_t* what : {L"E:", L"--all"}) {
+        const Result result = RunWith(L"return|WaitForSingleObject|Global\\" + volume.MutexName() + L"|1|1|0|258",
+                                      {L"stop", what, L"--yes"});
+        EXPECT_EQ(EXIT_BUSY, result.exitCode) << result.out << result.err;
+        EXPECT_TRUE(before == Fingerprint());
+    }
+    EXPECT_EQ(1u, machine.Info(volume).tracked);
 }
 
 } // namespace

@@ -233,5 +233,124 @@ TEST_F(VtFltCtlVerify, RebuildingReplacesWhatCannotBeReadBySafeLists)
     EXPECT_EQ("Every list can be read; nothing was changed.\n", Run({L"verify", L"rebuild", L"--yes"}).out);
 }
 
+TEST_F(VtFltCtlVerify, AnExactEntryIsThatOneOrNone)
+{
+    StoreList(VERIFY, {volume.guid});
+    for (const std::wstring& name : {L"Volume" + volume.guid, std::wstring(L"E:"), volume.Root()})
+        ExpectRefusal({L"verify", L"remove", L"Nightly", name, L"--exact", L"--yes"}, EXIT_NOT_FOUND);
+    EXPECT_EQ(EXIT_OK, Run({L"verify", L"remove", L"Nightly", volume.guid, L"--exact", L"--yes"}).exitCode);
+    EXPECT_TRUE(StoredList(VERIFY).empty());
+}
+
+TEST_F(VtFltCtlVerify, AnEntryIsTakenOffThePendingListAlone)
+{
+    StoreList(VERIFY, {volume.guid});
+    StoreList(PENDING, {L"rubbish", volume.guid, GONE});
+    ExpectRefusal({L"verify", L"remove", L"Nightly", L"rubbish", L"--pending"}, EXIT_REFUSED);
+    ExpectRefusal({L"verify", L"remove", L"Nightly", L"nothing", L"--pending", L"--exact", L"--yes"}, EXIT_NOT_FOUND);
+    EXPECT_EQ(EXIT_OK, Run({L"verify", L"remove", L"Nightly", L"rubbish", L"--pending", L"--yes"}).exitCode);
+    EXPECT_EQ((List{volume.guid, GONE}), StoredList(PENDING));
+    EXPECT_EQ(List{volume.guid}, StoredList(VERIFY));
+    // One that is another application's verify list.
+    StoreList(L"RegisteredAppIDs", {L"Nightly", L"Nightly.Last"}, IDS_KEY);
+    ExpectRefusal({L"verify", L"remove", L"Nightly.Last", volume.guid, L"--pending", L"--yes"}, EXIT_REFUSED);
+}
+
+TEST_F(VtFltCtlVerify, AddingDropsNoEntry)
+{
+    const List entries = {volume.guid.substr(0, 5), L"Volume", GONE};
+    StoreList(VERIFY, entries);
+    EXPECT_EQ(EXIT_OK, Run({L"verify", L"add", L"Nightly", L"E:"}).exitCode);
+    EXPECT_EQ((List{volume.guid, entries[0], entries[1], entries[2]}), StoredList(VERIFY));
+    StoreList(VERIFY, entries);
+    ExpectRefusal({L"verify", L"add", L"Nightly", L"--all"}, EXIT_DAMAGED);
+}
+
+TEST_F(VtFltCtlVerify, ReplicatingThatWouldDropAnEntryIsRefused)
+{
+    Register(L"Weekly");
+    const std::wstring two = volume.guid + L" " + GONE + std::wstring(L"}");
+    const auto reset = [&] {
+        for (const wchar_t* list : {DRIVER, PENDING, L"DeviceListForReSyncWeekly"})
+            StoreList(list, {});
+        StoreList(VERIFY, {volume.guid, GONE});
+    };
+    reset();
+    StoreList(DRIVER, {two});
+    ExpectRefusal({L"verify", L"replicate", L"Nightly"}, EXIT_DAMAGED);
+    reset();
+    StoreList(PENDING, {volume.guid + L" "});
+    ExpectRefusal({L"verify", L"replicate", L"Nightly"}, EXIT_DAMAGED);
+    // Another application's pending list.
+    reset();
+    StoreList(DRIVER, {L"{" + volume.guid + L"}"});
+    StoreList(VERIFY, {});
+    StoreList(L"DeviceListForReSyncWeekly", {volume.guid});
+    ExpectRefusal({L"verify", L"replicate", L"Nightly"}, EXIT_DAMAGED);
+    // What stands behind an entry that cannot be written would be lost.
+    reset();
+    StoreList(VERIFY, {L"x*", GONE});
+    StoreList(PENDING, {volume.guid});
+    ExpectRefusal({L"verify", L"replicate", L"Nightly"}, EXIT_DAMAGED);
+    // {GUID}s that are there already drop nothing.
+    reset();
+    StoreList(DRIVER, {volume.guid});
+    StoreList(PENDING, {GONE});
+    EXPECT_EQ(EXIT_OK, Run({L"verify", L"replicate", L"Nightly"}).exitCode);
+    EXPECT_EQ(2u, StoredList(VERIFY).size());
+}
+
+TEST_F(VtFltCtlVerify, AListIsNotWrittenWhileAnotherEntryWouldCutIt)
+{
+    StoreList(VERIFY, {L"x*", L"y*", GONE});
+    ExpectRefusal({L"verify", L"add", L"Nightly", L"E:"}, EXIT_DAMAGED);
+    ExpectRefusal({L"verify", L"remove", L"Nightly", L"x*", L"--exact", L"--yes"}, EXIT_DAMAGED);
+    ExpectRefusal({L"apps", L"clean", L"Nightly", L"--yes"}, EXIT_DAMAGED);
+    EXPECT_EQ(EXIT_OK, Run({L"verify", L"remove", L"Nightly", L"x*", L"y*", L"--exact", L"--yes"}).exitCode);
+    EXPECT_EQ(List{GONE}, StoredList(VERIFY));
+}
+
+TEST_F(VtFltCtlVerify, VolumesInBracketsAreNotTakenApart)
+{
+    StoreList(VERIFY, {volume.guid, GONE});
+    const std::wstring both = L"[" + volume.guid + L"," + GONE + L"]";
+    ExpectRefusal({L"verify", L"remove", L"Nightly", both, L"--yes"}, EXIT_USAGE);
+    ExpectRefusal({L"verify", L"remove", L"Nightly", L"[" + volume.guid + L"]", L"--yes"}, EXIT_USAGE);
+    ExpectRefusal({L"verify", L"add", L"Nightly", both}, EXIT_USAGE);
+    // An application may have them.
+    Register(L"[x]");
+    EXPECT_EQ(EXIT_OK, Run({L"verify", L"add", L"[x]", L"E:"}).exitCode);
+    ExpectRefusal({L"verify", L"remove", L"[x]", L"[x]", L"--yes"}, EXIT_USAGE);
+}
+
+TEST_F(VtFltCtlVerify, TextBehindAnEmptyStringMakesAListUnreadable)
+{
+    const std::wstring nul(1, L'\0');
+    for (const std::wstring& text :
+         {volume.guid + nul + nul + GONE + nul + nul, nul + volume.guid + nul + GONE + nul + nul}) {
+        const auto* const bytes = reinterpret_cast<const std::uint8_t*>(text.data());
+        machine.WriteValue(LISTS_KEY, VERIFY, REG_MULTI_SZ,
+                           std::vector<std::uint8_t>(bytes, bytes + text.size() * sizeof(wchar_t)));
+        EXPECT_NE(std::string::npos,
+                  ExpectRefusal({L"verify", L"add", L"Nightly", L"E:"}, EXIT_UNREADABLE).find("empty string"));
+        EXPECT_EQ(EXIT_OK, Run({L"verify", L"rebuild", L"--yes"}).exitCode);
+        EXPECT_EQ((List{volume.guid, GONE}), StoredList(VERIFY));
+    }
+}
+
+TEST_F(VtFltCtlVerify, AListThatCannotBeReadForTheMomentIsNotRebuilt)
+{
+    StoreList(VERIFY, {GONE});
+    StoreList(PENDING, {GONE}, LISTS_KEY, REG_SZ);
+    const std::string before = Fingerprint();
+    const vtlog_test::Result result =
+        vtlog_test::Process({L"verify", L"rebuild", L"--yes", L"--simulate", machine.directory()},
+                            {L"VTFLTSIM_CALLS=fail|RegQueryValueExW|DeviceListForReSyncNightly.Last|1|0|5"},
+                            L"vtfltctl.exe")
+            .Finish();
+    EXPECT_EQ(EXIT_UNREADABLE, result.exitCode) << result.out << result.err;
+    EXPECT_TRUE(before == Fingerprint());
+}
+
 } // namespace
 } // namespace vtfltctl_test

@@ -260,6 +260,10 @@ class BitmapFiles(unittest.TestCase):
                           [(*run, "second") for run in runs(second - first)])
         self.assertEqual(out, "offset,length,in\n" + "".join(
             f"{first * BLOCK},{count * BLOCK},{where}\n" for first, count, where in expected))
+        # What is left out of the list differs all the same.
+        code, out, _ = ctl("bitmap", "diff", a, b, "--list", "--start", str(95 * BLOCK))
+        self.assertEqual((code, out), (DIFFERENT, "offset,length,in\n"))
+        self.assertEqual(ctl("bitmap", "diff", a, a, "--list", "--start", str(95 * BLOCK))[0], OK)
         self.assertEqual(ctl("bitmap", "diff", a, a)[0], OK)
         c = write("c.dat", record(pack(first, 96), block_size=4096))
         self.assertEqual(ctl("bitmap", "diff", a, c)[0], UNKNOWN)

@@ -1,6 +1,7 @@
 // monitor, stop and device.
 #include "tools/vtfltctl_test.h"
 
+#include "common/backup_locks.h"
 #include "support/child.h"
 
 namespace vtfltctl_test {
@@ -284,6 +285,12 @@ TEST_F(VtFltCtlSwitch, NothingIsStoppedWhileABackupServiceWorksOnTheFiles)
         EXPECT_EQ(EXIT_BUSY, result.exitCode) << result.out << result.err;
         EXPECT_TRUE(before == Fingerprint());
     }
+    // Nor between the steps of a backup, where it holds no mutex of the library.
+    const vtflt::UniqueHandle backup(
+        CreateMutexW(nullptr, TRUE, toolkit::LockNames(machine.directory()).Volume(volume.guid).c_str()));
+    ExpectRefusal({L"stop", L"E:", L"--yes"}, EXIT_BUSY);
+    ExpectRefusal({L"stop", L"--all", L"--yes"}, EXIT_BUSY);
+    ReleaseMutex(backup.get());
     EXPECT_EQ(1u, machine.Info(volume).tracked);
 }
 

@@ -1,4 +1,5 @@
 // stop: ends the tracking of a volume, or deletes the bitmap files of all.
+#include "backup_pause.h"
 #include "bitmap_live.h"
 #include "fixed_volumes.h"
 #include "library.h"
@@ -65,6 +66,7 @@ Exit StopAll(const Context& context)
 {
     RequireYes(context, "would delete the bitmap files of every application on every fixed volume");
     const std::vector<bitmap::VolumeName> volumes = FixedVolumes();
+    const BackupPause pause(context, {}, FixedVolumeGuids());
     const std::vector<std::unique_ptr<VolumeLock>> locks = LockAll(volumes);
     // The codes of all volumes ORed: not zero says that something failed, and not what.
     const DWORD result = VTFltStopMonitorVolumes();
@@ -88,6 +90,7 @@ Exit StopOne(const Context& context, const std::wstring& name)
                                     "on it",
                                     Shown(volume.name)));
     const std::wstring device = vtflt::StripTrailingBackslash(volume.path);
+    const BackupPause pause(context, {}, {vtflt::GetVolumeGuid(volume.path)});
     const std::unique_ptr<VolumeLock> lock = LockBitmapFiles(volume);
     const DWORD result = VTFltStopMonitorVolume(device.c_str());
     if (!IsMissing(result) || !IsKnownStopped(volume) || HasBitmapFolder(volume))

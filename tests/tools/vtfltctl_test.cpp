@@ -31,12 +31,11 @@ const char* ResultOf(DWORD exitCode)
     return found == NAMES.end() ? "?" : found->second;
 }
 
-// As the program's start-up code reads it back: a backslash before the closing quote would take it away.
+// As the program's start-up code reads it back: backslashes before the closing quote would take it away.
 std::wstring Argument(std::wstring text)
 {
-    if (text.ends_with(L'\\'))
-        text += L'\\';
-    return text;
+    const std::size_t end = text.find_last_not_of(L'\\') + 1;
+    return text + std::wstring(text.size() - end, L'\\');
 }
 
 void CollectKey(HKEY key, const std::wstring& path, std::map<std::wstring, std::string>& values)

@@ -121,8 +121,16 @@ Process::Process(const std::vector<std::wstring>& arguments, const std::vector<s
         line += L" \"" + argument + L"\"";
     std::wstring environment = EnvironmentWith(variables);
     PROCESS_INFORMATION process = {};
-    if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, CREATE_UNICODE_ENVIRONMENT, environment.data(),
-                        nullptr, &startup, &process))
+    const auto start = [&] {
+        return CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, CREATE_UNICODE_ENVIRONMENT,
+                              environment.data(), nullptr, &startup, &process) != FALSE;
+    };
+    // About once in a thousand starts on a busy machine Wine gives ERROR_INTERNAL_ERROR for a process that was gone
+    // before it came to the program.
+    bool started = start();
+    for (int again = 0; again < 2 && !started && GetLastError() == ERROR_INTERNAL_ERROR; ++again)
+        started = start();
+    if (!started)
         throw std::runtime_error("the program could not be started, error " + std::to_string(GetLastError()));
     CloseHandle(process.hThread);
     m_process.reset(process.hProcess);

@@ -16,4 +16,5 @@ vt_add_double_program(proof_tests LINKED ${proof_sources} ${proof_test_sources} 
 vt_add_double_test(double.proof_tests proof_tests)
 # A process that is killed leaves on the stack what the double and the simulator had there; of the library's own heap each
 # process's account is looked at when it ends.
-set_tests_properties(${VT_CONFIGURATION}.double.proof_tests PROPERTIES ENVIRONMENT "ASAN_OPTIONS=detect_leaks=0")
+set_tests_properties(${VT_CONFIGURATION}.double.proof_tests PROPERTIES ENVIRONMENT "ASAN_OPTIONS=detect_leaks=0"
+    TIMEOUT 1500) # where coverage is counted it takes several times as long

@@ -236,7 +236,8 @@ private:
 };
 
 // Runs a history and settles. Empty, or what is wrong and where; *trace (may be null) gets the trace's number.
-std::string RunHistory(const History& history, std::uint64_t* trace = nullptr, bool tell = false);
+std::string RunHistory(const History& history, std::uint64_t* trace = nullptr, bool tell = false,
+                       World::Thoroughly thoroughly = World::Thoroughly::Yes);
 // The same, for one of many: *struck says whether the last operation with faults met one.
 std::string RunHistory(const History& history, World::Thoroughly thoroughly, bool* struck);
 

@@ -332,12 +332,12 @@ std::string RunHistory(const History& history, World::Thoroughly thoroughly, boo
     return RunToTheEnd(world, history, thoroughly, struck);
 }
 
-std::string RunHistory(const History& history, std::uint64_t* trace, bool tell)
+std::string RunHistory(const History& history, std::uint64_t* trace, bool tell, World::Thoroughly thoroughly)
 {
     World world(history.volumes);
     if (tell)
         world.TellStory();
-    const std::string wrong = RunToTheEnd(world, history, World::Thoroughly::Yes, nullptr);
+    const std::string wrong = RunToTheEnd(world, history, thoroughly, nullptr);
     if (trace != nullptr)
         *trace = world.Trace();
     return wrong;

@@ -84,7 +84,10 @@ int Histories(const Options& options)
         const std::uint64_t seed = options.seed + options.part + done * options.parts;
         const History history = ChooseHistory(seed);
         std::uint64_t trace = 0;
-        const std::string wrong = RunHistory(history, &trace);
+        // A lost change shows in the first backups behind a history; whether nothing at all is left of it takes as long
+        // again. What is broken by the short way is so by the long one.
+        const auto thoroughly = seed % 4 == 0 ? World::Thoroughly::Yes : World::Thoroughly::No;
+        const std::string wrong = RunHistory(history, &trace, false, thoroughly);
         traces = (traces ^ trace) * 0x100000001b3ull;
         if (!wrong.empty()) {
             std::fprintf(stderr, "seed %llu\n", static_cast<unsigned long long>(seed));

@@ -228,6 +228,7 @@ void Soak::BackUp(Worker& worker, std::size_t volume)
     Series& series = worker.series[volume];
     std::vector<std::wstring> arguments = Arguments(L"backup", worker, volume);
     arguments.emplace_back(L"--keep-snapshot");
+    arguments.insert(arguments.end(), {L"--audit", L"100"}); // a loss that it finds is one of the library's
     const bool anew = series.since >= BACKUPS_IN_A_CHAIN;
     if (anew)
         arguments.emplace_back(L"--full");

@@ -53,6 +53,14 @@ TEST_F(VtBackupUsage, AWrongCommandLineIsExitCode2WithTheReasonOnStandardError)
     }
 }
 
+TEST_F(VtBackupUsage, ANumberThatIsNoneIsNamed)
+{
+    const Result result =
+        Run({L"backup", L"--app", L"App", L"--repo", repository, L"--volume", volume.guid, L"--audit", L"0"});
+    EXPECT_EQ(EXIT_USAGE, result.exitCode);
+    EXPECT_NE(std::string::npos, result.err.find("--audit: 0 is no whole number above 0")) << result.err;
+}
+
 TEST_F(VtBackupUsage, AFailureWithJsonIsAnObjectWithResultAndMessage)
 {
     const Result result = Run({L"list", L"--json", L"--repo", repository});

@@ -14,10 +14,12 @@ constexpr std::uint64_t FEWEST_FOR_RULE_OF_THREE = 20;
 // Below limit, every number with the same chance: what does not divide evenly is drawn again.
 std::uint64_t Below(std::uint64_t limit, std::mt19937_64& random)
 {
-    const std::uint64_t uneven = (0 - limit) % limit; // 2^64 modulo limit
     std::uint64_t drawn = random();
-    while (drawn < uneven)
-        drawn = random();
+    if (drawn < limit) { // else it divides evenly, and a long division is saved for almost every block of a volume
+        const std::uint64_t uneven = (0 - limit) % limit; // 2^64 modulo limit
+        while (drawn < uneven)
+            drawn = random();
+    }
     return drawn % limit;
 }
 

@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <charconv>
 #include <iostream>
 
 namespace vtbackup {
@@ -26,6 +27,15 @@ constexpr const char* FOOTER = R"(Exit codes:
   11 repository     a file could not be read or written
   12 lost-tracking  the audit found missed changes: no backup was made, the next ones read everything
   13 not-marked     as 12, but an application may not know that it has to read everything)";
+
+// Of a count or a number that starts at 1.
+std::string RequireAboveZero(const std::string& text)
+{
+    std::uint64_t number = 0;
+    const char* const end = text.data() + text.size();
+    const std::from_chars_result read = std::from_chars(text.data(), end, number); // CLI's own reading cuts large ones
+    return read.ec == std::errc() && read.ptr == end && number > 0 ? "" : text + " is no whole number above 0";
+}
 
 void AddCommon(CLI::App& command, Options& options, bool needsApplication)
 {
@@ -69,7 +79,7 @@ void AddBackup(CLI::App& app, Options& options)
         .add_option("--audit", options.audit,
                     "compare N random blocks that count as unchanged with the repository, before the backup")
         ->type_name("N")
-        ->check(CLI::PositiveNumber);
+        ->check(RequireAboveZero);
     command.add_flag("--keep-snapshot", options.keepSnapshot, "do not delete the snapshot; its device is printed");
     command.add_option("--snapshot-create", options.snapshotCreate,
                        "command that takes a snapshot of %VTBACKUP_VOLUME% and prints its device path");
@@ -82,7 +92,7 @@ void AddRestore(CLI::App& app, Options& options)
     AddCommon(command, options, true);
     AddVolume(command, options, true);
     command.add_option("--backup", options.backup, "number of the backup; the latest without it")
-        ->check(CLI::PositiveNumber);
+        ->check(RequireAboveZero);
     command.add_option("--to", options.to, "file to make, or {...} of the volume to overwrite")->required();
     command.add_flag("--overwrite", options.overwrite, "replace an existing file");
 }

@@ -87,12 +87,20 @@ Process::Process(const std::vector<std::wstring>& arguments, const std::wstring&
         line += L" \"" + argument + L"\"";
     std::wstring environment = EnvironmentWith(L"VTFLTSIM_CALLS=" + calls);
     PROCESS_INFORMATION process = {};
-    const BOOL started = CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, CREATE_UNICODE_ENVIRONMENT,
-                                        environment.data(), nullptr, &startup, &process);
-    const DWORD error = GetLastError();
+    const auto start = [&] {
+        return CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, CREATE_UNICODE_ENVIRONMENT,
+                              environment.data(), nullptr, &startup, &process)
+                   ? ERROR_SUCCESS
+                   : GetLastError();
+    };
+    // About once in a thousand starts on a busy machine Wine gives ERROR_INTERNAL_ERROR for a process that was gone
+    // before it came to the program.
+    DWORD error = start();
+    for (int again = 0; again < 2 && error == ERROR_INTERNAL_ERROR; ++again)
+        error = start();
     CloseHandle(out);
     CloseHandle(err);
-    if (!started)
+    if (error != ERROR_SUCCESS)
         throw vtfltsim::SimError("starting vtbackup.exe", error);
     CloseHandle(process.hThread);
     m_process = process.hProcess;

@@ -254,7 +254,7 @@ TEST(ReportPageTest, HundredsOfBackupsAreAPictureOfBoundedSize)
     const std::string page = ReportPage({"id", "folder", {SomeChain(700)}, {}});
     EXPECT_EQ(88u, CountOf(page, "<g class=\"column\"")); // 700 in groups of eight
     EXPECT_EQ(700u, CountOf(page, "<tr id=\"chain-1-backup-"));
-    EXPECT_NE(std::string::npos, page.find("A column is 8 backups."));
+    EXPECT_NE(std::string::npos, page.find("A column is 8 backups, its colour their average."));
     EXPECT_NE(std::string::npos, page.find("<title>backups 9 to 16: 0 full, 0 verify, 8 incremental\n32.0 KiB stored"));
     EXPECT_NE(std::string::npos, page.find("1 of 8 blocks changed (12.5 %), all these backups together"));
 }
@@ -323,6 +323,35 @@ TEST(ReportPageTest, NothingIsKnownOfAChainWithDamagedManifestsOnly)
     const std::string page = ReportPage({"id", "folder", {chain, {}}, {"a chain"}});
     EXPECT_NE(std::string::npos, page.find("data-chains=\"2\" data-backups=\"2\" data-problems=\"3\""));
     EXPECT_NE(std::string::npos, page.find("no backup yet"));
+}
+
+TEST(ReportPageTest, RareMarksLieOverFrequentOnes)
+{
+    ReportChain chain = SomeChain(3);
+    chain.backups[1].kind = ReportKind::Verify;
+    const std::string page = ReportPage({"id", "folder", {chain}, {}});
+    const std::size_t incremental = page.find("<use class=\"mark incremental\" data-to=");
+    const std::size_t verify = page.find("<use class=\"mark verify\" data-to=");
+    EXPECT_LT(incremental, verify);
+    EXPECT_LT(verify, page.find("<use class=\"mark full\" data-to="));
+}
+
+TEST(ReportPageTest, WhatBuildsOnABrokenBackupIsOneItem)
+{
+    ReportChain chain = SomeChain(9);
+    chain.backups[2].problem = "broken";
+    for (const std::size_t place : {3u, 4u, 5u, 8u}) {
+        chain.backups[place].problem = "it builds on it";
+        chain.backups[place].onlyLinked = true;
+    }
+    const std::string page = ReportPage({"id", "folder", {chain}, {}});
+    const std::size_t begin = page.find("id=\"problems\"");
+    const std::string problems = page.substr(begin, page.find("</section>", begin) - begin);
+    EXPECT_EQ(3u, CountOf(problems, "<li>")) << problems;
+    EXPECT_NE(std::string::npos, problems.find(">Backup 3 of")) << problems;
+    EXPECT_NE(std::string::npos, problems.find(">backup 6</a>: 3 in all</li>")) << problems;
+    EXPECT_NE(std::string::npos, problems.find(">Backup 9 of")) << problems;
+    EXPECT_NE(std::string::npos, page.find("data-problems=\"5\""));
 }
 
 TEST(ReportPageTest, FiguresOfAnySizeAreDrawn)

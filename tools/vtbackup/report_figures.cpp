@@ -91,6 +91,7 @@ public:
         try {
             Read(manifest, backup, progress);
             backup.problem = LinkProblem(m_whole, manifest);
+            backup.onlyLinked = !backup.problem.empty();
         } catch (const Failure& failure) {
             if (failure.Code() == Exit::Interrupted)
                 throw;

@@ -163,8 +163,16 @@ class Page(unittest.TestCase):
 
     def test_the_pictures_are_reached_by_keys(self):
         tip = "document.querySelector('.tip')"
+        # First come the lines of time, then the pictures.
         for _ in range(60):
             self.browser.key("Tab")
+            if self.value("document.activeElement.matches('svg.marks')"):
+                self.browser.key("Home")
+                self.assertTrue(self.value(f"{tip}.textContent").startswith("backup 1, "))
+                self.browser.key("End")
+                last = self.value("""Math.max(...[...document.activeElement.querySelectorAll('.mark')]
+                    .map(mark => Number(mark.dataset.to.split('-').pop())))""")
+                self.assertTrue(self.value(f"{tip}.textContent").startswith(f"backup {last}, "))
             if self.value("document.activeElement.matches('svg.columns')"):
                 break
         self.assertTrue(self.value("document.activeElement.matches('svg.columns')"))
@@ -201,11 +209,12 @@ class Page(unittest.TestCase):
         with open(self.file("report.pdf"), "rb") as file:
             self.assertEqual(b"%PDF", file.read(4))
         # Paper is white whatever the screen is, and shows every row.
+        self.value("document.getElementById('theme-dark').click()")
         self.browser.media(media="print", scheme="dark")
         self.assertGreater(self.brightness(), 0.9)
         self.assertLess(self.brightness(property_="color"), 0.3)
-        self.assertEqual(0, self.value("""[...document.querySelectorAll('section.chain .scroll')].filter(
-            box => box.offsetParent && box.scrollHeight > box.clientHeight + 1).length"""))
+        self.assertEqual([], self.value("""[...document.querySelectorAll('section .scroll, .wide')].map(box => getComputedStyle(box))
+            .map(style => style.overflow + ' ' + style.maxHeight).filter(text => text !== 'visible none')"""))
         self.assertEqual("none", self.value("getComputedStyle(document.querySelector('.theme')).display"))
 
     def test_the_damage_is_linked_to_its_row(self):

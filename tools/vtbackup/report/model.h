@@ -33,6 +33,7 @@ struct ReportBackup {
     std::uint64_t sequence = 0;
     bool unfinished = false; // there is no manifest: interrupted, or at work just now
     std::string problem;     // not empty: it cannot be restored
+    bool onlyLinked = false; // nothing is wrong with it but what it builds on
 
     // The manifest could be read: what follows comes from there.
     bool described = false;

@@ -84,20 +84,38 @@ std::string Tiles(const ReportTotals& totals)
            Tile("Read", SizeElement(totals.bytesRead, "total-read"), "from the snapshots") + "</dl>\n";
 }
 
+// One broken backup takes all that build on it along: those are one item.
+std::string ProblemsOf(const ReportChain& chain, std::size_t number)
+{
+    std::string items;
+    const std::vector<ReportBackup>& backups = chain.backups;
+    for (std::size_t i = 0; i < backups.size(); ++i) {
+        const ReportBackup& first = backups[i];
+        if (first.problem.empty())
+            continue;
+        std::size_t more = 0;
+        while (first.onlyLinked && i + 1 < backups.size() && backups[i + 1].onlyLinked) {
+            ++i;
+            ++more;
+        }
+        items += fmt::format("<li><a href=\"#{}\">Backup {} of {} by <bdi>{}</bdi></a>: <bdi>{}</bdi>",
+                             BackupAnchor(number, first), first.sequence, Escaped(chain.volume, 100),
+                             Escaped(chain.application, 100), Escaped(first.problem));
+        if (more != 0)
+            items += fmt::format("; so does what follows it up to <a href=\"#{}\">backup {}</a>: {} in all",
+                                 BackupAnchor(number, backups[i]), backups[i].sequence, CountText(more + 1));
+        items += "</li>\n";
+    }
+    return items;
+}
+
 std::string Problems(const Report& report)
 {
     std::string items;
     for (const std::string& problem : report.problems)
         items += fmt::format("<li><bdi>{}</bdi></li>\n", Escaped(problem));
-    for (std::size_t i = 0; i < report.chains.size(); ++i) {
-        const ReportChain& chain = report.chains[i];
-        for (const ReportBackup& backup : chain.backups) {
-            if (!backup.problem.empty())
-                items += fmt::format("<li><a href=\"#{}\">Backup {} of {} by <bdi>{}</bdi></a>: <bdi>{}</bdi></li>\n",
-                                     BackupAnchor(i, backup), backup.sequence, Escaped(chain.volume, 100),
-                                     Escaped(chain.application, 100), Escaped(backup.problem));
-        }
-    }
+    for (std::size_t i = 0; i < report.chains.size(); ++i)
+        items += ProblemsOf(report.chains[i], i);
     if (items.empty())
         return {};
     return "<section id=\"problems\"><h2>Damage</h2><p>These cannot be restored. The next backup of a chain whose latest "

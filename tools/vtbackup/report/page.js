@@ -53,6 +53,9 @@
     const stops = [...plot.querySelectorAll(".column, .marks > .mark")];
     if (stops.length === 0)
       return;
+    // Marks of a timeline lie in layers.
+    const sequence = (stop) => Number(stop.dataset.to.split("-").pop());
+    stops.sort((a, b) => sequence(a) - sequence(b));
     let column = stops.length - 1;
     let cell = -1; // the column itself, above its cells
     let at = null;

@@ -218,10 +218,10 @@ private:
             swatch(fmt::format("heat step-{}", i + 1), std::string(i == 0 ? "up to " : "") + STEPS[i].text);
         swatch("ground whole", "full: changes not known");
         swatch("ground unknown", "not readable");
-        const std::string together =
-            m_columns.size() == m_chain.backups.size()
-                ? std::string()
-                : fmt::format(" A column is {} backups.", m_columns.front().end - m_columns.front().begin);
+        const std::string together = m_columns.size() == m_chain.backups.size()
+                                         ? std::string()
+                                         : fmt::format(" A column is {} backups, its colour their average.",
+                                                       m_columns.front().end - m_columns.front().begin);
         return fmt::format(
             "<figcaption>Above: bytes stored. Below: the blocks that changed, by their place in the volume "
             "({} a row), as a share of all blocks there.{}<ul class=\"legend\">{}</ul></figcaption>",

@@ -4,6 +4,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
+#include <numeric>
 #include <optional>
 
 namespace vtbackup {
@@ -73,19 +75,22 @@ private:
     std::int64_t m_last = 0;
 };
 
+// The rarer marks are drawn over the others, or among hundreds of incremental backups nobody would see a full one.
 std::string Marks(const ReportChain& chain, std::size_t number, const TimeScale& scale)
 {
-    std::string marks;
+    constexpr std::size_t LAYERS = static_cast<std::size_t>(ReportColumn::Mark::Damaged) + 1;
+    std::array<std::string, LAYERS> layers;
     for (const ReportBackup& backup : chain.backups) {
         const std::optional<std::int64_t> time = SecondsOf(backup.time);
         if (!time)
             continue;
-        const char* const name = NameOf(MarkOf(backup));
-        marks += fmt::format("<use class=\"mark {0}\" data-to=\"{1}\" href=\"#mark-{0}\" x=\"{2:.2f}%\" y=\"14\">"
-                             "<title>{3}</title></use>",
-                             name, BackupAnchor(number, backup), scale.PlaceOf(*time), SummaryOf(backup));
+        const ReportColumn::Mark mark = MarkOf(backup);
+        layers[static_cast<std::size_t>(mark)] +=
+            fmt::format("<use class=\"mark {0}\" data-to=\"{1}\" href=\"#mark-{0}\" x=\"{2:.2f}%\" y=\"14\">"
+                        "<title>{3}</title></use>",
+                        NameOf(mark), BackupAnchor(number, backup), scale.PlaceOf(*time), SummaryOf(backup));
     }
-    return marks;
+    return std::accumulate(layers.begin(), layers.end(), std::string());
 }
 
 // Backups that no place on the axis can be given.

@@ -1,6 +1,7 @@
 // vtfltsim: builds and scripts simulated machines from the command line.
 //
-// Exit codes: 0 done; 1 the simulator refused, with the reason on standard error; 2 the command line is wrong.
+// Exit codes: 0 done; 1 the simulator refused, with the reason on standard error; 2 the command line is wrong; of run, the
+// program's own.
 #include "vtfltsim/VTFltSim.hpp"
 #include "vtfltsim/VTFltSimForget.h"
 
@@ -23,7 +24,8 @@ std::string ToUtf8(const std::wstring& text)
 {
     if (text.empty())
         return {};
-    const int size = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
+    const int size =
+        WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
     std::string result(static_cast<std::size_t>(size), '\0');
     WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), result.data(), size, nullptr, nullptr);
     return result;
@@ -79,6 +81,8 @@ struct Options {
     std::string endpoint;
     unsigned error = 0;
     unsigned nth = 1;
+    std::vector<std::string> program; // with its arguments
+    int exitCode = 0;
 };
 
 void Show(const Options& options)
@@ -141,13 +145,15 @@ void Write(const Options& options)
     VTFLTSIM_VOLUME_INFO info = {};
     info.size = sizeof(info);
     Check("finding the volume", VTFltSimGetVolumeInfo(machine.get(), volume.c_str(), &info));
-    const std::uint64_t length = std::min<std::uint64_t>(options.length == 0 ? info.blockSize : options.length, 1u << 30);
+    const std::uint64_t length =
+        std::min<std::uint64_t>(options.length == 0 ? info.blockSize : options.length, 1u << 30);
     const std::vector<std::uint8_t> data(length, static_cast<std::uint8_t>(options.fill));
     std::mt19937_64 random(options.seed);
     for (unsigned i = 0; i < options.count; ++i) {
         const std::uint64_t room = info.length > length ? info.length - length : 0;
         const std::uint64_t offset = options.count == 1 ? options.offset : random() % (room + 1);
-        Check("writing", VTFltSimWriteVolume(machine.get(), volume.c_str(), offset, data.data(), static_cast<DWORD>(length)));
+        Check("writing",
+              VTFltSimWriteVolume(machine.get(), volume.c_str(), offset, data.data(), static_cast<DWORD>(length)));
     }
 }
 
@@ -188,8 +194,8 @@ void SetUtility(const Options& options)
 void AddFault(const Options& options)
 {
     static const std::map<std::string, DWORD> CODES = {
-        {"get-bitmap", 0xB0000002},   {"get-block-size", 0xB0000006},       {"block-size-change", 0xB0000009},
-        {"replication-success", 0xB0000011}, {"prepare-for-snapshot", 0xB0000015}, {"stop-volume", 0xB000001D},
+        {"get-bitmap", 0xB0000002},           {"get-block-size", 0xB0000006},        {"block-size-change", 0xB0000009},
+        {"replication-success", 0xB0000011},  {"prepare-for-snapshot", 0xB0000015},  {"stop-volume", 0xB000001D},
         {"update-device-config", 0xB0000046}, {"prepare-for-uninstall", 0xB000004A}, {"get-length", 0x7405C}};
     const Opened machine(options.directory);
     std::wstring endpoint = ToWide(options.endpoint);
@@ -198,6 +204,38 @@ void AddFault(const Options& options)
     Check("planning the fault",
           VTFltSimFailRequest(machine.get(), CODES.at(options.code), endpoint.empty() ? nullptr : endpoint.c_str(),
                               options.nth, options.count, options.error));
+}
+
+// As the C run-time of the program takes it apart again.
+std::wstring Quoted(const std::string& argument)
+{
+    const std::wstring text = ToWide(argument);
+    if (!text.empty() && text.find_first_of(L" \t\"") == std::wstring::npos)
+        return text;
+    std::wstring quoted = L"\"";
+    std::size_t backslashes = 0;
+    for (const wchar_t c : text) {
+        if (c == L'"')
+            quoted.append(backslashes + 1, L'\\');
+        backslashes = c == L'\\' ? backslashes + 1 : 0;
+        quoted.push_back(c);
+    }
+    return quoted.append(backslashes, L'\\') + L"\"";
+}
+
+void Run(Options& options)
+{
+    std::wstring line;
+    for (const auto& argument : options.program)
+        line += (line.empty() ? L"" : L" ") + Quoted(argument);
+    PROCESS_INFORMATION process = {};
+    Check("starting the program", VTFltSimStartProgram(ToWide(options.directory).c_str(), line.c_str(), 0, &process));
+    WaitForSingleObject(process.hProcess, INFINITE);
+    DWORD code = EXIT_REFUSED;
+    GetExitCodeProcess(process.hProcess, &code);
+    CloseHandle(process.hThread);
+    CloseHandle(process.hProcess);
+    options.exitCode = static_cast<int>(code);
 }
 
 // Adds a command that works on a machine; work runs when it was chosen.
@@ -243,10 +281,11 @@ void DefineVolumes(CLI::App& app, Options& options)
         Check("resizing", VTFltSimResizeVolume(Opened(o.directory).get(), ToWide(o.volume).c_str(), o.length));
     });
     resize->add_option("length", options.length, "new length in bytes")->required()->transform(size);
-    CLI::App* block = VolumeCommand(app, options, "block-size", "change a volume's tracking block size", [](const Options& o) {
-        Check("changing the block size", VTFltSimSetBlockSize(Opened(o.directory).get(), ToWide(o.volume).c_str(),
-                                                              static_cast<DWORD>(o.blockSize)));
-    });
+    CLI::App* block =
+        VolumeCommand(app, options, "block-size", "change a volume's tracking block size", [](const Options& o) {
+            Check("changing the block size", VTFltSimSetBlockSize(Opened(o.directory).get(), ToWide(o.volume).c_str(),
+                                                                  static_cast<DWORD>(o.blockSize)));
+        });
     block->add_option("size", options.blockSize, "new size, a multiple of 512")->required()->transform(size);
     VolumeCommand(app, options, "lose-tracking", "let the driver lose track of a volume", [](const Options& o) {
         Check("losing track", VTFltSimLoseTracking(Opened(o.directory).get(), ToWide(o.volume).c_str()));
@@ -297,18 +336,16 @@ void DefineSystem(CLI::App& app, Options& options)
     fault->add_option("request", options.code, "which request")
         ->required()
         ->check(CLI::IsMember({"get-bitmap", "get-block-size", "block-size-change", "replication-success",
-                               "prepare-for-snapshot", "stop-volume", "update-device-config",
-                               "prepare-for-uninstall", "get-length"}));
+                               "prepare-for-snapshot", "stop-volume", "update-device-config", "prepare-for-uninstall",
+                               "get-length"}));
     fault->add_option("error", options.error, "error code")->required();
     fault->add_option("--on", options.endpoint, "a volume, a snapshot's device path, or control (default: any)");
     fault->add_option("--nth", options.nth, "first request that fails, from now (default 1)");
     fault->add_option("--count", options.count, "how many fail (default 1; 0: all from there on)");
-    Command(app, options, "clear-faults", "end all planned failures", [](const Options& o) {
-        Check("clearing", VTFltSimClearFaults(Opened(o.directory).get()));
-    });
-    Command(app, options, "reboot", "restart the machine", [](const Options& o) {
-        Check("restarting", VTFltSimReboot(Opened(o.directory).get()));
-    });
+    Command(app, options, "clear-faults", "end all planned failures",
+            [](const Options& o) { Check("clearing", VTFltSimClearFaults(Opened(o.directory).get())); });
+    Command(app, options, "reboot", "restart the machine",
+            [](const Options& o) { Check("restarting", VTFltSimReboot(Opened(o.directory).get())); });
 }
 
 } // namespace
@@ -328,15 +365,24 @@ int wmain(int argc, wchar_t** argv)
         Check("creating the machine", VTFltSimCreate(ToWide(o.directory).c_str(), &machine));
         VTFltSimClose(machine);
     });
-    Command(app, options, "destroy", "remove a machine with all its contents", [](const Options& o) {
-        Check("removing the machine", VTFltSimDestroy(ToWide(o.directory).c_str()));
-    });
+    Command(app, options, "destroy", "remove a machine with all its contents",
+            [](const Options& o) { Check("removing the machine", VTFltSimDestroy(ToWide(o.directory).c_str())); });
     Command(app, options, "show", "print volumes, change counts and snapshots", Show);
     DefineVolumes(app, options);
     DefineSystem(app, options);
+    CLI::App* run = app.add_subcommand("run", "run a program, unmodified, under a machine; ends with its exit code");
+    run->add_option("directory", options.directory, "the machine's directory")->required();
+    run->prefix_command(); // what follows is the program's
+    run->footer("Behind the directory: the program and its arguments.");
+    run->callback([&options, run] {
+        options.program = run->remaining();
+        if (options.program.empty())
+            throw CLI::RequiredError("program");
+        Run(options);
+    });
     try {
         app.parse(std::move(arguments));
-        return 0;
+        return options.exitCode;
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : EXIT_USAGE;
     } catch (const SimError& error) {

@@ -9,6 +9,7 @@
 #include <sddl.h>
 #include <winver.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <type_traits>
@@ -62,6 +63,18 @@ std::wstring Join(A... arguments)
     return text;
 }
 
+std::atomic<bool> g_redirectAddresses;
+
+FARPROC Redirected(FARPROC found, HMODULE /*module*/, LPCSTR name)
+{
+    if (found == nullptr || !g_redirectAddresses || reinterpret_cast<ULONG_PTR>(name) < 0x10000)
+        return found;
+    const unsigned index = FindHook(name);
+    if (index == HOOK_COUNT || HookTable()[index].passed)
+        return found;
+    return reinterpret_cast<FARPROC>(HookTable()[index].replacement);
+}
+
 enum class Fails { ByLastError, ByResult };
 
 template <Hook H, Fails F, class Function>
@@ -79,6 +92,9 @@ struct Passed<H, F, R (*)(A...)> {
                 original(arguments...);
             if (verdict.what == Verdict::What::KillsAfter)
                 calls::KillProcess();
+        } else if constexpr (H == Hook::GetProcAddress) {
+            return Call<R>(H, R{}, text,
+                           [&](const Verdict&) { return Redirected(original(arguments...), arguments...); });
         } else if constexpr (F == Fails::ByResult) {
             return StatusCall<R>(H, text, [&](const Verdict&) { return original(arguments...); });
         } else {
@@ -89,7 +105,8 @@ struct Passed<H, F, R (*)(A...)> {
 
 // Some C run-times declare their functions as not throwing.
 template <Hook H, Fails F, class R, class... A>
-struct Passed<H, F, R (*)(A...) noexcept> : Passed<H, F, R (*)(A...)> {};
+struct Passed<H, F, R (*)(A...) noexcept> : Passed<H, F, R (*)(A...)> {
+};
 
 template <Hook H>
 constexpr Fails FailureOf()
@@ -145,6 +162,11 @@ const HookEntry* HookTable()
 const wchar_t* HookName(Hook hook)
 {
     return NAMES[static_cast<unsigned>(hook)];
+}
+
+void RedirectAddresses()
+{
+    g_redirectAddresses = true;
 }
 
 unsigned FindHook(const char* name)

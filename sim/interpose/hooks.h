@@ -5,6 +5,7 @@
 
 namespace vtfltsim {
 
+// clang-format off
 // Functions with a meaning of their own on a simulated machine, or whose handles are accounted for.
 #define VTFLTSIM_OWN_HOOKS(X)                                                                                          \
     X(CreateFileW) X(ReadFile) X(WriteFile) X(SetFilePointer) X(SetFilePointerEx) X(GetFileSizeEx) X(GetFileSize)      \
@@ -23,14 +24,12 @@ namespace vtfltsim {
 
 // Functions that always go to the system, and can be counted, recorded and made to fail.
 #define VTFLTSIM_PASSED_HOOKS(X)                                                                                       \
-    X(SetEvent)                                                                                                        \
-    X(ResetEvent) X(MapViewOfFile) X(UnmapViewOfFile) X(GetLocalTime) X(GetComputerNameW) X(GetVersionExW)             \
-        X(GetNativeSystemInfo) X(IsWow64Process) X(GetModuleFileNameW) X(GetModuleHandleExW) X(GetModuleHandleW)       \
-            X(GetProcAddress) X(GetTempPathW) X(VirtualQuery) X(GetAce) X(InitializeSecurityDescriptor)                \
-                X(SetSecurityDescriptorDacl) X(ConvertStringSidToSidW) X(GetNamedSecurityInfoW) X(SetEntriesInAclW)    \
-                    X(SetNamedSecurityInfoW) X(GetFileVersionInfoSizeW) X(GetFileVersionInfoW) X(VerQueryValueW)       \
-                        X(UuidCreate) X(RegEnumValueW) X(RegEnumKeyExW) X(RegQueryInfoKeyW) X(LocalAlloc) X(HeapAlloc) \
-                            X(malloc) X(calloc) X(realloc)
+    X(SetEvent) X(ResetEvent) X(MapViewOfFile) X(UnmapViewOfFile) X(GetLocalTime) X(GetComputerNameW) X(GetVersionExW) \
+    X(GetNativeSystemInfo) X(IsWow64Process) X(GetModuleFileNameW) X(GetModuleHandleExW) X(GetModuleHandleW)           \
+    X(GetProcAddress) X(GetTempPathW) X(VirtualQuery) X(GetAce) X(InitializeSecurityDescriptor)                        \
+    X(SetSecurityDescriptorDacl) X(ConvertStringSidToSidW) X(GetNamedSecurityInfoW) X(SetEntriesInAclW)                \
+    X(SetNamedSecurityInfoW) X(GetFileVersionInfoSizeW) X(GetFileVersionInfoW) X(VerQueryValueW) X(UuidCreate)         \
+    X(RegEnumValueW) X(RegEnumKeyExW) X(RegQueryInfoKeyW) X(LocalAlloc) X(HeapAlloc) X(malloc) X(calloc) X(realloc)
 
 enum class Hook : unsigned {
 #define VTFLTSIM_NAME(name) name,
@@ -38,6 +37,7 @@ enum class Hook : unsigned {
 #undef VTFLTSIM_NAME
     Count
 };
+// clang-format on
 
 inline constexpr unsigned HOOK_COUNT = static_cast<unsigned>(Hook::Count);
 
@@ -59,6 +59,10 @@ const wchar_t* HookName(Hook hook);
 // HOOK_COUNT when no such import is redirected.
 unsigned FindHook(const char* name);
 unsigned FindHook(const wchar_t* name);
+
+// From now on GetProcAddress, called by an attached module, gives the replacements of functions with a meaning of their own
+// on a simulated machine: for programs that bind by name what they call.
+void RedirectAddresses();
 
 // What the first attached module's import of a passed function pointed to.
 void* OriginalOf(Hook hook);

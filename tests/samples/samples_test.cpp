@@ -147,7 +147,8 @@ TEST_P(Samples, WithoutTheDriverThereIsNoBackup)
 
 TEST_P(Samples, AMachineThatIsNotThereIsAnError)
 {
-    EXPECT_EQ(1u, ChildProcess(GetParam(), {m_machine.directory() + L".none", m_volume.guid, L"Sample", m_copy}).Join());
+    EXPECT_EQ(1u,
+              ChildProcess(GetParam(), {m_machine.directory() + L".none", m_volume.guid, L"Sample", m_copy}).Join());
     EXPECT_EQ(2u, ChildProcess(GetParam(), {m_machine.directory()}).Join());
 }
 

@@ -78,12 +78,12 @@ VTFLTSIM_API DWORD WINAPI VTFltSimReboot(VTFLTSIM_MACHINE machine);
 /* ==== Volumes ========================================================================================== */
 
 typedef struct VTFLTSIM_VOLUME_CONFIG {
-    DWORD size;          /* sizeof(VTFLTSIM_VOLUME_CONFIG) */
-    DWORD blockSize;     /* tracking block size in bytes; 0: 65536 */
-    ULONGLONG length;    /* bytes, above 0; up to 2^31 blocks */
-    DWORD driveType;     /* a DRIVE_* value; 0: DRIVE_FIXED */
-    LPCWSTR guid;        /* {...}, or NULL: made up */
-    LPCWSTR mountPath;   /* such as E:\, or NULL: not mounted */
+    DWORD size;        /* sizeof(VTFLTSIM_VOLUME_CONFIG) */
+    DWORD blockSize;   /* tracking block size in bytes; 0: 65536 */
+    ULONGLONG length;  /* bytes, above 0; up to 2^31 blocks */
+    DWORD driveType;   /* a DRIVE_* value; 0: DRIVE_FIXED */
+    LPCWSTR guid;      /* {...}, or NULL: made up */
+    LPCWSTR mountPath; /* such as E:\, or NULL: not mounted */
 } VTFLTSIM_VOLUME_CONFIG;
 
 /* Adds a volume, all zero, tracked from its start when the driver works. Its GUID goes to guid. */
@@ -96,21 +96,20 @@ typedef struct VTFLTSIM_VOLUME_INFO {
     WCHAR guid[VTFLTSIM_GUID_CHARS];
     WCHAR devicePath[VTFLTSIM_DEVICE_CHARS]; /* \\?\Volume{...} without a trailing backslash */
     WCHAR mountPath[MAX_PATH];               /* the first one, or empty; empty too when it does not fit */
-    WCHAR filesDirectory[MAX_PATH];          /* the real folder of the files on the volume; empty when it does not fit */
+    WCHAR filesDirectory[MAX_PATH]; /* the real folder of the files on the volume; empty when it does not fit */
     ULONGLONG length;
     DWORD blockSize;
     DWORD driveType;
-    DWORD tracked;          /* 1: writes set change bits */
-    DWORD prepared;         /* 1: a snapshot was announced and not yet taken */
-    DWORD bitmapBytes;      /* bytes of a change bitmap, without the 16 bytes of header */
-    ULONGLONG currentBlocks; /* set bits: since the last snapshot, */
-    ULONGLONG frozenBlocks;  /* closed by a snapshot and not yet fetched, */
-    ULONGLONG pendingBlocks; /* fetched and not yet confirmed */
+    DWORD tracked;             /* 1: writes set change bits */
+    DWORD prepared;            /* 1: a snapshot was announced and not yet taken */
+    DWORD bitmapBytes;         /* bytes of a change bitmap, without the 16 bytes of header */
+    ULONGLONG currentBlocks;   /* set bits: since the last snapshot, */
+    ULONGLONG frozenBlocks;    /* closed by a snapshot and not yet fetched, */
+    ULONGLONG pendingBlocks;   /* fetched and not yet confirmed */
     ULONGLONG allocatedChunks; /* chunks of VTFLTSIM_CHUNK bytes ever written */
 } VTFLTSIM_VOLUME_INFO;
 
-VTFLTSIM_API DWORD WINAPI VTFltSimGetVolumeInfo(VTFLTSIM_MACHINE machine, LPCWSTR volume,
-                                                VTFLTSIM_VOLUME_INFO* info);
+VTFLTSIM_API DWORD WINAPI VTFltSimGetVolumeInfo(VTFLTSIM_MACHINE machine, LPCWSTR volume, VTFLTSIM_VOLUME_INFO* info);
 /* The volume at a position from 0, in order of addition; 259 (ERROR_NO_MORE_ITEMS) behind the last. */
 VTFLTSIM_API DWORD WINAPI VTFltSimEnumVolume(VTFLTSIM_MACHINE machine, DWORD index, VTFLTSIM_VOLUME_INFO* info);
 
@@ -119,8 +118,8 @@ VTFLTSIM_API DWORD WINAPI VTFltSimEnumVolume(VTFLTSIM_MACHINE machine, DWORD ind
 VTFLTSIM_API DWORD WINAPI VTFltSimWriteVolume(VTFLTSIM_MACHINE machine, LPCWSTR volume, ULONGLONG offset,
                                               const void* data, DWORD length);
 /* Reads; 27 when the range leaves the volume. */
-VTFLTSIM_API DWORD WINAPI VTFltSimReadVolume(VTFLTSIM_MACHINE machine, LPCWSTR volume, ULONGLONG offset,
-                                             void* data, DWORD length);
+VTFLTSIM_API DWORD WINAPI VTFltSimReadVolume(VTFLTSIM_MACHINE machine, LPCWSTR volume, ULONGLONG offset, void* data,
+                                             DWORD length);
 
 /* Changes the length. Bits are kept; new blocks start clear and hold zeros. A shrink lists the volume for resync, since
    the bits behind the new end go with it. Snapshots keep their own length. 87 for a length that VTFltSimAddVolume
@@ -156,8 +155,8 @@ VTFLTSIM_API DWORD WINAPI VTFltSimGetBits(VTFLTSIM_MACHINE machine, LPCWSTR volu
 /* ==== Snapshots ======================================================================================== */
 
 typedef struct VTFLTSIM_SNAPSHOT_INFO {
-    DWORD size;   /* sizeof(VTFLTSIM_SNAPSHOT_INFO), set by the caller */
-    DWORD number; /* the N of HarddiskVolumeShadowCopyN */
+    DWORD size;                              /* sizeof(VTFLTSIM_SNAPSHOT_INFO), set by the caller */
+    DWORD number;                            /* the N of HarddiskVolumeShadowCopyN */
     WCHAR devicePath[VTFLTSIM_DEVICE_CHARS]; /* \\?\GLOBALROOT\Device\HarddiskVolumeShadowCopyN */
     WCHAR volumeGuid[VTFLTSIM_GUID_CHARS];
     ULONGLONG length;
@@ -171,14 +170,13 @@ typedef struct VTFLTSIM_SNAPSHOT_INFO {
 VTFLTSIM_API DWORD WINAPI VTFltSimCreateSnapshot(VTFLTSIM_MACHINE machine, LPCWSTR volume, DWORD* number,
                                                  VTFLTSIM_SNAPSHOT_INFO* info);
 VTFLTSIM_API DWORD WINAPI VTFltSimDeleteSnapshot(VTFLTSIM_MACHINE machine, DWORD number);
-VTFLTSIM_API DWORD WINAPI VTFltSimGetSnapshotInfo(VTFLTSIM_MACHINE machine, DWORD number,
-                                                  VTFLTSIM_SNAPSHOT_INFO* info);
+VTFLTSIM_API DWORD WINAPI VTFltSimGetSnapshotInfo(VTFLTSIM_MACHINE machine, DWORD number, VTFLTSIM_SNAPSHOT_INFO* info);
 /* The snapshot at a position from 0; 259 behind the last. */
 VTFLTSIM_API DWORD WINAPI VTFltSimEnumSnapshot(VTFLTSIM_MACHINE machine, DWORD index, VTFLTSIM_SNAPSHOT_INFO* info);
 VTFLTSIM_API DWORD WINAPI VTFltSimWriteSnapshot(VTFLTSIM_MACHINE machine, DWORD number, ULONGLONG offset,
                                                 const void* data, DWORD length);
-VTFLTSIM_API DWORD WINAPI VTFltSimReadSnapshot(VTFLTSIM_MACHINE machine, DWORD number, ULONGLONG offset,
-                                               void* data, DWORD length);
+VTFLTSIM_API DWORD WINAPI VTFltSimReadSnapshot(VTFLTSIM_MACHINE machine, DWORD number, ULONGLONG offset, void* data,
+                                               DWORD length);
 
 /* ==== Driver, filters, service, utility ================================================================ */
 
@@ -249,18 +247,31 @@ VTFLTSIM_API DWORD WINAPI VTFltSimDetach(void);
 /* Gives one module its imports back; needed before a module is unloaded and loaded again. */
 VTFLTSIM_API DWORD WINAPI VTFltSimDetachModule(HMODULE module);
 
+/* Attaches every module of this process that is not the system's to the machine in a directory (an LPCWSTR), and from now
+   on every one that is loaded; what they look up with GetProcAddress is redirected, too. For the rest of the process's
+   life. Of the shape of a thread's function, for a program that loads this DLL into another one. */
+VTFLTSIM_API DWORD WINAPI VTFltSimAttachThisProcess(void* directory);
+/* Starts an unmodified program, whose process does that before its first instruction; what it starts itself runs outside
+   of the machine. The program has this one's standard handles. Close both handles of process. suspended: its main thread
+   waits for ResumeThread. 2 or 1392 when the directory holds no machine that can be opened; then, and after any other
+   error, nothing runs. */
+VTFLTSIM_API DWORD WINAPI VTFltSimStartProgram(LPCWSTR directory, LPCWSTR commandLine, DWORD suspended,
+                                               PROCESS_INFORMATION* process);
+
 /* ==== In this process: faults of calls ================================================================= */
 
 /* Functions are named as they are imported, such as L"RegSetValueExW". "match" narrows a fault to calls whose
    trace text contains it (case-sensitive; NULL: any), such as part of a path, a value name or a mutex name. */
 
-#define VTFLTSIM_CALL_FAILS 0u   /* the function's own failure value; last error (or the result of a registry
+#define VTFLTSIM_CALL_FAILS                                                                                            \
+    0u                                /* the function's own failure value; last error (or the result of a registry
                                     function) is error */
-#define VTFLTSIM_CALL_RETURNS 1u /* returns value, last error is error; nothing is done */
-#define VTFLTSIM_CALL_SHORT 2u   /* ReadFile, WriteFile: value bytes at most are moved, the call succeeds */
+#define VTFLTSIM_CALL_RETURNS 1u      /* returns value, last error is error; nothing is done */
+#define VTFLTSIM_CALL_SHORT 2u        /* ReadFile, WriteFile: value bytes at most are moved, the call succeeds */
 #define VTFLTSIM_CALL_KILLS_BEFORE 3u /* the process ends with exit code VTFLTSIM_KILLED, before the call */
 #define VTFLTSIM_CALL_KILLS_AFTER 4u  /* the same, after the call was done */
-#define VTFLTSIM_CALL_FAILS_AFTER 5u  /* the call is done, then reported as failed (not for calls that give
+#define VTFLTSIM_CALL_FAILS_AFTER                                                                                      \
+    5u /* the call is done, then reported as failed (not for calls that give
                                          handles) */
 #define VTFLTSIM_KILLED 0x516Bu
 
@@ -330,9 +341,9 @@ typedef struct VTFLTSIM_REQUEST {
     DWORD inputLength;
     DWORD outputLength;
     DWORD bytesReturned;
-    DWORD status;       /* 0, or the error */
-    BYTE input[640];    /* the first bytes of the input */
-    BYTE output[640];   /* the first bytes of the output buffer behind the request */
+    DWORD status;     /* 0, or the error */
+    BYTE input[640];  /* the first bytes of the input */
+    BYTE output[640]; /* the first bytes of the output buffer behind the request */
 } VTFLTSIM_REQUEST;
 /* One recorded driver request of this process, in order from 0. 259 behind the last. */
 VTFLTSIM_API DWORD WINAPI VTFltSimGetRequest(DWORD index, VTFLTSIM_REQUEST* request);

@@ -50,9 +50,9 @@ inline std::wstring MultiString(const std::vector<std::wstring>& entries)
 }
 
 struct Volume {
-    std::wstring guid; // {...}
-    std::wstring Path() const { return L"\\\\?\\Volume" + guid; }                 // as CreateFileW takes it
-    std::wstring Root() const { return Path() + L"\\"; }                          // as the enumeration gives it
+    std::wstring guid;                                            // {...}
+    std::wstring Path() const { return L"\\\\?\\Volume" + guid; } // as CreateFileW takes it
+    std::wstring Root() const { return Path() + L"\\"; }          // as the enumeration gives it
     std::wstring MutexName() const { return L"VTBitmapManager.Volume" + guid + L".Mutex"; }
 };
 
@@ -129,8 +129,7 @@ public:
     std::vector<std::uint8_t> Read(const Volume& volume, std::uint64_t offset, DWORD length) const
     {
         std::vector<std::uint8_t> data(length);
-        Check("VTFltSimReadVolume",
-              VTFltSimReadVolume(m_machine, volume.guid.c_str(), offset, data.data(), length));
+        Check("VTFltSimReadVolume", VTFltSimReadVolume(m_machine, volume.guid.c_str(), offset, data.data(), length));
         return data;
     }
     std::vector<std::uint8_t> Bits(const Volume& volume, DWORD which = VTFLTSIM_BITS_ALL) const
@@ -140,8 +139,7 @@ public:
         if (code != ERROR_MORE_DATA)
             Check("VTFltSimGetBits", code);
         std::vector<std::uint8_t> bits(needed);
-        Check("VTFltSimGetBits",
-              VTFltSimGetBits(m_machine, volume.guid.c_str(), which, bits.data(), needed, &needed));
+        Check("VTFltSimGetBits", VTFltSimGetBits(m_machine, volume.guid.c_str(), which, bits.data(), needed, &needed));
         return bits;
     }
 
@@ -173,8 +171,7 @@ public:
     }
 
     // The raw bytes of a registry value of the machine; empty and *type 0 when it is absent.
-    std::vector<std::uint8_t> ReadValue(const std::wstring& key, const std::wstring& value,
-                                        DWORD* type = nullptr) const
+    std::vector<std::uint8_t> ReadValue(const std::wstring& key, const std::wstring& value, DWORD* type = nullptr) const
     {
         if (type != nullptr)
             *type = 0;

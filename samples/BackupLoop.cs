@@ -1,0 +1,329 @@
+// The smallest correct backup loop, in C# by P/Invoke: keeps FILE equal to a volume, reading only what changed.
+//
+//     BackupLoop VOLUME APPLICATION FILE CREATE DELETE
+//
+// VOLUME is {GUID}; FILE.state says what the next run must know. CREATE is a command that takes a snapshot of the volume and
+// prints its number and its device path; DELETE gets the number behind it. On a simulated machine in C:\run\m:
+//
+//     vtfltsim run C:\run\m BackupLoop.exe {GUID} Nightly E.img "vtfltsim snapshot C:\run\m {GUID}"
+//         "vtfltsim delete-snapshot C:\run\m"
+//
+// Exit code 0: FILE is the volume as it was at the snapshot. 1: it is not, and nothing was forgotten: run it again.
+// 64-bit only.
+using System;
+using System.Diagnostics;
+using System.IO;
+using System.Runtime.InteropServices;
+
+internal static class Native
+{
+    internal const uint VerifyRequired = 0x10001;
+    internal const uint InsufficientBuffer = 122;
+    internal const uint MoreData = 234;
+    internal const int HeaderBytes = 16;
+
+    private const string Library = "VTFltMgr.dll";
+    private const string Kernel = "kernel32.dll";
+
+    [DllImport(Library)]
+    internal static extern uint VTCanBLIDriverWork();
+
+    [DllImport(Library, CharSet = CharSet.Unicode)]
+    internal static extern uint VTRegisterApplication(string applicationId);
+
+    [DllImport(Library, CharSet = CharSet.Unicode)]
+    internal static extern uint VTReplicateVerifyList(string applicationId);
+
+    [DllImport(Library, CharSet = CharSet.Unicode)]
+    internal static extern uint VTIsVerifyRequired(string applicationId, string volume);
+
+    [DllImport(Library, CharSet = CharSet.Unicode)]
+    internal static extern uint VTFltInitBitmapManager(IntPtr volume, string volumeName, string applicationId);
+
+    [DllImport(Library)]
+    internal static extern uint VTFltDeinitBitmapManager(IntPtr volume);
+
+    [DllImport(Library)]
+    internal static extern uint VTFltGetBlockSize(IntPtr volume, out uint blockSize, uint direct);
+
+    [DllImport(Library)]
+    internal static extern uint VTFltPrepareForSnapshot(IntPtr volume);
+
+    [DllImport(Library)]
+    internal static extern uint VTFltGetBitmap(IntPtr volume, byte[] input, uint inputLength, [In, Out] byte[] output,
+                                               uint outputLength, ref uint size, uint direct);
+
+    [DllImport(Library)]
+    internal static extern uint VTFltReplicationSuccess(IntPtr volume);
+
+    [DllImport(Kernel, CharSet = CharSet.Unicode)]
+    internal static extern IntPtr CreateFileW(string path, uint access, uint share, IntPtr security, uint disposition,
+                                              uint flags, IntPtr template);
+
+    [DllImport(Kernel)]
+    internal static extern int DeviceIoControl(IntPtr device, uint code, IntPtr input, uint inputLength,
+                                               [In, Out] byte[] output, uint outputLength, out uint size,
+                                               IntPtr overlapped);
+
+    [DllImport(Kernel)]
+    internal static extern int SetFilePointerEx(IntPtr file, long offset, IntPtr position, uint method);
+
+    [DllImport(Kernel)]
+    internal static extern int ReadFile(IntPtr file, [In, Out] byte[] buffer, uint length, out uint size,
+                                        IntPtr overlapped);
+
+    [DllImport(Kernel)]
+    internal static extern int CloseHandle(IntPtr handle);
+
+    [DllImport(Kernel, CharSet = CharSet.Unicode)]
+    internal static extern IntPtr CreateMutexW(IntPtr security, int owned, string name);
+
+    [DllImport(Kernel)]
+    internal static extern uint WaitForSingleObject(IntPtr handle, uint milliseconds);
+
+    [DllImport(Kernel)]
+    internal static extern int ReleaseMutex(IntPtr mutex);
+}
+
+internal sealed class Failure : Exception
+{
+    internal Failure(string what) : base(what + " failed") {}
+
+    internal static void Check(string what, bool done)
+    {
+        if (!done)
+            throw new Failure(what);
+    }
+
+    internal static void Check(string what, uint code)
+    {
+        if (code != 0)
+            throw new Failure(what + " (" + code + ", 0x" + code.ToString("X") + "): it");
+    }
+}
+
+// A volume or a snapshot, open for reading.
+internal sealed class Device : IDisposable
+{
+    internal readonly IntPtr Handle;
+
+    internal Device(string path)
+    {
+        const uint GenericRead = 0x80000000, ShareReadWrite = 3, OpenExisting = 3;
+        Handle = Native.CreateFileW(path, GenericRead, ShareReadWrite, IntPtr.Zero, OpenExisting, 0, IntPtr.Zero);
+        Failure.Check("opening " + path, Handle != new IntPtr(-1) && Handle != IntPtr.Zero);
+    }
+
+    public void Dispose()
+    {
+        Native.CloseHandle(Handle);
+    }
+
+    internal long Length()
+    {
+        const uint GetLengthInfo = 0x7405C; // IOCTL_DISK_GET_LENGTH_INFO
+        var length = new byte[8];
+        uint size;
+        Failure.Check("asking for the length", Native.DeviceIoControl(Handle, GetLengthInfo, IntPtr.Zero, 0, length, 8,
+                                                                      out size, IntPtr.Zero) != 0);
+        return BitConverter.ToInt64(length, 0);
+    }
+
+    internal void Read(long offset, byte[] buffer, int count)
+    {
+        uint size;
+        Failure.Check("reading the snapshot",
+                      Native.SetFilePointerEx(Handle, offset, IntPtr.Zero, 0) != 0 &&
+                          Native.ReadFile(Handle, buffer, (uint)count, out size, IntPtr.Zero) != 0 && size == count);
+    }
+}
+
+// The bitmap manager of one volume for one application.
+internal sealed class Manager : IDisposable
+{
+    private readonly IntPtr m_volume;
+
+    internal Manager(Device volume, string name, string application)
+    {
+        Failure.Check("VTFltInitBitmapManager", Native.VTFltInitBitmapManager(volume.Handle, name, application));
+        m_volume = volume.Handle;
+    }
+
+    public void Dispose()
+    {
+        Native.VTFltDeinitBitmapManager(m_volume);
+    }
+
+    // The bitmap of changed blocks; mayBeShort: changes may be missing in it. Its exact length is the library's to say.
+    internal byte[] Fetch(out bool mayBeShort)
+    {
+        uint size = Native.HeaderBytes;
+        for (;;) {
+            var bitmap = new byte[size];
+            uint code = Native.VTFltGetBitmap(m_volume, new byte[1], 0, bitmap, (uint)bitmap.Length, ref size, 0);
+            mayBeShort = code == Native.VerifyRequired;
+            if (code == 0 || mayBeShort)
+                return bitmap;
+            if (code != Native.InsufficientBuffer && code != Native.MoreData)
+                Failure.Check("VTFltGetBitmap", code);
+        }
+    }
+}
+
+// A snapshot for as long as it is needed.
+internal sealed class Snapshot : IDisposable
+{
+    internal readonly string Path;
+    private readonly string m_delete;
+
+    internal Snapshot(string create, string delete)
+    {
+        string[] words = Run(create).Split(new[] {' ', '\r', '\n'}, StringSplitOptions.RemoveEmptyEntries);
+        Failure.Check("taking the snapshot", words.Length == 2);
+        m_delete = delete + " " + words[0];
+        Path = words[1];
+    }
+
+    public void Dispose()
+    {
+        Run(m_delete);
+    }
+
+    // The first word of a command is its program.
+    private static string Run(string command)
+    {
+        string[] parts = command.Split(new[] {' '}, 2);
+        var start = new ProcessStartInfo(parts[0], parts.Length > 1 ? parts[1] : "");
+        start.UseShellExecute = false;
+        start.RedirectStandardOutput = true;
+        using (Process process = Process.Start(start)) {
+            string output = process.StandardOutput.ReadToEnd();
+            process.WaitForExit();
+            Failure.Check(command, process.ExitCode == 0);
+            return output;
+        }
+    }
+}
+
+internal static class BackupLoop
+{
+    // The driver's list reaches the application by the first call only.
+    private static bool MustVerify(string application, string name)
+    {
+        Failure.Check("VTReplicateVerifyList", Native.VTReplicateVerifyList(application));
+        return Native.VTIsVerifyRequired(application, name) != 0;
+    }
+
+    // A block that the bitmap does not speak of counts as changed.
+    private static bool IsChanged(byte[] bitmap, long block)
+    {
+        long at = Native.HeaderBytes + block / 8;
+        return at >= bitmap.Length || (bitmap[at] & 0x80 >> (int)(block % 8)) != 0;
+    }
+
+    private static string ReadState(string path)
+    {
+        return File.Exists(path) ? File.ReadAllText(path) : "";
+    }
+
+    private static void WriteState(string path, string state)
+    {
+        using (var file = new FileStream(path, FileMode.Create)) {
+            byte[] bytes = System.Text.Encoding.ASCII.GetBytes(state);
+            file.Write(bytes, 0, bytes.Length);
+            file.Flush(true);
+        }
+    }
+
+    // What one run leaves to the next. Without it, or when anything differs, everything is read.
+    private static string State(long length, uint blockSize, bool nextReadsEverything)
+    {
+        return length + " " + blockSize + (nextReadsEverything ? " everything" : "");
+    }
+
+    private static long Copy(Device snapshot, FileStream file, long length, uint blockSize, byte[] bitmap, bool everything)
+    {
+        var buffer = new byte[blockSize];
+        long copied = 0;
+        for (long block = 0; block * blockSize < length; ++block) {
+            if (!everything && !IsChanged(bitmap, block))
+                continue;
+            var count = (int)Math.Min(blockSize, length - block * blockSize);
+            snapshot.Read(block * blockSize, buffer, count);
+            file.Seek(block * blockSize, SeekOrigin.Begin);
+            file.Write(buffer, 0, count);
+            ++copied;
+        }
+        file.SetLength(length);
+        file.Flush(true);
+        return copied;
+    }
+
+    private static void BackUp(string guid, string application, string path, string create, string delete)
+    {
+        string name = @"\\?\Volume" + guid + @"\";
+        Failure.Check("the driver does not work: VTCanBLIDriverWork", Native.VTCanBLIDriverWork() != 0);
+        Failure.Check("VTRegisterApplication", Native.VTRegisterApplication(application)); // once more changes nothing
+        bool everything = MustVerify(application, name);
+
+        using (var volume = new Device(@"\\?\Volume" + guid))
+        using (var manager = new Manager(volume, name, application)) {
+            uint blockSize;
+            Failure.Check("VTFltGetBlockSize", Native.VTFltGetBlockSize(volume.Handle, out blockSize, 0));
+            Failure.Check("VTFltGetBlockSize", blockSize != 0);
+            Failure.Check("VTFltPrepareForSnapshot", Native.VTFltPrepareForSnapshot(volume.Handle));
+            using (var taken = new Snapshot(create, delete))
+            using (var snapshot = new Device(taken.Path))
+            using (var file = new FileStream(path, FileMode.OpenOrCreate)) {
+                bool mayBeShort;
+                byte[] bitmap = manager.Fetch(out mayBeShort);
+                everything |= mayBeShort;
+                // Tracking that was lost since the first question may have been lost behind the snapshot too: this run and
+                // the next one read everything, for this one's report takes the mark off. A run that reads everything
+                // anyway does not ask: what the driver lists from here on then stays in its list.
+                bool late = !everything && MustVerify(application, name);
+                long length = snapshot.Length();
+                // A bitmap means nothing for a copy of another length or block size.
+                everything |= late || file.Length != length ||
+                              ReadState(path + ".state") != State(length, blockSize, false);
+
+                long copied = Copy(snapshot, file, length, blockSize, bitmap, everything);
+                WriteState(path + ".state", State(length, blockSize, late));
+                // Only now, that the copy is on the disk, may the changes be forgotten.
+                uint reported = Native.VTFltReplicationSuccess(volume.Handle);
+                if (reported != 0) {
+                    // The changes come once more, but the mark of a run that read everything may be gone already.
+                    WriteState(path + ".state", State(length, blockSize, true));
+                }
+                Failure.Check("VTFltReplicationSuccess", reported);
+                Console.WriteLine(copied + " of " + (length + blockSize - 1) / blockSize + " blocks read" +
+                                  (everything ? " (everything)" : ""));
+            }
+        }
+    }
+
+    private static int Main(string[] arguments)
+    {
+        if (arguments.Length != 5) {
+            Console.Error.WriteLine("usage: BackupLoop VOLUME APPLICATION FILE CREATE DELETE");
+            return 2;
+        }
+        // One backup at a time, of whatever volume and application: two would take each other's changes and marks.
+        IntPtr mutex = Native.CreateMutexW(IntPtr.Zero, 0, @"Global\VTFltMgr.Sample.BackupLoop.Lock");
+        uint waited = mutex != IntPtr.Zero ? Native.WaitForSingleObject(mutex, 0) : uint.MaxValue;
+        if (waited != 0 && waited != 0x80) {
+            Console.Error.WriteLine("BackupLoop: another backup runs");
+            return 1;
+        }
+        try {
+            BackUp(arguments[0], arguments[1], arguments[2], arguments[3], arguments[4]);
+            return 0;
+        } catch (Exception failure) {
+            Console.Error.WriteLine("BackupLoop: " + failure.Message);
+            return 1;
+        } finally {
+            Native.ReleaseMutex(mutex);
+            Native.CloseHandle(mutex);
+        }
+    }
+}

@@ -1,0 +1,232 @@
+"""The smallest correct backup loop, in Python with ctypes: keeps FILE equal to a volume, reading only what changed.
+
+    python backup_loop.py VOLUME APPLICATION FILE CREATE DELETE
+
+VOLUME is {GUID}; FILE.state says what the next run must know. CREATE is a command that takes a snapshot of the volume and
+prints its number and its device path; DELETE gets the number behind it. VTFltMgr.dll is looked for beside this file, or
+where VTFLTMGR says. On a simulated machine in C:\\run\\m:
+
+    vtfltsim run C:\\run\\m python backup_loop.py {GUID} Nightly E.img "vtfltsim snapshot C:\\run\\m {GUID}"
+        "vtfltsim delete-snapshot C:\\run\\m"
+
+Exit code 0: FILE is the volume as it was at the snapshot. 1: it is not, and nothing was forgotten: run it again.
+"""
+import contextlib
+import ctypes
+import json
+import os
+import subprocess
+import sys
+from ctypes import POINTER, byref, c_int, c_int64, c_uint32, c_uint64, c_void_p, c_wchar_p
+
+DWORD = c_uint32
+HANDLE = c_void_p
+
+VERIFY_REQUIRED = 0x10001
+HEADER_BYTES = 16
+ERROR_INSUFFICIENT_BUFFER = 122
+ERROR_MORE_DATA = 234
+INVALID_HANDLE = c_void_p(-1).value
+GENERIC_READ = 0x80000000
+FILE_SHARE_READ_WRITE = 3
+OPEN_EXISTING = 3
+IOCTL_DISK_GET_LENGTH_INFO = 0x7405C
+WAIT_OBJECT_0 = 0
+WAIT_ABANDONED = 0x80
+
+# What is called: the module, the result, the arguments.
+PROTOTYPES = {
+    "VTCanBLIDriverWork": ("VTFltMgr", DWORD, []),
+    "VTRegisterApplication": ("VTFltMgr", DWORD, [c_wchar_p]),
+    "VTReplicateVerifyList": ("VTFltMgr", DWORD, [c_wchar_p]),
+    "VTIsVerifyRequired": ("VTFltMgr", DWORD, [c_wchar_p, c_wchar_p]),
+    "VTFltInitBitmapManager": ("VTFltMgr", DWORD, [HANDLE, c_wchar_p, c_wchar_p]),
+    "VTFltDeinitBitmapManager": ("VTFltMgr", DWORD, [HANDLE]),
+    "VTFltGetBlockSize": ("VTFltMgr", DWORD, [HANDLE, POINTER(DWORD), DWORD]),
+    "VTFltPrepareForSnapshot": ("VTFltMgr", DWORD, [HANDLE]),
+    "VTFltGetBitmap": ("VTFltMgr", DWORD, [HANDLE, c_void_p, DWORD, c_void_p, DWORD, POINTER(DWORD), DWORD]),
+    "VTFltReplicationSuccess": ("VTFltMgr", DWORD, [HANDLE]),
+    "CreateFileW": ("kernel32", HANDLE, [c_wchar_p, DWORD, DWORD, c_void_p, DWORD, DWORD, HANDLE]),
+    "DeviceIoControl": ("kernel32", c_int, [HANDLE, DWORD, c_void_p, DWORD, c_void_p, DWORD, POINTER(DWORD), c_void_p]),
+    "SetFilePointerEx": ("kernel32", c_int, [HANDLE, c_int64, c_void_p, DWORD]),
+    "ReadFile": ("kernel32", c_int, [HANDLE, c_void_p, DWORD, POINTER(DWORD), c_void_p]),
+    "CloseHandle": ("kernel32", c_int, [HANDLE]),
+    "CreateMutexW": ("kernel32", HANDLE, [c_void_p, c_int, c_wchar_p]),
+    "WaitForSingleObject": ("kernel32", DWORD, [HANDLE, DWORD]),
+    "ReleaseMutex": ("kernel32", c_int, [HANDLE]),
+}
+
+
+class Failure(Exception):
+    pass
+
+
+def check(what, done):
+    if not done:
+        raise Failure(f"{what} failed")
+
+
+def call(function, *arguments):
+    """A function of the library that gives an error code."""
+    code = function(*arguments)
+    if code != 0:
+        raise Failure(f"{function.__name__} failed, {code} (0x{code:X})")
+
+
+class Library:
+    """What is called, by name."""
+
+    def __init__(self):
+        beside = os.path.join(os.path.dirname(os.path.abspath(__file__)), "VTFltMgr.dll")
+        modules = {"VTFltMgr": ctypes.WinDLL(os.environ.get("VTFLTMGR", beside)), "kernel32": ctypes.WinDLL("kernel32")}
+        for name, (module, result, arguments) in PROTOTYPES.items():
+            function = getattr(modules[module], name)
+            function.restype, function.argtypes = result, arguments
+            setattr(self, name, function)
+
+    @contextlib.contextmanager
+    def opened(self, path):
+        handle = self.CreateFileW(path, GENERIC_READ, FILE_SHARE_READ_WRITE, None, OPEN_EXISTING, 0, None)
+        check(f"opening {path}", handle not in (None, INVALID_HANDLE))
+        try:
+            yield handle
+        finally:
+            self.CloseHandle(handle)
+
+    @contextlib.contextmanager
+    def lock(self):
+        """One backup at a time, of whatever volume and application: two would take each other's changes and marks."""
+        mutex = self.CreateMutexW(None, 0, "Global\\VTFltMgr.Sample.BackupLoop.Lock")
+        check("making the lock", mutex)
+        check("another backup runs: the lock", self.WaitForSingleObject(mutex, 0) in (WAIT_OBJECT_0, WAIT_ABANDONED))
+        try:
+            yield
+        finally:
+            self.ReleaseMutex(mutex)
+            self.CloseHandle(mutex)
+
+    def length_of(self, device):
+        length, size = c_uint64(), DWORD()
+        check("asking for the length", self.DeviceIoControl(device, IOCTL_DISK_GET_LENGTH_INFO, None, 0, byref(length), 8,
+                                                            byref(size), None))
+        return length.value
+
+    def read(self, device, offset, count):
+        buffer, size = ctypes.create_string_buffer(count), DWORD()
+        check("reading the snapshot", self.SetFilePointerEx(device, offset, None, 0) and
+              self.ReadFile(device, buffer, count, byref(size), None) and size.value == count)
+        return buffer.raw
+
+    def must_verify(self, application, name):
+        """Whether everything is to be read. The driver's list reaches the application by the first call only."""
+        call(self.VTReplicateVerifyList, application)
+        return self.VTIsVerifyRequired(application, name) != 0
+
+    def fetch(self, volume):
+        """The bitmap of changed blocks, and whether it may be short. Its exact length is the library's to say."""
+        given, size = ctypes.create_string_buffer(1), DWORD(HEADER_BYTES)
+        while True:
+            bitmap = ctypes.create_string_buffer(size.value)
+            code = self.VTFltGetBitmap(volume, given, 0, bitmap, len(bitmap), byref(size), 0)
+            if code in (0, VERIFY_REQUIRED):
+                return bitmap.raw[HEADER_BYTES:], code == VERIFY_REQUIRED
+            if code not in (ERROR_INSUFFICIENT_BUFFER, ERROR_MORE_DATA):
+                raise Failure(f"VTFltGetBitmap failed, {code} (0x{code:X})")
+
+
+@contextlib.contextmanager
+def snapshot(create, delete):
+    number, device = subprocess.run(create, shell=True, check=True, stdout=subprocess.PIPE, text=True).stdout.split()
+    try:
+        yield device
+    finally:
+        subprocess.run(f"{delete} {number}", shell=True, check=True)
+
+
+def read_state(path):
+    """What one run leaves to the next. Without it, or when anything differs, everything is read."""
+    try:
+        with open(path, encoding="ascii") as file:
+            return json.load(file)
+    except (FileNotFoundError, ValueError):
+        return None
+
+
+def write_state(path, state):
+    with open(path, "w", encoding="ascii") as file:
+        json.dump(state, file)
+        file.flush()
+        os.fsync(file.fileno())
+
+
+def is_changed(bitmap, block):
+    """A block that the bitmap does not speak of counts as changed."""
+    return block >= len(bitmap) * 8 or bitmap[block // 8] & 0x80 >> block % 8 != 0
+
+
+def copy_blocks(library, device, path, state, blocks):
+    with open(path, "r+b" if os.path.exists(path) else "w+b") as file:
+        for block in blocks:
+            offset = block * state["block_size"]
+            file.seek(offset)
+            file.write(library.read(device, offset, min(state["block_size"], state["length"] - offset)))
+        file.truncate(state["length"])
+        file.flush()
+        os.fsync(file.fileno())
+
+
+def back_up(library, guid, application, path, create, delete):
+    name = f"\\\\?\\Volume{guid}\\"
+    check("the driver does not work: VTCanBLIDriverWork", library.VTCanBLIDriverWork())
+    call(library.VTRegisterApplication, application)  # registering once more changes nothing
+    everything = library.must_verify(application, name)
+    with contextlib.ExitStack() as stack:
+        volume = stack.enter_context(library.opened(name[:-1]))
+        call(library.VTFltInitBitmapManager, volume, name, application)
+        stack.callback(library.VTFltDeinitBitmapManager, volume)
+        block_size = DWORD()
+        call(library.VTFltGetBlockSize, volume, byref(block_size), 0)
+        check("VTFltGetBlockSize", block_size.value)
+        call(library.VTFltPrepareForSnapshot, volume)
+        device = stack.enter_context(library.opened(stack.enter_context(snapshot(create, delete))))
+        bitmap, short = library.fetch(volume)
+        everything = everything or short
+        # Tracking that was lost since the first question may have been lost behind the snapshot too: this run and the next
+        # one read everything, for this one's report takes the mark off. A run that reads everything anyway does not ask:
+        # what the driver lists from here on then stays in its list.
+        late = not everything and library.must_verify(application, name)
+        state = {"length": library.length_of(device), "block_size": block_size.value, "everything": late}
+        # A bitmap means nothing for a copy of another length or block size.
+        last = read_state(path + ".state")
+        everything = everything or late or last != {**state, "everything": False} or \
+            not os.path.exists(path) or os.path.getsize(path) != state["length"]
+
+        count = -(-state["length"] // state["block_size"])
+        blocks = [block for block in range(count) if everything or is_changed(bitmap, block)]
+        copy_blocks(library, device, path, state, blocks)
+        write_state(path + ".state", state)
+        # Only now, that the copy is on the disk, may the changes be forgotten.
+        try:
+            call(library.VTFltReplicationSuccess, volume)
+        except Failure:
+            # The changes come once more, but the mark of a run that read everything may be gone already.
+            write_state(path + ".state", {**state, "everything": True})
+            raise
+    print(f"{len(blocks)} of {count} blocks read{' (everything)' if everything else ''}")
+
+
+def main():
+    if len(sys.argv) != 6:
+        print(__doc__, file=sys.stderr)
+        sys.exit(2)
+    try:
+        library = Library()
+        with library.lock():
+            back_up(library, *sys.argv[1:])
+    except (Failure, OSError, subprocess.SubprocessError) as failure:
+        print(f"backup_loop.py: {failure}", file=sys.stderr)
+        sys.exit(1)
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,271 @@
+"""Runs the samples in Python and C#, whose interpreters for Windows cannot be had here.
+
+    check_scripts.py SOURCE BUILD WORK EMULATOR COMPILER
+
+The files themselves run, on this system. Each function that they call is a stand-in which has a Windows program
+(call_server.exe, under a simulated machine) make the real call of the real DLL. What is left out is how Windows' own Python
+and .NET pass arguments; the prototypes are therefore also held against the headers by the compiler.
+"""
+import ctypes
+import importlib.util
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+
+source, build, work = (pathlib.Path(argument).resolve() for argument in sys.argv[1:4])
+emulator, compiler = sys.argv[4:6]
+BLOCK = 4096
+LENGTH = 100 * BLOCK - 512
+GUID = "{6c1d34ab-3ef9-4a05-8f0c-7a2d5b1e9c40}"
+
+# Arguments that are buffers, with the argument that has their length; the other pointers are numbers, strings or null.
+BUFFERS = {"VTFltGetBitmap": {1: 2, 3: 4}, "ReadFile": {1: 2}, "DeviceIoControl": {4: 5}}
+
+
+def fail(text):
+    sys.exit("check_scripts: " + text)
+
+
+def run(*command, **options):
+    return subprocess.run(list(map(str, command)), check=True, text=True, stdout=subprocess.PIPE, **options).stdout
+
+
+def prototypes():
+    """The table of the Python sample."""
+    sys.dont_write_bytecode = True
+    spec = importlib.util.spec_from_file_location("backup_loop", source / "samples/backup_loop.py")
+    module = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(module)
+    return module.PROTOTYPES
+
+
+def kind_of(parameter):
+    """w: a string, p: another pointer, else the number's size, with u for one without a sign."""
+    if parameter is ctypes.c_wchar_p:
+        return "w"
+    if parameter is ctypes.c_void_p or isinstance(parameter, type) and issubclass(parameter, ctypes._Pointer):
+        return "p"
+    return {ctypes.c_uint32: "u4", ctypes.c_int: "i4", ctypes.c_int64: "i8"}[parameter]
+
+
+def csharp_prototypes():
+    """The declarations of the C# sample, in the same form."""
+    text = (source / "samples/BackupLoop.cs").read_text()
+    kinds = {"IntPtr": "p", "uint": "u4", "int": "i4", "long": "i8", "string": "w", "byte[]": "p", "out uint": "p",
+             "ref uint": "p", "[In, Out] byte[]": "p"}
+    found = {}
+    pattern = r"\[DllImport\((\w+)(, CharSet = CharSet.Unicode)?\)\]\s+internal static extern (\w+) (\w+)\(([^)]*)\);"
+    for library, unicode, result, name, parameters in re.findall(pattern, text):
+        parameters = re.sub(r"\[In, Out\]", "[In; Out]", parameters)
+        types = [" ".join(p.split()[:-1]).replace("[In; Out]", "[In, Out]") for p in parameters.split(",") if p.strip()]
+        found[name] = (kinds[result], [kinds[t] for t in types])
+        if ("w" in found[name][1]) != bool(unicode):
+            fail(f"BackupLoop.cs: {name} takes a string and is not declared as Unicode, or the other way round")
+    return found
+
+
+def check_prototypes(table, language):
+    """Compiles a program that says of each function what the sample says, beside the headers."""
+    lines = ["#include <vtfltmgr/VTFltMgr.h>", "#include <type_traits>",
+             "template <char K, int N, class T> constexpr bool Is()", "{",
+             "    if constexpr (K == 'w') return std::is_same_v<T, const wchar_t*>;",
+             "    else if constexpr (K == 'p') return std::is_pointer_v<T>;",
+             "    else if constexpr (N == 8) return sizeof(T) == 8 && !std::is_pointer_v<T>;",
+             "    else return std::is_integral_v<T> && sizeof(T) == N && std::is_unsigned_v<T> == (K == 'u');", "}",
+             "template <class F> struct Signature;",
+             "template <class R, class... A> struct Signature<R(WINAPI*)(A...)> {",
+             "    using Result = R;",
+             "    static constexpr int COUNT = sizeof...(A);",
+             "    template <int I> using At = std::tuple_element_t<I, std::tuple<A...>>;", "};"]
+    lines.insert(1, "#include <tuple>")
+    for name, (result, parameters) in table.items():
+        signature = f"Signature<decltype(&{name})>"
+        lines.append(f'static_assert({signature}::COUNT == {len(parameters)}, "{name}: how many arguments");')
+        for place, kind in enumerate(parameters):
+            lines.append(f"static_assert(Is<'{kind[0]}', {kind[1:] or 0}, {signature}::At<{place}>>(), "
+                         f'"{name}: argument {place + 1}");')
+        lines.append(f"static_assert(Is<'{result[0]}', {result[1:] or 0}, {signature}::Result>(), \"{name}: result\");")
+    file = work / f"prototypes_{language}.cpp"
+    file.write_text("\n".join(lines) + "\n")
+    check = subprocess.run([compiler, "-std=c++20", "-fsyntax-only", "-I", source / "include", file], text=True,
+                           stderr=subprocess.PIPE, check=False)
+    if check.returncode != 0:
+        fail(f"the {language} sample's prototypes are not the headers':\n{check.stderr[-2000:]}")
+
+
+STAND_IN = r"""
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+static void Out(const void* bytes, size_t count) {
+    while (count != 0) { ssize_t n = write(REQUESTS, bytes, count); if (n <= 0) _exit(98);
+        bytes = (const char*)bytes + n; count -= n; } }
+static void In(void* bytes, size_t count) {
+    while (count != 0) { ssize_t n = read(ANSWERS, bytes, count); if (n <= 0) _exit(97);
+        bytes = (char*)bytes + n; count -= n; } }
+static void Name(const char* name, uint32_t arguments) {
+    uint32_t length = strlen(name); Out(&length, 4); Out(name, length); Out(&arguments, 4);
+    FILE* log = fopen(getenv("CALLS_LOG"), "a"); fprintf(log, "%s\n", name); fclose(log); }
+static void Value(uint64_t value) { Out("\0", 1); Out(&value, 8); }
+static void Buffer(const void* bytes, uint32_t length) {
+    if (bytes == 0) { Value(0); return; }
+    Out("\1", 1); Out(&length, 4); Out(bytes, length); }
+static void Back(void* bytes, uint32_t length) { if (bytes != 0) In(bytes, length); }
+static unsigned short* Text(const CHARACTER* text, uint32_t* bytes) {
+    size_t n = 0; while (text[n] != 0) ++n;
+    unsigned short* units = malloc(2 * n + 2);
+    for (size_t i = 0; i <= n; ++i) units[i] = (unsigned short)text[i];
+    *bytes = 2 * n + 2; return units; }
+"""
+
+
+def make_stand_in(table, character, file):
+    """A library with every function of the table. character: the type of a string's units in the calling program."""
+    types = {"w": f"const {character}*", "p": "void*", "u4": "uint32_t", "i4": "int32_t", "i8": "int64_t"}
+    text = STAND_IN.replace("CHARACTER", character)
+    for name, (result, kinds) in table.items():
+        parameters = ", ".join(f"{types[kind]} a{i}" for i, kind in enumerate(kinds))
+        send, receive = [], []
+        for i, kind in enumerate(kinds):
+            length = BUFFERS.get(name, {}).get(i)
+            if kind == "w":
+                send.append(f"uint32_t n{i}; unsigned short* t{i} = Text(a{i}, &n{i}); Buffer(t{i}, n{i});")
+                receive.append(f"Back(t{i}, n{i}); free(t{i});")
+            elif length is not None:
+                # At least one byte: a pointer that is not null must not become one.
+                send.append(f"uint32_t n{i} = a{length} != 0 ? a{length} : 1; Buffer(a{i}, n{i});")
+                receive.append(f"Back(a{i}, n{i});")
+            elif kind == "p" and (i, name) in POINTERS_TO_NUMBERS:
+                send.append(f"Buffer(a{i}, 4);")
+                receive.append(f"Back(a{i}, 4);")
+            else:
+                send.append(f"Value((uint64_t)a{i});" if kind != "i4" else f"Value((uint32_t)a{i});")
+        text += (f"{types[result]} {name}({parameters or 'void'}) {{\n    Name(\"{name}\", {len(kinds)});\n    "
+                 + "\n    ".join(send) + "\n    uint64_t result; In(&result, 8);\n    " + "\n    ".join(receive)
+                 + f"\n    return ({types[result]})result;\n}}\n")
+    c_file = file.with_suffix(".c")
+    c_file.write_text(text)
+    run("cc", "-shared", "-fPIC", "-w", "-o", file, c_file)
+
+
+POINTERS_TO_NUMBERS = {(2, "VTFltGetBlockSize"), (1, "VTFltGetBlockSize"), (5, "VTFltGetBitmap"), (3, "ReadFile"),
+                       (6, "DeviceIoControl")}
+
+
+class Trial:
+    """A machine with a volume, and a sample that backs it up."""
+
+    def __init__(self, name, command, environment):
+        self.name, self.command = name, command
+        self.folder = work / name
+        self.folder.mkdir()
+        self.copy = self.folder / "copy"
+        self.log = self.folder / "calls"
+        self.environment = {**os.environ, **environment, "CALLS_LOG": str(self.log)}
+        self.machine = "Z:" + str(self.folder / "machine").replace("/", "\\")
+        for script, words in (("create", f"snapshot '{self.machine}' '{GUID}'"),
+                              ("delete", f"delete-snapshot '{self.machine}' \"$1\"")):
+            file = self.folder / script
+            file.write_text(f"#!/bin/sh\nexec '{emulator}' '{build}/vtfltsim.exe' {words}\n")
+            file.chmod(0o755)
+        self.sim("create", self.machine)
+        self.sim("add-volume", self.machine, LENGTH, "--block-size", BLOCK, "--guid", GUID)
+
+    def sim(self, command, *arguments):
+        return run(emulator, build / "vtfltsim.exe", command, *arguments)
+
+    def write(self, block, value):
+        length = min(BLOCK, LENGTH - block * BLOCK)
+        self.sim("write", self.machine, GUID, "--offset", block * BLOCK, "--length", length, "--fill", value)
+
+    def back_up(self):
+        """Exit code, what was printed, and the calls that were made."""
+        self.log.write_text("")
+        requests, answers = os.pipe(), os.pipe()
+        with subprocess.Popen([emulator, build / "vtfltsim.exe", "run", self.machine, str(build / "call_server.exe")],
+                              stdin=requests[0], stdout=answers[1]) as server:
+            os.close(requests[0])
+            os.close(answers[1])
+            environment = {**self.environment, "REQUESTS": str(requests[1]), "ANSWERS": str(answers[0])}
+            done = subprocess.run([*self.command, GUID, "Sample", self.copy, self.folder / "create", self.folder / "delete"],
+                                  env=environment, pass_fds=(requests[1], answers[0]), text=True, check=False,
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=120)
+            os.close(requests[1])
+            os.close(answers[0])
+            server.wait(60)
+        return done.returncode, (done.stdout + done.stderr).strip(), self.log.read_text().split()
+
+    def expect(self, what, condition, detail=""):
+        if not condition:
+            fail(f"{self.name}: {what} {detail}")
+
+    def expect_backup(self, printed, blocks):
+        code, text, calls = self.back_up()
+        self.expect("exit code 0", code == 0, f"but {code}: {text}")
+        self.expect(f"'{printed}'", text == printed, f"but '{text}'")
+        self.expect(f"{blocks} blocks read", calls.count("ReadFile") == blocks, f"but {calls.count('ReadFile')}")
+        self.expect("the report last", calls.index("VTFltReplicationSuccess") > len(calls) - 1 - calls[::-1].index("ReadFile"))
+        order = ["VTReplicateVerifyList", "VTIsVerifyRequired", "VTFltInitBitmapManager", "VTFltPrepareForSnapshot",
+                 "VTFltGetBitmap", "VTFltReplicationSuccess", "VTFltDeinitBitmapManager"]
+        places = [calls.index(call) for call in order]
+        self.expect("the calls in order", places == sorted(places), str(calls))
+        contents = next(self.folder.glob("machine/volumes/*/contents.img")).read_bytes()[:LENGTH].ljust(LENGTH, b"\0")
+        self.expect("the copy equal to the volume", self.copy.read_bytes() == contents)
+        self.expect("no snapshot left", "snapshot " not in self.sim("show", self.machine).replace("snapshot announced", ""))
+        return calls
+
+    def check(self):
+        self.write(0, 1)
+        self.expect_backup("100 of 100 blocks read (everything)", 100)
+        self.write(3, 2)
+        self.write(99, 3) # a part of a block
+        calls = self.expect_backup("2 of 100 blocks read", 2)
+        self.expect("two questions", calls.count("VTIsVerifyRequired") == 2, str(calls))
+        self.sim("lose-tracking", self.machine, GUID)
+        self.write(7, 4)
+        self.expect_backup("100 of 100 blocks read (everything)", 100)
+        self.sim("driver", self.machine, "absent")
+        self.sim("service", self.machine, "absent")
+        code, text, calls = self.back_up()
+        self.expect("exit code 1 without the driver", code == 1 and "driver" in text, f"but {code}: {text}")
+        self.expect("nothing reported", "VTFltReplicationSuccess" not in calls)
+        self.sim("destroy", self.machine)
+
+
+def main():
+    shutil.rmtree(work, ignore_errors=True)
+    work.mkdir(parents=True)
+    table = {name: (kind_of(result), list(map(kind_of, parameters)))
+             for name, (_, result, parameters) in prototypes().items()}
+    check_prototypes(table, "python")
+    csharp = csharp_prototypes()
+    check_prototypes(csharp, "csharp")
+    if set(csharp) != set(table):
+        fail(f"the two samples call different functions: {sorted(set(csharp) ^ set(table))}")
+
+    make_stand_in(table, "int32_t", work / "python.so")
+    make_stand_in(csharp, "uint16_t", work / "csharp.so")
+    runner = work / "run.py"
+    runner.write_text("import ctypes, runpy, sys\n"
+                      f"ctypes.WinDLL = lambda name, **options: ctypes.CDLL({str(work / 'python.so')!r})\n"
+                      "sys.dont_write_bytecode = True\n"
+                      "sys.argv = sys.argv[1:]\n"
+                      "runpy.run_path(sys.argv[0], run_name='__main__')\n")
+    Trial("python", [sys.executable, runner, source / "samples/backup_loop.py"], {}).check()
+
+    program = work / "BackupLoop.exe"
+    run("mcs", "-warnaserror", "-warn:4", f"-out:{program}", source / "samples/BackupLoop.cs")
+    (work / "BackupLoop.exe.config").write_text(
+        "<configuration>\n" + "".join(f'<dllmap dll="{name}" target="{work / "csharp.so"}"/>\n'
+                                      for name in ("VTFltMgr.dll", "kernel32.dll")) + "</configuration>\n")
+    Trial("csharp", ["mono", program], {}).check()
+    print(f"check_scripts: {len(table)} prototypes in two languages, 8 runs")
+
+
+STAND_IN = STAND_IN.replace("REQUESTS", 'atoi(getenv("REQUESTS"))').replace("ANSWERS", 'atoi(getenv("ANSWERS"))')
+main()

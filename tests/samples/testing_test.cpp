@@ -1,0 +1,69 @@
+// samples/testing: the right program passes every example, and each mistake is found by its own.
+#include <windows.h>
+
+#include <cstdio>
+#include <gtest/gtest.h>
+#include <string>
+
+namespace vttest {
+
+namespace {
+
+// What find_bugs prints for a program; ended gets its exit code.
+std::string FindBugs(const std::string& program, int& ended)
+{
+    char self[MAX_PATH] = {};
+    GetModuleFileNameA(nullptr, self, MAX_PATH);
+    std::string folder = self;
+    folder.resize(folder.rfind('\\') + 1);
+    std::FILE* const output = _popen((folder + "find_bugs.exe " + folder + program).c_str(), "rt");
+    std::string text;
+    for (int c = std::fgetc(output); c != EOF; c = std::fgetc(output))
+        text.push_back(static_cast<char>(c));
+    ended = _pclose(output);
+    return text;
+}
+
+void ExpectFound(const std::string& program, const std::string& example)
+{
+    int ended = 0;
+    const std::string text = FindBugs(program, ended);
+    EXPECT_EQ(1, ended) << text;
+    const std::size_t found = text.find(example);
+    ASSERT_NE(std::string::npos, found) << text;
+    EXPECT_NE(std::string::npos, text.substr(found, text.find('\n', found) - found).find("FAILED")) << text;
+}
+
+TEST(FindBugs, PassesTheRightProgram)
+{
+    int ended = 0;
+    const std::string text = FindBugs("loop.exe", ended);
+    EXPECT_EQ(0, ended) << text;
+    EXPECT_EQ(std::string::npos, text.find("FAILED"));
+}
+
+TEST(FindBugs, FindsAReportBeforeTheCopyIsOnTheDisk)
+{
+    ExpectFound("loop_early_report.exe", "forgets nothing before the copy is on the disk");
+}
+
+TEST(FindBugs, FindsThatTheAnswerToVerifyIsIgnored)
+{
+    ExpectFound("loop_ignored_verify.exe", "reads everything when tracking was lost");
+}
+
+TEST(FindBugs, FindsABitmapThatWasFetchedBeforeTheSnapshot)
+{
+    ExpectFound("loop_early_bitmap.exe", "has what was written right before the snapshot");
+}
+
+TEST(FindBugs, SaysWhenTheProgramIsNotThere)
+{
+    int ended = 0;
+    FindBugs("no_such_program.exe", ended);
+    EXPECT_EQ(99, ended);
+}
+
+} // namespace
+
+} // namespace vttest

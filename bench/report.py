@@ -109,11 +109,12 @@ def main():
     picture(groups, "or", ("84+0-dense",), "Merging, every other bit set", folder / "merge_dense.svg")
     picture(groups, "or", ("84+0-sparse",), "Merging, one block in 4096 set", folder / "merge_sparse.svg")
     with open(out, "w") as file:
-        file.write(f"Measured {context['date'][:10]}, {context['num_cpus']} processors of {context['mhz_per_cpu']} MHz. "
+        file.write("# The work on bits, measured\n\n"
+                   f"Measured {context['date'][:10]}, {context['num_cpus']} processors of {context['mhz_per_cpu']} MHz. "
                    "GB of bitmap per second, the best of all repetitions.\n")
         for work, title in (("or", "Merge"), ("count", "Count of set bits"), ("walk", "Walk over the runs"),
                             ("clear", "Clear")):
-            file.write(f"\n### {title}\n\n{table(groups, work)}\n")
+            file.write(f"\n## {title}\n\n{table(groups, work)}\n")
 
 
 main()

@@ -151,6 +151,7 @@ int Try(const char* name, bool (*example)(const std::wstring&), const std::wstri
 {
     const bool good = example(program);
     std::printf("%-47s %s\n", name, good ? "ok" : "FAILED");
+    std::fflush(stdout); // before the next program's own lines
     return good ? 0 : 1;
 }
 

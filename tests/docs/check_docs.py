@@ -15,7 +15,8 @@ Each fenced block names its language, and what is done with it:
     python     has to compile.
     text       is shown, and neither a command nor code: a layout, a format, a program's output.
 
-Comments before a block: <!-- setup: ... --> commands that are run first and not shown (also alone; several lines);
+Comments before a block: <!-- setup: ... --> commands that are run first and not shown (also alone; several lines; "delete
+NAME" and "truncate NAME LENGTH" damage a file of the machine);
 <!-- not run: REASON --> for a block that cannot be run here. How many there are of these is printed.
 
 A page's machine is new. Drive letters C: and D: in a command are folders of the work folder; E: and further on are volumes.
@@ -117,7 +118,7 @@ class Page:
 
     def make_machine(self):
         self.machine = self.folder / "machine"
-        (self.folder / "C").mkdir(exist_ok=True)
+        (self.folder / "C/run").mkdir(parents=True, exist_ok=True)
         (self.folder / "D").mkdir(exist_ok=True)
         self.start("vtfltsim", ["create", self.windows(self.machine)])
 
@@ -128,6 +129,7 @@ class Page:
         return done.returncode, done.stdout.decode("utf-8", "replace").replace("\r", "")
 
     def translate(self, argument):
+        argument = re.sub(r"^Logs\\(?=VTFltMgr)", lambda m: self.windows(build) + "\\Logs\\", argument)
         argument = re.sub(r"\b([CD]):\\", lambda m: self.windows(self.folder / m[1]) + "\\", argument)
         return argument.replace("%MACHINE%", self.windows(self.machine)).replace("%BUILD%", self.windows(build))
 
@@ -194,9 +196,21 @@ class Page:
         if not re.fullmatch(pattern, normal):
             raise Wrong(f"'{command}' prints:\n{printed}\nand not:\n" + "\n".join(expected))
 
+    def damage(self, words):
+        """What cannot be done with a command: delete NAME, truncate NAME LENGTH, of a file somewhere in the machine."""
+        found = list(self.folder.rglob(words[1]))
+        if len(found) != 1:
+            raise Wrong(f"setup: {len(found)} files {words[1]}")
+        if words[0] == "delete":
+            found[0].unlink()
+        else:
+            os.truncate(found[0], int(words[2]))
+
     def setup(self, body):
         for line in body.strip("\n").split("\n"):
-            if line.strip():
+            if line.split()[:1] in (["delete"], ["truncate"]):
+                self.damage(line.split())
+            elif line.strip():
                 printed = self.command(line.strip())
                 self.code, code = 0, self.code
                 if code not in (0, 1, 12) or code == 1 and "vtfltsim" in line:

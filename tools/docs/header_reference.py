@@ -208,7 +208,8 @@ def reference(header, path, expected=None, titles=()):
     if expected is not None and sorted(functions) != sorted(expected):
         raise ValueError(f"{path}: exported and not in the header, or the other way round: "
                          f"{sorted(set(expected) ^ set(functions))}")
-    links = {name: "#" + name.lower() for name in functions}
+    links = {name: "#" + "-".join(item.functions()).lower() for _, items in sections for item in items
+             for name in item.functions()}
     out = [markdown(opening.split("\n", 1)[1].strip("\n"), links), ""]
     for title, items in sections:
         title = title or ("Constants" if any(item.code for item in items) else "")

@@ -263,16 +263,13 @@ VTFLTSIM_API DWORD WINAPI VTFltSimStartProgram(LPCWSTR directory, LPCWSTR comman
 /* Functions are named as they are imported, such as L"RegSetValueExW". "match" narrows a fault to calls whose
    trace text contains it (case-sensitive; NULL: any), such as part of a path, a value name or a mutex name. */
 
-#define VTFLTSIM_CALL_FAILS                                                                                            \
-    0u                                /* the function's own failure value; last error (or the result of a registry
-                                    function) is error */
-#define VTFLTSIM_CALL_RETURNS 1u      /* returns value, last error is error; nothing is done */
+/* What a fault does. error becomes the last error, or the result of a registry function. */
+#define VTFLTSIM_CALL_FAILS 0u        /* gives the function's own failure value */
+#define VTFLTSIM_CALL_RETURNS 1u      /* gives value; nothing is done */
 #define VTFLTSIM_CALL_SHORT 2u        /* ReadFile, WriteFile: value bytes at most are moved, the call succeeds */
 #define VTFLTSIM_CALL_KILLS_BEFORE 3u /* the process ends with exit code VTFLTSIM_KILLED, before the call */
 #define VTFLTSIM_CALL_KILLS_AFTER 4u  /* the same, after the call was done */
-#define VTFLTSIM_CALL_FAILS_AFTER                                                                                      \
-    5u /* the call is done, then reported as failed (not for calls that give
-                                         handles) */
+#define VTFLTSIM_CALL_FAILS_AFTER 5u  /* done, then reported as failed; not for calls that give handles */
 #define VTFLTSIM_KILLED 0x516Bu
 
 typedef struct VTFLTSIM_CALL_FAULT {

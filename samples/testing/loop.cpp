@@ -57,7 +57,8 @@ std::wstring TakeSnapshot()
 {
     const wchar_t* const command = _wgetenv(L"LOOP_SNAPSHOT");
     std::FILE* const output = command != nullptr ? _wpopen(command, L"rt") : nullptr;
-    Check("starting the snapshot's command", output != nullptr);
+    if (output == nullptr)
+        throw std::runtime_error("starting the snapshot's command");
     char line[256] = {};
     const bool read = std::fgets(line, sizeof(line), output) != nullptr;
     Check("taking the snapshot", _pclose(output) == 0 && read);

@@ -11,15 +11,17 @@ Each fenced block names its language, and what is done with it:
                its command has to stand in ./dev help.
     usage      a command's syntax: the command and its options have to stand in its --help.
     c, cpp     compiled. <!-- within: FILE --> puts it into a file in place of its line @@; <!-- run --> runs it.
+    bat        a batch file's commands; always with a reason why it is not run.
     json       has to parse.
     python     has to compile.
     text       is shown, and neither a command nor code: a layout, a format, a program's output.
 
 Comments before a block: <!-- setup: ... --> commands that are run first and not shown (also alone; several lines; "delete
-NAME" and "truncate NAME LENGTH" damage a file of the machine);
+NAME" and "truncate NAME LENGTH" damage a file of the machine, "copy NAME TO" and "log TO" copy one, or the library's log, to
+where the commands run);
 <!-- not run: REASON --> for a block that cannot be run here. How many there are of these is printed.
 
-A page's machine is new. Drive letters C: and D: in a command are folders of the work folder; E: and further on are volumes.
+Links have to lead somewhere. A page's machine is new. Drive letters C: and D: in a command are folders of the work folder; E: and further on are volumes.
 Programs that take --simulate get the machine.
 """
 import json
@@ -36,7 +38,7 @@ only = sys.argv[6:]
 
 PROGRAMS = ("vtfltctl", "vtlog", "vtbackup", "vtfltsim", "find_bugs", "loop", "loop_early_report", "loop_ignored_verify",
             "loop_early_bitmap", "backup_loop", "backup_loop_cpp")
-LANGUAGES = ("console", "sh", "usage", "c", "cpp", "json", "python", "text")
+LANGUAGES = ("console", "sh", "bat", "usage", "c", "cpp", "json", "python", "text")
 COMPILE = ["-Wall", "-Wextra", "-Wno-unused", "-DUNICODE", "-D_UNICODE", "-DNOMINMAX", "-DWIN32_LEAN_AND_MEAN",
            f"-I{source / 'include'}", f"-I{source / 'sim/include'}"]
 
@@ -210,6 +212,10 @@ class Page:
         for line in body.strip("\n").split("\n"):
             if line.split()[:1] in (["delete"], ["truncate"]):
                 self.damage(line.split())
+            elif line.split()[:1] == ["copy"]:
+                shutil.copy(next(self.folder.rglob(line.split()[1])), self.folder / "C" / line.split()[2])
+            elif line.split()[:1] == ["log"]:
+                shutil.copy(build / "Logs/VTFltMgr.dll.Log", self.folder / "C" / line.split()[1])
             elif line.strip():
                 printed = self.command(line.strip())
                 self.code, code = 0, self.code
@@ -238,7 +244,7 @@ class Page:
         prefix = os.environ.get("WINEPREFIX", str(source / "build/wine"))
         done = subprocess.run(["bash", "-euo", "pipefail", "-c", "\n".join(rest)], cwd=look_alike, text=True,
                               stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=300,
-                              env={**os.environ, "WINEPREFIX": prefix}, check=False)
+                              env={**os.environ, "WINEPREFIX": prefix, "HOME": str(self.folder), "NO_COLOR": "1"}, check=False)
         if done.returncode != 0:
             raise Wrong(f"bash ended with {done.returncode}:\n{done.stdout[-2000:]}")
 
@@ -296,6 +302,8 @@ class Page:
                 raise Wrong("not run: why?")
             self.skipped.append(comments["not run"])
             return
+        if language == "bat":
+            raise Wrong("nobody runs batch files here")
         if language == "console":
             self.console(body)
         elif language == "sh":
@@ -324,6 +332,21 @@ class Page:
             self.start("vtfltsim", ["destroy", self.windows(self.machine)])
 
 
+def check_links(path):
+    """What the site makes of a page's text: links to what is not there, and functions that a reference lacks, are errors."""
+    sys.path.insert(0, str(source / "tools/docs"))
+    import conf # pylint: disable=import-outside-toplevel
+    try:
+        text = path.read_text()
+        if path.parent.name == "docs" or path.parent.parent.name == "docs":
+            text = conf.convert(text, path.parent, path.parent)
+        for target in re.findall(r"\]\(([^()\s#]+)(?:#[^()\s]*)?\)", re.sub(r"^(`{3,}).*?^\1", "", text, flags=re.M | re.S)):
+            if not re.match("https?:|mailto:", target) and not (path.parent / target).exists():
+                raise Wrong(f"a link to {target}, which is not there")
+    except (ValueError, OSError) as wrong:
+        raise Wrong(str(wrong)) from wrong
+
+
 def main():
     pages = [source / "README.md", source / "CONTRIBUTING.md", source / "SECURITY.md", *sorted((source / "docs").rglob("*.md"))]
     counts, skipped, failed = {}, 0, 0
@@ -332,6 +355,7 @@ def main():
         if only and page.name not in only:
             continue
         try:
+            check_links(path)
             page.check()
         except Wrong as wrong:
             print(f"{page.name}: {wrong}\n")

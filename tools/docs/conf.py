@@ -30,11 +30,11 @@ html_css_files = ["site.css"]
 html_copy_source = False
 html_show_sphinx = False
 html_show_copyright = False
+html_use_index = False
 # The search shows titles. Excerpts would have to be fetched, which a page that is opened as a file may not do.
 html_show_search_summary = False
 myst_heading_anchors = 4
-myst_enable_extensions = []
-suppress_warnings = []
+smartquotes = False # they would take backslashes for escapes
 pygments_style = "friendly"
 highlight_language = "none"
 
@@ -119,7 +119,8 @@ def convert(text, source, folder):
             piece = re.sub(r"^!\[([^\]]*)\]\((\S+\.svg)\)$", lambda m: picture(folder, m[1], m[2]), piece, flags=re.M)
             out.append(re.sub(r"(?<!!)\[((?:[^\[\]]|`[^`]*`)+)\]\(([^()\s]+)\)", link, piece))
         elif number % 3 == 1:
-            out.append(piece)
+            piece = re.sub(r"^(`{3,})console$", r"\1doscon", piece, count=1, flags=re.M)
+            out.append(re.sub(r"^(`{3,})usage$", r"\1text", piece, count=1, flags=re.M))
     return "".join(out)
 
 

@@ -290,12 +290,11 @@ void DefineVolumes(CLI::App& app, Options& options)
     VolumeCommand(app, options, "lose-tracking", "let the driver lose track of a volume", [](const Options& o) {
         Check("losing track", VTFltSimLoseTracking(Opened(o.directory).get(), ToWide(o.volume).c_str()));
     });
-    CLI::App* forget = VolumeCommand(app, options, "forget-writes",
-                                     "let the driver overlook the next writes to a volume, and nobody notice",
-                                     [](const Options& o) {
-                                         Check("forgetting", VTFltSimForgetWrites(Opened(o.directory).get(),
-                                                                                  ToWide(o.volume).c_str(), o.count));
-                                     });
+    CLI::App* forget = VolumeCommand(
+        app, options, "forget-writes", "let the driver overlook the next writes to a volume, and nobody notice",
+        [](const Options& o) {
+            Check("forgetting", VTFltSimForgetWrites(Opened(o.directory).get(), ToWide(o.volume).c_str(), o.count));
+        });
     forget->add_option("count", options.count, "how many; 4294967295: all from here on; 0: none (default 1)");
     VolumeCommand(app, options, "start-tracking", "track a stopped volume again", [](const Options& o) {
         Check("tracking", VTFltSimStartTracking(Opened(o.directory).get(), ToWide(o.volume).c_str()));

@@ -116,7 +116,8 @@ DWORD AttachModule(const std::shared_ptr<Machine>& machine, HMODULE module)
             g_machine = machine;
     }
     const std::lock_guard guard(g_modulesLock);
-    const auto known = std::find_if(g_modules.begin(), g_modules.end(), [&](const Module& m) { return m.base == module; });
+    const auto known =
+        std::find_if(g_modules.begin(), g_modules.end(), [&](const Module& m) { return m.base == module; });
     if (known != g_modules.end()) {
         if (IsStillRedirected(*known))
             return 0;
@@ -139,7 +140,8 @@ DWORD DetachModule(HMODULE module)
     if (module == nullptr)
         module = GetModuleHandleW(nullptr);
     const std::lock_guard guard(g_modulesLock);
-    const auto known = std::find_if(g_modules.begin(), g_modules.end(), [&](const Module& m) { return m.base == module; });
+    const auto known =
+        std::find_if(g_modules.begin(), g_modules.end(), [&](const Module& m) { return m.base == module; });
     if (known == g_modules.end())
         return ERROR_MOD_NOT_FOUND;
     Restore(*known);

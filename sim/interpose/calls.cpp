@@ -138,8 +138,8 @@ Verdict Execute(const std::vector<Plan>& struck, Hook hook, const std::wstring& 
         g_hits.fetch_add(1);
         if (plan.what == VTFLTSIM_CALL_KILLS_BEFORE)
             KillProcess();
-        static constexpr Verdict::What WHATS[] = {Verdict::What::Fails,   Verdict::What::Returns,
-                                                  Verdict::What::Short,   Verdict::What::Proceed,
+        static constexpr Verdict::What WHATS[] = {Verdict::What::Fails,      Verdict::What::Returns,
+                                                  Verdict::What::Short,      Verdict::What::Proceed,
                                                   Verdict::What::KillsAfter, Verdict::What::FailsAfter};
         verdict.what = WHATS[plan.what];
         verdict.error = plan.error;
@@ -181,9 +181,12 @@ bool ParseItem(const std::wstring& item, Plan& plan)
         const wchar_t* text;
         DWORD what;
     };
-    static constexpr Word WORDS[] = {{L"fail", VTFLTSIM_CALL_FAILS},          {L"return", VTFLTSIM_CALL_RETURNS},
-                                     {L"short", VTFLTSIM_CALL_SHORT},         {L"kill-before", VTFLTSIM_CALL_KILLS_BEFORE},
-                                     {L"kill-after", VTFLTSIM_CALL_KILLS_AFTER}, {L"pause", PAUSES}};
+    static constexpr Word WORDS[] = {{L"fail", VTFLTSIM_CALL_FAILS},
+                                     {L"return", VTFLTSIM_CALL_RETURNS},
+                                     {L"short", VTFLTSIM_CALL_SHORT},
+                                     {L"kill-before", VTFLTSIM_CALL_KILLS_BEFORE},
+                                     {L"kill-after", VTFLTSIM_CALL_KILLS_AFTER},
+                                     {L"pause", PAUSES}};
     const auto fields = SplitAt(item, L'|');
     const Word* word = nullptr;
     for (const auto& candidate : WORDS) {
@@ -229,8 +232,7 @@ Verdict Judge(Hook hook, const std::wstring& text)
     {
         const std::lock_guard guard(g_lock);
         if (g_recording.load() && !IsMemoryHook(hook))
-            g_trace.push_back(
-                {text.empty() ? HookName(hook) : std::wstring(HookName(hook)) + L" " + text, CallSite()});
+            g_trace.push_back({text.empty() ? HookName(hook) : std::wstring(HookName(hook)) + L" " + text, CallSite()});
         for (auto& plan : g_plans) {
             const bool skipped = t_inCallback && plan.callback != nullptr;
             if (!skipped && Strikes(plan, hook, text))

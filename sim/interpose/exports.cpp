@@ -172,7 +172,8 @@ DWORD WINAPI VTFltSimGetVolumeInfo(VTFLTSIM_MACHINE machine, LPCWSTR volume, VTF
 {
     if (info == nullptr || info->size != sizeof(*info))
         return ERROR_INVALID_PARAMETER;
-    return WithVolume(machine, volume, [&](Machine& m, std::uint32_t serial) { return m.FillVolumeInfo(serial, *info); });
+    return WithVolume(machine, volume,
+                      [&](Machine& m, std::uint32_t serial) { return m.FillVolumeInfo(serial, *info); });
 }
 
 DWORD WINAPI VTFltSimEnumVolume(VTFLTSIM_MACHINE machine, DWORD index, VTFLTSIM_VOLUME_INFO* info)
@@ -193,24 +194,28 @@ DWORD WINAPI VTFltSimWriteVolume(VTFLTSIM_MACHINE machine, LPCWSTR volume, ULONG
 {
     if (IsMissing(data, length))
         return ERROR_INVALID_PARAMETER;
-    return WithVolume(machine, volume, [&](Machine& m, std::uint32_t serial) { return m.WriteVolume(serial, offset, data, length); });
+    return WithVolume(machine, volume,
+                      [&](Machine& m, std::uint32_t serial) { return m.WriteVolume(serial, offset, data, length); });
 }
 
 DWORD WINAPI VTFltSimReadVolume(VTFLTSIM_MACHINE machine, LPCWSTR volume, ULONGLONG offset, void* data, DWORD length)
 {
     if (IsMissing(data, length))
         return ERROR_INVALID_PARAMETER;
-    return WithVolume(machine, volume, [&](Machine& m, std::uint32_t serial) { return m.ReadVolume(serial, offset, data, length); });
+    return WithVolume(machine, volume,
+                      [&](Machine& m, std::uint32_t serial) { return m.ReadVolume(serial, offset, data, length); });
 }
 
 DWORD WINAPI VTFltSimResizeVolume(VTFLTSIM_MACHINE machine, LPCWSTR volume, ULONGLONG length)
 {
-    return WithVolume(machine, volume, [&](Machine& m, std::uint32_t serial) { return m.ResizeVolume(serial, length); });
+    return WithVolume(machine, volume,
+                      [&](Machine& m, std::uint32_t serial) { return m.ResizeVolume(serial, length); });
 }
 
 DWORD WINAPI VTFltSimSetBlockSize(VTFLTSIM_MACHINE machine, LPCWSTR volume, DWORD blockSize)
 {
-    return WithVolume(machine, volume, [&](Machine& m, std::uint32_t serial) { return m.SetBlockSize(serial, blockSize); });
+    return WithVolume(machine, volume,
+                      [&](Machine& m, std::uint32_t serial) { return m.SetBlockSize(serial, blockSize); });
 }
 
 DWORD WINAPI VTFltSimLoseTracking(VTFLTSIM_MACHINE machine, LPCWSTR volume)
@@ -276,7 +281,8 @@ DWORD WINAPI VTFltSimSetEnumerationFault(VTFLTSIM_MACHINE machine, DWORD step, D
 DWORD WINAPI VTFltSimGetBits(VTFLTSIM_MACHINE machine, LPCWSTR volume, DWORD which, void* bits, DWORD length,
                              DWORD* needed)
 {
-    return WithVolume(machine, volume, [&](Machine& m, std::uint32_t serial) { return m.GetBits(serial, which, bits, length, needed); });
+    return WithVolume(machine, volume,
+                      [&](Machine& m, std::uint32_t serial) { return m.GetBits(serial, which, bits, length, needed); });
 }
 
 DWORD WINAPI VTFltSimCreateSnapshot(VTFLTSIM_MACHINE machine, LPCWSTR volume, DWORD* number,

@@ -33,7 +33,7 @@ unsigned SpaceOf(OpenKind kind)
 
 using Place = std::pair<unsigned, const void*>;
 
-ProcessLock g_lock; // guards the three below
+ProcessLock g_lock;                           // guards the three below
 auto& g_open = *new std::map<Place, Entry>(); // never destroyed: the last closes come while modules unload
 DWORD g_failedCloses = 0;
 int g_ownedWhenClosed = 0; // mutexes closed by their owner without a release

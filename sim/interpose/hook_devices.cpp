@@ -112,8 +112,8 @@ HANDLE OpenAnything(const wchar_t* path, DWORD access, DWORD share, SECURITY_ATT
     return handle;
 }
 
-HANDLE WINAPI SimCreateFileW(LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
-                             DWORD disposition, DWORD flags, HANDLE model)
+HANDLE WINAPI SimCreateFileW(LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security, DWORD disposition,
+                             DWORD flags, HANDLE model)
 {
     return Call<HANDLE>(
         Hook::CreateFileW, INVALID_HANDLE_VALUE, [&] { return std::wstring(path != nullptr ? path : L""); },
@@ -131,8 +131,7 @@ Transfer PlanTransfer(DeviceObject& device, DWORD needed, DWORD length, const OV
 {
     Transfer plan;
     std::uint64_t end = 0;
-    plan.code = (device.access & needed) == 0 ? ERROR_ACCESS_DENIED
-                                              : device.machine->Length(device.endpoint, end);
+    plan.code = (device.access & needed) == 0 ? ERROR_ACCESS_DENIED : device.machine->Length(device.endpoint, end);
     if (overlapped != nullptr)
         plan.offset = (static_cast<std::uint64_t>(overlapped->OffsetHigh) << 32) | overlapped->Offset;
     else {

@@ -85,7 +85,8 @@ BOOL WINAPI SimCreateDirectoryW(LPCWSTR path, LPSECURITY_ATTRIBUTES security)
 
 BOOL WINAPI SimRemoveDirectoryW(LPCWSTR path)
 {
-    return OnPath<BOOL>(Hook::RemoveDirectoryW, path, FALSE, [](const wchar_t* real) { return RemoveDirectoryW(real); });
+    return OnPath<BOOL>(Hook::RemoveDirectoryW, path, FALSE,
+                        [](const wchar_t* real) { return RemoveDirectoryW(real); });
 }
 
 BOOL WINAPI SimSetFileAttributesW(LPCWSTR path, DWORD attributes)

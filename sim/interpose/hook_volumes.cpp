@@ -146,7 +146,8 @@ BOOL WINAPI SimGetVolumePathNamesForVolumeNameW(LPCWSTR name, LPWSTR paths, DWOR
                 return GetVolumePathNamesForVolumeNameW(name, paths, characters, needed);
             const auto names = machine->Names();
             for (const auto& volume : *names) {
-                if (EqualNoCase(EnumeratedName(volume), name) || EqualNoCase(L"\\\\?\\Volume" + volume.guid + L"\\", name))
+                if (EqualNoCase(EnumeratedName(volume), name) ||
+                    EqualNoCase(L"\\\\?\\Volume" + volume.guid + L"\\", name))
                     return GiveMountPaths(volume, paths, characters, needed);
             }
             SetLastError(ERROR_FILE_NOT_FOUND);

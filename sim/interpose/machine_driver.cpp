@@ -112,8 +112,7 @@ model::Reply Machine::AskDeviceQuery(const model::Request& request)
         const model::SnapshotRecord* snapshot = FindSnapshotRecord(target.endpoint.number);
         const bool known = snapshot != nullptr;
         return model::BuildDeviceReply(
-            request, u"",
-            known ? Units(L"\\Device\\HarddiskVolumeShadowCopy" + Decimal(target.endpoint.number)) : u"",
+            request, u"", known ? Units(L"\\Device\\HarddiskVolumeShadowCopy" + Decimal(target.endpoint.number)) : u"",
             known && snapshot->tracked != 0);
     }
     const std::uint32_t serial = target.endpoint.serial;

@@ -10,10 +10,7 @@ namespace vtfltsim {
 // that what is half done is harmless, so an abandoned lock is taken over.
 class Machine::Lock {
 public:
-    explicit Lock(const Machine& machine) : m_mutex(machine.m_mutex.get())
-    {
-        WaitForSingleObject(m_mutex, INFINITE);
-    }
+    explicit Lock(const Machine& machine) : m_mutex(machine.m_mutex.get()) { WaitForSingleObject(m_mutex, INFINITE); }
     Lock(const Lock&) = delete;
     Lock& operator=(const Lock&) = delete;
     ~Lock() { ReleaseMutex(m_mutex); }

@@ -63,8 +63,8 @@ std::wstring Machine::RealKeyPath(const std::wstring& subKey) const
 
 DWORD Machine::OpenKey(const std::wstring& subKey, REGSAM access, HKEY* key) const
 {
-    return static_cast<DWORD>(RegCreateKeyExW(HKEY_CURRENT_USER, RealKeyPath(subKey).c_str(), 0, nullptr, 0, access,
-                                              nullptr, key, nullptr));
+    return static_cast<DWORD>(
+        RegCreateKeyExW(HKEY_CURRENT_USER, RealKeyPath(subKey).c_str(), 0, nullptr, 0, access, nullptr, key, nullptr));
 }
 
 DWORD Machine::ResetRegistry()

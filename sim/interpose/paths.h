@@ -18,8 +18,8 @@ struct Target {
         Missing,  // it would be the machine's, but there is no such thing: error
     };
     Kind kind = Kind::Real;
-    Endpoint endpoint;     // of the device, or of the volume that holds the file
-    bool isRoot = false;   // File: the volume's root folder, named with its trailing backslash
+    Endpoint endpoint;   // of the device, or of the volume that holds the file
+    bool isRoot = false; // File: the volume's root folder, named with its trailing backslash
     std::wstring realPath;
     DWORD error = 0;
 };

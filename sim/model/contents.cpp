@@ -48,7 +48,8 @@ Status KeepChunk(const VolumeContents& volume, const SnapshotContents& snapshot,
     // The volume may have become shorter or longer than the snapshot inside this chunk.
     const std::uint64_t start = chunk * CHUNK;
     const std::uint64_t available = volume.record->length > start ? volume.record->length - start : 0;
-    Status status = ReadVolume(volume, start, old.data(), static_cast<std::uint32_t>(std::min<std::uint64_t>(size, available)));
+    Status status =
+        ReadVolume(volume, start, old.data(), static_cast<std::uint32_t>(std::min<std::uint64_t>(size, available)));
     if (status != OK)
         return status;
     status = snapshot.store->WriteAt(start, old.data(), size);
@@ -73,8 +74,8 @@ Status ReadVolume(const VolumeContents& volume, std::uint64_t offset, std::uint8
         });
 }
 
-Status KeepForSnapshots(const VolumeContents& volume, std::span<const SnapshotContents> snapshots,
-                        std::uint64_t offset, std::uint64_t length)
+Status KeepForSnapshots(const VolumeContents& volume, std::span<const SnapshotContents> snapshots, std::uint64_t offset,
+                        std::uint64_t length)
 {
     if (length == 0)
         return OK;

@@ -45,7 +45,7 @@ Status WriteSnapshot(const VolumeContents& volume, const SnapshotContents& snaps
                      const std::uint8_t* data, std::uint32_t length);
 
 // Keeps a range of the volume for its snapshots; for a range that is about to be overwritten or cut off.
-Status KeepForSnapshots(const VolumeContents& volume, std::span<const SnapshotContents> snapshots,
-                        std::uint64_t offset, std::uint64_t length);
+Status KeepForSnapshots(const VolumeContents& volume, std::span<const SnapshotContents> snapshots, std::uint64_t offset,
+                        std::uint64_t length);
 
 } // namespace vtfltsim::model

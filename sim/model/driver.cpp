@@ -134,8 +134,8 @@ Reply AnswerSyncChanges(const VolumeRecord& volume, const VolumeMaps& maps, cons
 {
     if (request.input == nullptr || request.inputLength < BITMAP_HEADER_BYTES)
         return Fail(INVALID_PARAMETER);
-    const std::uint32_t bytes = std::min(BitmapBytes(volume.length, volume.blockSize),
-                                         request.inputLength - BITMAP_HEADER_BYTES);
+    const std::uint32_t bytes =
+        std::min(BitmapBytes(volume.length, volume.blockSize), request.inputLength - BITMAP_HEADER_BYTES);
     OrBits(maps.current, request.input + BITMAP_HEADER_BYTES, bytes);
     return {};
 }
@@ -321,8 +321,8 @@ Status ParseDeviceQuery(const Request& request, const std::uint8_t** name, std::
     if (request.input == nullptr || request.inputLength < sizeof(query))
         return INVALID_PARAMETER;
     std::memcpy(&query, request.input, sizeof(query));
-    const bool wellFormed = query.headerSize == sizeof(query) && query.kind == 8 &&
-                            query.nameOffset == sizeof(query) && query.nameBytes % 2 == 0 && query.reserved == 0 &&
+    const bool wellFormed = query.headerSize == sizeof(query) && query.kind == 8 && query.nameOffset == sizeof(query) &&
+                            query.nameBytes % 2 == 0 && query.reserved == 0 &&
                             query.nameBytes == request.inputLength - sizeof(query);
     if (!wellFormed)
         return INVALID_PARAMETER;

@@ -38,15 +38,15 @@ struct VolumeRecord {
     std::uint32_t blockSize;
     std::uint64_t length;
     std::uint32_t driveType;
-    std::uint32_t stopped;     // 1: taken out of tracking by a request
-    std::uint32_t prepared;    // 1: a snapshot was announced and not yet taken
+    std::uint32_t stopped;  // 1: taken out of tracking by a request
+    std::uint32_t prepared; // 1: a snapshot was announced and not yet taken
     Epoch epoch;
-    std::uint32_t unseen;      // 1: written while no driver looked, or the driver lost its bits
-    std::uint32_t forget;      // writes that the driver is going to overlook; FORGET_ALL: every one
-    std::uint32_t resyncOwed;  // 1: the resync entry is not certain to be written yet
-    std::uint32_t switching;   // 1: next is taking the place of the geometry above
+    std::uint32_t unseen;     // 1: written while no driver looked, or the driver lost its bits
+    std::uint32_t forget;     // writes that the driver is going to overlook; FORGET_ALL: every one
+    std::uint32_t resyncOwed; // 1: the resync entry is not certain to be written yet
+    std::uint32_t switching;  // 1: next is taking the place of the geometry above
     Geometry next;
-    char16_t guid[40];         // {...}
+    char16_t guid[40];                      // {...}
     char16_t mountPaths[MOUNT_PATHS_UNITS]; // double-NUL-ended
     char16_t enumerationName[264];          // empty: the right name
 };
@@ -65,8 +65,8 @@ struct SnapshotRecord {
 struct FaultRecord {
     std::uint32_t inUse;
     std::uint32_t code;
-    std::uint32_t endpoint; // an Endpoint number; 0: any
-    std::uint32_t skip;     // matching requests still to be let through
+    std::uint32_t endpoint;  // an Endpoint number; 0: any
+    std::uint32_t skip;      // matching requests still to be let through
     std::uint32_t remaining; // requests still to be hit; 0: all from there on
     std::uint32_t forged;    // 1: succeed with the reply below, 0: fail with error
     std::uint32_t error;
@@ -86,8 +86,8 @@ struct UtilityRecord {
 struct MachineRecord {
     std::uint32_t magic;
     std::uint32_t version;
-    char16_t id[40];             // names the machine's lock and registry
-    std::uint32_t tableVersion;  // grows with every change of names, mounts, volumes
+    char16_t id[40];            // names the machine's lock and registry
+    std::uint32_t tableVersion; // grows with every change of names, mounts, volumes
     DriverState driver;
     std::uint32_t installPending; // 1: the utility answered "restart": the driver works after it
     std::uint32_t service;

@@ -79,7 +79,8 @@ DWORD CVolumeListForResync::GetDriverVolumeList(std::vector<std::wstring>& volum
     UniqueKey key;
     DWORD error = OpenSettingsKey(RESYNC_LISTS_KEY, key);
     if (error != ERROR_SUCCESS) {
-        Log(LOG_ERROR, error, L"CVolumeListForResync::GetDriverVolumeList::CreateKey %s error %d", RESYNC_LISTS_KEY, error);
+        Log(LOG_ERROR, error, L"CVolumeListForResync::GetDriverVolumeList::CreateKey %s error %d", RESYNC_LISTS_KEY,
+            error);
         return error;
     }
 
@@ -110,7 +111,8 @@ DWORD CVolumeListForResync::ClearDriverRegValue(const std::wstring& suffix)
     UniqueKey key;
     DWORD error = OpenSettingsKey(RESYNC_LISTS_KEY, key);
     if (error != ERROR_SUCCESS) {
-        Log(LOG_ERROR, error, L"CVolumeListForResync::ClearDriverRegValue::CreateKey %s error %d", RESYNC_LISTS_KEY, error);
+        Log(LOG_ERROR, error, L"CVolumeListForResync::ClearDriverRegValue::CreateKey %s error %d", RESYNC_LISTS_KEY,
+            error);
         return error;
     }
     error = DeleteValue(key.get(), valueName.c_str());
@@ -134,7 +136,8 @@ DWORD CVolumeListForResync::UpdateApplicationValue(const std::vector<std::wstrin
     UniqueKey key;
     DWORD error = OpenSettingsKey(RESYNC_LISTS_KEY, key);
     if (error != ERROR_SUCCESS) {
-        Log(LOG_ERROR, error, L"CVolumeListForResync::UpdateApplicationValue::CreateKey %s error %d", RESYNC_LISTS_KEY, error);
+        Log(LOG_ERROR, error, L"CVolumeListForResync::UpdateApplicationValue::CreateKey %s error %d", RESYNC_LISTS_KEY,
+            error);
         return error;
     }
 

@@ -13,8 +13,8 @@ namespace vtflt {
 inline constexpr std::uint32_t LOG_CFG_MAGIC = 0x0000E6E6;
 inline constexpr std::uint32_t LOG_LEVEL_NOT_SET = 0xFFFFFFFF;
 inline constexpr std::size_t LOG_CFG_MODULE_COUNT = 1024;
-inline constexpr std::size_t LOG_PATH_CAPACITY = 512;        // characters, the end included
-inline constexpr std::size_t LOG_MODULE_NAME_CAPACITY = 64;  // the same
+inline constexpr std::size_t LOG_PATH_CAPACITY = 512;       // characters, the end included
+inline constexpr std::size_t LOG_MODULE_NAME_CAPACITY = 64; // the same
 
 // LogCfgModuleEntry::flags
 inline constexpr std::uint32_t LOG_CFG_PATH_AUTOMATIC = 1;  // the library may replace the path; a process-wide one wins

@@ -81,9 +81,8 @@ void BuildMutexName(std::wstring_view path, wchar_t (&name)[LOG_PATH_CAPACITY]) 
     const std::wstring_view part = path.substr(0, MUTEX_PATH_LENGTH);
     CopyText(name, PREFIX);
     wchar_t* const begin = name + PREFIX.size();
-    const int length = LCMapStringEx(LOCALE_NAME_INVARIANT, LCMAP_LOWERCASE, part.data(),
-                                     static_cast<int>(part.size()), begin, static_cast<int>(MUTEX_PATH_LENGTH),
-                                     nullptr, nullptr, 0);
+    const int length = LCMapStringEx(LOCALE_NAME_INVARIANT, LCMAP_LOWERCASE, part.data(), static_cast<int>(part.size()),
+                                     begin, static_cast<int>(MUTEX_PATH_LENGTH), nullptr, nullptr, 0);
     for (int index = 0; index < length; ++index) {
         if (begin[index] == L'\\')
             begin[index] = L'/';

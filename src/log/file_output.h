@@ -61,17 +61,17 @@ private:
     void WritePart(const void* bytes, DWORD size, const wchar_t* failure) noexcept;
     void WriteConverted(std::wstring_view text, const wchar_t* failure) noexcept;
 
-    wchar_t m_path[LOG_PATH_CAPACITY] = {};                     // empty until the configuration gives one
-    wchar_t m_configurationKey[LOG_MODULE_NAME_CAPACITY] = {};  // under which the configuration knows the module
-    wchar_t m_moduleName[LOG_MODULE_NAME_CAPACITY] = {};        // of the module that contains the logging code
+    wchar_t m_path[LOG_PATH_CAPACITY] = {};                    // empty until the configuration gives one
+    wchar_t m_configurationKey[LOG_MODULE_NAME_CAPACITY] = {}; // under which the configuration knows the module
+    wchar_t m_moduleName[LOG_MODULE_NAME_CAPACITY] = {};       // of the module that contains the logging code
     wchar_t m_executableName[LOG_MODULE_NAME_CAPACITY] = {};
-    DWORD m_version = 0;                // the lower half of the module's file version
-    bool m_isVersionKnown = false;      // apart from it: 0 is a version too, and is not looked up for every record
-    bool m_isWide = true;               // the form of the open file; kept for the next one
+    DWORD m_version = 0;           // the lower half of the module's file version
+    bool m_isVersionKnown = false; // apart from it: 0 is a version too, and is not looked up for every record
+    bool m_isWide = true;          // the form of the open file; kept for the next one
     std::atomic<int> m_threshold = LOG_INFORMATION;
     UniqueHandle m_file;
     UniqueHandle m_mutex;
-    CRITICAL_SECTION m_lock;            // guards everything but the names and the threshold
+    CRITICAL_SECTION m_lock; // guards everything but the names and the threshold
     bool m_isGlobalOptionDisabled = false;
 };
 

@@ -72,9 +72,7 @@ DWORD CSMOutput::GetLogLevel()
     return IsViewerPresent() ? EVERYTHING : 0;
 }
 
-void CSMOutput::ReleaseText(wchar_t*) noexcept
-{
-}
+void CSMOutput::ReleaseText(wchar_t*) noexcept {}
 
 void CSMOutput::Disconnect() noexcept
 {

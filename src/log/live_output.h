@@ -61,7 +61,7 @@ private:
     StoredHit TestBreakpoints(std::wstring_view text) noexcept;
     void WaitAtBreakpoint(const StoredHit& hit) noexcept;
 
-    CRITICAL_SECTION m_lock; // guards everything below
+    CRITICAL_SECTION m_lock;                                     // guards everything below
     wchar_t m_executableName[LOG_BREAKPOINT_NAME_CAPACITY] = {}; // empty until a viewer was there
     wchar_t m_moduleName[LOG_BREAKPOINT_NAME_CAPACITY] = {};
     std::unique_ptr<CLogShareMemory> m_ring;

@@ -60,7 +60,7 @@ private:
     UniqueView m_view;
     LogCfgModuleEntry* m_currentEntry = nullptr; // the one last found; in the view
     DWORD m_components = 0;                      // that are present (log/probes.h); with m_folder
-    wchar_t m_folder[LOG_PATH_CAPACITY] = {}; // empty until found out
+    wchar_t m_folder[LOG_PATH_CAPACITY] = {};    // empty until found out
 };
 
 } // namespace vtflt

@@ -5,8 +5,10 @@ namespace vtflt {
 
 // The configuration block of the process whose id, in decimal digits, stands behind the name.
 inline constexpr wchar_t LOG_CFG_MUTEX_NAME[] = L"Global\\LOGCFG_MUTEX_NAME_C8AAE32A-9619-4685-B766-F003823BEEE3_%d";
-inline constexpr wchar_t LOG_CFG_GLOBAL_MAPPING_NAME[] = L"Global\\LOGCFG_SM_NAME_C8AAE32A-9619-4685-B766-F003823BEEE3_%d";
-inline constexpr wchar_t LOG_CFG_LOCAL_MAPPING_NAME[] = L"Local\\LOGCFG_SM_NAME_C8AAE32A-9619-4685-B766-F003823BEEE3_%d";
+inline constexpr wchar_t LOG_CFG_GLOBAL_MAPPING_NAME[] =
+    L"Global\\LOGCFG_SM_NAME_C8AAE32A-9619-4685-B766-F003823BEEE3_%d";
+inline constexpr wchar_t LOG_CFG_LOCAL_MAPPING_NAME[] =
+    L"Local\\LOGCFG_SM_NAME_C8AAE32A-9619-4685-B766-F003823BEEE3_%d";
 
 // The live viewer is there exactly while this event can be opened.
 inline constexpr wchar_t LOG_VIEWER_EVENT_NAME[] = L"Global\\EVENT_9CF42DA4-ACD1-4F3F-8D6F-31023974A079";

@@ -26,9 +26,9 @@ const ModulePath& FindOut(ModulePath& path, bool ofThisCode) noexcept
         return path;
     HMODULE module = nullptr;
     // Without a reference: the module must be able to leave while its own log is still there.
-    if (ofThisCode && GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS |
-                                             GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                                         reinterpret_cast<const wchar_t*>(&OwnModule), &module))
+    if (ofThisCode &&
+        GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                           reinterpret_cast<const wchar_t*>(&OwnModule), &module))
         ReadPath(module, path);
     if (path.text[0] == L'\0')
         ReadPath(nullptr, path);

@@ -172,8 +172,7 @@ DWORD CRegistry::ReadDword(const wchar_t* name, DWORD& value) const noexcept
     DWORD type = REG_NONE;
     DWORD number = 0;
     DWORD size = sizeof(number);
-    const LSTATUS error =
-        RegQueryValueExW(m_key.get(), name, nullptr, &type, reinterpret_cast<BYTE*>(&number), &size);
+    const LSTATUS error = RegQueryValueExW(m_key.get(), name, nullptr, &type, reinterpret_cast<BYTE*>(&number), &size);
     if (error != ERROR_SUCCESS)
         return static_cast<DWORD>(error);
     if (type != REG_DWORD || size != sizeof(number))

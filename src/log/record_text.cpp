@@ -47,8 +47,8 @@ void BuildRecordHeader(char (&text)[LOG_HEADER_CAPACITY], const char* time, cons
     const long processId = static_cast<long>(header.processId);
     const long threadId = static_cast<long>(header.threadId);
     if (header.errorCode != 0)
-        FormatBounded(text, LOG_HEADER_CAPACITY, "[%s   %02d   %05ld   %05ld   0X%08x] ", time, header.level,
-                      processId, threadId, header.errorCode);
+        FormatBounded(text, LOG_HEADER_CAPACITY, "[%s   %02d   %05ld   %05ld   0X%08x] ", time, header.level, processId,
+                      threadId, header.errorCode);
     else
         FormatBounded(text, LOG_HEADER_CAPACITY, "[%s   %02d   %05ld   %05ld             ] ", time, header.level,
                       processId, threadId);
@@ -76,8 +76,8 @@ void BuildProductLine(wchar_t (&text)[LOG_LINE_CAPACITY], std::uint32_t major, s
         FormatBounded(text, LOG_LINE_CAPACITY, L"Product Info: [Veltrix Software Inc] [%s] Ver[r%d.%d (Update %d)]",
                       PRODUCT, major, minor, update);
     else
-        FormatBounded(text, LOG_LINE_CAPACITY, L"Product Info: [Veltrix Software Inc] [%s] Ver[r%d.%d]", PRODUCT,
-                      major, minor);
+        FormatBounded(text, LOG_LINE_CAPACITY, L"Product Info: [Veltrix Software Inc] [%s] Ver[r%d.%d]", PRODUCT, major,
+                      minor);
 }
 
 void BuildSystemLine(wchar_t (&text)[LOG_LINE_CAPACITY], const wchar_t* computer, int major, int minor,

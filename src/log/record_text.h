@@ -42,8 +42,7 @@ inline constexpr std::wstring_view LOG_COLUMN_LINE =
 
 // The fixed lines of the summary block; each gets a header.
 inline constexpr std::wstring_view LOG_SUMMARY_LINE = L"================ SUMMARY LOG =======================";
-inline constexpr std::wstring_view LOG_LEVEL_HINT_LINE =
-    L"Log level of each module can be controlled by registry key:";
+inline constexpr std::wstring_view LOG_LEVEL_HINT_LINE = L"Log level of each module can be controlled by registry key:";
 inline constexpr std::wstring_view LOG_LEVEL_KEY_LINE =
     L"[HKEY_LOCAL_MACHINE\\SOFTWARE\\Veltrix\\Lumen Protect\\Engine\\Debug\\ModuleName:DWORD]";
 inline constexpr std::wstring_view LOG_END_LINE = L"=====================================================";

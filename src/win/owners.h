@@ -106,7 +106,7 @@ using UniqueKey = Owner<RegistryKeyTraits>;
 using UniqueFileSearch = Owner<FileSearchTraits>;
 using UniqueVolumeSearch = Owner<VolumeSearchTraits>;
 using UniqueService = Owner<ServiceTraits>;
-using UniqueView = Owner<ViewTraits>;           // of a mapping
+using UniqueView = Owner<ViewTraits>; // of a mapping
 using UniqueLocalMemory = Owner<LocalMemoryTraits>;
 
 } // namespace vtflt

@@ -50,8 +50,7 @@ int Log(int argc, char** argv)
 
 int View(char** argv)
 {
-    const HANDLE presence =
-        CreateEventW(nullptr, TRUE, FALSE, L"Global\\EVENT_9CF42DA4-ACD1-4F3F-8D6F-31023974A079");
+    const HANDLE presence = CreateEventW(nullptr, TRUE, FALSE, L"Global\\EVENT_9CF42DA4-ACD1-4F3F-8D6F-31023974A079");
     const HANDLE ready = OpenEventW(EVENT_MODIFY_STATE, FALSE, Wide(argv[2]).c_str());
     if (presence == nullptr || ready == nullptr)
         return NOT_STARTED;

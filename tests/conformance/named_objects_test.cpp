@@ -183,7 +183,8 @@ TEST(Waits, AClosedHandleIs6)
 TEST(Mappings, TwoViewsShowTheSameBytesAndAMissingOneIs2)
 {
     const std::wstring name = Name(L"mapping");
-    const UniqueHandle mapping(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 4096, name.c_str()));
+    const UniqueHandle mapping(
+        CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 4096, name.c_str()));
     ASSERT_TRUE(mapping.valid());
     EXPECT_EQ(0u, GetLastError());
     const UniqueHandle opened(OpenFileMappingW(FILE_MAP_READ, FALSE, name.c_str()));

@@ -62,10 +62,10 @@ public:
 
 // Where a path leads.
 struct Place {
-    DWORD error = 0;               // 0, or why the path is none
-    std::shared_ptr<Node> folder;  // the folder that has the last name, null for a root
-    Text name;                     // the last name
-    std::shared_ptr<Node> node;    // what has the name now, or null
+    DWORD error = 0;              // 0, or why the path is none
+    std::shared_ptr<Node> folder; // the folder that has the last name, null for a root
+    Text name;                    // the last name
+    std::shared_ptr<Node> node;   // what has the name now, or null
     bool endsInBackslash = false;
 };
 Place Resolve(const wchar_t* path, bool forFolder = false);

@@ -175,7 +175,8 @@ DOUBLE_API BOOL WINAPI WriteFile(HANDLE handle, LPCVOID data, DWORD length, LPDW
     if (file->node->IsFolder())
         return FailedFile(ERROR_INVALID_FUNCTION);
     std::uint64_t offset = OffsetOf(*file, overlapped);
-    const bool appends = (file->access & FILE_WRITE_DATA) == 0 || (overlapped != nullptr && offset == ~std::uint64_t{0});
+    const bool appends =
+        (file->access & FILE_WRITE_DATA) == 0 || (overlapped != nullptr && offset == ~std::uint64_t{0});
     if (appends)
         offset = file->node->contents->size();
     if (!file->node->contents->Write(offset, data, length))
@@ -215,8 +216,8 @@ DOUBLE_API DWORD WINAPI SetFilePointer(HANDLE handle, LONG distance, PLONG high,
     LARGE_INTEGER wanted = {};
     wanted.QuadPart = distance;
     if (high != nullptr)
-        wanted.QuadPart =
-            static_cast<LONGLONG>((static_cast<std::uint64_t>(static_cast<DWORD>(*high)) << 32) | static_cast<DWORD>(distance));
+        wanted.QuadPart = static_cast<LONGLONG>((static_cast<std::uint64_t>(static_cast<DWORD>(*high)) << 32) |
+                                                static_cast<DWORD>(distance));
     LARGE_INTEGER reached = {};
     if (!SetFilePointerEx(handle, wanted, &reached, method))
         return INVALID_SET_FILE_POINTER;
@@ -569,7 +570,8 @@ std::vector<WIN32_FIND_DATAW> FindAll(const Node& folder, const Text& pattern)
 
 } // namespace
 
-DOUBLE_API HANDLE WINAPI FindFirstFileExW(LPCWSTR path, FINDEX_INFO_LEVELS, LPVOID data, FINDEX_SEARCH_OPS, LPVOID, DWORD)
+DOUBLE_API HANDLE WINAPI FindFirstFileExW(LPCWSTR path, FINDEX_INFO_LEVELS, LPVOID data, FINDEX_SEARCH_OPS, LPVOID,
+                                          DWORD)
 {
     const Entry entry;
     const Text text = path != nullptr ? path : L"";
@@ -657,7 +659,8 @@ DOUBLE_API DWORD WINAPI GetCurrentDirectoryW(DWORD characters, LPWSTR buffer)
     return length;
 }
 
-DOUBLE_API BOOL WINAPI GetDiskFreeSpaceExW(LPCWSTR, PULARGE_INTEGER available, PULARGE_INTEGER total, PULARGE_INTEGER free)
+DOUBLE_API BOOL WINAPI GetDiskFreeSpaceExW(LPCWSTR, PULARGE_INTEGER available, PULARGE_INTEGER total,
+                                           PULARGE_INTEGER free)
 {
     const Entry entry;
     constexpr ULONGLONG DISK_BYTES = 1ull << 40;

@@ -12,7 +12,7 @@ namespace {
 
 struct Search {
     ElfW(Addr) base;
-    const ElfW(Dyn)* dynamic = nullptr;
+    const ElfW(Dyn) * dynamic = nullptr;
 };
 
 int FindDynamic(dl_phdr_info* info, std::size_t, void* data)
@@ -28,13 +28,13 @@ int FindDynamic(dl_phdr_info* info, std::size_t, void* data)
 }
 
 struct Tables {
-    const ElfW(Sym)* symbols = nullptr;
+    const ElfW(Sym) * symbols = nullptr;
     const char* names = nullptr;
-    const ElfW(Rela)* relocations[2] = {};
+    const ElfW(Rela) * relocations[2] = {};
     std::size_t bytes[2] = {};
 };
 
-Tables ReadTables(const ElfW(Dyn)* dynamic)
+Tables ReadTables(const ElfW(Dyn) * dynamic)
 {
     Tables tables;
     for (; dynamic->d_tag != DT_NULL; ++dynamic) {
@@ -111,7 +111,8 @@ bool ForEachImport(HMODULE module, const std::function<bool(const char* name, vo
             const ElfW(Sym)& symbol = tables.symbols[ELF64_R_SYM(relocation.r_info)];
             if (symbol.st_shndx != SHN_UNDEF)
                 continue;
-            if (!visit(WithoutWrap(tables.names + symbol.st_name), reinterpret_cast<void**>(search.base + relocation.r_offset)))
+            if (!visit(WithoutWrap(tables.names + symbol.st_name),
+                       reinterpret_cast<void**>(search.base + relocation.r_offset)))
                 return false;
         }
     }

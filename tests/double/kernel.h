@@ -37,8 +37,8 @@ using TextView = std::wstring_view;
 // What an access list grants: everything when there is none.
 struct Security {
     bool restricted = false;
-    bool nullList = false;   // set so, as against none said at all
-    std::vector<BYTE> list;  // as it was set
+    bool nullList = false;  // set so, as against none said at all
+    std::vector<BYTE> list; // as it was set
     DWORD granted = 0;
     bool Grants(DWORD access) const noexcept { return !restricted || (access & ~granted) == 0; }
 };
@@ -190,7 +190,7 @@ struct View {
 };
 
 struct Module {
-    Text name;       // VTFltMgr.dll
+    Text name; // VTFltMgr.dll
     void* library = nullptr;
     void* base = nullptr;
     const void* dynamic = nullptr;
@@ -221,7 +221,7 @@ public:
     Text commandLine;
     std::vector<std::string> arguments;
     std::vector<char*> argumentPointers;
-    Text directory; // C:\x, no end
+    Text directory;     // C:\x, no end
     std::string suffix; // what its copies of the modules carry in their names
     bool dead = false;
     Process* host = nullptr; // of a guest: whose modules it shares, and so the handles that these keep in variables

@@ -404,8 +404,8 @@ DOUBLE_API DWORD WINAPI GetCurrentThreadId()
     return Current().id;
 }
 
-DOUBLE_API HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES, SIZE_T, LPTHREAD_START_ROUTINE start, LPVOID argument, DWORD,
-                                      LPDWORD id)
+DOUBLE_API HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES, SIZE_T, LPTHREAD_START_ROUTINE start, LPVOID argument,
+                                      DWORD, LPDWORD id)
 {
     const Entry entry;
     const auto thread = StartThread(CurrentProcess(), start, argument, false);
@@ -538,10 +538,10 @@ DOUBLE_API DWORD WINAPI GetModuleFileNameW(HMODULE handle, LPWSTR buffer, DWORD 
 {
     const Entry entry;
     const auto& modules = CurrentProcess().modules;
-    const auto found = handle == nullptr ? modules.begin()
-                                         : std::find_if(modules.begin(), modules.end(), [&](const Module& module) {
-                                               return module.base == static_cast<void*>(handle);
-                                           });
+    const auto found =
+        handle == nullptr ? modules.begin() : std::find_if(modules.begin(), modules.end(), [&](const Module& module) {
+            return module.base == static_cast<void*>(handle);
+        });
     if (found == modules.end())
         return Failed<DWORD>(ERROR_MOD_NOT_FOUND, 0);
     const Text path = Text(IMAGE_FOLDER) + L"\\" + found->name;

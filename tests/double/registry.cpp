@@ -214,7 +214,8 @@ DOUBLE_API LSTATUS WINAPI RegCreateKeyExW(HKEY parent, LPCWSTR path, DWORD, LPWS
 
 DOUBLE_API LSTATUS WINAPI RegCreateKeyW(HKEY parent, LPCWSTR path, PHKEY result)
 {
-    return RegCreateKeyExW(parent, path, 0, nullptr, REG_OPTION_NON_VOLATILE, MAXIMUM_ALLOWED, nullptr, result, nullptr);
+    return RegCreateKeyExW(parent, path, 0, nullptr, REG_OPTION_NON_VOLATILE, MAXIMUM_ALLOWED, nullptr, result,
+                           nullptr);
 }
 
 DOUBLE_API LSTATUS WINAPI RegOpenKeyExW(HKEY parent, LPCWSTR path, DWORD, REGSAM access, PHKEY result)
@@ -412,8 +413,8 @@ DOUBLE_API LSTATUS WINAPI RegEnumKeyExW(HKEY handle, DWORD index, LPWSTR name, L
     return 0;
 }
 
-DOUBLE_API LSTATUS WINAPI RegEnumValueW(HKEY handle, DWORD index, LPWSTR name, LPDWORD characters, LPDWORD, LPDWORD type,
-                                        LPBYTE data, LPDWORD size)
+DOUBLE_API LSTATUS WINAPI RegEnumValueW(HKEY handle, DWORD index, LPWSTR name, LPDWORD characters, LPDWORD,
+                                        LPDWORD type, LPBYTE data, LPDWORD size)
 {
     const Entry entry;
     std::shared_ptr<RegistryKey> key;

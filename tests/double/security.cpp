@@ -88,8 +88,11 @@ struct KnownSid {
     DWORD parts[2];
     BYTE count;
 };
-constexpr KnownSid KNOWN_SIDS[] = {{L"WD", 1, {0, 0}, 1},     {L"AU", 5, {11, 0}, 1}, {L"SY", 5, {18, 0}, 1},
-                                   {L"BA", 5, {32, 544}, 2}, {L"BU", 5, {32, 545}, 2}};
+constexpr KnownSid KNOWN_SIDS[] = {{L"WD", 1, {0, 0}, 1},
+                                   {L"AU", 5, {11, 0}, 1},
+                                   {L"SY", 5, {18, 0}, 1},
+                                   {L"BA", 5, {32, 544}, 2},
+                                   {L"BU", 5, {32, 545}, 2}};
 
 // What a folder or file has that nobody gave a list of its own: entries that come from the drive's root.
 constexpr wchar_t INHERITED_LIST[] = L"(A;OICIID;0x1f01ff;;;BA)(A;OICIID;0x1f01ff;;;SY)(A;OICIID;0x1200a9;;;BU)";
@@ -403,8 +406,8 @@ DOUBLE_API BOOL WINAPI ConvertStringSidToSidW(LPCWSTR text, PSID* sid)
     return *sid != nullptr ? TRUE : Failed(ERROR_INVALID_SID, FALSE);
 }
 
-DOUBLE_API BOOL WINAPI ConvertStringSecurityDescriptorToSecurityDescriptorW(LPCWSTR text, DWORD, PSECURITY_DESCRIPTOR* result,
-                                                                            PULONG size)
+DOUBLE_API BOOL WINAPI ConvertStringSecurityDescriptorToSecurityDescriptorW(LPCWSTR text, DWORD,
+                                                                            PSECURITY_DESCRIPTOR* result, PULONG size)
 {
     const Entry entry;
     TextView rest = text;

@@ -88,7 +88,8 @@ DOUBLE_API BOOL WINAPI SystemTimeToFileTime(const SYSTEMTIME* time, LPFILETIME r
     // The inverse of ToSystemTime: years that begin in March.
     const std::uint64_t year = time->wYear - (time->wMonth <= 2 ? 1u : 0u);
     const std::uint64_t month = time->wMonth > 2 ? time->wMonth - 3u : time->wMonth + 9u;
-    const std::uint64_t days = 365 * year + year / 4 - year / 100 + year / 400 + (153 * month + 2) / 5 + time->wDay - 1u;
+    const std::uint64_t days =
+        365 * year + year / 4 - year / 100 + year / 400 + (153 * month + 2) / 5 + time->wDay - 1u;
     constexpr std::uint64_t DAYS_TO_1601 = 306 + 365 * 1600 + 1600 / 4 - 1600 / 100 + 1600 / 400;
     const std::uint64_t seconds = time->wHour * 3600ull + time->wMinute * 60ull + time->wSecond;
     *result = ToFileTime((days - DAYS_TO_1601) * TICKS_PER_DAY +
@@ -257,9 +258,7 @@ DOUBLE_API RPC_STATUS WINAPI RpcStringFreeW(RPC_WSTR* text)
     return RPC_S_OK;
 }
 
-DOUBLE_API void WINAPI OutputDebugStringW(LPCWSTR)
-{
-}
+DOUBLE_API void WINAPI OutputDebugStringW(LPCWSTR) {}
 
 DOUBLE_API BOOL WINAPI IsDebuggerPresent()
 {

@@ -172,7 +172,8 @@ void PutInteger(Target& target, const Directive& directive, va_list& arguments)
     if (isSigned && directive.size == Size::Long)
         bits = static_cast<unsigned long long>(static_cast<long long>(static_cast<int>(bits)));
     if (directive.size == Size::Short)
-        bits = isSigned ? static_cast<unsigned long long>(static_cast<long long>(static_cast<short>(bits))) : bits & 0xFFFF;
+        bits = isSigned ? static_cast<unsigned long long>(static_cast<long long>(static_cast<short>(bits)))
+                        : bits & 0xFFFF;
     PutNumber(target, directive, bits, isSigned);
 }
 
@@ -335,7 +336,8 @@ DOUBLE_API DWORD WINAPI CharUpperBuffW(LPWSTR text, DWORD length)
     return length;
 }
 
-DOUBLE_API int WINAPI CompareStringOrdinal(LPCWSTR left, int leftLength, LPCWSTR right, int rightLength, BOOL ignoreCase)
+DOUBLE_API int WINAPI CompareStringOrdinal(LPCWSTR left, int leftLength, LPCWSTR right, int rightLength,
+                                           BOOL ignoreCase)
 {
     const Entry entry;
     if (left == nullptr || right == nullptr)
@@ -347,11 +349,12 @@ DOUBLE_API int WINAPI CompareStringOrdinal(LPCWSTR left, int leftLength, LPCWSTR
 }
 
 // The ANSI code page is Latin-1's part of 1252; UTF-8 has one to four bytes a character.
-DOUBLE_API int WINAPI WideCharToMultiByte(UINT page, DWORD, LPCWSTR text, int length, LPSTR buffer, int capacity, LPCSTR,
-                                          LPBOOL replaced)
+DOUBLE_API int WINAPI WideCharToMultiByte(UINT page, DWORD, LPCWSTR text, int length, LPSTR buffer, int capacity,
+                                          LPCSTR, LPBOOL replaced)
 {
     const Entry entry;
-    const TextView source = length < 0 ? TextView(text, std::wcslen(text) + 1) : TextView(text, static_cast<std::size_t>(length));
+    const TextView source =
+        length < 0 ? TextView(text, std::wcslen(text) + 1) : TextView(text, static_cast<std::size_t>(length));
     std::string bytes;
     bool any = false;
     for (std::size_t i = 0; i < source.size(); ++i) {
@@ -361,7 +364,8 @@ DOUBLE_API int WINAPI WideCharToMultiByte(UINT page, DWORD, LPCWSTR text, int le
             bytes.push_back(character > 0xFF ? '?' : static_cast<char>(character));
             continue;
         }
-        if (character >= 0xD800 && character < 0xDC00 && i + 1 < source.size() && source[i + 1] >= 0xDC00 && source[i + 1] < 0xE000)
+        if (character >= 0xD800 && character < 0xDC00 && i + 1 < source.size() && source[i + 1] >= 0xDC00 &&
+            source[i + 1] < 0xE000)
             character = 0x10000 + ((character - 0xD800) << 10) + (source[++i] - 0xDC00u);
         else if (character >= 0xD800 && character < 0xE000)
             character = 0xFFFD;
@@ -395,8 +399,8 @@ DOUBLE_API int WINAPI WideCharToMultiByte(UINT page, DWORD, LPCWSTR text, int le
 DOUBLE_API int WINAPI MultiByteToWideChar(UINT page, DWORD, LPCSTR text, int length, LPWSTR buffer, int capacity)
 {
     const Entry entry;
-    const std::string_view source =
-        length < 0 ? std::string_view(text, std::strlen(text) + 1) : std::string_view(text, static_cast<std::size_t>(length));
+    const std::string_view source = length < 0 ? std::string_view(text, std::strlen(text) + 1)
+                                               : std::string_view(text, static_cast<std::size_t>(length));
     Text wide;
     for (std::size_t i = 0; i < source.size(); ++i) {
         const auto first = static_cast<unsigned char>(source[i]);

@@ -47,8 +47,7 @@ protected:
 TEST_F(CallSweep, ARegistrationThatFailsAtAnyCallLeavesNothingOpenAndCanBeRepeated)
 {
     FailEachCall(
-        ERROR_NOT_ENOUGH_MEMORY, [] { VTUnregisterApplication(L"App1"); },
-        [] { VTRegisterApplication(L"App1"); },
+        ERROR_NOT_ENOUGH_MEMORY, [] { VTUnregisterApplication(L"App1"); }, [] { VTRegisterApplication(L"App1"); },
         [&] {
             ExpectNothingLeftOpen();
             EXPECT_EQ(0u, VTRegisterApplication(L"App1"));

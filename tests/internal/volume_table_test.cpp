@@ -36,8 +36,8 @@ public:
     explicit ScriptedManager(Script& script) : m_script(script) {}
     ~ScriptedManager() override { ++m_script.destroyed; }
 
-    DWORD VTDeviceIoControl(HANDLE volume, DWORD code, void* input, DWORD inputLength, void* output,
-                            DWORD outputLength, DWORD* returned, OVERLAPPED* overlapped) override
+    DWORD VTDeviceIoControl(HANDLE volume, DWORD code, void* input, DWORD inputLength, void* output, DWORD outputLength,
+                            DWORD* returned, OVERLAPPED* overlapped) override
     {
         m_script.asked.push_back({volume, code, input, inputLength, output, outputLength, returned,
                                   returned != nullptr ? *returned : 0, overlapped});
@@ -102,8 +102,8 @@ TEST_F(VolumeTable, DeinitWhoseManagerRefusesLeavesTheEntryAndASecondCallReaches
     EXPECT_EQ(script.deinitCalls, 2);
     EXPECT_EQ(script.destroyed, 1);
     EXPECT_EQ(vtflt::Volumes().Find(handle), nullptr);
-    log.ExpectExactly({{2, 0,
-                        L"VTFltDeinitBitmapManager: SUCCESS:: Bitmap manager un-initialized. Volume handle 0X12345678.\n"}});
+    log.ExpectExactly(
+        {{2, 0, L"VTFltDeinitBitmapManager: SUCCESS:: Bitmap manager un-initialized. Volume handle 0X12345678.\n"}});
     EXPECT_EQ(VTFltDeinitBitmapManager(handle), 87u);
 }
 

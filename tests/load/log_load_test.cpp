@@ -38,8 +38,8 @@ protected:
         wchar_t self[MAX_PATH] = {};
         GetModuleFileNameW(nullptr, self, MAX_PATH);
         const std::wstring program = self;
-        ASSERT_TRUE(CopyFileW((program.substr(0, program.rfind(L'\\') + 1) + L"VTFltMgr.dll").c_str(), m_library.c_str(),
-                              FALSE));
+        ASSERT_TRUE(CopyFileW((program.substr(0, program.rfind(L'\\') + 1) + L"VTFltMgr.dll").c_str(),
+                              m_library.c_str(), FALSE));
         // The engine's folder contains the library: its logs lie below it.
         SetText(L"InstallPath", L"Path", m_folder);
     }
@@ -118,7 +118,8 @@ TEST_F(LogLoad, TheConfigurationIsThereFromLoadToUnload)
         ASSERT_TRUE(view.valid());
         const auto& block = *static_cast<const vtflt::LogCfgBlock*>(view.get());
         EXPECT_TRUE(vtflt::FieldText(block.modules[0].name) == L"VTFltMgr.dll");
-        EXPECT_TRUE(vtflt::FieldText(block.modules[0].path) == m_log) << Narrow(vtflt::FieldText(block.modules[0].path));
+        EXPECT_TRUE(vtflt::FieldText(block.modules[0].path) == m_log)
+            << Narrow(vtflt::FieldText(block.modules[0].path));
     }
     EXPECT_EQ(INVALID_FILE_ATTRIBUTES, GetFileAttributesW(m_log.c_str())) << "the first record makes the file";
     EXPECT_TRUE(FreeLibrary(library));

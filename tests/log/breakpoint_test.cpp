@@ -124,7 +124,7 @@ TEST_F(BreakpointTest, ACountOfTwoThousandMillionSearchesAHundredEntriesInTheirO
 {
     m_breakpoints.Set(99, L"LOG_TESTS.exe", L"stop");
     m_breakpoints.Set(98, Executable(), L"stop").threadId = GetCurrentThreadId(); // not the thread that logs
-    LogBreakpoint& endless = m_breakpoints.Set(5, Executable(), L"stop"); // name and pattern without an end
+    LogBreakpoint& endless = m_breakpoints.Set(5, Executable(), L"stop");         // name and pattern without an end
     std::memset(endless.executableName, 0x61, sizeof(endless.executableName));
     std::memset(endless.pattern, 0x61, sizeof(endless.pattern));
     m_breakpoints.block->count = 2000000000;
@@ -312,9 +312,9 @@ TEST_F(BreakpointObjects, ATableThatIsTooSmallOrReservedOnlyIsNotTouched)
     for (const bool isSmall : {true, false}) {
         const UniqueHandle event = MakeAutoEvent(BREAKPOINT_EVENT);
         const UniqueHandle mutex(CreateMutexW(nullptr, FALSE, BREAKPOINT_MUTEX));
-        const UniqueHandle mapping =
-            isSmall ? MakeMapping(BREAKPOINT_MAPPING, 4096)
-                    : MakeMapping(BREAKPOINT_MAPPING, sizeof(LogBreakpointBlock), nullptr, PAGE_READWRITE | SEC_RESERVE);
+        const UniqueHandle mapping = isSmall ? MakeMapping(BREAKPOINT_MAPPING, 4096)
+                                             : MakeMapping(BREAKPOINT_MAPPING, sizeof(LogBreakpointBlock), nullptr,
+                                                           PAGE_READWRITE | SEC_RESERVE);
         m_output.WriteLogW(2, 0, L"text");
         ExpectRing({L"text"});
         EXPECT_FALSE(IsSignalled(event));

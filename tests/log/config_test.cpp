@@ -362,8 +362,7 @@ TEST_F(ConfigTest, AGlobalNameThatIsRefusedFallsBackToTheLocalOne)
     ASSERT_TRUE(barred.valid());
     m_configuration.RegisterModule(L"First.dll");
     EXPECT_EQ(DefaultPath(L"First.dll.Log"), Path(L"First.dll"));
-    const UniqueHandle local(
-        OpenFileMappingW(FILE_MAP_READ, FALSE, ConfigName(LOG_CFG_LOCAL_MAPPING_NAME).c_str()));
+    const UniqueHandle local(OpenFileMappingW(FILE_MAP_READ, FALSE, ConfigName(LOG_CFG_LOCAL_MAPPING_NAME).c_str()));
     EXPECT_TRUE(local.valid());
 }
 

@@ -20,7 +20,8 @@ protected:
         Write(L"first");
         ClearTrace();
     }
-    static void Fail(const wchar_t* function, DWORD error, DWORD nth = 1, DWORD count = 1, const wchar_t* match = nullptr)
+    static void Fail(const wchar_t* function, DWORD error, DWORD nth = 1, DWORD count = 1,
+                     const wchar_t* match = nullptr)
     {
         Check("VTFltSimFailCall", VTFltSimFailCall(function, match, nth, count, error));
     }

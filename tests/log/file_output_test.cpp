@@ -37,14 +37,11 @@ std::wstring SystemLine()
 std::wstring FreshFile(const std::wstring& product, const std::wstring& record, int threshold = 2)
 {
     const std::wstring header = MaskedHeader(threshold);
-    return L"[   Date        Time      Level  PID     TID   ErrCode    ] .......\r\n" +
-           header + L"================ SUMMARY LOG =======================\r\n" +
-           header + product + L"\r\n" +
-           header + SystemLine() + L"\r\n" +
-           header + L"Log level of each module can be controlled by registry key:\r\n" +
+    return L"[   Date        Time      Level  PID     TID   ErrCode    ] .......\r\n" + header +
+           L"================ SUMMARY LOG =======================\r\n" + header + product + L"\r\n" + header +
+           SystemLine() + L"\r\n" + header + L"Log level of each module can be controlled by registry key:\r\n" +
            header + L"[HKEY_LOCAL_MACHINE\\SOFTWARE\\Veltrix\\Lumen Protect\\Engine\\Debug\\ModuleName:DWORD]\r\n" +
-           header + L"=====================================================\r\n" +
-           record;
+           header + L"=====================================================\r\n" + record;
 }
 
 constexpr wchar_t NO_PRODUCT[] = L"Product Info: [Veltrix Software Inc] [veltrix Lumen Protect] Ver[r0.0]";
@@ -146,9 +143,8 @@ TEST_F(FileOutput, AnExistingFileWithoutTheMarkGetsNarrowRecords)
     Start(m_path);
     Write(L"wide message", 0, 5);
     m_output->WriteLogA(2, 0, "narrow message");
-    const std::wstring expected = L"some other writer's first line\r\n" +
-                                  MaskedHeader(0, 5) + L"wide message" + Tail() + L"\r\n" +
-                                  MaskedHeader(2) + L"narrow message" + Tail() + L"\r\n";
+    const std::wstring expected = L"some other writer's first line\r\n" + MaskedHeader(0, 5) + L"wide message" +
+                                  Tail() + L"\r\n" + MaskedHeader(2) + L"narrow message" + Tail() + L"\r\n";
     EXPECT_TRUE(MaskTimes(Widened(NarrowBytes(m_path))) == expected) << NarrowBytes(m_path);
 }
 
@@ -169,8 +165,8 @@ TEST_F(FileOutput, InANarrowFileAMessageThatNeedsMoreThan1024BytesIsEmpty)
     Start(m_path);
     Write(std::wstring(1024, L'w'));
     Write(std::wstring(1025, L'w'));
-    const std::wstring expected = L"..." + MaskedHeader(2) + std::wstring(1024, L'w') + Tail() + L"\r\n" +
-                                  MaskedHeader(2) + Tail() + L"\r\n";
+    const std::wstring expected =
+        L"..." + MaskedHeader(2) + std::wstring(1024, L'w') + Tail() + L"\r\n" + MaskedHeader(2) + Tail() + L"\r\n";
     EXPECT_TRUE(MaskTimes(Widened(NarrowBytes(m_path))) == expected);
 }
 
@@ -191,8 +187,7 @@ TEST_F(FileOutput, AFileThatIsTheMarkAloneGetsTheSummaryBlock)
     MakeFile(m_path, "\xFF\xFE");
     Start(m_path);
     Write(L"m");
-    EXPECT_TRUE(MaskTimes(WideFileText(m_path)) ==
-                FreshFile(NO_PRODUCT, MaskedHeader(2) + L"m" + Tail() + L"\r\n"));
+    EXPECT_TRUE(MaskTimes(WideFileText(m_path)) == FreshFile(NO_PRODUCT, MaskedHeader(2) + L"m" + Tail() + L"\r\n"));
 }
 
 TEST_F(FileOutput, TheMarkGoesOverTheOneOrTwoBytesOfATinyFile)
@@ -201,8 +196,7 @@ TEST_F(FileOutput, TheMarkGoesOverTheOneOrTwoBytesOfATinyFile)
         MakeFile(m_path, bytes);
         Start(m_path);
         Write(L"m");
-        EXPECT_TRUE(MaskTimes(WideFileText(m_path)) ==
-                    FreshFile(NO_PRODUCT, MaskedHeader(2) + L"m" + Tail() + L"\r\n"))
+        EXPECT_TRUE(MaskTimes(WideFileText(m_path)) == FreshFile(NO_PRODUCT, MaskedHeader(2) + L"m" + Tail() + L"\r\n"))
             << bytes;
         m_output.reset();
     }

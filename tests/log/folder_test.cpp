@@ -50,9 +50,9 @@ protected:
         std::fflush(stdout);
         std::string printed = testing::internal::GetCapturedStdout();
         VTFltSimClearCallFaults();
-        EXPECT_TRUE(TraceLines() == std::vector<std::wstring>{TraceLine(
-                                        L"Failed to add local service access right for folder " + m_folder.Path() +
-                                        L"\r\n")});
+        EXPECT_TRUE(TraceLines() ==
+                    std::vector<std::wstring>{TraceLine(L"Failed to add local service access right for folder " +
+                                                        m_folder.Path() + L"\r\n")});
         while (!printed.empty() && (printed.back() == '\n' || printed.back() == '\r'))
             printed.pop_back();
         return printed;

@@ -48,7 +48,8 @@ class FrontEnd : public testing::Test {
 protected:
     CDBGLog Make(DWORD fileThreshold, DWORD liveThreshold, int fileThrows = 0)
     {
-        return CDBGLog(new ScriptedOutput(m_file, fileThreshold, fileThrows), new ScriptedOutput(m_live, liveThreshold));
+        return CDBGLog(new ScriptedOutput(m_file, fileThreshold, fileThrows),
+                       new ScriptedOutput(m_live, liveThreshold));
     }
     std::vector<Record> m_file;
     std::vector<Record> m_live;
@@ -58,8 +59,7 @@ protected:
 // An argument whose reading is noticed: its page answers the first access with an exception, which is counted.
 class WatchedText {
 public:
-    WatchedText()
-        : m_text(static_cast<wchar_t*>(VirtualAlloc(nullptr, 4096, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE)))
+    WatchedText() : m_text(static_cast<wchar_t*>(VirtualAlloc(nullptr, 4096, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE)))
     {
         s_reads = 0;
         m_text[0] = L'x';

@@ -146,8 +146,8 @@ protected:
     {
         m_library = LoadLibraryW(L"VTFltMgr.dll");
         ASSERT_NE(nullptr, m_library);
-        m_deinit = reinterpret_cast<Deinit>(
-            reinterpret_cast<void*>(GetProcAddress(m_library, "VTFltDeinitBitmapManager")));
+        m_deinit =
+            reinterpret_cast<Deinit>(reinterpret_cast<void*>(GetProcAddress(m_library, "VTFltDeinitBitmapManager")));
         ASSERT_NE(nullptr, m_deinit);
     }
     void Unload()

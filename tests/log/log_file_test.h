@@ -22,7 +22,6 @@ inline constexpr bool ON_DOUBLE = false;
 inline constexpr bool ON_DOUBLE = true;
 #endif
 
-
 inline constexpr LONGLONG LOG_SIZE_LIMIT = 104857600;
 
 // Lets the module of the logging code, or the executable, lie elsewhere while the object lives: what was found out once is
@@ -61,7 +60,10 @@ protected:
     std::wstring EntryPath() const;
     std::wstring ProcessPath() const;
 
-    void Write(const std::wstring& text, int level = 2, DWORD code = 0) { m_output->WriteLogW(level, code, text.c_str()); }
+    void Write(const std::wstring& text, int level = 2, DWORD code = 0)
+    {
+        m_output->WriteLogW(level, code, text.c_str());
+    }
 
     // The file of a name in the case's folder.
     std::wstring File(const std::wstring& name) const { return m_folder.File(name); }

@@ -20,8 +20,8 @@ protected:
     {
         const std::wstring ready = UniqueName(L"VTFltMgr.LogChild");
         UniqueHandle event = NamedEvent(ready);
-        std::vector<std::wstring> arguments = {m_path, WideNumber(number), WideNumber(threads), WideNumber(records), ready,
-                                               m_startName};
+        std::vector<std::wstring> arguments = {m_path, WideNumber(number), WideNumber(threads), WideNumber(records),
+                                               ready,  m_startName};
         if (ends)
             arguments.push_back(L"end");
         return Child{std::move(event), ChildProcess(L"log_child", arguments)};
@@ -51,7 +51,8 @@ protected:
             L" not found. Please provide valid volume handle.   {log_child.exe::VTFltMgr.dll(0.0)}";
         const std::wstring masked = MaskTimes(line);
         const std::size_t at = masked.find(BEFORE);
-        if (!masked.starts_with(L"[0000/00/00 00:00:00:000   00   ") || at == std::wstring::npos || !masked.ends_with(BEHIND))
+        if (!masked.starts_with(L"[0000/00/00 00:00:00:000   00   ") || at == std::wstring::npos ||
+            !masked.ends_with(BEHIND))
             return 0;
         std::uint32_t number = 0;
         const std::size_t first = at + BEFORE.size();

@@ -416,8 +416,8 @@ TEST_F(RingTest, ARecordIsWrittenUnderTheMutexAndTheViewerWokenBehindIt)
     ASSERT_TRUE(m_writer.WriteMessage(0, 0, L"m", L"text"));
     const std::wstring trace = calls.Trace();
     std::size_t from = 0;
-    for (const wchar_t* call : {L"WaitForSingleObject", L"MapViewOfFile", L"UnmapViewOfFile", L"ReleaseMutex",
-                                L"SetEvent"}) {
+    for (const wchar_t* call :
+         {L"WaitForSingleObject", L"MapViewOfFile", L"UnmapViewOfFile", L"ReleaseMutex", L"SetEvent"}) {
         const std::size_t at = trace.find(call, from);
         EXPECT_NE(std::wstring::npos, at) << ::testing::PrintToString(std::wstring(call));
         from = at == std::wstring::npos ? from : at + 1;

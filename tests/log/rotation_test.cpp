@@ -78,8 +78,8 @@ TEST_F(Rotation, AnOpenFileThatFillsUpIsLeftForItsSuccessorAndNeitherDeletedNorR
     VTFltSimRecord(0);
     EXPECT_EQ(LOG_SIZE_LIMIT, SizeOf(m_path));
     EXPECT_TRUE(Texts(m_first) == std::vector<std::wstring>{L"second"});
-    EXPECT_TRUE(TraceLines() ==
-                std::vector<std::wstring>{TraceLine(L"Redirect file from [" + m_path + L"] to [" + m_first + L"]\r\n")});
+    EXPECT_TRUE(TraceLines() == std::vector<std::wstring>{
+                                    TraceLine(L"Redirect file from [" + m_path + L"] to [" + m_first + L"]\r\n")});
     // The folder is that of the file before: it is not prepared again.
     EXPECT_EQ(0u, FoldersTried());
     EXPECT_TRUE(Recorded(L"GetNamedSecurityInfoW").empty());
@@ -110,8 +110,9 @@ TEST_F(Rotation, SuccessorsAreOnlyLookedForByTheirAttributes)
     Write(L"next");
     VTFltSimRecord(0);
     const std::vector<std::wstring> asked = Recorded(L"GetFileAttributesExW");
-    EXPECT_TRUE(asked == (std::vector<std::wstring>{L"GetFileAttributesExW " + m_path, L"GetFileAttributesExW " + m_first,
-                                                    L"GetFileAttributesExW " + m_second}));
+    EXPECT_TRUE(asked ==
+                (std::vector<std::wstring>{L"GetFileAttributesExW " + m_path, L"GetFileAttributesExW " + m_first,
+                                           L"GetFileAttributesExW " + m_second}));
     for (const std::wstring& opened : Recorded(L"CreateFileW"))
         EXPECT_EQ(std::wstring::npos, opened.find(L"00000001")) << Narrow(opened);
 }

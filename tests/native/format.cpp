@@ -40,8 +40,7 @@ private:
         else if (isLong)
             PutNumber(va_arg(arguments, long), *format == 'x');
         else
-            PutNumber(*format == 'd' ? std::int64_t{va_arg(arguments, int)}
-                                     : std::int64_t{va_arg(arguments, unsigned)},
+            PutNumber(*format == 'd' ? std::int64_t{va_arg(arguments, int)} : std::int64_t{va_arg(arguments, unsigned)},
                       *format == 'x');
         return format;
     }

@@ -134,8 +134,8 @@ TEST_F(SimModelTest, ADriverThatForgetsOverlooksAsManyWritesAsItIsTold)
     Write(2);
     Write(3);
     EXPECT_EQ((Blocks{3}), Fetch());
-    EXPECT_EQ(0u, m_volume.unseen);              // nobody will be told
-    EXPECT_TRUE(TestBit(m_maps.allocated, 0));   // that the blocks were written is no secret of the driver's
+    EXPECT_EQ(0u, m_volume.unseen);            // nobody will be told
+    EXPECT_TRUE(TestBit(m_maps.allocated, 0)); // that the blocks were written is no secret of the driver's
     m_volume.forget = FORGET_ALL;
     for (std::uint64_t block = 4; block < 8; ++block)
         Write(block);

@@ -43,8 +43,7 @@ inline bool IsSignalled(const vtflt::UniqueHandle& event)
 inline vtflt::UniqueHandle MakeMapping(const std::wstring& name, DWORD bytes, SECURITY_ATTRIBUTES* attributes = nullptr,
                                        DWORD kind = PAGE_READWRITE)
 {
-    vtflt::UniqueHandle mapping(
-        CreateFileMappingW(INVALID_HANDLE_VALUE, attributes, kind, 0, bytes, name.c_str()));
+    vtflt::UniqueHandle mapping(CreateFileMappingW(INVALID_HANDLE_VALUE, attributes, kind, 0, bytes, name.c_str()));
     EXPECT_TRUE(mapping.valid());
     return mapping;
 }

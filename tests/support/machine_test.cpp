@@ -21,11 +21,14 @@ bool IsCallOfTheLog(const std::wstring& call)
 {
     static constexpr std::wstring_view CALLS[] = {
         L"WaitForSingleObject |5000", // the configuration's mutex, the file's mutex
-        L"ReleaseMutex", L"GetFileSizeEx", L"SetFilePointerEx", L"GetLocalTime",
+        L"ReleaseMutex",
+        L"GetFileSizeEx",
+        L"SetFilePointerEx",
+        L"GetLocalTime",
         L"OpenEventW Global\\EVENT_9CF42DA4-ACD1-4F3F-8D6F-31023974A079", // is a viewer there?
     };
-    return std::find(std::begin(CALLS), std::end(CALLS), call) != std::end(CALLS) ||
-           call.starts_with(L"ReadFile |") || call.starts_with(L"WriteFile |");
+    return std::find(std::begin(CALLS), std::end(CALLS), call) != std::end(CALLS) || call.starts_with(L"ReadFile |") ||
+           call.starts_with(L"WriteFile |");
 }
 
 #if defined(VT_TEST_DLL)

@@ -186,8 +186,7 @@ TEST_F(CppFace, TheManagerIsClosedWithItsOwnerAndMovesWithIt)
         EXPECT_TRUE(first.IsOpen());
         EXPECT_TRUE(first.Fetch(changes).IsSuccess());
     }
-    EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_PARAMETER),
-              vtfltmgr::FetchBitmap(handle.get(), changes, false).Code());
+    EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_PARAMETER), vtfltmgr::FetchBitmap(handle.get(), changes, false).Code());
 }
 
 TEST_F(CppFace, AManagerThatCannotBeOpenedIsNotOpen)

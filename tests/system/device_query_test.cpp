@@ -61,8 +61,8 @@ TEST_F(DeviceQuery, ANameOf3UnitsGivesAQueryOf30BytesWhoseLengthFieldIs6)
 {
     StartRecording();
     EXPECT_EQ(VTIsDeviceMonitored(L"abc"), 1u);
-    const Bytes expected{24, 0, 0, 0, 8, 0, 0, 0, 24, 0,   0, 0,   6, 0,   0, 0,
-                         0,  0, 0, 0, 0, 0, 0, 0, 'a', 0, 'b', 0, 'c', 0};
+    const Bytes expected{24, 0, 0, 0, 8, 0, 0, 0, 24, 0,   0, 0,   6, 0,   0,
+                         0,  0, 0, 0, 0, 0, 0, 0, 0,  'a', 0, 'b', 0, 'c', 0};
     ASSERT_EQ(expected.size(), 30u);
     ExpectRequests({{UPDATE_DEVICE_CONFIG, CONTROL, expected, 616}});
 }
@@ -178,7 +178,8 @@ TEST_F(DeviceQuery, AQueryForWhichThereIsNoMemoryAnswers1AndItsMessage)
         log.ExpectExactly({{2, 8, L"VTIsDeviceMonitored() OUT OF Memory.\n"}});
         EXPECT_TRUE(CallsOf(L"CreateFileW").empty());
     };
-    ForEveryFailingAllocation(prepare, [&] { return VTIsDeviceMonitored(path.c_str()); }, check);
+    ForEveryFailingAllocation(
+        prepare, [&] { return VTIsDeviceMonitored(path.c_str()); }, check);
     EXPECT_TRUE(refused);
 }
 

@@ -49,9 +49,8 @@ protected:
     }
     void ForgeBitmap(const Bytes& reply)
     {
-        vtfltsim::Check("VTFltSimForgeReply",
-                        VTFltSimForgeReply(machine.handle(), GET_BITMAP, nullptr, 1, 1, reply.data(),
-                                           static_cast<DWORD>(reply.size())));
+        vtfltsim::Check("VTFltSimForgeReply", VTFltSimForgeReply(machine.handle(), GET_BITMAP, nullptr, 1, 1,
+                                                                 reply.data(), static_cast<DWORD>(reply.size())));
     }
 
     Volume volume;

@@ -92,9 +92,8 @@ TEST_F(DriverHealth, AWrongFilterOrderIsAWarningAndLeadsToTheServiceTest)
     machine.SetFilters({L"VTFlt", L"volsnap"});
     StartRecording();
     EXPECT_EQ(VTCanBLIDriverWork(), 0u);
-    log.ExpectExactly(
-        {{0, 0xFFFFFFFF, L"Error: [VTFlt] is before [volsnap] in the volume class upper filter list."},
-         {1, 0, L"VTCanBLIDriverWork: VTFlt is wrong in the volume upper filters list."}});
+    log.ExpectExactly({{0, 0xFFFFFFFF, L"Error: [VTFlt] is before [volsnap] in the volume class upper filter list."},
+                       {1, 0, L"VTCanBLIDriverWork: VTFlt is wrong in the volume upper filters list."}});
     ExpectCalls({L"CreateFileW", L"DeviceIoControl", L"RegCreateKeyW", L"RegQueryValueExW", L"RegQueryValueExW",
                  L"RegCloseKey", L"CloseHandle", L"OpenSCManagerW", L"OpenServiceW", L"CloseServiceHandle"});
     ExpectNothingWasRun();
@@ -105,8 +104,7 @@ TEST_F(DriverHealth, AnOlderGenerationInAWrongFilterOrderIsReinstalled)
     machine.SetDriver(VTFLTSIM_DRIVER_OLDER);
     machine.SetFilters({L"VTFlt", L"volsnap"});
     EXPECT_EQ(VTCanBLIDriverWork(), 1u);
-    log.ExpectLogged(2, 1,
-                     L"VTCanBLIDriverWork: VTFlt v6.0 is working. Needs to reboot machine to let new one works.");
+    log.ExpectLogged(2, 1, L"VTCanBLIDriverWork: VTFlt v6.0 is working. Needs to reboot machine to let new one works.");
     log.ExpectLogged(1, 0, L"VTCanBLIDriverWork: VTFlt is wrong in the volume upper filters list.");
     log.ExpectLogged(2, 0, L"VTCanBLIDriverWork: VTFlt installed automatically.");
     EXPECT_EQ(UtilityCommands(machine).size(), 2u);

@@ -36,10 +36,7 @@ protected:
         all.insert(all.end(), records.begin(), records.end());
         log.ExpectExactly(all);
     }
-    static LogRecord Launch(const std::wstring& command)
-    {
-        return {2, 0, L"ExecCmdLine launch command: " + command};
-    }
+    static LogRecord Launch(const std::wstring& command) { return {2, 0, L"ExecCmdLine launch command: " + command}; }
 
     const std::wstring uninstall = L"\"D:\\Tools\\VTFltUtl.exe\" -r -output=\"D:\\Tools\\Logs\\UninstallDriver.log\" ";
     const std::wstring install = L"\"D:\\Tools\\VTFltUtl.exe\" -i -output=\"D:\\Tools\\Logs\\InstallDriver.log\" ";
@@ -74,11 +71,12 @@ TEST_F(DriverInstall, TheLogFolderIsMadeFirstAndEveryStepComesInOrder)
 {
     StartRecording();
     EXPECT_EQ(VTCanBLIDriverWork(), 1u);
-    ExpectCalls({L"CreateFileW", L"OpenSCManagerW", L"OpenServiceW", L"CloseServiceHandle", L"CloseServiceHandle",
-                 L"RegCreateKeyExW", L"RegQueryValueExW", L"RegCloseKey", L"RegCreateKeyExW", L"RegQueryValueExW",
-                 L"RegCloseKey", L"CreateDirectoryW", L"CreateProcessW", L"WaitForSingleObject", L"GetExitCodeProcess",
-                 L"CloseHandle", L"CloseHandle", L"CreateProcessW", L"WaitForSingleObject", L"GetExitCodeProcess",
-                 L"CloseHandle", L"CloseHandle"});
+    ExpectCalls({L"CreateFileW",        L"OpenSCManagerW",      L"OpenServiceW",        L"CloseServiceHandle",
+                 L"CloseServiceHandle", L"RegCreateKeyExW",     L"RegQueryValueExW",    L"RegCloseKey",
+                 L"RegCreateKeyExW",    L"RegQueryValueExW",    L"RegCloseKey",         L"CreateDirectoryW",
+                 L"CreateProcessW",     L"WaitForSingleObject", L"GetExitCodeProcess",  L"CloseHandle",
+                 L"CloseHandle",        L"CreateProcessW",      L"WaitForSingleObject", L"GetExitCodeProcess",
+                 L"CloseHandle",        L"CloseHandle"});
     EXPECT_EQ(CallsOf(L"CreateDirectoryW"), std::vector<std::wstring>{L"CreateDirectoryW D:\\Tools\\Logs"});
     EXPECT_EQ(CallsOf(L"WaitForSingleObject"),
               (std::vector<std::wstring>{L"WaitForSingleObject " + uninstall + L"|600000",
@@ -151,8 +149,7 @@ TEST_F(DriverInstall, AMissingAutoInstallKeyIsCreatedAndStaysEmpty)
 {
     StartRecording();
     EXPECT_EQ(VTCanBLIDriverWork(), 1u);
-    EXPECT_EQ(CallsOf(L"RegCreateKeyExW")[0],
-              L"RegCreateKeyExW SOFTWARE\\Veltrix\\Lumen Protect\\Engine\\VTBackupDll");
+    EXPECT_EQ(CallsOf(L"RegCreateKeyExW")[0], L"RegCreateKeyExW SOFTWARE\\Veltrix\\Lumen Protect\\Engine\\VTBackupDll");
     EXPECT_FALSE(ValueExists(AUTO_INSTALL_KEY, AUTO_INSTALL));
 }
 

@@ -25,10 +25,7 @@ protected:
     }
 
     // What the library itself left open: the test's volume handle apart.
-    void ExpectOnlyTheVolumeOpen() const
-    {
-        EXPECT_EQ(vtfltsim::LeftOpen(), std::vector<std::wstring>{volume.Path()});
-    }
+    void ExpectOnlyTheVolumeOpen() const { EXPECT_EQ(vtfltsim::LeftOpen(), std::vector<std::wstring>{volume.Path()}); }
     template <class Prepare, class Call, class Check>
     void Sweep(Prepare&& prepare, Call&& call, Check&& check)
     {
@@ -49,12 +46,13 @@ protected:
 TEST_F(ExportMemory, CountAndListGiveTheTruthOrAnError)
 {
     DWORD count = 77;
-    Sweep(Nothing, [&] { return VTGetRegisteredAppCount(&count); },
-          [&](DWORD result) {
-              EXPECT_TRUE(result == 0 || result == 8) << result;
-              EXPECT_EQ(count, result == 0 ? 1u : 77u);
-              count = 77;
-          });
+    Sweep(
+        Nothing, [&] { return VTGetRegisteredAppCount(&count); },
+        [&](DWORD result) {
+            EXPECT_TRUE(result == 0 || result == 8) << result;
+            EXPECT_EQ(count, result == 0 ? 1u : 77u);
+            count = 77;
+        });
     std::vector<std::wstring> list;
     Sweep([&] { list = {}; }, [&] { return VTGetRegisteredAppList(&list); },
           [&](DWORD result) {
@@ -66,19 +64,21 @@ TEST_F(ExportMemory, CountAndListGiveTheTruthOrAnError)
 TEST_F(ExportMemory, AnApplicationThatCannotBeLookedUpIsNotUsable)
 {
     DWORD lastResult = 0;
-    Sweep(Nothing, [&] { return VTCanAppUseBLIDriver(appId); },
-          [&](DWORD result) {
-              EXPECT_TRUE(result == 0 || result == 1) << result;
-              lastResult = result;
-          });
+    Sweep(
+        Nothing, [&] { return VTCanAppUseBLIDriver(appId); },
+        [&](DWORD result) {
+            EXPECT_TRUE(result == 0 || result == 1) << result;
+            lastResult = result;
+        });
     EXPECT_EQ(lastResult, 1u);
 }
 
 TEST_F(ExportMemory, WhoeverCannotTellAnswersThatAVerifyIsRequired)
 {
     SetVerifyList(appId, {volume.guid});
-    Sweep(Nothing, [&] { return VTIsVerifyRequired(appId, root.c_str()); },
-          [](DWORD result) { EXPECT_EQ(result, 1u) << "the volume is on the list"; });
+    Sweep(
+        Nothing, [&] { return VTIsVerifyRequired(appId, root.c_str()); },
+        [](DWORD result) { EXPECT_EQ(result, 1u) << "the volume is on the list"; });
 }
 
 TEST_F(ExportMemory, ReplicatingLosesNoVolume)
@@ -92,14 +92,13 @@ TEST_F(ExportMemory, ReplicatingLosesNoVolume)
                 DeleteValue(SERVICE_KEY, std::wstring(DRIVER_LIST) + appId + L".Last");
         },
         [&] { return VTReplicateVerifyList(appId); },
-        [&](DWORD) {
-            EXPECT_GT(DriverList().size() + PendingList(appId).size() + VerifyList(appId).size(), 0u);
-        });
+        [&](DWORD) { EXPECT_GT(DriverList().size() + PendingList(appId).size() + VerifyList(appId).size(), 0u); });
 }
 
 TEST_F(ExportMemory, AddingAndRemovingVolumesReturn)
 {
-    Sweep(Nothing, [&] { return VTAddVolumesToAppVerifyList(appId); }, [](DWORD) {});
+    Sweep(
+        Nothing, [&] { return VTAddVolumesToAppVerifyList(appId); }, [](DWORD) {});
     EXPECT_EQ(VerifyList(appId), std::vector<std::wstring>{volume.guid});
 
     const std::wstring other = L"{11111111-2222-3333-4444-555555555555}";
@@ -121,14 +120,11 @@ TEST_F(ExportMemory, AddingAndRemovingVolumesReturn)
 
 TEST_F(ExportMemory, RegisteringReturnsAndUnregisteringToo)
 {
-    Sweep(
-        [&] {
-            VTUnregisterApplication(L"Second application of this machine");
-        },
-        [&] { return VTRegisterApplication(L"Second application of this machine"); },
-        [&](DWORD result) {
-            EXPECT_EQ(VTCanAppUseBLIDriver(L"Second application of this machine"), result == 0 ? 1u : 0u);
-        });
+    Sweep([&] { VTUnregisterApplication(L"Second application of this machine"); },
+          [&] { return VTRegisterApplication(L"Second application of this machine"); },
+          [&](DWORD result) {
+              EXPECT_EQ(VTCanAppUseBLIDriver(L"Second application of this machine"), result == 0 ? 1u : 0u);
+          });
     Sweep([&] { VTRegisterApplication(L"Second application of this machine"); },
           [&] { return VTUnregisterApplication(L"Second application of this machine"); },
           [&](DWORD result) {

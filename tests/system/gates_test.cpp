@@ -23,7 +23,8 @@ protected:
     // The gate's refusal is the last record, behind that of the device that did not open; nothing was done.
     void ExpectRefused(const std::wstring& message)
     {
-        log.ExpectExactly({{2, 2, L"VTCanBLIDriverWork: Open device \\\\.\\VTFltMgr failed, Error:2."}, {2, 0, message}});
+        log.ExpectExactly(
+            {{2, 2, L"VTCanBLIDriverWork: Open device \\\\.\\VTFltMgr failed, Error:2."}, {2, 0, message}});
         ExpectCalls({L"CreateFileW", L"OpenSCManagerW", L"OpenServiceW", L"CloseServiceHandle"});
         EXPECT_EQ(PendingList(L"Alpha"), std::vector<std::wstring>{L"{pending}"});
         EXPECT_FALSE(ValueExists(SERVICE_KEY, std::wstring(DRIVER_LIST) + L"Alpha.Last"));

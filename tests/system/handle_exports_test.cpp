@@ -28,9 +28,7 @@ protected:
             {L"VTFltGetBlockSize", [this](HANDLE handle) { return VTFltGetBlockSize(handle, &word, 0); }},
             {L"VTFltPrepareForSnapshot", VTFltPrepareForSnapshot},
             {L"VTFltGetBitmap",
-             [this](HANDLE handle) {
-                 return VTFltGetBitmap(handle, &input, 0, buffer, sizeof(buffer), &word, 0);
-             }},
+             [this](HANDLE handle) { return VTFltGetBitmap(handle, &input, 0, buffer, sizeof(buffer), &word, 0); }},
             {L"VTFltSynSnapshotChangeBitmapToVolume",
              [this](HANDLE handle) { return VTFltSynSnapshotChangeBitmapToVolume(handle, &input, 0); }},
             {L"VTFltReplicationSuccess", VTFltReplicationSuccess},
@@ -68,9 +66,9 @@ TEST_F(HandleExports, AHandleOutsideTheTableYields87AndTheExportsOwnMessageWithI
     for (const NamedExport& entry : Exports()) {
         log.Clear();
         EXPECT_EQ(entry.call(handle), 87u) << Narrow(entry.name);
-        log.ExpectExactly({{0, 87,
-                            std::wstring(entry.name) +
-                                L": Handle 0X12ab34cd not found. Please provide valid volume handle.\n"}});
+        log.ExpectExactly(
+            {{0, 87,
+              std::wstring(entry.name) + L": Handle 0X12ab34cd not found. Please provide valid volume handle.\n"}});
     }
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     EXPECT_TRUE(LibraryCalls().empty());

@@ -13,10 +13,7 @@ protected:
         log.Clear();
     }
 
-    static void RegisterApplication(const wchar_t* appId)
-    {
-        ASSERT_EQ(VTRegisterApplication(appId), 0u);
-    }
+    static void RegisterApplication(const wchar_t* appId) { ASSERT_EQ(VTRegisterApplication(appId), 0u); }
     DWORD Init(HANDLE handle, const wchar_t* appId = L"Alpha")
     {
         return VTFltInitBitmapManager(handle, volume.Root().c_str(), appId);

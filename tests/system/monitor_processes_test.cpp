@@ -77,8 +77,8 @@ TEST_F(MonitorProcesses, OneThatDiesWhileItHoldsTheMutexLetsAWaiterGoOn)
 
     // The child owns the mutex, between its reading and its writing of the count.
     Waiter waiter{waits.get(), 0xDEAD};
-    vtfltsim::Check("VTFltSimCallBefore", VTFltSimCallBefore(L"WaitForSingleObject", SNAPSHOT_CLASS_MUTEX, 1, 1,
-                                                             NoteReached, &waiter));
+    vtfltsim::Check("VTFltSimCallBefore",
+                    VTFltSimCallBefore(L"WaitForSingleObject", SNAPSHOT_CLASS_MUTEX, 1, 1, NoteReached, &waiter));
     const vtflt::UniqueHandle thread(CreateThread(nullptr, 0, Enable, &waiter, 0, nullptr));
     ASSERT_TRUE(thread.valid());
     ASSERT_EQ(WaitForSingleObject(waits.get(), INFINITE), WAIT_OBJECT_0);

@@ -7,7 +7,7 @@ namespace vttest {
 namespace {
 
 struct Switch {
-    const wchar_t* name;  // of the export, and behind "VTFlt" of its inner step
+    const wchar_t* name; // of the export, and behind "VTFlt" of its inner step
     DWORD(WINAPI* run)(LPCWSTR);
 };
 
@@ -96,9 +96,8 @@ TEST_F(MonitorSwitchFaults, AMutexThatCanNeitherBeMadeNorOpenedReturnsTheOpensEr
         vtfltsim::FailCall(L"CreateMutexW", ERROR_ACCESS_DENIED, mutexName.c_str());
         vtfltsim::FailCall(L"OpenMutexW", ERROR_FILE_NOT_FOUND, mutexName.c_str());
         EXPECT_EQ(which.run(nullptr), 2u);
-        ExpectErrors(which,
-                     {{0, 5, Outer(which, L"Failed to create mutex: " + mutexName + L". Trying to open it. \n")},
-                      {0, 2, Outer(which, L"Failed to open mutex: " + mutexName + L".\n")}});
+        ExpectErrors(which, {{0, 5, Outer(which, L"Failed to create mutex: " + mutexName + L". Trying to open it. \n")},
+                             {0, 2, Outer(which, L"Failed to open mutex: " + mutexName + L".\n")}});
         EXPECT_EQ(Count(), 2u);
         ExpectNothingLeftOpen();
     }
@@ -170,7 +169,8 @@ TEST_F(MonitorSwitchFaults, ACountKeyThatCannotBeOpenedEndsEnableWithItsError)
     vtfltsim::FailCall(L"RegCreateKeyExW", ERROR_ACCESS_DENIED, countKey.c_str());
     StartRecording();
     EXPECT_EQ(VTFltEnableMonitorForSnapshot(nullptr), 5u);
-    ExpectErrors(SWITCHES[0], {{0, 5, L"EnableMonitorForSnapshot: Failed to get/set count value for " + countKey + L"\n"}});
+    ExpectErrors(SWITCHES[0],
+                 {{0, 5, L"EnableMonitorForSnapshot: Failed to get/set count value for " + countKey + L"\n"}});
     EXPECT_TRUE(CallsOf(L"RegSetValueExW").empty());
     EXPECT_EQ(CallsOf(L"ReleaseMutex").size(), 1u);
 }
@@ -180,7 +180,8 @@ TEST_F(MonitorSwitchFaults, ACountKeyThatCannotBeOpenedEndsDisableWithItsError)
     vtfltsim::FailCall(L"RegCreateKeyExW", ERROR_ACCESS_DENIED, countKey.c_str());
     StartRecording();
     EXPECT_EQ(VTFltDisableMonitorForSnapshot(nullptr), 5u);
-    ExpectErrors(SWITCHES[1], {{0, 5, L"DisableMonitorForSnapshot: Failed to get count value from " + countKey + L"\n"}});
+    ExpectErrors(SWITCHES[1],
+                 {{0, 5, L"DisableMonitorForSnapshot: Failed to get count value from " + countKey + L"\n"}});
     EXPECT_TRUE(CallsOf(L"RegSetValueExW").empty());
     EXPECT_EQ(CallsOf(L"ReleaseMutex").size(), 1u);
 }
@@ -234,7 +235,8 @@ TEST_F(MonitorSwitchFaults, ACountThatCannotBeWrittenEndsDisableWithItsErrorAndL
     Restore(1);
     vtfltsim::FailCall(L"RegSetValueExW", ERROR_DISK_FULL, MONITOR_COUNT);
     EXPECT_EQ(VTFltDisableMonitorForSnapshot(nullptr), 112u);
-    ExpectErrors(SWITCHES[1], {{0, 112, L"DisableMonitorForSnapshot: Failed to set count value to " + countKey + L"\n"}});
+    ExpectErrors(SWITCHES[1],
+                 {{0, 112, L"DisableMonitorForSnapshot: Failed to set count value to " + countKey + L"\n"}});
     EXPECT_EQ(Count(), 1u);
     EXPECT_TRUE(IsDriverListed());
 }
@@ -335,7 +337,9 @@ TEST_F(MonitorSwitchFaults, WhereverMemoryRunsOutTheMutexIsGivenBackAndTheCountF
             EXPECT_EQ(Count() != 0, listed) << Narrow(which.name) << ", result " << result;
             ExpectNothingLeftOpen();
         };
-        EXPECT_GT(ForEveryFailingAllocation(prepare, [&] { return which.run(nullptr); }, check), 3);
+        EXPECT_GT(ForEveryFailingAllocation(
+                      prepare, [&] { return which.run(nullptr); }, check),
+                  3);
     }
 }
 

@@ -37,11 +37,10 @@ TEST_F(MonitorSwitch, TheFirstEnableCreatesTheCountWith1AndAddsTheDriver)
     EXPECT_EQ(VTFltEnableMonitorForSnapshot(nullptr), 0u);
     EXPECT_EQ(Count(), NumberBytes(1));
     EXPECT_EQ(Filters(), driverAlone);
-    log.ExpectExactly(
-        {{2, 0, L"VTFltEnableMonitorForSnapshot: Enter VTFltEnableMonitorForSnapshot"},
-         {2, 0, L"EnableMonitorForSnapshot: Count value does not exists. Create and set value to 1.\n"},
-         {2, 0, L"EnableMonitorForSnapshot: Add upper filter succeed for " + snapshotClass + L"\n"}},
-        2);
+    log.ExpectExactly({{2, 0, L"VTFltEnableMonitorForSnapshot: Enter VTFltEnableMonitorForSnapshot"},
+                       {2, 0, L"EnableMonitorForSnapshot: Count value does not exists. Create and set value to 1.\n"},
+                       {2, 0, L"EnableMonitorForSnapshot: Add upper filter succeed for " + snapshotClass + L"\n"}},
+                      2);
 }
 
 TEST_F(MonitorSwitch, ANullArgumentUsesTheDefaultClassAndItsMutex)
@@ -49,8 +48,7 @@ TEST_F(MonitorSwitch, ANullArgumentUsesTheDefaultClassAndItsMutex)
     StartRecording();
     EXPECT_EQ(VTFltEnableMonitorForSnapshot(nullptr), 0u);
     EXPECT_EQ(CallsOf(L"CreateMutexW"),
-              std::vector<std::wstring>{
-                  L"CreateMutexW Global\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}.VTFlt.Mutex"});
+              std::vector<std::wstring>{L"CreateMutexW Global\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}.VTFlt.Mutex"});
     EXPECT_EQ(CallsOf(L"RegCreateKeyExW"),
               (std::vector<std::wstring>{L"RegCreateKeyExW " + countKey, L"RegCreateKeyExW " + countKey}));
     EXPECT_EQ(CallsOf(L"WaitForSingleObject"),
@@ -100,11 +98,12 @@ TEST_F(MonitorSwitch, DisableTakesItsStepsInThisOrder)
     ASSERT_EQ(VTFltEnableMonitorForSnapshot(nullptr), 0u);
     StartRecording();
     EXPECT_EQ(VTFltDisableMonitorForSnapshot(nullptr), 0u);
-    ExpectCalls({L"CreateFileW", L"DeviceIoControl", L"RegCreateKeyW", L"RegQueryValueExW", L"RegQueryValueExW",
-                 L"RegCloseKey", L"CloseHandle", L"CreateMutexW", L"WaitForSingleObject", L"RegCreateKeyExW",
-                 L"RegQueryValueExW", L"RegCloseKey", L"RegCreateKeyExW", L"RegSetValueExW", L"RegCloseKey",
-                 L"RegCreateKeyW", L"RegQueryValueExW", L"RegQueryValueExW", L"RegSetValueExW", L"RegCloseKey",
-                 L"ReleaseMutex", L"CloseHandle"});
+    ExpectCalls({L"CreateFileW",         L"DeviceIoControl",  L"RegCreateKeyW",    L"RegQueryValueExW",
+                 L"RegQueryValueExW",    L"RegCloseKey",      L"CloseHandle",      L"CreateMutexW",
+                 L"WaitForSingleObject", L"RegCreateKeyExW",  L"RegQueryValueExW", L"RegCloseKey",
+                 L"RegCreateKeyExW",     L"RegSetValueExW",   L"RegCloseKey",      L"RegCreateKeyW",
+                 L"RegQueryValueExW",    L"RegQueryValueExW", L"RegSetValueExW",   L"RegCloseKey",
+                 L"ReleaseMutex",        L"CloseHandle"});
     EXPECT_EQ(CallsOf(L"CreateMutexW"),
               std::vector<std::wstring>{L"CreateMutexW " + std::wstring(SNAPSHOT_CLASS_MUTEX)});
 }
@@ -117,10 +116,10 @@ TEST_F(MonitorSwitch, DisableWithNoCountAnswers0AndWritesNothing)
     EXPECT_TRUE(CallsOf(L"RegSetValueExW").empty());
     EXPECT_TRUE(Count().empty());
     EXPECT_EQ(Filters(), driverAlone);
-    log.ExpectExactly({{2, 0, L"VTFltDisableMonitorForSnapshot: Enter VTFltDisableMonitorForSnapshot"},
-                       {2, 0,
-                        L"DisableMonitorForSnapshot: Count value does not exists for " + countKey +
-                            L". Nothing to disable !! \n"}});
+    log.ExpectExactly(
+        {{2, 0, L"VTFltDisableMonitorForSnapshot: Enter VTFltDisableMonitorForSnapshot"},
+         {2, 0,
+          L"DisableMonitorForSnapshot: Count value does not exists for " + countKey + L". Nothing to disable !! \n"}});
 }
 
 TEST_F(MonitorSwitch, DisableWithAStoredCountOf0WrapsTo0xFFFFFFFFAndDoesNotTouchTheFilterList)
@@ -157,7 +156,8 @@ TEST_F(MonitorSwitch, AnEnableLeavesAListThatHasTheDriverAsItIs)
     StartRecording();
     EXPECT_EQ(VTFltEnableMonitorForSnapshot(nullptr), 0u);
     EXPECT_EQ(Filters(), MultiStringBytes({L"a", L"VTFlt", L"b"}));
-    EXPECT_EQ(CallsOf(L"RegSetValueExW"), std::vector<std::wstring>{L"RegSetValueExW " + countKey + L"|" + MONITOR_COUNT});
+    EXPECT_EQ(CallsOf(L"RegSetValueExW"),
+              std::vector<std::wstring>{L"RegSetValueExW " + countKey + L"|" + MONITOR_COUNT});
 }
 
 TEST_F(MonitorSwitch, TheLastDisableKeepsTheOtherFilters)

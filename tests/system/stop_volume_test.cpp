@@ -97,8 +97,7 @@ TEST_F(StopVolume, AStopRequestThatFailsReturnsItsErrorAndRemovesNothing)
     machine.FailRequest(STOP_VOLUME, ERROR_GEN_FAILURE);
     StartRecording();
     EXPECT_EQ(VTFltStopMonitorVolume(volume.Path().c_str()), 31u);
-    log.ExpectExactly(
-        {{0, 31, L"VTFltStopMonitorVolume: Stop Volume " + volume.Path() + L" failed, Error code:31\n"}});
+    log.ExpectExactly({{0, 31, L"VTFltStopMonitorVolume: Stop Volume " + volume.Path() + L" failed, Error code:31\n"}});
     ExpectCalls({L"CreateFileW", L"DeviceIoControl", L"CloseHandle"});
     EXPECT_TRUE(HasBitmaps(volume));
 }
@@ -149,7 +148,8 @@ TEST_F(StopVolume, AManagerThatCannotBeMadeAnswers0xFFFFFFFFAndItsMessage)
         }
         ExpectNothingLeftOpen();
     };
-    ForEveryFailingAllocation(prepare, [&] { return VTFltStopMonitorVolume(path.c_str()); }, check);
+    ForEveryFailingAllocation(
+        prepare, [&] { return VTFltStopMonitorVolume(path.c_str()); }, check);
     EXPECT_TRUE(managerMissing);
 }
 

@@ -58,8 +58,7 @@ TEST_F(StopVolumes, EveryDriveTypeButFixedIsSkipped)
 {
     for (const DWORD type : {DWORD{DRIVE_UNKNOWN}, DWORD{DRIVE_NO_ROOT_DIR}, DWORD{DRIVE_REMOVABLE},
                              DWORD{DRIVE_REMOTE}, DWORD{DRIVE_CDROM}, DWORD{DRIVE_RAMDISK}}) {
-        vtfltsim::Check("VTFltSimSetDriveType",
-                        VTFltSimSetDriveType(machine.handle(), second.guid.c_str(), type));
+        vtfltsim::Check("VTFltSimSetDriveType", VTFltSimSetDriveType(machine.handle(), second.guid.c_str(), type));
         if (machine.Info(second).driveType != type)
             continue; // 0 stands for the fixed type there
         log.Clear();
@@ -189,7 +188,8 @@ TEST_F(StopVolumes, AVolumeThatFailsIsLoggedAndTheWalkGoesOn)
 {
     vtfltsim::FailCall(L"CreateMutexW", ERROR_ACCESS_DENIED, first.MutexName().c_str());
     EXPECT_EQ(VTFltStopMonitorVolumes(), 0x10005u);
-    log.ExpectLogged(0, 0x10005, L"VTFltStopMonitorVolumes: Failed to remove bitmaps for volume " + first.Root() + L"\n");
+    log.ExpectLogged(0, 0x10005,
+                     L"VTFltStopMonitorVolumes: Failed to remove bitmaps for volume " + first.Root() + L"\n");
     EXPECT_TRUE(HasBitmaps(first));
     EXPECT_TRUE(HasNoBitmaps(second));
 }
@@ -199,8 +199,7 @@ TEST_F(StopVolumes, TheCodesOfVolumesAndOfTheWalkAreCombinedByOr)
     vtfltsim::FailCall(L"CreateMutexW", ERROR_ACCESS_DENIED, first.MutexName().c_str());
     SetFault(4, 0xC000000A);
     EXPECT_EQ(VTFltStopMonitorVolumes(), 0xC000000Au | 0x10005u);
-    log.ExpectLogged(0, 0xC000000A,
-                     L"VTFltStopMonitorVolumes: FindNextVolume failed with error code -1073741814\n");
+    log.ExpectLogged(0, 0xC000000A, L"VTFltStopMonitorVolumes: FindNextVolume failed with error code -1073741814\n");
 }
 
 TEST_F(StopVolumes, EveryVolumeHasAManagerOfItsOwnAndOneThatCannotBeMadeIsThatVolumesFailure)

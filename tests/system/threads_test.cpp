@@ -94,8 +94,8 @@ TEST_F(Threads, ReplicateTheDriversListToTheirOwn)
         SetList(SERVICE_KEY, DRIVER_LIST, OnlyThisVolume());
         ChooseOrder(order);
         const auto replicated = AtOnce([](std::size_t i) { return VTReplicateVerifyList(APPLICATIONS[i]); });
-        const auto asked = AtOnce(
-            [this](std::size_t i) { return VTIsVerifyRequired(APPLICATIONS[i], volume.Root().c_str()); });
+        const auto asked =
+            AtOnce([this](std::size_t i) { return VTIsVerifyRequired(APPLICATIONS[i], volume.Root().c_str()); });
         ChooseOrder(0);
         EXPECT_EQ(ALL_WELL, replicated);
         for (const DWORD answer : asked)

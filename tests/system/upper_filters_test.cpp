@@ -112,7 +112,8 @@ TEST_F(UpperFilterOrder, DataThatCannotBeQueriedFailsWithTheCodeInTheRecordAndTh
     EXPECT_EQ(record.level, 0);
     EXPECT_EQ(record.code, 1018u);
     // A text's address printed as a number: only the words before it are known.
-    EXPECT_EQ(record.text.rfind(L"Error: failed to query volume upper filter list. rc: ", 0), 0u) << Narrow(record.text);
+    EXPECT_EQ(record.text.rfind(L"Error: failed to query volume upper filter list. rc: ", 0), 0u)
+        << Narrow(record.text);
     EXPECT_TRUE(record.text != L"Error: failed to query volume upper filter list. rc: 1018.");
 }
 

@@ -17,7 +17,8 @@ protected:
 TEST_F(VtLogConfig, ChangesAModuleSetsItBackAndRefusesWhatIsWrong)
 {
     Writer writer;
-    auto changed = Configure(writer.Id(), {L"--module", L"vtfltmgr.DLL", L"--level", L"4", L"--global-level", L"1"}).Json();
+    auto changed =
+        Configure(writer.Id(), {L"--module", L"vtfltmgr.DLL", L"--level", L"4", L"--global-level", L"1"}).Json();
     ASSERT_EQ(1u, changed.size());
     EXPECT_EQ(1, changed[0]["globalLevel"]);
     EXPECT_EQ(4, changed[0]["modules"][0]["level"]);

@@ -42,7 +42,8 @@ class Shared {
 public:
     Shared(const std::wstring& mapping, const std::wstring& mutex)
         : m_mutex(CreateMutexW(nullptr, FALSE, mutex.c_str())),
-          m_mapping(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, sizeof(Block), mapping.c_str())),
+          m_mapping(
+              CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, sizeof(Block), mapping.c_str())),
           m_view(MapViewOfFile(m_mapping.get(), FILE_MAP_ALL_ACCESS, 0, 0, sizeof(Block)))
     {
         if (!m_view.valid())
@@ -71,8 +72,7 @@ private:
 };
 
 struct SharedRing : Shared<vtflt::LogRingBlock> {
-    SharedRing()
-        : Shared(WriterRing(vtflt::LOG_RING_GLOBAL_MAPPING_PREFIX), WriterRing(vtflt::LOG_RING_MUTEX_PREFIX))
+    SharedRing() : Shared(WriterRing(vtflt::LOG_RING_GLOBAL_MAPPING_PREFIX), WriterRing(vtflt::LOG_RING_MUTEX_PREFIX))
     {
     }
 };

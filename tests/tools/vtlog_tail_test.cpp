@@ -138,7 +138,8 @@ TEST_F(VtLogTail, TextSaysInWordsWhatWasMissed)
         writer.Do("errors 2 1025");
     }
     const Result result = tail.Finish();
-    EXPECT_NE(std::string::npos, result.out.find("-- log_writer.exe: 1 record missed, overwritten before it could be read"))
+    EXPECT_NE(std::string::npos,
+              result.out.find("-- log_writer.exe: 1 record missed, overwritten before it could be read"))
         << result.out;
     // Output that goes to no terminal has no colour.
     EXPECT_EQ(std::string::npos, result.out.find('\x1b'));
@@ -148,8 +149,8 @@ TEST_F(VtLogTail, TextSaysInWordsWhatWasMissed)
 TEST_F(VtLogTail, ShowsOnlyWhatLevelTextAndProcessAskFor)
 {
     Writer writer;
-    Tail errors({L"--json", L"--level", L"error", L"--grep", L"0X2 ", L"--pid", std::to_wstring(writer.Id()), L"--count",
-                 L"1"});
+    Tail errors({L"--json", L"--level", L"error", L"--grep", L"0X2 ", L"--pid", std::to_wstring(writer.Id()),
+                 L"--count", L"1"});
     writer.Do("say 0X2 of another level");
     writer.Do("errors 1 3");
     const std::vector<json> records = errors.Finish().Json();
@@ -263,16 +264,14 @@ TEST_F(VtLogTail, AHostileRecordIsCutAtItsFieldsAndCannotSteerATerminal)
     const Result result = tail.Finish();
     EXPECT_EQ(EXIT_OK, result.exitCode);
     EXPECT_EQ(std::string::npos, result.out.find('\x1b'));
-    EXPECT_NE(std::string::npos,
-              result.out.find("{" + std::string(128, 'e') + "::" + std::string(128, 'm') + "}"))
+    EXPECT_NE(std::string::npos, result.out.find("{" + std::string(128, 'e') + "::" + std::string(128, 'm') + "}"))
         << result.out;
 }
 
 TEST_F(VtLogTail, ARingThatIsTooSmallIsRefused)
 {
-    const vtflt::UniqueHandle small(
-        CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 4096,
-                           WriterRing(vtflt::LOG_RING_GLOBAL_MAPPING_PREFIX).c_str()));
+    const vtflt::UniqueHandle small(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 4096,
+                                                       WriterRing(vtflt::LOG_RING_GLOBAL_MAPPING_PREFIX).c_str()));
     const Result result = Run({L"tail", L"--exe", WRITER});
     EXPECT_EQ(EXIT_UNREADABLE, result.exitCode);
     EXPECT_NE(std::string::npos, result.err.find("live log")) << result.err;

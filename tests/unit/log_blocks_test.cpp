@@ -115,8 +115,8 @@ TEST(RingBlock, RecordSLiesInSlotSModulo1024)
 
 TEST(RingBlock, NegativeAndHugeNumbersHaveSlotsInTheRing)
 {
-    for (const std::int64_t sequence : {SMALLEST, SMALLEST + 1, std::int64_t{-1025}, std::int64_t{-2}, std::int64_t{-1},
-                                        LARGEST - 1, LARGEST})
+    for (const std::int64_t sequence :
+         {SMALLEST, SMALLEST + 1, std::int64_t{-1025}, std::int64_t{-2}, std::int64_t{-1}, LARGEST - 1, LARGEST})
         EXPECT_LT(RingSlot(sequence), 1024u);
     EXPECT_EQ(SMALLEST, NextSequence(LARGEST));
     EXPECT_EQ(0, NextSequence(-1));
@@ -124,8 +124,8 @@ TEST(RingBlock, NegativeAndHugeNumbersHaveSlotsInTheRing)
 
 TEST(RingBlock, ARecordIsWrittenIntoItsSlotAndNowhereElse)
 {
-    for (const std::int64_t before : {std::int64_t{-1}, std::int64_t{1022}, std::int64_t{1023}, std::int64_t{-700},
-                                      LARGEST, SMALLEST}) {
+    for (const std::int64_t before :
+         {std::int64_t{-1}, std::int64_t{1022}, std::int64_t{1023}, std::int64_t{-700}, LARGEST, SMALLEST}) {
         SCOPED_TRACE(before);
         const auto ring = std::make_unique<LogRingBlock>();
         std::memset(ring.get(), 0xA5, sizeof(*ring));

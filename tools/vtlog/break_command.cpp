@@ -42,9 +42,9 @@ struct Options {
 // A thread at a breakpoint.
 struct Stopped {
     LogBreakpointHit hit = {};
-    UniqueHandle process;    // empty where this account may not open it
-    UniqueHandle letGo;      // its event; empty until it has made it
-    std::uint64_t since = 0; // of GetTickCount64
+    UniqueHandle process;     // empty where this account may not open it
+    UniqueHandle letGo;       // its event; empty until it has made it
+    std::uint64_t since = 0;  // of GetTickCount64
     std::uint64_t number = 0; // as shown; 0: not yet
 };
 
@@ -96,8 +96,8 @@ private:
         request.processId = m_options.processId;
         request.threadId = m_options.threadId;
         if (request.text.size() >= LOG_RECORD_TEXT_CAPACITY)
-            throw Failure(Exit::Usage, fmt::format("--text: no message is longer than {} characters",
-                                                   LOG_RECORD_TEXT_CAPACITY - 1));
+            throw Failure(Exit::Usage,
+                          fmt::format("--text: no message is longer than {} characters", LOG_RECORD_TEXT_CAPACITY - 1));
         m_table.Add(request);
     }
 
@@ -166,9 +166,8 @@ private:
                 m_over = true;
                 return;
             }
-            const auto first = std::find_if(m_stopped.begin(), m_stopped.end(), [](const Stopped& one) {
-                return one.number != 0 && !IsDropped(one);
-            });
+            const auto first = std::find_if(m_stopped.begin(), m_stopped.end(),
+                                            [](const Stopped& one) { return one.number != 0 && !IsDropped(one); });
             if (first != m_stopped.end())
                 Release(*first, "enter");
         }

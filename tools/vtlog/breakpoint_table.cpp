@@ -55,9 +55,9 @@ bool IsAlive(const LogUuid& identifier)
 // The gate of the writers says how many entries are taken, whatever stood there.
 void Recount(LogBreakpointBlock& block) noexcept
 {
-    block.count = static_cast<std::int32_t>(
-        std::count_if(std::begin(block.breakpoints), std::end(block.breakpoints),
-                      [](const LogBreakpoint& entry) { return !entry.identifier.IsNone(); }));
+    block.count =
+        static_cast<std::int32_t>(std::count_if(std::begin(block.breakpoints), std::end(block.breakpoints),
+                                                [](const LogBreakpoint& entry) { return !entry.identifier.IsNone(); }));
 }
 
 [[noreturn]] void FailOn(const char* what, DWORD error)
@@ -163,8 +163,8 @@ LogUuid BreakpointTable::Add(const BreakpointRequest& request)
     const auto free = std::find_if(std::begin(block.breakpoints), std::end(block.breakpoints),
                                    [](const LogBreakpoint& one) { return one.identifier.IsNone(); });
     if (free == std::end(block.breakpoints))
-        throw Failure(Exit::Busy, fmt::format("all {} breakpoints are set; end another viewer first",
-                                              LOG_BREAKPOINT_COUNT));
+        throw Failure(Exit::Busy,
+                      fmt::format("all {} breakpoints are set; end another viewer first", LOG_BREAKPOINT_COUNT));
     *free = entry;
     Recount(block);
     return entry.identifier;

@@ -21,7 +21,7 @@ namespace vtlog {
 // What stops a thread.
 struct BreakpointRequest {
     std::wstring executableName;
-    std::wstring text; // stands somewhere in the message, in this case
+    std::wstring text;   // stands somewhere in the message, in this case
     DWORD processId = 0; // 0: any
     DWORD threadId = 0;  // 0: any
 };

@@ -113,7 +113,8 @@ std::string Table(DWORD processId, const LogCfgBlock& block)
         const char* const pathNote = HasFlag(*entry, LOG_CFG_PATH_AUTOMATIC) ? "automatic" : "its own";
         text += Coloured(SafeText(FieldText(entry->name)), Colour::Information) + "\n";
         text += fmt::format("  level  {:<18} {}\n", LevelText(entry->level), Coloured(levelNote, Colour::Quiet));
-        text += fmt::format("  file   {:<18} {}\n", SafeText(FieldText(entry->path)), Coloured(pathNote, Colour::Quiet));
+        text +=
+            fmt::format("  file   {:<18} {}\n", SafeText(FieldText(entry->path)), Coloured(pathNote, Colour::Quiet));
     }
     return text;
 }
@@ -184,16 +185,19 @@ void AddConfig(CLI::App& app, Action& action)
     const auto options = std::make_shared<Options>();
     command.add_option("pid", options->processId, "the process; without it those that log are listed");
     command.add_option("--module", options->module, "the module whose entry to change, such as VTFltMgr.dll");
-    auto* level = command.add_option("--level", options->level, "the module's own level: error, warning, information, "
-                                                                "detail, a number, or none");
+    auto* level = command.add_option("--level", options->level,
+                                     "the module's own level: error, warning, information, "
+                                     "detail, a number, or none");
     auto* path = command.add_option("--path", options->path, "the module's own log file");
     command.add_flag("--auto", options->automatic, "the module follows the process again, with no level of its own")
         ->excludes(level)
         ->excludes(path);
-    command.add_option("--global-level", options->globalLevel, "the level of all modules that follow the process, or "
-                                                               "none");
-    auto* globalPath = command.add_option("--global-path", options->globalPath, "the log file of all modules that "
-                                                                                "follow the process");
+    command.add_option("--global-level", options->globalLevel,
+                       "the level of all modules that follow the process, or "
+                       "none");
+    auto* globalPath = command.add_option("--global-path", options->globalPath,
+                                          "the log file of all modules that "
+                                          "follow the process");
     command.add_flag("--no-global-path", options->noGlobalPath, "those modules log into files of their own again")
         ->excludes(globalPath);
     command.add_flag("--json", options->json, "one JSON object");

@@ -2,10 +2,10 @@
 
 #include "common/text.h"
 #include "failure.h"
+#include "live_text.h"
 #include "log/bounded_text.h"
 #include "log/object_names.h"
 #include "log/text_compare.h"
-#include "live_text.h"
 #include "logging_processes.h"
 
 #include <fmt/format.h>
@@ -95,8 +95,8 @@ bool Apply(const ConfigChange& change, LogCfgBlock& block)
 
 ConfigEditor::ConfigEditor(DWORD processId) : m_processId(processId)
 {
-    m_mutex.reset(OpenMutexW(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE,
-                             ConfigObjectName(LOG_CFG_MUTEX_NAME, processId).c_str()));
+    m_mutex.reset(
+        OpenMutexW(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, ConfigObjectName(LOG_CFG_MUTEX_NAME, processId).c_str()));
     if (!m_mutex)
         FailToOpen(processId, GetLastError());
     const std::wstring global = ConfigObjectName(LOG_CFG_GLOBAL_MAPPING_NAME, processId);
@@ -106,9 +106,10 @@ ConfigEditor::ConfigEditor(DWORD processId) : m_processId(processId)
         FailToOpen(processId, GetLastError());
     m_view = MapShared(m_mapping.get(), sizeof(LogCfgBlock));
     if (!m_view)
-        throw Failure(Exit::Unreadable, fmt::format("the log configuration of process {} is damaged: it is smaller than "
-                                                    "it must be",
-                                                    processId));
+        throw Failure(Exit::Unreadable,
+                      fmt::format("the log configuration of process {} is damaged: it is smaller than "
+                                  "it must be",
+                                  processId));
 }
 
 std::unique_ptr<LogCfgBlock> ConfigEditor::Change(const ConfigChange& change)

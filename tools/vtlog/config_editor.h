@@ -27,10 +27,7 @@ struct ConfigChange {
     std::optional<std::uint32_t> globalLevel;
     std::optional<std::wstring> globalPath; // empty: none
 
-    [[nodiscard]] bool Empty() const noexcept
-    {
-        return !module && !globalLevel && !globalPath;
-    }
+    [[nodiscard]] bool Empty() const noexcept { return !module && !globalLevel && !globalPath; }
 };
 
 // The modules of a block, by what lies before the first free entry.

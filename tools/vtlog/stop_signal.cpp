@@ -41,8 +41,8 @@ StopSignal::StopSignal(const std::string& eventName, std::optional<double> secon
         m_event.reset(CreateEventW(nullptr, TRUE, FALSE, toolkit::ToWide(eventName).c_str()));
         const DWORD error = GetLastError();
         if (!m_event)
-            throw Failure(Exit::Usage, fmt::format("--stop-event: \"{}\" cannot be used: {}", eventName,
-                                                   toolkit::ErrorText(error)));
+            throw Failure(Exit::Usage,
+                          fmt::format("--stop-event: \"{}\" cannot be used: {}", eventName, toolkit::ErrorText(error)));
     }
     if (seconds)
         m_end = GetTickCount64() + static_cast<std::uint64_t>(*seconds * 1000);

@@ -104,9 +104,8 @@ private:
             throw Failure(Exit::Busy, "too many programs log at once; name those to watch with --exe");
         auto ring = std::make_unique<Ring>(name);
         if (!ring->viewer.BecomeReader()) {
-            const std::string taken =
-                fmt::format("another vtlog tail reads the live log of {}, and each record reaches one reader only",
-                            SafeText(name));
+            const std::string taken = fmt::format(
+                "another vtlog tail reads the live log of {}, and each record reaches one reader only", SafeText(name));
             if (asked)
                 throw Failure(Exit::Busy, taken + "; end it first");
             Remark(name, taken);
@@ -246,10 +245,12 @@ void AddTail(CLI::App& app, Action& action)
 {
     CLI::App& command = *app.add_subcommand("tail", "Show records live, as processes log them");
     const auto options = std::make_shared<Options>();
-    command.add_option("--exe", options->programs, "programs to watch, by file name, running or not; without it every "
-                                                   "process that logs");
-    command.add_option("--level", options->level, "this level and more important ones: error, warning, information, "
-                                                  "detail, or a number");
+    command.add_option("--exe", options->programs,
+                       "programs to watch, by file name, running or not; without it every "
+                       "process that logs");
+    command.add_option("--level", options->level,
+                       "this level and more important ones: error, warning, information, "
+                       "detail, or a number");
     command.add_option("--pid", options->processes, "records of these processes");
     command.add_option("--grep", options->texts, "records whose message holds this text; repeated: all of them");
     command.add_flag("--ignore-case", options->ignoreCase, "--grep takes capital and small letters as the same");

@@ -20,7 +20,8 @@ std::wstring TempFile()
 
 UniqueHandle OpenFileForAll(DWORD disposition)
 {
-    return UniqueHandle(CreateFileW(TempFile().c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, disposition, 0, nullptr));
+    return UniqueHandle(
+        CreateFileW(TempFile().c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, disposition, 0, nullptr));
 }
 
 void Put(const UniqueHandle& file, LONG offset, const std::string& text)

@@ -161,7 +161,8 @@ class Page:
         self.code, text = self.start(program, arguments)
         for drive in "CD":
             text = text.replace(self.windows(self.folder / drive) + "\\", drive + ":\\")
-        text = text.replace(" --simulate " + self.windows(self.machine), "")
+        machine = re.escape(self.windows(self.machine))
+        text = re.sub(rf" --simulate \"?{machine}\"?", "", text)
         if target is not None:
             target.write_text(text)
             return ""

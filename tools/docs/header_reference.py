@@ -212,7 +212,8 @@ def reference(header, path, expected=None, titles=()):
              for name in item.functions()}
     out = [markdown(opening.split("\n", 1)[1].strip("\n"), links), ""]
     for title, items in sections:
-        title = title or ("Constants" if any(item.code for item in items) else "")
+        if not title and any(item.code for item in items):
+            title = "Functions" if any(item.functions() for item in items) else "Constants"
         if title:
             out += ["", f"## {title}", ""]
         for number, item in enumerate(items):

@@ -209,7 +209,9 @@ class Trial:
         self.expect("exit code 0", code == 0, f"but {code}: {text}")
         self.expect(f"'{printed}'", text == printed, f"but '{text}'")
         self.expect(f"{blocks} blocks read", calls.count("ReadFile") == blocks, f"but {calls.count('ReadFile')}")
-        self.expect("the report last", calls.index("VTFltReplicationSuccess") > len(calls) - 1 - calls[::-1].index("ReadFile"))
+        if blocks != 0:
+            last = len(calls) - 1 - calls[::-1].index("ReadFile")
+            self.expect("the report last", calls.index("VTFltReplicationSuccess") > last)
         order = ["VTReplicateVerifyList", "VTIsVerifyRequired", "VTFltInitBitmapManager", "VTFltPrepareForSnapshot",
                  "VTFltGetBitmap", "VTFltReplicationSuccess", "VTFltDeinitBitmapManager"]
         places = [calls.index(call) for call in order]
@@ -229,6 +231,7 @@ class Trial:
         self.sim("lose-tracking", self.machine, GUID)
         self.write(7, 4)
         self.expect_backup("100 of 100 blocks read (everything)", 100)
+        self.expect_backup("0 of 100 blocks read", 0) # the first question saw it, so this one need not read everything
         self.sim("driver", self.machine, "absent")
         self.sim("service", self.machine, "absent")
         code, text, calls = self.back_up()
@@ -264,7 +267,7 @@ def main():
         "<configuration>\n" + "".join(f'<dllmap dll="{name}" target="{work / "csharp.so"}"/>\n'
                                       for name in ("VTFltMgr.dll", "kernel32.dll")) + "</configuration>\n")
     Trial("csharp", ["mono", program], {}).check()
-    print(f"check_scripts: {len(table)} prototypes in two languages, 8 runs")
+    print(f"check_scripts: {len(table)} prototypes in two languages, 10 runs")
 
 
 STAND_IN = STAND_IN.replace("REQUESTS", 'atoi(getenv("REQUESTS"))').replace("ANSWERS", 'atoi(getenv("ANSWERS"))')

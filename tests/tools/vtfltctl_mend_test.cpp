@@ -72,6 +72,13 @@ TEST_F(VtFltCtlMend, NoPrintedCommandTakesAMarkOffWhateverTheListsHold)
             StoreList(list == VERIFY ? PENDING : VERIFY, {volume.guid, other.guid});
             StoreList(list, odd);
             RunEveryMendTwice();
+            if (list == DRIVER_LIST)
+                continue;
+            // And with no other mark than its own.
+            for (const wchar_t* value : {VERIFY, PENDING})
+                StoreList(value, {});
+            StoreList(list, odd);
+            RunEveryMendTwice();
         }
     }
 }

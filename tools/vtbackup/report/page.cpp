@@ -57,7 +57,7 @@ std::string Header(const Report& report)
     return fmt::format(
         "<header><div><h1>Backups</h1><p>Repository <code>{}</code> in <bdi>{}</bdi>. {}</p></div>{}</header>\n",
         Escaped(report.repository, 40), Escaped(report.folder),
-        last ? "The latest backup is of <time>" + TimeOf(*last) + "</time>." : "No backup has a time.", ThemeSwitch());
+        last ? "The latest backup is of <time>" + TimeOf(*last) + "</time>." : "", ThemeSwitch());
 }
 
 std::string Tile(const char* name, const std::string& figure, const std::string& note)
@@ -74,7 +74,7 @@ std::string KindCounts(const ReportTotals& totals)
 std::string Tiles(const ReportTotals& totals)
 {
     const std::string leftOut =
-        totals.unknown == 0 ? std::string() : fmt::format("; {} backups left out, unknown", CountText(totals.unknown));
+        totals.unknown == 0 ? std::string() : fmt::format("; not known of {}", CountText(totals.unknown));
     return "<dl class=\"tiles\">" + Tile("Backups", CountText(totals.Backups()), KindCounts(totals)) +
            Tile("Stored", SizeElement(totals.bytesStored, "total-stored"), "blocks, without the indexes") +
            Tile("Full backups would store", SizeElement(totals.fullBytes, "total-full"),

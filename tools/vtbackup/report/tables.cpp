@@ -47,7 +47,7 @@ std::string Remarks(const ReportBackup& backup)
         remarks += "<p>Success not reported: the changes come again.</p>";
     if (!backup.next.empty())
         remarks += "<p>The next backup has to read the whole volume:</p>" + ReasonList(backup.next);
-    return Cell(remarks, "why");
+    return remarks;
 }
 
 std::string Figures(const ReportBackup& b)
@@ -75,15 +75,15 @@ std::string Row(const ReportBackup& backup, std::size_t chain)
                                   BackupAnchor(chain, backup), mark, backup.sequence);
     if (backup.unfinished)
         return row +
-               "<td></td><td>unfinished</td><td class=\"why\">Interrupted, or at work when this page was made; no "
-               "backup.</td><td colspan=\"7\"></td></tr>\n";
+               "<td></td><td>unfinished</td><td class=\"why\" colspan=\"8\">Interrupted, or at work when this page "
+               "was made; no backup.</td></tr>\n";
     if (!backup.described)
-        return row + "<td></td><td>not known</td>" + Remarks(backup) + "<td colspan=\"7\"></td></tr>\n";
+        return row + "<td></td><td>not known</td><td class=\"why\" colspan=\"8\">" + Remarks(backup) + "</td></tr>\n";
     const std::string kind = fmt::format("<svg class=\"key\" width=\"14\" height=\"14\" aria-hidden=\"true\"><use "
                                          "class=\"mark {0}\" href=\"#mark-{0}\" x=\"7\" y=\"7\"/></svg> {1}",
                                          mark, NameOf(backup.kind));
-    return row + Cell(TimeElement(backup.time), "time") + Cell(kind, "kind") + Remarks(backup) + Figures(backup) +
-           "</tr>\n";
+    return row + Cell(TimeElement(backup.time), "time") + Cell(kind, "kind") + Cell(Remarks(backup), "why") +
+           Figures(backup) + "</tr>\n";
 }
 
 std::string BackupTable(const ReportChain& chain, std::size_t number)

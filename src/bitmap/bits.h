@@ -43,7 +43,7 @@ private:
     template <std::uint8_t Than>
     std::uint64_t Find() noexcept
     {
-        constexpr std::uint64_t WANTED = Than == ALL_CLEAR ? 0 : ~std::uint64_t{0};
+        constexpr std::uint64_t WANTED = Than * 0x0101010101010101u; // in each byte
         while (m_at < m_end) {
             const auto alike = static_cast<unsigned>(std::countl_zero(m_word ^ WANTED));
             if (alike < m_left) {

@@ -1,5 +1,5 @@
 // samples/testing: the right program passes every example, and each mistake is found by its own.
-#include <windows.h>
+#include "vtfltsim/VTFltSim.hpp"
 
 #include <cstdio>
 #include <gtest/gtest.h>
@@ -62,6 +62,30 @@ TEST(FindBugs, SaysWhenTheProgramIsNotThere)
     int ended = 0;
     FindBugs("no_such_program.exe", ended);
     EXPECT_EQ(99, ended);
+}
+
+TEST(StartProgram, RunsNothingWithoutAMachine)
+{
+    PROCESS_INFORMATION process = {};
+    EXPECT_EQ(DWORD{ERROR_FILE_NOT_FOUND},
+              VTFltSimStartProgram(L"C:\\no such machine", L"cmd.exe /c exit", 0, &process));
+    EXPECT_EQ(nullptr, process.hProcess);
+    EXPECT_EQ(DWORD{ERROR_INVALID_PARAMETER}, VTFltSimStartProgram(L"C:\\", nullptr, 0, &process));
+}
+
+TEST(StartProgram, LetsTheProgramWaitWhenAsked)
+{
+    const vtfltsim::SimMachine machine;
+    PROCESS_INFORMATION process = {};
+    ASSERT_EQ(0u, VTFltSimStartProgram(machine.directory().c_str(), L"cmd.exe /c exit 7", 1, &process));
+    EXPECT_EQ(DWORD{WAIT_TIMEOUT}, WaitForSingleObject(process.hProcess, 0));
+    EXPECT_EQ(1u, ResumeThread(process.hThread));
+    EXPECT_EQ(DWORD{WAIT_OBJECT_0}, WaitForSingleObject(process.hProcess, INFINITE));
+    DWORD code = 0;
+    EXPECT_TRUE(GetExitCodeProcess(process.hProcess, &code));
+    EXPECT_EQ(7u, code);
+    CloseHandle(process.hThread);
+    CloseHandle(process.hProcess);
 }
 
 } // namespace

@@ -4,18 +4,25 @@
 #include <cstdio>
 #include <gtest/gtest.h>
 #include <string>
+#include <vector>
 
 namespace vttest {
 
 namespace {
 
-// What find_bugs prints for a program; ended gets its exit code.
-std::string FindBugs(const std::string& program, int& ended)
+std::string OwnFolder()
 {
     char self[MAX_PATH] = {};
     GetModuleFileNameA(nullptr, self, MAX_PATH);
     std::string folder = self;
     folder.resize(folder.rfind('\\') + 1);
+    return folder;
+}
+
+// What find_bugs prints for a program; ended gets its exit code.
+std::string FindBugs(const std::string& program, int& ended)
+{
+    const std::string folder = OwnFolder();
     std::FILE* const output = _popen((folder + "find_bugs.exe " + folder + program).c_str(), "rt");
     std::string text;
     for (int c = std::fgetc(output); c != EOF; c = std::fgetc(output))
@@ -86,6 +93,66 @@ TEST(StartProgram, LetsTheProgramWaitWhenAsked)
     EXPECT_EQ(7u, code);
     CloseHandle(process.hThread);
     CloseHandle(process.hProcess);
+}
+
+// vtbackup as on a real machine: without --simulate, its snapshots by commands.
+class RealMachineWay : public testing::Test {
+protected:
+    RealMachineWay() : m_volume(m_machine.AddVolume(1u << 20, 4096)), m_repository(m_machine.directory() + L".repo")
+    {
+        SetEnvironmentVariableW(L"TRIAL_MACHINE", m_machine.directory().c_str());
+        SetEnvironmentVariableW(L"TRIAL_VOLUME", m_volume.guid.c_str());
+    }
+
+    DWORD Run(const std::wstring& arguments) const
+    {
+        const std::string folder = OwnFolder();
+        const std::wstring line = L"\"" + std::wstring(folder.begin(), folder.end()) + L"vtbackup.exe\" " + arguments +
+                                  L" --repo \"" + m_repository + L"\"";
+        PROCESS_INFORMATION process = {};
+        vtfltsim::Check("VTFltSimStartProgram",
+                        VTFltSimStartProgram(m_machine.directory().c_str(), line.c_str(), 0, &process));
+        WaitForSingleObject(process.hProcess, INFINITE);
+        DWORD code = 0;
+        GetExitCodeProcess(process.hProcess, &code);
+        CloseHandle(process.hThread);
+        CloseHandle(process.hProcess);
+        return code;
+    }
+    DWORD BackUp() const
+    {
+        const std::string folder = OwnFolder(); // find_bugs --snapshot takes one and prints its device path
+        return Run(L"backup --app Real --volume " + m_volume.guid + L" --snapshot-create \"" +
+                   std::wstring(folder.begin(), folder.end()) +
+                   L"find_bugs.exe --snapshot\" --snapshot-delete \"cmd.exe /c exit\"");
+    }
+    bool RestoredEquals(const std::wstring& file) const
+    {
+        std::vector<std::uint8_t> bytes((1u << 20) + 1);
+        std::FILE* const opened = _wfopen(file.c_str(), L"rb");
+        bytes.resize(opened != nullptr ? std::fread(bytes.data(), 1, bytes.size(), opened) : 0);
+        if (opened != nullptr)
+            std::fclose(opened);
+        return bytes == m_machine.Read(m_volume, 0, 1u << 20);
+    }
+
+    vtfltsim::SimMachine m_machine;
+    vtfltsim::Volume m_volume;
+    std::wstring m_repository;
+};
+
+TEST_F(RealMachineWay, BacksUpAndRestores)
+{
+    ASSERT_EQ(0u, Run(L"init --app Real"));
+    m_machine.TouchBlock(m_volume, 3, 1);
+    EXPECT_EQ(0u, BackUp());
+    m_machine.TouchBlock(m_volume, 7, 2);
+    EXPECT_EQ(0u, BackUp());
+    const std::wstring file = m_machine.directory() + L".restored";
+    EXPECT_EQ(0u, Run(L"restore --app Real --volume " + m_volume.guid + L" --to \"" + file + L"\""));
+    EXPECT_TRUE(RestoredEquals(file));
+    DeleteFileW(file.c_str());
+    _wsystem((L"cmd.exe /c rmdir /s /q \"" + m_repository + L"\"").c_str());
 }
 
 } // namespace

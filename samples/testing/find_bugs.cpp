@@ -32,9 +32,9 @@ public:
         SetEnvironmentVariableW(L"LOOP_SNAPSHOT", (L"\"" + std::wstring(self) + L"\" --snapshot").c_str());
         SetEnvironmentVariableW(L"TRIAL_MACHINE", m_machine.directory().c_str());
         SetEnvironmentVariableW(L"TRIAL_VOLUME", m_volume.guid.c_str());
-        // Begin with a backup that went well, and no mark.
+        // Begin with a backup that went well.
         Write(5, 1);
-        if (BackUp() != 0 || BackUp() != 0 || !EqualsSnapshot())
+        if (BackUp() != 0 || !EqualsSnapshot())
             throw vtfltsim::SimError("a plain backup", 0);
     }
     Trial(const Trial&) = delete;

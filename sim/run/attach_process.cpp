@@ -79,6 +79,14 @@ std::wstring SystemFolder()
     return length != 0 && length < MAX_PATH ? std::wstring(folder) + L"\\" : L"C:\\Windows\\";
 }
 
+// So that a program that knows simulated machines can tell under which one it was started.
+void TellProgram(const wchar_t* directory)
+{
+    std::vector<wchar_t> full(32768);
+    const DWORD length = GetFullPathNameW(directory, static_cast<DWORD>(full.size()), full.data(), nullptr);
+    SetEnvironmentVariableW(L"VTFLTSIM_DIRECTORY", length != 0 && length < full.size() ? full.data() : directory);
+}
+
 } // namespace
 
 DWORD AttachProcess(const wchar_t* directory)
@@ -87,6 +95,7 @@ DWORD AttachProcess(const wchar_t* directory)
     if (opened != 0)
         return opened;
     g_systemFolder = SystemFolder();
+    TellProgram(directory);
     RedirectAddresses();
     // First those that come, then those that are there: none is missed, and attaching one twice is no error.
     const auto registerNotification = reinterpret_cast<RegisterNotification>(

@@ -324,7 +324,7 @@ TEST_F(VtFltCtlDoctor, AnIdThatBeginsWithADashIsNoOptionInACommand)
     EXPECT_EQ(EXIT_OK, Run({L"apps", L"register", L"--", L"-x"}).exitCode);
     StoreList(L"DeviceListForReSync-x", {volume.guid});
     const json finding = Find("list-pending", EXIT_VERIFY_REQUIRED, {"verify-listed"});
-    EXPECT_EQ("vtfltctl verify replicate -- -x", WithoutMachine(finding["mend"]));
+    EXPECT_EQ("vtfltctl verify replicate -- \"-x\"", WithoutMachine(finding["mend"]));
     Mend(finding);
     EXPECT_EQ(std::vector<std::wstring>{volume.guid}, StoredList(L"DeviceListForReSync-x.Last"));
     WriteBytes(BitmapFile(L"base", L"-x"), {});

@@ -1,5 +1,6 @@
 #include "common/backup_locks.h"
 
+#include "common/simulation.h"
 #include "common/text.h"
 #include "win/windows.h"
 
@@ -29,9 +30,10 @@ std::wstring FoldedPath(const std::wstring& path)
 
 LockNames::LockNames(const std::wstring& simulation) : m_prefix(L"Global\\VTBackup.")
 {
-    if (simulation.empty())
+    const std::wstring folder = SimulatedFolder(simulation);
+    if (folder.empty())
         return;
-    const std::string bytes = ToUtf8(FoldedPath(simulation));
+    const std::string bytes = ToUtf8(FoldedPath(folder));
     m_prefix += L"Simulated." + ToWide(fmt::format("{:016x}", XXH3_64bits(bytes.data(), bytes.size()))) + L".";
 }
 

@@ -6,8 +6,8 @@
 
 namespace toolkit {
 
-// Names the locks of one machine: the real one (an empty folder), or a simulated one by its folder, however it is
-// written.
+// Names the locks of one machine: a simulated one by its folder, however it is written, or (an empty folder) the one that
+// the program runs on.
 class LockNames {
 public:
     explicit LockNames(const std::wstring& simulation);

@@ -31,7 +31,27 @@ void Bind(HMODULE module, const char* name, Function& function)
     std::memcpy(&function, &address, sizeof(function));
 }
 
+std::wstring FullPath(const std::wstring& path)
+{
+    const DWORD needed = GetFullPathNameW(path.c_str(), 0, nullptr, nullptr);
+    std::wstring full(needed, L'\0');
+    full.resize(needed == 0 ? 0 : GetFullPathNameW(path.c_str(), needed, full.data(), nullptr));
+    return full.empty() ? path : full;
+}
+
 } // namespace
+
+std::wstring SimulatedFolder(const std::wstring& option)
+{
+    if (!option.empty())
+        return FullPath(option);
+    // A child of a program that runs under a machine inherits the variable, and not the machine.
+    if (GetModuleHandleW(L"VTFltSim.dll") == nullptr)
+        return {};
+    std::wstring folder(32768, L'\0');
+    folder.resize(GetEnvironmentVariableW(L"VTFLTSIM_DIRECTORY", folder.data(), static_cast<DWORD>(folder.size())));
+    return folder;
+}
 
 Simulation::Simulation(const std::wstring& folder) : m_calls(std::make_unique<Calls>())
 {

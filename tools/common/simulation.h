@@ -18,6 +18,10 @@ private:
     bool m_noMachine;
 };
 
+// The full folder of the simulated machine that this program works on, empty for the real one: that of --simulate, or the
+// one under which "vtfltsim run" started the program.
+std::wstring SimulatedFolder(const std::wstring& option);
+
 // While it lives, the system calls of this program, and of VTFltMgr.dll when the program has it loaded, are answered by
 // the simulated machine in a folder. Make it before calling the functions that work on the machine: a compiler may
 // fetch an import's address once for a whole function.

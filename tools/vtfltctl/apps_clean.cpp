@@ -39,6 +39,8 @@ std::vector<std::wstring> OwnersOf(const std::wstring& application)
 // An owner's next backup must know that it has to verify before the files are gone.
 void CleanVolume(const FilesOfVolume& found, const std::vector<std::wstring>& owners)
 {
+    // In the library's order of mutexes.
+    const std::unique_ptr<LibraryLock> applications = LockApplications();
     const std::unique_ptr<VolumeLock> lock = LockBitmapFiles(found.volume);
     for (const std::wstring& owner : owners)
         AddToList(vtflt::MakeVerifyListName(owner), {vtflt::GetVolumeGuid(found.volume.path)}, VerifyListName(owner));

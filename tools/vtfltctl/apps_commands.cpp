@@ -43,15 +43,23 @@ void RequireNotFound(const std::wstring& application)
                                   Quoted(application)));
 }
 
+// Throws Failure(Refused).
+void RequireSuitable(const std::wstring& application)
+{
+    const std::string reason = toolkit::UnsuitableBecause(application, RegisteredApplications());
+    if (!reason.empty())
+        throw Failure(Exit::Refused, fmt::format("application ID {} is refused: {}", Quoted(application), reason));
+    if (!IsRegistered(application))
+        RequireNotFound(application);
+}
+
 // Files that are there may hold changes that are owed to somebody whose registration was lost, and registering empties
 // them: the marks come first.
 Exit RegisterApplication(const Context& context, const std::wstring& application)
 {
     if (application.empty())
         throw Failure(Exit::Usage, "the application ID is empty");
-    const std::vector<std::wstring> registered = RegisteredApplications();
-    if (const std::string reason = toolkit::UnsuitableBecause(application, registered); !reason.empty())
-        throw Failure(Exit::Refused, fmt::format("application ID {} is refused: {}", Quoted(application), reason));
+    RequireSuitable(application);
     const auto answer = [&](bool changed, const std::string& text) {
         return Answer(context, Exit::Ok,
                       {{"application", ToUtf8(application)}, {"changed", changed}, {"registered", true}}, text);
@@ -59,12 +67,14 @@ Exit RegisterApplication(const Context& context, const std::wstring& application
     if (IsRegistered(application))
         return answer(false,
                       fmt::format("Application {} is registered already; nothing was changed.\n", Quoted(application)));
-    RequireNotFound(application);
     if (const std::size_t files = BitmapFilesOf(application).size(); files != 0)
         RequireYes(context, fmt::format("would empty {} of {}, whose registration was lost or taken back",
                                         CountText(files, "bitmap file"), Quoted(application)));
     const std::vector<std::wstring> volumes = FixedVolumeGuids();
     const BackupPause pause(context, application, volumes);
+    const std::unique_ptr<LibraryLock> lock = LockApplications();
+    // Who else was registered before the locks were had.
+    RequireSuitable(application);
     AddToList(vtflt::MakeVerifyListName(application), volumes, VerifyListName(application), Repair::Replace);
     Require(VTRegisterApplication(application.c_str()), fmt::format("register {}", Quoted(application)));
     if (!IsRegistered(application))
@@ -96,8 +106,12 @@ void RequireFilesGone(const std::wstring& application)
     std::vector<std::wstring> left;
     try {
         left = BitmapFilesOf(application);
-    } catch (const Failure&) {
-        return; // an ID that is too long for files of its own
+    } catch (const Failure& failure) {
+        if (failure.Code() == Exit::Refused)
+            return; // an ID that is too long for files of its own
+        throw Failure(Exit::Unreadable, fmt::format("{} is unregistered, but whether its bitmap files are gone is not "
+                                                    "known: {}; \"vtfltctl apps clean\" does the rest",
+                                                    Quoted(application), failure.what()));
     }
     if (!left.empty())
         throw Failure(Exit::Unreadable, fmt::format("{} is unregistered, but {} could not be deleted; \"vtfltctl apps "
@@ -113,6 +127,10 @@ Exit UnregisterApplication(const Context& context, const std::wstring& applicati
                                     Quoted(application)));
     const std::vector<std::wstring> volumes = FixedVolumeGuids();
     const BackupPause pause(context, application, volumes);
+    const std::unique_ptr<LibraryLock> lock = LockApplications();
+    // Who else was registered or unregistered before the locks were had.
+    RequireRegistered(application);
+    RequireFoundAsItself(application);
     // The library merges every fixed volume into the verify list, and passes over files that it cannot delete.
     const ListFacts verify = ReadVolumeList(vtflt::MakeVerifyListName(application));
     RequireReadable(verify, VerifyListName(application));

@@ -8,19 +8,46 @@
 namespace vtfltctl {
 
 BackupPause::Held::Held(const std::wstring& name, const std::string& what)
-    : m_mutex(CreateMutexW(nullptr, FALSE, name.c_str()))
 {
-    // Made by another account: the right to wait is enough.
-    if (!m_mutex && GetLastError() == ERROR_ACCESS_DENIED)
-        m_mutex.reset(OpenMutexW(SYNCHRONIZE, FALSE, name.c_str()));
-    if (!m_mutex && GetLastError() == ERROR_ACCESS_DENIED)
-        throw Failure(Exit::Unreadable, fmt::format("whether a backup of {} runs cannot be told: {}", what,
-                                                    ErrorText(ERROR_ACCESS_DENIED)));
+    const auto refuse = [&what](DWORD error) {
+        throw Failure(Exit::Unreadable,
+                      fmt::format("whether a backup of {} runs cannot be told: {}", what, ErrorText(error)));
+    };
+    const DWORD error = Open(name);
+    if (error == ERROR_ACCESS_DENIED || error == ERROR_FILE_NOT_FOUND)
+        refuse(error);
     // Without an object: none can have this name, so no backup holds one.
-    if (m_mutex && WaitForSingleObject(m_mutex.get(), 0) == WAIT_TIMEOUT)
-        throw Failure(Exit::Busy, fmt::format("a backup of {} runs, which relies on what would be changed; nothing was "
-                                              "changed for it, run this again when it has ended",
-                                              what));
+    if (error != ERROR_SUCCESS)
+        return;
+    const DWORD waited = WaitForSingleObject(m_mutex.get(), 0);
+    if (waited == WAIT_OBJECT_0 || waited == WAIT_ABANDONED)
+        return;
+    if (waited != WAIT_TIMEOUT)
+        refuse(GetLastError());
+    throw Failure(Exit::Busy, fmt::format("a backup of {} runs, which relies on what would be changed; nothing was "
+                                          "changed for it, run this again when it has ended",
+                                          what));
+}
+
+DWORD BackupPause::Held::Open(const std::wstring& name)
+{
+    DWORD error = ERROR_SUCCESS;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        m_mutex.reset(CreateMutexW(nullptr, FALSE, name.c_str()));
+        if (m_mutex)
+            return ERROR_SUCCESS;
+        error = GetLastError();
+        if (error != ERROR_ACCESS_DENIED)
+            return error;
+        // Made by another account: the right to wait is enough.
+        m_mutex.reset(OpenMutexW(SYNCHRONIZE, FALSE, name.c_str()));
+        if (m_mutex)
+            return ERROR_SUCCESS;
+        error = GetLastError();
+        if (error != ERROR_FILE_NOT_FOUND) // gone in between: it can be made now
+            return error;
+    }
+    return error;
 }
 
 BackupPause::Held::~Held()

@@ -15,7 +15,8 @@ namespace vtfltctl {
 // what others there are, nobody can tell.
 class BackupPause {
 public:
-    // application: empty for none. volumes: {...}. Throws Failure(Busy) while such a backup runs; it never waits.
+    // application: empty for none. volumes: {...}. Throws Failure(Busy) while such a backup runs, Failure(Unreadable) when
+    // that cannot be told; it never waits.
     BackupPause(const Context& context, const std::wstring& application, const std::vector<std::wstring>& volumes = {});
     BackupPause(const BackupPause&) = delete;
     BackupPause& operator=(const BackupPause&) = delete;
@@ -31,6 +32,9 @@ private:
         ~Held();
 
     private:
+        // 0; 2 and 5 when it could not be told whether somebody has the mutex; else why there can be none of this name.
+        DWORD Open(const std::wstring& name);
+
         vtflt::UniqueHandle m_mutex;
     };
 

@@ -1,4 +1,5 @@
 // doctor: every finding with its consequence and the command that mends it.
+#include "common/simulation.h"
 #include "machine_json.h"
 
 #include <CLI/CLI.hpp>
@@ -44,11 +45,12 @@ Exit Doctor(const Context& context, bool reinstall)
         VTCanBLIDriverWork();
     }
     const std::vector<Finding> findings = FindFaults(LookAtMachine());
+    const std::wstring machine = toolkit::SimulatedFolder(ToWide(context.simulate));
     Json list = Json::array();
     std::string text;
     std::set<std::string> mends;
     for (const Finding& finding : findings) {
-        std::string mend = WrittenMend(finding.mend, ToWide(context.simulate));
+        std::string mend = WrittenMend(finding.mend, machine);
         // What mends several findings is said with the first.
         if (!mends.insert(mend).second)
             mend.clear();

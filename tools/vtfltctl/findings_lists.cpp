@@ -52,9 +52,12 @@ MendStep AddVolumes(const std::wstring& application, const std::vector<std::wstr
     return step;
 }
 
-// The volumes that an application's verify list does not name by their {GUID}s.
+// The volumes that an application's verify list does not name by their {GUID}s. While it hides an entry all of them: adding
+// puts its entries in an order in which none is hidden.
 std::vector<std::wstring> Unlisted(const ApplicationFacts& application, std::vector<std::wstring> volumes)
 {
+    if (AnyHidden(application.verify.entries))
+        return volumes;
     std::erase_if(volumes, [&](const std::wstring& guid) { return Contains(application.verify.entries, guid); });
     return volumes;
 }
@@ -124,7 +127,9 @@ void CheckOddEntry(const MachineFacts& machine, const NamedList& list, const std
     std::string consequence = WhatBecomesOf(list, entry);
     const bool goes = !mend.empty() && mend.back().command == "verify remove";
     if (!goes && !list.application.empty())
-        consequence += " Take it off (verify remove --exact) only when it is certain that it means no other volume.";
+        consequence += fmt::format(" Take it off (verify remove {}--exact) only when it is certain that it means no other "
+                                   "volume.",
+                                   list.verify ? "" : "--pending ");
     findings.push_back({"list-entry-odd",
                         Severity::Damaged,
                         list.application,
@@ -153,9 +158,21 @@ void CheckGuid(const MachineFacts& machine, const NamedList& list, const std::ws
              list.application,
              guid,
              fmt::format("{} names the volume {}, which this machine does not have.", list.name, Shown(guid)),
-             "No backup suffers; should the volume come back, its next backup must verify. Take it off (verify "
-             "remove) only when the volume is gone for good.",
+             fmt::format("No backup suffers; should the volume come back, its next backup must verify. Take it off ({}) "
+                         "only when the volume is gone for good.",
+                         list.application.empty() ? "in the registry"
+                         : list.verify            ? "verify remove"
+                                                  : "verify remove --pending"),
              {}});
+}
+
+const char* WayOutOfHiding(const NamedList& list)
+{
+    if (list.application.empty())
+        return "";
+    return list.verify ? " Any \"vtfltctl verify add\" for the application puts shorter entries in front, where they stay."
+                       : " Put it on the verify list, and take it off behind that (verify remove --pending --exact), while "
+                         "no backup runs.";
 }
 
 void CheckEntry(const MachineFacts& machine, const NamedList& list, const std::wstring& entry,
@@ -173,8 +190,9 @@ void CheckEntry(const MachineFacts& machine, const NamedList& list, const std::w
         findings.push_back({"list-entry-hidden", Severity::Damaged, list.application, guid ? *guid : std::wstring(),
                             fmt::format("{} holds {} as a part of {}: merging takes the one for the other.", list.name,
                                         Quoted(entry), Quoted(other)),
-                            "The volume of the shorter entry can drop out of the list, and its next backup then "
-                            "misses what was lost.",
+                            std::string("The volume of the shorter entry can drop out of the list, and its next backup "
+                                        "then misses what was lost.") +
+                                WayOutOfHiding(list),
                             ReplaceEntry(machine, list, otherIsGuid ? entry : other)});
     }
 }

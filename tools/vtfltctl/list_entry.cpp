@@ -27,8 +27,19 @@ bool FitsAt(std::wstring_view shape, std::size_t at, std::wstring_view text)
 
 struct Guids {
     std::vector<std::wstring> whole; // {...}
-    std::wstring around;             // the text without them and their braces
+    std::wstring around;             // the text without them, their braces and the rest of their paths
 };
+
+// Takes the rest of a volume's path off the end of a text: what stands before its {...}.
+void DropPathBefore(std::wstring& text)
+{
+    for (const wchar_t* path : {L"\\\\?\\Volume", L"\\??\\Volume", L"Volume"}) {
+        if (!toolkit::EndsWithIgnoringCase(text, path))
+            continue;
+        text.resize(text.size() - std::wstring_view(path).size());
+        return;
+    }
+}
 
 Guids Part(std::wstring_view text)
 {
@@ -42,8 +53,11 @@ Guids Part(std::wstring_view text)
         parts.whole.push_back(L"{" + std::wstring(here) + L"}");
         if (parts.around.ends_with(L'{'))
             parts.around.pop_back();
+        DropPathBefore(parts.around);
         at += GUID_SHAPE.size();
         if (at < text.size() && text[at] == L'}')
+            ++at;
+        if (at < text.size() && text[at] == L'\\')
             ++at;
     }
     return parts;
@@ -91,7 +105,8 @@ Meaning MeaningOf(std::wstring_view entry, const std::vector<std::wstring>& mach
         meaning.whole = !CanMatchVolume(entry) && entry.find_first_of(L"{}-:\\/0123456789") == std::wstring_view::npos;
         return meaning;
     }
-    meaning.whole = parts.around.find_first_of(L"{}-") == std::wstring::npos;
+    // Anything but what parts them may be a piece of another name.
+    meaning.whole = parts.around.find_first_not_of(L" \t,;") == std::wstring::npos;
     for (const std::wstring& whole : parts.whole) {
         if (!addIf([&](const std::wstring& guid) { return toolkit::EqualIgnoringCase(guid, whole); }, meaning))
             meaning.whole = false;

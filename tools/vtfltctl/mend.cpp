@@ -28,7 +28,8 @@ std::optional<std::string> ShellArgument(const std::wstring& text)
     if (text.empty() || text.back() == L'\\' || text.find_first_of(NEVER) != std::wstring::npos ||
         std::any_of(text.begin(), text.end(), toolkit::IsUnshowable) || ToWide(shown) != text)
         return std::nullopt;
-    return std::all_of(text.begin(), text.end(), IsPlain) ? shown : '"' + shown + '"';
+    const bool plain = text.front() != L'-' && std::all_of(text.begin(), text.end(), IsPlain);
+    return plain ? shown : '"' + shown + '"';
 }
 
 std::optional<std::string> Written(const MendStep& step, const std::string& simulate)

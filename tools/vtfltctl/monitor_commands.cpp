@@ -22,6 +22,33 @@ constexpr std::uint32_t HIGHEST_COUNT = 0x7FFFFFFF;
 // How long another program may switch the class before a command gives up.
 constexpr DWORD PATIENCE_MS = 10000;
 
+// Names of mutexes are case-sensitive, those of keys are not. The library's mutex bears the class as its caller writes it:
+// for snapshots as the library does, for any other class as the key itself is spelled.
+std::wstring WithClassAsSpelled(const std::wstring& key)
+{
+    const std::wstring_view snapshots = std::wstring_view(SNAPSHOT_CLASS);
+    const std::size_t begin = key.find_last_of(L'\\') + 1;
+    const std::wstring parent = key.substr(0, begin);
+    const std::wstring_view name = std::wstring_view(key).substr(begin);
+    const std::wstring_view snapshotsName = snapshots.substr(snapshots.find_last_of(L'\\') + 1);
+    if (toolkit::EqualIgnoringCase(name, snapshotsName))
+        return parent + std::wstring(snapshotsName);
+    vtflt::UniqueKey opened;
+    const LSTATUS error = begin == 0 ? ERROR_FILE_NOT_FOUND
+                                     : RegOpenKeyExW(HKEY_LOCAL_MACHINE, key.substr(0, begin - 1).c_str(), 0, KEY_READ,
+                                                     opened.put());
+    if (error != ERROR_SUCCESS)
+        return key;
+    wchar_t sibling[256] = {};
+    for (DWORD index = 0;; ++index) {
+        DWORD length = 256;
+        if (RegEnumKeyExW(opened.get(), index, sibling, &length, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS)
+            return key;
+        if (toolkit::EqualIgnoringCase(std::wstring_view(sibling, length), name))
+            return parent + sibling;
+    }
+}
+
 // A class key that does not exist would be made by the library, and the count with it: a typing mistake would be
 // answered with success.
 std::wstring RequireClass(const std::wstring& name)
@@ -38,7 +65,7 @@ std::wstring RequireClass(const std::wstring& name)
         throw Failure(
             error == ERROR_ACCESS_DENIED ? Exit::Unreadable : Exit::NotFound,
             fmt::format("there is no device class {}: {}", Quoted(name), ErrorText(static_cast<DWORD>(error))));
-    return key;
+    return WithClassAsSpelled(key);
 }
 
 // Without VTFlt among its filters no volume is tracked any more: that is no switch for a person to turn.

@@ -53,6 +53,14 @@ void RequireReplicable(const std::wstring& application)
     vtflt::SplitDriverList(driver.entries, handedOut, kept);
     if (!handedOut.empty())
         RequireWritable(driver.entries, DRIVER_LIST);
+    // Every application merges what it is handed into its verify list, on a day when nobody looks.
+    for (const std::wstring& entry : handedOut) {
+        if (toolkit::ParseVolumeGuid(entry) != entry)
+            throw Failure(Exit::Damaged,
+                          fmt::format("{} holds {}, which is no volume's {{GUID}}, and would hand it to every "
+                                      "application; \"vtfltctl doctor\" says what to do",
+                                      DRIVER_LIST, Quoted(entry)));
+    }
     for (const std::wstring& registered : RegisteredApplications()) {
         if (registered.empty()) // its pending list is the driver's list
             continue;
@@ -156,6 +164,7 @@ Exit Add(const Context& context, const VerifyOptions& options)
         guids.push_back(vtflt::GetVolumeGuid(bitmap::FindVolumeByName(ToWide(volume)).path));
     const std::wstring suffix = vtflt::MakeVerifyListName(application);
     const BackupPause pause(context, application);
+    const std::unique_ptr<LibraryLock> lock = LockApplications();
     if (options.all) {
         const ListFacts list = ReadVolumeList(suffix);
         RequireReadable(list, VerifyListName(application));
@@ -216,6 +225,8 @@ Exit Remove(const Context& context, const VerifyOptions& options)
     RequireNoBrackets(context, options);
     const std::wstring application = ToWide(options.application);
     RequireRegistered(application);
+    const BackupPause pause(context, application);
+    const std::unique_ptr<LibraryLock> lock = LockApplications();
     const std::string name = options.pending ? PendingListName(application) : VerifyListName(application);
     const ListFacts list = ReadVolumeList(options.pending ? application : vtflt::MakeVerifyListName(application));
     RequireReadable(list, name);
@@ -255,6 +266,7 @@ Exit Replicate(const Context& context, const VerifyOptions& options)
                                   Quoted(application), Quoted(application.substr(0, application.size() - 5)),
                                   Quoted(application)));
     const BackupPause pause(context, application);
+    const std::unique_ptr<LibraryLock> lock = LockApplications();
     RequireReplicable(application);
     RequireDriver();
     const std::vector<std::wstring> waiting = Waiting(application);

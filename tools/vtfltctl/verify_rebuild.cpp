@@ -1,6 +1,7 @@
 #include "verify_rebuild.h"
 
 #include "backup_pause.h"
+#include "common/registry_value.h"
 #include "fixed_volumes.h"
 #include "library.h"
 #include "output.h"
@@ -14,6 +15,10 @@
 
 namespace vtfltctl {
 namespace {
+
+constexpr const char* DRIVER_LIST = "the driver's list";
+// How often the driver may write its list in between before a command gives up.
+constexpr int ATTEMPTS = 10;
 
 // Whether the list has to be rebuilt. An error that may pass is no damage: the list behind it may be sound.
 bool IsDamaged(const ListFacts& list, const std::string& name)
@@ -34,26 +39,60 @@ void AddAll(std::vector<std::wstring>& to, const std::vector<std::wstring>& from
     to.insert(to.end(), from.begin(), from.end());
 }
 
-// What a damaged list named beside the fixed volumes is on the verify list before the damaged one goes.
-void RebuildListsOf(const Damaged& lists, std::vector<std::wstring> volumes)
+void AddToVerifyList(const std::wstring& application, const std::vector<std::wstring>& volumes)
 {
+    AddToList(vtflt::MakeVerifyListName(application), volumes, VerifyListName(application), Repair::Replace);
+}
+
+// What the damaged list named beside the fixed volumes is on the verify list before it goes. Its lock is held from the
+// look at it until it is gone; one that somebody wrote anew since it was found stays.
+void RebuildPendingList(const std::wstring& application, std::vector<std::wstring> volumes)
+{
+    const std::string name = PendingListName(application);
+    const std::unique_ptr<LibraryLock> lock = LockList(application);
+    if (!IsDamaged(ReadVolumeList(application), name))
+        return;
+    AddAll(volumes, Salvage(ReadStoredList(application)));
+    AddToVerifyList(application, volumes);
     vtflt::CVolumeListForResync store;
-    if (lists.pending)
-        AddAll(volumes, Salvage(lists.application));
-    AddToList(vtflt::MakeVerifyListName(lists.application), volumes, VerifyListName(lists.application),
-              Repair::Replace);
     // A pending list that is also a verify list, perhaps one written a moment ago, keeps its marks.
-    if (lists.pending && PendsInVerifyList(lists.application))
-        AddToList(lists.application, volumes, PendingListName(lists.application), Repair::Replace);
-    else if (lists.pending)
-        Require(store.ClearDriverRegValue(lists.application), "delete " + PendingListName(lists.application));
+    if (PendsInVerifyList(application))
+        AddToList(application, volumes, name, Repair::Replace);
+    else
+        Require(store.ClearDriverRegValue(application), "delete " + name);
+}
+
+bool IsSame(const toolkit::RegistryValue& a, const toolkit::RegistryValue& b)
+{
+    return a.error == b.error && a.type == b.type && a.bytes == b.bytes;
+}
+
+// The driver takes no mutex: what it wrote since the list was read is read again before the list goes.
+void RebuildDriverList(const std::vector<Damaged>& applications, const std::vector<std::wstring>& volumes)
+{
+    const std::unique_ptr<LibraryLock> lock = LockList({});
+    for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
+        const toolkit::RegistryValue stored = ReadStoredList({});
+        if (!IsDamaged(ReadVolumeList({}), DRIVER_LIST))
+            return;
+        std::vector<std::wstring> named = volumes;
+        AddAll(named, Salvage(stored));
+        for (const Damaged& lists : applications)
+            AddToVerifyList(lists.application, named);
+        if (!IsSame(stored, ReadStoredList({})))
+            continue;
+        vtflt::CVolumeListForResync store;
+        Require(store.ClearDriverRegValue({}), fmt::format("delete {}", DRIVER_LIST));
+        return;
+    }
+    throw Failure(Exit::Busy, "the driver keeps writing its list, which was not deleted; run this again");
 }
 
 } // namespace
 
 Exit RebuildLists(const Context& context)
 {
-    const bool driver = IsDamaged(ReadVolumeList({}), "the driver's list");
+    const bool driver = IsDamaged(ReadVolumeList({}), DRIVER_LIST);
     std::vector<Damaged> damaged;
     for (const std::wstring& application : RegisteredApplications()) {
         if (application.empty()) // its pending list is the driver's list
@@ -68,23 +107,23 @@ Exit RebuildLists(const Context& context)
     if (!driver && damaged.empty())
         return Answer(context, Exit::Ok, {{"rebuilt", rebuilt}}, "Every list can be read; nothing was changed.\n");
     RequireYes(context, "would delete lists that cannot be read and put every fixed volume on the verify lists");
-    std::vector<std::wstring> volumes = FixedVolumeGuids();
-    if (driver)
-        AddAll(volumes, Salvage({}));
+    const std::vector<std::wstring> volumes = FixedVolumeGuids();
     std::vector<std::unique_ptr<BackupPause>> pauses;
     for (const Damaged& lists : damaged)
         pauses.push_back(std::make_unique<BackupPause>(context, lists.application));
+    const std::unique_ptr<LibraryLock> applications = LockApplications();
     std::string text;
     for (const Damaged& lists : damaged) {
-        RebuildListsOf(lists, volumes);
+        AddToVerifyList(lists.application, volumes);
+        if (lists.pending)
+            RebuildPendingList(lists.application, volumes);
         rebuilt.push_back(ToUtf8(lists.application));
         text += fmt::format("Every fixed volume is on the verify list of {}.\n", Quoted(lists.application));
     }
-    if (driver) {
-        vtflt::CVolumeListForResync store;
-        Require(store.ClearDriverRegValue({}), "delete the driver's list");
-    }
-    return Answer(context, Exit::Ok, {{"rebuilt", rebuilt}}, text.empty() ? "The driver's list is deleted.\n" : text);
+    if (driver)
+        RebuildDriverList(damaged, volumes);
+    return Answer(context, Exit::Ok, {{"rebuilt", rebuilt}},
+                  text.empty() ? "The driver's list is no longer damaged.\n" : text);
 }
 
 } // namespace vtfltctl

@@ -1,6 +1,6 @@
 #include "volume_lists.h"
 
-#include "common/registry_value.h"
+#include "bitmap_bytes.h"
 #include "common/text.h"
 #include "common/volume_name.h"
 #include "failure.h"
@@ -27,18 +27,17 @@ bool Contains(const std::vector<std::wstring>& texts, const std::wstring& text)
     return std::find(texts.begin(), texts.end(), text) != texts.end();
 }
 
-// The library's mutex of a list, from the look at it until it is written. The library takes the same one once more for
-// each of its own steps.
-class ListLock {
-public:
-    explicit ListLock(const std::wstring& suffix)
-    {
-        Require(m_mutex.getAccess(vtflt::BuildMutexName(vtflt::MakeListValueName(suffix))), "lock the list");
+// The library takes the same mutex once more for each of its own steps.
+std::unique_ptr<LibraryLock> Lock(const std::wstring& mutexName, const char* what)
+{
+    try {
+        return std::make_unique<LibraryLock>(mutexName);
+    } catch (const bitmap::ReadError& error) {
+        if (error.Code() == WAIT_TIMEOUT)
+            throw Failure(Exit::Busy, fmt::format("another program keeps {} to itself; run this again", what));
+        throw Failure(Exit::Unreadable, fmt::format("cannot lock {}: {}", what, ErrorText(error.Code())));
     }
-
-private:
-    vtflt::CMutexController m_mutex;
-};
+}
 
 void Replace(const std::wstring& suffix, const std::vector<std::wstring>& entries, const std::string& name)
 {
@@ -52,6 +51,13 @@ void AddMissing(std::vector<std::wstring>& to, const std::vector<std::wstring>& 
         if (!Contains(to, entry))
             to.push_back(entry);
     }
+}
+
+// Then no entry stands behind one that it is a part of, and no merge drops one for another of the same list.
+void PutShorterFirst(std::vector<std::wstring>& entries)
+{
+    std::stable_sort(entries.begin(), entries.end(),
+                     [](const std::wstring& a, const std::wstring& b) { return a.size() < b.size(); });
 }
 
 // As the machine writes it, when it has that volume.
@@ -77,6 +83,16 @@ std::wstring TextFrom(const vtflt::RegistryBytes& bytes, std::size_t offset)
 }
 
 } // namespace
+
+std::unique_ptr<LibraryLock> LockApplications()
+{
+    return Lock(vtflt::BuildApplicationMutexName(), "the registered applications");
+}
+
+std::unique_ptr<LibraryLock> LockList(const std::wstring& suffix)
+{
+    return Lock(vtflt::BuildMutexName(vtflt::MakeListValueName(suffix)), "a list of volumes");
+}
 
 std::string VerifyListName(const std::wstring& application)
 {
@@ -111,7 +127,8 @@ void RequireWritable(const std::vector<std::wstring>& entries, const std::string
             throw Failure(
                 Exit::Damaged,
                 fmt::format("{} holds {}: with \"*\" in an entry what stands behind it would be lost when the "
-                            "list is written; take it off first",
+                            "list is written; take it off first, in the registry if \"vtfltctl verify remove\" does not "
+                            "reach it",
                             name, Quoted(entry)));
     }
 }
@@ -125,39 +142,58 @@ void RequireMergeable(const std::vector<std::wstring>& incoming, const ListFacts
     std::wstring text;
     for (const std::wstring& entry : incoming)
         vtflt::AppendToListText(text, entry);
+    // As the library does it: what it has kept so far is searched for the next one.
+    std::vector<std::wstring> kept = incoming;
     for (const std::wstring& entry : list.entries) {
-        if (!Contains(incoming, entry) && vtflt::ListTextHolds(text, entry))
+        if (Contains(kept, entry))
+            continue;
+        if (vtflt::ListTextHolds(text, entry))
             throw Failure(
                 Exit::Damaged,
-                fmt::format("{} would lose {}, which the library takes for a part of what comes into the list; "
-                            "\"vtfltctl doctor\" says which entry to mend first",
+                fmt::format("{} would lose {}, which the library takes for a part of another entry; \"vtfltctl doctor\" "
+                            "says which one to mend first",
                             name, Quoted(entry)));
+        vtflt::AppendToListText(text, entry);
+        kept.push_back(entry);
     }
+}
+
+bool AnyHidden(const std::vector<std::wstring>& entries)
+{
+    return std::any_of(entries.begin(), entries.end(), [&](const std::wstring& entry) {
+        const auto first = std::find_if(entries.begin(), entries.end(), [&](const std::wstring& other) {
+            return other.find(entry) != std::wstring::npos;
+        });
+        return *first != entry;
+    });
 }
 
 void AddToList(const std::wstring& suffix, const std::vector<std::wstring>& guids, const std::string& name,
                Repair repair)
 {
-    const ListLock lock(suffix);
+    const std::unique_ptr<LibraryLock> lock = LockList(suffix);
     const ListFacts list = ReadVolumeList(suffix);
     std::vector<std::wstring> entries = guids;
     if (list.error == ERROR_INVALID_DATA && repair == Repair::Replace) {
-        AddMissing(entries, Salvage(suffix));
+        AddMissing(entries, Salvage(ReadStoredList(suffix)));
+        PutShorterFirst(entries);
         Replace(suffix, entries, name);
         return;
     }
     RequireReadable(list, name);
     RequireWritable(list.entries, name);
-    if (std::all_of(guids.begin(), guids.end(), [&](const std::wstring& guid) { return Contains(list.entries, guid); }))
+    if (!AnyHidden(list.entries) &&
+        std::all_of(guids.begin(), guids.end(), [&](const std::wstring& guid) { return Contains(list.entries, guid); }))
         return;
     AddMissing(entries, list.entries);
+    PutShorterFirst(entries);
     Replace(suffix, entries, name);
 }
 
 bool TakeOffPending(const std::wstring& application, const std::vector<std::wstring>& entries)
 {
     const std::string name = PendingListName(application);
-    const ListLock lock(application);
+    const std::unique_ptr<LibraryLock> lock = LockList(application);
     const ListFacts list = ReadVolumeList(application);
     RequireReadable(list, name);
     if (std::any_of(entries.begin(), entries.end(),
@@ -170,10 +206,13 @@ bool TakeOffPending(const std::wstring& application, const std::vector<std::wstr
     return true;
 }
 
-std::vector<std::wstring> Salvage(const std::wstring& suffix)
+toolkit::RegistryValue ReadStoredList(const std::wstring& suffix)
 {
-    const toolkit::RegistryValue value =
-        toolkit::ReadRegistryValue(vtflt::RESYNC_LISTS_KEY, vtflt::MakeListValueName(suffix));
+    return toolkit::ReadRegistryValue(vtflt::RESYNC_LISTS_KEY, vtflt::MakeListValueName(suffix));
+}
+
+std::vector<std::wstring> Salvage(const toolkit::RegistryValue& value)
+{
     if (value.error != ERROR_SUCCESS && value.error != ERROR_FILE_NOT_FOUND)
         throw Failure(Exit::Unreadable,
                       fmt::format("a list cannot be read, so what it names is not known: {}", ErrorText(value.error)));

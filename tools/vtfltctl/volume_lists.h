@@ -4,12 +4,22 @@
 // are {GUID}s that is right, and where others stand it can drop the only mark of a volume. Nothing here does that.
 #pragma once
 
+#include "common/registry_value.h"
 #include "machine.h"
+#include "volume_lock.h"
 
+#include <memory>
 #include <string>
 #include <vector>
 
 namespace vtfltctl {
+
+// The library's mutex of the registered applications, under which it takes entries off a verify list and moves whole lists,
+// in more than one hold of the list's own. Held by whoever changes a list, before all other mutexes of the library. Throws
+// Failure(Busy or Unreadable).
+std::unique_ptr<LibraryLock> LockApplications();
+// The library's mutex of one list, from the look at it until it is written. Throws Failure(Busy or Unreadable).
+std::unique_ptr<LibraryLock> LockList(const std::wstring& suffix);
 
 // What a list is called in messages: "the verify list of "App"".
 std::string VerifyListName(const std::wstring& application);
@@ -26,13 +36,18 @@ void RequireReadable(const ListFacts& list, const std::string& name);
 void RequireWritable(const std::vector<std::wstring>& entries, const std::string& name,
                      const std::vector<std::wstring>& leaving = {});
 
-// Throws Failure(Damaged) when the library, merging entries into a list, would drop one for a part of another.
+// Throws Failure(Damaged) when the library, merging entries into a list, would drop one for a part of another: of those that
+// come in, or of those that stand in the list before it.
 void RequireMergeable(const std::vector<std::wstring>& incoming, const ListFacts& list, const std::string& name);
+
+// Whether an entry of a list stands only behind one that it is a part of: every merge into the list drops it then.
+bool AnyHidden(const std::vector<std::wstring>& entries);
 
 // What is kept of a list that is replaced because it cannot be read.
 enum class Repair { Refuse, Replace };
 
-// Puts {GUID}s on a list and keeps every entry that is there. A list that is no well-formed multi-string (13) is refused,
+// Puts {GUID}s on a list and keeps every entry that is there. What is written has shorter entries in front, so that none
+// is hidden; a list that names the {GUID}s already, and hides nothing, stays as it is. A list that is no well-formed multi-string (13) is refused,
 // or replaced: by the {GUID}s, every volume that its bytes still name, and, where it is text, every string of it that can
 // mean a volume. Throws Failure.
 void AddToList(const std::wstring& suffix, const std::vector<std::wstring>& guids, const std::string& name,
@@ -42,7 +57,9 @@ void AddToList(const std::wstring& suffix, const std::vector<std::wstring>& guid
 // not there. Throws Failure.
 bool TakeOffPending(const std::wstring& application, const std::vector<std::wstring>& entries);
 
-// What the bytes of a list still name, whatever is wrong with it: see AddToList.
-std::vector<std::wstring> Salvage(const std::wstring& suffix);
+// The stored value of a list, whatever it is.
+toolkit::RegistryValue ReadStoredList(const std::wstring& suffix);
+// What the bytes of a list still name, whatever is wrong with it: see AddToList. Throws Failure(Unreadable).
+std::vector<std::wstring> Salvage(const toolkit::RegistryValue& value);
 
 } // namespace vtfltctl

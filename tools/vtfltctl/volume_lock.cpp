@@ -9,24 +9,24 @@
 namespace vtfltctl {
 namespace {
 
-// How long a backup may keep the bitmap files to itself before a command gives up.
+// How long another program may keep a mutex before a command gives up.
 constexpr ULONGLONG PATIENCE_MS = 10000;
 
 [[noreturn]] void Refuse(DWORD error)
 {
-    throw bitmap::ReadError(error, "the volume's mutex");
+    throw bitmap::ReadError(error, "a mutex of the library");
 }
 
 // A command looks at many files of a volume; for a busy one it waits only once.
 std::set<std::wstring>& BusyOnes()
 {
-    static std::set<std::wstring> volumes;
-    return volumes;
+    static std::set<std::wstring> names;
+    return names;
 }
 
-ULONGLONG DeadlineFor(const std::wstring& volume)
+ULONGLONG DeadlineFor(const std::wstring& name)
 {
-    if (BusyOnes().contains(volume))
+    if (BusyOnes().contains(name))
         Refuse(WAIT_TIMEOUT);
     return GetTickCount64() + PATIENCE_MS;
 }
@@ -53,30 +53,32 @@ vtflt::UniqueHandle OpenForAll(const std::wstring& name)
 
 } // namespace
 
-VolumeLock::Held::Held(const std::wstring& prefix, const std::wstring& volume, ULONGLONG deadline)
-    : m_mutex(OpenForAll(prefix + vtflt::BuildMutexName(volume)))
+LibraryLock::Held::Held(const std::wstring& prefix, const std::wstring& name, ULONGLONG deadline)
+    : m_mutex(OpenForAll(prefix + name))
 {
     const ULONGLONG now = GetTickCount64();
     switch (WaitForSingleObject(m_mutex.get(), static_cast<DWORD>(deadline > now ? deadline - now : 0))) {
     case WAIT_OBJECT_0:
-    case WAIT_ABANDONED: // its holder died; what it left half written shows in the files
+    case WAIT_ABANDONED: // its holder died; what it left half written shows in the files and lists
         return;
     case WAIT_TIMEOUT:
-        BusyOnes().insert(volume);
+        BusyOnes().insert(name);
         Refuse(WAIT_TIMEOUT);
     default:
         Refuse(GetLastError());
     }
 }
 
-VolumeLock::Held::~Held()
+LibraryLock::Held::~Held()
 {
     ReleaseMutex(m_mutex.get());
 }
 
-VolumeLock::VolumeLock(const std::wstring& volume)
-    : m_deadline(DeadlineFor(volume)), m_ours({}, volume, m_deadline), m_services(L"Global\\", volume, m_deadline)
+LibraryLock::LibraryLock(const std::wstring& name)
+    : m_deadline(DeadlineFor(name)), m_ours({}, name, m_deadline), m_services(L"Global\\", name, m_deadline)
 {
 }
+
+VolumeLock::VolumeLock(const std::wstring& volume) : LibraryLock(vtflt::BuildMutexName(volume)) {}
 
 } // namespace vtfltctl

@@ -79,12 +79,15 @@ std::wstring SystemFolder()
     return length != 0 && length < MAX_PATH ? std::wstring(folder) + L"\\" : L"C:\\Windows\\";
 }
 
-// So that a program that knows simulated machines can tell under which one it was started.
+// So that a program that knows simulated machines can tell under which one it was started. The process stands in the
+// variable's name: its children inherit the variable, and not the machine.
 void TellProgram(const wchar_t* directory)
 {
     std::vector<wchar_t> full(32768);
     const DWORD length = GetFullPathNameW(directory, static_cast<DWORD>(full.size()), full.data(), nullptr);
-    SetEnvironmentVariableW(L"VTFLTSIM_DIRECTORY", length != 0 && length < full.size() ? full.data() : directory);
+    const std::string process = std::to_string(GetCurrentProcessId());
+    const std::wstring name = L"VTFLTSIM_DIRECTORY_" + std::wstring(process.begin(), process.end());
+    SetEnvironmentVariableW(name.c_str(), length != 0 && length < full.size() ? full.data() : directory);
 }
 
 } // namespace

@@ -2,6 +2,8 @@
 // the lists.
 #include "tools/vtfltctl_mends.h"
 
+#include "common/backup_locks.h"
+
 namespace vtfltctl_test {
 namespace {
 
@@ -45,6 +47,9 @@ protected:
             {L"Volume" + std::wstring(GONE)},   // of a volume that is away
             {std::wstring(GONE) + L" " + g},    //
             {g + L";{48b5", f},                 //
+            {g + L";{48b5", g},                 // behind what has to stay
+            {g + L" 48b5a7e5", g},              //
+            {g + L";Volume", f, g},             //
             {L"x*", f},                         // what cannot be written
             {f, g + L"*" + f},                  //
             {L"x*", L"y*", f},                  //
@@ -81,6 +86,80 @@ TEST_F(VtFltCtlMend, NoPrintedCommandTakesAMarkOffWhateverTheListsHold)
             RunEveryMendTwice();
         }
     }
+}
+
+TEST_F(VtFltCtlMend, NoPrintedCommandTakesAMarkOffAnOddVerifyListIntoWhichAnotherVolumeComes)
+{
+    for (const List& odd : OddLists()) {
+        for (const wchar_t* list : {PENDING, DRIVER_LIST}) {
+            SCOPED_TRACE(Utf8(list) + " " + Utf8(odd.front()));
+            for (const wchar_t* value : {PENDING, DRIVER_LIST})
+                StoreList(value, {});
+            StoreList(VERIFY, odd);
+            StoreList(list, {other.guid});
+            RunEveryMendTwice();
+        }
+    }
+}
+
+TEST_F(VtFltCtlMend, AHiddenEntryComesToWhereNoMergeDropsIt)
+{
+    const std::wstring& g = volume.guid;
+    const std::wstring longer = g + L";{48b5";
+    StoreList(VERIFY, {longer, g});
+    StoreList(PENDING, {other.guid});
+    ExpectRefusal({L"verify", L"replicate", L"Nightly"}, EXIT_DAMAGED);
+    Mend(FindingOf("list-entry-odd"));
+    EXPECT_EQ((List{g, longer}), StoredList(VERIFY));
+    EXPECT_FALSE(FindingOf("list-entry-hidden").contains("mend"));
+    EXPECT_EQ(EXIT_OK, Run({L"verify", L"replicate", L"Nightly"}).exitCode);
+    EXPECT_EQ((List{other.guid, g, longer}), StoredList(VERIFY));
+    // What the driver hands to another application's pending list.
+    Register(L"Weekly");
+    StoreList(L"DeviceListForReSyncWeekly", {longer, g});
+    StoreList(DRIVER_LIST, {other.guid});
+    ExpectRefusal({L"verify", L"replicate", L"Nightly"}, EXIT_DAMAGED);
+    EXPECT_NE(std::string::npos,
+              FindingOf("list-entry-odd")["consequence"].get<std::string>().find("(verify remove --exact)"));
+    // The mark of a volume that is away.
+    const std::wstring away = GONE + std::wstring(L" ");
+    StoreList(VERIFY, {away, GONE});
+    ExpectRefusal({L"verify", L"add", L"Nightly", L"--all"}, EXIT_DAMAGED);
+    ExpectRefusal({L"apps", L"unregister", L"Nightly", L"--yes"}, EXIT_DAMAGED);
+    EXPECT_EQ(EXIT_OK, Run({L"verify", L"add", L"Nightly", g}).exitCode);
+    EXPECT_EQ((List{g, GONE, away}), StoredList(VERIFY));
+    EXPECT_EQ(EXIT_OK, Run({L"verify", L"add", L"Nightly", L"--all"}).exitCode);
+    EXPECT_EQ(4u, StoredList(VERIFY).size());
+    EXPECT_EQ(EXIT_OK, Run({L"apps", L"unregister", L"Nightly", L"--yes"}).exitCode);
+    EXPECT_EQ(4u, StoredList(VERIFY).size());
+}
+
+TEST_F(VtFltCtlMend, TheAdviceForAPendingListNamesIt)
+{
+    StoreList(PENDING, {L"{11111111-"});
+    EXPECT_NE(std::string::npos,
+              FindingOf("list-entry-odd")["consequence"].get<std::string>().find("(verify remove --pending --exact)"));
+    StoreList(PENDING, {GONE});
+    EXPECT_NE(std::string::npos,
+              FindingOf("list-volume-gone")["consequence"].get<std::string>().find("(verify remove --pending)"));
+}
+
+TEST_F(VtFltCtlMend, UnderAMachineTheCommandsNameItAndItsBackupsAreSeen)
+{
+    StoreList(PENDING, {volume.guid});
+    const auto runUnder = [&](std::vector<std::wstring> arguments) {
+        arguments.insert(arguments.begin(), {L"run", machine.directory(), L"vtfltctl.exe"});
+        return vtlog_test::Process(arguments, {}, L"vtfltsim.exe").Finish();
+    };
+    const Result doctor = runUnder({L"doctor"});
+    const std::string mend = "vtfltctl verify replicate Nightly --simulate \"" + Utf8(machine.directory()) + "\"";
+    EXPECT_NE(std::string::npos, doctor.out.find("mend: " + mend)) << doctor.out << doctor.err;
+    const vtflt::UniqueHandle backup(
+        CreateMutexW(nullptr, TRUE, toolkit::LockNames(machine.directory()).Application(L"Nightly").c_str()));
+    const Result busy = runUnder({L"verify", L"add", L"Nightly", L"E:"});
+    EXPECT_EQ(EXIT_BUSY, busy.exitCode) << busy.out << busy.err;
+    ReleaseMutex(backup.get());
+    EXPECT_EQ(EXIT_OK, runUnder({L"verify", L"add", L"Nightly", L"E:"}).exitCode);
 }
 
 TEST_F(VtFltCtlMend, NoPrintedCommandTakesAMarkOffAListThatIsNotWellFormed)
@@ -160,8 +239,9 @@ TEST_F(VtFltCtlMend, APartOfANameStaysBesideTheVolumesThatItMeans)
 
 TEST_F(VtFltCtlMend, AnEntryOfAVolumeThatIsAwayIsNotTakenOff)
 {
-    for (const std::wstring& entry : {std::wstring(L"{11111111-"), L"Volume" + std::wstring(GONE),
-                                      GONE + std::wstring(L" "), volume.guid + L";{48b5"}) {
+    for (const std::wstring& entry :
+         {std::wstring(L"{11111111-"), L"Volume" + std::wstring(GONE), GONE + std::wstring(L" "),
+          volume.guid + L";{48b5", volume.guid + L" 48b5a7e5", volume.guid + L";Volume", L"x" + volume.guid}) {
         StoreList(VERIFY, {entry, volume.guid});
         EXPECT_EQ(std::string::npos, FindingOf("list-entry-odd").value("mend", "").find("remove")) << Utf8(entry);
     }

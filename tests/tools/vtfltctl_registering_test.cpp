@@ -2,6 +2,7 @@
 #include "tools/vtfltctl_mends.h"
 
 #include "common/backup_locks.h"
+#include "support/child.h"
 
 namespace vtfltctl_test {
 namespace {
@@ -48,7 +49,7 @@ TEST_F(VtFltCtlRegistering, AListThatStaysBehindKeepsItsEntries)
 {
     StoreList(VERIFY, {GONE, L"{48b5"});
     EXPECT_EQ(EXIT_OK, Run({L"apps", L"register", L"Nightly"}).exitCode);
-    EXPECT_EQ((List{volume.guid, GONE, L"{48b5"}), StoredList(VERIFY));
+    EXPECT_EQ((List{L"{48b5", volume.guid, GONE}), StoredList(VERIFY));
     EXPECT_EQ(EXIT_OK, Run({L"apps", L"unregister", L"Nightly", L"--yes"}).exitCode);
     StoreList(VERIFY, {GONE}, LISTS_KEY, REG_SZ);
     EXPECT_EQ(EXIT_OK, Run({L"apps", L"register", L"Nightly"}).exitCode);
@@ -111,7 +112,7 @@ TEST_F(VtFltCtlRegistering, CleaningDropsNoEntryOfTheOwnersList)
     const std::wstring part = volume.guid.substr(0, 5);
     StoreList(VERIFY, {part, GONE});
     EXPECT_EQ(EXIT_OK, Run({L"apps", L"clean", L"Nightly", L"--yes"}).exitCode);
-    EXPECT_EQ((List{volume.guid, part, GONE}), StoredList(VERIFY));
+    EXPECT_EQ((List{part, volume.guid, GONE}), StoredList(VERIFY));
 }
 
 TEST_F(VtFltCtlRegistering, UnregisteringThatWouldDropAnEntryIsRefused)
@@ -121,6 +122,38 @@ TEST_F(VtFltCtlRegistering, UnregisteringThatWouldDropAnEntryIsRefused)
     ExpectRefusal({L"apps", L"unregister", L"Nightly", L"--yes"}, EXIT_DAMAGED);
     StoreList(VERIFY, {L"x*", GONE});
     ExpectRefusal({L"apps", L"unregister", L"Nightly", L"--yes"}, EXIT_DAMAGED);
+}
+
+TEST_F(VtFltCtlRegistering, AnIdThatIsRegisteredMeanwhileIsLookedAt)
+{
+    vttest::Pause pause(L"VtFltCtlRegistering");
+    vttest::ChildProcess child(L"vtfltctl", {L"apps", L"register", L"Nightly", L"--simulate", machine.directory()},
+                               pause.Before(L"WaitForSingleObject", L"VTBitmapManager.AppicationMutex.Mutex", 1));
+    ASSERT_TRUE(pause.AwaitReached(child));
+    StoreIds({L"nightly"});
+    pause.Go();
+    EXPECT_EQ(EXIT_REFUSED, child.Join());
+    EXPECT_TRUE(StoredList(VERIFY).empty());
+}
+
+TEST_F(VtFltCtlRegistering, FilesThatCannotBeLookedForAreNotTakenForGone)
+{
+    bool said = false;
+    for (int walk = 1; walk <= 8; ++walk) {
+        StoreIds({});
+        StoreList(VERIFY, {});
+        ASSERT_EQ(EXIT_OK, Run({L"apps", L"register", L"Nightly", L"--yes"}).exitCode);
+        const std::wstring calls = L"fail|FindFirstVolumeW||" + std::to_wstring(walk) + L"|0|21";
+        const Result result = RunWith(calls.c_str(), {L"apps", L"unregister", L"Nightly", L"--yes"});
+        const bool registered = !StoredList(L"RegisteredAppIDs", IDS_KEY).empty();
+        EXPECT_EQ(registered, result.exitCode == EXIT_DEVICE) << walk << result.out << result.err;
+        EXPECT_TRUE(registered || result.exitCode == EXIT_OK || result.exitCode == EXIT_UNREADABLE) << walk;
+        if (result.exitCode != EXIT_UNREADABLE)
+            continue;
+        said = true;
+        EXPECT_NE(std::string::npos, result.err.find("whether its bitmap files are gone is not known")) << result.err;
+    }
+    EXPECT_TRUE(said);
 }
 
 TEST_F(VtFltCtlRegistering, AFileThatIsLeftByUnregisteringIsNoSuccess)

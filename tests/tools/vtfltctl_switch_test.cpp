@@ -253,6 +253,25 @@ TEST_F(VtFltCtlSwitch, ACountIsNotChangedBesideAnotherProgram)
     }
 }
 
+TEST_F(VtFltCtlSwitch, AClassInOtherCaseIsUnderTheSameMutex)
+{
+    const std::wstring folder = L"System\\CurrentControlSet\\Control\\Class\\";
+    const auto expectBusy = [&](const std::wstring& spelled, const std::wstring& typed) {
+        const Result result =
+            RunWith(L"return|WaitForSingleObject|" + spelled + L".VTFlt|1|1|0|258", {L"monitor", L"on", typed});
+        EXPECT_EQ(EXIT_BUSY, result.exitCode) << Utf8(typed) << result.out << result.err;
+    };
+    const std::wstring snapshots = L"{533C5B84-EC70-11D2-9505-00C04F79DEAF}";
+    for (const std::wstring& typed : {std::wstring(L"{533c5b84-ec70-11d2-9505-00c04f79deaf}"),
+                                      folder + L"{533c5b84-EC70-11D2-9505-00C04F79DEAF}\\"})
+        expectBusy(snapshots, typed);
+    // As the key itself is spelled.
+    const std::wstring other = L"{aBcDeF12-1111-2222-3333-444455556666}";
+    StoreNumber((folder + other).c_str(), L"Any", 0);
+    for (const wchar_t* typed : {L"{abcdef12-1111-2222-3333-444455556666}", L"{ABCDEF12-1111-2222-3333-444455556666}"})
+        expectBusy(other, typed);
+}
+
 TEST_F(VtFltCtlSwitch, ARequestThatIsTakenBackMeanwhileIsNotTakenBackTwice)
 {
     EXPECT_EQ(EXIT_OK, Run({L"monitor", L"on"}).exitCode);

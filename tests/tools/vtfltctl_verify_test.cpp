@@ -2,6 +2,7 @@
 #include "tools/vtfltctl_test.h"
 
 #include "common/backup_locks.h"
+#include "support/child.h"
 
 #include <algorithm>
 #include <cwctype>
@@ -22,6 +23,13 @@ constexpr wchar_t GONE[] = L"{11111111-2222-3333-4444-555555555555}";
 class VtFltCtlVerify : public VtFltCtlTest {
 protected:
     VtFltCtlVerify() { Register(L"Nightly"); }
+
+    // With a plan of the simulator.
+    [[nodiscard]] vtlog_test::Result RunWith(const std::wstring& calls, std::vector<std::wstring> arguments) const
+    {
+        arguments.insert(arguments.end(), {L"--simulate", machine.directory()});
+        return vtlog_test::Process(arguments, {VTFLTSIM_CALLS_VARIABLE L"=" + calls}, L"vtfltctl.exe").Finish();
+    }
 };
 
 TEST_F(VtFltCtlVerify, ListShowsEveryListByItself)
@@ -179,6 +187,79 @@ TEST_F(VtFltCtlVerify, NoMarkIsSetWhileABackupRunsThatWouldTakeItOff)
     EXPECT_EQ(EXIT_OK, Run({L"verify", L"replicate", L"Nightly"}).exitCode);
 }
 
+TEST_F(VtFltCtlVerify, NoListIsChangedWhileTheLibraryMovesEntries)
+{
+    StoreList(VERIFY, {GONE});
+    StoreList(PENDING, {GONE});
+    const std::vector<List> commands = {
+        {L"verify", L"add", L"Nightly", L"E:"},
+        {L"verify", L"add", L"Nightly", L"--all"},
+        {L"verify", L"remove", L"Nightly", GONE, L"--yes"},
+        {L"verify", L"remove", L"Nightly", GONE, L"--pending", L"--yes"},
+        {L"verify", L"replicate", L"Nightly"},
+        {L"apps", L"clean", L"Nightly", L"--yes"},
+        {L"apps", L"register", L"Weekly"},
+        {L"apps", L"unregister", L"Nightly", L"--yes"},
+    };
+    const auto expectBusy = [&](const wchar_t* mutex, const List& command) {
+        const std::string before = Fingerprint();
+        // The first wait ends in vain, and any other would not.
+        const vtlog_test::Result result =
+            RunWith(std::wstring(L"return|WaitForSingleObject|") + mutex + L"|1|1|0|258", command);
+        EXPECT_EQ(EXIT_BUSY, result.exitCode) << Utf8(command[1]) << result.out << result.err;
+        EXPECT_TRUE(before == Fingerprint()) << Utf8(command[1]);
+    };
+    for (const wchar_t* mutex :
+         {L"VTBitmapManager.AppicationMutex.Mutex", L"Global\\VTBitmapManager.AppicationMutex.Mutex"}) {
+        for (const List& command : commands)
+            expectBusy(mutex, command);
+    }
+    StoreList(PENDING, {GONE}, LISTS_KEY, REG_SZ);
+    expectBusy(L"VTBitmapManager.AppicationMutex.Mutex", {L"verify", L"rebuild", L"--yes"});
+    expectBusy(L"DeviceListForReSyncNightly.Last.Mutex", {L"verify", L"add", L"Nightly", L"E:"});
+}
+
+TEST_F(VtFltCtlVerify, WhatTheDriverWritesMeanwhileIsNotDeletedUnread)
+{
+    constexpr wchar_t LATER[] = L"{22222222-2222-3333-4444-555555555555}";
+    StoreList(DRIVER, {GONE}, LISTS_KEY, REG_SZ);
+    vttest::Pause pause(L"VtFltCtlVerify");
+    // The first write is of the fixed volumes; before the second the driver's list was read.
+    vttest::ChildProcess child(L"vtfltctl", {L"verify", L"rebuild", L"--yes", L"--simulate", machine.directory()},
+                               pause.Before(L"RegSetValueExW", L"DeviceListForReSyncNightly.Last", 2));
+    ASSERT_TRUE(pause.AwaitReached(child));
+    StoreList(DRIVER, {LATER}, LISTS_KEY, REG_SZ);
+    pause.Go();
+    EXPECT_EQ(EXIT_OK, child.Join());
+    EXPECT_EQ((List{volume.guid, LATER, GONE}), StoredList(VERIFY));
+    EXPECT_TRUE(machine.ReadValue(LISTS_KEY, DRIVER).empty());
+}
+
+TEST_F(VtFltCtlVerify, AListThatIsWrittenAnewMeanwhileIsNotDeleted)
+{
+    StoreList(PENDING, {GONE}, LISTS_KEY, REG_SZ);
+    vttest::Pause pause(L"VtFltCtlVerify");
+    vttest::ChildProcess child(L"vtfltctl", {L"verify", L"rebuild", L"--yes", L"--simulate", machine.directory()},
+                               pause.Before(L"RegSetValueExW", L"DeviceListForReSyncNightly.Last", 1));
+    ASSERT_TRUE(pause.AwaitReached(child));
+    StoreList(PENDING, {volume.guid});
+    pause.Go();
+    EXPECT_EQ(EXIT_OK, child.Join());
+    EXPECT_EQ(List{volume.guid}, StoredList(PENDING));
+}
+
+TEST_F(VtFltCtlVerify, WhetherABackupRunsIsNotGuessed)
+{
+    const std::vector<std::wstring> command = {L"verify", L"add", L"Nightly", L"E:"};
+    const std::wstring denied = L"fail|CreateMutexW|VTBackup.|1|1|5;fail|OpenMutexW|VTBackup.|1|1|2";
+    // The mutex of another account went in between: it can be made now, or somebody else's came.
+    EXPECT_EQ(EXIT_OK, RunWith(denied, command).exitCode);
+    EXPECT_EQ(EXIT_BUSY, RunWith(denied + L";return|WaitForSingleObject|VTBackup.|1|1|0|258", command).exitCode);
+    EXPECT_EQ(EXIT_UNREADABLE,
+              RunWith(L"fail|CreateMutexW|VTBackup.|1|0|5;fail|OpenMutexW|VTBackup.|1|0|2", command).exitCode);
+    EXPECT_EQ(EXIT_UNREADABLE, RunWith(L"return|WaitForSingleObject|VTBackup.|1|1|6|4294967295", command).exitCode);
+}
+
 TEST_F(VtFltCtlVerify, ADriverThatGoesDownMeanwhileIsNoSuccess)
 {
     StoreNumber(L"SOFTWARE\\Veltrix\\Lumen Protect\\Engine\\VTBackupDll", L"VTFltAutoInstall", 0);
@@ -261,7 +342,7 @@ TEST_F(VtFltCtlVerify, AddingDropsNoEntry)
     const List entries = {volume.guid.substr(0, 5), L"Volume", GONE};
     StoreList(VERIFY, entries);
     EXPECT_EQ(EXIT_OK, Run({L"verify", L"add", L"Nightly", L"E:"}).exitCode);
-    EXPECT_EQ((List{volume.guid, entries[0], entries[1], entries[2]}), StoredList(VERIFY));
+    EXPECT_EQ((List{entries[0], entries[1], volume.guid, entries[2]}), StoredList(VERIFY));
     StoreList(VERIFY, entries);
     ExpectRefusal({L"verify", L"add", L"Nightly", L"--all"}, EXIT_DAMAGED);
 }
@@ -287,6 +368,13 @@ TEST_F(VtFltCtlVerify, ReplicatingThatWouldDropAnEntryIsRefused)
     StoreList(VERIFY, {});
     StoreList(L"DeviceListForReSyncWeekly", {volume.guid});
     ExpectRefusal({L"verify", L"replicate", L"Nightly"}, EXIT_DAMAGED);
+    // What a later hand-over from a pending list to its verify list would drop.
+    reset();
+    StoreList(DRIVER, {L"{" + volume.guid + L"}"});
+    StoreList(VERIFY, {});
+    StoreList(L"DeviceListForReSyncWeekly.Last", {volume.guid});
+    ExpectRefusal({L"verify", L"replicate", L"Nightly"}, EXIT_DAMAGED);
+    StoreList(L"DeviceListForReSyncWeekly.Last", {});
     // What stands behind an entry that cannot be written would be lost.
     reset();
     StoreList(VERIFY, {L"x*", GONE});

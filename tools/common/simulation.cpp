@@ -45,11 +45,10 @@ std::wstring SimulatedFolder(const std::wstring& option)
 {
     if (!option.empty())
         return FullPath(option);
-    // A child of a program that runs under a machine inherits the variable, and not the machine.
-    if (GetModuleHandleW(L"VTFltSim.dll") == nullptr)
-        return {};
+    // Its name has the process in it: children inherit the variable, and not the machine.
+    const std::wstring variable = ToWide(fmt::format("VTFLTSIM_DIRECTORY_{}", GetCurrentProcessId()));
     std::wstring folder(32768, L'\0');
-    folder.resize(GetEnvironmentVariableW(L"VTFLTSIM_DIRECTORY", folder.data(), static_cast<DWORD>(folder.size())));
+    folder.resize(GetEnvironmentVariableW(variable.c_str(), folder.data(), static_cast<DWORD>(folder.size())));
     return folder;
 }
 

@@ -127,9 +127,10 @@ void CheckOddEntry(const MachineFacts& machine, const NamedList& list, const std
     std::string consequence = WhatBecomesOf(list, entry);
     const bool goes = !mend.empty() && mend.back().command == "verify remove";
     if (!goes && !list.application.empty())
-        consequence += fmt::format(" Take it off (verify remove {}--exact) only when it is certain that it means no other "
-                                   "volume.",
-                                   list.verify ? "" : "--pending ");
+        consequence +=
+            fmt::format(" Take it off (verify remove {}--exact) only when it is certain that it means no other "
+                        "volume.",
+                        list.verify ? "" : "--pending ");
     findings.push_back({"list-entry-odd",
                         Severity::Damaged,
                         list.application,
@@ -158,11 +159,12 @@ void CheckGuid(const MachineFacts& machine, const NamedList& list, const std::ws
              list.application,
              guid,
              fmt::format("{} names the volume {}, which this machine does not have.", list.name, Shown(guid)),
-             fmt::format("No backup suffers; should the volume come back, its next backup must verify. Take it off ({}) "
-                         "only when the volume is gone for good.",
-                         list.application.empty() ? "in the registry"
-                         : list.verify            ? "verify remove"
-                                                  : "verify remove --pending"),
+             fmt::format(
+                 "No backup suffers; should the volume come back, its next backup must verify. Take it off ({}) "
+                 "only when the volume is gone for good.",
+                 list.application.empty() ? "in the registry"
+                 : list.verify            ? "verify remove"
+                                          : "verify remove --pending"),
              {}});
 }
 
@@ -170,9 +172,10 @@ const char* WayOutOfHiding(const NamedList& list)
 {
     if (list.application.empty())
         return "";
-    return list.verify ? " Any \"vtfltctl verify add\" for the application puts shorter entries in front, where they stay."
-                       : " Put it on the verify list, and take it off behind that (verify remove --pending --exact), while "
-                         "no backup runs.";
+    return list.verify
+               ? " Any \"vtfltctl verify add\" for the application puts shorter entries in front, where they stay."
+               : " Put it on the verify list, and take it off behind that (verify remove --pending --exact), while "
+                 "no backup runs.";
 }
 
 void CheckEntry(const MachineFacts& machine, const NamedList& list, const std::wstring& entry,

@@ -34,9 +34,9 @@ std::wstring WithClassAsSpelled(const std::wstring& key)
     if (toolkit::EqualIgnoringCase(name, snapshotsName))
         return parent + std::wstring(snapshotsName);
     vtflt::UniqueKey opened;
-    const LSTATUS error = begin == 0 ? ERROR_FILE_NOT_FOUND
-                                     : RegOpenKeyExW(HKEY_LOCAL_MACHINE, key.substr(0, begin - 1).c_str(), 0, KEY_READ,
-                                                     opened.put());
+    const LSTATUS error =
+        begin == 0 ? ERROR_FILE_NOT_FOUND
+                   : RegOpenKeyExW(HKEY_LOCAL_MACHINE, key.substr(0, begin - 1).c_str(), 0, KEY_READ, opened.put());
     if (error != ERROR_SUCCESS)
         return key;
     wchar_t sibling[256] = {};

@@ -126,10 +126,11 @@ void RequireWritable(const std::vector<std::wstring>& entries, const std::string
         if (entry.find(ENTRY_SEPARATOR) != std::wstring::npos && !Contains(leaving, entry))
             throw Failure(
                 Exit::Damaged,
-                fmt::format("{} holds {}: with \"*\" in an entry what stands behind it would be lost when the "
-                            "list is written; take it off first, in the registry if \"vtfltctl verify remove\" does not "
-                            "reach it",
-                            name, Quoted(entry)));
+                fmt::format(
+                    "{} holds {}: with \"*\" in an entry what stands behind it would be lost when the "
+                    "list is written; take it off first, in the registry if \"vtfltctl verify remove\" does not "
+                    "reach it",
+                    name, Quoted(entry)));
     }
 }
 
@@ -150,9 +151,10 @@ void RequireMergeable(const std::vector<std::wstring>& incoming, const ListFacts
         if (vtflt::ListTextHolds(text, entry))
             throw Failure(
                 Exit::Damaged,
-                fmt::format("{} would lose {}, which the library takes for a part of another entry; \"vtfltctl doctor\" "
-                            "says which one to mend first",
-                            name, Quoted(entry)));
+                fmt::format(
+                    "{} would lose {}, which the library takes for a part of another entry; \"vtfltctl doctor\" "
+                    "says which one to mend first",
+                    name, Quoted(entry)));
         vtflt::AppendToListText(text, entry);
         kept.push_back(entry);
     }

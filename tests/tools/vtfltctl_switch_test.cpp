@@ -262,8 +262,8 @@ TEST_F(VtFltCtlSwitch, AClassInOtherCaseIsUnderTheSameMutex)
         EXPECT_EQ(EXIT_BUSY, result.exitCode) << Utf8(typed) << result.out << result.err;
     };
     const std::wstring snapshots = L"{533C5B84-EC70-11D2-9505-00C04F79DEAF}";
-    for (const std::wstring& typed : {std::wstring(L"{533c5b84-ec70-11d2-9505-00c04f79deaf}"),
-                                      folder + L"{533c5b84-EC70-11D2-9505-00C04F79DEAF}\\"})
+    for (const std::wstring& typed :
+         {std::wstring(L"{533c5b84-ec70-11d2-9505-00c04f79deaf}"), folder + L"{533c5b84-EC70-11D2-9505-00C04F79DEAF}"})
         expectBusy(snapshots, typed);
     // As the key itself is spelled.
     const std::wstring other = L"{aBcDeF12-1111-2222-3333-444455556666}";

@@ -2,6 +2,7 @@
 //
 // Exit codes: 0 done; 1 the simulator refused, with the reason on standard error; 2 the command line is wrong; of run, the
 // program's own.
+#include "vtfltmgr/version.h"
 #include "vtfltsim/VTFltSim.hpp"
 #include "vtfltsim/VTFltSimForget.h"
 
@@ -357,6 +358,7 @@ int wmain(int argc, wchar_t** argv)
 
     Options options;
     CLI::App app("Builds and scripts simulated machines for tests of backup programs.", "vtfltsim");
+    app.set_version_flag("--version", "vtfltsim " VTFLTMGR_VERSION, "print the version");
     app.require_subcommand(1);
     app.footer("Exit codes: 0 done, 1 the simulator refused (see standard error), 2 wrong command line.");
     Command(app, options, "create", "make a new machine", [](const Options& o) {

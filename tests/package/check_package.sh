@@ -64,4 +64,8 @@ x86_64-w64-mingw32-g++-posix -std=c++17 -static -o "$work/pkgconfig/consumer_cpp
     "$source/tests/consumer/consumer.cpp" $(flags --cflags --libs)
 run "VTFltMgr $version: 1 application" "$work/pkgconfig/consumer_c.exe"
 run "VTFltMgr $version: block 3, 1" "$work/pkgconfig/consumer_cpp.exe"
+for tool in vtbackup vtfltctl vtlog vtfltsim; do
+    out=$("$emulator" "$package/bin/$tool.exe" --version | tr -d '\r') || fail "$tool --version failed"
+    [ "$out" = "$tool $version" ] || fail "$tool --version said: $out"
+done
 echo "check_package: $name.zip is whole, the same twice, and usable"

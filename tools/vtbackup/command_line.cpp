@@ -2,6 +2,7 @@
 
 #include "console.h"
 #include "failure.h"
+#include "vtfltmgr/version.h"
 
 #include <CLI/CLI.hpp>
 
@@ -112,6 +113,7 @@ ParsedCommandLine ParseCommandLine(std::vector<std::string> arguments)
 {
     ParsedCommandLine parsed;
     CLI::App app("Backs up the changed blocks of volumes into a repository that can restore every backup.", "vtbackup");
+    app.set_version_flag("--version", "vtbackup " VTFLTMGR_VERSION, "print the version");
     app.require_subcommand(1);
     app.footer(FOOTER);
     AddInit(app, parsed.options);
@@ -134,6 +136,9 @@ ParsedCommandLine ParseCommandLine(std::vector<std::string> arguments)
         parsed.options.command = app.get_subcommands().front()->get_name();
     } catch (const CLI::CallForHelp&) {
         std::cout << app.help();
+        parsed.exitCode = 0;
+    } catch (const CLI::CallForVersion& version) {
+        std::cout << version.what() << "\n";
         parsed.exitCode = 0;
     } catch (const CLI::ParseError& error) {
         std::cerr << "vtbackup: " << error.what() << "\nTry \"vtbackup --help\".\n";

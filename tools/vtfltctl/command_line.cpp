@@ -1,6 +1,7 @@
 #include "command_line.h"
 
 #include "output.h"
+#include "vtfltmgr/version.h"
 
 #include <CLI/CLI.hpp>
 
@@ -66,6 +67,7 @@ void AddCommands(CLI::App& app, Context& context)
 {
     app.description("Shows and steers what the change tracking of VTFltMgr keeps on a machine.");
     app.name("vtfltctl");
+    app.set_version_flag("--version", "vtfltctl " VTFLTMGR_VERSION, "print the version");
     app.require_subcommand(1);
     app.footer(FOOTER);
     // Application IDs and device names may begin with a slash.
@@ -93,6 +95,8 @@ std::optional<int> ParseCommandLine(std::vector<std::string> arguments, Context&
         app.parse(std::move(arguments));
     } catch (const CLI::CallForHelp&) {
         return Print(app.help()) && Flush() ? 0 : static_cast<int>(Exit::Unreadable);
+    } catch (const CLI::CallForVersion& version) {
+        return Print(std::string(version.what()) + "\n") && Flush() ? 0 : static_cast<int>(Exit::Unreadable);
     } catch (const CLI::ParseError& error) {
         context.json = json;
         return static_cast<int>(AnswerFailure(context, Exit::Usage, error.what()));

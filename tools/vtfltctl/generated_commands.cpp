@@ -1,6 +1,7 @@
 // completion and man: what is made from the definitions of all commands.
 #include "command_model.h"
 #include "output.h"
+#include "vtfltmgr/version.h"
 
 #include <CLI/CLI.hpp>
 
@@ -38,7 +39,7 @@ void AddGeneratedCommands(CLI::App& app, Context& context)
         ->check(CLI::IsMember(std::vector<std::string>{"bash", "powershell"}))
         ->type_name("");
     AddCommand(app, context, "man", "Print the manual page, for man or groff -man",
-               [&context] { return AnswerGenerated(context, ManualPage(Program(), VTFLTCTL_VERSION)); });
+               [&context] { return AnswerGenerated(context, ManualPage(Program(), VTFLTMGR_VERSION)); });
 }
 
 } // namespace vtfltctl

@@ -1,6 +1,7 @@
 #include "command_line.h"
 
 #include "console.h"
+#include "vtfltmgr/version.h"
 
 #include <CLI/CLI.hpp>
 
@@ -27,6 +28,7 @@ ParsedCommandLine ParseCommandLine(std::vector<std::string> arguments)
 {
     ParsedCommandLine parsed;
     CLI::App app("Reads, watches and steers the diagnostic log of VTFltMgr.", "vtlog");
+    app.set_version_flag("--version", "vtlog " VTFLTMGR_VERSION, "print the version");
     app.require_subcommand(1);
     app.footer(FOOTER);
     AddShow(app, parsed.action);
@@ -41,6 +43,8 @@ ParsedCommandLine ParseCommandLine(std::vector<std::string> arguments)
         app.parse(arguments);
     } catch (const CLI::CallForHelp&) {
         parsed.exitCode = Print(app.help()) && Flush() ? 0 : static_cast<int>(Exit::Unreadable);
+    } catch (const CLI::CallForVersion& version) {
+        parsed.exitCode = Print(std::string(version.what()) + "\n") && Flush() ? 0 : static_cast<int>(Exit::Unreadable);
     } catch (const CLI::ParseError& error) {
         Diagnose(std::string(error.what()) + "\nTry \"vtlog --help\".");
         parsed.exitCode = static_cast<int>(Exit::Usage);

@@ -2,13 +2,14 @@
 //
 //     BackupLoop VOLUME APPLICATION FILE CREATE DELETE
 //
-// VOLUME is {GUID}; FILE.state says what the next run must know. CREATE is a command that takes a snapshot of the volume and
-// prints its number and its device path; DELETE gets the number behind it. On a simulated machine in C:\run\m:
+// VOLUME is {GUID}; FILE is the copy, one for each volume and application, and FILE.state says what the next run must know.
+// CREATE is a command that takes a snapshot of the volume and prints its number and its device path; DELETE gets the number
+// behind it. On a simulated machine in C:\run\m:
 //
 //     vtfltsim run C:\run\m BackupLoop.exe {GUID} Nightly E.img "vtfltsim snapshot C:\run\m {GUID}"
 //         "vtfltsim delete-snapshot C:\run\m"
 //
-// Exit code 0: FILE is the volume as it was at the snapshot. 1: it is not, and nothing was forgotten: run it again.
+// Exit code 0: FILE is the volume as it was at the snapshot. 1: it may not be, and nothing was forgotten: run it again.
 // 64-bit only.
 using System;
 using System.Diagnostics;
@@ -20,6 +21,8 @@ internal static class Native
     internal const uint VerifyRequired = 0x10001;
     internal const uint InsufficientBuffer = 122;
     internal const uint MoreData = 234;
+    internal const uint InvalidFunction = 1;
+    internal const uint NotSupported = 50;
     internal const int HeaderBytes = 16;
 
     private const string Library = "VTFltMgr.dll";
@@ -27,6 +30,12 @@ internal static class Native
 
     [DllImport(Library)]
     internal static extern uint VTCanBLIDriverWork();
+
+    [DllImport(Library, CharSet = CharSet.Unicode)]
+    internal static extern uint VTCanAppUseBLIDriver(string applicationId);
+
+    [DllImport(Library, CharSet = CharSet.Unicode)]
+    internal static extern uint VTAddVolumesToAppVerifyList(string applicationId);
 
     [DllImport(Library, CharSet = CharSet.Unicode)]
     internal static extern uint VTRegisterApplication(string applicationId);
@@ -52,6 +61,9 @@ internal static class Native
     [DllImport(Library)]
     internal static extern uint VTFltGetBitmap(IntPtr volume, byte[] input, uint inputLength, [In, Out] byte[] output,
                                                uint outputLength, ref uint size, uint direct);
+
+    [DllImport(Library)]
+    internal static extern uint VTFltSynSnapshotChangeBitmapToVolume(IntPtr volume, byte[] input, uint inputLength);
 
     [DllImport(Library)]
     internal static extern uint VTFltReplicationSuccess(IntPtr volume);
@@ -119,6 +131,28 @@ internal sealed class Device : IDisposable
         Native.CloseHandle(Handle);
     }
 
+    internal uint BlockSize(uint direct)
+    {
+        uint size;
+        Failure.Check("VTFltGetBlockSize", Native.VTFltGetBlockSize(Handle, out size, direct));
+        Failure.Check("VTFltGetBlockSize", size != 0);
+        return size;
+    }
+
+    // The bitmap of changed blocks, of the volume's manager or (direct) of a snapshot itself, and the result. Its exact
+    // length is the library's to say, and may change between two questions, but not for ever.
+    internal uint Fetch(uint direct, out byte[] bitmap)
+    {
+        uint size = Native.HeaderBytes, code = Native.MoreData;
+        bitmap = null;
+        for (int question = 0; question < 8 && (code == Native.InsufficientBuffer || code == Native.MoreData); ++question) {
+            bitmap = new byte[Math.Max(size, Native.HeaderBytes)];
+            code = Native.VTFltGetBitmap(Handle, new byte[1], 0, bitmap, (uint)bitmap.Length, ref size, direct);
+        }
+        // A bitmap shorter than was asked for says nothing of the rest.
+        return code == 0 && size != bitmap.Length ? Native.VerifyRequired : code;
+    }
+
     internal long Length()
     {
         const uint GetLengthInfo = 0x7405C; // IOCTL_DISK_GET_LENGTH_INFO
@@ -153,21 +187,6 @@ internal sealed class Manager : IDisposable
     {
         Native.VTFltDeinitBitmapManager(m_volume);
     }
-
-    // The bitmap of changed blocks; mayBeShort: changes may be missing in it. Its exact length is the library's to say.
-    internal byte[] Fetch(out bool mayBeShort)
-    {
-        uint size = Native.HeaderBytes;
-        for (;;) {
-            var bitmap = new byte[size];
-            uint code = Native.VTFltGetBitmap(m_volume, new byte[1], 0, bitmap, (uint)bitmap.Length, ref size, 0);
-            mayBeShort = code == Native.VerifyRequired;
-            if (code == 0 || mayBeShort)
-                return bitmap;
-            if (code != Native.InsufficientBuffer && code != Native.MoreData)
-                Failure.Check("VTFltGetBitmap", code);
-        }
-    }
 }
 
 // A snapshot for as long as it is needed.
@@ -186,7 +205,11 @@ internal sealed class Snapshot : IDisposable
 
     public void Dispose()
     {
-        Run(m_delete);
+        try {
+            Run(m_delete);
+        } catch (Exception failure) {
+            Console.Error.WriteLine(failure.Message + ", which changes nothing of the backup");
+        }
     }
 
     // The first word of a command is its program.
@@ -207,18 +230,28 @@ internal sealed class Snapshot : IDisposable
 
 internal static class BackupLoop
 {
-    // The driver's list reaches the application by the first call only.
+    // Asks before it registers: an application that was on the list, and is not any more, has lost what was owed to it, and
+    // registering it again marks nothing. So the marks come first, for its other volumes too; the mark of a volume that is
+    // not fixed is that its FILE.state is gone.
+    private static void Register(string application, string statePath)
+    {
+        if (Native.VTCanAppUseBLIDriver(application) != 0)
+            return;
+        File.Delete(statePath);
+        Failure.Check("VTAddVolumesToAppVerifyList", Native.VTAddVolumesToAppVerifyList(application));
+        Failure.Check("VTRegisterApplication", Native.VTRegisterApplication(application));
+    }
+
+    // Whether everything is to be read. The driver's list reaches the application by the first call only.
     private static bool MustVerify(string application, string name)
     {
         Failure.Check("VTReplicateVerifyList", Native.VTReplicateVerifyList(application));
         return Native.VTIsVerifyRequired(application, name) != 0;
     }
 
-    // A block that the bitmap does not speak of counts as changed.
     private static bool IsChanged(byte[] bitmap, long block)
     {
-        long at = Native.HeaderBytes + block / 8;
-        return at >= bitmap.Length || (bitmap[at] & 0x80 >> (int)(block % 8)) != 0;
+        return (bitmap[Native.HeaderBytes + block / 8] & 0x80 >> (int)(block % 8)) != 0;
     }
 
     private static string ReadState(string path)
@@ -229,16 +262,17 @@ internal static class BackupLoop
     private static void WriteState(string path, string state)
     {
         using (var file = new FileStream(path, FileMode.Create)) {
-            byte[] bytes = System.Text.Encoding.ASCII.GetBytes(state);
+            byte[] bytes = System.Text.Encoding.UTF8.GetBytes(state);
             file.Write(bytes, 0, bytes.Length);
             file.Flush(true);
         }
     }
 
-    // What one run leaves to the next. Without it, or when anything differs, everything is read.
-    private static string State(long length, uint blockSize, bool nextReadsEverything)
+    // What one run leaves to the next. Without it, or when anything differs, everything is read: the bitmap speaks of no other
+    // volume's or application's copy.
+    private static string State(string owner, long length, uint blockSize, bool nextReadsEverything)
     {
-        return length + " " + blockSize + (nextReadsEverything ? " everything" : "");
+        return length + " " + blockSize + " " + (nextReadsEverything ? "everything" : "changes") + " " + owner;
     }
 
     private static long Copy(Device snapshot, FileStream file, long length, uint blockSize, byte[] bitmap, bool everything)
@@ -259,45 +293,73 @@ internal static class BackupLoop
         return copied;
     }
 
+    // What was written into the snapshot itself is in the copy and not on the volume: the next bitmap must have it. It goes
+    // back in a buffer as long as the fetched bitmap, whose header is zero.
+    private static void HandBack(Device volume, Device snapshot, uint blockSize, int length)
+    {
+        byte[] written;
+        uint code = snapshot.Fetch(1, out written);
+        if (code == Native.InvalidFunction || code == Native.NotSupported) {
+            // Snapshots are not tracked here, and this program only reads its own. A driver that just went away answers so,
+            // too; then this fails as well.
+            volume.BlockSize(0);
+            return;
+        }
+        Failure.Check("asking what the snapshot changed", code);
+        int first = Array.FindIndex(written, Native.HeaderBytes, bits => bits != 0);
+        if (first < 0)
+            return;
+        Failure.Check("handing back what the snapshot changed",
+                      snapshot.BlockSize(1) == blockSize && written.Length <= length);
+        var back = new byte[length];
+        Array.Copy(written, first, back, first, written.Length - first);
+        Failure.Check("VTFltSynSnapshotChangeBitmapToVolume",
+                      Native.VTFltSynSnapshotChangeBitmapToVolume(volume.Handle, back, (uint)length));
+    }
+
     private static void BackUp(string guid, string application, string path, string create, string delete)
     {
-        string name = @"\\?\Volume" + guid + @"\";
+        string name = @"\\?\Volume" + guid + @"\", statePath = path + ".state", owner = guid + " " + application;
         Failure.Check("the driver does not work: VTCanBLIDriverWork", Native.VTCanBLIDriverWork() != 0);
-        Failure.Check("VTRegisterApplication", Native.VTRegisterApplication(application)); // once more changes nothing
+        Register(application, statePath);
         bool everything = MustVerify(application, name);
 
         using (var volume = new Device(@"\\?\Volume" + guid))
-        using (var manager = new Manager(volume, name, application)) {
-            uint blockSize;
-            Failure.Check("VTFltGetBlockSize", Native.VTFltGetBlockSize(volume.Handle, out blockSize, 0));
-            Failure.Check("VTFltGetBlockSize", blockSize != 0);
+        using (new Manager(volume, name, application)) {
+            uint blockSize = volume.BlockSize(0);
             Failure.Check("VTFltPrepareForSnapshot", Native.VTFltPrepareForSnapshot(volume.Handle));
             using (var taken = new Snapshot(create, delete))
-            using (var snapshot = new Device(taken.Path))
-            using (var file = new FileStream(path, FileMode.OpenOrCreate)) {
-                bool mayBeShort;
-                byte[] bitmap = manager.Fetch(out mayBeShort);
-                everything |= mayBeShort;
+            using (var snapshot = new Device(taken.Path)) {
+                byte[] bitmap;
+                uint code = volume.Fetch(0, out bitmap);
+                if (code != Native.VerifyRequired)
+                    Failure.Check("VTFltGetBitmap", code);
+                everything |= code == Native.VerifyRequired;
                 // Tracking that was lost since the first question may have been lost behind the snapshot too: this run and
                 // the next one read everything, for this one's report takes the mark off. A run that reads everything
                 // anyway does not ask: what the driver lists from here on then stays in its list.
                 bool late = !everything && MustVerify(application, name);
-                long length = snapshot.Length();
-                // A bitmap means nothing for a copy of another length or block size.
-                everything |= late || file.Length != length ||
-                              ReadState(path + ".state") != State(length, blockSize, false);
-
-                long copied = Copy(snapshot, file, length, blockSize, bitmap, everything);
-                WriteState(path + ".state", State(length, blockSize, late));
-                // Only now, that the copy is on the disk, may the changes be forgotten.
-                uint reported = Native.VTFltReplicationSuccess(volume.Handle);
-                if (reported != 0) {
-                    // The changes come once more, but the mark of a run that read everything may be gone already.
-                    WriteState(path + ".state", State(length, blockSize, true));
+                // The bitmap of a volume whose length or block size changed since the snapshot may have dropped blocks of
+                // it.
+                long length = snapshot.Length(), count = (length + blockSize - 1) / blockSize;
+                late |= volume.BlockSize(0) != blockSize || volume.Length() != length ||
+                        (bitmap.Length - Native.HeaderBytes) * 8L < count;
+                // It means nothing for a copy of another volume, application, length or block size.
+                string state = State(owner, length, blockSize, late), unfinished = State(owner, length, blockSize, true);
+                using (var file = new FileStream(path, FileMode.OpenOrCreate)) {
+                    everything |= late || file.Length != length || ReadState(statePath) != state;
+                    // Until a copy of everything is whole, FILE is nobody's, and no later run may take it for one.
+                    if (everything)
+                        WriteState(statePath, unfinished);
+                    long copied = Copy(snapshot, file, length, blockSize, bitmap, everything);
+                    // Should one of the next steps fail, the mark of a run that read everything may be gone already.
+                    WriteState(statePath, unfinished);
+                    HandBack(volume, snapshot, blockSize, bitmap.Length);
+                    // Only now, that the copy is on the disk, may the changes be forgotten.
+                    Failure.Check("VTFltReplicationSuccess", Native.VTFltReplicationSuccess(volume.Handle));
+                    WriteState(statePath, state);
+                    Console.WriteLine(copied + " of " + count + " blocks read" + (everything ? " (everything)" : ""));
                 }
-                Failure.Check("VTFltReplicationSuccess", reported);
-                Console.WriteLine(copied + " of " + (length + blockSize - 1) / blockSize + " blocks read" +
-                                  (everything ? " (everything)" : ""));
             }
         }
     }

@@ -7,22 +7,25 @@
  *                snapshot service instead, and the lines marked "simulator" go
  *   VOLUME       {GUID}
  *   APPLICATION  its ID; registered on the first run
- *   FILE         the copy; FILE.state beside it says what the next run must know
+ *   FILE         the copy, one for each volume and application; FILE.state beside it says what the next run must know
  *
- * Exit code 0: FILE is the volume as it was at the snapshot. 1: it is not, and nothing was forgotten: run it again.
+ * Exit code 0: FILE is the volume as it was at the snapshot. 1: it may not be, and nothing was forgotten: run it again.
  */
 #include <vtfltmgr/VTFltMgr.h>
 #include <vtfltsim/VTFltSim.h>
+#include <winioctl.h>
 
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <wchar.h>
 
 /* What one run leaves to the next. Without it, or when anything differs, everything is read. */
 typedef struct State {
     ULONGLONG length;
     DWORD blockSize;
-    DWORD everything; /* the next run reads everything, whatever the bitmap says */
+    DWORD everything;   /* the next run reads everything, whatever the bitmap says */
+    wchar_t owner[320]; /* the volume and the application; the bitmap speaks of no other one's copy */
 } State;
 
 static int Fail(const wchar_t* what, DWORD error)
@@ -58,8 +61,22 @@ static int WriteState(const wchar_t* path, const State* state)
     return written;
 }
 
+/* Asks before it registers: an application that was on the list, and is not any more, has lost what was owed to it, and
+   registering it again marks nothing. So the marks come first, for its other volumes too; the mark of a volume that is
+   not fixed is that its FILE.state is gone. */
+static DWORD Register(const wchar_t* application, const wchar_t* statePath)
+{
+    DWORD error = 0;
+    if (VTCanAppUseBLIDriver(application))
+        return 0;
+    if (!DeleteFileW(statePath) && GetLastError() != ERROR_FILE_NOT_FOUND)
+        return GetLastError();
+    error = VTAddVolumesToAppVerifyList(application);
+    return error != 0 ? error : VTRegisterApplication(application);
+}
+
 /* Whether everything is to be read. The driver's list reaches the application by the first call only. */
-static DWORD AskWhetherToVerify(const wchar_t* application, const wchar_t* volumeName, DWORD* everything)
+static DWORD MustVerify(const wchar_t* application, const wchar_t* volumeName, DWORD* everything)
 {
     const DWORD error = VTReplicateVerifyList(application);
     if (error == ERROR_SUCCESS && VTIsVerifyRequired(application, volumeName) != 0)
@@ -67,21 +84,32 @@ static DWORD AskWhetherToVerify(const wchar_t* application, const wchar_t* volum
     return error;
 }
 
-/* The bitmap of changed blocks; its exact length is the library's to say. free() it. */
-static DWORD FetchBitmap(HANDLE volume, BYTE** bitmap, DWORD* length)
+static DWORD LengthOf(HANDLE device, ULONGLONG* length)
+{
+    DWORD bytes = 0;
+    return DeviceIoControl(device, IOCTL_DISK_GET_LENGTH_INFO, NULL, 0, length, sizeof(*length), &bytes, NULL)
+               ? 0
+               : GetLastError();
+}
+
+/* The bitmap of changed blocks, of the volume's manager or (direct) of a snapshot itself; its exact length is the
+   library's to say, and may change between two questions, but not for ever. free() it. */
+static DWORD FetchBitmap(HANDLE device, BYTE** bitmap, DWORD* length, DWORD direct)
 {
     BYTE input = 0;
+    DWORD size = VTFLT_BITMAP_HEADER_BYTES;
     DWORD result = ERROR_MORE_DATA;
-    *length = VTFLT_BITMAP_HEADER_BYTES;
-    *bitmap = NULL;
-    while (result == ERROR_MORE_DATA || result == ERROR_INSUFFICIENT_BUFFER) {
+    int questions = 8;
+    for (; questions > 0 && (result == ERROR_MORE_DATA || result == ERROR_INSUFFICIENT_BUFFER); --questions) {
         free(*bitmap);
+        *length = size > VTFLT_BITMAP_HEADER_BYTES ? size : VTFLT_BITMAP_HEADER_BYTES;
         *bitmap = calloc(*length, 1);
         if (*bitmap == NULL)
             return ERROR_NOT_ENOUGH_MEMORY;
-        result = VTFltGetBitmap(volume, &input, 0, *bitmap, *length, length, 0);
+        result = VTFltGetBitmap(device, &input, 0, *bitmap, *length, &size, direct);
     }
-    return result;
+    /* A bitmap shorter than was asked for says nothing of the rest. */
+    return result == 0 && size != *length ? VTFLT_VERIFY_REQUIRED : result;
 }
 
 static int CopyBlock(HANDLE from, HANDLE to, ULONGLONG offset, DWORD count, BYTE* buffer)
@@ -94,9 +122,8 @@ static int CopyBlock(HANDLE from, HANDLE to, ULONGLONG offset, DWORD count, BYTE
            bytes == count;
 }
 
-static int Copy(HANDLE snapshot, HANDLE file, const State* now, const BYTE* bitmap, DWORD length, DWORD everything)
+static int Copy(HANDLE snapshot, HANDLE file, const State* now, const BYTE* bitmap, DWORD everything)
 {
-    const ULONGLONG known = ((ULONGLONG)length - VTFLT_BITMAP_HEADER_BYTES) * 8;
     const ULONGLONG blocks = (now->length + now->blockSize - 1) / now->blockSize;
     ULONGLONG block = 0;
     ULONGLONG copied = 0;
@@ -106,8 +133,7 @@ static int Copy(HANDLE snapshot, HANDLE file, const State* now, const BYTE* bitm
     for (; good && block < blocks; ++block) {
         const ULONGLONG offset = block * now->blockSize;
         const ULONGLONG left = now->length - offset;
-        const int changed = block >= known || (bitmap[VTFLT_BITMAP_HEADER_BYTES + block / 8] & 0x80 >> block % 8) != 0;
-        if (!everything && !changed)
+        if (!everything && (bitmap[VTFLT_BITMAP_HEADER_BYTES + block / 8] & 0x80 >> block % 8) == 0)
             continue;
         good = CopyBlock(snapshot, file, offset, left < now->blockSize ? (DWORD)left : now->blockSize, buffer);
         ++copied;
@@ -119,23 +145,125 @@ static int Copy(HANDLE snapshot, HANDLE file, const State* now, const BYTE* bitm
     return good;
 }
 
-/* From the announcement to the report. everything: what was known before. */
+/* What was written into the snapshot itself is in the copy and not on the volume: the next bitmap must have it. It goes
+   back in a buffer as long as the fetched bitmap, whose header is zero. */
+static DWORD HandBack(HANDLE volume, HANDLE snapshot, DWORD blockSize, DWORD length)
+{
+    BYTE* written = NULL;
+    BYTE* back = calloc(length, 1);
+    DWORD writtenLength = 0;
+    DWORD writtenBlockSize = 0;
+    DWORD i = VTFLT_BITMAP_HEADER_BYTES;
+    DWORD error = back == NULL ? ERROR_NOT_ENOUGH_MEMORY : FetchBitmap(snapshot, &written, &writtenLength, 1);
+    if (error == ERROR_INVALID_FUNCTION || error == ERROR_NOT_SUPPORTED) {
+        /* Snapshots are not tracked here, and this program only reads its own. A driver that just went away answers so,
+           too; then this fails as well. */
+        error = VTFltGetBlockSize(volume, &writtenBlockSize, 0);
+    } else if (error == 0) {
+        while (i < writtenLength && written[i] == 0)
+            ++i;
+        if (i < writtenLength) {
+            error = VTFltGetBlockSize(snapshot, &writtenBlockSize, 1);
+            if (error == 0 && (writtenBlockSize != blockSize || writtenLength > length))
+                error = ERROR_INVALID_DATA;
+            if (error == 0) {
+                memcpy(back + i, written + i, writtenLength - i);
+                error = VTFltSynSnapshotChangeBitmapToVolume(volume, back, length);
+            }
+        }
+    }
+    free(written);
+    free(back);
+    return error;
+}
+
+/* From the fetch to the report. now: block size, and whose copy it is. everything: what was known before. */
+static int BackUpFrom(HANDLE snapshot, HANDLE volume, const wchar_t* const* argv, const wchar_t* volumeName,
+                      const wchar_t* statePath, State now, DWORD everything)
+{
+    State last = {0};
+    State unfinished;
+    BYTE* bitmap = NULL;
+    DWORD length = 0;
+    DWORD blockSize = 0;
+    ULONGLONG volumeLength = 0;
+    LARGE_INTEGER copySize = {0};
+    HANDLE file = INVALID_HANDLE_VALUE;
+    const wchar_t* what = L"VTFltGetBitmap";
+
+    DWORD error = FetchBitmap(volume, &bitmap, &length, 0);
+    if (error == VTFLT_VERIFY_REQUIRED) {
+        everything = 1;
+        error = 0;
+    }
+    /* Tracking that was lost since the first question may have been lost behind the snapshot too: this run and the
+       next one read everything, for this one's report takes the mark off. A run that reads everything anyway does not
+       ask: what the driver lists from here on then stays in its list. */
+    if (error == 0 && !everything) {
+        what = L"VTReplicateVerifyList";
+        error = MustVerify(argv[3], volumeName, &now.everything);
+    }
+    /* The bitmap of a volume whose length or block size changed since the snapshot may have dropped blocks of it. */
+    if (error == 0) {
+        what = L"asking for length and block size";
+        error = LengthOf(snapshot, &now.length);
+        error = error != 0 ? error : LengthOf(volume, &volumeLength);
+        error = error != 0 ? error : VTFltGetBlockSize(volume, &blockSize, 0);
+        if (blockSize != now.blockSize || volumeLength != now.length ||
+            ((ULONGLONG)length - VTFLT_BITMAP_HEADER_BYTES) * 8 < (now.length + now.blockSize - 1) / now.blockSize)
+            now.everything = 1;
+    }
+    /* It means nothing for a copy of another volume, application, length or block size. */
+    unfinished = now;
+    unfinished.everything = 1;
+    last.everything = 1;
+    everything |= now.everything || !ReadState(statePath, &last) || memcmp(&last, &now, sizeof(now)) != 0;
+    file = OpenPath(argv[4], GENERIC_READ | GENERIC_WRITE, OPEN_ALWAYS);
+    everything |= !GetFileSizeEx(file, &copySize) || copySize.QuadPart != (LONGLONG)now.length;
+
+    /* Until a copy of everything is whole, FILE is nobody's, and no later run may take it for one. */
+    if (error == 0) {
+        what = L"copying";
+        if (file == INVALID_HANDLE_VALUE || (everything && !WriteState(statePath, &unfinished)) ||
+            !Copy(snapshot, file, &now, bitmap, everything))
+            error = GetLastError() != 0 ? GetLastError() : ERROR_WRITE_FAULT;
+        /* Should one of the next steps fail, the mark of a run that read everything may be gone already. */
+        if (error == 0 && !WriteState(statePath, &unfinished))
+            error = GetLastError();
+    }
+    if (error == 0) {
+        what = L"handing back what the snapshot changed";
+        error = HandBack(volume, snapshot, now.blockSize, length);
+    }
+    /* Only now, that the copy is on the disk, may the changes be forgotten. */
+    if (error == 0) {
+        what = L"VTFltReplicationSuccess";
+        error = VTFltReplicationSuccess(volume);
+    }
+    if (error == 0) {
+        what = L"writing the state";
+        error = WriteState(statePath, &now) ? 0 : GetLastError();
+    }
+    if (file != INVALID_HANDLE_VALUE)
+        CloseHandle(file);
+    free(bitmap);
+    return error == 0 ? 0 : Fail(what, error);
+}
+
+/* Announces and takes the snapshot. */
 static int BackUp(VTFLTSIM_MACHINE machine, HANDLE volume, const wchar_t* const* argv, const wchar_t* volumeName,
                   const wchar_t* statePath, DWORD everything)
 {
-    State last = {0};
-    State now = {0};
+    State now;
     VTFLTSIM_SNAPSHOT_INFO snapshotInfo = {0};
     HANDLE snapshot = INVALID_HANDLE_VALUE;
-    HANDLE file = INVALID_HANDLE_VALUE;
-    BYTE* bitmap = NULL;
-    DWORD length = 0;
-    DWORD late = 0;
     DWORD number = 0;
-    LARGE_INTEGER copySize = {0};
-    int good = 0;
-
-    DWORD error = VTFltGetBlockSize(volume, &now.blockSize, 0);
+    DWORD error = 0;
+    int result = 1;
+    memset(&now, 0, sizeof(now));
+    if (_snwprintf(now.owner, 319, L"%ls %ls", argv[2], argv[3]) < 0)
+        return Fail(L"the application's ID is too long: this", ERROR_INVALID_PARAMETER);
+    error = VTFltGetBlockSize(volume, &now.blockSize, 0);
     if (error != 0 || now.blockSize == 0)
         return Fail(L"VTFltGetBlockSize", error);
     error = VTFltPrepareForSnapshot(volume);
@@ -145,50 +273,17 @@ static int BackUp(VTFLTSIM_MACHINE machine, HANDLE volume, const wchar_t* const*
     error = VTFltSimCreateSnapshot(machine, argv[2], &number, &snapshotInfo); /* simulator */
     if (error != 0)
         return Fail(L"taking a snapshot", error);
-    now.length = snapshotInfo.length;
-
-    error = FetchBitmap(volume, &bitmap, &length);
-    if (error != 0 && error != VTFLT_VERIFY_REQUIRED) {
-        free(bitmap);
-        VTFltSimDeleteSnapshot(machine, number);
-        return Fail(L"VTFltGetBitmap", error);
-    }
-    everything |= error == VTFLT_VERIFY_REQUIRED;
-    /* Tracking that was lost since the first question may have been lost behind the snapshot too: this run and the
-       next one read everything, for this one's report takes the mark off. A run that reads everything anyway does not
-       ask: what the driver lists from here on then stays in its list. */
-    error = everything ? 0 : AskWhetherToVerify(argv[3], volumeName, &late);
-    everything |= late;
-    now.everything = late;
-    /* A bitmap means nothing for a copy of another length or block size. */
-    everything |=
-        !ReadState(statePath, &last) || last.everything || last.length != now.length || last.blockSize != now.blockSize;
-
     snapshot = OpenPath(snapshotInfo.devicePath, GENERIC_READ, OPEN_EXISTING);
-    file = OpenPath(argv[4], GENERIC_READ | GENERIC_WRITE, OPEN_ALWAYS);
-    if (file != INVALID_HANDLE_VALUE && GetFileSizeEx(file, &copySize) && copySize.QuadPart != (LONGLONG)now.length)
-        everything = 1;
-    good = error == 0 && snapshot != INVALID_HANDLE_VALUE && file != INVALID_HANDLE_VALUE &&
-           Copy(snapshot, file, &now, bitmap, length, everything) && WriteState(statePath, &now);
-    if (!good)
-        Fail(L"copying", error != 0 ? error : GetLastError());
-    /* Only now, that the copy is on the disk, may the changes be forgotten. */
-    if (good) {
-        error = VTFltReplicationSuccess(volume);
-        if (error != 0) {
-            /* The changes come once more, but the mark of a run that read everything may be gone already. */
-            now.everything = 1;
-            good = WriteState(statePath, &now);
-            Fail(L"VTFltReplicationSuccess", error);
-        }
-    }
-    if (snapshot != INVALID_HANDLE_VALUE)
+    if (snapshot == INVALID_HANDLE_VALUE) {
+        Fail(L"opening the snapshot", GetLastError());
+    } else {
+        result = BackUpFrom(snapshot, volume, argv, volumeName, statePath, now, everything);
         CloseHandle(snapshot);
-    if (file != INVALID_HANDLE_VALUE)
-        CloseHandle(file);
-    free(bitmap);
-    VTFltSimDeleteSnapshot(machine, number); /* simulator */
-    return good ? 0 : 1;
+    }
+    error = VTFltSimDeleteSnapshot(machine, number); /* simulator */
+    if (error != 0)
+        Fail(L"deleting the snapshot, which changes nothing of the backup: this", error);
+    return result;
 }
 
 static int Run(VTFLTSIM_MACHINE machine, const wchar_t* const* argv, const wchar_t* statePath)
@@ -205,11 +300,10 @@ static int Run(VTFLTSIM_MACHINE machine, const wchar_t* const* argv, const wchar
 
     if (!VTCanBLIDriverWork())
         return Fail(L"the driver does not work: VTCanBLIDriverWork", 0);
-    /* Registering once more changes nothing. */
-    error = VTRegisterApplication(argv[3]);
+    error = Register(argv[3], statePath);
     if (error != 0)
-        return Fail(L"VTRegisterApplication", error);
-    error = AskWhetherToVerify(argv[3], volumeName, &everything);
+        return Fail(L"registering", error);
+    error = MustVerify(argv[3], volumeName, &everything);
     if (error != 0)
         return Fail(L"VTReplicateVerifyList", error);
     volume = OpenPath(device, GENERIC_READ, OPEN_EXISTING);

@@ -2,14 +2,14 @@
 
     python backup_loop.py VOLUME APPLICATION FILE CREATE DELETE
 
-VOLUME is {GUID}; FILE.state says what the next run must know. CREATE is a command that takes a snapshot of the volume and
-prints its number and its device path; DELETE gets the number behind it. VTFltMgr.dll is looked for beside this file, or
-where VTFLTMGR says. On a simulated machine in C:\\run\\m:
+VOLUME is {GUID}; FILE is the copy, one for each volume and application, and FILE.state says what the next run must know.
+CREATE is a command that takes a snapshot of the volume and prints its number and its device path; DELETE gets the number
+behind it. VTFltMgr.dll is looked for beside this file, or where VTFLTMGR says. On a simulated machine in C:\\run\\m:
 
     vtfltsim run C:\\run\\m python backup_loop.py {GUID} Nightly E.img "vtfltsim snapshot C:\\run\\m {GUID}"
         "vtfltsim delete-snapshot C:\\run\\m"
 
-Exit code 0: FILE is the volume as it was at the snapshot. 1: it is not, and nothing was forgotten: run it again.
+Exit code 0: FILE is the volume as it was at the snapshot. 1: it may not be, and nothing was forgotten: run it again.
 """
 import contextlib
 import ctypes
@@ -24,6 +24,8 @@ HANDLE = c_void_p
 
 VERIFY_REQUIRED = 0x10001
 HEADER_BYTES = 16
+ERROR_INVALID_FUNCTION = 1
+ERROR_NOT_SUPPORTED = 50
 ERROR_INSUFFICIENT_BUFFER = 122
 ERROR_MORE_DATA = 234
 INVALID_HANDLE = c_void_p(-1).value
@@ -37,6 +39,8 @@ WAIT_ABANDONED = 0x80
 # What is called: the module, the result, the arguments.
 PROTOTYPES = {
     "VTCanBLIDriverWork": ("VTFltMgr", DWORD, []),
+    "VTCanAppUseBLIDriver": ("VTFltMgr", DWORD, [c_wchar_p]),
+    "VTAddVolumesToAppVerifyList": ("VTFltMgr", DWORD, [c_wchar_p]),
     "VTRegisterApplication": ("VTFltMgr", DWORD, [c_wchar_p]),
     "VTReplicateVerifyList": ("VTFltMgr", DWORD, [c_wchar_p]),
     "VTIsVerifyRequired": ("VTFltMgr", DWORD, [c_wchar_p, c_wchar_p]),
@@ -45,6 +49,7 @@ PROTOTYPES = {
     "VTFltGetBlockSize": ("VTFltMgr", DWORD, [HANDLE, POINTER(DWORD), DWORD]),
     "VTFltPrepareForSnapshot": ("VTFltMgr", DWORD, [HANDLE]),
     "VTFltGetBitmap": ("VTFltMgr", DWORD, [HANDLE, c_void_p, DWORD, c_void_p, DWORD, POINTER(DWORD), DWORD]),
+    "VTFltSynSnapshotChangeBitmapToVolume": ("VTFltMgr", DWORD, [HANDLE, c_void_p, DWORD]),
     "VTFltReplicationSuccess": ("VTFltMgr", DWORD, [HANDLE]),
     "CreateFileW": ("kernel32", HANDLE, [c_wchar_p, DWORD, DWORD, c_void_p, DWORD, DWORD, HANDLE]),
     "DeviceIoControl": ("kernel32", c_int, [HANDLE, DWORD, c_void_p, DWORD, c_void_p, DWORD, POINTER(DWORD), c_void_p]),
@@ -117,21 +122,58 @@ class Library:
               self.ReadFile(device, buffer, count, byref(size), None) and size.value == count)
         return buffer.raw
 
+    def register(self, application, state_path):
+        """Asks before it registers: an application that was on the list, and is not any more, has lost what was owed to it,
+        and registering it again marks nothing. So the marks come first, for its other volumes too; the mark of a volume that
+        is not fixed is that its FILE.state is gone."""
+        if self.VTCanAppUseBLIDriver(application):
+            return
+        with contextlib.suppress(FileNotFoundError):
+            os.remove(state_path)
+        call(self.VTAddVolumesToAppVerifyList, application)
+        call(self.VTRegisterApplication, application)
+
     def must_verify(self, application, name):
         """Whether everything is to be read. The driver's list reaches the application by the first call only."""
         call(self.VTReplicateVerifyList, application)
         return self.VTIsVerifyRequired(application, name) != 0
 
-    def fetch(self, volume):
-        """The bitmap of changed blocks, and whether it may be short. Its exact length is the library's to say."""
+    def block_size_of(self, device, direct):
+        size = DWORD()
+        call(self.VTFltGetBlockSize, device, byref(size), direct)
+        check("VTFltGetBlockSize", size.value)
+        return size.value
+
+    def fetch(self, device, direct):
+        """The bitmap of changed blocks, of the volume's manager or (direct) of a snapshot itself, and the result. Its exact
+        length is the library's to say, and may change between two questions, but not for ever."""
         given, size = ctypes.create_string_buffer(1), DWORD(HEADER_BYTES)
-        while True:
-            bitmap = ctypes.create_string_buffer(size.value)
-            code = self.VTFltGetBitmap(volume, given, 0, bitmap, len(bitmap), byref(size), 0)
-            if code in (0, VERIFY_REQUIRED):
-                return bitmap.raw[HEADER_BYTES:], code == VERIFY_REQUIRED
+        code = ERROR_MORE_DATA
+        for _ in range(8):
+            bitmap = ctypes.create_string_buffer(max(size.value, HEADER_BYTES))
+            code = self.VTFltGetBitmap(device, given, 0, bitmap, len(bitmap), byref(size), direct)
             if code not in (ERROR_INSUFFICIENT_BUFFER, ERROR_MORE_DATA):
-                raise Failure(f"VTFltGetBitmap failed, {code} (0x{code:X})")
+                break
+        if code == 0 and size.value != len(bitmap):
+            code = VERIFY_REQUIRED # a bitmap shorter than was asked for says nothing of the rest
+        return bitmap.raw[HEADER_BYTES:], code
+
+    def hand_back(self, volume, device, block_size, length):
+        """What was written into the snapshot itself is in the copy and not on the volume: the next bitmap must have it. It
+        goes back in a buffer as long as the fetched bitmap, whose header is zero."""
+        written, code = self.fetch(device, 1)
+        if code in (ERROR_INVALID_FUNCTION, ERROR_NOT_SUPPORTED):
+            # Snapshots are not tracked here, and this program only reads its own. A driver that just went away answers so,
+            # too; then this fails as well.
+            self.block_size_of(volume, 0)
+            return
+        check(f"asking what the snapshot changed: VTFltGetBitmap, {code} (0x{code:X}),", code == 0)
+        if not any(written):
+            return
+        check("handing back what the snapshot changed",
+              self.block_size_of(device, 1) == block_size and len(written) <= length)
+        back = ctypes.create_string_buffer(bytes(HEADER_BYTES) + written, HEADER_BYTES + length)
+        call(self.VTFltSynSnapshotChangeBitmapToVolume, volume, back, len(back))
 
 
 @contextlib.contextmanager
@@ -140,7 +182,8 @@ def snapshot(create, delete):
     try:
         yield device
     finally:
-        subprocess.run(f"{delete} {number}", shell=True, check=True)
+        if subprocess.run(f"{delete} {number}", shell=True, check=False, stdout=subprocess.DEVNULL).returncode != 0:
+            print("deleting the snapshot failed, which changes nothing of the backup", file=sys.stderr)
 
 
 def read_state(path):
@@ -160,8 +203,7 @@ def write_state(path, state):
 
 
 def is_changed(bitmap, block):
-    """A block that the bitmap does not speak of counts as changed."""
-    return block >= len(bitmap) * 8 or bitmap[block // 8] & 0x80 >> block % 8 != 0
+    return bitmap[block // 8] & 0x80 >> block % 8 != 0
 
 
 def copy_blocks(library, device, path, state, blocks):
@@ -176,42 +218,45 @@ def copy_blocks(library, device, path, state, blocks):
 
 
 def back_up(library, guid, application, path, create, delete):
-    name = f"\\\\?\\Volume{guid}\\"
+    name, state_path = f"\\\\?\\Volume{guid}\\", path + ".state"
     check("the driver does not work: VTCanBLIDriverWork", library.VTCanBLIDriverWork())
-    call(library.VTRegisterApplication, application)  # registering once more changes nothing
+    library.register(application, state_path)
     everything = library.must_verify(application, name)
     with contextlib.ExitStack() as stack:
         volume = stack.enter_context(library.opened(name[:-1]))
         call(library.VTFltInitBitmapManager, volume, name, application)
         stack.callback(library.VTFltDeinitBitmapManager, volume)
-        block_size = DWORD()
-        call(library.VTFltGetBlockSize, volume, byref(block_size), 0)
-        check("VTFltGetBlockSize", block_size.value)
+        block_size = library.block_size_of(volume, 0)
         call(library.VTFltPrepareForSnapshot, volume)
         device = stack.enter_context(library.opened(stack.enter_context(snapshot(create, delete))))
-        bitmap, short = library.fetch(volume)
-        everything = everything or short
+        bitmap, code = library.fetch(volume, 0)
+        check(f"VTFltGetBitmap, {code} (0x{code:X}),", code in (0, VERIFY_REQUIRED))
+        everything = everything or code == VERIFY_REQUIRED
         # Tracking that was lost since the first question may have been lost behind the snapshot too: this run and the next
         # one read everything, for this one's report takes the mark off. A run that reads everything anyway does not ask:
         # what the driver lists from here on then stays in its list.
         late = not everything and library.must_verify(application, name)
-        state = {"length": library.length_of(device), "block_size": block_size.value, "everything": late}
-        # A bitmap means nothing for a copy of another length or block size.
-        last = read_state(path + ".state")
-        everything = everything or late or last != {**state, "everything": False} or \
-            not os.path.exists(path) or os.path.getsize(path) != state["length"]
+        # The bitmap of a volume whose length or block size changed since the snapshot may have dropped blocks of it.
+        length = library.length_of(device)
+        count = -(-length // block_size)
+        late = late or library.block_size_of(volume, 0) != block_size or library.length_of(volume) != length or \
+            len(bitmap) * 8 < count
+        # It means nothing for a copy of another volume, application, length or block size.
+        state = {"length": length, "block_size": block_size, "everything": late, "volume": guid, "application": application}
+        everything = everything or late or read_state(state_path) != state or \
+            not os.path.exists(path) or os.path.getsize(path) != length
 
-        count = -(-state["length"] // state["block_size"])
+        # Until a copy of everything is whole, FILE is nobody's, and no later run may take it for one.
+        if everything:
+            write_state(state_path, {**state, "everything": True})
         blocks = [block for block in range(count) if everything or is_changed(bitmap, block)]
         copy_blocks(library, device, path, state, blocks)
-        write_state(path + ".state", state)
+        # Should one of the next steps fail, the mark of a run that read everything may be gone already.
+        write_state(state_path, {**state, "everything": True})
+        library.hand_back(volume, device, block_size, len(bitmap))
         # Only now, that the copy is on the disk, may the changes be forgotten.
-        try:
-            call(library.VTFltReplicationSuccess, volume)
-        except Failure:
-            # The changes come once more, but the mark of a run that read everything may be gone already.
-            write_state(path + ".state", {**state, "everything": True})
-            raise
+        call(library.VTFltReplicationSuccess, volume)
+        write_state(state_path, state)
     print(f"{len(blocks)} of {count} blocks read{' (everything)' if everything else ''}")
 
 

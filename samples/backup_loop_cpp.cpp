@@ -3,10 +3,12 @@
 //     backup_loop_cpp MACHINE VOLUME APPLICATION FILE
 //
 // MACHINE is the folder of a simulated machine (vtfltsim create); on a real one the snapshot comes from the system's
-// snapshot service, and the lines marked "simulator" go. VOLUME is {GUID}; FILE.state says what the next run must know.
-// Exit code 0: FILE is the volume as it was at the snapshot. 1: it is not, and nothing was forgotten: run it again.
+// snapshot service, and the lines marked "simulator" go. VOLUME is {GUID}; FILE is the copy, one for each volume and
+// application, and FILE.state says what the next run must know. Exit code 0: FILE is the volume as it was at the snapshot.
+// 1: it may not be, and nothing was forgotten: run it again.
 #include <vtfltmgr/VTFltMgr.hpp>
 #include <vtfltsim/VTFltSim.hpp>
+#include <winioctl.h>
 
 #include <cstdio>
 #include <stdexcept>
@@ -68,7 +70,10 @@ void Seek(HANDLE file, std::uint64_t offset)
 struct State {
     std::uint64_t length = 0;
     DWORD blockSize = 0;
-    DWORD everything = 0; // the next run reads everything, whatever the bitmap says
+    DWORD everything = 0;    // the next run reads everything, whatever the bitmap says
+    wchar_t owner[320] = {}; // the volume and the application; the bitmap speaks of no other one's copy
+
+    bool operator==(const State&) const = default;
 };
 
 State ReadState(const std::wstring& path)
@@ -99,7 +104,11 @@ public:
     }
     Snapshot(const Snapshot&) = delete;
     Snapshot& operator=(const Snapshot&) = delete;
-    ~Snapshot() { VTFltSimDeleteSnapshot(m_machine.handle(), m_snapshot.number); }
+    ~Snapshot()
+    {
+        if (VTFltSimDeleteSnapshot(m_machine.handle(), m_snapshot.number) != 0)
+            std::fputs("deleting the snapshot failed, which changes nothing of the backup\n", stderr);
+    }
     [[nodiscard]] const std::wstring& Path() const { return m_snapshot.path; }
 
 private:
@@ -122,29 +131,93 @@ void CopyBlocks(HANDLE from, HANDLE to, const State& now, vtfltmgr::Extent exten
     }
 }
 
-// The driver's list reaches the application by the first call only.
+std::uint64_t LengthOf(HANDLE device)
+{
+    std::uint64_t length = 0;
+    DWORD bytes = 0;
+    Check("asking for the length",
+          DeviceIoControl(device, IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, &length, sizeof(length), &bytes, nullptr));
+    return length;
+}
+
+// Asks before it registers: an application that was on the list, and is not any more, has lost what was owed to it, and
+// registering it again marks nothing. So the marks come first, for its other volumes too; the mark of a volume that is
+// not fixed is that its FILE.state is gone.
+void Register(const std::wstring& application, const std::wstring& statePath)
+{
+    if (vtfltmgr::CanApplicationUseDriver(application))
+        return;
+    Check("deleting the state", DeleteFileW(statePath.c_str()) || GetLastError() == ERROR_FILE_NOT_FOUND);
+    Check("VTAddVolumesToAppVerifyList", vtfltmgr::AddVolumesToVerifyList(application));
+    Check("VTRegisterApplication", vtfltmgr::RegisterApplication(application));
+}
+
+// Whether everything is to be read. The driver's list reaches the application by the first call only.
 bool MustVerify(const std::wstring& application, const std::wstring& volumeName)
 {
     Check("VTReplicateVerifyList", vtfltmgr::ReplicateVerifyList(application));
     return vtfltmgr::IsVerifyRequired(application, volumeName);
 }
 
+std::uint64_t Copy(HANDLE from, HANDLE to, const State& now, const vtfltmgr::ChangeMap& changes, bool everything)
+{
+    const std::uint64_t blocks = (now.length + now.blockSize - 1) / now.blockSize;
+    if (everything) {
+        CopyBlocks(from, to, now, {0, blocks});
+    } else {
+        for (const vtfltmgr::Extent& extent : changes.Extents(blocks))
+            CopyBlocks(from, to, now, extent);
+    }
+    Seek(to, now.length);
+    Check("cutting the copy to its length", SetEndOfFile(to));
+    Check("writing the copy to the disk", FlushFileBuffers(to));
+    return everything ? blocks : changes.CountChanged(blocks);
+}
+
+// What was written into the snapshot itself is in the copy and not on the volume: the next bitmap must have it. It goes
+// back in a map as long as the fetched one.
+void HandBack(const vtfltmgr::BitmapManager& manager, HANDLE snapshot, DWORD blockSize, DWORD length)
+{
+    vtfltmgr::ChangeMap written;
+    DWORD writtenBlockSize = 0;
+    const vtfltmgr::Result fetched = vtfltmgr::FetchBitmap(snapshot, written, true);
+    if (fetched.Code() == ERROR_INVALID_FUNCTION || fetched.Code() == ERROR_NOT_SUPPORTED) {
+        // Snapshots are not tracked here, and this program only reads its own. A driver that just went away answers so,
+        // too; then this fails as well.
+        Check("VTFltGetBlockSize", manager.GetBlockSize(writtenBlockSize));
+        return;
+    }
+    Check("asking what the snapshot changed", fetched);
+    if (written.CountChanged(written.Blocks()) == 0)
+        return;
+    Check("VTFltGetBlockSize", vtfltmgr::Result(VTFltGetBlockSize(snapshot, &writtenBlockSize, 1)));
+    if (writtenBlockSize != blockSize || !written.Resize(length))
+        throw std::runtime_error("what the snapshot changed cannot be handed back");
+    Check("VTFltSynSnapshotChangeBitmapToVolume", manager.HandBack(written));
+}
+
 void BackUp(vtfltsim::SimMachine& machine, const vtfltsim::Volume& volume, const std::wstring& application,
             const std::wstring& path)
 {
+    const std::wstring statePath = path + L".state";
+    const std::wstring owner = volume.guid + L" " + application;
+    State now;
+    if (owner.size() >= std::size(now.owner))
+        throw std::runtime_error("the application's ID is too long");
+    owner.copy(now.owner, owner.size());
     if (!vtfltmgr::CanDriverWork())
         throw std::runtime_error("the driver does not work");
-    Check("VTRegisterApplication", vtfltmgr::RegisterApplication(application)); // once more changes nothing
+    Register(application, statePath);
     bool everything = MustVerify(application, volume.Root());
 
     const Handle device(Open(volume.Path(), GENERIC_READ, OPEN_EXISTING));
     vtfltmgr::BitmapManager manager;
     Check("VTFltInitBitmapManager", manager.Open(device.get(), volume.Root(), application));
-    State now;
     Check("VTFltGetBlockSize", manager.GetBlockSize(now.blockSize));
+    Check("VTFltGetBlockSize", now.blockSize != 0);
     Check("VTFltPrepareForSnapshot", manager.PrepareForSnapshot());
-    const Snapshot snapshot(machine, volume);
-    now.length = machine.Info(volume).length;
+    const Snapshot taken(machine, volume);
+    const Handle snapshot(Open(taken.Path(), GENERIC_READ, OPEN_EXISTING));
 
     vtfltmgr::ChangeMap changes;
     const vtfltmgr::Result fetched = manager.Fetch(changes);
@@ -154,45 +227,36 @@ void BackUp(vtfltsim::SimMachine& machine, const vtfltsim::Volume& volume, const
     // Tracking that was lost since the first question may have been lost behind the snapshot too: this run and the next
     // one read everything, for this one's report takes the mark off. A run that reads everything anyway does not ask:
     // what the driver lists from here on then stays in its list.
-    if (!everything && MustVerify(application, volume.Root())) {
-        everything = true;
+    if (!everything && MustVerify(application, volume.Root()))
         now.everything = 1;
-    }
-
-    const std::uint64_t blocks = (now.length + now.blockSize - 1) / now.blockSize;
-    const std::wstring statePath = path + L".state";
-    const State last = ReadState(statePath);
-    const Handle from(Open(snapshot.Path(), GENERIC_READ, OPEN_EXISTING));
-    const Handle to(Open(path, GENERIC_READ | GENERIC_WRITE, OPEN_ALWAYS));
+    // The bitmap of a volume whose length or block size changed since the snapshot may have dropped blocks of it.
+    now.length = LengthOf(snapshot.get());
+    DWORD blockSize = 0;
+    Check("VTFltGetBlockSize", manager.GetBlockSize(blockSize));
+    if (blockSize != now.blockSize || LengthOf(device.get()) != now.length ||
+        changes.Blocks() < (now.length + now.blockSize - 1) / now.blockSize)
+        now.everything = 1;
+    // It means nothing for a copy of another volume, application, length or block size.
+    const Handle file(Open(path, GENERIC_READ | GENERIC_WRITE, OPEN_ALWAYS));
     LARGE_INTEGER size = {};
-    // A bitmap means nothing for a copy of another length or block size, or beyond what it speaks of.
-    everything |= last.everything != 0 || last.length != now.length || last.blockSize != now.blockSize ||
-                  !GetFileSizeEx(to.get(), &size) || size.QuadPart != static_cast<LONGLONG>(now.length) ||
-                  changes.Blocks() < blocks;
+    everything |= now.everything != 0 || ReadState(statePath) != now || !GetFileSizeEx(file.get(), &size) ||
+                  size.QuadPart != static_cast<LONGLONG>(now.length);
 
-    std::uint64_t copied = blocks;
-    if (everything) {
-        CopyBlocks(from.get(), to.get(), now, {0, blocks});
-    } else {
-        copied = changes.CountChanged(blocks);
-        for (const vtfltmgr::Extent& extent : changes.Extents(blocks))
-            CopyBlocks(from.get(), to.get(), now, extent);
-    }
-    Seek(to.get(), now.length);
-    Check("cutting the copy to its length", SetEndOfFile(to.get()));
-    Check("writing the copy to the disk", FlushFileBuffers(to.get()));
-    WriteState(statePath, now);
-
+    // Until a copy of everything is whole, FILE is nobody's, and no later run may take it for one.
+    State unfinished = now;
+    unfinished.everything = 1;
+    if (everything)
+        WriteState(statePath, unfinished);
+    const std::uint64_t copied = Copy(snapshot.get(), file.get(), now, changes, everything);
+    // Should one of the next steps fail, the mark of a run that read everything may be gone already.
+    WriteState(statePath, unfinished);
+    HandBack(manager, snapshot.get(), now.blockSize, changes.Length());
     // Only now, that the copy is on the disk, may the changes be forgotten.
-    const vtfltmgr::Result reported = manager.ReportSuccess();
-    if (!reported.IsSuccess()) {
-        // The changes come once more, but the mark of a run that read everything may be gone already.
-        now.everything = 1;
-        WriteState(statePath, now);
-    }
-    Check("VTFltReplicationSuccess", reported);
+    Check("VTFltReplicationSuccess", manager.ReportSuccess());
+    WriteState(statePath, now);
     std::printf("%llu of %llu blocks read%s\n", static_cast<unsigned long long>(copied),
-                static_cast<unsigned long long>(blocks), everything ? " (everything)" : "");
+                static_cast<unsigned long long>((now.length + now.blockSize - 1) / now.blockSize),
+                everything ? " (everything)" : "");
 }
 
 // One backup at a time, of whatever volume and application: two would take each other's changes and marks.

@@ -165,8 +165,17 @@ VTFLTMGR_API DWORD WINAPI VTFltReplicationSuccess(HANDLE volume);
 
 /*
  * Registers an application and gives it fresh bitmaps on every fixed volume. Registering twice is no error
- * and changes nothing. IDs are case-sensitive; avoid an ID that is the tail of another one, contains "*" or
- * ends in ".Last": such IDs share lists or files.
+ * and changes nothing for as long as the list of applications still has the ID. IDs are case-sensitive; avoid
+ * an ID that is the tail of another one, contains "*" or ends in ".Last": such IDs share lists or files.
+ *
+ * Not to be called before each backup, "to be sure": when the list was lost or emptied meanwhile, this call
+ * drops every change that was owed to the application and marks no volume, and what another application
+ * fetched before it never reached this one. An incremental backup behind that misses changes, and nothing says
+ * so. (Only a list that cannot be read has every volume marked first.) So ask first, with VTCanAppUseBLIDriver
+ * or VTGetRegisteredAppList. An application that is not registered, and may have been, calls
+ * VTAddVolumesToAppVerifyList, which marks the fixed volumes and needs no registration, and then this; of any
+ * other volume its next backup reads everything.
+ *
  * Results: 0; 160 (empty ID); 0x10005; 161; else the error of a volume, a bitmap file or the registry.
  */
 VTFLTMGR_API DWORD WINAPI VTRegisterApplication(LPCWSTR applicationId);
@@ -197,7 +206,8 @@ VTFLTMGR_API DWORD WINAPI VTReplicateVerifyList(LPCWSTR applicationId);
  * Asks whether this application's next backup of the volume must read the whole volume.
  *   volume  volume GUID path, \\?\Volume{...}\ (the trailing backslash may be missing)
  * Results: 1 yes (also when the driver does not work, when the list cannot be read, or for a null
- * argument); 0 no.
+ * argument); 0 no, or the volume is not on the list and its mutex could not be opened: the bitmap files were
+ * not looked at then, and VTFltGetBitmap, which needs the same mutex, answers 0x10005.
  */
 VTFLTMGR_API DWORD WINAPI VTIsVerifyRequired(LPCWSTR applicationId, LPCWSTR volume);
 

@@ -2,6 +2,7 @@
 //
 // One incremental backup of one volume:
 //
+//     ... vtfltmgr::CanApplicationUseDriver(app), else register it: see RegisterApplication ...
 //     vtfltmgr::Result result = vtfltmgr::ReplicateVerifyList(app);
 //     bool everything = vtfltmgr::IsVerifyRequired(app, volumeName);
 //     vtfltmgr::BitmapManager manager;
@@ -13,6 +14,9 @@
 //     everything = everything || result.IsVerifyRequired();
 //     for (const vtfltmgr::Extent& extent : changes.Extents(blocks))
 //         ... copy extent.count blocks from extent.first on ...
+//     vtfltmgr::ChangeMap written;                            // what the snapshot itself changed
+//     result = vtfltmgr::FetchBitmap(snapshot, written, true);
+//     ... when snapshots are tracked: written.Resize(changes.Length()), manager.HandBack(written) ...
 //     result = manager.ReportSuccess();                       // only when the copy is durable
 //
 // Nothing here throws but std::bad_alloc. The rules that a backup program must keep stand in docs/library.md: this
@@ -97,6 +101,14 @@ public:
     ChangeMap() = default;
     // All clear. length: of the whole buffer, as another map's Length() gives it.
     explicit ChangeMap(std::size_t length) : m_buffer(length) {}
+
+    // To another length of the whole buffer; what is new is clear. Whether nothing was cut off that is set.
+    [[nodiscard]] bool Resize(std::size_t length)
+    {
+        const std::uint64_t before = CountChanged(Blocks());
+        m_buffer.resize(length);
+        return CountChanged(Blocks()) == before;
+    }
 
     [[nodiscard]] void* Data() noexcept { return m_buffer.data(); }
     [[nodiscard]] DWORD Length() const noexcept { return static_cast<DWORD>(m_buffer.size()); }
@@ -276,7 +288,10 @@ public:
     BitmapManager& operator=(const BitmapManager&) = delete;
     ~BitmapManager() { Close(); }
 
-    // volumeName: \\?\Volume{...}\. Closes what was open before. As VTFltInitBitmapManager.
+    // volumeName: \\?\Volume{...}\. Closes what was open before. As VTFltInitBitmapManager: a handle that has a manager
+    // already keeps it, with the application that it was made for, and the result is 0. So do not give one handle to two
+    // owners, whichever their applications: the second works for the first one's, and whoever closes first closes both.
+    // Open the volume once more.
     Result Open(HANDLE volume, const std::wstring& volumeName, const std::wstring& applicationId)
     {
         Close();
@@ -312,6 +327,20 @@ private:
     HANDLE m_volume = nullptr;
 };
 
+// Whether the driver works and the application is registered; false in doubt.
+[[nodiscard]] inline bool CanApplicationUseDriver(const std::wstring& applicationId)
+{
+    return VTCanAppUseBLIDriver(applicationId.c_str()) != 0;
+}
+
+// Puts every fixed volume on the application's verify list; it need not be registered.
+inline Result AddVolumesToVerifyList(const std::wstring& applicationId)
+{
+    return Result(VTAddVolumesToAppVerifyList(applicationId.c_str()));
+}
+
+// Only when CanApplicationUseDriver says no, and behind AddVolumesToVerifyList: where the application was registered once
+// and is not any more, this drops what was owed to it and marks nothing. See VTRegisterApplication.
 inline Result RegisterApplication(const std::wstring& applicationId)
 {
     return Result(VTRegisterApplication(applicationId.c_str()));
@@ -328,7 +357,8 @@ inline Result ReplicateVerifyList(const std::wstring& applicationId)
     return Result(VTReplicateVerifyList(applicationId.c_str()));
 }
 
-// Whether this application's next backup of the volume must read all of it; true in doubt.
+// Whether this application's next backup of the volume must read all of it; true in doubt, but for one: false when the
+// volume's mutex cannot be opened and nothing else speaks for it. Fetch fails then, too.
 [[nodiscard]] inline bool IsVerifyRequired(const std::wstring& applicationId, const std::wstring& volumeName)
 {
     return VTIsVerifyRequired(applicationId.c_str(), volumeName.c_str()) != 0;

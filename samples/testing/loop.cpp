@@ -6,8 +6,9 @@
 // device path. Exit code 0: COPY is the volume as the snapshot has it; 1: run it again.
 //
 // The same file is built three times more, each time with a mistake that a real program once might have: PLANT_* says which.
-// To try it shorter than samples/backup_loop_cpp.cpp, everything is read again whenever COPY has another length; the lock
-// and the second question for lost tracking are left out.
+// To try it shorter than samples/backup_loop_cpp.cpp, everything is read again whenever COPY has another length; left out are
+// the state beside the copy (so COPY must be nobody else's, and a copy of everything must not be stopped half-way), the lock,
+// the second question for lost tracking, and what the snapshot itself changed (so nobody may write into it).
 #include <vtfltmgr/VTFltMgr.hpp>
 
 #include <cstdio>
@@ -80,10 +81,19 @@ void CopyBlocks(HANDLE from, HANDLE to, std::uint64_t length, DWORD blockSize, v
     }
 }
 
+// An application that is not on the list any more has lost what was owed to it, and registering it marks nothing.
+void Register(const std::wstring& application)
+{
+    if (vtfltmgr::CanApplicationUseDriver(application))
+        return;
+    Check("VTAddVolumesToAppVerifyList", vtfltmgr::AddVolumesToVerifyList(application).IsSuccess());
+    Check("VTRegisterApplication", vtfltmgr::RegisterApplication(application).IsSuccess());
+}
+
 void BackUp(const std::wstring& guid, const std::wstring& application, const std::wstring& copyPath)
 {
     const std::wstring name = L"\\\\?\\Volume" + guid + L"\\";
-    Check("VTRegisterApplication", vtfltmgr::RegisterApplication(application).IsSuccess());
+    Register(application);
     Check("VTReplicateVerifyList", vtfltmgr::ReplicateVerifyList(application).IsSuccess());
     bool everything = vtfltmgr::IsVerifyRequired(application, name);
 

@@ -251,8 +251,9 @@ VTFLTSIM_API DWORD WINAPI VTFltSimDetachModule(HMODULE module);
    on every one that is loaded; what they look up with GetProcAddress is redirected, too. For the rest of the process's
    life. Of the shape of a thread's function, for a program that loads this DLL into another one. */
 VTFLTSIM_API DWORD WINAPI VTFltSimAttachThisProcess(void* directory);
-/* Starts an unmodified program, whose process does that before its first instruction; what it starts itself runs outside
-   of the machine. The program has this one's standard handles. Close both handles of process. suspended: its main thread
+/* Starts an unmodified program, whose process does that before the program's own code begins. DLLs that the program is
+   linked with have been loaded by then: what their DllMain does, it does on the real system. What the program starts
+   itself runs outside of the machine. The program has this one's standard handles. Close both handles of process. suspended: its main thread
    waits for ResumeThread. 2 or 1392 when the directory holds no machine that can be opened; then, and after any other
    error, nothing runs. */
 VTFLTSIM_API DWORD WINAPI VTFltSimStartProgram(LPCWSTR directory, LPCWSTR commandLine, DWORD suspended,

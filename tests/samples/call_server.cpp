@@ -4,6 +4,7 @@
 // A request: the name's length and the name; the number of arguments; for each a kind, 0: a value of 8 bytes, 1: a buffer, its
 // length and its bytes. Lengths and numbers have 4 bytes. An answer: the result, 8 bytes; then all buffers as they are now.
 // It ends with its input.
+#include <io.h>
 #include <windows.h>
 
 #include <cstdint>
@@ -50,7 +51,7 @@ bool ReadBytes(std::vector<char>& bytes)
 
 FARPROC Find(const char* name)
 {
-    for (const wchar_t* module : {L"VTFltMgr.dll", L"kernel32.dll"}) {
+    for (const wchar_t* module : {L"VTFltMgr.dll", L"kernel32.dll", L"advapi32.dll"}) {
         if (const FARPROC function = GetProcAddress(GetModuleHandleW(module), name))
             return function;
     }
@@ -100,7 +101,11 @@ bool Serve()
 int main()
 {
     g_input = GetStdHandle(STD_INPUT_HANDLE);
-    g_output = GetStdHandle(STD_OUTPUT_HANDLE);
+    // The library prints a line of its own to the standard output, which must not come between the answers.
+    if (!DuplicateHandle(GetCurrentProcess(), GetStdHandle(STD_OUTPUT_HANDLE), GetCurrentProcess(), &g_output, 0, FALSE,
+                         DUPLICATE_SAME_ACCESS) ||
+        _dup2(_fileno(stderr), _fileno(stdout)) != 0)
+        return 2;
     if (LoadLibraryW(L"VTFltMgr.dll") == nullptr)
         return 2;
     while (Serve()) {

@@ -1,6 +1,7 @@
 """Runs the samples in Python and C#, whose interpreters for Windows cannot be had here.
 
     check_scripts.py SOURCE BUILD WORK EMULATOR COMPILER
+    check_scripts.py scribble BUILD EMULATOR MACHINE DEVICE OFFSET      (the trials' snapshot command: into the snapshot)
 
 The files themselves run, on this system. Each function that they call is a stand-in which has a Windows program
 (call_server.exe, under a simulated machine) make the real call of the real DLL. What is left out is how Windows' own Python
@@ -12,17 +13,62 @@ import os
 import pathlib
 import re
 import shutil
+import struct
 import subprocess
 import sys
 
+
+class Server:
+    """A Windows program of a machine that makes calls: attached to it, as every program under vtfltsim run is."""
+
+    def __init__(self, emulator_, build_, machine):
+        self.process = subprocess.Popen([emulator_, build_ / "vtfltsim.exe", "run", machine, str(build_ / "call_server.exe")],
+                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.stdin.close()
+        self.process.wait(60)
+
+    def call(self, name, *arguments):
+        """The result, and each buffer as it is then. A number, a string or bytes."""
+        request = struct.pack("<I", len(name)) + name.encode() + struct.pack("<I", len(arguments))
+        lengths = []
+        for argument in arguments:
+            if isinstance(argument, int):
+                request += b"\0" + struct.pack("<Q", argument)
+                continue
+            raw = argument if isinstance(argument, bytes) else argument.encode("utf-16-le") + b"\0\0"
+            request += b"\1" + struct.pack("<I", len(raw)) + raw
+            lengths.append(len(raw))
+        self.process.stdin.write(request)
+        self.process.stdin.flush()
+        result = struct.unpack("<Q", self.process.stdout.read(8))[0] & 0xFFFFFFFF
+        return result, [self.process.stdout.read(length) for length in lengths]
+
+
+def scribble(build_, emulator_, machine, device, offset):
+    with Server(emulator_, pathlib.Path(build_), machine) as server:
+        handle, _ = server.call("CreateFileW", device, 0xC0000000, 3, 0, 3, 0, 0)
+        moved, _ = server.call("SetFilePointerEx", handle, int(offset), 0, 0)
+        written, _ = server.call("WriteFile", handle, b"\xEE" * 512, 512, bytes(4), 0)
+        sys.exit(0 if moved and written else f"scribble: {handle} {moved} {written}")
+
+
+if sys.argv[1] == "scribble":
+    scribble(*sys.argv[2:])
 source, build, work = (pathlib.Path(argument).resolve() for argument in sys.argv[1:4])
 emulator, compiler = sys.argv[4:6]
 BLOCK = 4096
 LENGTH = 100 * BLOCK - 512
 GUID = "{6c1d34ab-3ef9-4a05-8f0c-7a2d5b1e9c40}"
+SECOND = "{6c1d34ab-3ef9-4a05-8f0c-7a2d5b1e9c41}"
 
 # Arguments that are buffers, with the argument that has their length; the other pointers are numbers, strings or null.
-BUFFERS = {"VTFltGetBitmap": {1: 2, 3: 4}, "ReadFile": {1: 2}, "DeviceIoControl": {4: 5}}
+BUFFERS = {"VTFltGetBitmap": {1: 2, 3: 4}, "VTFltSynSnapshotChangeBitmapToVolume": {1: 2}, "ReadFile": {1: 2},
+           "DeviceIoControl": {4: 5}}
 
 
 def fail(text):
@@ -164,36 +210,60 @@ class Trial:
         self.name, self.command = name, command
         self.folder = work / name
         self.folder.mkdir()
+        self.runs = 0
         self.copy = self.folder / "copy"
         self.log = self.folder / "calls"
         self.environment = {**os.environ, **environment, "CALLS_LOG": str(self.log)}
         self.machine = "Z:" + str(self.folder / "machine").replace("/", "\\")
-        for script, words in (("create", f"snapshot '{self.machine}' '{GUID}'"),
-                              ("delete", f"delete-snapshot '{self.machine}' \"$1\"")):
-            file = self.folder / script
-            file.write_text(f"#!/bin/sh\nexec '{emulator}' '{build}/vtfltsim.exe' {words}\n")
+        sim = f"'{emulator}' '{build}/vtfltsim.exe'"
+        # While there is a file "scribble", somebody writes into each new snapshot, where the file says; while there is one
+        # "refuse", none is deleted.
+        scripts = {"create": f"""line=$({sim} snapshot '{self.machine}' "$1" | tr -d '\\r') || exit
+                       [ ! -e scribble ] || '{sys.executable}' -B '{__file__}' scribble '{build}' '{emulator}' \\
+                           '{self.machine}' "${{line#* }}" "$(cat scribble)" || exit
+                       echo "$line" """,
+                   "delete": f"""[ ! -e refuse ] || exit 1
+                       exec {sim} delete-snapshot '{self.machine}' "$1" """}
+        for name_, text in scripts.items():
+            file = self.folder / name_
+            file.write_text(f"#!/bin/sh\ncd '{self.folder}' || exit\n{text}\n")
             file.chmod(0o755)
         self.sim("create", self.machine)
-        self.sim("add-volume", self.machine, LENGTH, "--block-size", BLOCK, "--guid", GUID)
+        for guid in (GUID, SECOND):
+            self.sim("add-volume", self.machine, LENGTH, "--block-size", BLOCK, "--guid", guid)
 
     def sim(self, command, *arguments):
         return run(emulator, build / "vtfltsim.exe", command, *arguments)
 
-    def write(self, block, value):
+    def write(self, block, value, guid=GUID):
         length = min(BLOCK, LENGTH - block * BLOCK)
-        self.sim("write", self.machine, GUID, "--offset", block * BLOCK, "--length", length, "--fill", value)
+        self.sim("write", self.machine, guid, "--offset", block * BLOCK, "--length", length, "--fill", value)
 
-    def back_up(self):
-        """Exit code, what was printed, and the calls that were made."""
+    def lose_the_registration(self):
+        """Somebody empties the list of applications, and another one comes back first: what was written is handed to it."""
+        with Server(emulator, build, self.machine) as server:
+            error, buffers = server.call("RegOpenKeyExW", 0xFFFFFFFF80000002, "SOFTWARE\\Veltrix\\Shared\\CBTDriver\\AppIDs",
+                                         0, 2, bytes(8))
+            self.expect("the key", error == 0, str(error))
+            key = struct.unpack("<Q", buffers[1])[0]
+            error, _ = server.call("RegDeleteValueW", key, "RegisteredAppIDs")
+            self.expect("the value", error == 0, str(error))
+            server.call("RegCloseKey", key)
+        self.expect_success(self.folder / "other", application="Other")
+
+    def back_up(self, copy=None, application="Sample", guid=GUID, plan=""):
+        """Exit code, what was printed, and the calls that were made. plan: the simulator's, for the calls."""
         self.log.write_text("")
+        self.runs += 1
         requests, answers = os.pipe(), os.pipe()
         with subprocess.Popen([emulator, build / "vtfltsim.exe", "run", self.machine, str(build / "call_server.exe")],
-                              stdin=requests[0], stdout=answers[1]) as server:
+                              stdin=requests[0], stdout=answers[1], env={**os.environ, "VTFLTSIM_CALLS": plan}) as server:
             os.close(requests[0])
             os.close(answers[1])
             environment = {**self.environment, "REQUESTS": str(requests[1]), "ANSWERS": str(answers[0])}
-            done = subprocess.run([*self.command, GUID, "Sample", self.copy, self.folder / "create", self.folder / "delete"],
-                                  env=environment, pass_fds=(requests[1], answers[0]), text=True, check=False,
+            command = [*self.command, guid, application, copy or self.copy, f"{self.folder}/create {guid}",
+                       self.folder / "delete"]
+            done = subprocess.run(command, env=environment, pass_fds=(requests[1], answers[0]), text=True, check=False,
                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=120)
             os.close(requests[1])
             os.close(answers[0])
@@ -203,6 +273,16 @@ class Trial:
     def expect(self, what, condition, detail=""):
         if not condition:
             fail(f"{self.name}: {what} {detail}")
+
+    def equals(self, copy=None, guid=GUID):
+        contents = next(self.folder.glob(f"machine/volumes/{guid}/contents.img")).read_bytes()[:LENGTH]
+        return (copy or self.copy).read_bytes() == contents.ljust(LENGTH, b"\0")
+
+    def expect_success(self, copy=None, application="Sample", guid=GUID):
+        code, text, _ = self.back_up(copy, application, guid)
+        self.expect("exit code 0", code == 0, f"but {code}: {text}")
+        self.expect("the copy equal to the volume", self.equals(copy, guid))
+        return text
 
     def expect_backup(self, printed, blocks):
         code, text, calls = self.back_up()
@@ -216,8 +296,7 @@ class Trial:
                  "VTFltGetBitmap", "VTFltReplicationSuccess", "VTFltDeinitBitmapManager"]
         places = [calls.index(call) for call in order]
         self.expect("the calls in order", places == sorted(places), str(calls))
-        contents = next(self.folder.glob("machine/volumes/*/contents.img")).read_bytes()[:LENGTH].ljust(LENGTH, b"\0")
-        self.expect("the copy equal to the volume", self.copy.read_bytes() == contents)
+        self.expect("the copy equal to the volume", self.equals())
         self.expect("no snapshot left", "snapshot " not in self.sim("show", self.machine).replace("snapshot announced", ""))
         return calls
 
@@ -232,12 +311,60 @@ class Trial:
         self.write(7, 4)
         self.expect_backup("100 of 100 blocks read (everything)", 100)
         self.expect_backup("0 of 100 blocks read", 0) # the first question saw it, so this one need not read everything
+        self.check_registration_and_owner()
+        self.check_snapshot()
         self.sim("driver", self.machine, "absent")
         self.sim("service", self.machine, "absent")
         code, text, calls = self.back_up()
         self.expect("exit code 1 without the driver", code == 1 and "driver" in text, f"but {code}: {text}")
         self.expect("nothing reported", "VTFltReplicationSuccess" not in calls)
         self.sim("destroy", self.machine)
+        return self.runs
+
+
+    def check_registration_and_owner(self):
+        other = self.folder / "other"
+        self.write(3, 5)
+        self.lose_the_registration()
+        calls = self.expect_backup("100 of 100 blocks read (everything)", 100)
+        self.expect("marks before the registration",
+                    calls.index("VTAddVolumesToAppVerifyList") < calls.index("VTRegisterApplication"), str(calls))
+        self.expect("no second registration", "VTRegisterApplication" not in self.expect_backup("0 of 100 blocks read", 0))
+        # The copy of another application, to which nothing is owed.
+        self.write(3, 6)
+        self.expect_success(other, "Other")
+        self.expect_success(self.copy, "Other")
+        self.expect_success()
+        # The copy of another volume: read whole; and stopped in the middle, it is nobody's.
+        self.write(9, 7, SECOND)
+        second = self.folder / "second"
+        self.expect_success(second, guid=SECOND)
+        self.expect_success(self.copy, guid=SECOND)
+        self.expect_success()
+        self.sim("lose-tracking", self.machine, SECOND)
+        code, text, _ = self.back_up(guid=SECOND, plan="fail|ReadFile|HarddiskVolumeShadowCopy|50|1|23")
+        self.expect("exit code 1", code == 1, f"but {code}: {text}")
+        self.expect_success()
+
+    def check_snapshot(self):
+        self.write(50, 8)
+        (self.folder / "scribble").write_text(str(50 * BLOCK))
+        code, text, _ = self.back_up()
+        self.expect("exit code 0", code == 0, f"but {code}: {text}")
+        self.expect("the snapshot's own block in the copy", not self.equals())
+        (self.folder / "scribble").unlink()
+        self.expect_backup("1 of 100 blocks read", 1)
+        # What was reported stays so when the snapshot cannot be deleted.
+        (self.folder / "refuse").touch()
+        text = self.expect_success()
+        self.expect("a word about the snapshot", "changes nothing of the backup" in text, text)
+        (self.folder / "refuse").unlink()
+        self.sim("reboot", self.machine) # and the snapshot is gone
+        self.sim("fail", self.machine, "get-bitmap", 234, "--count", 0)
+        code, text, _ = self.back_up()
+        self.expect("an end of the questions", code == 1 and "234" in text, f"but {code}: {text}")
+        self.sim("clear-faults", self.machine)
+        self.expect_success()
 
 
 def main():
@@ -259,15 +386,15 @@ def main():
                       "sys.dont_write_bytecode = True\n"
                       "sys.argv = sys.argv[1:]\n"
                       "runpy.run_path(sys.argv[0], run_name='__main__')\n")
-    Trial("python", [sys.executable, runner, source / "samples/backup_loop.py"], {}).check()
+    runs = Trial("python", [sys.executable, runner, source / "samples/backup_loop.py"], {}).check()
 
     program = work / "BackupLoop.exe"
     run("mcs", "-warnaserror", "-warn:4", f"-out:{program}", source / "samples/BackupLoop.cs")
     (work / "BackupLoop.exe.config").write_text(
         "<configuration>\n" + "".join(f'<dllmap dll="{name}" target="{work / "csharp.so"}"/>\n'
                                       for name in ("VTFltMgr.dll", "kernel32.dll")) + "</configuration>\n")
-    Trial("csharp", ["mono", program], {}).check()
-    print(f"check_scripts: {len(table)} prototypes in two languages, 10 runs")
+    runs += Trial("csharp", ["mono", program], {}).check()
+    print(f"check_scripts: {len(table)} prototypes in two languages, {runs} runs")
 
 
 STAND_IN = STAND_IN.replace("REQUESTS", 'atoi(getenv("REQUESTS"))').replace("ANSWERS", 'atoi(getenv("ANSWERS"))')

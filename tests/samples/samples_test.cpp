@@ -15,19 +15,45 @@ using Bytes = std::vector<std::uint8_t>;
 constexpr DWORD BLOCK = 4096;
 constexpr std::uint64_t BLOCKS = 300;
 constexpr std::uint64_t LENGTH = BLOCKS * BLOCK - 1536; // the last block is a part of one
+constexpr DWORD GET_BITMAP = 0xB0000002;
+constexpr wchar_t SNAPSHOT[] = L"HarddiskVolumeShadowCopy";
 
 class Samples : public testing::TestWithParam<const wchar_t*> {
 protected:
     Samples() : m_volume(m_machine.AddVolume(LENGTH, BLOCK)), m_copy(m_machine.directory() + L".copy") {}
     ~Samples() override
     {
-        DeleteFileW(m_copy.c_str());
-        DeleteFileW((m_copy + L".state").c_str());
+        for (const std::wstring& copy : {m_copy, OtherCopy()}) {
+            DeleteFileW(copy.c_str());
+            DeleteFileW((copy + L".state").c_str());
+        }
     }
 
-    DWORD BackUp() const
+    DWORD BackUp(const std::wstring& calls = {}) const { return Start(m_volume, L"Sample", m_copy, calls).Join(); }
+    ChildProcess Start(const vtfltsim::Volume& volume, const std::wstring& application, const std::wstring& copy,
+                       const std::wstring& calls = {}) const
     {
-        return ChildProcess(GetParam(), {m_machine.directory(), m_volume.guid, L"Sample", m_copy}).Join();
+        return ChildProcess(GetParam(), {m_machine.directory(), volume.guid, application, copy}, calls);
+    }
+    std::wstring OtherCopy() const { return m_copy + L"2"; }
+    // Somebody empties the list of applications, and another one comes back first: what was written is handed to it alone.
+    void LoseTheRegistration()
+    {
+        HKEY key = nullptr;
+        vtfltsim::Check("opening the key",
+                        VTFltSimOpenKey(m_machine.handle(), L"SOFTWARE\\Veltrix\\Shared\\CBTDriver\\AppIDs",
+                                        KEY_READ | KEY_WRITE, &key));
+        const LSTATUS deleted = RegDeleteValueW(key, L"RegisteredAppIDs");
+        RegCloseKey(key);
+        ASSERT_EQ(ERROR_SUCCESS, deleted);
+        ASSERT_EQ(0u, Start(m_volume, L"Other", OtherCopy()).Join());
+    }
+    VTFLTSIM_SNAPSHOT_INFO OnlySnapshot() const
+    {
+        VTFLTSIM_SNAPSHOT_INFO info = {};
+        info.size = sizeof(info);
+        vtfltsim::Check("VTFltSimEnumSnapshot", VTFltSimEnumSnapshot(m_machine.handle(), 0, &info));
+        return info;
     }
     void Write(std::uint64_t block, std::uint8_t value) { m_machine.Write(m_volume, block * BLOCK, Bytes(512, value)); }
 
@@ -53,9 +79,10 @@ protected:
         EXPECT_TRUE(SetFilePointerEx(file.get(), at, nullptr, FILE_BEGIN) &&
                     WriteFile(file.get(), "spoilt", 6, &written, nullptr));
     }
-    bool EqualsVolume() const
+    bool EqualsVolume() const { return Equals(m_volume); }
+    bool Equals(const vtfltsim::Volume& volume) const
     {
-        return Copy() == m_machine.Read(m_volume, 0, static_cast<DWORD>(m_machine.Info(m_volume).length));
+        return Copy() == m_machine.Read(volume, 0, static_cast<DWORD>(m_machine.Info(volume).length));
     }
 
     // A backup that reads everything mends what was spoilt.
@@ -134,6 +161,141 @@ TEST_P(Samples, ABackupThatFailedForgetsNothing)
     ASSERT_TRUE(held.valid());
     EXPECT_EQ(1u, BackUp());
     held.reset();
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_TRUE(EqualsVolume());
+}
+
+TEST_P(Samples, ARegistrationThatWasLostReadsEverything)
+{
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_EQ(0u, BackUp());
+    Write(3, 7);
+    LoseTheRegistration();
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_TRUE(EqualsVolume());
+}
+
+TEST_P(Samples, ARegistrationThatWasLostReadsEverythingAlsoBehindADeath)
+{
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_EQ(0u, BackUp());
+    Write(3, 7);
+    LoseTheRegistration();
+    EXPECT_EQ(VTFLTSIM_KILLED, BackUp(DieBefore(L"CreateFileW", SNAPSHOT)));
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_TRUE(EqualsVolume());
+}
+
+TEST_P(Samples, ARegistrationThatWasLostMarksTheOtherVolumesToo)
+{
+    const vtfltsim::Volume second = m_machine.AddVolume(LENGTH, BLOCK);
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_EQ(0u, BackUp());
+    Write(3, 7);
+    LoseTheRegistration();
+    DeleteFileW(OtherCopy().c_str());
+    DeleteFileW((OtherCopy() + L".state").c_str());
+    EXPECT_EQ(0u, Start(second, L"Sample", OtherCopy()).Join()); // it is this one that registers again
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_TRUE(EqualsVolume());
+}
+
+TEST_P(Samples, TheCopyOfAnotherVolumeIsReadWhole)
+{
+    const vtfltsim::Volume second = m_machine.AddVolume(LENGTH, BLOCK);
+    m_machine.Write(second, 9 * BLOCK, Bytes(512, 9));
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_EQ(0u, Start(second, L"Sample", OtherCopy()).Join());
+    EXPECT_EQ(0u, Start(second, L"Sample", m_copy).Join());
+    EXPECT_TRUE(Equals(second));
+}
+
+TEST_P(Samples, TheCopyOfAnotherApplicationIsReadWhole)
+{
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_EQ(0u, Start(m_volume, L"Other", OtherCopy()).Join());
+    Write(3, 7);
+    EXPECT_EQ(0u, Start(m_volume, L"Other", OtherCopy()).Join());
+    EXPECT_EQ(0u, Start(m_volume, L"Other", m_copy).Join()); // nothing is owed to it any more
+    EXPECT_TRUE(EqualsVolume());
+}
+
+TEST_P(Samples, ACopyOfEverythingThatWasStoppedBelongsToNobody)
+{
+    const vtfltsim::Volume second = m_machine.AddVolume(LENGTH, BLOCK);
+    m_machine.Write(second, 9 * BLOCK, Bytes(512, 9));
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_EQ(0u, Start(second, L"Sample", OtherCopy()).Join());
+    ASSERT_EQ(0u, VTFltSimLoseTracking(m_machine.handle(), second.guid.c_str()));
+    EXPECT_EQ(VTFLTSIM_KILLED, Start(second, L"Sample", m_copy, DieBefore(L"WriteFile", L".copy", 100)).Join());
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_TRUE(EqualsVolume());
+}
+
+TEST_P(Samples, WhatTheSnapshotItselfChangedComesAgain)
+{
+    EXPECT_EQ(0u, BackUp());
+    Write(50, 1);
+    const Pause pause(L"VTFltSim.SampleTest");
+    ChildProcess sample = Start(m_volume, L"Sample", m_copy, pause.Before(L"CreateFileW", L".copy"));
+    ASSERT_TRUE(pause.AwaitReached(sample));
+    const Bytes scribble(512, 0xEE);
+    ASSERT_EQ(0u, VTFltSimWriteSnapshot(m_machine.handle(), OnlySnapshot().number, 50 * BLOCK, scribble.data(), 512));
+    pause.Go();
+    EXPECT_EQ(0u, sample.Join());
+    EXPECT_FALSE(EqualsVolume());
+    Spoil(200);
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_FALSE(EqualsVolume()); // it read no more than that block
+    Write(200, 0);
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_TRUE(EqualsVolume());
+}
+
+TEST_P(Samples, WhatTheSnapshotItselfChangedAndCannotBeAskedIsNoSuccess)
+{
+    EXPECT_EQ(0u, BackUp());
+    Write(50, 1);
+    const Pause pause(L"VTFltSim.SampleTest");
+    ChildProcess sample = Start(m_volume, L"Sample", m_copy, pause.Before(L"CreateFileW", L".copy"));
+    ASSERT_TRUE(pause.AwaitReached(sample));
+    m_machine.FailRequest(GET_BITMAP, ERROR_CRC, OnlySnapshot().devicePath);
+    pause.Go();
+    EXPECT_EQ(1u, sample.Join());
+    ExpectEverythingRead();
+}
+
+TEST_P(Samples, SnapshotsThatAreNotTrackedAreNoHindrance)
+{
+    m_machine.SetFilters({}, L"System\\CurrentControlSet\\Control\\Class\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}");
+    EXPECT_EQ(0u, BackUp());
+    Write(3, 7);
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_TRUE(EqualsVolume());
+}
+
+TEST_P(Samples, AnotherLengthBehindTheSnapshotReadsEverythingTwice)
+{
+    EXPECT_EQ(0u, BackUp());
+    Spoil(200);
+    const Pause pause(L"VTFltSim.SampleTest");
+    ChildProcess sample = Start(m_volume, L"Sample", m_copy, pause.Before(L"CreateFileW", SNAPSHOT));
+    ASSERT_TRUE(pause.AwaitReached(sample));
+    ASSERT_EQ(0u, VTFltSimResizeVolume(m_machine.handle(), m_volume.guid.c_str(), LENGTH + 3 * BLOCK));
+    pause.Go();
+    EXPECT_EQ(0u, sample.Join());
+    EXPECT_TRUE(Copy() == m_machine.Read(m_volume, 0, static_cast<DWORD>(LENGTH)));
+    ExpectEverythingRead();
+}
+
+TEST_P(Samples, ABitmapWhoseLengthIsNeverRightEndsInAnError)
+{
+    EXPECT_EQ(0u, BackUp());
+    Write(3, 7);
+    m_machine.FailRequest(GET_BITMAP, ERROR_MORE_DATA, m_volume.Path().c_str(), 1, 0);
+    EXPECT_EQ(1u, BackUp());
+    ASSERT_EQ(0u, VTFltSimClearFaults(m_machine.handle()));
     EXPECT_EQ(0u, BackUp());
     EXPECT_TRUE(EqualsVolume());
 }

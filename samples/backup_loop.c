@@ -218,18 +218,20 @@ static int BackUpFrom(HANDLE snapshot, HANDLE volume, const wchar_t* const* argv
     unfinished.everything = 1;
     last.everything = 1;
     everything |= now.everything || !ReadState(statePath, &last) || memcmp(&last, &now, sizeof(now)) != 0;
-    file = OpenPath(argv[4], GENERIC_READ | GENERIC_WRITE, OPEN_ALWAYS);
-    everything |= !GetFileSizeEx(file, &copySize) || copySize.QuadPart != (LONGLONG)now.length;
+    if (error == 0) {
+        what = L"opening the copy";
+        file = OpenPath(argv[4], GENERIC_READ | GENERIC_WRITE, OPEN_ALWAYS);
+        error = file == INVALID_HANDLE_VALUE ? GetLastError() : 0;
+        everything |= !GetFileSizeEx(file, &copySize) || copySize.QuadPart != (LONGLONG)now.length;
+    }
 
     /* Until a copy of everything is whole, FILE is nobody's, and no later run may take it for one. */
     if (error == 0) {
         what = L"copying";
-        if (file == INVALID_HANDLE_VALUE || (everything && !WriteState(statePath, &unfinished)) ||
-            !Copy(snapshot, file, &now, bitmap, everything))
+        if ((everything && !WriteState(statePath, &unfinished)) || !Copy(snapshot, file, &now, bitmap, everything) ||
+            /* Should one of the next steps fail, the mark of a run that read everything may be gone already. */
+            !WriteState(statePath, &unfinished))
             error = GetLastError() != 0 ? GetLastError() : ERROR_WRITE_FAULT;
-        /* Should one of the next steps fail, the mark of a run that read everything may be gone already. */
-        if (error == 0 && !WriteState(statePath, &unfinished))
-            error = GetLastError();
     }
     if (error == 0) {
         what = L"handing back what the snapshot changed";

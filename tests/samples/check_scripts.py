@@ -64,6 +64,7 @@ emulator, compiler = sys.argv[4:6]
 BLOCK = 4096
 LENGTH = 100 * BLOCK - 512
 GUID = "{6c1d34ab-3ef9-4a05-8f0c-7a2d5b1e9c40}"
+SNAPSHOT_CLASS = "System\\CurrentControlSet\\Control\\Class\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}"
 SECOND = "{6c1d34ab-3ef9-4a05-8f0c-7a2d5b1e9c41}"
 
 # Arguments that are buffers, with the argument that has their length; the other pointers are numbers, strings or null.
@@ -221,7 +222,7 @@ class Trial:
         scripts = {"create": f"""line=$({sim} snapshot '{self.machine}' "$1" | tr -d '\\r') || exit
                        [ ! -e scribble ] || '{sys.executable}' -B '{__file__}' scribble '{build}' '{emulator}' \\
                            '{self.machine}' "${{line#* }}" "$(cat scribble)" || exit
-                       echo "$line" """,
+                       printf '%s\\n' "$line" """,
                    "delete": f"""[ ! -e refuse ] || exit 1
                        exec {sim} delete-snapshot '{self.machine}' "$1" """}
         for name_, text in scripts.items():
@@ -347,6 +348,7 @@ class Trial:
         self.expect_success()
 
     def check_snapshot(self):
+        self.sim("filters", self.machine, "VTFlt", "--class", SNAPSHOT_CLASS)
         self.write(50, 8)
         (self.folder / "scribble").write_text(str(50 * BLOCK))
         code, text, _ = self.back_up()

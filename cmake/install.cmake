@@ -3,7 +3,8 @@
 #   bin/                the DLLs and the tools
 #   include/            the headers
 #   lib/                import libraries for mingw-w64 and for MSVC, pkg-config files, the CMake package
-#   share/vtfltmgr/     documentation, samples
+#   docs/, samples/     where they stand in the sources, so that the pages' links hold
+#   share/vtfltmgr/     schemas, a format file for a log viewer
 
 include(CMakePackageConfigHelpers)
 
@@ -42,6 +43,9 @@ if(VT_LLVM_DLLTOOL)
 endif()
 
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/" "${PROJECT_SOURCE_DIR}/sim/include/" DESTINATION include)
-install(FILES LICENSE README.md CHANGELOG.md DESTINATION .)
-install(DIRECTORY docs samples DESTINATION share/vtfltmgr)
+install(FILES LICENSE README.md CHANGELOG.md CONTRIBUTING.md SECURITY.md DESTINATION .)
+install(DIRECTORY docs DESTINATION .)
+# Their CMakeLists.txt builds them with the library.
+install(DIRECTORY samples DESTINATION . PATTERN CMakeLists.txt EXCLUDE)
+install(DIRECTORY tools/vtfltctl/schema DESTINATION share/vtfltmgr)
 install(FILES tools/vtlog/lnav/vtfltmgr_log.json DESTINATION share/vtfltmgr/lnav)

@@ -9,7 +9,7 @@ namespace vtfltsim {
 // machine in a directory.
 DWORD AttachProcess(const wchar_t* directory);
 
-// Starts a program whose process does that before its first instruction. Its main thread waits when suspended is true.
+// Starts a program whose process does that before its own code begins. Its main thread waits when suspended is true.
 DWORD RunProgram(const std::wstring& directory, std::wstring commandLine, bool suspended, PROCESS_INFORMATION& process);
 
 } // namespace vtfltsim

@@ -31,9 +31,16 @@ package=$work/$name
 for file in bin/VTFltMgr.dll bin/VTFltSim.dll bin/vtbackup.exe bin/vtfltctl.exe bin/vtlog.exe bin/vtfltsim.exe \
     lib/libVTFltMgr.dll.a lib/libVTFltSim.dll.a lib/VTFltMgr.lib lib/VTFltSim.lib lib/pkgconfig/vtfltmgr.pc \
     include/vtfltmgr/VTFltMgr.h include/vtfltmgr/VTFltMgr.hpp include/vtfltmgr/version.h include/vtfltsim/VTFltSim.h \
-    share/vtfltmgr/docs/library.md share/vtfltmgr/samples/backup_loop.c LICENSE README.md CHANGELOG.md; do
+    docs/library.md samples/backup_loop.c samples/testing/loop.cpp share/vtfltmgr/schema/status.json \
+    share/vtfltmgr/lnav/vtfltmgr_log.json LICENSE README.md CHANGELOG.md CONTRIBUTING.md SECURITY.md; do
     [ -s "$package/$file" ] || fail "$file is missing"
 done
+grep -q '](../include/vtfltsim/VTFltSim.h)' "$package/docs/simulator-api.md" || fail "a link was not bent"
+mkdir "$work/broken"
+cp -r "$work/tree-one" "$work/broken/tree"
+rm "$work/broken/tree/SECURITY.md"
+python3 -B "$source/tools/package/make_package.py" "$work/broken/tree" "$objcopy" "$work/broken/$name.zip" 2>/dev/null &&
+    fail "a package with a broken link was made"
 ! grep -rlaF "$source" "$package" || fail "the package names the folder that it was built in"
 
 run() {

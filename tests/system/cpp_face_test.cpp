@@ -86,6 +86,16 @@ TEST(CppFaceMap, AnEmptyMapHasNoBlocks)
     }
 }
 
+TEST(CppFaceMap, AnotherLengthKeepsWhatFits)
+{
+    ChangeMap map = MapOf(16 + 2, {0, 15});
+    EXPECT_TRUE(map.Resize(16 + 4));
+    EXPECT_EQ((Pairs{{0, 1}, {15, 1}}), ExtentsOf(map, 32));
+    EXPECT_TRUE(map.Resize(16 + 2));
+    EXPECT_FALSE(map.Resize(16 + 1)); // the last one does not fit
+    EXPECT_EQ((Pairs{{0, 1}}), ExtentsOf(map, 32));
+}
+
 TEST(CppFaceMap, TwoRangesGoEachItsOwnWay)
 {
     const ChangeMap map = MapOf(16 + 8, {1, 5});
@@ -189,6 +199,24 @@ TEST_F(CppFace, TheManagerIsClosedWithItsOwnerAndMovesWithIt)
     EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_PARAMETER), vtfltmgr::FetchBitmap(handle.get(), changes, false).Code());
 }
 
+TEST_F(CppFace, ASecondOwnerOfAHandleWorksForTheFirstOnesApplication)
+{
+    Register(L"other");
+    machine.TouchBlock(volume, 3);
+    const vtflt::UniqueHandle handle = OpenVolume(volume);
+    BitmapManager first = OpenManager(handle.get());
+    BitmapManager second;
+    EXPECT_TRUE(second.Open(handle.get(), volume.Root(), L"other").IsSuccess());
+    ChangeMap changes;
+    EXPECT_TRUE(second.Fetch(changes).IsSuccess());
+    EXPECT_TRUE(second.ReportSuccess().IsSuccess());
+    first.Close();
+    EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_PARAMETER), second.Fetch(changes).Code());
+    EXPECT_TRUE(second.Open(handle.get(), volume.Root(), L"other").IsSuccess());
+    EXPECT_TRUE(second.Fetch(changes).IsSuccess());
+    EXPECT_TRUE(changes.IsChanged(3)); // what was reported was not the other one's
+}
+
 TEST_F(CppFace, AManagerThatCannotBeOpenedIsNotOpen)
 {
     const vtflt::UniqueHandle handle = OpenVolume(volume);
@@ -200,7 +228,12 @@ TEST_F(CppFace, AManagerThatCannotBeOpenedIsNotOpen)
 
 TEST_F(CppFace, ApplicationsRegisterAndUnregister)
 {
+    EXPECT_FALSE(vtfltmgr::CanApplicationUseDriver(L"other"));
+    EXPECT_TRUE(vtfltmgr::AddVolumesToVerifyList(L"other").IsSuccess());
     EXPECT_TRUE(vtfltmgr::RegisterApplication(L"other").IsSuccess());
+    EXPECT_TRUE(vtfltmgr::CanApplicationUseDriver(L"other"));
+    EXPECT_TRUE(vtfltmgr::IsVerifyRequired(L"other", volume.Root()));
+    EXPECT_FALSE(vtfltmgr::IsVerifyRequired(APP, volume.Root()));
     EXPECT_EQ((std::vector<std::wstring>{APP, L"other"}), RegisteredIds());
     EXPECT_TRUE(vtfltmgr::UnregisterApplication(L"other").IsSuccess());
     EXPECT_EQ((Result{VTFLT_APP_NOT_REGISTERED}), vtfltmgr::UnregisterApplication(L"other"));

@@ -35,6 +35,7 @@ TEST_F(VtBackupUsage, AWrongCommandLineIsExitCode2WithTheReasonOnStandardError)
         {L"backup"},
         {L"backup", L"--app", L"App", L"--repo", repository},
         {L"list", L"--repo", repository, L"--unknown"},
+        {L"list", L"--repo", repository, L"--simulate", L""},
         {L"restore", L"--app", L"App", L"--repo", repository, L"--volume", volume.guid, L"--to", L"x", L"--backup",
          L"-1"},
         {L"init", L"--app", L"App", L"--repo", repository, L"--reset", L"--undo"},

@@ -83,6 +83,46 @@ TEST_F(VtFltCtlUsage, AWrongCommandLineIsToldAsJsonToo)
     EXPECT_NE("", RunJson({L"apps", L"peel"}, EXIT_USAGE).value("message", ""));
 }
 
+TEST_F(VtFltCtlUsage, AnEmptyFolderIsNotThisMachine)
+{
+    const std::vector<std::vector<std::wstring>> commands = {
+        {L"status"},
+        {L"doctor"},
+        {L"apps", L"list"},
+        {L"verify", L"list"},
+        {L"monitor", L"count"},
+        {L"device", L"\\Device\\Nothing"},
+        {L"bitmap", L"info", L"C:\\nothing.dat"},
+        {L"man"},
+    };
+    for (std::vector<std::wstring> command : commands) {
+        command.insert(command.end(), {L"--simulate", L""});
+        const Result result = RunPlainly(command);
+        EXPECT_EQ(EXIT_USAGE, result.exitCode) << vtlog_test::Utf8(command[0]);
+        EXPECT_EQ("", result.out);
+        EXPECT_NE(std::string::npos, result.err.find("--simulate: may not be empty")) << result.err;
+    }
+}
+
+TEST_F(VtFltCtlUsage, AnEmptyValueDoesNotWidenWhatACommandDoes)
+{
+    Register(L"Nightly");
+    ASSERT_EQ(EXIT_OK, Run({L"monitor", L"on"}).exitCode);
+    const std::vector<std::vector<std::wstring>> lines = {
+        {L"apps", L"clean", L"Nightly", L"--volume", L"", L"--yes"},
+        {L"monitor", L"off", L"", L"--yes"},
+        {L"monitor", L"on", L""},
+        {L"monitor", L"count", L""},
+        {L"stop", L"", L"--all", L"--yes"},
+        {L"verify", L"list", L""},
+        {L"verify", L"add", L"Nightly", L"", L"--all"},
+        {L"bitmap", L"info", L"--volume", L"E:", L"--app", L"Nightly", L"--which", L""},
+        {L"bitmap", L"map", L"--volume", L"E:", L"--app", L"Nightly", L"--png", L"", L"--yes"},
+    };
+    for (const std::vector<std::wstring>& line : lines)
+        EXPECT_NE("", ExpectRefusal(line, EXIT_USAGE)) << vtlog_test::Utf8(line[0] + L" " + line[1]);
+}
+
 TEST_F(VtFltCtlUsage, AFolderWithoutAMachineIsNotFound)
 {
     const Result result = RunPlainly({L"status", L"--simulate", L"C:\\no\\such\\machine"});

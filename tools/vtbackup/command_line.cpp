@@ -38,13 +38,20 @@ std::string RequireAboveZero(const std::string& text)
     return read.ec == std::errc() && read.ptr == end && number > 0 ? "" : text + " is no whole number above 0";
 }
 
+// A variable of a script that is not set would otherwise mean the real machine.
+std::string RequireName(const std::string& text)
+{
+    return text.empty() ? "may not be empty" : "";
+}
+
 void AddCommon(CLI::App& command, Options& options, bool needsApplication)
 {
     auto* application = command.add_option("--app", options.application, "application ID, compared exactly");
     if (needsApplication)
         application->required();
     command.add_option("--repo", options.repository, "folder of the repository")->required();
-    command.add_option("--simulate", options.simulate, "work on the simulated machine in this folder");
+    command.add_option("--simulate", options.simulate, "work on the simulated machine in this folder")
+        ->check(RequireName);
     command.add_flag("--json", options.json, "print the result as one JSON object");
 }
 

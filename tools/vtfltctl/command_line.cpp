@@ -14,7 +14,7 @@ constexpr const char* FOOTER = R"(Exit codes:
    0 ok               the work is done; of a check: what was looked at is sound
    1 internal         something that should not happen
    2 usage            the command line is wrong
-   3 busy             another process works on the volume
+   3 busy             another process works on the volume, the lists or the applications
    4 refused          it would do harm, or needs --yes, or the library refuses it
    5 driver-down      the change-tracking driver does not work
    6 damaged          something is damaged or contradicts itself
@@ -25,6 +25,18 @@ constexpr const char* FOOTER = R"(Exit codes:
   13 unknown          that cannot be told
   14 not-monitored    device: the driver does not track it
   15 different        bitmap diff: the two differ)";
+
+// What a script passes for a variable that is not set. As if it were not there it would widen what a command does: to
+// the machine itself, to every volume.
+void RefuseEmptyValues(CLI::App& app)
+{
+    for (CLI::Option* option : app.get_options()) {
+        if (option->get_items_expected_max() != 0) // no flag
+            option->check([](const std::string& value) { return value.empty() ? "may not be empty" : ""; });
+    }
+    for (CLI::App* command : app.get_subcommands({}))
+        RefuseEmptyValues(*command);
+}
 
 } // namespace
 
@@ -81,6 +93,7 @@ void AddCommands(CLI::App& app, Context& context)
     AddDeviceCommand(app, context);
     AddBitmapCommands(app, context);
     AddGeneratedCommands(app, context);
+    RefuseEmptyValues(app);
 }
 
 std::optional<int> ParseCommandLine(std::vector<std::string> arguments, Context& context)

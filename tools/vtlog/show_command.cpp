@@ -193,7 +193,9 @@ void AddShow(CLI::App& app, Action& action)
     auto* why = command.add_option("--why", options->why.volume,
                                    "instead of records: why the next backup of this volume must verify; {GUID}, "
                                    "\\\\?\\Volume{GUID}\\ or a mount path such as E:");
+    // Empty, as a variable of a script that is not set, it would mean this machine.
     command.add_option("--simulate", options->why.simulate, "--why looks at the simulated machine in this folder")
+        ->check([](const std::string& folder) { return folder.empty() ? "may not be empty" : ""; })
         ->needs(why);
     command
         .add_flag("--other-machine", options->why.otherMachine,

@@ -169,5 +169,11 @@ TEST_F(VtFltCtlLock, AFileThatIsRewrittenBetweenTwoReadsIsNotMixed)
     EXPECT_EQ(EXIT_UNREADABLE, child.Join());
 }
 
+TEST_F(VtFltCtlLock, ANumberThatAnotherProcessHadNamesNoMachine)
+{
+    vttest::ChildProcess child(L"simulated_folder", {});
+    EXPECT_EQ(0u, child.Join());
+}
+
 } // namespace
 } // namespace vtfltctl_test

@@ -45,7 +45,10 @@ std::wstring SimulatedFolder(const std::wstring& option)
 {
     if (!option.empty())
         return FullPath(option);
-    // Its name has the process in it: children inherit the variable, and not the machine.
+    // Its name has the process in it: children inherit the variable, and not the machine. A later one can have the
+    // number of one that ended.
+    if (GetModuleHandleW(L"VTFltSim.dll") == nullptr)
+        return {};
     const std::wstring variable = ToWide(fmt::format("VTFLTSIM_DIRECTORY_{}", GetCurrentProcessId()));
     std::wstring folder(32768, L'\0');
     folder.resize(GetEnvironmentVariableW(variable.c_str(), folder.data(), static_cast<DWORD>(folder.size())));

@@ -51,6 +51,26 @@ protected:
         return found.is_null() ? json::object() : found;
     }
 
+    // The same where a call to the system fails by a plan of the simulator: the only finding, and unknown.
+    json FindUnknown(const std::string& check, const std::wstring& calls) const
+    {
+        const auto run = [&](const wchar_t* command) {
+            return vtlog_test::Process({command, L"--json", L"--simulate", machine.directory()},
+                                       {VTFLTSIM_CALLS_VARIABLE L"=" + calls}, L"vtfltctl.exe")
+                .Finish();
+        };
+        const Result doctor = run(L"doctor");
+        EXPECT_EQ(EXIT_UNKNOWN, doctor.exitCode) << doctor.out << doctor.err;
+        const json findings = json::parse(doctor.out, nullptr, false).value("findings", json::array());
+        EXPECT_EQ(1u, findings.size()) << doctor.out;
+        const json finding = findings.empty() ? json::object() : findings[0];
+        EXPECT_EQ(check, finding.value("check", ""));
+        EXPECT_EQ("unknown", finding.value("severity", ""));
+        const Result status = run(L"status");
+        EXPECT_EQ(EXIT_UNKNOWN, status.exitCode) << status.out << status.err;
+        EXPECT_FALSE(json::parse(status.out, nullptr, false).value("healthy", true)) << status.out;
+        return finding;
+    }
     void ExpectHealthy() const
     {
         const Result result = Run({L"doctor"});
@@ -354,6 +374,15 @@ TEST_F(VtFltCtlDoctor, AListThatCannotBeReadIsRebuilt)
     Find("verify-listed", EXIT_VERIFY_REQUIRED);
 }
 
+TEST_F(VtFltCtlDoctor, ADamagedListThatNobodyCanTakeOverIsNotRebuilt)
+{
+    EXPECT_EQ(EXIT_OK, Run({L"apps", L"unregister", L"Nightly", L"--yes"}).exitCode);
+    StoreList(DRIVER_LIST, {volume.guid}, LISTS_KEY, REG_SZ);
+    const json finding = Find("list-damaged", EXIT_DAMAGED, {"list-orphaned"});
+    EXPECT_FALSE(finding.contains("mend"));
+    EXPECT_NE(std::string::npos, finding["consequence"].get<std::string>().find("leave it until one is"));
+}
+
 TEST_F(VtFltCtlDoctor, WhatCannotBeReadForTheMomentIsNoDamage)
 {
     StoreList(VERIFY, {volume.guid});
@@ -422,6 +451,21 @@ TEST_F(VtFltCtlDoctor, AVolumeWalkThatBreaksOffIsUnknown)
 {
     VTFltSimSetEnumerationFault(machine.handle(), 2, ERROR_NOT_READY);
     Find("volumes-unknown", EXIT_UNKNOWN);
+}
+
+TEST_F(VtFltCtlDoctor, AVolumeThatCannotBeOpenedIsUnknown)
+{
+    const json finding = FindUnknown("volume-unreadable", L"fail|CreateFileW|Volume" + volume.guid + L"|1|1|5");
+    EXPECT_EQ(Utf8(volume.guid), finding.value("volume", ""));
+    EXPECT_NE(std::string::npos, finding.value("text", "").find("error 5)")) << finding;
+    EXPECT_FALSE(finding.contains("mend"));
+}
+
+TEST_F(VtFltCtlDoctor, AFolderOfBitmapFilesThatCannotBeListedIsUnknown)
+{
+    const json finding = FindUnknown("folder-unreadable", L"fail|FindFirstFileW|VelVolTrc|1|0|5");
+    EXPECT_EQ(Utf8(volume.guid), finding.value("volume", ""));
+    EXPECT_FALSE(finding.contains("mend"));
 }
 
 TEST_F(VtFltCtlDoctor, DumpsThatFillTheVolumesAreANote)

@@ -214,6 +214,13 @@ TEST_F(VtFltCtlVerify, NoListIsChangedWhileTheLibraryMovesEntries)
         for (const List& command : commands)
             expectBusy(mutex, command);
     }
+    // Who marks a volume holds the list's mutex alone.
+    for (const std::wstring session : {L"", L"Global\\VTBitmapManager."}) {
+        expectBusy((session + L"DeviceListForReSyncNightly.Last.Mutex").c_str(),
+                   {L"verify", L"remove", L"Nightly", GONE, L"--yes"});
+        expectBusy((session + L"DeviceListForReSyncNightly.Mutex").c_str(),
+                   {L"verify", L"remove", L"Nightly", GONE, L"--pending", L"--yes"});
+    }
     StoreList(PENDING, {GONE}, LISTS_KEY, REG_SZ);
     expectBusy(L"VTBitmapManager.AppicationMutex.Mutex", {L"verify", L"rebuild", L"--yes"});
     expectBusy(L"DeviceListForReSyncNightly.Last.Mutex", {L"verify", L"add", L"Nightly", L"E:"});
@@ -248,6 +255,33 @@ TEST_F(VtFltCtlVerify, AListThatIsWrittenAnewMeanwhileIsNotDeleted)
     EXPECT_EQ(List{volume.guid}, StoredList(PENDING));
 }
 
+TEST_F(VtFltCtlVerify, NoApplicationThatComesMeanwhileIsPassedOverByARebuild)
+{
+    StoreList(DRIVER, {GONE}, LISTS_KEY, REG_SZ);
+    vttest::Pause pause(L"VtFltCtlVerify");
+    // The lists were looked at, and the locks are not all there yet.
+    vttest::ChildProcess child(
+        L"vtfltctl", {L"verify", L"rebuild", L"--yes", L"--simulate", machine.directory()},
+        pause.Before(L"WaitForSingleObject", L"Global\\VTBitmapManager.AppicationMutex.Mutex", 1));
+    ASSERT_TRUE(pause.AwaitReached(child));
+    StoreList(L"RegisteredAppIDs", {L"Nightly", L"Weekly"}, IDS_KEY);
+    pause.Go();
+    EXPECT_EQ(EXIT_BUSY, child.Join());
+    EXPECT_FALSE(machine.ReadValue(LISTS_KEY, DRIVER).empty());
+    EXPECT_EQ(json::array({"Nightly", "Weekly"}), RunJson({L"verify", L"rebuild", L"--yes"}, EXIT_OK)["rebuilt"]);
+    EXPECT_EQ((List{volume.guid, GONE}), StoredList(L"DeviceListForReSyncWeekly.Last"));
+}
+
+TEST_F(VtFltCtlVerify, ADamagedListThatNobodyCanTakeOverStays)
+{
+    EXPECT_EQ(EXIT_OK, Run({L"apps", L"unregister", L"Nightly", L"--yes"}).exitCode);
+    StoreList(DRIVER, {GONE}, LISTS_KEY, REG_SZ);
+    ExpectRefusal({L"verify", L"rebuild", L"--yes"}, EXIT_REFUSED);
+    Register(L"Nightly");
+    EXPECT_EQ(EXIT_OK, Run({L"verify", L"rebuild", L"--yes"}).exitCode);
+    EXPECT_EQ((List{volume.guid, GONE}), StoredList(VERIFY));
+}
+
 TEST_F(VtFltCtlVerify, WhetherABackupRunsIsNotGuessed)
 {
     const std::vector<std::wstring> command = {L"verify", L"add", L"Nightly", L"E:"};
@@ -258,6 +292,14 @@ TEST_F(VtFltCtlVerify, WhetherABackupRunsIsNotGuessed)
     EXPECT_EQ(EXIT_UNREADABLE,
               RunWith(L"fail|CreateMutexW|VTBackup.|1|0|5;fail|OpenMutexW|VTBackup.|1|0|2", command).exitCode);
     EXPECT_EQ(EXIT_UNREADABLE, RunWith(L"return|WaitForSingleObject|VTBackup.|1|1|6|4294967295", command).exitCode);
+    // Without memory or handles the backup's mutex may be there all the same.
+    for (const wchar_t* error : {L"8", L"14", L"1450", L"1816"})
+        EXPECT_EQ(EXIT_UNREADABLE, RunWith(std::wstring(L"fail|CreateMutexW|VTBackup.|1|0|") + error, command).exitCode)
+            << Utf8(error);
+    // No mutex has a name that none can have.
+    for (const wchar_t* error : {L"6", L"123", L"206"})
+        EXPECT_EQ(EXIT_OK, RunWith(std::wstring(L"fail|CreateMutexW|VTBackup.|1|0|") + error, command).exitCode)
+            << Utf8(error);
 }
 
 TEST_F(VtFltCtlVerify, ADriverThatGoesDownMeanwhileIsNoSuccess)
@@ -345,6 +387,32 @@ TEST_F(VtFltCtlVerify, AddingDropsNoEntry)
     EXPECT_EQ((List{entries[0], entries[1], volume.guid, entries[2]}), StoredList(VERIFY));
     StoreList(VERIFY, entries);
     ExpectRefusal({L"verify", L"add", L"Nightly", L"--all"}, EXIT_DAMAGED);
+}
+
+TEST_F(VtFltCtlVerify, AddingNoVolumeDropsNoEntryEither)
+{
+    VTFltSimRemoveVolume(machine.handle(), volume.guid.c_str());
+    // Merged with nothing the library takes the second for a part of the first.
+    StoreList(VERIFY, {GONE, std::wstring(GONE).substr(0, 5)});
+    ExpectRefusal({L"verify", L"add", L"Nightly", L"--all"}, EXIT_DAMAGED);
+    ExpectRefusal({L"apps", L"unregister", L"Nightly", L"--yes"}, EXIT_DAMAGED);
+    // Replicating nothing merges nothing.
+    EXPECT_EQ(EXIT_OK, Run({L"verify", L"replicate", L"Nightly"}).exitCode);
+    EXPECT_EQ(2u, StoredList(VERIFY).size());
+}
+
+TEST_F(VtFltCtlVerify, AVolumeInOtherCaseIsNotHandedOutAsAMark)
+{
+    std::wstring other = volume.guid;
+    std::transform(other.begin(), other.end(), other.begin(), [](wchar_t c) {
+        return static_cast<wchar_t>(std::iswupper(c) ? std::towlower(c) : std::towupper(c));
+    });
+    ASSERT_NE(volume.guid, other);
+    StoreList(DRIVER, {other});
+    EXPECT_NE(std::string::npos, ExpectRefusal({L"verify", L"replicate", L"Nightly"}, EXIT_DAMAGED).find("other case"));
+    // That of a volume which is not here is its own.
+    StoreList(DRIVER, {L"{AAAAAAAA-2222-3333-4444-555555555555}"});
+    EXPECT_EQ(EXIT_OK, Run({L"verify", L"replicate", L"Nightly"}).exitCode);
 }
 
 TEST_F(VtFltCtlVerify, ReplicatingThatWouldDropAnEntryIsRefused)

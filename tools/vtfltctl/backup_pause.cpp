@@ -6,6 +6,17 @@
 #include <fmt/format.h>
 
 namespace vtfltctl {
+namespace {
+
+// Whether there can be no mutex of a name, so that no backup holds it either: the name is unsuitable, or belongs to an
+// object of another kind.
+bool CannotBe(DWORD error)
+{
+    return error == ERROR_PATH_NOT_FOUND || error == ERROR_INVALID_HANDLE || error == ERROR_INVALID_NAME ||
+           error == ERROR_BAD_PATHNAME || error == ERROR_FILENAME_EXCED_RANGE;
+}
+
+} // namespace
 
 BackupPause::Held::Held(const std::wstring& name, const std::string& what)
 {
@@ -14,11 +25,10 @@ BackupPause::Held::Held(const std::wstring& name, const std::string& what)
                       fmt::format("whether a backup of {} runs cannot be told: {}", what, ErrorText(error)));
     };
     const DWORD error = Open(name);
-    if (error == ERROR_ACCESS_DENIED || error == ERROR_FILE_NOT_FOUND)
-        refuse(error);
-    // Without an object: none can have this name, so no backup holds one.
-    if (error != ERROR_SUCCESS)
+    if (CannotBe(error))
         return;
+    if (error != ERROR_SUCCESS)
+        refuse(error);
     const DWORD waited = WaitForSingleObject(m_mutex.get(), 0);
     if (waited == WAIT_OBJECT_0 || waited == WAIT_ABANDONED)
         return;

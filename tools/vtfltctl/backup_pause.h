@@ -32,7 +32,7 @@ private:
         ~Held();
 
     private:
-        // 0; 2 and 5 when it could not be told whether somebody has the mutex; else why there can be none of this name.
+        // 0, or why there is no mutex to wait for.
         DWORD Open(const std::wstring& name);
 
         vtflt::UniqueHandle m_mutex;

@@ -111,8 +111,9 @@ std::string WhatBecomesOf(const NamedList& list, const std::wstring& entry)
         return "With \"*\" in it, what stands behind it is lost as soon as the library writes the list. Put the volumes "
                "that the list means on the verify list, and take the entry off by hand.";
     if (!list.application.empty())
-        return "It matches every volume whose name holds it, and no other, and drops shorter entries that stand in it "
-               "when the list is handed on.";
+        return std::string("It matches every volume whose name holds it, and no other, and drops shorter entries that "
+                           "stand in it when the list is handed on.") +
+               (list.verify ? " The next successful backup of one of them takes it off for all." : "");
     return vtflt::IsBracedGuid(entry)
                ? "It is handed to every application as it stands, marks nothing there, and drops the marks of volumes "
                  "that stand in it. Write the list anew by hand, a {GUID} for each volume, before the next backup."
@@ -173,9 +174,10 @@ const char* WayOutOfHiding(const NamedList& list)
     if (list.application.empty())
         return "";
     return list.verify
-               ? " Any \"vtfltctl verify add\" for the application puts shorter entries in front, where they stay."
-               : " Put it on the verify list, and take it off behind that (verify remove --pending --exact), while "
-                 "no backup runs.";
+               ? " Any \"vtfltctl verify add\" for the application puts shorter entries in front, where they stay until "
+                 "the longer one is merged in again."
+               : " When the volumes of both are on the verify list, take the longer one off (verify remove --pending "
+                 "--exact), while no backup runs; for a volume that is away write the list by hand.";
 }
 
 void CheckEntry(const MachineFacts& machine, const NamedList& list, const std::wstring& entry,
@@ -200,7 +202,15 @@ void CheckEntry(const MachineFacts& machine, const NamedList& list, const std::w
     }
 }
 
-void CheckDamagedList(const NamedList& list, std::vector<Finding>& findings)
+// Nobody would take over what the driver's list names.
+bool IsForNobody(const MachineFacts& machine, const NamedList& list)
+{
+    return list.application.empty() && machine.applicationsError == ERROR_SUCCESS &&
+           std::all_of(machine.applications.begin(), machine.applications.end(),
+                       [](const ApplicationFacts& application) { return application.id.empty(); });
+}
+
+void CheckDamagedList(const MachineFacts& machine, const NamedList& list, std::vector<Finding>& findings)
 {
     if (list.facts.error != ERROR_INVALID_DATA) {
         findings.push_back({"list-unreadable",
@@ -212,23 +222,25 @@ void CheckDamagedList(const NamedList& list, std::vector<Finding>& findings)
                             {}});
         return;
     }
+    const bool forNobody = IsForNobody(machine, list);
     const char* const consequence =
-        list.facts.tail ? "The volumes that stand there are not marked, and drop out when the list is next written."
-        : list.verify   ? "Every next backup of the application must verify."
-                        : "Volumes that lost tracking are handed to nobody, and their next backups miss what was lost.";
+        forNobody         ? "No application is registered that could take over what it names: leave it until one is."
+        : list.facts.tail ? "The volumes that stand there are not marked, and drop out when the list is next written."
+        : list.verify     ? "Every next backup of the application must verify."
+                      : "Volumes that lost tracking are handed to nobody, and their next backups miss what was lost.";
     findings.push_back({"list-damaged",
                         Severity::Damaged,
                         list.application,
                         {},
                         fmt::format("{} {}.", list.name, WhyDamaged(list.facts)),
                         consequence,
-                        {{"verify rebuild", {}, "--yes"}}});
+                        forNobody ? Mend() : Mend{{"verify rebuild", {}, "--yes"}}});
 }
 
 void CheckList(const MachineFacts& machine, const NamedList& list, std::vector<Finding>& findings)
 {
     if (list.facts.error != ERROR_SUCCESS) {
-        CheckDamagedList(list, findings);
+        CheckDamagedList(machine, list, findings);
         return;
     }
     for (const std::wstring& entry : list.facts.entries)

@@ -131,9 +131,10 @@ public:
         // Made by a more privileged process: the right to wait is enough.
         if (!m_mutex && GetLastError() == ERROR_ACCESS_DENIED)
             m_mutex.reset(OpenMutexW(SYNCHRONIZE, FALSE, name.c_str()));
+        const DWORD error = GetLastError();
         if (!m_mutex)
             throw Failure(Exit::Unreadable,
-                          fmt::format("cannot lock the count of {}: {}", Shown(key), ErrorText(GetLastError())));
+                          fmt::format("cannot lock the count of {}: {}", Shown(key), ErrorText(error)));
         const DWORD waited = WaitForSingleObject(m_mutex.get(), PATIENCE_MS);
         if (waited != WAIT_OBJECT_0 && waited != WAIT_ABANDONED)
             throw Failure(Exit::Busy, fmt::format("another program switches the tracking of {}", Shown(key)));

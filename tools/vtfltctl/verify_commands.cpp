@@ -43,6 +43,13 @@ void RequireNoBrackets(const Context& context, const VerifyOptions& options)
                       "has them is taken off in the registry");
 }
 
+// Replicating merges nothing into a list for which there is nothing.
+void RequireLibraryMerges(const std::vector<std::wstring>& incoming, const ListFacts& list, const std::string& name)
+{
+    if (!incoming.empty())
+        RequireMergeable(incoming, list, name);
+}
+
 // Every list that replicating reads, held against what it would merge into it.
 void RequireReplicable(const std::wstring& application)
 {
@@ -60,20 +67,25 @@ void RequireReplicable(const std::wstring& application)
                           fmt::format("{} holds {}, which is no volume's {{GUID}}, and would hand it to every "
                                       "application; \"vtfltctl doctor\" says what to do",
                                       DRIVER_LIST, Quoted(entry)));
+        if (InOwnSpelling(entry) != entry)
+            throw Failure(Exit::Damaged,
+                          fmt::format("{} holds {}, a volume in other case than the system's, which would mark no "
+                                      "volume; \"vtfltctl doctor\" says what to do",
+                                      DRIVER_LIST, Quoted(entry)));
     }
     for (const std::wstring& registered : RegisteredApplications()) {
         if (registered.empty()) // its pending list is the driver's list
             continue;
         const ListFacts pending = ReadVolumeList(registered);
         RequireReadable(pending, PendingListName(registered));
-        RequireMergeable(handedOut, pending, PendingListName(registered));
+        RequireLibraryMerges(handedOut, pending, PendingListName(registered));
         if (registered != application)
             continue;
         const ListFacts verify = ReadVolumeList(vtflt::MakeVerifyListName(application));
         RequireReadable(verify, VerifyListName(application));
         std::vector<std::wstring> incoming = handedOut;
         incoming.insert(incoming.end(), pending.entries.begin(), pending.entries.end());
-        RequireMergeable(incoming, verify, VerifyListName(application));
+        RequireLibraryMerges(incoming, verify, VerifyListName(application));
     }
 }
 
@@ -228,7 +240,10 @@ Exit Remove(const Context& context, const VerifyOptions& options)
     const BackupPause pause(context, application);
     const std::unique_ptr<LibraryLock> lock = LockApplications();
     const std::string name = options.pending ? PendingListName(application) : VerifyListName(application);
-    const ListFacts list = ReadVolumeList(options.pending ? application : vtflt::MakeVerifyListName(application));
+    const std::wstring suffix = options.pending ? application : vtflt::MakeVerifyListName(application);
+    // The library reads the list and replaces it in two holds of this mutex. Who marks a volume takes no other one.
+    const std::unique_ptr<LibraryLock> listLock = LockList(suffix);
+    const ListFacts list = ReadVolumeList(suffix);
     RequireReadable(list, name);
     std::vector<std::wstring> entries = FindEntries(list, options);
     RequireWritable(list.entries, name, entries);

@@ -32,7 +32,33 @@ struct Damaged {
     std::wstring application;
     bool pending = false;
     bool verify = false;
+
+    bool operator==(const Damaged&) const = default;
 };
+
+// What has to be rebuilt, and the applications to which that matters.
+struct Damage {
+    bool driver = false;
+    std::vector<Damaged> applications;
+
+    bool operator==(const Damage&) const = default;
+};
+
+Damage FindDamage()
+{
+    Damage damage;
+    damage.driver = IsDamaged(ReadVolumeList({}), DRIVER_LIST);
+    for (const std::wstring& application : RegisteredApplications()) {
+        if (application.empty()) // its pending list is the driver's list
+            continue;
+        const Damaged lists{
+            application, IsDamaged(ReadVolumeList(application), PendingListName(application)),
+            IsDamaged(ReadVolumeList(vtflt::MakeVerifyListName(application)), VerifyListName(application))};
+        if (damage.driver || lists.pending || lists.verify)
+            damage.applications.push_back(lists);
+    }
+    return damage;
+}
 
 void AddAll(std::vector<std::wstring>& to, const std::vector<std::wstring>& from)
 {
@@ -92,38 +118,32 @@ void RebuildDriverList(const std::vector<Damaged>& applications, const std::vect
 
 Exit RebuildLists(const Context& context)
 {
-    const bool driver = IsDamaged(ReadVolumeList({}), DRIVER_LIST);
-    std::vector<Damaged> damaged;
-    for (const std::wstring& application : RegisteredApplications()) {
-        if (application.empty()) // its pending list is the driver's list
-            continue;
-        const Damaged lists{
-            application, IsDamaged(ReadVolumeList(application), PendingListName(application)),
-            IsDamaged(ReadVolumeList(vtflt::MakeVerifyListName(application)), VerifyListName(application))};
-        if (driver || lists.pending || lists.verify)
-            damaged.push_back(lists);
-    }
+    const Damage damage = FindDamage();
     Json rebuilt = Json::array();
-    if (!driver && damaged.empty())
+    if (damage == Damage())
         return Answer(context, Exit::Ok, {{"rebuilt", rebuilt}}, "Every list can be read; nothing was changed.\n");
+    if (damage.applications.empty())
+        throw Failure(Exit::Refused, "no application is registered that could take over what the driver's list names");
     RequireYes(context, "would delete lists that cannot be read and put every fixed volume on the verify lists");
     const std::vector<std::wstring> volumes = FixedVolumeGuids();
     std::vector<std::unique_ptr<BackupPause>> pauses;
-    for (const Damaged& lists : damaged)
+    for (const Damaged& lists : damage.applications)
         pauses.push_back(std::make_unique<BackupPause>(context, lists.application));
     const std::unique_ptr<LibraryLock> applications = LockApplications();
+    // Who came meanwhile would not take over what the driver's list names.
+    if (FindDamage() != damage)
+        throw Failure(Exit::Busy, "the lists or the registered applications have changed meanwhile; run this again");
     std::string text;
-    for (const Damaged& lists : damaged) {
+    for (const Damaged& lists : damage.applications) {
         AddToVerifyList(lists.application, volumes);
         if (lists.pending)
             RebuildPendingList(lists.application, volumes);
         rebuilt.push_back(ToUtf8(lists.application));
         text += fmt::format("Every fixed volume is on the verify list of {}.\n", Quoted(lists.application));
     }
-    if (driver)
-        RebuildDriverList(damaged, volumes);
-    return Answer(context, Exit::Ok, {{"rebuilt", rebuilt}},
-                  text.empty() ? "The driver's list is no longer damaged.\n" : text);
+    if (damage.driver)
+        RebuildDriverList(damage.applications, volumes);
+    return Answer(context, Exit::Ok, {{"rebuilt", rebuilt}}, text);
 }
 
 } // namespace vtfltctl

@@ -60,7 +60,17 @@ void PutShorterFirst(std::vector<std::wstring>& entries)
                      [](const std::wstring& a, const std::wstring& b) { return a.size() < b.size(); });
 }
 
-// As the machine writes it, when it has that volume.
+// The bytes from an offset on as UTF-16.
+std::wstring TextFrom(const vtflt::RegistryBytes& bytes, std::size_t offset)
+{
+    std::wstring text;
+    for (std::size_t i = offset; i + 1 < bytes.size(); i += 2)
+        text += static_cast<wchar_t>(bytes[i] | bytes[i + 1] << 8);
+    return text;
+}
+
+} // namespace
+
 std::wstring InOwnSpelling(const std::wstring& guid)
 {
     std::vector<std::wstring> paths;
@@ -72,17 +82,6 @@ std::wstring InOwnSpelling(const std::wstring& guid)
     }
     return guid;
 }
-
-// The bytes from an offset on as UTF-16.
-std::wstring TextFrom(const vtflt::RegistryBytes& bytes, std::size_t offset)
-{
-    std::wstring text;
-    for (std::size_t i = offset; i + 1 < bytes.size(); i += 2)
-        text += static_cast<wchar_t>(bytes[i] | bytes[i + 1] << 8);
-    return text;
-}
-
-} // namespace
 
 std::unique_ptr<LibraryLock> LockApplications()
 {
@@ -136,8 +135,6 @@ void RequireWritable(const std::vector<std::wstring>& entries, const std::string
 
 void RequireMergeable(const std::vector<std::wstring>& incoming, const ListFacts& list, const std::string& name)
 {
-    if (incoming.empty())
-        return;
     RequireWritable(incoming, "what comes into " + name);
     RequireWritable(list.entries, name);
     std::wstring text;

@@ -14,12 +14,15 @@
 
 namespace vtfltctl {
 
-// The library's mutex of the registered applications, under which it takes entries off a verify list and moves whole lists,
-// in more than one hold of the list's own. Held by whoever changes a list, before all other mutexes of the library. Throws
-// Failure(Busy or Unreadable).
+// The library's mutex of the registered applications, under which it moves whole lists, and takes the entries off a verify
+// list that it is asked to, in more than one hold of the list's own. The success of a backup does not take it. Held by
+// whoever changes a list, before all other mutexes of the library. Throws Failure(Busy or Unreadable).
 std::unique_ptr<LibraryLock> LockApplications();
 // The library's mutex of one list, from the look at it until it is written. Throws Failure(Busy or Unreadable).
 std::unique_ptr<LibraryLock> LockList(const std::wstring& suffix);
+
+// A {GUID} as the machine writes it, when it has that volume: the library compares exactly.
+std::wstring InOwnSpelling(const std::wstring& guid);
 
 // What a list is called in messages: "the verify list of "App"".
 std::string VerifyListName(const std::wstring& application);
@@ -37,7 +40,7 @@ void RequireWritable(const std::vector<std::wstring>& entries, const std::string
                      const std::vector<std::wstring>& leaving = {});
 
 // Throws Failure(Damaged) when the library, merging entries into a list, would drop one for a part of another: of those that
-// come in, or of those that stand in the list before it.
+// come in, or of those that stand in the list before it; the latter also when nothing comes in.
 void RequireMergeable(const std::vector<std::wstring>& incoming, const ListFacts& list, const std::string& name);
 
 // Whether an entry of a list stands only behind one that it is a part of: every merge into the list drops it then.
@@ -47,9 +50,9 @@ bool AnyHidden(const std::vector<std::wstring>& entries);
 enum class Repair { Refuse, Replace };
 
 // Puts {GUID}s on a list and keeps every entry that is there. What is written has shorter entries in front, so that none
-// is hidden; a list that names the {GUID}s already, and hides nothing, stays as it is. A list that is no well-formed multi-string (13) is refused,
-// or replaced: by the {GUID}s, every volume that its bytes still name, and, where it is text, every string of it that can
-// mean a volume. Throws Failure.
+// is hidden; a list that names the {GUID}s already, and hides nothing, stays as it is. A list that is no well-formed
+// multi-string (13) is refused, or replaced: by the {GUID}s, every volume that its bytes still name, and, where it is text,
+// every string of it that can mean a volume. Throws Failure.
 void AddToList(const std::wstring& suffix, const std::vector<std::wstring>& guids, const std::string& name,
                Repair repair = Repair::Refuse);
 

@@ -1,4 +1,5 @@
 // The samples as programs: what they leave is the volume, and they read no more than they must.
+#include "samples/application_list.h"
 #include "support/child.h"
 #include "vtfltsim/VTFltSim.hpp"
 
@@ -41,13 +42,7 @@ protected:
     // Somebody empties the list of applications, and another one comes back first: what was written is handed to it alone.
     void LoseTheRegistration()
     {
-        HKEY key = nullptr;
-        vtfltsim::Check("opening the key",
-                        VTFltSimOpenKey(m_machine.handle(), L"SOFTWARE\\Veltrix\\Shared\\CBTDriver\\AppIDs",
-                                        KEY_READ | KEY_WRITE, &key));
-        const LSTATUS deleted = RegDeleteValueW(key, L"RegisteredAppIDs");
-        RegCloseKey(key);
-        ASSERT_EQ(ERROR_SUCCESS, deleted);
+        DeleteApplicationList(m_machine);
         ASSERT_EQ(0u, Start(m_volume, L"Other", OtherCopy()).Join());
     }
     VTFLTSIM_SNAPSHOT_INFO OnlySnapshot() const

@@ -1,4 +1,5 @@
 // samples/testing: the right program passes every example, and each mistake is found by its own.
+#include "samples/application_list.h"
 #include "vtfltsim/VTFltSim.hpp"
 
 #include <cstdio>
@@ -95,6 +96,54 @@ TEST(StartProgram, LetsTheProgramWaitWhenAsked)
     CloseHandle(process.hProcess);
 }
 
+DWORD RunUnder(const vtfltsim::SimMachine& machine, const std::wstring& line)
+{
+    PROCESS_INFORMATION process = {};
+    vtfltsim::Check("VTFltSimStartProgram",
+                    VTFltSimStartProgram(machine.directory().c_str(), line.c_str(), 0, &process));
+    WaitForSingleObject(process.hProcess, INFINITE);
+    DWORD code = 0;
+    GetExitCodeProcess(process.hProcess, &code);
+    CloseHandle(process.hThread);
+    CloseHandle(process.hProcess);
+    return code;
+}
+
+bool FileEquals(const std::wstring& path, const std::vector<std::uint8_t>& expected)
+{
+    std::vector<std::uint8_t> bytes(expected.size() + 1);
+    std::FILE* const opened = _wfopen(path.c_str(), L"rb");
+    bytes.resize(opened != nullptr ? std::fread(bytes.data(), 1, bytes.size(), opened) : 0);
+    if (opened != nullptr)
+        std::fclose(opened);
+    return bytes == expected;
+}
+
+TEST(Loop, ReadsEverythingWhenItsRegistrationWasLost)
+{
+    constexpr DWORD LENGTH = 1u << 20;
+    vtfltsim::SimMachine machine;
+    const vtfltsim::Volume volume = machine.AddVolume(LENGTH, 4096);
+    const std::string own = OwnFolder();
+    const std::wstring folder(own.begin(), own.end());
+    SetEnvironmentVariableW(L"TRIAL_MACHINE", machine.directory().c_str());
+    SetEnvironmentVariableW(L"TRIAL_VOLUME", volume.guid.c_str());
+    SetEnvironmentVariableW(L"LOOP_SNAPSHOT", (L"\"" + folder + L"find_bugs.exe\" --snapshot").c_str());
+    const auto backUp = [&](const wchar_t* application) {
+        return RunUnder(machine, L"\"" + folder + L"loop.exe\" " + volume.guid + L" " + application + L" \"" +
+                                     machine.directory() + L"." + application + L"\"");
+    };
+    const std::wstring copy = machine.directory() + L".Loop";
+    ASSERT_EQ(0u, backUp(L"Loop"));
+    machine.TouchBlock(volume, 3);
+    DeleteApplicationList(machine);
+    ASSERT_EQ(0u, backUp(L"Other")); // the change is handed to it alone
+    EXPECT_EQ(0u, backUp(L"Loop"));
+    EXPECT_TRUE(FileEquals(copy, machine.Read(volume, 0, LENGTH)));
+    DeleteFileW(copy.c_str());
+    DeleteFileW((machine.directory() + L".Other").c_str());
+}
+
 // vtbackup as on a real machine: without --simulate, its snapshots by commands.
 class RealMachineWay : public testing::Test {
 protected:
@@ -109,15 +158,7 @@ protected:
         const std::string folder = OwnFolder();
         const std::wstring line = L"\"" + std::wstring(folder.begin(), folder.end()) + L"vtbackup.exe\" " + arguments +
                                   L" --repo \"" + m_repository + L"\"";
-        PROCESS_INFORMATION process = {};
-        vtfltsim::Check("VTFltSimStartProgram",
-                        VTFltSimStartProgram(m_machine.directory().c_str(), line.c_str(), 0, &process));
-        WaitForSingleObject(process.hProcess, INFINITE);
-        DWORD code = 0;
-        GetExitCodeProcess(process.hProcess, &code);
-        CloseHandle(process.hThread);
-        CloseHandle(process.hProcess);
-        return code;
+        return RunUnder(m_machine, line);
     }
     DWORD BackUp() const
     {
@@ -125,15 +166,6 @@ protected:
         return Run(L"backup --app Real --volume " + m_volume.guid + L" --snapshot-create \"" +
                    std::wstring(folder.begin(), folder.end()) +
                    L"find_bugs.exe --snapshot\" --snapshot-delete \"cmd.exe /c exit\"");
-    }
-    bool RestoredEquals(const std::wstring& file) const
-    {
-        std::vector<std::uint8_t> bytes((1u << 20) + 1);
-        std::FILE* const opened = _wfopen(file.c_str(), L"rb");
-        bytes.resize(opened != nullptr ? std::fread(bytes.data(), 1, bytes.size(), opened) : 0);
-        if (opened != nullptr)
-            std::fclose(opened);
-        return bytes == m_machine.Read(m_volume, 0, 1u << 20);
     }
 
     vtfltsim::SimMachine m_machine;
@@ -150,7 +182,7 @@ TEST_F(RealMachineWay, BacksUpAndRestores)
     EXPECT_EQ(0u, BackUp());
     const std::wstring file = m_machine.directory() + L".restored";
     EXPECT_EQ(0u, Run(L"restore --app Real --volume " + m_volume.guid + L" --to \"" + file + L"\""));
-    EXPECT_TRUE(RestoredEquals(file));
+    EXPECT_TRUE(FileEquals(file, m_machine.Read(m_volume, 0, 1u << 20)));
     DeleteFileW(file.c_str());
     _wsystem((L"cmd.exe /c rmdir /s /q \"" + m_repository + L"\"").c_str());
 }

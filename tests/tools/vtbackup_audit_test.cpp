@@ -17,6 +17,7 @@ constexpr DWORD EXIT_LOST_TRACKING = 12;
 constexpr DWORD EXIT_NOT_MARKED = 13;
 constexpr const wchar_t* SERVICE_KEY = L"SYSTEM\\CurrentControlSet\\Services\\VTFlt";
 constexpr std::uint64_t BLOCKS = 257;
+constexpr DWORD GET_BLOCK_SIZE = 0xB0000006;
 
 class VtBackupAudit : public VtBackupTest {
 protected:
@@ -33,6 +34,35 @@ protected:
         arguments.insert(arguments.end(), {L"--audit", std::to_wstring(count)});
         arguments.insert(arguments.end(), more.begin(), more.end());
         return Run(arguments, calls);
+    }
+
+    // The same up to a call, and there something else.
+    Result AuditWith(const std::wstring& call, const std::function<void(Process&)>& meanwhile) const
+    {
+        std::vector<std::wstring> arguments = Arguments(L"backup", L"App", &volume);
+        arguments.insert(arguments.end(), {L"--audit", L"1000"});
+        return RunWith(arguments, call, meanwhile);
+    }
+
+    // Writes a block of the snapshot itself, which its tracking sees.
+    void Scribble(std::uint64_t block) const
+    {
+        const std::vector<std::uint8_t> bytes(BLOCK, 0x55);
+        vtfltsim::Check("scribble", VTFltSimWriteSnapshot(machine.handle(), OnlySnapshot(), block * BLOCK, bytes.data(),
+                                                          static_cast<DWORD>(bytes.size())));
+    }
+    std::wstring SnapshotPath() const
+    {
+        VTFLTSIM_SNAPSHOT_INFO info = {};
+        info.size = sizeof(info);
+        vtfltsim::Check("info", VTFltSimGetSnapshotInfo(machine.handle(), OnlySnapshot(), &info));
+        return info.devicePath;
+    }
+    // From the nth request on, the snapshot's own map cannot be had.
+    void FailSnapshotMap(DWORD nth)
+    {
+        vtfltsim::Check("fail",
+                        VTFltSimFailRequest(machine.handle(), GET_BITMAP, SnapshotPath().c_str(), nth, 0, ERROR_CRC));
     }
 
     void Forget(DWORD writes)
@@ -240,6 +270,131 @@ TEST_F(VtBackupAudit, AWriteBehindTheSnapshotIsNoLoss)
     EXPECT_EQ(EXIT_OK, during.exitCode) << during.err;
     EXPECT_EQ(1u, during.blocksStored);
     EXPECT_EQ(256u, AuditOf(during).at("compared"));
+}
+
+// ---- somebody writes into the snapshot itself
+
+TEST_F(VtBackupAudit, ABlockThatWasWrittenInTheSnapshotIsNoLoss)
+{
+    Write(30, 0x44);
+    const Result result = AuditWith(L"DeviceIoControl|0xB0000002", [&](Process&) { Scribble(31); });
+    EXPECT_EQ(EXIT_OK, result.exitCode) << result.err;
+    EXPECT_EQ("incremental", result.kind);
+    EXPECT_EQ("handed-back", result.snapshotChanges);
+    const json audit = AuditOf(result);
+    EXPECT_EQ(255u, audit.at("clean"));
+    EXPECT_EQ(255u, audit.at("compared"));
+    EXPECT_EQ(1u, audit.at("writtenInSnapshot"));
+    EXPECT_EQ(
+        "all 255 clean blocks were read again and none differs from the repository: up to this snapshot no change "
+        "was missed in them; 1 more could not be compared, because somebody wrote into them in the snapshot "
+        "itself",
+        audit.at("text"));
+    const json kept = {{"requested", 1000}, {"clean", 255}, {"compared", 255}, {"writtenInSnapshot", 1}};
+    const json list = json::parse(Run(Arguments(L"list")).out);
+    EXPECT_EQ(kept, list.at("chains").at(0).at("backups").at(1).at("audit")) << "the manifest keeps it";
+    EXPECT_TRUE(Contents() == Restored());
+    const Result next = Audit(1000);
+    EXPECT_EQ(EXIT_OK, next.exitCode) << next.err;
+    EXPECT_EQ(1u, next.blocksStored);
+    EXPECT_TRUE(Contents() == Restored());
+}
+
+TEST_F(VtBackupAudit, ABlockThatWasWrittenInTheSnapshotDuringTheAuditIsNoLoss)
+{
+    const Result result = AuditWith(L"ReadFile|HarddiskVolumeShadowCopy", [&](Process&) {
+        Scribble(31);
+        Scribble(40);
+    });
+    EXPECT_EQ(EXIT_OK, result.exitCode) << result.err;
+    const json audit = AuditOf(result);
+    EXPECT_EQ(255u, audit.at("clean"));
+    EXPECT_EQ(255u, audit.at("compared"));
+    EXPECT_EQ(2u, audit.at("writtenInSnapshot"));
+    EXPECT_EQ("handed-back", result.snapshotChanges);
+    EXPECT_EQ(2u, Backup().blocksStored);
+    EXPECT_TRUE(Contents() == Restored());
+}
+
+TEST_F(VtBackupAudit, AMissedWriteIsFoundAmongBlocksThatWereWrittenInTheSnapshot)
+{
+    WriteUnseen(20, 0xEE);
+    const Result result = AuditWith(L"ReadFile|HarddiskVolumeShadowCopy", [&](Process&) {
+        Scribble(19);
+        Scribble(31);
+    });
+    EXPECT_EQ(EXIT_LOST_TRACKING, result.exitCode) << result.err;
+    const json audit = AuditOf(result);
+    EXPECT_EQ(1u, audit.at("differing"));
+    EXPECT_EQ(255u, audit.at("compared"));
+    ASSERT_EQ(1u, audit.at("blocks").size());
+    EXPECT_EQ(20u, audit.at("blocks").at(0).at("block"));
+    EXPECT_EQ("", audit.at("doubt"));
+    ExpectHealed("audit-found-loss");
+}
+
+// The driver was asked when the first difference was seen; what is written later is looked at when the audit ends.
+TEST_F(VtBackupAudit, ABlockThatWasWrittenInTheSnapshotBehindTheFirstDifferenceIsNotCounted)
+{
+    WriteUnseen(20, 0xEE);
+    WriteUnseen(21, 0xEF);
+    Write(30, 0x31); // divides the clean blocks, which are read run by run
+    const Result result = AuditWith(L"RegSetValueExW|ReSyncApp.Last", [&](Process&) { Scribble(31); });
+    EXPECT_EQ(EXIT_LOST_TRACKING, result.exitCode) << result.err;
+    const json audit = AuditOf(result);
+    EXPECT_EQ(2u, audit.at("differing"));
+    EXPECT_EQ(2u, audit.at("blocks").size());
+    EXPECT_EQ(255u, audit.at("clean"));
+    EXPECT_EQ(255u, audit.at("compared"));
+}
+
+TEST_F(VtBackupAudit, WithoutTheSnapshotsOwnMapThereIsNothingToCompare)
+{
+    WriteUnseen(20, 0xEE);
+    const Result result = AuditWith(L"DeviceIoControl|0xB0000002", [&](Process&) { FailSnapshotMap(1); });
+    EXPECT_EQ(EXIT_NOT_REPORTED, result.exitCode) << result.err;
+    const std::string text = AuditOf(result).at("text");
+    EXPECT_EQ(0u, text.find("nothing to compare: the snapshot's own changes could not be fetched: ")) << text;
+    EXPECT_EQ(0u, AuditOf(result).at("compared"));
+    EXPECT_FALSE(Exists(LossFile(2)));
+    vtfltsim::Check("clear", VTFltSimClearFaults(machine.handle()));
+    ExpectHealed("snapshot-changes-lost");
+}
+
+TEST_F(VtBackupAudit, AMapOfOtherBlocksIsNoMapToCompareBy)
+{
+    const DWORD other = 2 * BLOCK;
+    const Result result = AuditWith(L"DeviceIoControl|0xB0000002", [&](Process&) {
+        Scribble(31);
+        vtfltsim::Check("forge", VTFltSimForgeReply(machine.handle(), GET_BLOCK_SIZE, SnapshotPath().c_str(), 1, 0,
+                                                    &other, sizeof(other)));
+    });
+    EXPECT_EQ(EXIT_NOT_REPORTED, result.exitCode) << result.err;
+    EXPECT_EQ("nothing to compare: the snapshot is tracked in blocks of another size than the volume",
+              AuditOf(result).at("text"));
+}
+
+// Silence would cost data and a false alarm costs a verify.
+TEST_F(VtBackupAudit, ADifferenceCountsWithItsDoubtWhenTheMapCannotBeFetchedAgain)
+{
+    const Result result = AuditWith(L"ReadFile|HarddiskVolumeShadowCopy", [&](Process&) {
+        Scribble(31);
+        FailSnapshotMap(1);
+    });
+    EXPECT_EQ(EXIT_LOST_TRACKING, result.exitCode) << result.err;
+    EXPECT_NE(std::string::npos, result.message.find("Another cause cannot be excluded: ")) << result.message;
+    EXPECT_NE("", AuditOf(result).at("doubt"));
+}
+
+TEST_F(VtBackupAudit, WhereSnapshotsAreNotTrackedADifferenceCountsWithItsDoubt)
+{
+    machine.SetFilters({}, L"System\\CurrentControlSet\\Control\\Class\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}");
+    EXPECT_EQ(EXIT_OK, Audit(1000).exitCode);
+    WriteUnseen(20, 0xEE);
+    const Result result = Audit(1000);
+    EXPECT_EQ(EXIT_LOST_TRACKING, result.exitCode) << result.err;
+    EXPECT_EQ("snapshots are not tracked on this machine, and somebody may have written into this one",
+              AuditOf(result).at("doubt"));
 }
 
 // ---- a clean audit

@@ -7,6 +7,7 @@
 #include "audit_sample.h"
 #include "chain_reader.h"
 #include "change_map.h"
+#include "snapshot_writes.h"
 #include "volume.h"
 
 #include <cstdint>
@@ -31,14 +32,24 @@ struct AuditResult {
     std::uint64_t differing = 0;
     std::vector<MissedBlock> missed; // the first of them, MOST_MISSED at most
     std::string endedEarly;          // not empty: why the audit stopped after it had found a difference
+    std::string doubt;               // not empty: why a difference may have another cause than a change that was missed
 };
 
 constexpr std::size_t MOST_MISSED = 500; // keeps the evidence readable, and its file small
 
-// Compares up to wanted clean blocks of the snapshot with the chain's contents, in ascending order. The geometry is the
-// snapshot's and the last backup's; chain has not been read from yet. firstFound is called when the first difference
-// was seen, which may be hours before the end. A failure on the way is thrown, unless a difference was found before it.
-AuditResult AuditCleanBlocks(const Volume& snapshot, Geometry geometry, const ChangeMap& changes, ChainReader& chain,
-                             std::uint64_t wanted, const std::function<void(const AuditResult&)>& firstFound);
+struct AuditSource {
+    const Volume& snapshot;
+    Geometry geometry; // the snapshot's and the last backup's
+    const ChangeMap& changes;
+    // Fetched when the audit begins, and again before a difference counts: a block that somebody wrote into in the
+    // snapshot differs without a change that was missed.
+    SnapshotWrites& writes;
+};
+
+// Compares up to wanted clean blocks of the snapshot with the chain's contents, in ascending order. chain has not been
+// read from yet. firstFound is called when the first difference was seen, which may be hours before the end. A failure
+// on the way is thrown, unless a difference was found before it.
+AuditResult AuditCleanBlocks(const AuditSource& source, ChainReader& chain, std::uint64_t wanted,
+                             const std::function<void(const AuditResult&)>& firstFound);
 
 } // namespace vtbackup

@@ -54,7 +54,11 @@ json AuditJson(const Manifest& manifest)
                    {"clean", counts.clean},
                    {"compared", counts.compared},
                    {"text", AuditText(manifest)}};
-    if (manifest.kind == Kind::Incremental) {
+    if (counts.written > 0)
+        object["writtenInSnapshot"] = counts.written;
+    if (!counts.problem.empty())
+        object["problem"] = counts.problem;
+    if (manifest.kind == Kind::Incremental && counts.problem.empty()) {
         const MissedBound bound = BoundOf(counts);
         object["confidence"] = counts.compared < counts.clean ? AUDIT_CONFIDENCE : 1.0;
         object["missedFraction"] = bound.fraction;

@@ -64,20 +64,30 @@ MissedBound BoundOf(const AuditCounts& counts) noexcept
 
 std::string CleanAuditText(const AuditCounts& counts, std::string_view missed)
 {
+    if (!counts.problem.empty())
+        return "nothing to compare: " + counts.problem;
     if (counts.clean == 0)
-        return "nothing to compare: the bitmap reports every block as changed";
+        return counts.written == 0 ? "nothing to compare: the bitmap reports every block as changed"
+                                   : "nothing to compare: the bitmap reports every block as changed, or somebody wrote "
+                                     "into it in the snapshot itself";
+    const std::string leftOut =
+        counts.written == 0 ? ""
+                            : fmt::format("; {} more could not be compared, because somebody wrote into them in the "
+                                          "snapshot itself",
+                                          counts.written);
     if (counts.compared >= counts.clean)
         return fmt::format("all {} clean blocks were read again and none differs from the repository: up to this "
-                           "snapshot no change was missed",
-                           counts.clean);
+                           "snapshot no change was missed{}{}",
+                           counts.clean, counts.written == 0 ? "" : " in them", leftOut);
     const MissedBound bound = BoundOf(counts);
     // Of fewer blocks the rule of three says more than is true.
     const std::string rule =
         counts.compared < FEWEST_FOR_RULE_OF_THREE ? "" : fmt::format(" (about 3/{})", counts.compared);
     return fmt::format(
         "{} of {} clean blocks were read again and none differs from the repository: with {:.0f} % "
-        "confidence at most {:.3g} % of the clean blocks{}, {} blocks or {}, hold a change that was missed",
-        counts.compared, counts.clean, AUDIT_CONFIDENCE * 100, bound.fraction * 100, rule, bound.blocks, missed);
+        "confidence at most {:.3g} % of the clean blocks{}, {} blocks or {}, hold a change that was missed{}",
+        counts.compared, counts.clean, AUDIT_CONFIDENCE * 100, bound.fraction * 100, rule, bound.blocks, missed,
+        leftOut);
 }
 
 } // namespace vtbackup

@@ -34,6 +34,8 @@ struct AuditCounts {
     std::uint64_t requested = 0;
     std::uint64_t clean = 0;
     std::uint64_t compared = 0;
+    std::uint64_t written = 0; // clean by the bitmap, but somebody wrote into them in the snapshot; not among clean
+    std::string problem = {};  // not empty: why nothing could be compared
 };
 
 // What may still differ when none of the compared blocks does.

@@ -11,6 +11,18 @@ void ChangeMap::ClearHeader() noexcept
     std::fill_n(m_buffer.begin(), std::min(m_buffer.size(), HEADER_BYTES), static_cast<unsigned char>(0));
 }
 
+bool ChangeMap::Add(const ChangeMap& other) noexcept
+{
+    bool all = true;
+    for (std::optional<BlockRun> run = other.NextRun(0, other.Bits()); run;
+         run = other.NextRun(run->end, other.Bits())) {
+        all = all && run->end <= Bits();
+        for (std::uint64_t block = run->begin; block < std::min(run->end, Bits()); ++block)
+            Set(block);
+    }
+    return all;
+}
+
 std::uint64_t ChangeMap::CountBelow(std::uint64_t blocks) const noexcept
 {
     const std::uint64_t limit = std::min(blocks, Bits());

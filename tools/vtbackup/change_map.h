@@ -34,6 +34,8 @@ public:
             m_buffer[HEADER_BYTES + block / 8] |= static_cast<unsigned char>(0x80U >> (block % 8));
     }
     void ClearHeader() noexcept;
+    // Sets the other map's bits, those for which there is room. Whether that was all of them.
+    bool Add(const ChangeMap& other) noexcept;
 
     [[nodiscard]] std::uint64_t CountBelow(std::uint64_t blocks) const noexcept;
     // The next run of set bits at or behind a block, and below a limit.

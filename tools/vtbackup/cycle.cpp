@@ -9,6 +9,7 @@
 #include "interrupt.h"
 #include "library.h"
 #include "lost_tracking.h"
+#include "snapshot_writes.h"
 #include "text.h"
 #include "writer.h"
 
@@ -81,9 +82,9 @@ private:
     void BackUp();
     void FetchChanges(const Volume& volume);
     void SettleGeometry(const Volume& volume, const Volume& snapshot, const BitmapManager& manager);
-    void Audit(const Volume& snapshot);
+    void Audit(const Volume& snapshot, SnapshotWrites& writes);
     void Copy(const Volume& snapshot);
-    void HandBackSnapshotChanges(const Volume& snapshot, const BitmapManager& manager);
+    void HandBackSnapshotChanges(SnapshotWrites& writes, const BitmapManager& manager);
     void NoteSuccess(bool before);
     void Report(const BitmapManager& manager);
     void NotReportable(const std::string& why);
@@ -237,9 +238,10 @@ void Cycle::BackUp()
 
     FetchChanges(volume);
     SettleGeometry(volume, snapshot, manager);
-    Audit(snapshot);
+    SnapshotWrites writes(snapshot, m_result.manifest.geometry.blockSize);
+    Audit(snapshot, writes);
     Copy(snapshot);
-    HandBackSnapshotChanges(snapshot, manager);
+    HandBackSnapshotChanges(writes, manager);
     Report(manager);
 
     if (m_request.keepSnapshot) {
@@ -304,17 +306,22 @@ void Cycle::SettleGeometry(const Volume& volume, const Volume& snapshot, const B
 
 // A bitmap that lies makes a backup that looks good and is not. Compared before anything is copied, a difference costs
 // no backup: none is made, success is not reported, and what the bitmap holds comes again.
-void Cycle::Audit(const Volume& snapshot)
+void Cycle::Audit(const Volume& snapshot, SnapshotWrites& writes)
 {
     if (m_request.audit == 0)
         return;
     Manifest& manifest = m_result.manifest;
-    manifest.audit = AuditCounts{m_request.audit, 0, 0};
+    manifest.audit = AuditCounts{m_request.audit};
     if (m_doubts.Decide() != Kind::Incremental)
         return; // all of the snapshot is read anyway
+    writes.Fetch();
+    if (!writes.Problem().empty()) {
+        manifest.audit->problem = writes.Problem().substr(0, LONGEST_REASON);
+        return;
+    }
     LossReport loss(m_machine, m_chain, manifest.sequence, manifest.time);
     const AuditResult audit =
-        AuditCleanBlocks(snapshot, manifest.geometry, m_changes.map, *m_lastReader, m_request.audit,
+        AuditCleanBlocks({snapshot, manifest.geometry, m_changes.map, writes}, *m_lastReader, m_request.audit,
                          [&loss](const AuditResult& first) { loss.Found(first); });
     if (audit.differing > 0)
         loss.Fail(audit);
@@ -352,40 +359,28 @@ void Cycle::Copy(const Volume& snapshot)
 
 // What was written into the snapshot itself is in our copy, but not on the volume. Handed back, these blocks are
 // part of the next backup, which takes them from the volume again.
-void Cycle::HandBackSnapshotChanges(const Volume& snapshot, const BitmapManager& manager)
+void Cycle::HandBackSnapshotChanges(SnapshotWrites& writes, const BitmapManager& manager)
 {
-    const FetchedMap written = FetchMap(snapshot, true);
-    if (written.result == ERROR_INVALID_FUNCTION || written.result == ERROR_NOT_SUPPORTED) {
+    writes.Fetch();
+    std::string why = writes.Problem();
+    if (why.empty() && writes.Untracked()) {
         // Snapshots are not tracked on this machine. This program opens its snapshot for reading only. A driver that
         // just went away answers so, too; then this question fails as well.
         static_cast<void>(manager.BlockSize());
         m_result.snapshotChanges = "untracked";
         return;
     }
-    const std::uint64_t count = written.map.CountBelow(written.map.Bits());
-    if (written.result == 0 && written.whole && count == 0) {
+    if (why.empty() && writes.Blocks().CountBelow(writes.Blocks().Bits()) == 0) {
         m_result.snapshotChanges = "none";
         return;
     }
-    std::string why;
-    if (written.result != 0 || !written.whole) {
-        why = fmt::format("the snapshot's own changes could not be fetched: {}", ErrorText(written.result));
-    } else if (!m_result.notReported.empty()) {
+    if (why.empty() && !m_result.notReported.empty()) {
         why = "there is no bitmap of the volume to hand them back into";
-    } else if (DirectBlockSize(snapshot) != m_result.manifest.geometry.blockSize) {
-        why = "the snapshot is tracked in blocks of another size than the volume";
-    } else {
+    } else if (why.empty()) {
         // A buffer shorter than the volume's bitmap would be ignored with result 0, so it is made exactly as long,
         // and its header bytes, which would be merged like any others, are zero.
         ChangeMap back(m_changes.map.Length());
-        bool fits = true;
-        for (std::optional<BlockRun> run = written.map.NextRun(0, written.map.Bits()); run;
-             run = written.map.NextRun(run->end, written.map.Bits())) {
-            fits = fits && run->end <= back.Bits();
-            for (std::uint64_t block = run->begin; block < run->end; ++block)
-                back.Set(block);
-        }
-        const std::uint32_t result = fits ? manager.HandBack(back) : ERROR_INVALID_DATA;
+        const std::uint32_t result = back.Add(writes.Blocks()) ? manager.HandBack(back) : ERROR_INVALID_DATA;
         if (result == 0) {
             m_result.snapshotChanges = "handed-back";
             return;

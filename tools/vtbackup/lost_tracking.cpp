@@ -142,6 +142,7 @@ void LossReport::Keep(const AuditResult& audit)
                   {"compared", audit.counts.compared},
                   {"differing", audit.differing},
                   {"endedEarly", audit.endedEarly},
+                  {"doubt", audit.doubt},
                   {"blocks", ToJson(audit.missed)}};
     AddMarking(m_evidence, m_marking);
     try {
@@ -169,6 +170,8 @@ void LossReport::Fail(const AuditResult& audit)
         audit.differing, audit.counts.compared, m_sequence);
     if (!audit.endedEarly.empty())
         message += fmt::format("The audit ended early: {}. ", audit.endedEarly);
+    if (!audit.doubt.empty())
+        message += fmt::format("Another cause cannot be excluded: {}. ", audit.doubt);
     if (!m_marking.marked.empty())
         message += fmt::format("All fixed volumes are on the verify list of {}. ", fmt::join(m_marking.marked, ", "));
     if (!marked)

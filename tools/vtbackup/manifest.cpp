@@ -90,6 +90,10 @@ Manifest FromJson(const json& object)
     if (object.contains("audit")) {
         const json& audit = object.at("audit");
         m.audit = AuditCounts{Number(audit, "requested"), Number(audit, "clean"), Number(audit, "compared")};
+        if (audit.contains("writtenInSnapshot"))
+            m.audit->written = Number(audit, "writtenInSnapshot");
+        if (audit.contains("problem"))
+            m.audit->problem = audit.at("problem").get<std::string>();
     }
     if (blockSize == 0 || blockSize > MAX_BLOCK_SIZE || m.geometry.length == 0 || m.geometry.length > (1ULL << 62))
         throw std::runtime_error("impossible block size or length");
@@ -150,9 +154,14 @@ json ToJson(const Manifest& m)
         {"indexLength", m.indexLength},
         {"indexChecksum", m.indexChecksum},
     };
-    if (m.audit)
-        object["audit"] = {
-            {"requested", m.audit->requested}, {"clean", m.audit->clean}, {"compared", m.audit->compared}};
+    if (m.audit) {
+        json& audit = object["audit"];
+        audit = {{"requested", m.audit->requested}, {"clean", m.audit->clean}, {"compared", m.audit->compared}};
+        if (m.audit->written > 0)
+            audit["writtenInSnapshot"] = m.audit->written;
+        if (!m.audit->problem.empty())
+            audit["problem"] = m.audit->problem;
+    }
     return object;
 }
 

@@ -1,6 +1,7 @@
 #include "file.h"
 
 #include "failure.h"
+#include "folder_link.h"
 #include "text.h"
 
 #include <fmt/format.h>
@@ -28,6 +29,12 @@ bool IsThere(const std::wstring& path, bool folder)
     if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND && error != ERROR_INVALID_NAME)
         Fail("look for", path, error);
     return false;
+}
+
+bool IsLinkEntry(const WIN32_FIND_DATAW& found)
+{
+    return (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0 &&
+           IsLink(found.dwFileAttributes, found.dwReserved0);
 }
 
 } // namespace
@@ -101,7 +108,7 @@ std::vector<FolderEntry> ListFolder(const std::wstring& path)
     do {
         const std::wstring name = found.cFileName;
         if (name != L"." && name != L"..")
-            entries.push_back({name, (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0});
+            entries.push_back({name, (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0, IsLinkEntry(found)});
     } while (FindNextFileW(search, &found));
     const DWORD error = GetLastError();
     FindClose(search);
@@ -119,14 +126,29 @@ void RemoveFileIfThere(const std::wstring& path)
         Fail("delete", path, error);
 }
 
-void RemoveFolderWithFiles(const std::wstring& path)
+bool IsFolderLink(const std::wstring& path)
 {
-    for (const FolderEntry& entry : ListFolder(path)) {
-        if (!entry.folder)
-            RemoveFileIfThere(Join(path, entry.name));
+    WIN32_FIND_DATAW found = {};
+    const HANDLE search = FindFirstFileW(path.c_str(), &found);
+    if (search == INVALID_HANDLE_VALUE) {
+        const DWORD error = GetLastError();
+        if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND)
+            return false;
+        Fail("look at", path, error);
     }
-    if (!RemoveDirectoryW(path.c_str()) && FolderExists(path))
-        Fail("delete folder", path, GetLastError());
+    FindClose(search);
+    return IsLinkEntry(found);
+}
+
+void RemoveFolderWithFiles(const std::wstring& path, std::initializer_list<const wchar_t*> files)
+{
+    for (const wchar_t* file : files)
+        RemoveFileIfThere(Join(path, file));
+    if (RemoveDirectoryW(path.c_str()))
+        return;
+    const DWORD error = GetLastError();
+    if (error != ERROR_DIR_NOT_EMPTY && FolderExists(path))
+        Fail("delete folder", path, error);
 }
 
 std::optional<std::string> ReadSmallFile(const std::wstring& path, std::uint64_t limit)

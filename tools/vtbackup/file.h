@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,12 +24,15 @@ bool FolderExists(const std::wstring& path);
 void MakeFolders(const std::wstring& path);
 // Makes a folder that must not be there yet; its parents are.
 void MakeNewFolder(const std::wstring& path);
-// Deletes the folder and the plain files in it; used for folders that hold nothing but files.
-void RemoveFolderWithFiles(const std::wstring& path);
+// Deletes these files, and the folder when nothing else is in it.
+void RemoveFolderWithFiles(const std::wstring& path, std::initializer_list<const wchar_t*> files);
+// Whether the path is there and leads to another folder.
+bool IsFolderLink(const std::wstring& path);
 void RemoveFileIfThere(const std::wstring& path);
 struct FolderEntry {
     std::wstring name;
-    bool folder;
+    bool folder = false;
+    bool link = false; // a folder that leads elsewhere; what is in it is not ours
 };
 std::vector<FolderEntry> ListFolder(const std::wstring& path);
 

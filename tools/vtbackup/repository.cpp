@@ -72,6 +72,11 @@ std::string TextMember(const json& object, const char* key, const std::wstring& 
     return found->get<std::string>();
 }
 
+std::string LinkProblem(const std::wstring& path)
+{
+    return fmt::format("{} leads to another folder; links inside of a repository are not followed", ToUtf8(path));
+}
+
 // The chain in a folder, or nothing when its first backup never began. Throws Failure(Damaged) when the folder does not
 // say whose it is.
 std::optional<Chain> ChainIn(const std::wstring& folder)
@@ -157,7 +162,7 @@ std::vector<std::uint64_t> Chain::Folders() const
 {
     std::vector<std::uint64_t> sequences;
     for (const FolderEntry& entry : ListFolder(m_folder)) {
-        const std::uint64_t sequence = entry.folder ? SequenceFrom(entry.name) : 0;
+        const std::uint64_t sequence = entry.folder && !entry.link ? SequenceFrom(entry.name) : 0;
         if (sequence != 0)
             sequences.push_back(sequence);
     }
@@ -174,14 +179,15 @@ std::vector<std::uint64_t> Chain::Backups() const
 
 std::uint64_t Chain::NextSequence() const
 {
-    const std::vector<std::uint64_t> folders = Folders();
-    if (folders.empty())
-        return 1;
+    // Whatever has a backup's name, folder or not, stands where one would have to be made.
+    std::uint64_t last = 0;
+    for (const FolderEntry& entry : ListFolder(m_folder))
+        last = std::max(last, SequenceFrom(entry.name));
     // A backup in a folder that no reader takes for one must not be reported.
-    if (folders.back() == LAST_SEQUENCE)
-        throw Failure(Exit::Damaged, fmt::format("{} is damaged: there is no number behind backup {}", ToUtf8(m_folder),
-                                                 folders.back()));
-    return folders.back() + 1;
+    if (last == LAST_SEQUENCE)
+        throw Failure(Exit::Damaged,
+                      fmt::format("{} is damaged: there is no number behind backup {}", ToUtf8(m_folder), last));
+    return last + 1;
 }
 
 Manifest Chain::ReadManifest(std::uint64_t sequence) const
@@ -238,7 +244,8 @@ void Chain::RemoveUnfinished() const
 {
     for (const std::uint64_t sequence : Folders()) {
         if (!FileExists(ManifestPath(sequence)))
-            RemoveFolderWithFiles(BackupFolder(sequence));
+            RemoveFolderWithFiles(BackupFolder(sequence),
+                                  {L"manifest.json.tmp", L"index.bin", L"data.bin", L"reported", L"reported.tmp"});
     }
 }
 
@@ -287,7 +294,13 @@ Repository Repository::Create(const std::wstring& folder)
 Chain Repository::ChainOf(std::wstring_view application, const VolumeName& volume) const
 {
     const std::string id = ToUtf8(application);
-    const std::wstring folder = Join(Join(Join(m_folder, L"chains"), FolderNameOf(id)), volume.guid);
+    std::wstring folder = m_folder;
+    // Through a link, what is written and tidied up would be somebody else's.
+    for (const std::wstring& name : {std::wstring(L"chains"), FolderNameOf(id), volume.guid}) {
+        folder = Join(folder, name);
+        if (IsFolderLink(folder))
+            throw Failure(Exit::Repository, LinkProblem(folder));
+    }
     return Chain(folder, id, volume);
 }
 
@@ -296,11 +309,19 @@ std::vector<Chain> Repository::Chains(std::wstring_view application, const Volum
 {
     std::vector<Chain> chains;
     const std::wstring root = Join(m_folder, L"chains");
+    if (IsFolderLink(root)) {
+        problems.push_back(LinkProblem(root));
+        return chains;
+    }
     for (const FolderEntry& owner : ListFolder(root)) {
-        if (!owner.folder)
+        if (owner.link)
+            problems.push_back(LinkProblem(Join(root, owner.name)));
+        if (!owner.folder || owner.link)
             continue;
         for (const FolderEntry& entry : ListFolder(Join(root, owner.name))) {
-            if (!entry.folder)
+            if (entry.link)
+                problems.push_back(LinkProblem(Join(Join(root, owner.name), entry.name)));
+            if (!entry.folder || entry.link)
                 continue;
             std::optional<Chain> chain;
             try {

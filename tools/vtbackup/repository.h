@@ -26,11 +26,11 @@ public:
     [[nodiscard]] std::wstring DataPath(std::uint64_t sequence) const;
     [[nodiscard]] std::wstring ReportedPath(std::uint64_t sequence) const;
 
-    // The folders that are there, whole backups or not, ascending.
+    // The folders that are there, whole backups or not, ascending. A link to a folder is none.
     [[nodiscard]] std::vector<std::uint64_t> Folders() const;
     // Those with a manifest, ascending.
     [[nodiscard]] std::vector<std::uint64_t> Backups() const;
-    // The number of the next backup: higher than every folder's. Throws Failure(Damaged) when there is none left.
+    // The number of the next backup: higher than every one in use. Throws Failure(Damaged) when there is none left.
     [[nodiscard]] std::uint64_t NextSequence() const;
     // Reads one manifest. Throws Failure(NotFound) when there is none, Failure(Damaged) when it is unusable.
     [[nodiscard]] Manifest ReadManifest(std::uint64_t sequence) const;
@@ -44,7 +44,8 @@ public:
     // Whether success was reported for a backup. Only for people to read; no decision hangs on it.
     [[nodiscard]] bool WasReported(std::uint64_t sequence) const;
 
-    // Removes what an ended run left: folders without a manifest. Call it under the locks.
+    // Removes what an ended run left: folders without a manifest. Files that no backup has stay, with their folder. Call
+    // it under the locks.
     void RemoveUnfinished() const;
     // Makes the folder and says in it whose it is.
     void Create() const;
@@ -64,6 +65,7 @@ public:
 
     [[nodiscard]] const std::string& Id() const noexcept { return m_id; }
     [[nodiscard]] const std::wstring& Folder() const noexcept { return m_folder; }
+    // Throws Failure(Repository) when the chain could only be reached by a link inside of the repository.
     [[nodiscard]] Chain ChainOf(std::wstring_view application, const VolumeName& volume) const;
     // Every chain that is there, optionally of one application or one volume only, by name. What is wrong with those
     // that do not say whose they are comes in problems; they are left out.
@@ -77,7 +79,8 @@ private:
     std::string m_id;
 };
 
-// A fresh random name: 32 hexadecimal digits.
+// A fresh random name of hexadecimal digits.
+constexpr std::size_t RANDOM_ID_DIGITS = 32;
 std::string RandomId();
 
 } // namespace vtbackup

@@ -1,9 +1,5 @@
 // backup --audit: a driver that forgets writes and says nothing.
-#include "tools/vtbackup_test.h"
-
-#include "vtfltsim/VTFltSimForget.h"
-
-#include <nlohmann/json.hpp>
+#include "tools/vtbackup_audit_fixture.h"
 
 #include <algorithm>
 
@@ -13,124 +9,7 @@ namespace {
 
 using nlohmann::json;
 
-constexpr DWORD EXIT_LOST_TRACKING = 12;
-constexpr DWORD EXIT_NOT_MARKED = 13;
-constexpr const wchar_t* SERVICE_KEY = L"SYSTEM\\CurrentControlSet\\Services\\VTFlt";
 constexpr std::uint64_t BLOCKS = 257;
-constexpr DWORD GET_BLOCK_SIZE = 0xB0000006;
-
-class VtBackupAudit : public VtBackupTest {
-protected:
-    void SetUp() override
-    {
-        ASSERT_EQ(EXIT_OK, Init().exitCode);
-        ASSERT_EQ(EXIT_OK, Backup().exitCode);
-    }
-
-    Result Audit(std::uint64_t count, const std::wstring& calls = {}, const wchar_t* application = L"App",
-                 const std::vector<std::wstring>& more = {}) const
-    {
-        std::vector<std::wstring> arguments = Arguments(L"backup", application, &volume);
-        arguments.insert(arguments.end(), {L"--audit", std::to_wstring(count)});
-        arguments.insert(arguments.end(), more.begin(), more.end());
-        return Run(arguments, calls);
-    }
-
-    // The same up to a call, and there something else.
-    Result AuditWith(const std::wstring& call, const std::function<void(Process&)>& meanwhile) const
-    {
-        std::vector<std::wstring> arguments = Arguments(L"backup", L"App", &volume);
-        arguments.insert(arguments.end(), {L"--audit", L"1000"});
-        return RunWith(arguments, call, meanwhile);
-    }
-
-    // Writes a block of the snapshot itself, which its tracking sees.
-    void Scribble(std::uint64_t block) const
-    {
-        const std::vector<std::uint8_t> bytes(BLOCK, 0x55);
-        vtfltsim::Check("scribble", VTFltSimWriteSnapshot(machine.handle(), OnlySnapshot(), block * BLOCK, bytes.data(),
-                                                          static_cast<DWORD>(bytes.size())));
-    }
-    std::wstring SnapshotPath() const
-    {
-        VTFLTSIM_SNAPSHOT_INFO info = {};
-        info.size = sizeof(info);
-        vtfltsim::Check("info", VTFltSimGetSnapshotInfo(machine.handle(), OnlySnapshot(), &info));
-        return info.devicePath;
-    }
-    // From the nth request on, the snapshot's own map cannot be had.
-    void FailSnapshotMap(DWORD nth)
-    {
-        vtfltsim::Check("fail",
-                        VTFltSimFailRequest(machine.handle(), GET_BITMAP, SnapshotPath().c_str(), nth, 0, ERROR_CRC));
-    }
-
-    void Forget(DWORD writes)
-    {
-        vtfltsim::Check("forget", VTFltSimForgetWrites(machine.handle(), volume.guid.c_str(), writes));
-    }
-    // A write that the driver does not see.
-    void WriteUnseen(std::uint64_t block, std::uint8_t value)
-    {
-        Forget(1);
-        Write(block, value);
-    }
-
-    static json AuditOf(const Result& result) { return json::parse(result.out).at("audit"); }
-
-    // The checksum that an index file has for a block.
-    std::string Stored(std::uint64_t sequence, std::uint64_t block) const
-    {
-        const std::vector<std::uint8_t> index = ReadFileBytes(BackupFile(sequence, L"index.bin"));
-        for (std::size_t place = 24; place + 64 <= index.size(); place += 32) {
-            std::uint64_t number = 0;
-            for (int i = 7; i >= 0; --i)
-                number = number * 256 + index[place + static_cast<std::size_t>(i)];
-            if (number != block)
-                continue;
-            std::string text;
-            for (std::size_t i = place + 16; i < place + 32; ++i) {
-                text += "0123456789abcdef"[index[i] / 16];
-                text += "0123456789abcdef"[index[i] % 16];
-            }
-            return text;
-        }
-        return "no record";
-    }
-
-    bool IsOnVerifyList(const std::wstring& application) const
-    {
-        const std::vector<std::uint8_t> value =
-            machine.ReadValue(SERVICE_KEY, L"DeviceListForReSync" + application + L".Last");
-        const std::wstring list(reinterpret_cast<const wchar_t*>(value.data()), value.size() / sizeof(wchar_t));
-        return list.find(volume.guid) != std::wstring::npos;
-    }
-    void ClearVerifyList(const std::wstring& application)
-    {
-        HKEY key = nullptr;
-        vtfltsim::Check("key", VTFltSimOpenKey(machine.handle(), SERVICE_KEY, KEY_WRITE, &key));
-        RegDeleteValueW(key, (L"DeviceListForReSync" + application + L".Last").c_str());
-        RegCloseKey(key);
-    }
-
-    std::wstring LossFile(int sequence) const
-    {
-        const std::wstring first = BackupFile(1, L"");
-        return first.substr(0, first.size() - 9) + L"lost-tracking-0000000" + std::to_wstring(sequence) + L".json";
-    }
-
-    // The next backup reads everything, says why, and holds what the volume holds; the one after it is incremental.
-    void ExpectHealed(const char* reason, const wchar_t* application = L"App") const
-    {
-        const Result next = Backup(application);
-        EXPECT_EQ(EXIT_OK, next.exitCode) << next.err;
-        EXPECT_EQ("verify", next.kind) << next.out;
-        EXPECT_TRUE(next.Has(reason)) << next.out;
-        EXPECT_TRUE(Contents() == Restored(0, application));
-        EXPECT_FALSE(IsOnVerifyList(application));
-        EXPECT_EQ("incremental", Backup(application).kind);
-    }
-};
 
 TEST_F(VtBackupAudit, FindsAMissedWriteAndShowsIt)
 {
@@ -470,81 +349,6 @@ TEST_F(VtBackupAudit, ABitmapOfAllBlocksLeavesNothingToCompare)
     EXPECT_EQ("nothing to compare: the bitmap reports every block as changed", AuditOf(result).at("text"));
 }
 
-// ---- everybody is told
-
-TEST_F(VtBackupAudit, EveryApplicationOfTheMachineIsTold)
-{
-    ASSERT_EQ(EXIT_OK, Init(L"Second").exitCode);
-    ASSERT_EQ(EXIT_OK, Backup(L"Second").exitCode);
-    WriteUnseen(20, 0xEE);
-    const Result result = Audit(1000);
-    EXPECT_EQ(EXIT_LOST_TRACKING, result.exitCode) << result.err;
-    EXPECT_EQ(json::array({"App", "Second"}), AuditOf(result).at("marked"));
-    EXPECT_TRUE(IsOnVerifyList(L"Second"));
-    ExpectHealed("verify-required", L"Second");
-    ExpectHealed("audit-found-loss");
-    EXPECT_FALSE(IsOnVerifyList(L"Second")) << "it was told once";
-}
-
-TEST_F(VtBackupAudit, AMarkThatCannotBeSetIsSaidPlainlyAndSetByTheNextBackup)
-{
-    ASSERT_EQ(EXIT_OK, Init(L"Second").exitCode);
-    ASSERT_EQ(EXIT_OK, Backup(L"Second").exitCode);
-    WriteUnseen(20, 0xEE);
-    const std::wstring denied = L"fail|RegSetValueExW|DeviceListForReSyncSecond.Last|1|0|5";
-    const Result result = Audit(1000, denied);
-    EXPECT_EQ(EXIT_NOT_MARKED, result.exitCode) << result.err;
-    EXPECT_EQ("not-marked", result.result);
-    EXPECT_NE(std::string::npos, result.message.find("NOT MARKED: application \"Second\": VTAddVolumesToAppVerifyList"))
-        << result.message;
-    EXPECT_EQ(json::array({"App"}), AuditOf(result).at("marked"));
-    EXPECT_TRUE(IsOnVerifyList(L"App"));
-    EXPECT_FALSE(IsOnVerifyList(L"Second"));
-
-    const Result still = Backup(L"App", denied);
-    EXPECT_EQ(EXIT_NOT_MARKED, still.exitCode) << still.err;
-    EXPECT_EQ("verify", still.kind) << still.out;
-    EXPECT_TRUE(still.reported);
-    EXPECT_NE(std::string::npos, still.err.find("Second")) << still.err;
-    EXPECT_TRUE(Contents() == Restored());
-
-    const Result now = Backup();
-    EXPECT_EQ(EXIT_OK, now.exitCode) << now.err;
-    EXPECT_EQ("incremental", now.kind);
-    EXPECT_TRUE(IsOnVerifyList(L"Second"));
-    EXPECT_FALSE(IsOnVerifyList(L"App"));
-    ExpectHealed("verify-required", L"Second");
-}
-
-TEST_F(VtBackupAudit, ItsOwnMarkThatCannotBeSetIsMadeUpForByTheEvidence)
-{
-    WriteUnseen(20, 0xEE);
-    const Result result = Audit(1000, L"fail|RegSetValueExW|DeviceListForReSyncApp.Last|1|0|5");
-    EXPECT_EQ(EXIT_NOT_MARKED, result.exitCode) << result.err;
-    EXPECT_FALSE(IsOnVerifyList(L"App"));
-    ExpectHealed("audit-found-loss");
-}
-
-TEST_F(VtBackupAudit, AnApplicationThatIsInABackupIsToldAgain)
-{
-    const vtfltsim::Volume other = machine.AddVolume(65536, BLOCK);
-    ASSERT_EQ(EXIT_OK, Init(L"Second").exitCode);
-    ASSERT_EQ(EXIT_OK, Backup(L"Second").exitCode);
-    WriteUnseen(20, 0xEE);
-    const Result second =
-        RunWith(Arguments(L"backup", L"Second", &other), L"DeviceIoControl|0xB0000002", [&](Process&) {
-            const Result result = Audit(1000);
-            EXPECT_EQ(EXIT_NOT_MARKED, result.exitCode) << result.err;
-            EXPECT_NE(std::string::npos, result.message.find("may be taken off again")) << result.message;
-            EXPECT_TRUE(IsOnVerifyList(L"Second"));
-            ClearVerifyList(L"Second"); // as that backup may, when it ends
-        });
-    EXPECT_EQ(EXIT_OK, second.exitCode) << second.err;
-    ExpectHealed("audit-found-loss");
-    EXPECT_TRUE(IsOnVerifyList(L"Second"));
-    ExpectHealed("verify-required", L"Second");
-}
-
 // ---- ends on the way
 
 TEST_F(VtBackupAudit, ARunThatIsKilledBetweenEvidenceAndMarksLeavesBothToTheNext)
@@ -574,19 +378,6 @@ TEST_F(VtBackupAudit, AFailureBehindTheFirstDifferenceDoesNotHideIt)
     EXPECT_EQ(EXIT_DEVICE, Audit(1000, secondRead).exitCode) << "nothing was found before it";
     EXPECT_EQ(EXIT_OK, Audit(1000).exitCode);
     EXPECT_TRUE(Contents() == Restored());
-}
-
-TEST_F(VtBackupAudit, DamagedEvidenceIsTakenForALossOfWhichNobodyKnows)
-{
-    WriteUnseen(20, 0xEE);
-    ASSERT_EQ(EXIT_LOST_TRACKING, Audit(1000).exitCode);
-    ClearVerifyList(L"App");
-    const std::string deep(100000, '[');
-    WriteFileBytes(LossFile(2), {deep.begin(), deep.end()});
-    const Result list = Run(Arguments(L"list"));
-    EXPECT_EQ(2u, json::parse(list.out).at("chains").at(0).at("lostTracking").at(0).at("backup"));
-    ExpectHealed("verify-required");
-    EXPECT_EQ("incremental", Backup().kind);
 }
 
 } // namespace

@@ -27,6 +27,7 @@ namespace {
 // What a manifest may say about its kind. Texts of a damaged chain get into it, and it has to stay readable whatever
 // they are: a chain that could not be continued would stand between its user and every new backup.
 constexpr std::size_t MOST_REASONS = 32;
+constexpr std::size_t MOST_ANSWERED = 1000;
 constexpr std::size_t LONGEST_REASON = 1000;
 
 std::vector<Reason> Bounded(std::vector<Reason> reasons)
@@ -160,6 +161,10 @@ BackupResult Cycle::Run()
 void Cycle::LookAtChain()
 {
     m_result.manifest.sequence = m_chain.NextSequence();
+    // An incremental backup is made only when those before it answered them; any other answers them itself.
+    m_result.manifest.answered = LossesBehind(m_chain, m_result.manifest.sequence);
+    if (m_result.manifest.answered.size() > MOST_ANSWERED)
+        m_result.manifest.answered.resize(MOST_ANSWERED);
     if (m_request.full)
         m_doubts.full.push_back(reason::FullRequested());
     if (m_request.verify)
@@ -178,7 +183,7 @@ void Cycle::LookAtChain()
         return;
     }
     m_doubts.verify.insert(m_doubts.verify.end(), m_last->next.begin(), m_last->next.end());
-    if (const std::optional<Reason> loss = OpenLoss(m_chain, m_last->sequence))
+    if (const std::optional<Reason> loss = OpenLoss(m_chain, *m_last))
         m_doubts.verify.push_back(*loss);
     CompareWithLastSuccess();
 }

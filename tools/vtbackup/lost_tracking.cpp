@@ -1,11 +1,8 @@
 #include "lost_tracking.h"
 
 #include "file.h"
-#include "library.h"
 #include "manifest.h"
 #include "text.h"
-
-#include <vtfltmgr/VTFltMgr.h>
 
 #include <fmt/format.h>
 
@@ -19,66 +16,7 @@ using nlohmann::json;
 
 constexpr const char* FORMAT = "vtbackup-lost-tracking";
 constexpr std::uint64_t LIMIT = 1024 * 1024;
-
-// Puts every fixed volume on one application's verify list and looks whether this volume is there. Returns why it may
-// not be, or stay, there.
-std::string MarkOne(const Machine& machine, const std::wstring& id, const std::wstring& own, const VolumeName& volume)
-{
-    // A backup of that application, of another volume, writes its verify list back when it ends, and a mark set
-    // meanwhile may get lost. It is set all the same; but it is not relied on.
-    std::optional<Lock> lock;
-    std::string busy;
-    if (id != own) {
-        try {
-            lock.emplace(machine.Locks().Application(id), LockPurpose{id, volume.guid, L"mark"},
-                         fmt::format("application \"{}\"", ToUtf8(id)));
-        } catch (const Failure& failure) {
-            busy = fmt::format("the mark is set, but may be taken off again: {}", failure.what());
-        }
-    }
-    if (const DWORD result = VTAddVolumesToAppVerifyList(id.c_str()); result != 0)
-        return fmt::format("VTAddVolumesToAppVerifyList failed: {}", ErrorText(result));
-    // 0 is the answer of a driver that is down as well, and volumes that are not fixed are left out.
-    if (VTCanBLIDriverWork() == 0)
-        return "the driver went down";
-    if (VTIsVerifyRequired(id.c_str(), volume.Path().c_str()) == 0)
-        return "the volume is not on its verify list";
-    return busy;
-}
-
-// The driver keeps one bitmap for all applications: what it missed is missing in each one's. The library's export
-// marks all fixed volumes or none, which suits the case: a driver that missed a write on one volume is not to be
-// believed on the others. done: applications that are marked already.
-Marking MarkApplications(const Machine& machine, const Chain& chain, std::vector<std::string> done)
-{
-    const std::wstring own = ToWide(chain.Application());
-    Marking marking{std::move(done), {}};
-    std::vector<std::wstring> ids = {own};
-    std::string separator;
-    const auto addProblem = [&](const std::string& text) {
-        marking.problem += separator + text;
-        separator = "; ";
-    };
-    try {
-        for (std::wstring& id : RegisteredApplications()) {
-            if (id != own)
-                ids.push_back(std::move(id));
-        }
-    } catch (const Failure& failure) {
-        addProblem(fmt::format("which applications there are is not known: {}", failure.what()));
-    }
-    for (const std::wstring& id : ids) {
-        const std::string name = ToUtf8(id);
-        if (std::find(marking.marked.begin(), marking.marked.end(), name) != marking.marked.end())
-            continue;
-        const std::string problem = MarkOne(machine, id, own, chain.Volume());
-        if (problem.empty())
-            marking.marked.push_back(name);
-        else
-            addProblem(fmt::format("application \"{}\": {}", name, problem));
-    }
-    return marking;
-}
+constexpr const char* UNNAMED_LOSS = "unnamed"; // an answer to evidence that could be given no name
 
 json ToJson(const std::vector<MissedBlock>& blocks)
 {
@@ -96,7 +34,9 @@ json ToJson(const std::vector<MissedBlock>& blocks)
 void AddMarking(json& evidence, const Marking& marking)
 {
     evidence["marked"] = marking.marked;
-    evidence["allMarked"] = marking.problem.empty();
+    evidence["fixedOnly"] = marking.fixedOnly;
+    evidence["allMarked"] = marking.problem.empty() && marking.fixedOnly.empty();
+    evidence["settled"] = !marking.owed;
     if (marking.problem.empty())
         evidence.erase("notMarked");
     else
@@ -108,24 +48,57 @@ std::string FileText(const json& evidence)
     return evidence.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
 }
 
-std::vector<std::string> MarkedOf(const json& evidence)
+std::vector<std::string> TextsIn(const json& evidence, const char* key)
 {
-    std::vector<std::string> ids;
-    const auto marked = evidence.find("marked");
-    if (marked == evidence.end() || !marked->is_array())
-        return ids;
-    for (const json& id : *marked) {
-        if (id.is_string())
-            ids.push_back(id.get<std::string>());
+    std::vector<std::string> texts;
+    const auto found = evidence.find(key);
+    if (found == evidence.end() || !found->is_array())
+        return texts;
+    for (const json& text : *found) {
+        if (text.is_string())
+            texts.push_back(text.get<std::string>());
     }
-    return ids;
+    return texts;
+}
+
+bool IsTrue(const json& evidence, const char* key)
+{
+    const auto found = evidence.find(key);
+    return found != evidence.end() && *found == true;
+}
+
+// The evidence's own name, the same whatever is added to it; empty when it has none.
+std::string IdOf(const json& evidence)
+{
+    const auto found = evidence.find("id");
+    if (found == evidence.end() || !found->is_string())
+        return {};
+    const std::string id = found->get<std::string>();
+    const auto isDigit = [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); };
+    return id.size() == RANDOM_ID_DIGITS && std::all_of(id.begin(), id.end(), isDigit) ? id : std::string();
+}
+
+// Keeps a file that is about to be replaced: a copy beside it, under the first free name that is no evidence's. Returns
+// that name.
+std::wstring KeepCopy(const std::wstring& path)
+{
+    constexpr int MOST_COPIES = 100;
+    DWORD error = ERROR_FILE_EXISTS;
+    for (int number = 1; number <= MOST_COPIES && error == ERROR_FILE_EXISTS; ++number) {
+        const std::wstring copy = path + L".kept-" + ToWide(std::to_string(number));
+        if (CopyFileW(path.c_str(), copy.c_str(), TRUE))
+            return copy.substr(copy.rfind(L'\\') + 1);
+        error = GetLastError();
+    }
+    throw Failure(Exit::Repository, fmt::format("{} cannot be kept under another name, and is not replaced: {}",
+                                                ToUtf8(path), ErrorText(error)));
 }
 
 } // namespace
 
 LossReport::LossReport(const Machine& machine, const Chain& chain, std::uint64_t sequence, std::string time)
-    : m_machine(machine), m_chain(chain), m_sequence(sequence),
-      m_time(std::move(time)), m_marking{{}, "the marks are not set yet"}
+    : m_machine(machine), m_chain(chain), m_sequence(sequence), m_time(std::move(time)),
+      m_id(RandomId()), m_marking{{}, {}, "the marks are not set yet", true}
 {
 }
 
@@ -133,6 +106,7 @@ void LossReport::Keep(const AuditResult& audit)
 {
     m_evidence = {{"format", FORMAT},
                   {"version", 1},
+                  {"id", m_id},
                   {"application", m_chain.Application()},
                   {"volume", ToUtf8(m_chain.Volume().guid)},
                   {"backup", m_sequence},
@@ -145,8 +119,12 @@ void LossReport::Keep(const AuditResult& audit)
                   {"doubt", audit.doubt},
                   {"blocks", ToJson(audit.missed)}};
     AddMarking(m_evidence, m_marking);
+    const std::wstring path = m_chain.LossPath(m_sequence);
     try {
-        WriteSmallFileDurably(m_chain.LossPath(m_sequence), FileText(m_evidence));
+        if (!m_kept && FileExists(path))
+            KeepCopy(path); // of another loss, which somebody put there
+        WriteSmallFileDurably(path, FileText(m_evidence));
+        m_kept = true;
         m_notKept.clear();
     } catch (const Failure& failure) {
         m_notKept = failure.what(); // the marks matter more
@@ -160,8 +138,25 @@ void LossReport::Found(const AuditResult& audit)
     Keep(audit);
 }
 
+// Hours may lie between the first difference and the last. A stranger's backup that was running at the first one may
+// have ended since, and have taken the mark off with it.
+std::vector<std::string> LossReport::MarkAgain()
+{
+    const std::vector<std::string> gone = WithoutMark(m_chain, Strangers(m_machine, m_chain, m_marking));
+    if (gone.empty())
+        return gone;
+    std::erase_if(m_marking.marked,
+                  [&gone](const std::string& name) { return std::find(gone.begin(), gone.end(), name) != gone.end(); });
+    const std::string cannotBeHelped = m_marking.fixedOnly.empty() ? std::string() : m_marking.problem;
+    m_marking = MarkApplications(m_machine, m_chain, m_marking);
+    if (m_marking.problem.empty())
+        m_marking.problem = cannotBeHelped;
+    return gone;
+}
+
 void LossReport::Fail(const AuditResult& audit)
 {
+    const std::vector<std::string> again = MarkAgain();
     Keep(audit);
     const bool marked = m_marking.problem.empty();
     std::string message = fmt::format(
@@ -174,6 +169,12 @@ void LossReport::Fail(const AuditResult& audit)
         message += fmt::format("Another cause cannot be excluded: {}. ", audit.doubt);
     if (!m_marking.marked.empty())
         message += fmt::format("All fixed volumes are on the verify list of {}. ", fmt::join(m_marking.marked, ", "));
+    if (!again.empty())
+        message += fmt::format("The mark of {} was off again and was set once more. ", fmt::join(again, ", "));
+    if (const auto strangers = Strangers(m_machine, m_chain, m_marking); !strangers.empty())
+        message += fmt::format("Of {} it is not known whether it heeds this program's locks: a backup of its own that "
+                               "is running now may take the mark off, and lack changes. ",
+                               fmt::join(strangers, ", "));
     if (!marked)
         message += fmt::format("NOT MARKED: {}; do not trust an incremental backup of such an application. ",
                                m_marking.problem);
@@ -185,14 +186,32 @@ void LossReport::Fail(const AuditResult& audit)
     throw LostTracking(marked ? Exit::LostTracking : Exit::NotMarked, message, m_evidence);
 }
 
-std::optional<Reason> OpenLoss(const Chain& chain, std::uint64_t lastBackup)
+std::vector<AnsweredLoss> LossesBehind(const Chain& chain, std::uint64_t sequence)
 {
-    const std::vector<std::uint64_t> losses = chain.Losses();
-    if (losses.empty() || losses.back() <= lastBackup)
+    std::vector<AnsweredLoss> behind;
+    for (const std::uint64_t loss : chain.Losses()) {
+        if (loss <= sequence)
+            continue;
+        std::string id = IdOf(ReadLoss(chain, loss));
+        if (id.empty()) // it could be given none, so it stays as it is
+            id = UNNAMED_LOSS;
+        behind.push_back({loss, std::move(id)});
+    }
+    return behind;
+}
+
+std::optional<Reason> OpenLoss(const Chain& chain, const Manifest& last)
+{
+    std::optional<std::uint64_t> open;
+    for (const AnsweredLoss& loss : LossesBehind(chain, last.sequence)) {
+        if (std::find(last.answered.begin(), last.answered.end(), loss) == last.answered.end())
+            open = loss.sequence;
+    }
+    if (!open)
         return std::nullopt;
     return reason::AuditFoundLoss(fmt::format("the audit before this backup found changes that the bitmap did not "
                                               "report: {}",
-                                              ToUtf8(chain.LossPath(losses.back()))));
+                                              ToUtf8(chain.LossPath(*open))));
 }
 
 json ReadLoss(const Chain& chain, std::uint64_t sequence)
@@ -213,23 +232,68 @@ json ReadLoss(const Chain& chain, std::uint64_t sequence)
     return {{"format", FORMAT}, {"version", 1}, {"backup", sequence}, {"damaged", problem}};
 }
 
+namespace {
+
+// Says once which strangers no longer have the mark that a loss gave them.
+std::string LookAtMarksOnceMore(const Machine& machine, const Chain& chain, json& evidence, const std::wstring& path)
+{
+    Marking marking;
+    marking.marked = TextsIn(evidence, "marked");
+    const std::vector<std::string> strangers = Strangers(machine, chain, marking);
+    if (strangers.empty() || IsTrue(evidence, "lookedAgain"))
+        return {};
+    const std::vector<std::string> gone = WithoutMark(chain, strangers);
+    evidence["lookedAgain"] = true;
+    evidence["marksGone"] = gone;
+    try {
+        WriteSmallFileDurably(path, FileText(evidence));
+    } catch (const Failure&) {
+        // Then the next backup looks, and says it, once more.
+    }
+    if (gone.empty())
+        return {};
+    return fmt::format("the mark of {} is off again, either by a verify or by a backup that was running when it was "
+                       "set and that may lack changes; see which",
+                       fmt::join(gone, ", "));
+}
+
+// Sets the marks that one loss still owes. Returns what goes on being owed.
+std::string MarkForLoss(const Machine& machine, const Chain& chain, std::uint64_t sequence)
+{
+    const std::wstring path = chain.LossPath(sequence);
+    json evidence = ReadLoss(chain, sequence);
+    if (IsTrue(evidence, "allMarked") || IsTrue(evidence, "settled"))
+        return LookAtMarksOnceMore(machine, chain, evidence, path);
+    if (evidence.contains("damaged") && !evidence.contains("kept"))
+        evidence["kept"] = ToUtf8(KeepCopy(path));
+    if (IdOf(evidence).empty())
+        evidence["id"] = RandomId();
+    // Before the marks. Marks that cannot be noted would be set again by every backup from now on, and every
+    // application would verify for ever.
+    WriteSmallFileDurably(path, FileText(evidence));
+    Marking before;
+    before.marked = TextsIn(evidence, "marked");
+    before.fixedOnly = TextsIn(evidence, "fixedOnly");
+    const Marking marking = MarkApplications(machine, chain, before);
+    AddMarking(evidence, marking);
+    WriteSmallFileDurably(path, FileText(evidence));
+    return marking.problem;
+}
+
+} // namespace
+
 std::string MarkForEarlierLosses(const Machine& machine, const Chain& chain)
 {
     std::string owed;
     for (const std::uint64_t sequence : chain.Losses()) {
-        json evidence = ReadLoss(chain, sequence);
-        const auto allMarked = evidence.find("allMarked");
-        if (allMarked != evidence.end() && *allMarked == true)
-            continue;
-        const Marking marking = MarkApplications(machine, chain, MarkedOf(evidence));
-        AddMarking(evidence, marking);
+        std::string problem;
         try {
-            WriteSmallFileDurably(chain.LossPath(sequence), FileText(evidence));
+            problem = MarkForLoss(machine, chain, sequence);
         } catch (const Failure& failure) {
-            owed = failure.what(); // the marks will be set once more
+            problem = fmt::format("no mark is set as long as it cannot be noted: {}", failure.what());
         }
-        if (!marking.problem.empty())
-            owed = marking.problem;
+        if (!problem.empty())
+            owed = problem;
     }
     return owed;
 }

@@ -7,7 +7,9 @@
 
 #include "audit.h"
 #include "failure.h"
+#include "loss_marks.h"
 #include "machine.h"
+#include "manifest.h"
 #include "reasons.h"
 #include "repository.h"
 
@@ -34,12 +36,6 @@ private:
     nlohmann::json m_evidence;
 };
 
-// Which applications are known to have the volume on their verify lists.
-struct Marking {
-    std::vector<std::string> marked;
-    std::string problem; // not empty: somebody may not, and why
-};
-
 // The loss that an audit found while a backup was being made. Its caller holds the locks of application and volume.
 class LossReport {
 public:
@@ -53,21 +49,30 @@ public:
 
 private:
     void Keep(const AuditResult& audit);
+    // Sets marks again that are off already; whose they are.
+    std::vector<std::string> MarkAgain();
 
     const Machine& m_machine;
     const Chain& m_chain;
     std::uint64_t m_sequence;
     std::string m_time;
+    std::string m_id; // of the evidence
     Marking m_marking;
     nlohmann::json m_evidence;
+    bool m_kept = false;   // the evidence in the repository is this loss's
     std::string m_notKept; // why the evidence is not in the repository
 };
 
-// The reason to read the whole volume that a loss leaves behind: there is evidence, and no backup since.
-std::optional<Reason> OpenLoss(const Chain& chain, std::uint64_t lastBackup);
+// The losses whose number is above a backup's, by what tells them from others of the same number. A backup that reads the
+// whole volume answers those of its own number and below by its place in the chain, and these by naming them: evidence
+// that somebody put into the chain may have any number.
+std::vector<AnsweredLoss> LossesBehind(const Chain& chain, std::uint64_t sequence);
 
-// Sets the marks that an earlier loss still owes to applications. Returns what goes on being owed, and why, in one
-// sentence; empty when nothing does.
+// The reason to read the whole volume that a loss leaves behind: there is evidence, and no backup since that answered it.
+std::optional<Reason> OpenLoss(const Chain& chain, const Manifest& last);
+
+// Sets the marks that an earlier loss still owes to applications, and looks once more at those that it set. Returns who
+// may not know of a loss, and why, in one sentence; empty when there is nothing to say. What cannot be helped is said once.
 std::string MarkForEarlierLosses(const Machine& machine, const Chain& chain);
 
 // The evidence of one loss; an object with "damaged" in it when it cannot be read.

@@ -95,6 +95,10 @@ Manifest FromJson(const json& object)
         if (audit.contains("problem"))
             m.audit->problem = audit.at("problem").get<std::string>();
     }
+    if (object.contains("answeredLosses")) {
+        for (const json& loss : object.at("answeredLosses"))
+            m.answered.push_back({Number(loss, "backup"), loss.at("id").get<std::string>()});
+    }
     if (blockSize == 0 || blockSize > MAX_BLOCK_SIZE || m.geometry.length == 0 || m.geometry.length > (1ULL << 62))
         throw std::runtime_error("impossible block size or length");
     m.geometry.blockSize = static_cast<std::uint32_t>(blockSize);
@@ -162,6 +166,8 @@ json ToJson(const Manifest& m)
         if (!m.audit->problem.empty())
             audit["problem"] = m.audit->problem;
     }
+    for (const AnsweredLoss& loss : m.answered)
+        object["answeredLosses"].push_back({{"backup", loss.sequence}, {"id", loss.id}});
     return object;
 }
 

@@ -21,6 +21,13 @@ enum class Kind {
 };
 const char* KindName(Kind kind) noexcept;
 
+// A loss of tracking (lost_tracking.h) that a backup answered, although its number is above the backup's own.
+struct AnsweredLoss {
+    std::uint64_t sequence = 0;
+    std::string id; // of the evidence
+    bool operator==(const AnsweredLoss&) const = default;
+};
+
 struct Manifest {
     std::uint64_t sequence = 0; // 1, 2, ... within its chain
     std::uint64_t base = 0;     // the full backup that this one builds on; itself for a full one
@@ -40,8 +47,9 @@ struct Manifest {
     std::uint64_t bytesRead = 0;      // from the snapshot
     std::uint64_t dataLength = 0;
     std::uint64_t indexLength = 0;
-    std::optional<AuditCounts> audit; // when one was asked for; no difference was found
-    std::string indexChecksum;        // as the index file ends with it
+    std::optional<AuditCounts> audit;   // when one was asked for; no difference was found
+    std::vector<AnsweredLoss> answered; // by this backup, or by those that it builds on
+    std::string indexChecksum;          // as the index file ends with it
 
     std::string checksum; // of this manifest as it is stored; set by FormatManifest and ParseManifest
 };

@@ -83,6 +83,12 @@ std::vector<VolumeName> FixedVolumes()
     return volumes;
 }
 
+bool IsKnownNotToBeFixed(const VolumeName& name)
+{
+    const UINT type = GetDriveTypeW(name.Path().c_str());
+    return type == DRIVE_REMOVABLE || type == DRIVE_REMOTE || type == DRIVE_CDROM || type == DRIVE_RAMDISK;
+}
+
 Volume::Volume(std::wstring device, Access access)
     : m_device(std::move(device)),
       m_handle(CreateFileW(m_device.c_str(), access == Access::Read ? GENERIC_READ : GENERIC_READ | GENERIC_WRITE,

@@ -30,6 +30,9 @@ std::optional<VolumeName> ParseVolumeName(std::wstring_view text);
 // GUIDs of all fixed volumes, sorted, so that whoever locks them all does it in one order.
 std::vector<VolumeName> FixedVolumes();
 
+// Whether the system says of what kind the volume is, and that it is none that a verify list can name.
+bool IsKnownNotToBeFixed(const VolumeName& name);
+
 // The blocks [begin, end).
 struct BlockRun {
     std::uint64_t begin = 0;

@@ -1,0 +1,115 @@
+#include "loss_marks.h"
+
+#include "failure.h"
+#include "library.h"
+#include "text.h"
+
+#include <vtfltmgr/VTFltMgr.h>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <optional>
+
+namespace vtbackup {
+namespace {
+
+// One application's mark.
+struct Mark {
+    std::string problem;    // not empty: the mark is not there, or may not stay, and why
+    bool fixedOnly = false; // it never can be there
+};
+
+// Puts every fixed volume on one application's verify list and looks whether this volume is there.
+Mark MarkOne(const Machine& machine, const std::wstring& id, const std::wstring& own, const VolumeName& volume)
+{
+    // A backup of that application, of another volume, writes its verify list back when it ends, and a mark set
+    // meanwhile may get lost. It is set all the same; but it is not relied on.
+    std::optional<Lock> lock;
+    std::string busy;
+    if (id != own) {
+        try {
+            lock.emplace(machine.Locks().Application(id), LockPurpose{id, volume.guid, L"mark"},
+                         fmt::format("application \"{}\"", ToUtf8(id)));
+        } catch (const Failure& failure) {
+            busy = fmt::format("the mark is set, but may be taken off again: {}", failure.what());
+        }
+    }
+    if (const DWORD result = VTAddVolumesToAppVerifyList(id.c_str()); result != 0)
+        return {fmt::format("VTAddVolumesToAppVerifyList failed: {}", ErrorText(result))};
+    // 0 is the answer of a driver that is down as well.
+    if (VTCanBLIDriverWork() == 0)
+        return {"the driver went down"};
+    if (VTIsVerifyRequired(id.c_str(), volume.Path().c_str()) != 0)
+        return {busy};
+    if (IsKnownNotToBeFixed(volume))
+        return {"its fixed volumes are marked, but no verify list can name this one, which is not fixed", true};
+    return {"the volume is not on its verify list"};
+}
+
+bool Contains(const std::vector<std::string>& list, const std::string& name)
+{
+    return std::find(list.begin(), list.end(), name) != list.end();
+}
+
+} // namespace
+
+// The driver keeps one bitmap for all applications: what it missed is missing in each one's. The library's export
+// marks all fixed volumes or none, which suits the case: a driver that missed a write on one volume is not to be
+// believed on the others.
+Marking MarkApplications(const Machine& machine, const Chain& chain, const Marking& before)
+{
+    const std::wstring own = ToWide(chain.Application());
+    Marking marking{before.marked, before.fixedOnly, {}, false};
+    std::vector<std::wstring> ids = {own};
+    std::string separator;
+    const auto addProblem = [&](const std::string& text, bool owed) {
+        marking.problem += separator + text;
+        separator = "; ";
+        marking.owed = marking.owed || owed;
+    };
+    try {
+        for (std::wstring& id : RegisteredApplications()) {
+            if (id != own)
+                ids.push_back(std::move(id));
+        }
+    } catch (const Failure& failure) {
+        addProblem(fmt::format("which applications there are is not known: {}", failure.what()), true);
+    }
+    for (const std::wstring& id : ids) {
+        const std::string name = ToUtf8(id);
+        if (Contains(marking.marked, name) || Contains(marking.fixedOnly, name))
+            continue;
+        const Mark mark = MarkOne(machine, id, own, chain.Volume());
+        if (mark.problem.empty())
+            marking.marked.push_back(name);
+        else
+            addProblem(fmt::format("application \"{}\": {}", name, mark.problem), !mark.fixedOnly);
+        if (mark.fixedOnly)
+            marking.fixedOnly.push_back(name);
+    }
+    return marking;
+}
+
+std::vector<std::string> Strangers(const Machine& machine, const Chain& chain, const Marking& marking)
+{
+    std::vector<std::string> strangers = marking.marked;
+    std::erase_if(strangers, [&](const std::string& name) {
+        return name == chain.Application() || machine.State().Read(name, chain.Volume()).has_value();
+    });
+    return strangers;
+}
+
+std::vector<std::string> WithoutMark(const Chain& chain, const std::vector<std::string>& applications)
+{
+    std::vector<std::string> without = applications;
+    std::erase_if(without, [&](const std::string& name) {
+        const std::wstring id = ToWide(name);
+        // One that is no longer registered has nothing to lose; a driver that is down makes every answer "no".
+        return VTCanAppUseBLIDriver(id.c_str()) == 0 ||
+               VTIsVerifyRequired(id.c_str(), chain.Volume().Path().c_str()) != 0;
+    });
+    return without;
+}
+
+} // namespace vtbackup

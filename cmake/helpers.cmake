@@ -29,6 +29,18 @@ function(vt_split_debug target)
         VERBATIM)
 endfunction()
 
+# vt_in_batches(<target> [<source that stands alone>...]): has the target's sources compiled eight at a time, one behind
+# the other in one file: half the time of the compiler goes into the headers. For tools and tests, whose headers are large
+# templates; the library's sources are compiled one by one. Who edits a tool may prefer VT_BATCHES=OFF: then less is
+# compiled again. In a batch the names in unnamed namespaces have to differ.
+option(VT_BATCHES "Compile the sources of tools and tests in batches" ON)
+function(vt_in_batches target)
+    if(VT_BATCHES)
+        set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 8)
+        set_source_files_properties(${ARGN} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
+    endif()
+endfunction()
+
 # vt_add_program(<name> <source>...): a Windows command-line program with wmain as its entry, so that arguments
 # arrive in UTF-16.
 function(vt_add_program name)

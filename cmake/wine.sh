@@ -4,9 +4,11 @@
 #   cmake/wine.sh PROGRAM [ARGUMENT...]   run a program; its output and exit code are passed on
 #   cmake/wine.sh --prepare               make the prefix (once, about ten seconds)
 #   cmake/wine.sh --stop                  end every program of the prefix and its server
+#   cmake/wine.sh --stop-all              the same for all prefixes below build
 #
-# The prefix is build/wine below the project, or WINEPREFIX where that is set. CMake and ctest run every test
-# program through this script, so a test behaves the same by hand, in ctest and in ./dev.
+# The prefix is build/wine below the project, or WINEPREFIX where that is set: tests that need not wait for one
+# another have different ones. CMake and ctest run every test program through this script, so a test behaves the
+# same by hand, in ctest and in ./dev.
 set -eu
 
 project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -50,16 +52,26 @@ start_session() {
     exec 9>&-
 }
 
+stop() {
+    [ -e "$1/.prepared" ] || return 0
+    WINEPREFIX=$1 quietly wineserver -k || true
+    WINEPREFIX=$1 quietly wineserver -w || true
+}
+
 case ${1:-} in
     --prepare)
         start_session
         ;;
     --stop)
-        [ ! -e "$ready" ] || quietly wineserver -k || true
-        [ ! -e "$ready" ] || quietly wineserver -w || true
+        stop "$WINEPREFIX"
+        ;;
+    --stop-all)
+        for prefix in "$project"/build/wine*/; do
+            stop "${prefix%/}"
+        done
         ;;
     '' | --help)
-        sed -n '2,9s/^# \{0,1\}//p' "${BASH_SOURCE[0]}"
+        sed -n '2,12s/^# \{0,1\}//p' "${BASH_SOURCE[0]}"
         ;;
     *)
         start_session

@@ -22,7 +22,7 @@ using List = std::vector<std::wstring>;
 
 constexpr wchar_t LIST_KEY[] = L"SYSTEM\\CurrentControlSet\\Services\\VTFlt";
 
-std::vector<std::uint8_t> Bytes(std::wstring_view text)
+std::vector<std::uint8_t> ListBytes(std::wstring_view text)
 {
     std::vector<std::uint8_t> bytes;
     for (const wchar_t character : text) {
@@ -36,14 +36,14 @@ class StoredLists : public ::testing::Test {
 protected:
     void Store(const wchar_t* value, std::wstring_view text, DWORD type = REG_MULTI_SZ) const
     {
-        registry.Set(LIST_KEY, value, type, Bytes(text));
+        registry.Set(LIST_KEY, value, type, ListBytes(text));
     }
     void ExpectStored(const wchar_t* value, std::wstring_view text) const
     {
         const vttest::RegistrySandbox::Value stored = registry.Get(LIST_KEY, value);
         EXPECT_EQ(static_cast<DWORD>(ERROR_SUCCESS), stored.error);
         EXPECT_EQ(static_cast<DWORD>(REG_MULTI_SZ), stored.type);
-        EXPECT_EQ(Bytes(text), stored.bytes);
+        EXPECT_EQ(ListBytes(text), stored.bytes);
     }
     void ExpectAbsent(const wchar_t* value) const
     {
@@ -51,7 +51,7 @@ protected:
     }
     void Register(std::wstring_view ids) const
     {
-        registry.Set(APPLICATION_IDS_KEY, APPLICATION_IDS_VALUE, REG_MULTI_SZ, Bytes(ids));
+        registry.Set(APPLICATION_IDS_KEY, APPLICATION_IDS_VALUE, REG_MULTI_SZ, ListBytes(ids));
     }
     // Puts an object of another kind under a mutex's name.
     static UniqueHandle Block(const wchar_t* name) { return UniqueHandle(CreateEventW(nullptr, FALSE, FALSE, name)); }

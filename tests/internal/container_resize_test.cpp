@@ -11,7 +11,7 @@ using vtflt::BASE_BITMAP;
 using vtflt::CHILD_BITMAP;
 using vtflt::VTFLTCTL_GET_BLOCK_SIZE;
 
-constexpr DWORD GET_LENGTH = IOCTL_DISK_GET_LENGTH_INFO;
+constexpr DWORD RESIZE_GET_LENGTH = IOCTL_DISK_GET_LENGTH_INFO;
 
 class ContainerResize : public ContainerTest {};
 
@@ -152,7 +152,7 @@ TEST_F(ContainerRemap, LengthThatCannotBeHadIsAGeneralFailureAndLogsNothing)
 {
     HaveBase(Bytes(FRESH_BITMAP_BYTES, 0xFF));
     const Bytes before = BaseImage();
-    machine.FailRequest(GET_LENGTH, ERROR_NOT_READY);
+    machine.FailRequest(RESIZE_GET_LENGTH, ERROR_NOT_READY);
     EXPECT_EQ(container->RemapOldBitmapToNewBlockSize(BASE_BITMAP), 0xFFFFFFFFu);
     log.ExpectNothingLogged();
     ExpectUntouched(before);

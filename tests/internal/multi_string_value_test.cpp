@@ -15,7 +15,7 @@ using namespace vtflt;
 constexpr wchar_t KEY[] = L"SOFTWARE\\VTFltMgrTest";
 constexpr wchar_t VALUE[] = L"Entries";
 
-std::vector<std::uint8_t> Bytes(std::wstring_view text)
+std::vector<std::uint8_t> BytesOf(std::wstring_view text)
 {
     std::vector<std::uint8_t> bytes;
     for (const wchar_t character : text) {
@@ -27,13 +27,13 @@ std::vector<std::uint8_t> Bytes(std::wstring_view text)
 
 class MultiStringValue : public ::testing::Test {
 protected:
-    void Store(std::wstring_view text) { registry.Set(KEY, VALUE, REG_MULTI_SZ, Bytes(text)); }
+    void Store(std::wstring_view text) { registry.Set(KEY, VALUE, REG_MULTI_SZ, BytesOf(text)); }
     void ExpectStored(std::wstring_view text, DWORD type = REG_MULTI_SZ) const
     {
         const vttest::RegistrySandbox::Value value = registry.Get(KEY, VALUE);
         EXPECT_EQ(static_cast<DWORD>(ERROR_SUCCESS), value.error);
         EXPECT_EQ(type, value.type);
-        EXPECT_EQ(Bytes(text), value.bytes);
+        EXPECT_EQ(BytesOf(text), value.bytes);
     }
     void ExpectAbsent() const { EXPECT_EQ(static_cast<DWORD>(ERROR_FILE_NOT_FOUND), registry.Get(KEY, VALUE).error); }
 
@@ -90,7 +90,7 @@ TEST_F(AddEntry, ToAValueOfNoBytesStartsItAfresh)
 
 TEST_F(AddEntry, KeepsTheTypeOfTheValue)
 {
-    registry.Set(KEY, VALUE, REG_BINARY, Bytes(L"A\0\0"sv));
+    registry.Set(KEY, VALUE, REG_BINARY, BytesOf(L"A\0\0"sv));
     EXPECT_EQ(0u, AddMultiSZRegistryEntry(KEY, VALUE, L"B"));
     ExpectStored(L"A\0B\0\0"sv, REG_BINARY);
 }
@@ -153,7 +153,7 @@ TEST_F(RemoveEntry, FromAValueWithoutItsEndStoresExactlyWhatRemains)
 
 TEST_F(RemoveEntry, KeepsTheTypeOfTheValue)
 {
-    registry.Set(KEY, VALUE, REG_BINARY, Bytes(L"A\0B\0\0"sv));
+    registry.Set(KEY, VALUE, REG_BINARY, BytesOf(L"A\0B\0\0"sv));
     EXPECT_EQ(0u, RemoveMultiSZRegistryEntry(KEY, VALUE, L"A"));
     ExpectStored(L"B\0\0"sv, REG_BINARY);
 }
@@ -177,7 +177,7 @@ TEST_F(RemoveEntry, OnAKeyThatCannotBeReadLogsTheFailedQuery)
 
 TEST_F(ReadApplicationIds, AppendsThemInStoredOrder)
 {
-    registry.Set(APPLICATION_IDS_KEY, APPLICATION_IDS_VALUE, REG_MULTI_SZ, Bytes(L"b\0a\0\0"sv));
+    registry.Set(APPLICATION_IDS_KEY, APPLICATION_IDS_VALUE, REG_MULTI_SZ, BytesOf(L"b\0a\0\0"sv));
     std::vector<std::wstring> list{L"before"};
     EXPECT_EQ(0u, ReadValueEntry(list));
     EXPECT_TRUE(list == (std::vector<std::wstring>{L"before", L"b", L"a"}));
@@ -196,7 +196,7 @@ TEST_F(ReadApplicationIds, AnAbsentValueAnswers2AndCreatesTheKey)
 
 TEST_F(ReadApplicationIds, AStrayEmptyEntryReadsAsTheEmptyString)
 {
-    registry.Set(APPLICATION_IDS_KEY, APPLICATION_IDS_VALUE, REG_MULTI_SZ, Bytes(L"A\0\0\0"sv));
+    registry.Set(APPLICATION_IDS_KEY, APPLICATION_IDS_VALUE, REG_MULTI_SZ, BytesOf(L"A\0\0\0"sv));
     std::vector<std::wstring> list;
     EXPECT_EQ(0u, ReadValueEntry(list));
     EXPECT_TRUE(list == (std::vector<std::wstring>{L"A", L""}));
@@ -205,7 +205,7 @@ TEST_F(ReadApplicationIds, AStrayEmptyEntryReadsAsTheEmptyString)
 TEST_F(ReadApplicationIds, AnEmptiedOrByteLessValueIsAnEmptyList)
 {
     for (const std::wstring_view text : {L"\0"sv, L""sv}) {
-        registry.Set(APPLICATION_IDS_KEY, APPLICATION_IDS_VALUE, REG_MULTI_SZ, Bytes(text));
+        registry.Set(APPLICATION_IDS_KEY, APPLICATION_IDS_VALUE, REG_MULTI_SZ, BytesOf(text));
         std::vector<std::wstring> list;
         EXPECT_EQ(0u, ReadValueEntry(list));
         EXPECT_TRUE(list.empty());
@@ -221,12 +221,12 @@ TEST_F(ReadApplicationIds, ANullOutputIsABadArgument)
 
 TEST_F(ReadApplicationIds, HandsTheBytesToTheCaller)
 {
-    registry.Set(APPLICATION_IDS_KEY, APPLICATION_IDS_VALUE, REG_MULTI_SZ, Bytes(L"A\0\0"sv));
+    registry.Set(APPLICATION_IDS_KEY, APPLICATION_IDS_VALUE, REG_MULTI_SZ, BytesOf(L"A\0\0"sv));
     BYTE* bytes = nullptr;
     DWORD size = 0;
     EXPECT_EQ(0u, ReadMutliSZRegistryValue(registry.Open(APPLICATION_IDS_KEY).get(), &bytes, &size));
     const std::unique_ptr<BYTE[]> owner(bytes);
-    EXPECT_EQ(Bytes(L"A\0\0"sv), std::vector<std::uint8_t>(bytes, bytes + size));
+    EXPECT_EQ(BytesOf(L"A\0\0"sv), std::vector<std::uint8_t>(bytes, bytes + size));
 }
 
 TEST_F(ReadApplicationIds, ANullSizeIsABadArgumentToo)

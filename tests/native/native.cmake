@@ -13,6 +13,7 @@ endif()
 add_executable(unit_tests ${unit_sources} native/format.cpp native/wide.c)
 target_include_directories(unit_tests PRIVATE "${CMAKE_CURRENT_SOURCE_DIR}")
 target_link_libraries(unit_tests PRIVATE vtfltmgr_core googletest project_warnings)
+vt_in_batches(unit_tests)
 add_test(NAME ${VT_CONFIGURATION}.unit_tests COMMAND unit_tests --gtest_brief=1)
 
 add_test(NAME ${VT_CONFIGURATION}.no_wide_imports

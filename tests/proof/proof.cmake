@@ -13,6 +13,7 @@ add_dependencies(vtfltproof.p0000 double_host)
 set_target_properties(vtfltproof.p0000 PROPERTIES EXCLUDE_FROM_ALL ON)
 
 vt_add_double_program(proof_tests LINKED ${proof_sources} ${proof_test_sources} ${support_sources})
+vt_in_batches(proof_tests.p0000)
 vt_add_double_test(double.proof_tests proof_tests)
 # A process that is killed leaves on the stack what the double and the simulator had there; of the library's own heap each
 # process's account is looked at when it ends.

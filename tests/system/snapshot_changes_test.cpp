@@ -11,11 +11,11 @@ namespace {
 
 using namespace vtflt;
 
-constexpr wchar_t SUCCESS[] =
-    L"CMultiBitmapManager::VTDeviceIoControl: SUCCESS :: VTFLTCTL_SYNC_SNAPSHOT_CHANGES_TO_VOLUME_BITMAP";
+constexpr wchar_t SNAPSHOT_SUCCESS[] =
+    L"CMultiBitmapManager::VTDeviceIoControl: SNAPSHOT_SUCCESS :: VTFLTCTL_SYNC_SNAPSHOT_CHANGES_TO_VOLUME_BITMAP";
 constexpr wchar_t SYNC_FAILED[] = L"CMultiBitmapManager::VTDeviceIoControl: Failed to sync snapshot changes to child "
                                   L"bitmap. Next job will be verify backup.";
-constexpr wchar_t OTHER_VOLUME[] = L"{11111111-2222-3333-4444-555555555555}";
+constexpr wchar_t SNAPSHOTS_OTHER_VOLUME[] = L"{11111111-2222-3333-4444-555555555555}";
 
 class SnapshotChanges : public CycleTest {
 protected:
@@ -47,7 +47,7 @@ TEST_F(SnapshotChanges, AreNotSentToTheDriver)
     EXPECT_EQ(0u, session->SyncChanges(BufferOf(BUFFER_LENGTH, {60})));
     EXPECT_TRUE(RequestCodes().empty());
     EXPECT_EQ(0u, OwedByDriver());
-    log.ExpectLogged(2, 0, SUCCESS);
+    log.ExpectLogged(2, 0, SNAPSHOT_SUCCESS);
 }
 
 TEST_F(SnapshotChanges, PutTheVolumeOnTheVerifyListBeforeTheFileIsTouchedAndTakeItOffAfterwards)
@@ -69,19 +69,19 @@ TEST_F(SnapshotChanges, PutTheVolumeOnTheVerifyListBeforeTheFileIsTouchedAndTake
 
 TEST_F(SnapshotChanges, KeepTheOtherVolumesOfTheVerifyList)
 {
-    SetVerifyList(L"app1", {OTHER_VOLUME});
+    SetVerifyList(L"app1", {SNAPSHOTS_OTHER_VOLUME});
     const auto session = Open(L"app1");
     EXPECT_EQ(0u, session->SyncChanges(BufferOf(BUFFER_LENGTH, {60})));
-    EXPECT_EQ((std::vector<std::wstring>{OTHER_VOLUME}), VerifyList(L"app1"));
+    EXPECT_EQ((std::vector<std::wstring>{SNAPSHOTS_OTHER_VOLUME}), VerifyList(L"app1"));
 }
 
 TEST_F(SnapshotChanges, NeitherAddNorRemoveAVolumeThatIsOnTheVerifyListAlready)
 {
-    SetVerifyList(L"app1", {OTHER_VOLUME, volume.guid});
+    SetVerifyList(L"app1", {SNAPSHOTS_OTHER_VOLUME, volume.guid});
     const auto session = Open(L"app1");
     VTFltSimResetCounts();
     EXPECT_EQ(0u, session->SyncChanges(BufferOf(BUFFER_LENGTH, {60})));
-    EXPECT_EQ((std::vector<std::wstring>{OTHER_VOLUME, volume.guid}), VerifyList(L"app1"));
+    EXPECT_EQ((std::vector<std::wstring>{SNAPSHOTS_OTHER_VOLUME, volume.guid}), VerifyList(L"app1"));
     EXPECT_EQ(0u, VTFltSimGetCallCount(L"RegSetValueExW"));
     EXPECT_EQ((BlockSet{60}), Blocks(Child(volume, L"app1")));
     log.ExpectLogged(2, 0, L"CMultiBitmapManager::IsVerifyRequired::Found the volume for verify backup");
@@ -89,7 +89,7 @@ TEST_F(SnapshotChanges, NeitherAddNorRemoveAVolumeThatIsOnTheVerifyListAlready)
 
 TEST_F(SnapshotChanges, NeitherAddNorRemoveAMarkWhenTheVerifyListCannotBeRead)
 {
-    SetVerifyList(L"app1", {OTHER_VOLUME});
+    SetVerifyList(L"app1", {SNAPSHOTS_OTHER_VOLUME});
     const auto session = Open(L"app1");
     VTFltSimResetCounts();
     vtfltsim::FailCall(L"RegQueryValueExW", ERROR_ACCESS_DENIED, L"app1.Last", 1, 0);
@@ -97,7 +97,7 @@ TEST_F(SnapshotChanges, NeitherAddNorRemoveAMarkWhenTheVerifyListCannotBeRead)
     ClearFaults();
     EXPECT_EQ(0u, VTFltSimGetCallCount(L"RegSetValueExW"));
     EXPECT_EQ(0u, VTFltSimGetCallCount(L"RegDeleteValueW"));
-    EXPECT_EQ((std::vector<std::wstring>{OTHER_VOLUME}), VerifyList(L"app1"));
+    EXPECT_EQ((std::vector<std::wstring>{SNAPSHOTS_OTHER_VOLUME}), VerifyList(L"app1"));
     EXPECT_EQ((BlockSet{60}), Blocks(Child(volume, L"app1")));
 }
 
@@ -113,7 +113,7 @@ TEST_F(SnapshotChanges, OfOneByteLessThanTheChildAreIgnoredAndReportSuccess)
         EXPECT_FALSE(call.starts_with(L"WriteFile")) << Narrow(call);
     EXPECT_EQ(before, Child(volume, L"app1").image);
     EXPECT_TRUE(VerifyList(L"app1").empty());
-    log.ExpectLogged(2, 0, SUCCESS);
+    log.ExpectLogged(2, 0, SNAPSHOT_SUCCESS);
 }
 
 TEST_F(SnapshotChanges, LongerThanTheChildAreCutAtIt)
@@ -162,7 +162,7 @@ TEST_F(SnapshotChanges, OnAMissingChildWhoseVolumeCannotBeListedEndWithTheListsE
 
 TEST_F(SnapshotChanges, GoOnWhenTheVolumeCannotBePutOnTheVerifyList)
 {
-    SetVerifyList(L"app1", {OTHER_VOLUME});
+    SetVerifyList(L"app1", {SNAPSHOTS_OTHER_VOLUME});
     const auto session = Open(L"app1");
     vtfltsim::FailCall(L"RegSetValueExW", ERROR_ACCESS_DENIED, L"app1.Last");
     VTFltSimResetCounts();
@@ -171,7 +171,7 @@ TEST_F(SnapshotChanges, GoOnWhenTheVolumeCannotBePutOnTheVerifyList)
         {Failed(5, L"CMultiBitmapManager::VTDeviceIoControl: Failed to add volume to verify list, " + VolumeName())},
         1);
     EXPECT_EQ((BlockSet{60}), Blocks(Child(volume, L"app1")));
-    EXPECT_EQ((std::vector<std::wstring>{OTHER_VOLUME}), VerifyList(L"app1"));
+    EXPECT_EQ((std::vector<std::wstring>{SNAPSHOTS_OTHER_VOLUME}), VerifyList(L"app1"));
     EXPECT_EQ(1u, VTFltSimGetCallCount(L"RegSetValueExW")) << "nothing was added, so nothing is removed";
 }
 
@@ -183,7 +183,7 @@ TEST_F(SnapshotChanges, SucceedWhenTheVolumeCannotBeTakenOffTheVerifyList)
     log.ExpectLogged(0, 5,
                      L"CMultiBitmapManager::VTDeviceIoControl: Failed to remove volume " + VolumeName() +
                          L" from verify list. Next job will be verify backup.");
-    log.ExpectLogged(2, 0, SUCCESS);
+    log.ExpectLogged(2, 0, SNAPSHOT_SUCCESS);
     EXPECT_EQ(OnlyThisVolume(), VerifyList(L"app1"));
 }
 
@@ -203,13 +203,13 @@ TEST_F(SnapshotChanges, ThatCannotBeReadOrWrittenLeaveTheVolumeOnTheVerifyList)
           SyncFailure{L"CreateFileW", 2, 5, 183}, SyncFailure{L"SetFilePointer", 2, 131, 131},
           SyncFailure{L"WriteFile", 1, 112, 112}, SyncFailure{L"FlushFileBuffers", 1, 1117, 1117}}) {
         WriteFileBytes(volume, ChildName(L"app1"), MakeBitmapImage(BLOCK, Bytes(BUFFER_LENGTH)));
-        SetVerifyList(L"app1", {OTHER_VOLUME});
+        SetVerifyList(L"app1", {SNAPSHOTS_OTHER_VOLUME});
         log.Clear();
         vtfltsim::FailCall(failure.function, failure.error, L"_child_app1", failure.nth);
         EXPECT_EQ(failure.result, session->SyncChanges(BufferOf(BUFFER_LENGTH, {60}))) << Narrow(failure.function);
         ClearFaults();
         log.ExpectLogged(0, failure.result, SYNC_FAILED);
-        EXPECT_EQ((std::vector<std::wstring>{volume.guid, OTHER_VOLUME}), VerifyList(L"app1"));
+        EXPECT_EQ((std::vector<std::wstring>{volume.guid, SNAPSHOTS_OTHER_VOLUME}), VerifyList(L"app1"));
     }
 }
 

@@ -10,7 +10,7 @@ namespace {
 
 using nlohmann::json;
 
-constexpr DWORD EXIT_LOST_TRACKING = 12;
+constexpr DWORD EXIT_LOST = 12;
 
 bool Contains(const std::string& text, const std::string& part)
 {
@@ -268,7 +268,7 @@ TEST_F(VtBackupHtml, WhatAnAuditBoundsAndWhatOneFoundStandsThere)
     EXPECT_FALSE(Contains(page, "id=\"losses\""));
     vtfltsim::Check("forget", VTFltSimForgetWrites(machine.handle(), volume.guid.c_str(), 1));
     Write(40, 0x66);
-    ASSERT_EQ(EXIT_LOST_TRACKING, Run(audit).exitCode);
+    ASSERT_EQ(EXIT_LOST, Run(audit).exitCode);
     page = Page();
     const std::string losses = Between(page, "<section id=\"losses\">", "</section>");
     EXPECT_TRUE(Contains(losses, "lost tracking was found before backup 3")) << losses;

@@ -19,7 +19,7 @@ using vtflt::RegistryBytes;
 using namespace std::string_view_literals;
 
 // The bytes of a text with the NULs that it shows.
-RegistryBytes Bytes(std::wstring_view text)
+RegistryBytes BytesOf(std::wstring_view text)
 {
     RegistryBytes bytes;
     for (const wchar_t character : text) {
@@ -74,7 +74,7 @@ void ForSmallValues(const Check& check)
 
 TEST(FindMultiSZEntry, FindsEveryEntryAtItsPosition)
 {
-    const RegistryBytes value = Bytes(L"App1\0App2\0\0"sv);
+    const RegistryBytes value = BytesOf(L"App1\0App2\0\0"sv);
     EXPECT_EQ(0, FindMultiSZEntry(value, L"App1"));
     EXPECT_EQ(5, FindMultiSZEntry(value, L"App2"));
     EXPECT_EQ(-1, FindMultiSZEntry(value, L"App3"));
@@ -82,34 +82,34 @@ TEST(FindMultiSZEntry, FindsEveryEntryAtItsPosition)
 
 TEST(FindMultiSZEntry, FindsTheTailOfALongerEntry)
 {
-    EXPECT_EQ(2, FindMultiSZEntry(Bytes(L"MyApp1\0\0"sv), L"App1"));
+    EXPECT_EQ(2, FindMultiSZEntry(BytesOf(L"MyApp1\0\0"sv), L"App1"));
 }
 
 TEST(FindMultiSZEntry, DoesNotFindTheHeadOfALongerEntry)
 {
-    EXPECT_EQ(-1, FindMultiSZEntry(Bytes(L"App12\0\0"sv), L"App1"));
+    EXPECT_EQ(-1, FindMultiSZEntry(BytesOf(L"App12\0\0"sv), L"App1"));
 }
 
 TEST(FindMultiSZEntry, TellsCasesApart)
 {
-    EXPECT_EQ(-1, FindMultiSZEntry(Bytes(L"App1\0\0"sv), L"app1"));
+    EXPECT_EQ(-1, FindMultiSZEntry(BytesOf(L"App1\0\0"sv), L"app1"));
 }
 
 TEST(FindMultiSZEntry, ComparesWholeCodeUnits)
 {
-    EXPECT_EQ(-1, FindMultiSZEntry(Bytes(L"\x0141\0\0"sv), L"A"));
-    EXPECT_EQ(0, FindMultiSZEntry(Bytes(L"\x0141\0\0"sv), L"\x0141"));
+    EXPECT_EQ(-1, FindMultiSZEntry(BytesOf(L"\x0141\0\0"sv), L"A"));
+    EXPECT_EQ(0, FindMultiSZEntry(BytesOf(L"\x0141\0\0"sv), L"\x0141"));
 }
 
 TEST(FindMultiSZEntry, GivesTheFirstOfSeveralMatches)
 {
-    EXPECT_EQ(1, FindMultiSZEntry(Bytes(L"XA\0A\0\0"sv), L"A"));
+    EXPECT_EQ(1, FindMultiSZEntry(BytesOf(L"XA\0A\0\0"sv), L"A"));
 }
 
 TEST(FindMultiSZEntry, NeedsTheNulBehindTheEntryInsideTheData)
 {
-    EXPECT_EQ(-1, FindMultiSZEntry(Bytes(L"App1"sv), L"App1"));
-    RegistryBytes halfNul = Bytes(L"App1"sv);
+    EXPECT_EQ(-1, FindMultiSZEntry(BytesOf(L"App1"sv), L"App1"));
+    RegistryBytes halfNul = BytesOf(L"App1"sv);
     halfNul.push_back(0);
     EXPECT_EQ(-1, FindMultiSZEntry(halfNul, L"App1"));
     halfNul.push_back(0);
@@ -135,8 +135,8 @@ TEST(FindMultiSZEntry, ABoundBelowTheBufferCutsTheScan)
 
 TEST(FindMultiSZEntry, AnEmptyEntryIsFoundAtTheFirstNul)
 {
-    EXPECT_EQ(2, FindMultiSZEntry(Bytes(L"AB\0\0"sv), L""));
-    EXPECT_EQ(-1, FindMultiSZEntry(Bytes(L"AB"sv), L""));
+    EXPECT_EQ(2, FindMultiSZEntry(BytesOf(L"AB\0\0"sv), L""));
+    EXPECT_EQ(-1, FindMultiSZEntry(BytesOf(L"AB"sv), L""));
     EXPECT_EQ(-1, FindMultiSZEntry(RegistryBytes{}, L""));
 }
 
@@ -149,52 +149,52 @@ TEST(FindMultiSZEntry, FindsNothingInValuesOfLessThanACharacter)
 
 TEST(FindMultiSZEntry, AnEntryLongerThanTheValueIsNotFound)
 {
-    EXPECT_EQ(-1, FindMultiSZEntry(Bytes(L"A\0\0"sv), L"A long entry"));
+    EXPECT_EQ(-1, FindMultiSZEntry(BytesOf(L"A\0\0"sv), L"A long entry"));
 }
 
 TEST(ComposeAddedEntry, AnAbsentValueBecomesTheEntryAndTwoNuls)
 {
-    EXPECT_EQ(Bytes(L"App1\0\0"sv), ComposeAddedEntry({}, L"App1"));
+    EXPECT_EQ(BytesOf(L"App1\0\0"sv), ComposeAddedEntry({}, L"App1"));
 }
 
 TEST(ComposeAddedEntry, AppendsBehindTheLastEntry)
 {
-    EXPECT_EQ(Bytes(L"App1\0App2\0\0"sv), ComposeAddedEntry(Bytes(L"App1\0\0"sv), L"App2"));
-    EXPECT_EQ(Bytes(L"A\0B\0C\0\0"sv), ComposeAddedEntry(Bytes(L"A\0B\0\0"sv), L"C"));
+    EXPECT_EQ(BytesOf(L"App1\0App2\0\0"sv), ComposeAddedEntry(BytesOf(L"App1\0\0"sv), L"App2"));
+    EXPECT_EQ(BytesOf(L"A\0B\0C\0\0"sv), ComposeAddedEntry(BytesOf(L"A\0B\0\0"sv), L"C"));
 }
 
 TEST(ComposeAddedEntry, App1IsAppendedToAListThatHoldsApp12)
 {
-    EXPECT_EQ(Bytes(L"App12\0App1\0\0"sv), ComposeAddedEntry(Bytes(L"App12\0\0"sv), L"App1"));
+    EXPECT_EQ(BytesOf(L"App12\0App1\0\0"sv), ComposeAddedEntry(BytesOf(L"App12\0\0"sv), L"App1"));
 }
 
 TEST(ComposeAddedEntry, AnEntryThatDiffersInCaseIsAppended)
 {
-    EXPECT_EQ(Bytes(L"App1\0app1\0\0"sv), ComposeAddedEntry(Bytes(L"App1\0\0"sv), L"app1"));
+    EXPECT_EQ(BytesOf(L"App1\0app1\0\0"sv), ComposeAddedEntry(BytesOf(L"App1\0\0"sv), L"app1"));
 }
 
 TEST(ComposeAddedEntry, AValueWithOneNulAtItsEndIsContinuedBehindIt)
 {
-    EXPECT_EQ(Bytes(L"A\0B\0\0"sv), ComposeAddedEntry(Bytes(L"A\0"sv), L"B"));
+    EXPECT_EQ(BytesOf(L"A\0B\0\0"sv), ComposeAddedEntry(BytesOf(L"A\0"sv), L"B"));
 }
 
 TEST(ComposeAddedEntry, StrayEmptyEntriesAtTheEndAreOverwritten)
 {
-    EXPECT_EQ(Bytes(L"A\0B\0\0"sv), ComposeAddedEntry(Bytes(L"A\0\0\0\0\0"sv), L"B"));
+    EXPECT_EQ(BytesOf(L"A\0B\0\0"sv), ComposeAddedEntry(BytesOf(L"A\0\0\0\0\0"sv), L"B"));
 }
 
 TEST(ComposeAddedEntry, AValueWithoutANulIsOverwrittenFromItsStart)
 {
-    EXPECT_EQ(Bytes(L"XYcdef\0\0"sv), ComposeAddedEntry(Bytes(L"abcdef"sv), L"XY"));
-    EXPECT_EQ(Bytes(L"WXYZ\0\0"sv), ComposeAddedEntry(Bytes(L"ab"sv), L"WXYZ"));
+    EXPECT_EQ(BytesOf(L"XYcdef\0\0"sv), ComposeAddedEntry(BytesOf(L"abcdef"sv), L"XY"));
+    EXPECT_EQ(BytesOf(L"WXYZ\0\0"sv), ComposeAddedEntry(BytesOf(L"ab"sv), L"WXYZ"));
 }
 
 TEST(ComposeAddedEntry, AValueOfOnlyNulsIsOverwrittenFromItsStart)
 {
     for (std::size_t size = 0; size <= 10; size += 2)
-        EXPECT_EQ(Bytes(L"App1\0\0"sv), ComposeAddedEntry(RegistryBytes(size), L"App1")) << size;
+        EXPECT_EQ(BytesOf(L"App1\0\0"sv), ComposeAddedEntry(RegistryBytes(size), L"App1")) << size;
     // An odd size: the zeros behind the entry are counted in pairs, which leaves one byte of the 4 unwritten.
-    RegistryBytes oddResult = Bytes(L"App1\0\0"sv);
+    RegistryBytes oddResult = BytesOf(L"App1\0\0"sv);
     oddResult.pop_back();
     for (std::size_t size = 1; size <= 9; size += 2)
         EXPECT_EQ(oddResult, ComposeAddedEntry(RegistryBytes(size), L"App1")) << size;
@@ -204,17 +204,17 @@ TEST(ComposeAddedEntry, LeadingNulsAreStrippedAndAsMuchIsLeftOutAtTheEnd)
 {
     // 2 leading zero bytes: 10 - 4 bytes are copied from byte 2 on, and the trailing NULs are counted in the first 8
     // bytes, where there is one. The entry lands behind a NUL too many.
-    EXPECT_EQ(Bytes(L"AB\0\0C\0\0"sv), ComposeAddedEntry(Bytes(L"\0AB\0\0"sv), L"C"));
+    EXPECT_EQ(BytesOf(L"AB\0\0C\0\0"sv), ComposeAddedEntry(BytesOf(L"\0AB\0\0"sv), L"C"));
     // No trailing NUL: the entry lands on the start.
-    EXPECT_EQ(Bytes(L"XBC\0\0"sv), ComposeAddedEntry(Bytes(L"\0ABCD"sv), L"X"));
+    EXPECT_EQ(BytesOf(L"XBC\0\0"sv), ComposeAddedEntry(BytesOf(L"\0ABCD"sv), L"X"));
 }
 
 TEST(ComposeAddedEntry, MoreLeadingNulsThanDataLeaveNothingToCopy)
 {
     // 6 leading zero bytes, 4 bytes of data: the first 4 bytes are looked at and are NULs.
-    EXPECT_EQ(Bytes(L"\0X\0\0"sv), ComposeAddedEntry(Bytes(L"\0\0\0AB"sv), L"X"));
+    EXPECT_EQ(BytesOf(L"\0X\0\0"sv), ComposeAddedEntry(BytesOf(L"\0\0\0AB"sv), L"X"));
     // As many as data.
-    EXPECT_EQ(Bytes(L"\0X\0\0"sv), ComposeAddedEntry(Bytes(L"\0\0AB"sv), L"X"));
+    EXPECT_EQ(BytesOf(L"\0X\0\0"sv), ComposeAddedEntry(BytesOf(L"\0\0AB"sv), L"X"));
 }
 
 TEST(ComposeAddedEntry, AnOddSizeKeepsItsOddByte)
@@ -230,14 +230,14 @@ TEST(ComposeAddedEntry, AnOddSizeKeepsItsOddByte)
 
 TEST(ComposeAddedEntry, CharactersWithAZeroByteAreNoNuls)
 {
-    EXPECT_EQ(Bytes(L"\x0100\0B\0\0"sv), ComposeAddedEntry(Bytes(L"\x0100\0\0"sv), L"B"));
-    EXPECT_EQ(Bytes(L"A\0\x0100\0\0"sv), ComposeAddedEntry(Bytes(L"A\0\0"sv), L"\x0100"));
+    EXPECT_EQ(BytesOf(L"\x0100\0B\0\0"sv), ComposeAddedEntry(BytesOf(L"\x0100\0\0"sv), L"B"));
+    EXPECT_EQ(BytesOf(L"A\0\x0100\0\0"sv), ComposeAddedEntry(BytesOf(L"A\0\0"sv), L"\x0100"));
 }
 
 TEST(ComposeAddedEntry, AnEmptyEntryAddsNothing)
 {
-    EXPECT_EQ(Bytes(L"\0\0"sv), ComposeAddedEntry({}, L""));
-    EXPECT_EQ(Bytes(L"A\0\0"sv), ComposeAddedEntry(Bytes(L"A\0\0"sv), L""));
+    EXPECT_EQ(BytesOf(L"\0\0"sv), ComposeAddedEntry({}, L""));
+    EXPECT_EQ(BytesOf(L"A\0\0"sv), ComposeAddedEntry(BytesOf(L"A\0\0"sv), L""));
 }
 
 TEST(ComposeAddedEntry, EverySmallValueGivesTheEntryAndTheListsEndWithinItsBuffer)
@@ -255,31 +255,31 @@ TEST(ComposeAddedEntry, EverySmallValueGivesTheEntryAndTheListsEndWithinItsBuffe
 
 TEST(ComposeRemovedEntry, RemovesTheFirstTheMiddleAndTheLastEntry)
 {
-    const RegistryBytes value = Bytes(L"A\0BB\0C\0\0"sv);
-    EXPECT_EQ(Bytes(L"BB\0C\0\0"sv), Removed(value, L"A"));
-    EXPECT_EQ(Bytes(L"A\0C\0\0"sv), Removed(value, L"BB"));
-    EXPECT_EQ(Bytes(L"A\0BB\0\0"sv), Removed(value, L"C"));
+    const RegistryBytes value = BytesOf(L"A\0BB\0C\0\0"sv);
+    EXPECT_EQ(BytesOf(L"BB\0C\0\0"sv), Removed(value, L"A"));
+    EXPECT_EQ(BytesOf(L"A\0C\0\0"sv), Removed(value, L"BB"));
+    EXPECT_EQ(BytesOf(L"A\0BB\0\0"sv), Removed(value, L"C"));
 }
 
 TEST(ComposeRemovedEntry, TheOnlyEntryLeavesASingleNul)
 {
-    EXPECT_EQ(Bytes(L"\0"sv), Removed(Bytes(L"App1\0\0"sv), L"App1"));
+    EXPECT_EQ(BytesOf(L"\0"sv), Removed(BytesOf(L"App1\0\0"sv), L"App1"));
 }
 
 TEST(ComposeRemovedEntry, AnEntryThatIsAllOfTheValueLeavesASingleNulToo)
 {
-    EXPECT_EQ(Bytes(L"\0"sv), Removed(Bytes(L"App1\0"sv), L"App1"));
+    EXPECT_EQ(BytesOf(L"\0"sv), Removed(BytesOf(L"App1\0"sv), L"App1"));
 }
 
 TEST(ComposeRemovedEntry, TheTailOfALongerEntryGoesAndItsHeadIsJoinedToTheNext)
 {
-    EXPECT_EQ(Bytes(L"MyApp2\0\0"sv), Removed(Bytes(L"MyApp1\0App2\0\0"sv), L"App1"));
-    EXPECT_EQ(Bytes(L"My\0"sv), Removed(Bytes(L"MyApp1\0\0"sv), L"App1"));
+    EXPECT_EQ(BytesOf(L"MyApp2\0\0"sv), Removed(BytesOf(L"MyApp1\0App2\0\0"sv), L"App1"));
+    EXPECT_EQ(BytesOf(L"My\0"sv), Removed(BytesOf(L"MyApp1\0\0"sv), L"App1"));
 }
 
 TEST(ComposeRemovedEntry, AnOddSizeKeepsItsOddByte)
 {
-    RegistryBytes value = Bytes(L"A\0B\0"sv);
+    RegistryBytes value = BytesOf(L"A\0B\0"sv);
     value.push_back(0x7F);
     EXPECT_EQ((RegistryBytes{0x42, 0x00, 0x00, 0x00, 0x7F}), Removed(value, L"A"));
     EXPECT_EQ((RegistryBytes{0x41, 0x00, 0x00, 0x00, 0x7F}), Removed(value, L"B"));
@@ -287,10 +287,10 @@ TEST(ComposeRemovedEntry, AnOddSizeKeepsItsOddByte)
 
 TEST(ComposeRemovedEntry, APositionOutsideTheValueTouchesNothingOutside)
 {
-    const RegistryBytes value = Bytes(L"App1\0\0"sv);
+    const RegistryBytes value = BytesOf(L"App1\0\0"sv);
     EXPECT_EQ(value, ComposeRemovedEntry(value, 6, L"A"));
     EXPECT_EQ(value, ComposeRemovedEntry(value, 1000, L"A"));
-    EXPECT_EQ(Bytes(L"App1\0"sv), ComposeRemovedEntry(value, 5, L"A"));
+    EXPECT_EQ(BytesOf(L"App1\0"sv), ComposeRemovedEntry(value, 5, L"A"));
 }
 
 TEST(ComposeRemovedEntry, EverySmallValueLosesExactlyTheEntryAndItsNul)
@@ -312,19 +312,19 @@ TEST(ComposeRemovedEntry, EverySmallValueLosesExactlyTheEntryAndItsNul)
 
 TEST(AppendValueEntries, ReadsTheEntriesInStoredOrder)
 {
-    EXPECT_TRUE(ValueEntries(Bytes(L"Beta\0alpha\0\0"sv)) == (List{L"Beta", L"alpha"}));
+    EXPECT_TRUE(ValueEntries(BytesOf(L"Beta\0alpha\0\0"sv)) == (List{L"Beta", L"alpha"}));
 }
 
 TEST(AppendValueEntries, AStrayEmptyEntryReadsAsTheEmptyString)
 {
-    EXPECT_TRUE(ValueEntries(Bytes(L"A\0\0\0"sv)) == (List{L"A", L""}));
-    EXPECT_TRUE(ValueEntries(Bytes(L"A\0\0B\0\0"sv)) == (List{L"A", L"", L"B"}));
+    EXPECT_TRUE(ValueEntries(BytesOf(L"A\0\0\0"sv)) == (List{L"A", L""}));
+    EXPECT_TRUE(ValueEntries(BytesOf(L"A\0\0B\0\0"sv)) == (List{L"A", L"", L"B"}));
 }
 
 TEST(AppendValueEntries, AListOfOneCharacterIsEmpty)
 {
-    EXPECT_TRUE(ValueEntries(Bytes(L"\0"sv)).empty());
-    EXPECT_TRUE(ValueEntries(Bytes(L"A"sv)).empty());
+    EXPECT_TRUE(ValueEntries(BytesOf(L"\0"sv)).empty());
+    EXPECT_TRUE(ValueEntries(BytesOf(L"A"sv)).empty());
 }
 
 TEST(AppendValueEntries, ValuesOfLessThanACharacterAreEmpty)
@@ -335,19 +335,19 @@ TEST(AppendValueEntries, ValuesOfLessThanACharacterAreEmpty)
 
 TEST(AppendValueEntries, TwoNulsReadAsOneEmptyEntry)
 {
-    EXPECT_TRUE(ValueEntries(Bytes(L"\0\0"sv)) == (List{L""}));
+    EXPECT_TRUE(ValueEntries(BytesOf(L"\0\0"sv)) == (List{L""}));
 }
 
 TEST(AppendValueEntries, CharactersBehindTheLastNulOfTheWalkAreDropped)
 {
-    EXPECT_TRUE(ValueEntries(Bytes(L"A\0B\0"sv)) == (List{L"A"}));
-    EXPECT_TRUE(ValueEntries(Bytes(L"A\0BC"sv)) == (List{L"A"}));
-    EXPECT_TRUE(ValueEntries(Bytes(L"ABC"sv)).empty());
+    EXPECT_TRUE(ValueEntries(BytesOf(L"A\0B\0"sv)) == (List{L"A"}));
+    EXPECT_TRUE(ValueEntries(BytesOf(L"A\0BC"sv)) == (List{L"A"}));
+    EXPECT_TRUE(ValueEntries(BytesOf(L"ABC"sv)).empty());
 }
 
 TEST(AppendValueEntries, AnOddByteAtTheEndIsNotLookedAt)
 {
-    RegistryBytes value = Bytes(L"A\0\0"sv);
+    RegistryBytes value = BytesOf(L"A\0\0"sv);
     value.push_back(0x42);
     EXPECT_TRUE(ValueEntries(value) == (List{L"A"}));
 }
@@ -355,17 +355,17 @@ TEST(AppendValueEntries, AnOddByteAtTheEndIsNotLookedAt)
 TEST(AppendValueEntries, KeepsWhatTheVectorHolds)
 {
     std::vector<std::wstring> entries{L"before"};
-    AppendValueEntries(Bytes(L"A\0\0"sv), entries);
+    AppendValueEntries(BytesOf(L"A\0\0"sv), entries);
     EXPECT_TRUE(entries == (List{L"before", L"A"}));
 }
 
 TEST(IsWellFormedMultiString, NeedsTwoNulsAtTheEnd)
 {
-    EXPECT_TRUE(IsWellFormedMultiString(Bytes(L"A\0\0"sv)));
-    EXPECT_TRUE(IsWellFormedMultiString(Bytes(L"\0\0"sv)));
-    EXPECT_FALSE(IsWellFormedMultiString(Bytes(L"A\0"sv)));
-    EXPECT_FALSE(IsWellFormedMultiString(Bytes(L"A\0B"sv)));
-    EXPECT_FALSE(IsWellFormedMultiString(Bytes(L"AB"sv)));
+    EXPECT_TRUE(IsWellFormedMultiString(BytesOf(L"A\0\0"sv)));
+    EXPECT_TRUE(IsWellFormedMultiString(BytesOf(L"\0\0"sv)));
+    EXPECT_FALSE(IsWellFormedMultiString(BytesOf(L"A\0"sv)));
+    EXPECT_FALSE(IsWellFormedMultiString(BytesOf(L"A\0B"sv)));
+    EXPECT_FALSE(IsWellFormedMultiString(BytesOf(L"AB"sv)));
 }
 
 TEST(IsWellFormedMultiString, NeedsTwoCharactersAtLeast)
@@ -379,20 +379,20 @@ TEST(IsWellFormedMultiString, NeedsTwoCharactersAtLeast)
 
 TEST(IsWellFormedMultiString, NeedsAnEvenSize)
 {
-    RegistryBytes value = Bytes(L"A\0\0"sv);
+    RegistryBytes value = BytesOf(L"A\0\0"sv);
     value.push_back(0);
     EXPECT_FALSE(IsWellFormedMultiString(value));
 }
 
 TEST(AppendStrings, StopsAtTheFirstEmptyString)
 {
-    EXPECT_TRUE(Strings(Bytes(L"A\0BB\0\0C\0\0"sv)) == (List{L"A", L"BB"}));
-    EXPECT_TRUE(Strings(Bytes(L"\0A\0\0"sv)).empty());
+    EXPECT_TRUE(Strings(BytesOf(L"A\0BB\0\0C\0\0"sv)) == (List{L"A", L"BB"}));
+    EXPECT_TRUE(Strings(BytesOf(L"\0A\0\0"sv)).empty());
 }
 
 TEST(AppendStrings, AStringWithoutItsNulIsTakenAsItStands)
 {
-    EXPECT_TRUE(Strings(Bytes(L"A\0BB"sv)) == (List{L"A", L"BB"}));
+    EXPECT_TRUE(Strings(BytesOf(L"A\0BB"sv)) == (List{L"A", L"BB"}));
 }
 
 TEST(AppendStrings, EmptyValuesHaveNone)
@@ -404,7 +404,7 @@ TEST(AppendStrings, EmptyValuesHaveNone)
 TEST(AppendStrings, KeepsWhatTheVectorHolds)
 {
     std::vector<std::wstring> strings{L"before"};
-    AppendStrings(Bytes(L"A\0\0"sv), strings);
+    AppendStrings(BytesOf(L"A\0\0"sv), strings);
     EXPECT_TRUE(strings == (List{L"before", L"A"}));
 }
 

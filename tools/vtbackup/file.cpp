@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::size_t BUFFER_BYTES = 1024 * 1024;
 
-[[noreturn]] void Fail(const char* what, const std::wstring& path, DWORD error)
+[[noreturn]] void FailOnFile(const char* what, const std::wstring& path, DWORD error)
 {
     throw Failure(Exit::Repository, fmt::format("cannot {} {}: {}", what, ToUtf8(path), ErrorText(error)));
 }
@@ -27,7 +27,7 @@ bool IsThere(const std::wstring& path, bool folder)
     // would be taken for an unfinished one and removed.
     const DWORD error = GetLastError();
     if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND && error != ERROR_INVALID_NAME)
-        Fail("look for", path, error);
+        FailOnFile("look for", path, error);
     return false;
 }
 
@@ -45,7 +45,7 @@ std::wstring AbsolutePath(const std::wstring& path)
         return path;
     const DWORD needed = GetFullPathNameW(path.c_str(), 0, nullptr, nullptr);
     if (needed == 0)
-        Fail("resolve", path, GetLastError());
+        FailOnFile("resolve", path, GetLastError());
     std::wstring full(needed, L'\0');
     full.resize(GetFullPathNameW(path.c_str(), needed, full.data(), nullptr));
     while (full.size() > 3 && full.back() == L'\\')
@@ -78,20 +78,20 @@ void MakeFolders(const std::wstring& path)
     if (error == ERROR_PATH_NOT_FOUND) {
         const std::size_t slash = path.find_last_of(L'\\');
         if (slash == std::wstring::npos || slash < 6)
-            Fail("make folder", path, error);
+            FailOnFile("make folder", path, error);
         MakeFolders(path.substr(0, slash));
         if (CreateDirectoryW(path.c_str(), nullptr))
             return;
         error = GetLastError();
     }
     if (error != ERROR_ALREADY_EXISTS || !FolderExists(path))
-        Fail("make folder", path, error);
+        FailOnFile("make folder", path, error);
 }
 
 void MakeNewFolder(const std::wstring& path)
 {
     if (!CreateDirectoryW(path.c_str(), nullptr))
-        Fail("make folder", path, GetLastError());
+        FailOnFile("make folder", path, GetLastError());
 }
 
 std::vector<FolderEntry> ListFolder(const std::wstring& path)
@@ -103,7 +103,7 @@ std::vector<FolderEntry> ListFolder(const std::wstring& path)
         const DWORD error = GetLastError();
         if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND)
             return entries;
-        Fail("list", path, error);
+        FailOnFile("list", path, error);
     }
     do {
         const std::wstring name = found.cFileName;
@@ -113,7 +113,7 @@ std::vector<FolderEntry> ListFolder(const std::wstring& path)
     const DWORD error = GetLastError();
     FindClose(search);
     if (error != ERROR_NO_MORE_FILES)
-        Fail("list", path, error);
+        FailOnFile("list", path, error);
     return entries;
 }
 
@@ -123,7 +123,7 @@ void RemoveFileIfThere(const std::wstring& path)
         return;
     const DWORD error = GetLastError();
     if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND)
-        Fail("delete", path, error);
+        FailOnFile("delete", path, error);
 }
 
 bool IsFolderLink(const std::wstring& path)
@@ -134,7 +134,7 @@ bool IsFolderLink(const std::wstring& path)
         const DWORD error = GetLastError();
         if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND)
             return false;
-        Fail("look at", path, error);
+        FailOnFile("look at", path, error);
     }
     FindClose(search);
     return IsLinkEntry(found);
@@ -148,7 +148,7 @@ void RemoveFolderWithFiles(const std::wstring& path, std::initializer_list<const
         return;
     const DWORD error = GetLastError();
     if (error != ERROR_DIR_NOT_EMPTY && FolderExists(path))
-        Fail("delete folder", path, error);
+        FailOnFile("delete folder", path, error);
 }
 
 std::optional<std::string> ReadSmallFile(const std::wstring& path, std::uint64_t limit)
@@ -158,7 +158,7 @@ std::optional<std::string> ReadSmallFile(const std::wstring& path, std::uint64_t
         const DWORD error = GetLastError();
         if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND)
             return std::nullopt;
-        Fail("read", path, error);
+        FailOnFile("read", path, error);
     }
     FileReader reader(path);
     if (reader.Length() > limit)
@@ -181,7 +181,7 @@ void WriteSmallFileDurably(const std::wstring& path, const std::string& content)
         writer.Flush();
     }
     if (!MoveFileExW(temporary.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
-        Fail("rename into place", path, GetLastError());
+        FailOnFile("rename into place", path, GetLastError());
 }
 
 FileWriter::FileWriter(const std::wstring& path)
@@ -189,7 +189,7 @@ FileWriter::FileWriter(const std::wstring& path)
                                          FILE_ATTRIBUTE_NORMAL, nullptr))
 {
     if (!m_handle)
-        Fail("create", m_path, GetLastError());
+        FailOnFile("create", m_path, GetLastError());
 }
 
 void FileWriter::Write(const void* bytes, std::size_t length)
@@ -212,9 +212,9 @@ void FileWriter::WriteBuffer()
         return;
     DWORD written = 0;
     if (!WriteFile(m_handle.Get(), m_buffer.data(), static_cast<DWORD>(m_buffer.size()), &written, nullptr))
-        Fail("write", m_path, GetLastError());
+        FailOnFile("write", m_path, GetLastError());
     if (written != m_buffer.size())
-        Fail("write", m_path, ERROR_DISK_FULL);
+        FailOnFile("write", m_path, ERROR_DISK_FULL);
     m_buffer.clear();
 }
 
@@ -222,7 +222,7 @@ void FileWriter::Flush()
 {
     WriteBuffer();
     if (!FlushFileBuffers(m_handle.Get()))
-        Fail("flush", m_path, GetLastError());
+        FailOnFile("flush", m_path, GetLastError());
 }
 
 FileReader::FileReader(const std::wstring& path)
@@ -230,10 +230,10 @@ FileReader::FileReader(const std::wstring& path)
                                          OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr))
 {
     if (!m_handle)
-        Fail("open", m_path, GetLastError());
+        FailOnFile("open", m_path, GetLastError());
     LARGE_INTEGER size = {};
     if (!GetFileSizeEx(m_handle.Get(), &size))
-        Fail("measure", m_path, GetLastError());
+        FailOnFile("measure", m_path, GetLastError());
     m_length = static_cast<std::uint64_t>(size.QuadPart);
 }
 
@@ -243,12 +243,12 @@ bool FileReader::ReadAt(std::uint64_t offset, void* out, std::size_t length)
     LARGE_INTEGER place = {};
     place.QuadPart = static_cast<LONGLONG>(offset);
     if (!SetFilePointerEx(m_handle.Get(), place, nullptr, FILE_BEGIN))
-        Fail("read", m_path, GetLastError());
+        FailOnFile("read", m_path, GetLastError());
     while (length > 0) {
         DWORD got = 0;
         const DWORD part = static_cast<DWORD>(std::min<std::size_t>(length, 64 * BUFFER_BYTES));
         if (!ReadFile(m_handle.Get(), p, part, &got, nullptr))
-            Fail("read", m_path, GetLastError());
+            FailOnFile("read", m_path, GetLastError());
         if (got == 0)
             return false;
         p += got;

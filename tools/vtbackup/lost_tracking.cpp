@@ -14,8 +14,8 @@ namespace {
 
 using nlohmann::json;
 
-constexpr const char* FORMAT = "vtbackup-lost-tracking";
-constexpr std::uint64_t LIMIT = 1024 * 1024;
+constexpr const char* EVIDENCE_FORMAT = "vtbackup-lost-tracking";
+constexpr std::uint64_t EVIDENCE_LIMIT = 1024 * 1024;
 constexpr const char* UNNAMED_LOSS = "unnamed"; // an answer to evidence that could be given no name
 
 json ToJson(const std::vector<MissedBlock>& blocks)
@@ -104,7 +104,7 @@ LossReport::LossReport(const Machine& machine, const Chain& chain, std::uint64_t
 
 void LossReport::Keep(const AuditResult& audit)
 {
-    m_evidence = {{"format", FORMAT},
+    m_evidence = {{"format", EVIDENCE_FORMAT},
                   {"version", 1},
                   {"id", m_id},
                   {"application", m_chain.Application()},
@@ -218,7 +218,7 @@ json ReadLoss(const Chain& chain, std::uint64_t sequence)
 {
     std::string problem = "it is no JSON object";
     try {
-        const std::optional<std::string> text = ReadSmallFile(chain.LossPath(sequence), LIMIT);
+        const std::optional<std::string> text = ReadSmallFile(chain.LossPath(sequence), EVIDENCE_LIMIT);
         json evidence = ParseShallow(text.value_or(""));
         if (evidence.is_object())
             return evidence;
@@ -229,7 +229,7 @@ json ReadLoss(const Chain& chain, std::uint64_t sequence)
     } catch (const std::exception&) {
         // The parser's message quotes what is damaged, and says no more.
     }
-    return {{"format", FORMAT}, {"version", 1}, {"backup", sequence}, {"damaged", problem}};
+    return {{"format", EVIDENCE_FORMAT}, {"version", 1}, {"backup", sequence}, {"damaged", problem}};
 }
 
 namespace {

@@ -10,7 +10,7 @@ namespace {
 
 using nlohmann::json;
 
-constexpr std::uint64_t LIMIT = 64 * 1024;
+constexpr std::uint64_t RECORD_LIMIT = 64 * 1024;
 
 json ToJson(const BackupMark& mark)
 {
@@ -37,7 +37,7 @@ std::wstring MachineState::File(const std::string& application, const VolumeName
 std::optional<LastSuccess> MachineState::Read(const std::string& application, const VolumeName& volume) const
 {
     try {
-        const std::optional<std::string> text = ReadSmallFile(File(application, volume, L".success.json"), LIMIT);
+        const std::optional<std::string> text = ReadSmallFile(File(application, volume, L".success.json"), RECORD_LIMIT);
         const json object = json::parse(text.value_or(""), nullptr, false);
         if (!object.is_object() || object.value("application", "") != application)
             return std::nullopt;
@@ -97,7 +97,7 @@ void MachineState::NoteSnapshot(const std::string& application, const VolumeName
 
 std::wstring MachineState::LeftSnapshot(const std::string& application, const VolumeName& volume) const
 {
-    return ToWide(ReadSmallFile(File(application, volume, L".snapshot"), LIMIT).value_or(""));
+    return ToWide(ReadSmallFile(File(application, volume, L".snapshot"), RECORD_LIMIT).value_or(""));
 }
 
 void MachineState::ForgetSnapshot(const std::string& application, const VolumeName& volume) const

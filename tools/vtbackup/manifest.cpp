@@ -13,7 +13,7 @@ namespace {
 
 using nlohmann::json;
 
-constexpr int FORMAT = 1;
+constexpr int MANIFEST_FORMAT = 1;
 constexpr int DEEPEST = 8;                   // a manifest nests less; writing json out recurses, so a limit there is
 constexpr std::size_t LONGEST_PROBLEM = 200; // of a parser's message, which quotes the damaged text
 
@@ -64,7 +64,7 @@ std::uint64_t Number(const json& object, const char* key)
 
 Manifest FromJson(const json& object)
 {
-    if (Number(object, "format") != FORMAT)
+    if (Number(object, "format") != MANIFEST_FORMAT)
         throw std::runtime_error("unknown format");
     Manifest m;
     m.sequence = Number(object, "sequence");
@@ -136,7 +136,7 @@ json ParseShallow(const std::string& text)
 json ToJson(const Manifest& m)
 {
     json object = {
-        {"format", FORMAT},
+        {"format", MANIFEST_FORMAT},
         {"sequence", m.sequence},
         {"base", m.base},
         {"parent", m.parent},

@@ -12,7 +12,7 @@
 namespace vtbackup {
 namespace {
 
-[[noreturn]] void Fail(const char* what, const std::wstring& device, DWORD error)
+[[noreturn]] void FailOnDevice(const char* what, const std::wstring& device, DWORD error)
 {
     throw Failure(Exit::Device, fmt::format("cannot {} {}: {}", what, ToUtf8(device), ErrorText(error)));
 }
@@ -95,7 +95,7 @@ Volume::Volume(std::wstring device, Access access)
                            FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr))
 {
     if (!m_handle)
-        Fail("open", m_device, GetLastError());
+        FailOnDevice("open", m_device, GetLastError());
 }
 
 std::string Volume::Name() const
@@ -109,9 +109,9 @@ std::uint64_t Volume::Length() const
     DWORD returned = 0;
     if (!DeviceIoControl(m_handle.Get(), IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, &info, sizeof(info), &returned,
                          nullptr))
-        Fail("learn the length of", m_device, GetLastError());
+        FailOnDevice("learn the length of", m_device, GetLastError());
     if (returned < sizeof(info) || info.Length.QuadPart <= 0)
-        Fail("learn the length of", m_device, ERROR_INVALID_DATA);
+        FailOnDevice("learn the length of", m_device, ERROR_INVALID_DATA);
     return static_cast<std::uint64_t>(info.Length.QuadPart);
 }
 
@@ -122,10 +122,10 @@ void Volume::ReadAt(std::uint64_t offset, void* out, std::uint32_t length) const
     DWORD got = 0;
     if (!SetFilePointerEx(m_handle.Get(), place, nullptr, FILE_BEGIN) ||
         !ReadFile(m_handle.Get(), out, length, &got, nullptr))
-        Fail("read", m_device, GetLastError());
+        FailOnDevice("read", m_device, GetLastError());
     // Without this look at the count, a device that became shorter would be backed up as stale memory.
     if (got != length)
-        Fail("read", m_device, ERROR_HANDLE_EOF);
+        FailOnDevice("read", m_device, ERROR_HANDLE_EOF);
 }
 
 void Volume::WriteAt(std::uint64_t offset, const void* bytes, std::uint32_t length) const
@@ -135,15 +135,15 @@ void Volume::WriteAt(std::uint64_t offset, const void* bytes, std::uint32_t leng
     DWORD written = 0;
     if (!SetFilePointerEx(m_handle.Get(), place, nullptr, FILE_BEGIN) ||
         !WriteFile(m_handle.Get(), bytes, length, &written, nullptr))
-        Fail("write", m_device, GetLastError());
+        FailOnDevice("write", m_device, GetLastError());
     if (written != length)
-        Fail("write", m_device, ERROR_HANDLE_EOF);
+        FailOnDevice("write", m_device, ERROR_HANDLE_EOF);
 }
 
 void Volume::Flush() const
 {
     if (!FlushFileBuffers(m_handle.Get()))
-        Fail("flush", m_device, GetLastError());
+        FailOnDevice("flush", m_device, GetLastError());
 }
 
 AllocatedWalk::AllocatedWalk(const Volume& volume, Geometry geometry) : m_volume(volume), m_geometry(geometry) {}

@@ -6,7 +6,7 @@ namespace vtfltctl {
 namespace {
 
 // A word of our own in single quotes, in which the shell changes nothing.
-std::string Quoted(const std::string& text)
+std::string BashQuoted(const std::string& text)
 {
     std::string quoted = "'";
     for (const char c : text)
@@ -18,7 +18,7 @@ void CollectPaths(const CommandModel& command, const std::string& path, std::str
 {
     for (const CommandModel& child : command.commands) {
         const std::string childPath = path + "/" + child.name;
-        patterns += (patterns.empty() ? "" : " | ") + Quoted(childPath);
+        patterns += (patterns.empty() ? "" : " | ") + BashQuoted(childPath);
         CollectPaths(child, childPath, patterns);
     }
 }
@@ -40,7 +40,7 @@ std::string WordList(const std::vector<std::string>& words)
     std::string text;
     for (const std::string& word : words)
         text += (text.empty() ? "" : " ") + word;
-    return Quoted(text);
+    return BashQuoted(text);
 }
 
 // What may follow an option: a case for each that takes a value.
@@ -51,7 +51,7 @@ void AddValueCases(const CommandModel& command, const std::string& path, std::st
             continue;
         std::string patterns;
         for (const std::string& name : option.names)
-            patterns += (patterns.empty() ? "" : " | ") + Quoted(path + " " + name);
+            patterns += (patterns.empty() ? "" : " | ") + BashQuoted(path + " " + name);
         const std::string action =
             option.kind == ValueKind::Word ? "_vtfltctl_words " + WordList(option.words) : ActionOf(option.kind);
         script += fmt::format("    {}) {}; return ;;\n", patterns, action);
@@ -76,7 +76,7 @@ void AddWordCases(const CommandModel& command, const std::string& path, std::str
         else if (option.kind != ValueKind::Text)
             arguments = ActionOf(option.kind);
     }
-    script += fmt::format("    {}) _vtfltctl_words {}", Quoted(path), WordList(words));
+    script += fmt::format("    {}) _vtfltctl_words {}", BashQuoted(path), WordList(words));
     if (!arguments.empty())
         script += fmt::format("; [[ $cur == -* ]] || {}", arguments);
     script += " ;;\n";
@@ -84,7 +84,7 @@ void AddWordCases(const CommandModel& command, const std::string& path, std::str
         AddWordCases(child, path + "/" + child.name, script);
 }
 
-constexpr const char* HEAD = R"(# bash completion for vtfltctl. Load it in ~/.bashrc:
+constexpr const char* BASH_HEAD = R"(# bash completion for vtfltctl. Load it in ~/.bashrc:
 #     source <(vtfltctl completion bash)
 
 _vtfltctl_words()
@@ -137,7 +137,7 @@ std::string BashCompletion(const CommandModel& program)
 {
     std::string patterns;
     CollectPaths(program, "", patterns);
-    std::string script = HEAD;
+    std::string script = BASH_HEAD;
     script += fmt::format("        {}) path+=/${{COMP_WORDS[i]}} ;;\n        esac\n    done\n\n", patterns);
     script += "    case \"$path $prev\" in\n";
     AddValueCases(program, "", script);

@@ -6,7 +6,7 @@ namespace vtfltctl {
 namespace {
 
 // A literal: PowerShell changes nothing between single quotes, and takes two of them for one.
-std::string Quoted(const std::string& text)
+std::string PowerShellQuoted(const std::string& text)
 {
     std::string quoted = "'";
     for (const char c : text)
@@ -18,13 +18,13 @@ std::string Quoted(const std::string& text)
 std::string Entry(const std::string& word, const char* kind, const std::string& meaning)
 {
     // The comma keeps the shell from taking the entry's three texts for entries. An empty tool tip is refused by it.
-    return fmt::format("        , @({}, {}, {})\n", Quoted(word), Quoted(kind),
-                       Quoted(meaning.empty() ? word : meaning));
+    return fmt::format("        , @({}, {}, {})\n", PowerShellQuoted(word), PowerShellQuoted(kind),
+                       PowerShellQuoted(meaning.empty() ? word : meaning));
 }
 
 void AddWords(const CommandModel& command, const std::string& path, std::string& script)
 {
-    script += fmt::format("    {} = @(\n", Quoted(path));
+    script += fmt::format("    {} = @(\n", PowerShellQuoted(path));
     for (const CommandModel& child : command.commands)
         script += Entry(child.name, "Command", child.description);
     for (const OptionModel& option : command.options) {
@@ -47,7 +47,7 @@ void AddValues(const CommandModel& command, const std::string& path, std::string
         if (option.kind == ValueKind::None)
             continue;
         for (const std::string& name : option.names) {
-            script += fmt::format("    {} = @(\n", Quoted(path + " " + name));
+            script += fmt::format("    {} = @(\n", PowerShellQuoted(path + " " + name));
             for (const std::string& word : option.words)
                 script += Entry(word, "ParameterValue", option.description);
             script += "    )\n";
@@ -57,7 +57,7 @@ void AddValues(const CommandModel& command, const std::string& path, std::string
         AddValues(child, path + "/" + child.name, script);
 }
 
-constexpr const char* HEAD = R"(# PowerShell completion for vtfltctl. Load it in $PROFILE:
+constexpr const char* POWERSHELL_HEAD = R"(# PowerShell completion for vtfltctl. Load it in $PROFILE:
 #     vtfltctl completion powershell | Out-String | Invoke-Expression
 
 $vtfltctlWords = @{
@@ -97,7 +97,7 @@ Register-ArgumentCompleter -Native -CommandName @('vtfltctl', 'vtfltctl.exe') -S
 
 std::string PowerShellCompletion(const CommandModel& program)
 {
-    std::string script = HEAD;
+    std::string script = POWERSHELL_HEAD;
     AddWords(program, "", script);
     script += "}\n\n$vtfltctlValues = @{\n";
     AddValues(program, "", script);

@@ -160,13 +160,6 @@ void CheckHolding(const VolumeFacts& volume, const HoldingFacts& holding, std::v
     }
 }
 
-bool Names(const ListFacts& list, const VolumeFacts& volume)
-{
-    return std::any_of(list.entries.begin(), list.entries.end(), [&](const std::wstring& entry) {
-        return vtflt::ListEntryMatchesVolume(entry, volume.name.path);
-    });
-}
-
 void CheckVerifyList(const MachineFacts& machine, const VolumeFacts& volume, std::vector<Finding>& findings)
 {
     for (const ApplicationFacts& application : machine.applications) {

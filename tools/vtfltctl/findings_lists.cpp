@@ -17,11 +17,6 @@
 namespace vtfltctl {
 namespace {
 
-bool Contains(const std::vector<std::wstring>& texts, const std::wstring& text)
-{
-    return std::find(texts.begin(), texts.end(), text) != texts.end();
-}
-
 bool IsOnMachine(const MachineFacts& machine, const std::wstring& guid)
 {
     return std::any_of(machine.volumeGuids.begin(), machine.volumeGuids.end(),

@@ -65,6 +65,7 @@ struct ListFacts {
 };
 
 ListFacts ReadVolumeList(const std::wstring& suffix);
+bool Contains(const std::vector<std::wstring>& texts, const std::wstring& text);
 // Of a list with error 13, a clause: "is no well-formed multi-string".
 const char* WhyDamaged(const ListFacts& list) noexcept;
 
@@ -107,6 +108,9 @@ struct VolumeFacts {
     std::vector<std::wstring> files;    // names of all files in the bitmap folder
     DWORD folderError = 0;              // 0, also when there is no folder
 };
+
+// Whether an entry of the list stands for the volume, as the library sees it.
+bool Names(const ListFacts& list, const VolumeFacts& volume);
 
 // ---- The whole
 

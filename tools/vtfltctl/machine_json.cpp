@@ -75,13 +75,6 @@ Json HoldingJson(const MachineFacts& machine, const VolumeFacts& volume, const H
     return object;
 }
 
-bool Names(const ListFacts& list, const VolumeFacts& volume)
-{
-    return std::any_of(list.entries.begin(), list.entries.end(), [&](const std::wstring& entry) {
-        return vtflt::ListEntryMatchesVolume(entry, volume.name.path);
-    });
-}
-
 } // namespace
 
 Json DriverJson(const DriverFacts& driver)

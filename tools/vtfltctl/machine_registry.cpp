@@ -6,6 +6,7 @@
 #include "output.h"
 
 #include "apps/resync_text.h"
+#include "apps/volume_name.h"
 #include "driver/protocol.h"
 #include "driver/request.h"
 #include "registry/multi_string.h"
@@ -19,7 +20,7 @@
 namespace vtfltctl {
 namespace {
 
-constexpr wchar_t VOLUME_CLASS[] = L"System\\CurrentControlSet\\Control\\Class\\{71A27CDD-812A-11D0-BEC7-08002BE2092F}";
+constexpr wchar_t VOLUME_CLASS_KEY[] = L"System\\CurrentControlSet\\Control\\Class\\{71A27CDD-812A-11D0-BEC7-08002BE2092F}";
 constexpr wchar_t SNAPSHOT_PROVIDER[] = L"volsnap";
 
 std::optional<std::uint32_t> NumberIn(const toolkit::RegistryValue& value)
@@ -44,7 +45,7 @@ std::wstring TextIn(const toolkit::RegistryValue& value)
 // By the library's own rules for the list, and with its matching of entries.
 void LookAtFilters(DriverFacts& driver)
 {
-    toolkit::RegistryValue list = toolkit::ReadRegistryValue(VOLUME_CLASS, L"UpperFilters");
+    toolkit::RegistryValue list = toolkit::ReadRegistryValue(VOLUME_CLASS_KEY, L"UpperFilters");
     if (list.error != ERROR_SUCCESS) {
         // A key that cannot be opened is taken as a pass; one that is missing is made, and has no list then.
         driver.order = list.error == ERROR_FILE_NOT_FOUND ? FilterOrder::NoList : FilterOrder::Good;
@@ -158,6 +159,18 @@ SwitchFacts LookAtSwitch(const std::wstring& classKey)
     const toolkit::RegistryValue filters = toolkit::ReadMultiString(facts.classKey, L"UpperFilters");
     facts.listed = filters.error == ERROR_SUCCESS && vtflt::FindMultiSZEntry(filters.bytes, vtflt::DRIVER_NAME) >= 0;
     return facts;
+}
+
+bool Contains(const std::vector<std::wstring>& texts, const std::wstring& text)
+{
+    return std::find(texts.begin(), texts.end(), text) != texts.end();
+}
+
+bool Names(const ListFacts& list, const VolumeFacts& volume)
+{
+    return std::any_of(list.entries.begin(), list.entries.end(), [&](const std::wstring& entry) {
+        return vtflt::ListEntryMatchesVolume(entry, volume.name.path);
+    });
 }
 
 ListFacts ReadVolumeList(const std::wstring& suffix)

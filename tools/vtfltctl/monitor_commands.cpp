@@ -16,11 +16,11 @@
 namespace vtfltctl {
 namespace {
 
-constexpr wchar_t VOLUME_CLASS[] = L"{71A27CDD-812A-11D0-BEC7-08002BE2092F}";
+constexpr wchar_t VOLUME_CLASS_GUID[] = L"{71A27CDD-812A-11D0-BEC7-08002BE2092F}";
 // A count above it went below zero.
 constexpr std::uint32_t HIGHEST_COUNT = 0x7FFFFFFF;
 // How long another program may switch the class before a command gives up.
-constexpr DWORD PATIENCE_MS = 10000;
+constexpr DWORD SWITCH_PATIENCE_MS = 10000;
 
 // Names of mutexes are case-sensitive, those of keys are not. The library's mutex bears the class as its caller writes it:
 // for snapshots as the library does, for any other class as the key itself is spelled.
@@ -72,7 +72,7 @@ std::wstring RequireClass(const std::wstring& name)
 std::wstring RequireSwitchable(const std::wstring& name)
 {
     std::wstring key = RequireClass(name);
-    if (toolkit::EqualIgnoringCase(std::wstring_view(key).substr(key.find_last_of(L'\\') + 1), VOLUME_CLASS))
+    if (toolkit::EqualIgnoringCase(std::wstring_view(key).substr(key.find_last_of(L'\\') + 1), VOLUME_CLASS_GUID))
         throw Failure(Exit::Refused, "that is the class of volumes: the last request taken back would end the tracking "
                                      "of all of them");
     return key;
@@ -135,7 +135,7 @@ public:
         if (!m_mutex)
             throw Failure(Exit::Unreadable,
                           fmt::format("cannot lock the count of {}: {}", Shown(key), ErrorText(error)));
-        const DWORD waited = WaitForSingleObject(m_mutex.get(), PATIENCE_MS);
+        const DWORD waited = WaitForSingleObject(m_mutex.get(), SWITCH_PATIENCE_MS);
         if (waited != WAIT_OBJECT_0 && waited != WAIT_ABANDONED)
             throw Failure(Exit::Busy, fmt::format("another program switches the tracking of {}", Shown(key)));
     }

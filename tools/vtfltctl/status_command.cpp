@@ -27,7 +27,7 @@ std::string DriverText(const DriverFacts& driver)
                        filters.empty() ? "none" : filters, service);
 }
 
-std::string SwitchText(const SwitchFacts& facts)
+std::string SnapshotsText(const SwitchFacts& facts)
 {
     if (facts.error != ERROR_SUCCESS)
         return fmt::format("Snapshots     count unreadable: {}\n", ErrorText(facts.error));
@@ -123,7 +123,7 @@ Exit Status(const Context& context)
                          {"applications", applications},
                          {"volumes", volumes}};
     return Answer(context, outcome, fields,
-                  DriverText(machine.driver) + SwitchText(machine.snapshots) + ApplicationsText(machine) + lists +
+                  DriverText(machine.driver) + SnapshotsText(machine.snapshots) + ApplicationsText(machine) + lists +
                       volumesText + VerdictText(outcome, findings.size()));
 }
 

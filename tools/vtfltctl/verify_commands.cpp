@@ -22,8 +22,6 @@
 namespace vtfltctl {
 namespace {
 
-constexpr const char* DRIVER_LIST = "the driver's list";
-
 struct VerifyOptions {
     std::string application;
     std::vector<std::string> volumes;

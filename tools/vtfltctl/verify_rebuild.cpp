@@ -16,7 +16,6 @@
 namespace vtfltctl {
 namespace {
 
-constexpr const char* DRIVER_LIST = "the driver's list";
 // How often the driver may write its list in between before a command gives up.
 constexpr int ATTEMPTS = 10;
 

@@ -22,11 +22,6 @@ namespace {
 
 constexpr DWORD REPLACE_LIST = 1;
 
-bool Contains(const std::vector<std::wstring>& texts, const std::wstring& text)
-{
-    return std::find(texts.begin(), texts.end(), text) != texts.end();
-}
-
 // The library takes the same mutex once more for each of its own steps.
 std::unique_ptr<LibraryLock> Lock(const std::wstring& mutexName, const char* what)
 {

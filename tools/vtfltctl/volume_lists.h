@@ -25,6 +25,7 @@ std::unique_ptr<LibraryLock> LockList(const std::wstring& suffix);
 std::wstring InOwnSpelling(const std::wstring& guid);
 
 // What a list is called in messages: "the verify list of "App"".
+inline constexpr const char* DRIVER_LIST = "the driver's list";
 std::string VerifyListName(const std::wstring& application);
 std::string PendingListName(const std::wstring& application);
 

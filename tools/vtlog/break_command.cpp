@@ -27,7 +27,7 @@ constexpr std::uint64_t APPEAR_MILLISECONDS = 10'000;
 // The same at the end, when the program should not linger: without a viewer no thread waits longer than five seconds.
 constexpr std::uint64_t LAST_APPEAR_MILLISECONDS = 1'000;
 
-struct Options {
+struct BreakOptions {
     std::string program;
     std::vector<std::string> texts;
     std::uint32_t processId = 0;
@@ -50,7 +50,7 @@ struct Stopped {
 
 class Breaker {
 public:
-    explicit Breaker(const Options& options)
+    explicit Breaker(const BreakOptions& options)
         : m_options(options), m_program(ExecutableNameOption(options.program)),
           m_stop(options.stopEvent, options.seconds), m_ring(m_program)
     {
@@ -278,7 +278,7 @@ private:
         }
     }
 
-    const Options& m_options;
+    const BreakOptions& m_options;
     std::wstring m_program;
     StopSignal m_stop;
     BreakpointTable m_table;
@@ -298,7 +298,7 @@ private:
 void AddBreak(CLI::App& app, Action& action)
 {
     CLI::App& command = *app.add_subcommand("break", "Stop threads that log a certain text, and let them go");
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<BreakOptions>();
     command.add_option("--exe", options->program, "the program whose threads are to stop, by file name")->required();
     command.add_option("--text", options->texts, "the message holds this text, in this case; repeated: any of them")
         ->required();

@@ -21,7 +21,7 @@ namespace {
 using namespace vtflt;
 using toolkit::ToUtf8;
 
-struct Options {
+struct ConfigOptions {
     std::optional<std::uint32_t> processId;
     std::optional<std::string> module;
     std::optional<std::string> level;
@@ -64,7 +64,7 @@ std::wstring PathOption(const char* name, const std::string& text)
     return full;
 }
 
-ConfigChange ChangeOf(const Options& options)
+ConfigChange ChangeOf(const ConfigOptions& options)
 {
     ConfigChange change;
     const bool forModule = options.level || options.path || options.automatic;
@@ -162,7 +162,7 @@ Exit ListProcesses(bool json)
     return Exit::Ok;
 }
 
-Exit Config(const Options& options)
+Exit Config(const ConfigOptions& options)
 {
     const ConfigChange change = ChangeOf(options);
     if (!options.processId) {
@@ -182,7 +182,7 @@ Exit Config(const Options& options)
 void AddConfig(CLI::App& app, Action& action)
 {
     CLI::App& command = *app.add_subcommand("config", "Show and change what a running process logs, and where");
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ConfigOptions>();
     command.add_option("pid", options->processId, "the process; without it those that log are listed");
     command.add_option("--module", options->module, "the module whose entry to change, such as VTFltMgr.dll");
     auto* level = command.add_option("--level", options->level,

@@ -19,7 +19,7 @@
 namespace vtlog {
 namespace {
 
-struct Options {
+struct ShowOptions {
     std::vector<std::string> files;
     std::string level;
     std::vector<std::uint32_t> processes;
@@ -55,7 +55,7 @@ std::optional<RecordTime> TimeOption(const char* name, const std::string& text, 
     return time;
 }
 
-EntryFilter FilterOf(const Options& options)
+EntryFilter FilterOf(const ShowOptions& options)
 {
     EntryFilter filter;
     if (!options.level.empty()) {
@@ -84,7 +84,7 @@ EntryFilter FilterOf(const Options& options)
 }
 
 // Every file once, each with its successors, in the order of the command line.
-std::vector<LogReader> OpenLogs(const Options& options, const ReadOptions& read)
+std::vector<LogReader> OpenLogs(const ShowOptions& options, const ReadOptions& read)
 {
     std::vector<LogReader> logs;
     std::vector<std::wstring> known;
@@ -118,14 +118,14 @@ std::vector<LogReader> OpenLogs(const Options& options, const ReadOptions& read)
     return logs;
 }
 
-std::string TextOf(const MergedEntry& merged, const Options& options)
+std::string TextOf(const MergedEntry& merged, const ShowOptions& options)
 {
     if (options.json)
         return JsonText(EntryObject(merged.entry, merged.path));
     return options.plain ? PlainText(merged.entry) : ReadableText(merged.entry);
 }
 
-Exit Show(const Options& options)
+Exit Show(const ShowOptions& options)
 {
     const EntryFilter filter = FilterOf(options);
     Exit worst = Exit::Ok;
@@ -169,7 +169,7 @@ Exit Show(const Options& options)
 void AddShow(CLI::App& app, Action& action)
 {
     CLI::App& command = *app.add_subcommand("show", "Read log files, with their successors, in the order of time");
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ShowOptions>();
     command.add_option("file", options->files, "log files, such as Logs\\VTFltMgr.dll.Log")->required();
     auto* level = command.add_option("--level", options->level,
                                      "this level and more important ones: error, warning, information, "

@@ -22,9 +22,9 @@ namespace vtlog {
 namespace {
 
 // A signal wakes the viewer at once; this is how long it may take to see a new process, or a signal that was lost.
-constexpr DWORD LOOK_AGAIN_MILLISECONDS = 250;
+constexpr DWORD DISCOVERY_MILLISECONDS = 250;
 
-struct Options {
+struct TailOptions {
     std::vector<std::string> programs;
     std::string level;
     std::vector<std::uint32_t> processes;
@@ -38,7 +38,7 @@ struct Options {
 
 class Tail {
 public:
-    explicit Tail(const Options& options) : m_options(options), m_stop(options.stopEvent, options.seconds)
+    explicit Tail(const TailOptions& options) : m_options(options), m_stop(options.stopEvent, options.seconds)
     {
         if (!options.level.empty()) {
             m_level = ParseLevel(options.level);
@@ -121,7 +121,7 @@ private:
     {
         if (!m_options.programs.empty() || GetTickCount64() < m_nextDiscovery)
             return;
-        m_nextDiscovery = GetTickCount64() + LOOK_AGAIN_MILLISECONDS;
+        m_nextDiscovery = GetTickCount64() + DISCOVERY_MILLISECONDS;
         for (const LoggingProcess& process : LoggingProcesses()) {
             try {
                 Watch(process.name, false);
@@ -148,7 +148,7 @@ private:
         for (const auto& ring : m_rings)
             handles.push_back(ring->viewer.Event());
         const std::size_t result = WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), FALSE,
-                                                          m_stop.Spell(LOOK_AGAIN_MILLISECONDS));
+                                                          m_stop.Spell(DISCOVERY_MILLISECONDS));
         if (result < WAIT_OBJECT_0 + stops || result >= WAIT_OBJECT_0 + handles.size())
             return std::nullopt;
         return result - WAIT_OBJECT_0 - stops;
@@ -226,7 +226,7 @@ private:
             m_full = true;
     }
 
-    const Options& m_options;
+    const TailOptions& m_options;
     StopSignal m_stop;
     std::optional<int> m_level;
     EntryFilter m_texts;
@@ -244,7 +244,7 @@ private:
 void AddTail(CLI::App& app, Action& action)
 {
     CLI::App& command = *app.add_subcommand("tail", "Show records live, as processes log them");
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<TailOptions>();
     command.add_option("--exe", options->programs,
                        "programs to watch, by file name, running or not; without it every "
                        "process that logs");

@@ -104,9 +104,25 @@ DWORD Attach(const PROCESS_INFORMATION& process, const std::wstring& directory)
     return code != 0 ? code : attached;
 }
 
+// Suspended. About once in a thousand starts Wine gives ERROR_INTERNAL_ERROR for a process that was gone before it was
+// ready; the next start succeeds.
+DWORD Start(const std::wstring& commandLine, STARTUPINFOW& startup, PROCESS_INFORMATION& started)
+{
+    DWORD error = ERROR_INTERNAL_ERROR;
+    for (int attempt = 0; attempt < 3 && error == ERROR_INTERNAL_ERROR; ++attempt) {
+        std::wstring writable = commandLine; // the system writes into it
+        if (CreateProcessW(nullptr, writable.data(), nullptr, nullptr, TRUE, CREATE_SUSPENDED, nullptr, nullptr,
+                           &startup, &started))
+            return 0;
+        error = GetLastError();
+    }
+    return error;
+}
+
 } // namespace
 
-DWORD RunProgram(const std::wstring& directory, std::wstring commandLine, bool suspended, PROCESS_INFORMATION& process)
+DWORD RunProgram(const std::wstring& directory, const std::wstring& commandLine, bool suspended,
+                 PROCESS_INFORMATION& process)
 {
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
@@ -115,10 +131,10 @@ DWORD RunProgram(const std::wstring& directory, std::wstring commandLine, bool s
     startup.hStdOutput = GetStdHandle(STD_OUTPUT_HANDLE);
     startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
     PROCESS_INFORMATION started = {};
-    if (!CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, CREATE_SUSPENDED, nullptr, nullptr,
-                        &startup, &started))
-        return GetLastError();
-    DWORD code = Attach(started, directory);
+    DWORD code = Start(commandLine, startup, started);
+    if (code != 0)
+        return code;
+    code = Attach(started, directory);
     if (code == 0 && !suspended && ResumeThread(started.hThread) == static_cast<DWORD>(-1))
         code = GetLastError();
     if (code != 0) {

@@ -10,6 +10,7 @@ namespace vtfltsim {
 DWORD AttachProcess(const wchar_t* directory);
 
 // Starts a program whose process does that before its own code begins. Its main thread waits when suspended is true.
-DWORD RunProgram(const std::wstring& directory, std::wstring commandLine, bool suspended, PROCESS_INFORMATION& process);
+DWORD RunProgram(const std::wstring& directory, const std::wstring& commandLine, bool suspended,
+                 PROCESS_INFORMATION& process);
 
 } // namespace vtfltsim

@@ -307,7 +307,7 @@ TEST_F(RingTest, AMutexThatItsOwnerLeftBehindIsOwnedAndGivenBack)
 
 TEST_F(RingTest, ARingThatIsTooSmallIsRefused)
 {
-    const UniqueHandle small = MakeMapping(RING_MAPPING + UPPER, 4096);
+    const UniqueHandle tooSmall = MakeMapping(RING_MAPPING + UPPER, 4096);
     EXPECT_FALSE(m_writer.OpenAsWriter());
     EXPECT_FALSE(MappingExists(RING_LOCAL_MAPPING + UPPER));
     const UniqueHandle mutex(CreateMutexW(nullptr, FALSE, (RING_MUTEX + UPPER).c_str()));

@@ -92,16 +92,16 @@ bool ParseMix(const std::vector<std::string_view>& words, Schedule& schedule)
            ParseNumber(words[2], schedule.oneIn) && schedule.oneIn != 0;
 }
 
-struct Weight {
+struct ScheduleWeight {
     Do what;
     std::uint32_t weight;
 };
 
-constexpr Weight WEIGHTS[] = {{Do::Write, 30},     {Do::Backup, 34},       {Do::Begin, 4},        {Do::Fetch, 4},
-                              {Do::Finish, 4},     {Do::Abandon, 1},       {Do::Register, 4},     {Do::Unregister, 3},
-                              {Do::MarkAll, 2},    {Do::Unmark, 2},        {Do::Monitor, 3},      {Do::Ask, 3},
-                              {Do::StopVolume, 1}, {Do::StartTracking, 2}, {Do::LoseTracking, 2}, {Do::StopVolumes, 1},
-                              {Do::Damage, 2},     {Do::Resize, 1},        {Do::SetBlockSize, 1}};
+constexpr ScheduleWeight WEIGHTS[] = {
+    {Do::Write, 30},      {Do::Backup, 34},  {Do::Begin, 4},      {Do::Fetch, 4},         {Do::Finish, 4},
+    {Do::Abandon, 1},     {Do::Register, 4}, {Do::Unregister, 3}, {Do::MarkAll, 2},       {Do::Unmark, 2},
+    {Do::Monitor, 3},     {Do::Ask, 3},      {Do::StopVolume, 1}, {Do::StartTracking, 2}, {Do::LoseTracking, 2},
+    {Do::StopVolumes, 1}, {Do::Damage, 2},   {Do::Resize, 1},     {Do::SetBlockSize, 1}};
 
 // Backups behind it need not be as those are of a machine on which nothing goes wrong.
 bool Disturbs(Do what)
@@ -125,12 +125,12 @@ bool Disturbs(Do what)
 Operation ChooseOperation(Dice& dice, std::uint32_t application, const std::vector<VolumeShape>& volumes, bool calm)
 {
     std::uint32_t sum = 0;
-    for (const Weight& one : WEIGHTS)
+    for (const ScheduleWeight& one : WEIGHTS)
         sum += one.weight;
     Operation operation;
     operation.what = Do::Backup;
     std::uint32_t at = dice.Below(sum);
-    for (const Weight& one : WEIGHTS) {
+    for (const ScheduleWeight& one : WEIGHTS) {
         if (at < one.weight) {
             operation.what = one.what;
             break;

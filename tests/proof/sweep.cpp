@@ -11,7 +11,7 @@ namespace {
 
 using How = Fault::How;
 
-constexpr std::uint32_t ERRORS[] = {5, 8, 31, 1450};
+constexpr std::uint32_t SWEEP_ERRORS[] = {5, 8, 31, 1450};
 constexpr std::uint32_t TORN = 77; // a seed
 // One run in so many looks at everything behind it, the others only for lost changes and what is left open.
 constexpr std::uint64_t THOROUGH = 8;
@@ -50,7 +50,7 @@ private:
         switch (m_options.kind) {
         case SweepKind::Failures:
             return Each(calls.all, [&](std::uint32_t nth) {
-                for (const std::uint32_t error : ERRORS) {
+                for (const std::uint32_t error : SWEEP_ERRORS) {
                     if (!Try({{How::Fail, nth, error}}) || !Try({{How::FailOn, nth, error}}))
                         return false;
                 }
@@ -94,7 +94,8 @@ private:
         default:
             return Each(calls.all, [&](std::uint32_t nth) {
                 return Each(calls.all - nth, [&](std::uint32_t further) {
-                    return Try({{How::Fail, nth, ERRORS[nth % 4]}, {How::Fail, nth + further, ERRORS[further % 4]}});
+                    return Try({{How::Fail, nth, SWEEP_ERRORS[nth % 4]},
+                                {How::Fail, nth + further, SWEEP_ERRORS[further % 4]}});
                 });
             });
         }

@@ -37,7 +37,8 @@ std::wstring MachineState::File(const std::string& application, const VolumeName
 std::optional<LastSuccess> MachineState::Read(const std::string& application, const VolumeName& volume) const
 {
     try {
-        const std::optional<std::string> text = ReadSmallFile(File(application, volume, L".success.json"), RECORD_LIMIT);
+        const std::optional<std::string> text =
+            ReadSmallFile(File(application, volume, L".success.json"), RECORD_LIMIT);
         const json object = json::parse(text.value_or(""), nullptr, false);
         if (!object.is_object() || object.value("application", "") != application)
             return std::nullopt;

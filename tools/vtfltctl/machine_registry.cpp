@@ -20,7 +20,8 @@
 namespace vtfltctl {
 namespace {
 
-constexpr wchar_t VOLUME_CLASS_KEY[] = L"System\\CurrentControlSet\\Control\\Class\\{71A27CDD-812A-11D0-BEC7-08002BE2092F}";
+constexpr wchar_t VOLUME_CLASS_KEY[] =
+    L"System\\CurrentControlSet\\Control\\Class\\{71A27CDD-812A-11D0-BEC7-08002BE2092F}";
 constexpr wchar_t SNAPSHOT_PROVIDER[] = L"volsnap";
 
 std::optional<std::uint32_t> NumberIn(const toolkit::RegistryValue& value)

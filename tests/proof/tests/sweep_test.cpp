@@ -10,9 +10,9 @@ namespace {
 
 // Under sanitizers only so much that they see everything.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr std::uint32_t SLOWER = 50;
+constexpr std::uint32_t SWEEP_SLOWER = 50;
 #else
-constexpr std::uint32_t SLOWER = 1;
+constexpr std::uint32_t SWEEP_SLOWER = 1;
 #endif
 
 TEST(Scenarios, AreManyAndEachCanBeRead)
@@ -29,7 +29,7 @@ TEST(Scenarios, AreManyAndEachCanBeRead)
 TEST(Scenarios, WithoutAFaultLoseNothing)
 {
     const std::vector<Scenario> scenarios = AllScenarios();
-    for (std::size_t i = 0; i < scenarios.size(); i += SLOWER)
+    for (std::size_t i = 0; i < scenarios.size(); i += SWEEP_SLOWER)
         EXPECT_EQ("", RunHistory(scenarios[i].history)) << scenarios[i].name;
 }
 
@@ -45,10 +45,10 @@ TEST_P(Sweeps, LoseNothing)
 {
     SweepOptions options;
     options.kind = GetParam().kind;
-    options.oneIn = GetParam().oneIn * SLOWER;
+    options.oneIn = GetParam().oneIn * SWEEP_SLOWER;
     const SweepResult result = RunSweep(AllScenarios(), options);
     EXPECT_EQ("", result.wrong) << result.scenario << "\n./dev sim --replay \"" << ToText(result.history) << "\"";
-    EXPECT_GE(result.struck, GetParam().atLeast / SLOWER) << "of " << result.runs;
+    EXPECT_GE(result.struck, GetParam().atLeast / SWEEP_SLOWER) << "of " << result.runs;
 }
 
 INSTANTIATE_TEST_SUITE_P(Sampled, Sweeps,

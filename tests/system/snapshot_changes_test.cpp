@@ -12,7 +12,7 @@ namespace {
 using namespace vtflt;
 
 constexpr wchar_t SNAPSHOT_SUCCESS[] =
-    L"CMultiBitmapManager::VTDeviceIoControl: SNAPSHOT_SUCCESS :: VTFLTCTL_SYNC_SNAPSHOT_CHANGES_TO_VOLUME_BITMAP";
+    L"CMultiBitmapManager::VTDeviceIoControl: SUCCESS :: VTFLTCTL_SYNC_SNAPSHOT_CHANGES_TO_VOLUME_BITMAP";
 constexpr wchar_t SYNC_FAILED[] = L"CMultiBitmapManager::VTDeviceIoControl: Failed to sync snapshot changes to child "
                                   L"bitmap. Next job will be verify backup.";
 constexpr wchar_t SNAPSHOTS_OTHER_VOLUME[] = L"{11111111-2222-3333-4444-555555555555}";

@@ -272,6 +272,19 @@ TEST_F(VtFltCtlMend, AGuidInOtherCaseMarksNothingUntilItIsMended)
     }
 }
 
+TEST_F(VtFltCtlMend, ADriversListThatReplicateRefusesIsWrittenByHand)
+{
+    for (const std::wstring& odd : {OtherCase(volume.guid), std::wstring(L"{no volume}")}) {
+        StoreList(VERIFY, {});
+        StoreList(DRIVER_LIST, {odd, other.guid});
+        EXPECT_TRUE(FindingOf("lost-tracking").contains("volume"));
+        for (const std::string& mend : PrintedMends())
+            EXPECT_EQ(std::string::npos, mend.find("verify replicate")) << mend;
+        const std::string consequence = FindingOf("list-entry-odd").at("consequence");
+        EXPECT_NE(std::string::npos, consequence.find("by hand")) << consequence;
+    }
+}
+
 TEST_F(VtFltCtlMend, WhatTheDriversListCannotHandOverComesOntoEveryVerifyList)
 {
     Register(L"Weekly");

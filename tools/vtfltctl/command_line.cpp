@@ -4,6 +4,7 @@
 #include "vtfltmgr/version.h"
 
 #include <CLI/CLI.hpp>
+#include <fmt/format.h>
 
 #include <algorithm>
 
@@ -96,8 +97,27 @@ void AddCommands(CLI::App& app, Context& context)
     RefuseEmptyValues(app);
 }
 
+namespace {
+
+// CLI11 takes the next word for the value of "--option=".
+std::optional<std::string> OptionWithoutValue(const std::vector<std::string>& arguments)
+{
+    for (const std::string& argument : arguments) {
+        if (argument == "--")
+            break;
+        if (argument.starts_with("--") && argument.ends_with("="))
+            return argument;
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
 std::optional<int> ParseCommandLine(std::vector<std::string> arguments, Context& context)
 {
+    if (const std::optional<std::string> option = OptionWithoutValue(arguments))
+        return static_cast<int>(AnswerFailure(
+            context, Exit::Usage, fmt::format("{} may not be empty", option->substr(0, option->size() - 1))));
     CLI::App app;
     AddCommands(app, context);
     const bool json = context.json;

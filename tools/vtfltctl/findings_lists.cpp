@@ -145,8 +145,11 @@ void CheckGuid(const MachineFacts& machine, const NamedList& list, const std::ws
         findings.push_back(
             {"list-entry-odd", Severity::Damaged, list.application, guid,
              fmt::format("{} writes the volume {} in other case than the system.", list.name, Shown(guid)),
-             "The library compares exactly, so it marks no volume: the next backup of the volume that "
-             "it means can miss changes.",
+             std::string("The library compares exactly, so it marks no volume: the next backup of the volume that "
+                         "it means can miss changes.") +
+                 (list.application.empty() ? " It is handed on as it stands. Write the list anew by hand, each {GUID} "
+                                             "as the system spells it, before the next backup."
+                                           : ""),
              ReplaceEntry(machine, list, guid)});
     else if (machine.volumesError == ERROR_SUCCESS)
         findings.push_back(
@@ -243,8 +246,22 @@ void CheckList(const MachineFacts& machine, const NamedList& list, std::vector<F
 }
 
 // Whoever replicates hands the driver's list to every application.
+// Of the driver's list: an entry that "verify replicate" refuses to hand to everybody, and that no command takes off.
+bool HoldsWhatIsNotHandedOut(const MachineFacts& machine)
+{
+    std::vector<std::wstring> handedOut;
+    std::vector<std::wstring> kept;
+    vtflt::SplitDriverList(machine.driverList.entries, handedOut, kept);
+    return std::any_of(handedOut.begin(), handedOut.end(), [&](const std::wstring& entry) {
+        return toolkit::ParseVolumeGuid(entry) != entry ||
+               (!Contains(machine.volumeGuids, entry) && IsOnMachine(machine, entry));
+    });
+}
+
 Mend ReplicateAny(const MachineFacts& machine)
 {
+    if (HoldsWhatIsNotHandedOut(machine))
+        return {};
     for (const ApplicationFacts& application : machine.applications) {
         if (Mend mend = Replicate(application.id); !mend.empty() && !WrittenMend(mend, {}).empty())
             return mend;

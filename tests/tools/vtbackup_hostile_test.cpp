@@ -5,6 +5,8 @@
 
 #include <winioctl.h>
 
+#include <algorithm>
+
 using namespace vtbackup_test;
 
 namespace {
@@ -157,6 +159,21 @@ TEST_F(VtBackupHostile, WhatAManifestSaysDoesNotSteerTheTerminal)
     EXPECT_NE(std::string::npos, result.out.find("?[2Jgone")) << result.out;
     EXPECT_NE(std::string::npos, result.err.find("?[2Jgone")) << result.err;
     EXPECT_EQ(std::string::npos, (result.out + result.err).find('\x1B'));
+}
+
+TEST_F(VtBackupHostile, WhatAManifestSaysMakesNoLineOfItsOwn)
+{
+    ChangeManifest(1, [](json& manifest) {
+        manifest["time"] = "\n     9  forged\xC2\x9B"
+                           "2J\xE2\x80\xA8|";
+    });
+    ChangeManifest(2, [](json& manifest) { manifest["application"] = "\nvtbackup: forged\xC2\x85|"; });
+    const Result result = Run({L"list", L"--repo", repository});
+    EXPECT_EQ(EXIT_DAMAGED, result.exitCode);
+    EXPECT_NE(std::string::npos, result.out.find("?     9  forged?2J?|")) << result.out;
+    EXPECT_EQ(2, std::count(result.out.begin(), result.out.end(), '\n')) << "the chain and its first backup";
+    EXPECT_NE(std::string::npos, result.err.find("?vtbackup: forged?|")) << result.err;
+    EXPECT_EQ(1, std::count(result.err.begin(), result.err.end(), '\n')) << result.err;
 }
 
 TEST_F(VtBackupHostile, ARangeOfWrittenDataThatBeginsBeforeTheVolumeDoesNotEndTheCopy)

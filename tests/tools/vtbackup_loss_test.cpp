@@ -127,6 +127,73 @@ TEST_F(VtBackupLoss, AKilledRunOnAVolumeThatIsNotFixedIsToldByTheNextBackup)
     EXPECT_EQ("incremental", later.kind);
 }
 
+// Hours may lie between the marks and the end of the audit, which is where it is said.
+TEST_F(VtBackupLoss, ARunThatIsKilledBehindItsMarksLeavesWhatItHadToSayToTheNextBackup)
+{
+    ASSERT_EQ(EXIT_OK, Init(L"Second").exitCode);
+    ASSERT_EQ(EXIT_OK, Backup(L"Second").exitCode);
+    vtfltsim::Check("type", VTFltSimSetDriveType(machine.handle(), volume.guid.c_str(), DRIVE_REMOVABLE));
+    WriteUnseen(20, 0xEE);
+    ASSERT_EQ(VTFLTSIM_KILLED, Audit(1000, L"kill-after|MoveFileExW|lost-tracking|2").exitCode);
+    ASSERT_EQ(true, Evidence(2).at("settled"));
+    EXPECT_FALSE(Evidence(2).contains("told"));
+    const Result next = Backup();
+    EXPECT_EQ(EXIT_NOT_MARKED, next.exitCode) << next.err;
+    EXPECT_EQ("verify", next.kind);
+    EXPECT_NE(std::string::npos, next.err.find("application \"Second\": its fixed volumes are marked")) << next.err;
+    EXPECT_EQ(json::array({"App", "Second"}), Evidence(2).at("told"));
+    const Result later = Backup();
+    EXPECT_EQ(EXIT_OK, later.exitCode) << later.err;
+    EXPECT_EQ("incremental", later.kind);
+}
+
+TEST_F(VtBackupLoss, WhatWasSaidIsSaidAgainWhenItCouldNotBeNoted)
+{
+    vtfltsim::Check("type", VTFltSimSetDriveType(machine.handle(), volume.guid.c_str(), DRIVE_REMOVABLE));
+    WriteUnseen(20, 0xEE);
+    const Result killed = Audit(1000, L"kill-before|MoveFileExW|lost-tracking|4");
+    EXPECT_EQ(VTFLTSIM_KILLED, killed.exitCode);
+    EXPECT_NE(std::string::npos, killed.err.find("NOT MARKED")) << "it is noted once it is said";
+    EXPECT_EQ(EXIT_NOT_MARKED, Backup(L"App", L"fail|MoveFileExW|lost-tracking|1|0|5").exitCode);
+    EXPECT_EQ(EXIT_NOT_MARKED, Backup().exitCode);
+    EXPECT_EQ(EXIT_OK, Backup().exitCode);
+}
+
+TEST_F(VtBackupLoss, AMarkThatIsStillOwedDoesNotHideOneThatCannotBe)
+{
+    machine.AddVolume(65536, BLOCK); // a fixed one, so that there is something to mark
+    for (const wchar_t* other : {L"Second", L"Third"})
+        ASSERT_EQ(EXIT_OK, Init(other).exitCode);
+    vtfltsim::Check("type", VTFltSimSetDriveType(machine.handle(), volume.guid.c_str(), DRIVE_REMOVABLE));
+    WriteUnseen(20, 0xEE);
+    ASSERT_EQ(VTFLTSIM_KILLED, Audit(1000, L"fail|RegSetValueExW|DeviceListForReSyncThird.Last|1|0|5;"
+                                           L"kill-after|MoveFileExW|lost-tracking|2")
+                                   .exitCode);
+    ASSERT_EQ(json::array({"App", "Second"}), Evidence(2).at("fixedOnly"));
+    ASSERT_EQ(false, Evidence(2).at("settled"));
+    const Result next = Backup();
+    EXPECT_EQ(EXIT_NOT_MARKED, next.exitCode) << next.err;
+    for (const char* name : {"Second", "Third"})
+        EXPECT_NE(std::string::npos, next.err.find(std::string("application \"") + name + "\": its fixed volumes"))
+            << next.err;
+    EXPECT_EQ(EXIT_OK, Backup().exitCode);
+}
+
+TEST_F(VtBackupLoss, OfSeveralLossesEachIsSaid)
+{
+    const auto write = [this](int sequence, const char* name) {
+        const std::string text = json{{"settled", true}, {"fixedOnly", {name}}}.dump();
+        WriteFileBytes(LossFile(sequence), {text.begin(), text.end()});
+    };
+    write(2, "Second");
+    write(3, "Third");
+    const Result next = Backup();
+    EXPECT_EQ(EXIT_NOT_MARKED, next.exitCode) << next.err;
+    EXPECT_NE(std::string::npos, next.err.find("application \"Second\"")) << next.err;
+    EXPECT_NE(std::string::npos, next.err.find("application \"Third\"")) << next.err;
+    EXPECT_EQ(EXIT_OK, Backup().exitCode);
+}
+
 TEST_F(VtBackupLoss, NoMarkIsSetAsLongAsItCannotBeNoted)
 {
     ASSERT_EQ(EXIT_OK, Init(L"Second").exitCode);
@@ -176,6 +243,23 @@ TEST_F(VtBackupLoss, AStrangersMarkThatIsOffAtTheNextBackupIsToldOnce)
     const Result later = Backup();
     EXPECT_EQ(EXIT_OK, later.exitCode) << later.err;
     EXPECT_EQ("incremental", later.kind);
+}
+
+TEST_F(VtBackupLoss, AStrangersMarkThatIsOffIsToldByTheFirstBackupThatIsMade)
+{
+    ASSERT_EQ(EXIT_OK, Init(L"Stranger").exitCode);
+    WriteUnseen(20, 0xEE);
+    ASSERT_EQ(EXIT_LOST_TRACKING, Audit(1000).exitCode);
+    ClearVerifyList(L"Stranger");
+    const Result failed = Backup(L"App", L"fail|ReadFile|HarddiskVolumeShadowCopy|1|1|1117");
+    EXPECT_EQ(EXIT_DEVICE, failed.exitCode) << failed.err;
+    ASSERT_EQ(json::array({"Stranger"}), Evidence(2).at("marksGone"));
+    const Result next = Backup();
+    EXPECT_EQ(EXIT_NOT_MARKED, next.exitCode) << next.err;
+    EXPECT_EQ("verify", next.kind);
+    EXPECT_NE(std::string::npos, next.err.find("the mark of Stranger is off again")) << next.err;
+    EXPECT_EQ(json::array({"Stranger"}), Evidence(2).at("told"));
+    EXPECT_EQ(EXIT_OK, Backup().exitCode);
 }
 
 // ---- evidence

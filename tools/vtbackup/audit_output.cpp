@@ -75,18 +75,18 @@ Exit PrintLoss(const LostTracking& loss, bool asJson)
     } else {
         const json& blocks = loss.Evidence().at("blocks");
         const std::uint64_t differing = NumberIn(loss.Evidence(), "differing");
-        Print(fmt::format("lost tracking on {}\n", TextIn(loss.Evidence(), "volume")));
+        PrintLine(fmt::format("lost tracking on {}", TextIn(loss.Evidence(), "volume")));
         const std::size_t printed = std::min(blocks.size(), MOST_PRINTED);
         for (std::size_t i = 0; i < printed; ++i) {
             const json& block = blocks[i];
             const std::uint64_t backup = NumberIn(block, "backup");
-            Print(fmt::format(
-                "  block {} (offset {}, {} bytes): expected {} ({}), found {}\n", NumberIn(block, "block"),
+            PrintLine(fmt::format(
+                "  block {} (offset {}, {} bytes): expected {} ({}), found {}", NumberIn(block, "block"),
                 NumberIn(block, "offset"), NumberIn(block, "length"), TextIn(block, "expected"),
                 backup == 0 ? "stored by no backup" : fmt::format("backup {}", backup), TextIn(block, "found")));
         }
         if (differing > printed)
-            Print(fmt::format("  and {} more\n", differing - printed));
+            PrintLine(fmt::format("  and {} more", differing - printed));
     }
     Diagnose(loss.what());
     return loss.Code();

@@ -148,7 +148,8 @@ ParsedCommandLine ParseCommandLine(std::vector<std::string> arguments)
         std::cout << version.what() << "\n";
         parsed.exitCode = 0;
     } catch (const CLI::ParseError& error) {
-        std::cerr << "vtbackup: " << error.what() << "\nTry \"vtbackup --help\".\n";
+        Diagnose(error.what()); // with what was typed in it
+        std::cerr << "Try \"vtbackup --help\".\n";
         if (json)
             PrintJson({{"result", OutcomeName(Exit::Usage)}, {"message", error.what()}});
         parsed.exitCode = static_cast<int>(Exit::Usage);

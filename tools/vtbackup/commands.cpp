@@ -95,9 +95,9 @@ Exit Init(const Options& options)
                    {"repository", id},
                    {"registered", !options.undo}});
     else
-        Print(options.undo ? fmt::format("application \"{}\" is no longer registered\n", options.application)
-                           : fmt::format("application \"{}\" is registered, repository {}\n", options.application,
-                                         options.repository));
+        PrintLine(options.undo ? fmt::format("application \"{}\" is no longer registered", options.application)
+                               : fmt::format("application \"{}\" is registered, repository {}", options.application,
+                                             options.repository));
     return Exit::Ok;
 }
 
@@ -116,23 +116,25 @@ Exit Backup(const Options& options)
     request.registerFirst = options.registerFirst;
     request.audit = options.audit;
     request.keepSnapshot = options.keepSnapshot;
+    const Chain chain = repository.ChainOf(request.application, request.volume);
     BackupResult result;
     try {
         result = RunBackup(machine, repository, request);
     } catch (const LostTracking& loss) {
-        return PrintLoss(loss, options.json);
+        const Exit code = PrintLoss(loss, options.json);
+        NoteSaid(machine, chain, {loss.Once()});
+        return code;
     }
     const Manifest& m = result.manifest;
-    const Exit code = !result.notMarked.empty()     ? Exit::NotMarked
-                      : !result.notReported.empty() ? Exit::NotReported
-                                                    : Exit::Ok;
+    const std::string& notMarked = result.losses.text;
+    const Exit code = !notMarked.empty() ? Exit::NotMarked : !result.notReported.empty() ? Exit::NotReported : Exit::Ok;
     if (options.json) {
         json object = {{"result", OutcomeName(code)},
                        {"backup", ToJson(m)},
                        {"reported", result.notReported.empty()},
                        {"snapshotChanges", result.snapshotChanges}};
         if (code != Exit::Ok)
-            object["message"] = code == Exit::NotMarked ? result.notMarked : result.notReported;
+            object["message"] = code == Exit::NotMarked ? notMarked : result.notReported;
         if (m.audit)
             object["audit"] = AuditJson(m);
         if (options.keepSnapshot) {
@@ -141,24 +143,25 @@ Exit Backup(const Options& options)
         }
         PrintJson(object);
     } else {
-        Print(fmt::format("backup {} of {}: {}{}\n", m.sequence, m.volume, KindName(m.kind),
-                          m.reasons.empty() ? "" : " (" + ReasonCodes(m) + ")"));
+        PrintLine(fmt::format("backup {} of {}: {}{}", m.sequence, m.volume, KindName(m.kind),
+                              m.reasons.empty() ? "" : " (" + ReasonCodes(m) + ")"));
         for (const Reason& reason : m.reasons)
-            Print(fmt::format("  {}: {}\n", reason.code, reason.text));
-        Print(fmt::format("  {} blocks stored, {} zero, {} read of {}\n", m.blocksStored, m.blocksZero,
-                          BytesText(m.bytesRead), BytesText(m.geometry.length)));
+            PrintLine(fmt::format("  {}: {}", reason.code, reason.text));
+        PrintLine(fmt::format("  {} blocks stored, {} zero, {} read of {}", m.blocksStored, m.blocksZero,
+                              BytesText(m.bytesRead), BytesText(m.geometry.length)));
         if (m.audit)
-            Print(fmt::format("  audit: {}\n", AuditText(m)));
+            PrintLine(fmt::format("  audit: {}", AuditText(m)));
         if (options.keepSnapshot)
-            Print(fmt::format("  snapshot {}\n", result.snapshotDevice));
+            PrintLine(fmt::format("  snapshot {}", result.snapshotDevice));
     }
     if (code == Exit::NotMarked)
         Diagnose(fmt::format("backup {} is stored, but after the loss of tracking that an audit found, not everybody "
                              "knows of it: {}; do not trust an incremental backup of such an application",
-                             m.sequence, result.notMarked));
+                             m.sequence, notMarked));
     if (!result.notReported.empty())
         Diagnose(
             fmt::format("backup {} is stored, but its success was not reported: {}", m.sequence, result.notReported));
+    NoteSaid(machine, chain, result.losses.once);
     return code;
 }
 
@@ -176,8 +179,8 @@ Exit RestoreCommand(const Options& options)
                    {"volumeLength", result.volumeLength},
                    {"bytesWritten", result.bytesWritten}});
     else
-        Print(fmt::format("backup {} restored to {}: {} written of {}\n", result.sequence, options.to,
-                          BytesText(result.bytesWritten), BytesText(result.volumeLength)));
+        PrintLine(fmt::format("backup {} restored to {}: {} written of {}", result.sequence, options.to,
+                              BytesText(result.bytesWritten), BytesText(result.volumeLength)));
     return Exit::Ok;
 }
 
@@ -225,9 +228,9 @@ Exit Verify(const Options& options)
                         {"blocks", check.blocks},
                         {"bytes", check.bytes}});
         if (!options.json)
-            Print(fmt::format("{} {}: {} backups, {} blocks, {} checked: {}\n", chain.Application(), volume,
-                              check.backups.size(), check.blocks, BytesText(check.bytes),
-                              check.Good() ? "good" : "DAMAGED"));
+            PrintLine(fmt::format("{} {}: {} backups, {} blocks, {} checked: {}", chain.Application(), volume,
+                                  check.backups.size(), check.blocks, BytesText(check.bytes),
+                                  check.Good() ? "good" : "DAMAGED"));
     }
     const Exit code = good ? Exit::Ok : Exit::Damaged;
     if (options.json)
@@ -245,7 +248,7 @@ Exit List(const Options& options)
     for (const Chain& chain : found.chains) {
         json backups = json::array();
         if (!options.json)
-            Print(fmt::format("{} {}\n", chain.Application(), ToUtf8(chain.Volume().guid)));
+            PrintLine(fmt::format("{} {}", chain.Application(), ToUtf8(chain.Volume().guid)));
         for (const std::uint64_t sequence : chain.Backups()) {
             try {
                 const Manifest m = chain.ReadManifest(sequence);
@@ -254,9 +257,9 @@ Exit List(const Options& options)
                 object["reported"] = reported;
                 backups.push_back(std::move(object));
                 if (!options.json)
-                    Print(fmt::format("  {:>6}  {}  {:<11}  {:>10} stored  {}{}\n", sequence, m.time, KindName(m.kind),
-                                      BytesText(m.dataLength), ReasonCodes(m),
-                                      reported ? "" : " [success not reported]"));
+                    PrintLine(fmt::format("  {:>6}  {}  {:<11}  {:>10} stored  {}{}", sequence, m.time,
+                                          KindName(m.kind), BytesText(m.dataLength), ReasonCodes(m),
+                                          reported ? "" : " [success not reported]"));
             } catch (const Failure& failure) {
                 if (failure.Code() != Exit::Damaged)
                     throw;
@@ -269,7 +272,7 @@ Exit List(const Options& options)
         for (const std::uint64_t sequence : chain.Losses()) {
             losses.push_back(ReadLoss(chain, sequence));
             if (!options.json)
-                Print(fmt::format("  {}\n", LossLine(losses.back())));
+                PrintLine(fmt::format("  {}", LossLine(losses.back())));
         }
         list.push_back({{"application", chain.Application()},
                         {"volume", ToUtf8(chain.Volume().guid)},
@@ -344,8 +347,8 @@ Exit ReportCommand(const Options& options)
                    {"bytesSaved", totals.saved},
                    {"problems", problems}});
     else if (!toOutput)
-        Print(fmt::format("{}: {} backups, {} stored, {} saved against full backups\n", options.html, totals.Backups(),
-                          BytesText(totals.bytesStored), BytesText(totals.saved)));
+        PrintLine(fmt::format("{}: {} backups, {} stored, {} saved against full backups", options.html,
+                              totals.Backups(), BytesText(totals.bytesStored), BytesText(totals.saved)));
     return code;
 }
 

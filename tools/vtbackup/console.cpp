@@ -1,10 +1,12 @@
 #include "console.h"
 
 #include "handle.h"
+#include "text.h"
 
 #include <fcntl.h>
 #include <io.h>
 
+#include <algorithm>
 #include <cstdio>
 
 namespace vtbackup {
@@ -26,14 +28,13 @@ bool ErrorsInColour()
     return SetConsoleMode(handle, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING) != 0;
 }
 
-// Texts from a repository may hold anything, and nothing of it is meant to steer a terminal.
-std::string Visible(std::string text)
+// Texts from a repository may hold anything, and nothing of it is meant to steer a terminal or to look like a line of
+// this program.
+std::string Visible(const std::string& text)
 {
-    for (char& c : text) {
-        if ((c >= 0 && c < ' ' && c != '\n') || c == '\x7F')
-            c = '?';
-    }
-    return text;
+    std::wstring shown = ToWide(text);
+    std::replace_if(shown.begin(), shown.end(), toolkit::IsUnshowable, L'?');
+    return ToUtf8(shown);
 }
 
 bool Write(const std::string& text)
@@ -44,9 +45,9 @@ bool Write(const std::string& text)
 
 } // namespace
 
-void Print(const std::string& text)
+void PrintLine(const std::string& text)
 {
-    Write(Visible(text));
+    Write(Visible(text) + "\n");
 }
 
 void PrintJson(const nlohmann::json& object)

@@ -8,7 +8,6 @@
 #include "held_snapshot.h"
 #include "interrupt.h"
 #include "library.h"
-#include "lost_tracking.h"
 #include "snapshot_writes.h"
 #include "text.h"
 #include "writer.h"
@@ -141,7 +140,7 @@ BackupResult Cycle::Run()
     DeleteLeftSnapshot(m_machine, m_application, m_request.volume);
     m_chain.RemoveUnfinished();
     // Before this application asks for its own.
-    m_result.notMarked = MarkForEarlierLosses(m_machine, m_chain);
+    m_result.losses = MarkForEarlierLosses(m_machine, m_chain);
     LookAtChain();
     try {
         BackUp();

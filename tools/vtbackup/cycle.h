@@ -1,6 +1,7 @@
 // The backup cycle: one backup of one volume for one application.
 #pragma once
 
+#include "lost_tracking.h"
 #include "machine.h"
 #include "manifest.h"
 #include "repository.h"
@@ -25,7 +26,7 @@ struct BackupResult {
     std::string snapshotId;
     std::string snapshotChanges; // "none", "handed-back", "untracked" or "failed"
     std::string notReported;     // not empty: why success was not reported
-    std::string notMarked;       // not empty: which application may not know of a loss that an earlier audit found
+    LossNews losses;             // that earlier audits found; NoteSaid takes what of it has been said
 };
 
 // Throws Failure (LostTracking when the audit finds a loss); then no backup was made and nothing was forgotten. A result with a

@@ -16,8 +16,8 @@ namespace {
 
 // One application's mark.
 struct Mark {
-    std::string problem;    // not empty: the mark is not there, or may not stay, and why
-    bool fixedOnly = false; // it never can be there
+    std::string problem;    // not empty: the mark is not there, or may not stay, and another try may help; why
+    bool fixedOnly = false; // the mark never can be there
 };
 
 // Puts every fixed volume on one application's verify list and looks whether this volume is there.
@@ -43,7 +43,7 @@ Mark MarkOne(const Machine& machine, const std::wstring& id, const std::wstring&
     if (VTIsVerifyRequired(id.c_str(), volume.Path().c_str()) != 0)
         return {busy};
     if (IsKnownNotToBeFixed(volume))
-        return {"its fixed volumes are marked, but no verify list can name this one, which is not fixed", true};
+        return {{}, true};
     return {"the volume is not on its verify list"};
 }
 
@@ -54,39 +54,46 @@ bool Contains(const std::vector<std::string>& list, const std::string& name)
 
 } // namespace
 
+std::string Joined(const std::string& first, const std::string& second)
+{
+    return first.empty() || second.empty() ? first + second : first + "; " + second;
+}
+
+std::string FixedOnlyText(const std::vector<std::string>& applications)
+{
+    std::string text;
+    for (const std::string& name : applications)
+        text = Joined(text, fmt::format("application \"{}\": its fixed volumes are marked, but no verify list can name "
+                                        "this one, which is not fixed",
+                                        name));
+    return text;
+}
+
 // The driver keeps one bitmap for all applications: what it missed is missing in each one's. The library's export
 // marks all fixed volumes or none, which suits the case: a driver that missed a write on one volume is not to be
 // believed on the others.
 Marking MarkApplications(const Machine& machine, const Chain& chain, const Marking& before)
 {
     const std::wstring own = ToWide(chain.Application());
-    Marking marking{before.marked, before.fixedOnly, {}, false};
+    Marking marking{before.marked, before.fixedOnly, {}};
     std::vector<std::wstring> ids = {own};
-    std::string separator;
-    const auto addProblem = [&](const std::string& text, bool owed) {
-        marking.problem += separator + text;
-        separator = "; ";
-        marking.owed = marking.owed || owed;
-    };
     try {
         for (std::wstring& id : RegisteredApplications()) {
             if (id != own)
                 ids.push_back(std::move(id));
         }
     } catch (const Failure& failure) {
-        addProblem(fmt::format("which applications there are is not known: {}", failure.what()), true);
+        marking.problem = fmt::format("which applications there are is not known: {}", failure.what());
     }
     for (const std::wstring& id : ids) {
         const std::string name = ToUtf8(id);
         if (Contains(marking.marked, name) || Contains(marking.fixedOnly, name))
             continue;
         const Mark mark = MarkOne(machine, id, own, chain.Volume());
-        if (mark.problem.empty())
-            marking.marked.push_back(name);
+        if (!mark.problem.empty())
+            marking.problem = Joined(marking.problem, fmt::format("application \"{}\": {}", name, mark.problem));
         else
-            addProblem(fmt::format("application \"{}\": {}", name, mark.problem), !mark.fixedOnly);
-        if (mark.fixedOnly)
-            marking.fixedOnly.push_back(name);
+            (mark.fixedOnly ? marking.fixedOnly : marking.marked).push_back(name);
     }
     return marking;
 }

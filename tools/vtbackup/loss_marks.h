@@ -15,9 +15,13 @@ struct Marking {
     // Applications of which all fixed volumes were marked, but not this one: it is not fixed, so no list names it, and
     // more marks would only make every backup of the others a verify.
     std::vector<std::string> fixedOnly;
-    std::string problem; // not empty: somebody may not know, and why
-    bool owed = false;   // of those, somebody can still be told by another try
+    std::string problem; // not empty: somebody else may not know and can still be told by another try; why
 };
+
+// Both texts with a separator between them, when there are both.
+std::string Joined(const std::string& first, const std::string& second);
+// What is to be said of applications of which only the fixed volumes are marked; empty when there are none.
+std::string FixedOnlyText(const std::vector<std::string>& applications);
 
 // Marks the volume for the chain's application and every other registered one, but for those that before names. The
 // caller holds the locks of the chain's application and volume.

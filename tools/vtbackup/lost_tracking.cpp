@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <iterator>
 #include <new>
 
 namespace vtbackup {
@@ -31,16 +32,22 @@ json ToJson(const std::vector<MissedBlock>& blocks)
     return list;
 }
 
+std::string NotMarkedText(const Marking& marking)
+{
+    return Joined(FixedOnlyText(marking.fixedOnly), marking.problem);
+}
+
 void AddMarking(json& evidence, const Marking& marking)
 {
     evidence["marked"] = marking.marked;
     evidence["fixedOnly"] = marking.fixedOnly;
-    evidence["allMarked"] = marking.problem.empty() && marking.fixedOnly.empty();
-    evidence["settled"] = !marking.owed;
-    if (marking.problem.empty())
+    const std::string notMarked = NotMarkedText(marking);
+    evidence["allMarked"] = notMarked.empty();
+    evidence["settled"] = marking.problem.empty();
+    if (notMarked.empty())
         evidence.erase("notMarked");
     else
-        evidence["notMarked"] = marking.problem;
+        evidence["notMarked"] = notMarked;
 }
 
 std::string FileText(const json& evidence)
@@ -98,7 +105,7 @@ std::wstring KeepCopy(const std::wstring& path)
 
 LossReport::LossReport(const Machine& machine, const Chain& chain, std::uint64_t sequence, std::string time)
     : m_machine(machine), m_chain(chain), m_sequence(sequence), m_time(std::move(time)),
-      m_id(RandomId()), m_marking{{}, {}, "the marks are not set yet", true}
+      m_id(RandomId()), m_marking{{}, {}, "the marks are not set yet"}
 {
 }
 
@@ -147,10 +154,7 @@ std::vector<std::string> LossReport::MarkAgain()
         return gone;
     std::erase_if(m_marking.marked,
                   [&gone](const std::string& name) { return std::find(gone.begin(), gone.end(), name) != gone.end(); });
-    const std::string cannotBeHelped = m_marking.fixedOnly.empty() ? std::string() : m_marking.problem;
     m_marking = MarkApplications(m_machine, m_chain, m_marking);
-    if (m_marking.problem.empty())
-        m_marking.problem = cannotBeHelped;
     return gone;
 }
 
@@ -158,7 +162,7 @@ void LossReport::Fail(const AuditResult& audit)
 {
     const std::vector<std::string> again = MarkAgain();
     Keep(audit);
-    const bool marked = m_marking.problem.empty();
+    const std::string notMarked = NotMarkedText(m_marking);
     std::string message = fmt::format(
         "lost tracking: {} of {} clean blocks that were read again are not what the repository says, and the bitmap "
         "does not report them; backup {} was not made. ",
@@ -175,15 +179,16 @@ void LossReport::Fail(const AuditResult& audit)
         message += fmt::format("Of {} it is not known whether it heeds this program's locks: a backup of its own that "
                                "is running now may take the mark off, and lack changes. ",
                                fmt::join(strangers, ", "));
-    if (!marked)
-        message += fmt::format("NOT MARKED: {}; do not trust an incremental backup of such an application. ",
-                               m_marking.problem);
+    if (!notMarked.empty())
+        message +=
+            fmt::format("NOT MARKED: {}; do not trust an incremental backup of such an application. ", notMarked);
     if (m_notKept.empty())
         message += fmt::format("The next backup reads the whole volume; the evidence is in {}",
                                ToUtf8(m_chain.LossPath(m_sequence)));
     else
         message += fmt::format("The evidence could not be kept: {}; make the next backup with --verify", m_notKept);
-    throw LostTracking(marked ? Exit::LostTracking : Exit::NotMarked, message, m_evidence);
+    throw LostTracking(notMarked.empty() ? Exit::LostTracking : Exit::NotMarked, message, m_evidence,
+                       {m_sequence, m_marking.fixedOnly});
 }
 
 std::vector<AnsweredLoss> LossesBehind(const Chain& chain, std::uint64_t sequence)
@@ -234,36 +239,60 @@ json ReadLoss(const Chain& chain, std::uint64_t sequence)
 
 namespace {
 
-// Says once which strangers no longer have the mark that a loss gave them.
-std::string LookAtMarksOnceMore(const Machine& machine, const Chain& chain, json& evidence, const std::wstring& path)
+// The applications of a list in the evidence of which exit code 13 did not say yet that they are on it.
+std::vector<std::string> Unsaid(const json& evidence, const char* list)
+{
+    const std::vector<std::string> told = TextsIn(evidence, "told");
+    std::vector<std::string> unsaid = TextsIn(evidence, list);
+    std::erase_if(unsaid,
+                  [&told](const std::string& name) { return std::find(told.begin(), told.end(), name) != told.end(); });
+    return unsaid;
+}
+
+// What of one loss is said until it was said once.
+LossNews UnsaidNews(const json& evidence, std::uint64_t sequence)
+{
+    const std::vector<std::string> fixedOnly = Unsaid(evidence, "fixedOnly");
+    const std::vector<std::string> gone = Unsaid(evidence, "marksGone");
+    LossNews news{FixedOnlyText(fixedOnly), {}};
+    if (!gone.empty())
+        news.text =
+            Joined(news.text, fmt::format("the mark of {} is off again, either by a verify or by a backup that was "
+                                          "running when it was set and that may lack changes; see which",
+                                          fmt::join(gone, ", ")));
+    SaidOnce once{sequence, fixedOnly};
+    once.applications.insert(once.applications.end(), gone.begin(), gone.end());
+    if (!once.applications.empty())
+        news.once.push_back(std::move(once));
+    return news;
+}
+
+// Notes once which strangers no longer have the mark that a loss gave them.
+void LookAtMarksOnceMore(const Machine& machine, const Chain& chain, json& evidence, const std::wstring& path)
 {
     Marking marking;
     marking.marked = TextsIn(evidence, "marked");
     const std::vector<std::string> strangers = Strangers(machine, chain, marking);
     if (strangers.empty() || IsTrue(evidence, "lookedAgain"))
-        return {};
-    const std::vector<std::string> gone = WithoutMark(chain, strangers);
+        return;
     evidence["lookedAgain"] = true;
-    evidence["marksGone"] = gone;
+    evidence["marksGone"] = WithoutMark(chain, strangers);
     try {
         WriteSmallFileDurably(path, FileText(evidence));
     } catch (const Failure&) {
-        // Then the next backup looks, and says it, once more.
+        // Then the next backup looks once more.
     }
-    if (gone.empty())
-        return {};
-    return fmt::format("the mark of {} is off again, either by a verify or by a backup that was running when it was "
-                       "set and that may lack changes; see which",
-                       fmt::join(gone, ", "));
 }
 
-// Sets the marks that one loss still owes. Returns what goes on being owed.
-std::string MarkForLoss(const Machine& machine, const Chain& chain, std::uint64_t sequence)
+// Sets the marks that one loss still owes. What goes on being owed is said every time.
+LossNews MarkForLoss(const Machine& machine, const Chain& chain, std::uint64_t sequence)
 {
     const std::wstring path = chain.LossPath(sequence);
     json evidence = ReadLoss(chain, sequence);
-    if (IsTrue(evidence, "allMarked") || IsTrue(evidence, "settled"))
-        return LookAtMarksOnceMore(machine, chain, evidence, path);
+    if (IsTrue(evidence, "allMarked") || IsTrue(evidence, "settled")) {
+        LookAtMarksOnceMore(machine, chain, evidence, path);
+        return UnsaidNews(evidence, sequence);
+    }
     if (evidence.contains("damaged") && !evidence.contains("kept"))
         evidence["kept"] = ToUtf8(KeepCopy(path));
     if (IdOf(evidence).empty())
@@ -277,25 +306,65 @@ std::string MarkForLoss(const Machine& machine, const Chain& chain, std::uint64_
     const Marking marking = MarkApplications(machine, chain, before);
     AddMarking(evidence, marking);
     WriteSmallFileDurably(path, FileText(evidence));
-    return marking.problem;
+    LossNews news = UnsaidNews(evidence, sequence);
+    news.text = Joined(news.text, marking.problem);
+    return news;
+}
+
+void NoteSaidOfLoss(const Chain& chain, const SaidOnce& said)
+{
+    json evidence = ReadLoss(chain, said.loss);
+    // Of these only, and of nothing that another run may have added since.
+    const std::vector<SaidOnce> open = UnsaidNews(evidence, said.loss).once;
+    std::vector<std::string> told = TextsIn(evidence, "told");
+    const std::size_t before = told.size();
+    for (const SaidOnce& once : open)
+        std::copy_if(once.applications.begin(), once.applications.end(), std::back_inserter(told),
+                     [&said](const std::string& name) {
+                         return std::find(said.applications.begin(), said.applications.end(), name) !=
+                                said.applications.end();
+                     });
+    if (told.size() == before)
+        return;
+    evidence["told"] = told;
+    WriteSmallFileDurably(chain.LossPath(said.loss), FileText(evidence));
 }
 
 } // namespace
 
-std::string MarkForEarlierLosses(const Machine& machine, const Chain& chain)
+LossNews MarkForEarlierLosses(const Machine& machine, const Chain& chain)
 {
-    std::string owed;
+    LossNews all;
     for (const std::uint64_t sequence : chain.Losses()) {
-        std::string problem;
         try {
-            problem = MarkForLoss(machine, chain, sequence);
+            LossNews news = MarkForLoss(machine, chain, sequence);
+            all.text = Joined(all.text, news.text);
+            all.once.insert(all.once.end(), news.once.begin(), news.once.end());
         } catch (const Failure& failure) {
-            problem = fmt::format("no mark is set as long as it cannot be noted: {}", failure.what());
+            all.text =
+                Joined(all.text, fmt::format("no mark is set as long as it cannot be noted: {}", failure.what()));
         }
-        if (!problem.empty())
-            owed = problem;
     }
-    return owed;
+    return all;
+}
+
+void NoteSaid(const Machine& machine, const Chain& chain, const std::vector<SaidOnce>& said)
+{
+    try {
+        const std::wstring application = ToWide(chain.Application());
+        std::optional<Lock> lock;
+        for (const SaidOnce& once : said) {
+            if (once.applications.empty())
+                continue;
+            if (!lock)
+                lock.emplace(machine.Locks().Application(application),
+                             LockPurpose{application, chain.Volume().guid, L"note"},
+                             fmt::format("application \"{}\"", chain.Application()));
+            NoteSaidOfLoss(chain, once);
+        }
+    } catch (const std::exception&) {
+        // Then it is said again.
+    }
 }
 
 } // namespace vtbackup

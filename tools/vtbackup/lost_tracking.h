@@ -23,17 +23,31 @@
 
 namespace vtbackup {
 
+// What need not be said again of one loss once it was said with exit code 13: that these applications may not know of it.
+struct SaidOnce {
+    std::uint64_t loss = 0;
+    std::vector<std::string> applications;
+};
+
+// What is to be said of the losses that earlier audits found.
+struct LossNews {
+    std::string text; // who may not know of a loss, and why, in one sentence; empty when there is nothing to say
+    std::vector<SaidOnce> once;
+};
+
 // Ends a backup whose audit found a difference. Exit::LostTracking; Exit::NotMarked when an application may not know.
 class LostTracking : public Failure {
 public:
-    LostTracking(Exit code, const std::string& message, nlohmann::json evidence)
-        : Failure(code, message), m_evidence(std::move(evidence))
+    LostTracking(Exit code, const std::string& message, nlohmann::json evidence, SaidOnce once)
+        : Failure(code, message), m_evidence(std::move(evidence)), m_once(std::move(once))
     {
     }
     [[nodiscard]] const nlohmann::json& Evidence() const noexcept { return m_evidence; } // as the file has it
+    [[nodiscard]] const SaidOnce& Once() const noexcept { return m_once; }
 
 private:
     nlohmann::json m_evidence;
+    SaidOnce m_once;
 };
 
 // The loss that an audit found while a backup was being made. Its caller holds the locks of application and volume.
@@ -71,9 +85,14 @@ std::vector<AnsweredLoss> LossesBehind(const Chain& chain, std::uint64_t sequenc
 // The reason to read the whole volume that a loss leaves behind: there is evidence, and no backup since that answered it.
 std::optional<Reason> OpenLoss(const Chain& chain, const Manifest& last);
 
-// Sets the marks that an earlier loss still owes to applications, and looks once more at those that it set. Returns who
-// may not know of a loss, and why, in one sentence; empty when there is nothing to say. What cannot be helped is said once.
-std::string MarkForEarlierLosses(const Machine& machine, const Chain& chain);
+// Sets the marks that an earlier loss still owes to applications, and looks once more at those that it set. What cannot
+// be helped is among the news of every call until NoteSaid was called with it: a run that ends before it said anything
+// has told nobody.
+LossNews MarkForEarlierLosses(const Machine& machine, const Chain& chain);
+
+// Notes in the evidence what was said, once the program has said it; the caller holds no locks. Best effort: what is
+// not noted is said again.
+void NoteSaid(const Machine& machine, const Chain& chain, const std::vector<SaidOnce>& said);
 
 // The evidence of one loss; an object with "damaged" in it when it cannot be read.
 nlohmann::json ReadLoss(const Chain& chain, std::uint64_t sequence);

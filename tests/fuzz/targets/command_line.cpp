@@ -13,6 +13,7 @@ namespace vtbackup {
 
 // The console's part; what is printed does not matter here.
 void PrintJson(const nlohmann::json&) {}
+void Diagnose(const std::string&) {}
 
 } // namespace vtbackup
 

@@ -2,7 +2,8 @@
 //
 //     BackupLoop VOLUME APPLICATION FILE CREATE DELETE
 //
-// VOLUME is {GUID}; FILE is the copy, one for each volume and application, and FILE.state says what the next run must know.
+// VOLUME is {GUID}, in whatever letters; FILE is the copy, one for each volume and application, and FILE.state says what the
+// next run must know: put FILE back from anywhere, and FILE.state has to go.
 // CREATE is a command that takes a snapshot of the volume and prints its number and its device path; DELETE gets the number
 // behind it. On a simulated machine in C:\run\m:
 //
@@ -67,6 +68,12 @@ internal static class Native
 
     [DllImport(Library)]
     internal static extern uint VTFltReplicationSuccess(IntPtr volume);
+
+    [DllImport(Kernel, CharSet = CharSet.Unicode)]
+    internal static extern int GetVolumeNameForVolumeMountPointW(string path, [In, Out] byte[] name, uint characters);
+
+    [DllImport(Kernel, CharSet = CharSet.Unicode)]
+    internal static extern uint GetDriveTypeW(string root);
 
     [DllImport(Kernel, CharSet = CharSet.Unicode)]
     internal static extern IntPtr CreateFileW(string path, uint access, uint share, IntPtr security, uint disposition,
@@ -230,9 +237,18 @@ internal sealed class Snapshot : IDisposable
 
 internal static class BackupLoop
 {
+    // The volume's name in the system's own letters: files know no case, but the lists and the names of mutexes do.
+    private static string NameOf(string guid)
+    {
+        var name = new byte[2 * 64];
+        Failure.Check("finding the volume",
+                      Native.GetVolumeNameForVolumeMountPointW(@"\\?\Volume" + guid + @"\", name, 64) != 0);
+        return System.Text.Encoding.Unicode.GetString(name).Split('\0')[0];
+    }
+
     // Asks before it registers: an application that was on the list, and is not any more, has lost what was owed to it, and
-    // registering it again marks nothing. So the marks come first, for its other volumes too; the mark of a volume that is
-    // not fixed is that its FILE.state is gone.
+    // registering it again marks nothing. So the marks come first, for its other fixed volumes too; this one's FILE.state goes
+    // as well, for it may not be fixed.
     private static void Register(string application, string statePath)
     {
         if (Native.VTCanAppUseBLIDriver(application) != 0)
@@ -319,12 +335,15 @@ internal static class BackupLoop
 
     private static void BackUp(string guid, string application, string path, string create, string delete)
     {
-        string name = @"\\?\Volume" + guid + @"\", statePath = path + ".state", owner = guid + " " + application;
+        string name = NameOf(guid), statePath = path + ".state", owner = name + " " + application;
         Failure.Check("the driver does not work: VTCanBLIDriverWork", Native.VTCanBLIDriverWork() != 0);
         Register(application, statePath);
-        bool everything = MustVerify(application, name);
+        // Registering again marks fixed volumes only, and the run that does it may be another volume's.
+        const uint DriveFixed = 3;
+        bool notFixed = Native.GetDriveTypeW(name) != DriveFixed, everything = MustVerify(application, name) || notFixed;
 
-        using (var volume = new Device(@"\\?\Volume" + guid))
+        // Without the backslash: with it, it would be the root folder.
+        using (var volume = new Device(name.TrimEnd('\\')))
         using (new Manager(volume, name, application)) {
             uint blockSize = volume.BlockSize(0);
             Failure.Check("VTFltPrepareForSnapshot", Native.VTFltPrepareForSnapshot(volume.Handle));
@@ -342,7 +361,7 @@ internal static class BackupLoop
                 // The bitmap of a volume whose length or block size changed since the snapshot may have dropped blocks of
                 // it.
                 long length = snapshot.Length(), count = (length + blockSize - 1) / blockSize;
-                late |= volume.BlockSize(0) != blockSize || volume.Length() != length ||
+                late |= notFixed || volume.BlockSize(0) != blockSize || volume.Length() != length ||
                         (bitmap.Length - Native.HeaderBytes) * 8L < count;
                 // It means nothing for a copy of another volume, application, length or block size.
                 string state = State(owner, length, blockSize, late), unfinished = State(owner, length, blockSize, true);

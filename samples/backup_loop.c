@@ -5,9 +5,10 @@
  *
  *   MACHINE      folder of a simulated machine (vtfltsim create); on a real one the snapshot comes from the system's
  *                snapshot service instead, and the lines marked "simulator" go
- *   VOLUME       {GUID}
+ *   VOLUME       {GUID}, in whatever letters
  *   APPLICATION  its ID; registered on the first run
- *   FILE         the copy, one for each volume and application; FILE.state beside it says what the next run must know
+ *   FILE         the copy, one for each volume and application; FILE.state beside it says what the next run must know.
+ *                Put FILE back from anywhere, and FILE.state has to go
  *
  * Exit code 0: FILE is the volume as it was at the snapshot. 1: it may not be, and nothing was forgotten: run it again.
  */
@@ -32,6 +33,13 @@ static int Fail(const wchar_t* what, DWORD error)
 {
     fwprintf(stderr, L"%ls failed: %lu (0x%lX)\n", what, error, error);
     return 1;
+}
+
+/* Of a call that did not do what it should: never 0, not even when a write was cut short. */
+static DWORD ErrorOfFailure(void)
+{
+    const DWORD error = GetLastError();
+    return error != 0 ? error : ERROR_WRITE_FAULT;
 }
 
 static HANDLE OpenPath(const wchar_t* path, DWORD access, DWORD disposition)
@@ -62,15 +70,15 @@ static int WriteState(const wchar_t* path, const State* state)
 }
 
 /* Asks before it registers: an application that was on the list, and is not any more, has lost what was owed to it, and
-   registering it again marks nothing. So the marks come first, for its other volumes too; the mark of a volume that is
-   not fixed is that its FILE.state is gone. */
+   registering it again marks nothing. So the marks come first, for its other fixed volumes too; this one's FILE.state
+   goes as well, for it may not be fixed. */
 static DWORD Register(const wchar_t* application, const wchar_t* statePath)
 {
     DWORD error = 0;
     if (VTCanAppUseBLIDriver(application))
         return 0;
     if (!DeleteFileW(statePath) && GetLastError() != ERROR_FILE_NOT_FOUND)
-        return GetLastError();
+        return ErrorOfFailure();
     error = VTAddVolumesToAppVerifyList(application);
     return error != 0 ? error : VTRegisterApplication(application);
 }
@@ -89,7 +97,7 @@ static DWORD LengthOf(HANDLE device, ULONGLONG* length)
     DWORD bytes = 0;
     return DeviceIoControl(device, IOCTL_DISK_GET_LENGTH_INFO, NULL, 0, length, sizeof(*length), &bytes, NULL)
                ? 0
-               : GetLastError();
+               : ErrorOfFailure();
 }
 
 /* The bitmap of changed blocks, of the volume's manager or (direct) of a snapshot itself; its exact length is the
@@ -231,7 +239,7 @@ static int BackUpFrom(HANDLE snapshot, HANDLE volume, const wchar_t* const* argv
         if ((everything && !WriteState(statePath, &unfinished)) || !Copy(snapshot, file, &now, bitmap, everything) ||
             /* Should one of the next steps fail, the mark of a run that read everything may be gone already. */
             !WriteState(statePath, &unfinished))
-            error = GetLastError() != 0 ? GetLastError() : ERROR_WRITE_FAULT;
+            error = ErrorOfFailure();
     }
     if (error == 0) {
         what = L"handing back what the snapshot changed";
@@ -244,7 +252,7 @@ static int BackUpFrom(HANDLE snapshot, HANDLE volume, const wchar_t* const* argv
     }
     if (error == 0) {
         what = L"writing the state";
-        error = WriteState(statePath, &now) ? 0 : GetLastError();
+        error = WriteState(statePath, &now) ? 0 : ErrorOfFailure();
     }
     if (file != INVALID_HANDLE_VALUE)
         CloseHandle(file);
@@ -263,8 +271,10 @@ static int BackUp(VTFLTSIM_MACHINE machine, HANDLE volume, const wchar_t* const*
     DWORD error = 0;
     int result = 1;
     memset(&now, 0, sizeof(now));
-    if (_snwprintf(now.owner, 319, L"%ls %ls", argv[2], argv[3]) < 0)
+    if (_snwprintf(now.owner, 319, L"%ls %ls", volumeName, argv[3]) < 0)
         return Fail(L"the application's ID is too long: this", ERROR_INVALID_PARAMETER);
+    /* Registering again marks fixed volumes only, and the run that does it may be another volume's. */
+    now.everything = GetDriveTypeW(volumeName) != DRIVE_FIXED;
     error = VTFltGetBlockSize(volume, &now.blockSize, 0);
     if (error != 0 || now.blockSize == 0)
         return Fail(L"VTFltGetBlockSize", error);
@@ -279,7 +289,7 @@ static int BackUp(VTFLTSIM_MACHINE machine, HANDLE volume, const wchar_t* const*
     if (snapshot == INVALID_HANDLE_VALUE) {
         Fail(L"opening the snapshot", GetLastError());
     } else {
-        result = BackUpFrom(snapshot, volume, argv, volumeName, statePath, now, everything);
+        result = BackUpFrom(snapshot, volume, argv, volumeName, statePath, now, everything || now.everything);
         CloseHandle(snapshot);
     }
     error = VTFltSimDeleteSnapshot(machine, number); /* simulator */
@@ -290,16 +300,21 @@ static int BackUp(VTFLTSIM_MACHINE machine, HANDLE volume, const wchar_t* const*
 
 static int Run(VTFLTSIM_MACHINE machine, const wchar_t* const* argv, const wchar_t* statePath)
 {
+    wchar_t given[64];
     wchar_t device[64];
     wchar_t volumeName[64];
     HANDLE volume = INVALID_HANDLE_VALUE;
     DWORD everything = 0;
     DWORD error = 0;
     int result = 1;
-    _snwprintf(device, 63, L"\\\\?\\Volume%ls", argv[2]);
-    _snwprintf(volumeName, 63, L"\\\\?\\Volume%ls\\", argv[2]);
-    device[63] = volumeName[63] = L'\0';
-
+    /* In the system's own letters: files know no case, but the lists and the names of mutexes do. */
+    if (_snwprintf(given, 63, L"\\\\?\\Volume%ls\\", argv[2]) < 0)
+        return Fail(L"no volume's GUID: this", ERROR_INVALID_PARAMETER);
+    given[63] = L'\0';
+    if (!GetVolumeNameForVolumeMountPointW(given, volumeName, 64))
+        return Fail(L"finding the volume", ErrorOfFailure());
+    wcscpy(device, volumeName);
+    device[wcslen(device) - 1] = L'\0'; /* with the backslash it would be the root folder */
     if (!VTCanBLIDriverWork())
         return Fail(L"the driver does not work: VTCanBLIDriverWork", 0);
     error = Register(argv[3], statePath);
@@ -338,8 +353,11 @@ int wmain(int argc, wchar_t** argv)
     /* One backup at a time, of whatever volume and application: two would take each other's changes and marks. */
     lock = CreateMutexW(NULL, FALSE, L"Global\\VTFltMgr.Sample.BackupLoop.Lock");
     waited = lock != NULL ? WaitForSingleObject(lock, 0) : WAIT_FAILED;
-    if (waited != WAIT_OBJECT_0 && waited != WAIT_ABANDONED)
+    if (waited != WAIT_OBJECT_0 && waited != WAIT_ABANDONED) {
+        if (lock != NULL)
+            CloseHandle(lock);
         return Fail(L"another backup runs: the lock", waited);
+    }
 
     /* Simulator: this program's calls and the library's go to the simulated machine. */
     if (VTFltSimOpen(argv[1], &machine) != 0 || VTFltSimAttachModule(machine, GetModuleHandleW(L"VTFltMgr.dll")) != 0 ||

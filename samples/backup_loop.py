@@ -2,7 +2,8 @@
 
     python backup_loop.py VOLUME APPLICATION FILE CREATE DELETE
 
-VOLUME is {GUID}; FILE is the copy, one for each volume and application, and FILE.state says what the next run must know.
+VOLUME is {GUID}, in whatever letters; FILE is the copy, one for each volume and application, and FILE.state says what the
+next run must know: put FILE back from anywhere, and FILE.state has to go.
 CREATE is a command that takes a snapshot of the volume and prints its number and its device path; DELETE gets the number
 behind it. VTFltMgr.dll is looked for beside this file, or where VTFLTMGR says. On a simulated machine in C:\\run\\m:
 
@@ -32,6 +33,7 @@ INVALID_HANDLE = c_void_p(-1).value
 GENERIC_READ = 0x80000000
 FILE_SHARE_READ_WRITE = 3
 OPEN_EXISTING = 3
+DRIVE_FIXED = 3
 IOCTL_DISK_GET_LENGTH_INFO = 0x7405C
 WAIT_OBJECT_0 = 0
 WAIT_ABANDONED = 0x80
@@ -51,6 +53,8 @@ PROTOTYPES = {
     "VTFltGetBitmap": ("VTFltMgr", DWORD, [HANDLE, c_void_p, DWORD, c_void_p, DWORD, POINTER(DWORD), DWORD]),
     "VTFltSynSnapshotChangeBitmapToVolume": ("VTFltMgr", DWORD, [HANDLE, c_void_p, DWORD]),
     "VTFltReplicationSuccess": ("VTFltMgr", DWORD, [HANDLE]),
+    "GetVolumeNameForVolumeMountPointW": ("kernel32", c_int, [c_wchar_p, c_void_p, DWORD]),
+    "GetDriveTypeW": ("kernel32", DWORD, [c_wchar_p]),
     "CreateFileW": ("kernel32", HANDLE, [c_wchar_p, DWORD, DWORD, c_void_p, DWORD, DWORD, HANDLE]),
     "DeviceIoControl": ("kernel32", c_int, [HANDLE, DWORD, c_void_p, DWORD, c_void_p, DWORD, POINTER(DWORD), c_void_p]),
     "SetFilePointerEx": ("kernel32", c_int, [HANDLE, c_int64, c_void_p, DWORD]),
@@ -89,6 +93,12 @@ class Library:
             function.restype, function.argtypes = result, arguments
             setattr(self, name, function)
 
+    def name_of(self, guid):
+        """The volume's name in the system's own letters: files know no case, but the lists and the names of mutexes do."""
+        name = ctypes.create_string_buffer(2 * 64)
+        check("finding the volume", self.GetVolumeNameForVolumeMountPointW(f"\\\\?\\Volume{guid}\\", name, 64))
+        return name.raw.decode("utf-16-le").split("\0")[0]
+
     @contextlib.contextmanager
     def opened(self, path):
         handle = self.CreateFileW(path, GENERIC_READ, FILE_SHARE_READ_WRITE, None, OPEN_EXISTING, 0, None)
@@ -124,8 +134,8 @@ class Library:
 
     def register(self, application, state_path):
         """Asks before it registers: an application that was on the list, and is not any more, has lost what was owed to it,
-        and registering it again marks nothing. So the marks come first, for its other volumes too; the mark of a volume that
-        is not fixed is that its FILE.state is gone."""
+        and registering it again marks nothing. So the marks come first, for its other fixed volumes too; this one's FILE.state
+        goes as well, for it may not be fixed."""
         if self.VTCanAppUseBLIDriver(application):
             return
         with contextlib.suppress(FileNotFoundError):
@@ -206,24 +216,30 @@ def is_changed(bitmap, block):
     return bitmap[block // 8] & 0x80 >> block % 8 != 0
 
 
-def copy_blocks(library, device, path, state, blocks):
-    with open(path, "r+b" if os.path.exists(path) else "w+b") as file:
-        for block in blocks:
-            offset = block * state["block_size"]
-            file.seek(offset)
-            file.write(library.read(device, offset, min(state["block_size"], state["length"] - offset)))
-        file.truncate(state["length"])
-        file.flush()
-        os.fsync(file.fileno())
+def open_copy(path):
+    """Opened, or made, in one step: a name that is asked for twice may be of two files."""
+    return os.fdopen(os.open(path, os.O_RDWR | os.O_CREAT | getattr(os, "O_BINARY", 0), 0o666), "r+b")
+
+
+def copy_blocks(library, device, file, state, blocks):
+    for block in blocks:
+        offset = block * state["block_size"]
+        file.seek(offset)
+        file.write(library.read(device, offset, min(state["block_size"], state["length"] - offset)))
+    file.truncate(state["length"])
+    file.flush()
+    os.fsync(file.fileno())
 
 
 def back_up(library, guid, application, path, create, delete):
-    name, state_path = f"\\\\?\\Volume{guid}\\", path + ".state"
+    name, state_path = library.name_of(guid), path + ".state"
     check("the driver does not work: VTCanBLIDriverWork", library.VTCanBLIDriverWork())
     library.register(application, state_path)
-    everything = library.must_verify(application, name)
+    # Registering again marks fixed volumes only, and the run that does it may be another volume's.
+    not_fixed = library.GetDriveTypeW(name) != DRIVE_FIXED
+    everything = library.must_verify(application, name) or not_fixed
     with contextlib.ExitStack() as stack:
-        volume = stack.enter_context(library.opened(name[:-1]))
+        volume = stack.enter_context(library.opened(name[:-1])) # with its backslash it would be the root folder
         call(library.VTFltInitBitmapManager, volume, name, application)
         stack.callback(library.VTFltDeinitBitmapManager, volume)
         block_size = library.block_size_of(volume, 0)
@@ -239,18 +255,18 @@ def back_up(library, guid, application, path, create, delete):
         # The bitmap of a volume whose length or block size changed since the snapshot may have dropped blocks of it.
         length = library.length_of(device)
         count = -(-length // block_size)
-        late = late or library.block_size_of(volume, 0) != block_size or library.length_of(volume) != length or \
+        late = late or not_fixed or library.block_size_of(volume, 0) != block_size or library.length_of(volume) != length or \
             len(bitmap) * 8 < count
         # It means nothing for a copy of another volume, application, length or block size.
-        state = {"length": length, "block_size": block_size, "everything": late, "volume": guid, "application": application}
-        everything = everything or late or read_state(state_path) != state or \
-            not os.path.exists(path) or os.path.getsize(path) != length
+        state = {"length": length, "block_size": block_size, "everything": late, "volume": name, "application": application}
+        file = stack.enter_context(open_copy(path))
+        everything = everything or late or read_state(state_path) != state or os.fstat(file.fileno()).st_size != length
 
         # Until a copy of everything is whole, FILE is nobody's, and no later run may take it for one.
         if everything:
             write_state(state_path, {**state, "everything": True})
         blocks = [block for block in range(count) if everything or is_changed(bitmap, block)]
-        copy_blocks(library, device, path, state, blocks)
+        copy_blocks(library, device, file, state, blocks)
         # Should one of the next steps fail, the mark of a run that read everything may be gone already.
         write_state(state_path, {**state, "everything": True})
         library.hand_back(volume, device, block_size, len(bitmap))

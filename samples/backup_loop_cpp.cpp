@@ -3,9 +3,10 @@
 //     backup_loop_cpp MACHINE VOLUME APPLICATION FILE
 //
 // MACHINE is the folder of a simulated machine (vtfltsim create); on a real one the snapshot comes from the system's
-// snapshot service, and the lines marked "simulator" go. VOLUME is {GUID}; FILE is the copy, one for each volume and
-// application, and FILE.state says what the next run must know. Exit code 0: FILE is the volume as it was at the snapshot.
-// 1: it may not be, and nothing was forgotten: run it again.
+// snapshot service, and the lines marked "simulator" go. VOLUME is {GUID}, in whatever letters; FILE is the copy, one for
+// each volume and application, and FILE.state says what the next run must know: put FILE back from anywhere, and FILE.state
+// has to go. Exit code 0: FILE is the volume as it was at the snapshot. 1: it may not be, and nothing was forgotten: run it
+// again.
 #include <vtfltmgr/VTFltMgr.hpp>
 #include <vtfltsim/VTFltSim.hpp>
 #include <winioctl.h>
@@ -141,8 +142,8 @@ std::uint64_t LengthOf(HANDLE device)
 }
 
 // Asks before it registers: an application that was on the list, and is not any more, has lost what was owed to it, and
-// registering it again marks nothing. So the marks come first, for its other volumes too; the mark of a volume that is
-// not fixed is that its FILE.state is gone.
+// registering it again marks nothing. So the marks come first, for its other fixed volumes too; this one's FILE.state goes
+// as well, for it may not be fixed.
 void Register(const std::wstring& application, const std::wstring& statePath)
 {
     if (vtfltmgr::CanApplicationUseDriver(application))
@@ -199,8 +200,11 @@ void HandBack(const vtfltmgr::BitmapManager& manager, HANDLE snapshot, DWORD blo
 void BackUp(vtfltsim::SimMachine& machine, const vtfltsim::Volume& volume, const std::wstring& application,
             const std::wstring& path)
 {
+    // In the system's own letters: files know no case, but the lists and the names of mutexes do.
+    const std::wstring name = vtfltmgr::VolumeNameOf(volume.Root());
+    Check("finding the volume", !name.empty());
     const std::wstring statePath = path + L".state";
-    const std::wstring owner = volume.guid + L" " + application;
+    const std::wstring owner = name + L" " + application;
     State now;
     if (owner.size() >= std::size(now.owner))
         throw std::runtime_error("the application's ID is too long");
@@ -208,11 +212,15 @@ void BackUp(vtfltsim::SimMachine& machine, const vtfltsim::Volume& volume, const
     if (!vtfltmgr::CanDriverWork())
         throw std::runtime_error("the driver does not work");
     Register(application, statePath);
-    bool everything = MustVerify(application, volume.Root());
+    bool everything = MustVerify(application, name);
+    // Registering again marks fixed volumes only, and the run that does it may be another volume's.
+    now.everything = GetDriveTypeW(name.c_str()) != DRIVE_FIXED ? 1 : 0;
+    everything |= now.everything != 0;
 
-    const Handle device(Open(volume.Path(), GENERIC_READ, OPEN_EXISTING));
+    // Without the backslash: with it, it would be the root folder.
+    const Handle device(Open(name.substr(0, name.size() - 1), GENERIC_READ, OPEN_EXISTING));
     vtfltmgr::BitmapManager manager;
-    Check("VTFltInitBitmapManager", manager.Open(device.get(), volume.Root(), application));
+    Check("VTFltInitBitmapManager", manager.Open(device.get(), name, application));
     Check("VTFltGetBlockSize", manager.GetBlockSize(now.blockSize));
     Check("VTFltGetBlockSize", now.blockSize != 0);
     Check("VTFltPrepareForSnapshot", manager.PrepareForSnapshot());
@@ -227,7 +235,7 @@ void BackUp(vtfltsim::SimMachine& machine, const vtfltsim::Volume& volume, const
     // Tracking that was lost since the first question may have been lost behind the snapshot too: this run and the next
     // one read everything, for this one's report takes the mark off. A run that reads everything anyway does not ask:
     // what the driver lists from here on then stays in its list.
-    if (!everything && MustVerify(application, volume.Root()))
+    if (!everything && MustVerify(application, name))
         now.everything = 1;
     // The bitmap of a volume whose length or block size changed since the snapshot may have dropped blocks of it.
     now.length = LengthOf(snapshot.get());

@@ -3,6 +3,7 @@
 // One incremental backup of one volume:
 //
 //     ... vtfltmgr::CanApplicationUseDriver(app), else register it: see RegisterApplication ...
+//     const std::wstring volumeName = vtfltmgr::VolumeNameOf(L"E:\\");
 //     vtfltmgr::Result result = vtfltmgr::ReplicateVerifyList(app);
 //     bool everything = vtfltmgr::IsVerifyRequired(app, volumeName);
 //     vtfltmgr::BitmapManager manager;
@@ -16,7 +17,7 @@
 //         ... copy extent.count blocks from extent.first on ...
 //     vtfltmgr::ChangeMap written;                            // what the snapshot itself changed
 //     result = vtfltmgr::FetchBitmap(snapshot, written, true);
-//     ... when snapshots are tracked: written.Resize(changes.Length()), manager.HandBack(written) ...
+//     ... when snapshots are tracked: only if written.Resize(changes.Length()), result = manager.HandBack(written) ...
 //     result = manager.ReportSuccess();                       // only when the copy is durable
 //
 // Nothing here throws but std::bad_alloc. The rules that a backup program must keep stand in docs/library.md: this
@@ -35,6 +36,17 @@
 #include <vector>
 
 namespace vtfltmgr {
+
+// A volume's name as the system spells it, \\?\Volume{...}\. rootPath: any path of the volume's root, a mount path or that
+// name in whatever letters, with the backslash at its end. What is called volumeName below has to be this one: files know
+// no letter case, but verify lists and the names of mutexes do. Empty when there is none; GetLastError() says why.
+[[nodiscard]] inline std::wstring VolumeNameOf(const std::wstring& rootPath)
+{
+    wchar_t name[64] = {}; // 49 characters and a NUL
+    if (!GetVolumeNameForVolumeMountPointW(rootPath.c_str(), name, static_cast<DWORD>(std::size(name))))
+        return {};
+    return name;
+}
 
 // What a function of the library answered. Not to be dropped: a failure that nobody looks at is a backup that lies.
 class [[nodiscard]] Result {
@@ -288,10 +300,10 @@ public:
     BitmapManager& operator=(const BitmapManager&) = delete;
     ~BitmapManager() { Close(); }
 
-    // volumeName: \\?\Volume{...}\. Closes what was open before. As VTFltInitBitmapManager: a handle that has a manager
-    // already keeps it, with the application that it was made for, and the result is 0. So do not give one handle to two
-    // owners, whichever their applications: the second works for the first one's, and whoever closes first closes both.
-    // Open the volume once more.
+    // volumeName: as VolumeNameOf gives it. Closes what was open before. As VTFltInitBitmapManager: a handle that has a
+    // manager already keeps it, with the application that it was made for, and the result is 0. So do not give one handle
+    // to two owners, whichever their applications: the second works for the first one's, and whoever closes first closes
+    // both. Open the volume once more.
     Result Open(HANDLE volume, const std::wstring& volumeName, const std::wstring& applicationId)
     {
         Close();
@@ -357,8 +369,9 @@ inline Result ReplicateVerifyList(const std::wstring& applicationId)
     return Result(VTReplicateVerifyList(applicationId.c_str()));
 }
 
-// Whether this application's next backup of the volume must read all of it; true in doubt, but for one: false when the
-// volume's mutex cannot be opened and nothing else speaks for it. Fetch fails then, too.
+// Whether this application's next backup of the volume must read all of it; true in doubt, but for two: false when the
+// volume's mutex cannot be opened and nothing else speaks for it (Fetch fails then, too), and false when volumeName is
+// spelled in other letters than VolumeNameOf gives: no entry of the list is found then.
 [[nodiscard]] inline bool IsVerifyRequired(const std::wstring& applicationId, const std::wstring& volumeName)
 {
     return VTIsVerifyRequired(applicationId.c_str(), volumeName.c_str()) != 0;

@@ -2,13 +2,14 @@
 //
 //     loop VOLUME APPLICATION COPY
 //
-// VOLUME is {GUID}. The command in the environment variable LOOP_SNAPSHOT takes a snapshot of the volume and prints its
+// VOLUME is {GUID}, in whatever letters. The command in the environment variable LOOP_SNAPSHOT takes a snapshot of the volume and prints its
 // device path. Exit code 0: COPY is the volume as the snapshot has it; 1: run it again.
 //
 // The same file is built three times more, each time with a mistake that a real program once might have: PLANT_* says which.
 // To try it shorter than samples/backup_loop_cpp.cpp, everything is read again whenever COPY has another length; left out are
 // the state beside the copy (so COPY must be nobody else's, and a copy of everything must not be stopped half-way), the lock,
-// the second question for lost tracking, and what the snapshot itself changed (so nobody may write into it).
+// the second question for lost tracking, what the snapshot itself changed (so nobody may write into it), and another length or
+// block size than last time or than at the snapshot, as far as the copy's own length does not tell.
 #include <vtfltmgr/VTFltMgr.hpp>
 
 #include <cstdio>
@@ -92,12 +93,15 @@ void Register(const std::wstring& application)
 
 void BackUp(const std::wstring& guid, const std::wstring& application, const std::wstring& copyPath)
 {
-    const std::wstring name = L"\\\\?\\Volume" + guid + L"\\";
+    // In the system's own letters: the verify lists and the names of mutexes know case.
+    const std::wstring name = vtfltmgr::VolumeNameOf(L"\\\\?\\Volume" + guid + L"\\");
+    Check("finding the volume", !name.empty());
     Register(application);
     Check("VTReplicateVerifyList", vtfltmgr::ReplicateVerifyList(application).IsSuccess());
-    bool everything = vtfltmgr::IsVerifyRequired(application, name);
+    // Registering again marks fixed volumes only, and the run that does it may be another volume's.
+    bool everything = vtfltmgr::IsVerifyRequired(application, name) || GetDriveTypeW(name.c_str()) != DRIVE_FIXED;
 
-    const File volume(L"\\\\?\\Volume" + guid, GENERIC_READ, OPEN_EXISTING);
+    const File volume(name.substr(0, name.size() - 1), GENERIC_READ, OPEN_EXISTING);
     vtfltmgr::BitmapManager manager;
     Check("VTFltInitBitmapManager", manager.Open(volume.handle, name, application).IsSuccess());
     DWORD blockSize = 0;

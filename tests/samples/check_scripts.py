@@ -66,10 +66,11 @@ LENGTH = 100 * BLOCK - 512
 GUID = "{6c1d34ab-3ef9-4a05-8f0c-7a2d5b1e9c40}"
 SNAPSHOT_CLASS = "System\\CurrentControlSet\\Control\\Class\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}"
 SECOND = "{6c1d34ab-3ef9-4a05-8f0c-7a2d5b1e9c41}"
+REMOVABLE = "{6c1d34ab-3ef9-4a05-8f0c-7a2d5b1e9c42}"
 
-# Arguments that are buffers, with the argument that has their length; the other pointers are numbers, strings or null.
-BUFFERS = {"VTFltGetBitmap": {1: 2, 3: 4}, "VTFltSynSnapshotChangeBitmapToVolume": {1: 2}, "ReadFile": {1: 2},
-           "DeviceIoControl": {4: 5}}
+# Arguments that are buffers, with their length in bytes; the other pointers are numbers, strings or null.
+BUFFERS = {"VTFltGetBitmap": {1: "a2", 3: "a4"}, "VTFltSynSnapshotChangeBitmapToVolume": {1: "a2"}, "ReadFile": {1: "a2"},
+           "DeviceIoControl": {4: "a5"}, "GetVolumeNameForVolumeMountPointW": {1: "2 * a2"}}
 
 
 def fail(text):
@@ -185,7 +186,7 @@ def make_stand_in(table, character, file):
                 receive.append(f"Back(t{i}, n{i}); free(t{i});")
             elif length is not None:
                 # At least one byte: a pointer that is not null must not become one.
-                send.append(f"uint32_t n{i} = a{length} != 0 ? a{length} : 1; Buffer(a{i}, n{i});")
+                send.append(f"uint32_t n{i} = {length} != 0 ? {length} : 1; Buffer(a{i}, n{i});")
                 receive.append(f"Back(a{i}, n{i});")
             elif kind == "p" and (i, name) in POINTERS_TO_NUMBERS:
                 send.append(f"Buffer(a{i}, 4);")
@@ -230,8 +231,8 @@ class Trial:
             file.write_text(f"#!/bin/sh\ncd '{self.folder}' || exit\n{text}\n")
             file.chmod(0o755)
         self.sim("create", self.machine)
-        for guid in (GUID, SECOND):
-            self.sim("add-volume", self.machine, LENGTH, "--block-size", BLOCK, "--guid", guid)
+        for guid, kind in ((GUID, "fixed"), (SECOND, "fixed"), (REMOVABLE, "removable")):
+            self.sim("add-volume", self.machine, LENGTH, "--block-size", BLOCK, "--guid", guid, "--type", kind)
 
     def sim(self, command, *arguments):
         return run(emulator, build / "vtfltsim.exe", command, *arguments)
@@ -240,7 +241,7 @@ class Trial:
         length = min(BLOCK, LENGTH - block * BLOCK)
         self.sim("write", self.machine, guid, "--offset", block * BLOCK, "--length", length, "--fill", value)
 
-    def lose_the_registration(self):
+    def lose_the_registration(self, guid=GUID):
         """Somebody empties the list of applications, and another one comes back first: what was written is handed to it."""
         with Server(emulator, build, self.machine) as server:
             error, buffers = server.call("RegOpenKeyExW", 0xFFFFFFFF80000002, "SOFTWARE\\Veltrix\\Shared\\CBTDriver\\AppIDs",
@@ -250,7 +251,7 @@ class Trial:
             error, _ = server.call("RegDeleteValueW", key, "RegisteredAppIDs")
             self.expect("the value", error == 0, str(error))
             server.call("RegCloseKey", key)
-        self.expect_success(self.folder / "other", application="Other")
+        self.expect_success(self.folder / "other", "Other", guid)
 
     def back_up(self, copy=None, application="Sample", guid=GUID, plan=""):
         """Exit code, what was printed, and the calls that were made. plan: the simulator's, for the calls."""
@@ -280,9 +281,10 @@ class Trial:
         return (copy or self.copy).read_bytes() == contents.ljust(LENGTH, b"\0")
 
     def expect_success(self, copy=None, application="Sample", guid=GUID):
+        """guid: in whatever letters."""
         code, text, _ = self.back_up(copy, application, guid)
         self.expect("exit code 0", code == 0, f"but {code}: {text}")
-        self.expect("the copy equal to the volume", self.equals(copy, guid))
+        self.expect("the copy equal to the volume", self.equals(copy, guid.lower()))
         return text
 
     def expect_backup(self, printed, blocks):
@@ -312,8 +314,12 @@ class Trial:
         self.write(7, 4)
         self.expect_backup("100 of 100 blocks read (everything)", 100)
         self.expect_backup("0 of 100 blocks read", 0) # the first question saw it, so this one need not read everything
+        self.check_names()
         self.check_registration_and_owner()
+        self.check_not_fixed()
         self.check_snapshot()
+        if self.name == "python": # the other one's runtime says nothing of its own steps
+            self.check_copy_taken_away()
         self.sim("driver", self.machine, "absent")
         self.sim("service", self.machine, "absent")
         code, text, calls = self.back_up()
@@ -322,6 +328,40 @@ class Trial:
         self.sim("destroy", self.machine)
         return self.runs
 
+    def check_names(self):
+        """Lists and mutexes know letter case, volumes do not."""
+        self.expect_success(guid=GUID.upper())
+        self.write(3, 10)
+        self.sim("lose-tracking", self.machine, GUID)
+        text = self.expect_success(guid=GUID.upper())
+        self.expect("everything read", text == "100 of 100 blocks read (everything)", text)
+        text = self.expect_success(guid=GUID.upper())
+        self.expect("no mark left, and the same copy", text == "0 of 100 blocks read", text)
+        code, text, _ = self.back_up(guid=GUID.replace("6c1d34ab", "00000000"))
+        self.expect("exit code 1 without the volume", code == 1 and "finding the volume" in text, f"but {code}: {text}")
+
+    def check_not_fixed(self):
+        """Registering again marks no such volume, and a run of another volume may be what registers."""
+        copy = self.folder / "removable"
+        self.expect_success(copy, guid=REMOVABLE)
+        self.write(3, 11, REMOVABLE)
+        self.lose_the_registration(REMOVABLE)
+        self.expect_success()
+        self.expect_success(copy, guid=REMOVABLE)
+        text = self.expect_success(copy, guid=REMOVABLE)
+        self.expect("everything read", text == "100 of 100 blocks read (everything)", text)
+
+    def check_copy_taken_away(self):
+        """The copy is whole when it is looked at, and has another name, or none, when it is written to."""
+        self.write(3, 12)
+        away = self.copy.with_suffix(".away")
+        self.environment["TAKE_AWAY"] = f"{self.copy}>{away}"
+        code, text, _ = self.back_up()
+        del self.environment["TAKE_AWAY"]
+        self.expect("that the copy was taken away", away.exists())
+        self.expect("no copy with holes that counts as one", code != 0 or not self.copy.exists() or self.equals(),
+                    f"{code}: {text}")
+        self.expect_success()
 
     def check_registration_and_owner(self):
         other = self.folder / "other"
@@ -383,10 +423,16 @@ def main():
     make_stand_in(table, "int32_t", work / "python.so")
     make_stand_in(csharp, "uint16_t", work / "csharp.so")
     runner = work / "run.py"
-    runner.write_text("import ctypes, runpy, sys\n"
+    runner.write_text("import ctypes, os, runpy, sys\n"
                       f"ctypes.WinDLL = lambda name, **options: ctypes.CDLL({str(work / 'python.so')!r})\n"
                       "sys.dont_write_bytecode = True\n"
                       "sys.argv = sys.argv[1:]\n"
+                      "def take_away(frame, event, argument):\n"
+                      "    if frame.f_code.co_name == 'copy_blocks':\n"
+                      "        os.rename(*os.environ['TAKE_AWAY'].split('>'))\n"
+                      "        sys.settrace(None)\n"
+                      "if 'TAKE_AWAY' in os.environ:\n"
+                      "    sys.settrace(take_away)\n"
                       "runpy.run_path(sys.argv[0], run_name='__main__')\n")
     runs = Trial("python", [sys.executable, runner, source / "samples/backup_loop.py"], {}).check()
 

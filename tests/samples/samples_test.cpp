@@ -1,5 +1,5 @@
 // The samples as programs: what they leave is the volume, and they read no more than they must.
-#include "samples/application_list.h"
+#include "samples/machine_tricks.h"
 #include "support/child.h"
 #include "vtfltsim/VTFltSim.hpp"
 
@@ -44,6 +44,8 @@ protected:
     {
         DeleteApplicationList(m_machine);
         ASSERT_EQ(0u, Start(m_volume, L"Other", OtherCopy()).Join());
+        DeleteFileW(OtherCopy().c_str());
+        DeleteFileW((OtherCopy() + L".state").c_str());
     }
     VTFLTSIM_SNAPSHOT_INFO OnlySnapshot() const
     {
@@ -190,11 +192,57 @@ TEST_P(Samples, ARegistrationThatWasLostMarksTheOtherVolumesToo)
     EXPECT_EQ(0u, BackUp());
     Write(3, 7);
     LoseTheRegistration();
-    DeleteFileW(OtherCopy().c_str());
-    DeleteFileW((OtherCopy() + L".state").c_str());
     EXPECT_EQ(0u, Start(second, L"Sample", OtherCopy()).Join()); // it is this one that registers again
     EXPECT_EQ(0u, BackUp());
     EXPECT_TRUE(EqualsVolume());
+}
+
+// Registering again marks no volume that is not fixed.
+TEST_P(Samples, ARegistrationThatWasLostReadsAnotherVolumeThatIsNotFixedToo)
+{
+    ASSERT_EQ(0u, VTFltSimSetDriveType(m_machine.handle(), m_volume.guid.c_str(), DRIVE_REMOVABLE));
+    const vtfltsim::Volume second = m_machine.AddVolume(LENGTH, BLOCK);
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_EQ(0u, BackUp());
+    Write(3, 7);
+    LoseTheRegistration();
+    EXPECT_EQ(0u, Start(second, L"Sample", OtherCopy()).Join()); // it is this one that registers again
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_TRUE(EqualsVolume());
+}
+
+TEST_P(Samples, AVolumeThatWasNotFixedIsReadWholeOnceMore)
+{
+    ASSERT_EQ(0u, VTFltSimSetDriveType(m_machine.handle(), m_volume.guid.c_str(), DRIVE_REMOVABLE));
+    EXPECT_EQ(0u, BackUp());
+    ExpectEverythingRead();
+    ASSERT_EQ(0u, VTFltSimSetDriveType(m_machine.handle(), m_volume.guid.c_str(), DRIVE_FIXED));
+    ExpectEverythingRead();
+    Spoil(200);
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_FALSE(EqualsVolume());
+}
+
+// Lists and mutexes know letter case, volumes do not.
+TEST_P(Samples, AVolumeInOtherLettersIsTheSameVolume)
+{
+    const vtfltsim::Volume volume = AddVolume(m_machine, L"{abcdef01-2345-6789-abcd-ef0123456789}", LENGTH, BLOCK);
+    const vtfltsim::Volume given{L"{ABCDEF01-2345-6789-ABCD-EF0123456789}"};
+    EXPECT_EQ(0u, Start(given, L"Sample", m_copy).Join());
+    m_machine.Write(volume, 3 * BLOCK, Bytes(512, 7));
+    ASSERT_EQ(0u, VTFltSimLoseTracking(m_machine.handle(), volume.guid.c_str()));
+    EXPECT_EQ(0u, Start(given, L"Sample", m_copy).Join());
+    EXPECT_TRUE(Equals(volume));
+    // The mark is off, and the copy is the volume's, however it is called.
+    Spoil(200);
+    EXPECT_EQ(0u, Start(volume, L"Sample", m_copy).Join());
+    EXPECT_FALSE(Equals(volume));
+}
+
+TEST_P(Samples, AVolumeThatIsNotThereIsAnError)
+{
+    EXPECT_EQ(1u, Start({L"{abcdef01-2345-6789-abcd-ef0123456789}"}, L"Sample", m_copy).Join());
+    EXPECT_EQ(1u, Start({std::wstring(100, L'x')}, L"Sample", m_copy).Join());
 }
 
 TEST_P(Samples, TheCopyOfAnotherVolumeIsReadWhole)

@@ -42,6 +42,16 @@ static DWORD ErrorOfFailure(void)
     return error != 0 ? error : ERROR_WRITE_FAULT;
 }
 
+/* The volume's name in the system's own letters: files know no case, but the lists and the names of mutexes do. */
+static DWORD NameOf(const wchar_t* guid, wchar_t name[64])
+{
+    wchar_t given[64];
+    if (_snwprintf(given, 63, L"\\\\?\\Volume%ls\\", guid) < 0)
+        return ERROR_INVALID_NAME;
+    given[63] = L'\0';
+    return GetVolumeNameForVolumeMountPointW(given, name, 64) ? 0 : ErrorOfFailure();
+}
+
 static HANDLE OpenPath(const wchar_t* path, DWORD access, DWORD disposition)
 {
     return CreateFileW(path, access, FILE_SHARE_READ | FILE_SHARE_WRITE, NULL, disposition, FILE_ATTRIBUTE_NORMAL,
@@ -300,19 +310,15 @@ static int BackUp(VTFLTSIM_MACHINE machine, HANDLE volume, const wchar_t* const*
 
 static int Run(VTFLTSIM_MACHINE machine, const wchar_t* const* argv, const wchar_t* statePath)
 {
-    wchar_t given[64];
     wchar_t device[64];
     wchar_t volumeName[64];
     HANDLE volume = INVALID_HANDLE_VALUE;
     DWORD everything = 0;
     DWORD error = 0;
     int result = 1;
-    /* In the system's own letters: files know no case, but the lists and the names of mutexes do. */
-    if (_snwprintf(given, 63, L"\\\\?\\Volume%ls\\", argv[2]) < 0)
-        return Fail(L"no volume's GUID: this", ERROR_INVALID_PARAMETER);
-    given[63] = L'\0';
-    if (!GetVolumeNameForVolumeMountPointW(given, volumeName, 64))
-        return Fail(L"finding the volume", ErrorOfFailure());
+    error = NameOf(argv[2], volumeName);
+    if (error != 0)
+        return Fail(L"finding the volume", error);
     wcscpy(device, volumeName);
     device[wcslen(device) - 1] = L'\0'; /* with the backslash it would be the root folder */
     if (!VTCanBLIDriverWork())

@@ -81,7 +81,10 @@ extern "C" {
  * Makes the bitmap manager of one volume for one application and files it under the volume handle.
  *
  *   volume         the caller's open volume; it must stay open until VTFltDeinitBitmapManager
- *   volumeName     volume GUID path, \\?\Volume{...}\ (the trailing backslash may be missing)
+ *   volumeName     volume GUID path, \\?\Volume{...}\ (the trailing backslash may be missing), letter by letter as the
+ *                  system spells it (FindFirstVolumeW, GetVolumeNameForVolumeMountPointW). The volume's mutex and the
+ *                  verify lists know letter case: under another spelling the calls succeed, other programs are not
+ *                  excluded, and the volume's mark is not taken off
  *   applicationId  a registered application, compared exactly
  *
  * The manager serves the applications that are registered now: changes fetched through it reach no
@@ -173,8 +176,8 @@ VTFLTMGR_API DWORD WINAPI VTFltReplicationSuccess(HANDLE volume);
  * fetched before it never reached this one. An incremental backup behind that misses changes, and nothing says
  * so. (Only a list that cannot be read has every volume marked first.) So ask first, with VTCanAppUseBLIDriver
  * or VTGetRegisteredAppList. An application that is not registered, and may have been, calls
- * VTAddVolumesToAppVerifyList, which marks the fixed volumes and needs no registration, and then this; of any
- * other volume its next backup reads everything.
+ * VTAddVolumesToAppVerifyList, which marks the fixed volumes that are there and needs no registration, and then
+ * this; of any other volume, and of one that was away, its next backup reads everything.
  *
  * Results: 0; 160 (empty ID); 0x10005; 161; else the error of a volume, a bitmap file or the registry.
  */
@@ -204,7 +207,9 @@ VTFLTMGR_API DWORD WINAPI VTReplicateVerifyList(LPCWSTR applicationId);
 
 /*
  * Asks whether this application's next backup of the volume must read the whole volume.
- *   volume  volume GUID path, \\?\Volume{...}\ (the trailing backslash may be missing)
+ *   volume  volume GUID path, \\?\Volume{...}\ (the trailing backslash may be missing), letter by letter as the system
+ *           spells it (see VTFltInitBitmapManager): under another spelling no entry of the list is found, and the
+ *           answer is 0 for a volume that must be verified
  * Results: 1 yes (also when the driver does not work, when the list cannot be read, or for a null
  * argument); 0 no, or the volume is not on the list and its mutex could not be opened: the bitmap files were
  * not looked at then, and VTFltGetBitmap, which needs the same mutex, answers 0x10005.
@@ -212,8 +217,8 @@ VTFLTMGR_API DWORD WINAPI VTReplicateVerifyList(LPCWSTR applicationId);
 VTFLTMGR_API DWORD WINAPI VTIsVerifyRequired(LPCWSTR applicationId, LPCWSTR volume);
 
 /*
- * Puts every fixed volume on the application's verify list.
- * Results: 0 (also when the driver is not installed or not working); 87 (empty ID); 0x10005; else an error
+ * Puts every fixed volume that is there on the application's verify list.
+ * Results: 0 (also when the driver is not installed or not working, and then nothing is marked); 87 (empty ID); 0x10005; else an error
  * of the volume walk or the registry.
  */
 VTFLTMGR_API DWORD WINAPI VTAddVolumesToAppVerifyList(LPCWSTR applicationId);

@@ -20,6 +20,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <memory_resource>
 #include <set>
 #include <string>
 #include <string_view>
@@ -213,7 +214,9 @@ public:
     std::map<std::uintptr_t, HandleEntry> handles;
     std::uintptr_t nextHandle = 4;
     std::map<const void*, View> views;
-    std::unordered_map<std::uintptr_t, Allocation> allocations;
+    // Its nodes come from a pool: one beside each allocation of the modules would take as long as the allocation itself.
+    std::pmr::unsynchronized_pool_resource allocationNodes;
+    std::pmr::unordered_map<std::uintptr_t, Allocation> allocations{&allocationNodes};
     std::map<Text, Text, std::less<>> environment;
     std::map<HKEY, std::shared_ptr<RegistryKey>> predefinedKeys; // RegOverridePredefKey
     std::set<Thread*> threads;

@@ -3,6 +3,7 @@
  * work on 32-bit ones. Hidden, so that they serve this program alone and not the system's libraries in it.
  */
 #include <stddef.h>
+#include <string.h>
 
 #pragma GCC visibility push(hidden)
 
@@ -35,18 +36,12 @@ int wcscmp(const wchar_t* left, const wchar_t* right)
 
 wchar_t* wmemcpy(wchar_t* target, const wchar_t* source, size_t count)
 {
-    for (size_t i = 0; i < count; ++i)
-        target[i] = source[i];
-    return target;
+    return memcpy(target, source, count * sizeof(wchar_t));
 }
 
 wchar_t* wmemmove(wchar_t* target, const wchar_t* source, size_t count)
 {
-    if (target <= source)
-        return wmemcpy(target, source, count);
-    for (size_t i = count; i > 0; --i)
-        target[i - 1] = source[i - 1];
-    return target;
+    return memmove(target, source, count * sizeof(wchar_t));
 }
 
 wchar_t* wmemset(wchar_t* target, wchar_t value, size_t count)
@@ -58,6 +53,8 @@ wchar_t* wmemset(wchar_t* target, wchar_t value, size_t count)
 
 int wmemcmp(const wchar_t* left, const wchar_t* right, size_t count)
 {
+    if (memcmp(left, right, count * sizeof(wchar_t)) == 0)
+        return 0;
     for (size_t i = 0; i < count; ++i) {
         if (left[i] != right[i])
             return left[i] < right[i] ? -1 : 1;

@@ -24,6 +24,7 @@ internal static class Native
     internal const uint MoreData = 234;
     internal const uint InvalidFunction = 1;
     internal const uint NotSupported = 50;
+    internal const uint DriveFixed = 3;
     internal const int HeaderBytes = 16;
 
     private const string Library = "VTFltMgr.dll";
@@ -249,12 +250,15 @@ internal static class BackupLoop
     // Asks before it registers: an application that was on the list, and is not any more, has lost what was owed to it, and
     // registering it again marks nothing. So the marks come first, for its other fixed volumes too; this one's FILE.state goes
     // as well, for it may not be fixed.
-    private static void Register(string application, string statePath)
+    private static void Register(string application, string name, string statePath)
     {
         if (Native.VTCanAppUseBLIDriver(application) != 0)
             return;
         File.Delete(statePath);
         Failure.Check("VTAddVolumesToAppVerifyList", Native.VTAddVolumesToAppVerifyList(application));
+        // While the driver does not answer, that is no error and marks nothing. Most volumes show it.
+        bool marked = Native.VTCanBLIDriverWork() != 0 && Native.VTIsVerifyRequired(application, name) != 0;
+        Failure.Check("marking the volumes", marked || Native.GetDriveTypeW(name) != Native.DriveFixed);
         Failure.Check("VTRegisterApplication", Native.VTRegisterApplication(application));
     }
 
@@ -337,10 +341,10 @@ internal static class BackupLoop
     {
         string name = NameOf(guid), statePath = path + ".state", owner = name + " " + application;
         Failure.Check("the driver does not work: VTCanBLIDriverWork", Native.VTCanBLIDriverWork() != 0);
-        Register(application, statePath);
+        Register(application, name, statePath);
         // Registering again marks fixed volumes only, and the run that does it may be another volume's.
-        const uint DriveFixed = 3;
-        bool notFixed = Native.GetDriveTypeW(name) != DriveFixed, everything = MustVerify(application, name) || notFixed;
+        bool notFixed = Native.GetDriveTypeW(name) != Native.DriveFixed;
+        bool everything = MustVerify(application, name) || notFixed;
 
         // Without the backslash: with it, it would be the root folder.
         using (var volume = new Device(name.TrimEnd('\\')))

@@ -82,7 +82,7 @@ static int WriteState(const wchar_t* path, const State* state)
 /* Asks before it registers: an application that was on the list, and is not any more, has lost what was owed to it, and
    registering it again marks nothing. So the marks come first, for its other fixed volumes too; this one's FILE.state
    goes as well, for it may not be fixed. */
-static DWORD Register(const wchar_t* application, const wchar_t* statePath)
+static DWORD Register(const wchar_t* application, const wchar_t* volumeName, const wchar_t* statePath)
 {
     DWORD error = 0;
     if (VTCanAppUseBLIDriver(application))
@@ -90,6 +90,10 @@ static DWORD Register(const wchar_t* application, const wchar_t* statePath)
     if (!DeleteFileW(statePath) && GetLastError() != ERROR_FILE_NOT_FOUND)
         return ErrorOfFailure();
     error = VTAddVolumesToAppVerifyList(application);
+    /* While the driver does not answer, that is no error and marks nothing. Most volumes show it. */
+    if (error == 0 && GetDriveTypeW(volumeName) == DRIVE_FIXED &&
+        (!VTCanBLIDriverWork() || !VTIsVerifyRequired(application, volumeName)))
+        error = ERROR_NOT_READY;
     return error != 0 ? error : VTRegisterApplication(application);
 }
 
@@ -323,7 +327,7 @@ static int Run(VTFLTSIM_MACHINE machine, const wchar_t* const* argv, const wchar
     device[wcslen(device) - 1] = L'\0'; /* with the backslash it would be the root folder */
     if (!VTCanBLIDriverWork())
         return Fail(L"the driver does not work: VTCanBLIDriverWork", 0);
-    error = Register(argv[3], statePath);
+    error = Register(argv[3], volumeName, statePath);
     if (error != 0)
         return Fail(L"registering", error);
     error = MustVerify(argv[3], volumeName, &everything);

@@ -132,7 +132,7 @@ class Library:
               self.ReadFile(device, buffer, count, byref(size), None) and size.value == count)
         return buffer.raw
 
-    def register(self, application, state_path):
+    def register(self, application, name, state_path):
         """Asks before it registers: an application that was on the list, and is not any more, has lost what was owed to it,
         and registering it again marks nothing. So the marks come first, for its other fixed volumes too; this one's FILE.state
         goes as well, for it may not be fixed."""
@@ -141,6 +141,9 @@ class Library:
         with contextlib.suppress(FileNotFoundError):
             os.remove(state_path)
         call(self.VTAddVolumesToAppVerifyList, application)
+        # While the driver does not answer, that is no error and marks nothing. Most volumes show it.
+        marked = self.VTCanBLIDriverWork() and self.VTIsVerifyRequired(application, name)
+        check("marking the volumes", marked or self.GetDriveTypeW(name) != DRIVE_FIXED)
         call(self.VTRegisterApplication, application)
 
     def must_verify(self, application, name):
@@ -234,7 +237,7 @@ def copy_blocks(library, device, file, state, blocks):
 def back_up(library, guid, application, path, create, delete):
     name, state_path = library.name_of(guid), path + ".state"
     check("the driver does not work: VTCanBLIDriverWork", library.VTCanBLIDriverWork())
-    library.register(application, state_path)
+    library.register(application, name, state_path)
     # Registering again marks fixed volumes only, and the run that does it may be another volume's.
     not_fixed = library.GetDriveTypeW(name) != DRIVE_FIXED
     everything = library.must_verify(application, name) or not_fixed

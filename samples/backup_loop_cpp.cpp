@@ -144,12 +144,16 @@ std::uint64_t LengthOf(HANDLE device)
 // Asks before it registers: an application that was on the list, and is not any more, has lost what was owed to it, and
 // registering it again marks nothing. So the marks come first, for its other fixed volumes too; this one's FILE.state goes
 // as well, for it may not be fixed.
-void Register(const std::wstring& application, const std::wstring& statePath)
+void Register(const std::wstring& application, const std::wstring& name, const std::wstring& statePath)
 {
     if (vtfltmgr::CanApplicationUseDriver(application))
         return;
     Check("deleting the state", DeleteFileW(statePath.c_str()) || GetLastError() == ERROR_FILE_NOT_FOUND);
     Check("VTAddVolumesToAppVerifyList", vtfltmgr::AddVolumesToVerifyList(application));
+    // While the driver does not answer, that is no error and marks nothing. Most volumes show it.
+    const bool marked = vtfltmgr::CanDriverWork() && vtfltmgr::IsVerifyRequired(application, name);
+    if (!marked && GetDriveTypeW(name.c_str()) == DRIVE_FIXED)
+        throw std::runtime_error("the volumes could not be marked");
     Check("VTRegisterApplication", vtfltmgr::RegisterApplication(application));
 }
 
@@ -211,7 +215,7 @@ void BackUp(vtfltsim::SimMachine& machine, const vtfltsim::Volume& volume, const
     owner.copy(now.owner, owner.size());
     if (!vtfltmgr::CanDriverWork())
         throw std::runtime_error("the driver does not work");
-    Register(application, statePath);
+    Register(application, name, statePath);
     bool everything = MustVerify(application, name);
     // Registering again marks fixed volumes only, and the run that does it may be another volume's.
     now.everything = GetDriveTypeW(name.c_str()) != DRIVE_FIXED ? 1 : 0;

@@ -83,11 +83,14 @@ void CopyBlocks(HANDLE from, HANDLE to, std::uint64_t length, DWORD blockSize, v
 }
 
 // An application that is not on the list any more has lost what was owed to it, and registering it marks nothing.
-void Register(const std::wstring& application)
+void Register(const std::wstring& application, const std::wstring& name)
 {
     if (vtfltmgr::CanApplicationUseDriver(application))
         return;
     Check("VTAddVolumesToAppVerifyList", vtfltmgr::AddVolumesToVerifyList(application).IsSuccess());
+    // While the driver does not answer, that is no error and marks nothing. Most volumes show it.
+    const bool marked = vtfltmgr::CanDriverWork() && vtfltmgr::IsVerifyRequired(application, name);
+    Check("marking the volumes", marked || GetDriveTypeW(name.c_str()) != DRIVE_FIXED);
     Check("VTRegisterApplication", vtfltmgr::RegisterApplication(application).IsSuccess());
 }
 
@@ -96,7 +99,7 @@ void BackUp(const std::wstring& guid, const std::wstring& application, const std
     // In the system's own letters: the verify lists and the names of mutexes know case.
     const std::wstring name = vtfltmgr::VolumeNameOf(L"\\\\?\\Volume" + guid + L"\\");
     Check("finding the volume", !name.empty());
-    Register(application);
+    Register(application, name);
     Check("VTReplicateVerifyList", vtfltmgr::ReplicateVerifyList(application).IsSuccess());
     // Registering again marks fixed volumes only, and the run that does it may be another volume's.
     bool everything = vtfltmgr::IsVerifyRequired(application, name) || GetDriveTypeW(name.c_str()) != DRIVE_FIXED;

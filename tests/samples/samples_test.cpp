@@ -211,6 +211,25 @@ TEST_P(Samples, ARegistrationThatWasLostReadsAnotherVolumeThatIsNotFixedToo)
     EXPECT_TRUE(EqualsVolume());
 }
 
+// Marks are left out, with success, while the driver does not answer.
+TEST_P(Samples, ARegistrationThatWasLostIsNotMadeAgainWithoutMarks)
+{
+    m_machine.SetService(VTFLTSIM_SERVICE_ABSENT); // or the driver would be reinstalled
+    const vtfltsim::Volume second = m_machine.AddVolume(LENGTH, BLOCK);
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_EQ(0u, Start(second, L"Sample", OtherCopy()).Join());
+    for (unsigned silence = 2; silence <= 5; ++silence) {
+        SCOPED_TRACE(silence);
+        Write(3, static_cast<std::uint8_t>(10 + silence));
+        LoseTheRegistration();
+        const std::wstring plan = L"fail|CreateFileW|\\\\.\\VTFltMgr|" + WideNumber(silence) + L"|1|2";
+        Start(second, L"Sample", OtherCopy(), plan).Join();
+        EXPECT_EQ(0u, Start(second, L"Sample", OtherCopy()).Join());
+        EXPECT_EQ(0u, BackUp());
+        EXPECT_TRUE(EqualsVolume());
+    }
+}
+
 TEST_P(Samples, AVolumeThatWasNotFixedIsReadWholeOnceMore)
 {
     ASSERT_EQ(0u, VTFltSimSetDriveType(m_machine.handle(), m_volume.guid.c_str(), DRIVE_REMOVABLE));

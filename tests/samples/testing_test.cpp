@@ -179,6 +179,23 @@ TEST_F(Loop, ReadsEverythingOfAVolumeThatIsNotFixedWhenAnotherVolumeRegisters)
     ExpectCopied();
 }
 
+TEST_F(Loop, RegistersNothingThatItCouldNotMark)
+{
+    m_machine.SetService(VTFLTSIM_SERVICE_ABSENT); // or the driver would be reinstalled
+    const vtfltsim::Volume second = m_machine.AddVolume(LENGTH, 4096);
+    ASSERT_EQ(0u, BackUp(L"Loop"));
+    ASSERT_EQ(0u, BackUp(L"Loop", second.guid, L"Second"));
+    m_machine.TouchBlock(m_volume, 3);
+    DeleteApplicationList(m_machine);
+    ASSERT_EQ(0u, BackUp(L"Other"));
+    SetEnvironmentVariableW(VTFLTSIM_CALLS_VARIABLE, L"fail|CreateFileW|\\\\.\\VTFltMgr|2|1|2");
+    EXPECT_EQ(1u, BackUp(L"Loop", second.guid, L"Second"));
+    SetEnvironmentVariableW(VTFLTSIM_CALLS_VARIABLE, nullptr);
+    EXPECT_EQ(0u, BackUp(L"Loop", second.guid, L"Second"));
+    EXPECT_EQ(0u, BackUp(L"Loop"));
+    ExpectCopied();
+}
+
 TEST_F(Loop, TakesAVolumeInOtherLetters)
 {
     const std::wstring given = L"{ABCDEF01-2345-6789-ABCD-EF0123456789}";

@@ -10,7 +10,7 @@
 //     vtfltsim run C:\run\m BackupLoop.exe {GUID} Nightly E.img "vtfltsim snapshot C:\run\m {GUID}"
 //         "vtfltsim delete-snapshot C:\run\m"
 //
-// Exit code 0: FILE is the volume as it was at the snapshot. 1: it may not be, and nothing was forgotten: run it again.
+// Exit code 0: FILE is the volume as the snapshot has it. 1: it may not be, and nothing was forgotten: run it again.
 // 64-bit only.
 using System;
 using System.Diagnostics;
@@ -257,8 +257,9 @@ internal static class BackupLoop
         File.Delete(statePath);
         Failure.Check("VTAddVolumesToAppVerifyList", Native.VTAddVolumesToAppVerifyList(application));
         // While the driver does not answer, that is no error and marks nothing. Most volumes show it.
-        bool marked = Native.VTCanBLIDriverWork() != 0 && Native.VTIsVerifyRequired(application, name) != 0;
-        Failure.Check("marking the volumes", marked || Native.GetDriveTypeW(name) != Native.DriveFixed);
+        bool notFixed = Native.GetDriveTypeW(name) != Native.DriveFixed;
+        Failure.Check("marking the volumes", Native.VTCanBLIDriverWork() != 0 &&
+                      (notFixed || Native.VTIsVerifyRequired(application, name) != 0));
         Failure.Check("VTRegisterApplication", Native.VTRegisterApplication(application));
     }
 

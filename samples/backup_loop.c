@@ -10,7 +10,7 @@
  *   FILE         the copy, one for each volume and application; FILE.state beside it says what the next run must know.
  *                Put FILE back from anywhere, and FILE.state has to go
  *
- * Exit code 0: FILE is the volume as it was at the snapshot. 1: it may not be, and nothing was forgotten: run it again.
+ * Exit code 0: FILE is the volume as the snapshot has it. 1: it may not be, and nothing was forgotten: run it again.
  */
 #include <vtfltmgr/VTFltMgr.h>
 #include <vtfltsim/VTFltSim.h>
@@ -91,8 +91,8 @@ static DWORD Register(const wchar_t* application, const wchar_t* volumeName, con
         return ErrorOfFailure();
     error = VTAddVolumesToAppVerifyList(application);
     /* While the driver does not answer, that is no error and marks nothing. Most volumes show it. */
-    if (error == 0 && GetDriveTypeW(volumeName) == DRIVE_FIXED &&
-        (!VTCanBLIDriverWork() || !VTIsVerifyRequired(application, volumeName)))
+    if (error == 0 && (!VTCanBLIDriverWork() ||
+                       (GetDriveTypeW(volumeName) == DRIVE_FIXED && !VTIsVerifyRequired(application, volumeName))))
         error = ERROR_NOT_READY;
     return error != 0 ? error : VTRegisterApplication(application);
 }

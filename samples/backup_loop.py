@@ -10,7 +10,7 @@ behind it. VTFltMgr.dll is looked for beside this file, or where VTFLTMGR says. 
     vtfltsim run C:\\run\\m python backup_loop.py {GUID} Nightly E.img "vtfltsim snapshot C:\\run\\m {GUID}"
         "vtfltsim delete-snapshot C:\\run\\m"
 
-Exit code 0: FILE is the volume as it was at the snapshot. 1: it may not be, and nothing was forgotten: run it again.
+Exit code 0: FILE is the volume as the snapshot has it. 1: it may not be, and nothing was forgotten: run it again.
 """
 import contextlib
 import ctypes
@@ -142,8 +142,8 @@ class Library:
             os.remove(state_path)
         call(self.VTAddVolumesToAppVerifyList, application)
         # While the driver does not answer, that is no error and marks nothing. Most volumes show it.
-        marked = self.VTCanBLIDriverWork() and self.VTIsVerifyRequired(application, name)
-        check("marking the volumes", marked or self.GetDriveTypeW(name) != DRIVE_FIXED)
+        check("marking the volumes", self.VTCanBLIDriverWork() and
+              (self.GetDriveTypeW(name) != DRIVE_FIXED or self.VTIsVerifyRequired(application, name)))
         call(self.VTRegisterApplication, application)
 
     def must_verify(self, application, name):

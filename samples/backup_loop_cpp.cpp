@@ -5,7 +5,7 @@
 // MACHINE is the folder of a simulated machine (vtfltsim create); on a real one the snapshot comes from the system's
 // snapshot service, and the lines marked "simulator" go. VOLUME is {GUID}, in whatever letters; FILE is the copy, one for
 // each volume and application, and FILE.state says what the next run must know: put FILE back from anywhere, and FILE.state
-// has to go. Exit code 0: FILE is the volume as it was at the snapshot. 1: it may not be, and nothing was forgotten: run it
+// has to go. Exit code 0: FILE is the volume as the snapshot has it. 1: it may not be, and nothing was forgotten: run it
 // again.
 #include <vtfltmgr/VTFltMgr.hpp>
 #include <vtfltsim/VTFltSim.hpp>
@@ -151,8 +151,8 @@ void Register(const std::wstring& application, const std::wstring& name, const s
     Check("deleting the state", DeleteFileW(statePath.c_str()) || GetLastError() == ERROR_FILE_NOT_FOUND);
     Check("VTAddVolumesToAppVerifyList", vtfltmgr::AddVolumesToVerifyList(application));
     // While the driver does not answer, that is no error and marks nothing. Most volumes show it.
-    const bool marked = vtfltmgr::CanDriverWork() && vtfltmgr::IsVerifyRequired(application, name);
-    if (!marked && GetDriveTypeW(name.c_str()) == DRIVE_FIXED)
+    const bool fixed = GetDriveTypeW(name.c_str()) == DRIVE_FIXED;
+    if (!vtfltmgr::CanDriverWork() || (fixed && !vtfltmgr::IsVerifyRequired(application, name)))
         throw std::runtime_error("the volumes could not be marked");
     Check("VTRegisterApplication", vtfltmgr::RegisterApplication(application));
 }

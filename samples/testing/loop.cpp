@@ -89,8 +89,9 @@ void Register(const std::wstring& application, const std::wstring& name)
         return;
     Check("VTAddVolumesToAppVerifyList", vtfltmgr::AddVolumesToVerifyList(application).IsSuccess());
     // While the driver does not answer, that is no error and marks nothing. Most volumes show it.
-    const bool marked = vtfltmgr::CanDriverWork() && vtfltmgr::IsVerifyRequired(application, name);
-    Check("marking the volumes", marked || GetDriveTypeW(name.c_str()) != DRIVE_FIXED);
+    const bool fixed = GetDriveTypeW(name.c_str()) == DRIVE_FIXED;
+    Check("marking the volumes",
+          vtfltmgr::CanDriverWork() && (!fixed || vtfltmgr::IsVerifyRequired(application, name)));
     Check("VTRegisterApplication", vtfltmgr::RegisterApplication(application).IsSuccess());
 }
 

@@ -230,6 +230,30 @@ TEST_P(Samples, ARegistrationThatWasLostIsNotMadeAgainWithoutMarks)
     }
 }
 
+// No list can name the volume that the run is for; the others are owed their marks all the same.
+TEST_P(Samples, ARegistrationThatWasLostIsNotMadeAgainOnAVolumeThatIsNotFixedWhileTheDriverIsSilent)
+{
+    m_machine.SetService(VTFLTSIM_SERVICE_ABSENT); // or the driver would be reinstalled
+    const vtfltsim::Volume removable = m_machine.AddVolume(LENGTH, BLOCK);
+    ASSERT_EQ(0u, VTFltSimSetDriveType(m_machine.handle(), removable.guid.c_str(), DRIVE_REMOVABLE));
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_EQ(0u, Start(removable, L"Sample", OtherCopy()).Join());
+    unsigned failed = 0;
+    for (unsigned silence = 2; silence <= 5; ++silence) {
+        SCOPED_TRACE(silence);
+        Write(3, static_cast<std::uint8_t>(20 + silence));
+        LoseTheRegistration();
+        // From then on the driver does not answer.
+        const std::wstring plan = L"fail|CreateFileW|\\\\.\\VTFltMgr|" + WideNumber(silence) + L"|4000|2";
+        const DWORD result = Start(removable, L"Sample", OtherCopy(), plan).Join();
+        failed += result == 1;
+        EXPECT_EQ(0u, Start(removable, L"Sample", OtherCopy()).Join());
+        EXPECT_EQ(0u, BackUp());
+        EXPECT_TRUE(EqualsVolume());
+    }
+    EXPECT_NE(0u, failed);
+}
+
 TEST_P(Samples, AVolumeThatWasNotFixedIsReadWholeOnceMore)
 {
     ASSERT_EQ(0u, VTFltSimSetDriveType(m_machine.handle(), m_volume.guid.c_str(), DRIVE_REMOVABLE));

@@ -1,6 +1,8 @@
 // Loading and unloading the DLL, and the mark that a user of the library is running.
 //
 // This program uses the DLL by LoadLibrary alone: a program that is linked with it would carry the mark all the time.
+#include "support/start_again.h"
+
 #include <windows.h>
 
 #include <gtest/gtest.h>
@@ -67,7 +69,11 @@ DWORD RunProbe()
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION started = {};
-    if (!CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &started))
+    const bool running = vttest::StartAgain([&] {
+        return CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                              &started);
+    });
+    if (!running)
         return 0xDEAD;
     const Handle thread(started.hThread);
     const Handle process(started.hProcess);

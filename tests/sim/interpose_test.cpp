@@ -1,4 +1,5 @@
 // The redirection: this program's own imports are attached, so that every call below is answered by the machine.
+#include "support/start_again.h"
 #include "vtfltsim/VTFltSim.hpp"
 #include "vtfltsim/VTFltSimForget.h"
 
@@ -776,7 +777,11 @@ protected:
         STARTUPINFOW startup = {};
         startup.cb = sizeof(startup);
         PROCESS_INFORMATION process = {};
-        if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process))
+        const bool started = vttest::StartAgain([&] {
+            return CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                                  &process);
+        });
+        if (!started)
             return nullptr;
         CloseHandle(process.hThread);
         return process.hProcess;

@@ -13,6 +13,7 @@
 // Waits end with the event or with the child, so a child that dies early fails a case and hangs none.
 #pragma once
 
+#include "support/start_again.h"
 #include "support/text.h"
 #include "vtfltsim/VTFltSim.hpp"
 #include "win/owners.h"
@@ -43,8 +44,10 @@ public:
         STARTUPINFOW startup = {};
         startup.cb = sizeof(startup);
         PROCESS_INFORMATION information = {};
-        const BOOL started =
-            CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &information);
+        const bool started = StartAgain([&] {
+            return CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                                  &information);
+        });
         const DWORD error = GetLastError();
         SetEnvironmentVariableW(VTFLTSIM_CALLS_VARIABLE, nullptr);
         if (!started)

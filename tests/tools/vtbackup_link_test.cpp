@@ -1,4 +1,5 @@
 // Links inside of a repository: what they lead to belongs to somebody else.
+#include "support/start_again.h"
 #include "tools/vtbackup_test.h"
 
 #include "../../tools/vtbackup/folder_link.h"
@@ -54,7 +55,11 @@ private:
         STARTUPINFOW start = {};
         start.cb = sizeof(start);
         PROCESS_INFORMATION process = {};
-        if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &start, &process))
+        const bool started = vttest::StartAgain([&] {
+            return CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &start,
+                                  &process);
+        });
+        if (!started)
             throw std::runtime_error("the command for a link does not start");
         WaitForSingleObject(process.hProcess, INFINITE);
         CloseHandle(process.hProcess);

@@ -1,5 +1,7 @@
 #include "tools/vtbackup_test.h"
 
+#include "support/start_again.h"
+
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -87,20 +89,14 @@ Process::Process(const std::vector<std::wstring>& arguments, const std::wstring&
         line += L" \"" + argument + L"\"";
     std::wstring environment = EnvironmentWith(L"VTFLTSIM_CALLS=" + calls);
     PROCESS_INFORMATION process = {};
-    const auto start = [&] {
+    const bool started = vttest::StartAgain([&] {
         return CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, CREATE_UNICODE_ENVIRONMENT,
-                              environment.data(), nullptr, &startup, &process)
-                   ? ERROR_SUCCESS
-                   : GetLastError();
-    };
-    // About once in a thousand starts on a busy machine Wine gives ERROR_INTERNAL_ERROR for a process that was gone
-    // before it came to the program.
-    DWORD error = start();
-    for (int again = 0; again < 2 && error == ERROR_INTERNAL_ERROR; ++again)
-        error = start();
+                              environment.data(), nullptr, &startup, &process);
+    });
+    const DWORD error = GetLastError();
     CloseHandle(out);
     CloseHandle(err);
-    if (error != ERROR_SUCCESS)
+    if (!started)
         throw vtfltsim::SimError("starting vtbackup.exe", error);
     CloseHandle(process.hThread);
     m_process = process.hProcess;

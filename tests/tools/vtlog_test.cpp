@@ -1,5 +1,7 @@
 #include "tools/vtlog_test.h"
 
+#include "support/start_again.h"
+
 #include <array>
 #include <cstdio>
 #include <stdexcept>
@@ -121,15 +123,10 @@ Process::Process(const std::vector<std::wstring>& arguments, const std::vector<s
         line += L" \"" + argument + L"\"";
     std::wstring environment = EnvironmentWith(variables);
     PROCESS_INFORMATION process = {};
-    const auto start = [&] {
+    const bool started = vttest::StartAgain([&] {
         return CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, CREATE_UNICODE_ENVIRONMENT,
-                              environment.data(), nullptr, &startup, &process) != FALSE;
-    };
-    // About once in a thousand starts on a busy machine Wine gives ERROR_INTERNAL_ERROR for a process that was gone
-    // before it came to the program.
-    bool started = start();
-    for (int again = 0; again < 2 && !started && GetLastError() == ERROR_INTERNAL_ERROR; ++again)
-        started = start();
+                              environment.data(), nullptr, &startup, &process);
+    });
     if (!started)
         throw std::runtime_error("the program could not be started, error " + std::to_string(GetLastError()));
     CloseHandle(process.hThread);

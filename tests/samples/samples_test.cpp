@@ -47,6 +47,17 @@ protected:
         DeleteFileW(OtherCopy().c_str());
         DeleteFileW((OtherCopy() + L".state").c_str());
     }
+    void ExpectNothingLostWhenAnotherVolumeRegisters()
+    {
+        const vtfltsim::Volume second = m_machine.AddVolume(LENGTH, BLOCK);
+        EXPECT_EQ(0u, BackUp());
+        EXPECT_EQ(0u, BackUp());
+        Write(3, 7);
+        LoseTheRegistration();
+        EXPECT_EQ(0u, Start(second, L"Sample", OtherCopy()).Join()); // it is this one that registers again
+        EXPECT_EQ(0u, BackUp());
+        EXPECT_TRUE(EqualsVolume());
+    }
     VTFLTSIM_SNAPSHOT_INFO OnlySnapshot() const
     {
         VTFLTSIM_SNAPSHOT_INFO info = {};
@@ -187,28 +198,14 @@ TEST_P(Samples, ARegistrationThatWasLostReadsEverythingAlsoBehindADeath)
 
 TEST_P(Samples, ARegistrationThatWasLostMarksTheOtherVolumesToo)
 {
-    const vtfltsim::Volume second = m_machine.AddVolume(LENGTH, BLOCK);
-    EXPECT_EQ(0u, BackUp());
-    EXPECT_EQ(0u, BackUp());
-    Write(3, 7);
-    LoseTheRegistration();
-    EXPECT_EQ(0u, Start(second, L"Sample", OtherCopy()).Join()); // it is this one that registers again
-    EXPECT_EQ(0u, BackUp());
-    EXPECT_TRUE(EqualsVolume());
+    ExpectNothingLostWhenAnotherVolumeRegisters();
 }
 
 // Registering again marks no volume that is not fixed.
 TEST_P(Samples, ARegistrationThatWasLostReadsAnotherVolumeThatIsNotFixedToo)
 {
     ASSERT_EQ(0u, VTFltSimSetDriveType(m_machine.handle(), m_volume.guid.c_str(), DRIVE_REMOVABLE));
-    const vtfltsim::Volume second = m_machine.AddVolume(LENGTH, BLOCK);
-    EXPECT_EQ(0u, BackUp());
-    EXPECT_EQ(0u, BackUp());
-    Write(3, 7);
-    LoseTheRegistration();
-    EXPECT_EQ(0u, Start(second, L"Sample", OtherCopy()).Join()); // it is this one that registers again
-    EXPECT_EQ(0u, BackUp());
-    EXPECT_TRUE(EqualsVolume());
+    ExpectNothingLostWhenAnotherVolumeRegisters();
 }
 
 // Marks are left out, with success, while the driver does not answer.

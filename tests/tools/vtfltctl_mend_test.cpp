@@ -274,8 +274,9 @@ TEST_F(VtFltCtlMend, AGuidInOtherCaseMarksNothingUntilItIsMended)
 
 TEST_F(VtFltCtlMend, ADriversListThatReplicateRefusesIsWrittenByHand)
 {
-    for (const std::wstring& odd : {OtherCase(volume.guid), std::wstring(L"{no volume}")}) {
+    for (const std::wstring& odd : {OtherCase(volume.guid), std::wstring(L"{no volume}"), std::wstring(L"x*")}) {
         StoreList(VERIFY, {});
+        StoreList(PENDING, {other.guid});
         StoreList(DRIVER_LIST, {odd, other.guid});
         EXPECT_TRUE(FindingOf("lost-tracking").contains("volume"));
         for (const std::string& mend : PrintedMends())

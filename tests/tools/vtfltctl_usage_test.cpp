@@ -119,11 +119,13 @@ TEST_F(VtFltCtlUsage, AnEmptyValueDoesNotWidenWhatACommandDoes)
         {L"bitmap", L"info", L"--volume", L"E:", L"--app", L"Nightly", L"--which", L""},
         {L"bitmap", L"map", L"--volume", L"E:", L"--app", L"Nightly", L"--png", L"", L"--yes"},
         // Not the next word.
-        {L"apps", L"clean", L"Nightly", L"--volume=", L"--yes"},
         {L"stop", L"--all", L"--yes="},
+        {L"bitmap", L"map", L"--volume", L"E:", L"--app", L"Nightly", L"--png=", L"--yes"},
     };
     for (const std::vector<std::wstring>& line : lines)
         EXPECT_NE("", ExpectRefusal(line, EXIT_USAGE)) << vtlog_test::Utf8(line[0] + L" " + line[1]);
+    // A value that ends like one without.
+    EXPECT_NE(EXIT_USAGE, Run({L"apps", L"clean", L"Nightly", L"--volume=C:\\no\\such=", L"--yes"}).exitCode);
 }
 
 TEST_F(VtFltCtlUsage, AFolderWithoutAMachineIsNotFound)

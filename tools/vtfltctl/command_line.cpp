@@ -105,7 +105,7 @@ std::optional<std::string> OptionWithoutValue(const std::vector<std::string>& ar
     for (const std::string& argument : arguments) {
         if (argument == "--")
             break;
-        if (argument.starts_with("--") && argument.ends_with("="))
+        if (argument.starts_with("--") && argument.find('=') == argument.size() - 1)
             return argument;
     }
     return std::nullopt;

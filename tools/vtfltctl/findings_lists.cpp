@@ -69,17 +69,20 @@ Mend AddForAll(const MachineFacts& machine, const std::vector<std::wstring>& vol
     return mend;
 }
 
+// What stands behind the separator would be lost.
+bool CannotBeWritten(const std::wstring& entry)
+{
+    return entry.find(ENTRY_SEPARATOR) != std::wstring::npos;
+}
+
 // The volumes that an entry means come onto the verify list by their {GUID}s. The entry itself goes, exactly as it stands
 // and behind that, when it is certain that it means nothing else.
 Mend ReplaceEntry(const MachineFacts& machine, const NamedList& list, const std::wstring& entry)
 {
-    const auto cannotBeWritten = [](const std::wstring& text) {
-        return text.find(ENTRY_SEPARATOR) != std::wstring::npos;
-    };
     // The command line takes brackets for a list of arguments.
     const bool bracketed = entry.starts_with(L'[') && entry.ends_with(L']');
     if (machine.volumesError != ERROR_SUCCESS || bracketed ||
-        std::any_of(list.facts.entries.begin(), list.facts.entries.end(), cannotBeWritten))
+        std::any_of(list.facts.entries.begin(), list.facts.entries.end(), CannotBeWritten))
         return {};
     const Meaning meaning = MeaningOf(entry, machine.volumeGuids);
     if (list.application.empty())
@@ -245,23 +248,25 @@ void CheckList(const MachineFacts& machine, const NamedList& list, std::vector<F
         CheckEntry(machine, list, entry, findings);
 }
 
-// Whoever replicates hands the driver's list to every application.
 // Of the driver's list: an entry that "verify replicate" refuses to hand to everybody, and that no command takes off.
 bool HoldsWhatIsNotHandedOut(const MachineFacts& machine)
 {
     std::vector<std::wstring> handedOut;
     std::vector<std::wstring> kept;
     vtflt::SplitDriverList(machine.driverList.entries, handedOut, kept);
+    if (handedOut.empty())
+        return false;
+    if (std::any_of(machine.driverList.entries.begin(), machine.driverList.entries.end(), CannotBeWritten))
+        return true;
     return std::any_of(handedOut.begin(), handedOut.end(), [&](const std::wstring& entry) {
         return toolkit::ParseVolumeGuid(entry) != entry ||
                (!Contains(machine.volumeGuids, entry) && IsOnMachine(machine, entry));
     });
 }
 
+// Whoever replicates hands the driver's list to every application.
 Mend ReplicateAny(const MachineFacts& machine)
 {
-    if (HoldsWhatIsNotHandedOut(machine))
-        return {};
     for (const ApplicationFacts& application : machine.applications) {
         if (Mend mend = Replicate(application.id); !mend.empty() && !WrittenMend(mend, {}).empty())
             return mend;
@@ -280,7 +285,10 @@ void CheckWaiting(const MachineFacts& machine, const NamedList& list, std::vecto
             list.application.empty() ? "The driver lost track of the volume" : "The application has not yet taken over";
         // Any other entry has a finding of its own, and is handed over as it stands, or never.
         const bool exact = Contains(machine.volumeGuids, entry);
-        const Mend mend = list.application.empty() ? ReplicateAny(machine) : Replicate(list.application);
+        // Whoever replicates is handed the driver's list, too.
+        const Mend mend = HoldsWhatIsNotHandedOut(machine) ? Mend()
+                          : list.application.empty()       ? ReplicateAny(machine)
+                                                           : Replicate(list.application);
         findings.push_back(
             {list.application.empty() ? "lost-tracking" : "list-pending", Severity::Verify, list.application, *guid,
              fmt::format("{} names {}. {}.", list.name, Shown(*guid), whose + (list.application.empty() ? "" : " it")),

@@ -84,14 +84,17 @@ extern "C" {
  *   volumeName     volume GUID path, \\?\Volume{...}\ (the trailing backslash may be missing), letter by letter as the
  *                  system spells it (FindFirstVolumeW, GetVolumeNameForVolumeMountPointW). The volume's mutex and the
  *                  verify lists know letter case: under another spelling the calls succeed, other programs are not
- *                  excluded, and the volume's mark is not taken off
+ *                  excluded, and the volume's mark is not taken off. A path that names no volume, such as V:\ or
+ *                  C:\mount, may leave nothing that a list can name, and then no mark is set either
  *   applicationId  a registered application, compared exactly
  *
  * The manager serves the applications that are registered now: changes fetched through it reach no
  * application that registers later. Use one manager per backup and do not keep it.
  *
  * Results: 0; 87 (bad handle, empty name or ID); 0x10007; 0x10008; 0x10009; 8; 0xFFFFFFFF.
- * A handle that already has a manager keeps it, and the result is 0.
+ * A handle that already has a manager keeps it, and the result is 0. Handles are told apart by their values: release
+ * the manager before the volume's handle is closed, or the system may give its value out for another volume, whose
+ * changes the old volume's manager then takes. No two calls on one handle at the same time.
  */
 VTFLTMGR_API DWORD WINAPI VTFltInitBitmapManager(HANDLE volume, LPCWSTR volumeName, LPCWSTR applicationId);
 
@@ -132,7 +135,7 @@ VTFLTMGR_API DWORD WINAPI VTFltPrepareForSnapshot(HANDLE volume);
  *   0          *size bytes are valid, the second header word is the number of bits behind the header
  *   0x10001    *size bytes are valid but changes may be missing: read the whole volume now
  *   234, 122   the buffer is too small; *size is the length to supply. Nothing was lost: ask again
- *   87         bad or unknown handle, null input or output
+ *   87         bad or unknown handle, null input or output; also a missing bitmap of a volume that no list can name
  *   8, 0x10005, 0xFFFFFFFF, or an error of the driver, a bitmap file or the registry: no bitmap, nothing
  *              was forgotten, ask again
  *
@@ -150,8 +153,8 @@ VTFLTMGR_API DWORD WINAPI VTFltGetBitmap(HANDLE volume, LPVOID input, DWORD inpu
  *
  * Writes one line ("copy into ...") to the process's standard output.
  * Results: 0; 87 (bad or unknown handle, null input); 0x10001 (the bitmap was missing, the volume must
- * verify); 0x10005; 8; else an error of a bitmap file or the registry. After any result but 0 the changes
- * are not recorded: do not report success for this backup.
+ * verify); 0x10005; 8; else an error of a bitmap file (0xFFFFFFFF when it has no other name) or the registry. After
+ * any result but 0 the changes are not recorded: do not report success for this backup.
  */
 VTFLTMGR_API DWORD WINAPI VTFltSynSnapshotChangeBitmapToVolume(HANDLE volume, LPVOID input, DWORD inputLength);
 
@@ -159,8 +162,9 @@ VTFLTMGR_API DWORD WINAPI VTFltSynSnapshotChangeBitmapToVolume(HANDLE volume, LP
  * Reports that the application's copy of the fetched blocks is complete and durable: the changes are
  * forgotten and the volume leaves the application's verify list.
  * Results: 0; 87 (bad or unknown handle); 0x10005; 0xFFFFFFFF (no bitmap was fetched through this
- * manager); else an error of the bitmap file. After a failure the next backup contains the changes again; but after a
- * verify backup the volume may have left the verify list already: verify again, whatever the next bitmap's result.
+ * manager); else an error of the bitmap file. After a failure keep the copy: the next backup contains the changes again,
+ * unless the failure came when they were cleared on the disk already. And after a verify backup the volume may have left
+ * the verify list already: verify again, whatever the next bitmap's result.
  */
 VTFLTMGR_API DWORD WINAPI VTFltReplicationSuccess(HANDLE volume);
 
@@ -179,7 +183,8 @@ VTFLTMGR_API DWORD WINAPI VTFltReplicationSuccess(HANDLE volume);
  * VTAddVolumesToAppVerifyList, which marks the fixed volumes that are there and needs no registration, and then
  * this; of any other volume, and of one that was away, its next backup reads everything.
  *
- * Results: 0; 160 (empty ID); 0x10005; 161; else the error of a volume, a bitmap file or the registry.
+ * Results: 0; 160 (empty ID); 0x10005; 161; else the error of a volume, a bitmap file (0xFFFFFFFF when it has no other
+ * name) or the registry.
  */
 VTFLTMGR_API DWORD WINAPI VTRegisterApplication(LPCWSTR applicationId);
 
@@ -218,8 +223,8 @@ VTFLTMGR_API DWORD WINAPI VTIsVerifyRequired(LPCWSTR applicationId, LPCWSTR volu
 
 /*
  * Puts every fixed volume that is there on the application's verify list.
- * Results: 0 (also when the driver is not installed or not working, and then nothing is marked); 87 (empty ID); 0x10005; else an error
- * of the volume walk or the registry.
+ * Results: 0 (also when the driver is not installed or not working, and then nothing is marked); 87 (empty ID);
+ * 0x10005; else an error of the volume walk or the registry.
  */
 VTFLTMGR_API DWORD WINAPI VTAddVolumesToAppVerifyList(LPCWSTR applicationId);
 
@@ -241,8 +246,8 @@ VTFLTMGR_API DWORD WINAPI VTCanBLIDriverWork(void);
 /*
  * Asks for tracking of a device class (null: the class of volume snapshots) and counts the request.
  *   classKeyPath  class key below HKEY_LOCAL_MACHINE; a trailing backslash is allowed
- * Results: 0 (also when the driver does not work); 87 (empty path); else an error of the mutex or the
- * registry, with the count as it was. Waits without limit for other users of the same class.
+ * Results: 0 (also when the driver does not work); 87 (empty path); else an error of the mutex (0xFFFFFFFF when the wait
+ * for it fails) or the registry, with the count as it was. Waits without limit for other users of the same class.
  */
 VTFLTMGR_API DWORD WINAPI VTFltEnableMonitorForSnapshot(LPCWSTR classKeyPath);
 

@@ -7,7 +7,7 @@
 #include "registry/value.h"
 #include "win/owners.h"
 
-#include <cstdarg>
+#include <utility>
 
 namespace vtflt {
 
@@ -39,40 +39,28 @@ DWORD ReadInstallLocation(std::wstring& path)
     return error == ERROR_SUCCESS ? ReadStringValue(key.get(), INSTALL_LOCATION_VALUE, TEXT_UNITS, path) : error;
 }
 
-std::wstring FormatText(const wchar_t* format, ...)
-{
-    // Roomy enough for the longest folder twice, so that a line which is too long shows its length.
-    wchar_t text[4 * TEXT_UNITS] = {};
-    va_list arguments;
-    va_start(arguments, format);
-    FormatMessageText(text, sizeof(text) / sizeof(text[0]), format, arguments);
-    va_end(arguments);
-    return text;
-}
+// Roomy enough for the longest folder twice, so that a line which is too long shows its length.
+constexpr std::size_t FORMATTED_UNITS = 4 * TEXT_UNITS;
 
 // A line that does not fit is not run at all: cut off, it would mean something else.
-DWORD RunUtility(const wchar_t* format, const std::wstring& folder, const std::wstring& logFolder,
-                 const wchar_t* logName)
+DWORD RunUtility(std::wstring commandLine)
 {
-    std::wstring commandLine = FormatText(format, folder.c_str(), logFolder.c_str(), logName);
     if (commandLine.size() >= TEXT_UNITS)
         return ERROR_FILENAME_EXCED_RANGE;
     return ExecCmdLine(std::move(commandLine));
 }
 
-DWORD Uninstall(const std::wstring& folder, const std::wstring& logFolder)
+DWORD Uninstall(std::wstring commandLine)
 {
-    const DWORD result =
-        RunUtility(L"\"%s\\VTFltUtl.exe\" -r -output=\"%s\\%s\" ", folder, logFolder, L"UninstallDriver.log");
+    const DWORD result = RunUtility(std::move(commandLine));
     if (result != ERROR_SUCCESS)
         Log(LOG_WARNING, result, L"VTFltInstall: try to uninstall VTFlt failed, rc: %u.", result);
     return result;
 }
 
-DWORD Install(const std::wstring& folder, const std::wstring& logFolder)
+DWORD Install(std::wstring commandLine)
 {
-    const DWORD result =
-        RunUtility(L"\"%s\\VTFltUtl.exe\" -i -output=\"%s\\%s\" ", folder, logFolder, L"InstallDriver.log");
+    const DWORD result = RunUtility(std::move(commandLine));
     if (result == ERROR_SUCCESS)
         Log(LOG_INFORMATION, ERROR_SUCCESS, L"VTFltInstall: reinstall VTFlt finished.");
     else if (result == ERROR_SUCCESS_REBOOT_REQUIRED)
@@ -117,8 +105,13 @@ DWORD VTFltInstall()
     // Usually it is there. The utility does without its log when it cannot be made.
     CreateDirectoryW(logFolder.c_str(), nullptr);
 
-    const DWORD uninstalled = Uninstall(folder, logFolder);
-    return uninstalled == ERROR_SUCCESS ? Install(folder, logFolder) : uninstalled;
+    // Both lines before the first is run: short memory in between would leave the machine without its driver.
+    std::wstring uninstallLine = FormatText(FORMATTED_UNITS, L"\"%s\\VTFltUtl.exe\" -r -output=\"%s\\%s\" ",
+                                            folder.c_str(), logFolder.c_str(), L"UninstallDriver.log");
+    std::wstring installLine = FormatText(FORMATTED_UNITS, L"\"%s\\VTFltUtl.exe\" -i -output=\"%s\\%s\" ",
+                                          folder.c_str(), logFolder.c_str(), L"InstallDriver.log");
+    const DWORD uninstalled = Uninstall(std::move(uninstallLine));
+    return uninstalled == ERROR_SUCCESS ? Install(std::move(installLine)) : uninstalled;
 }
 
 DWORD ExecCmdLine(std::wstring commandLine)

@@ -1,13 +1,13 @@
-// The exports' shared pieces: the table of volume handles and the guard between an export and its caller.
+// The exports' shared pieces: the table of volume handles, and the guard between an export and its caller.
 #pragma once
 
 #include "bitmap/manager.h"
+#include "log/guarded.h"
 #include "win/windows.h"
 
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <new>
 #include <string>
 
 namespace vtflt {
@@ -41,28 +41,8 @@ private:
     std::map<std::uint64_t, std::unique_ptr<IMultiBitmapManager>> m_managers;
 };
 
-// The process's table.
+// The process's table. It is never destroyed: when the process ends, other threads were stopped wherever they were, perhaps
+// inside of it.
 VolumeTable& Volumes();
-
-// Runs the body of an export. No exception goes further: memory that could not be had gives outOfMemory, anything
-// else failed.
-template <class Result, class Body>
-Result Guarded(Result outOfMemory, Result failed, Body&& body) noexcept
-{
-    try {
-        return body();
-    } catch (const std::bad_alloc&) {
-        return outOfMemory;
-    } catch (...) {
-        return failed;
-    }
-}
-
-// The usual case: 8 for memory, 0xFFFFFFFF else.
-template <class Body>
-DWORD Guarded(Body&& body) noexcept
-{
-    return Guarded<DWORD>(ERROR_NOT_ENOUGH_MEMORY, BM_ERR_FAILED, static_cast<Body&&>(body));
-}
 
 } // namespace vtflt

@@ -69,10 +69,15 @@ std::wstring BuildClassMutexName(const std::wstring& className)
 // Makes the class's mutex, or opens the one that a more privileged process made.
 DWORD GetClassMutex(const Direction& direction, const std::wstring& name, UniqueHandle& mutex)
 {
+    // Without a mutex the call fails, also where the system gives no reason.
+    const auto failure = [] {
+        const DWORD error = GetLastError();
+        return error != ERROR_SUCCESS ? error : DWORD{ERROR_GEN_FAILURE};
+    };
     mutex.reset(CreateMutexW(nullptr, FALSE, name.c_str()));
     if (mutex)
         return ERROR_SUCCESS;
-    DWORD error = GetLastError();
+    DWORD error = failure();
     Log(LOG_ERROR, error, direction.createFailed, name.c_str());
     if (error != ERROR_ACCESS_DENIED)
         return error;
@@ -82,7 +87,7 @@ DWORD GetClassMutex(const Direction& direction, const std::wstring& name, Unique
         Log(LOG_INFORMATION, ERROR_SUCCESS, direction.opened, name.c_str());
         return ERROR_SUCCESS;
     }
-    error = GetLastError();
+    error = failure();
     Log(LOG_ERROR, error, direction.openFailed, name.c_str());
     return error;
 }

@@ -1,12 +1,12 @@
 #include "api/library.h"
 
+#include <cstddef>
+#include <new>
 #include <utility>
 
 namespace vtflt {
 
 namespace {
-
-VolumeTable g_volumes;
 
 std::uint64_t KeyOf(HANDLE volume)
 {
@@ -39,7 +39,10 @@ void VolumeTable::Erase(HANDLE volume)
 
 VolumeTable& Volumes()
 {
-    return g_volumes;
+    // Made at its first use, in place, and never destroyed: loading cannot fail for want of memory.
+    alignas(VolumeTable) static std::byte place[sizeof(VolumeTable)];
+    static VolumeTable* const volumes = new (place) VolumeTable;
+    return *volumes;
 }
 
 } // namespace vtflt

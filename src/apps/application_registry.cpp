@@ -4,11 +4,11 @@
 #include "apps/mutex_controller.h"
 #include "apps/resync_lists.h"
 #include "bitmap/result_codes.h"
+#include "log/guarded.h"
 #include "log/log.h"
 #include "registry/multi_string_value.h"
 
 #include <algorithm>
-#include <new>
 
 namespace vtflt {
 
@@ -17,6 +17,13 @@ namespace {
 bool Contains(const std::vector<std::wstring>& list, const std::wstring& appId)
 {
     return std::find(list.begin(), list.end(), appId) != list.end();
+}
+
+// Removes the bitmaps of an application that is not registered. Whatever becomes of them is no matter of the result, short
+// memory neither.
+void CleanUpBitmaps(const std::wstring& appId)
+{
+    Guarded([&] { return RemoveApplicationBitmaps(appId); });
 }
 
 } // namespace
@@ -63,7 +70,7 @@ DWORD RegisterApplication(std::wstring appId)
     if (error != ERROR_SUCCESS) {
         Log(LOG_ERROR, error, L"RegisterApplication: Failed to add an entry to key: %s, value: %s\n",
             APPLICATION_IDS_VALUE, appId.c_str());
-        RemoveApplicationBitmaps(appId);
+        CleanUpBitmaps(appId);
         return error;
     }
     mutex.release();
@@ -105,12 +112,8 @@ DWORD UnregisterApplication(std::wstring appId)
             APPLICATION_IDS_VALUE, appId.c_str());
         return error;
     }
-    try {
-        RemoveApplicationBitmaps(appId);
-    } catch (const std::bad_alloc&) {
-        // The application is unregistered whatever becomes of its files: a failure would say that it still is
-        // registered.
-    }
+    // A failure from here on would say that the application still is registered.
+    CleanUpBitmaps(appId);
     mutex.release();
     Log(LOG_INFORMATION, ERROR_SUCCESS, L"UnregisterApplication: SUCCESS::Application un-registered\n");
     return ERROR_SUCCESS;

@@ -5,10 +5,10 @@
 #include "apps/volume_walk.h"
 #include "bitmap/container.h"
 #include "bitmap/result_codes.h"
+#include "log/guarded.h"
 #include "log/log.h"
 
 #include <memory>
-#include <new>
 
 namespace vtflt {
 
@@ -27,10 +27,11 @@ DWORD OpenVolume(const std::wstring& path, UniqueHandle& volume)
 // A container for one volume and application, or null when memory is short.
 std::unique_ptr<CBitmapContainer> MakeContainer(const std::wstring& volumeName, const std::wstring& appId)
 {
-    std::unique_ptr<CBitmapContainer> container(new (std::nothrow) CBitmapContainer);
-    if (container != nullptr)
+    return Guarded<std::unique_ptr<CBitmapContainer>>(nullptr, nullptr, [&] {
+        auto container = std::make_unique<CBitmapContainer>();
         container->init(volumeName, appId);
-    return container;
+        return container;
+    });
 }
 
 // Deletes the application's files on one volume, under the volume's mutex. Failures are only logged.
@@ -147,8 +148,13 @@ DWORD RemoveApplicationBitmaps(std::wstring appId)
                 walk.Path().c_str());
             continue;
         }
-        if (walk.IsFixedDisk())
+        if (!walk.IsFixedDisk())
+            continue;
+        // A volume for which memory is short does not stop the others either.
+        Guarded([&] {
             RemoveBitmapsOnVolume(walk.Path(), appId);
+            return DWORD{ERROR_SUCCESS};
+        });
     }
     if (error != ERROR_NO_MORE_FILES) {
         Log(LOG_ERROR, error, L"RemoveApplicationBitmaps: FindNextVolumeW failed with error code %d\n", error);

@@ -31,7 +31,7 @@ public:
     DWORD ClearDriverRegValue(const std::wstring& suffix);
     // Writes the list: with replace 0 the given volumes and then the old entries that they do not contain, with
     // replace 1 the given volumes alone (the value is deleted when there are none). A merge whose old list cannot be
-    // read writes nothing and returns that error.
+    // read writes nothing and returns that error. 87 for an empty volume, and nothing is written.
     DWORD UpdateApplicationValue(const std::vector<std::wstring>& volumes, const std::wstring& suffix, DWORD replace);
 
 private:

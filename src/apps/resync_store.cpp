@@ -8,6 +8,8 @@
 #include "registry/multi_string.h"
 #include "registry/value.h"
 
+#include <algorithm>
+
 namespace vtflt {
 
 namespace {
@@ -125,6 +127,13 @@ DWORD CVolumeListForResync::UpdateApplicationValue(const std::vector<std::wstrin
                                                    DWORD replace)
 {
     const std::wstring valueName = MakeListValueName(suffix);
+    // Stored, the empty string ends a list: it would take every mark behind it away.
+    if (std::find(volumes.begin(), volumes.end(), std::wstring()) != volumes.end()) {
+        Log(LOG_ERROR, ERROR_INVALID_PARAMETER,
+            L"CVolumeListForResync::UpdateApplicationValue: A volume without a name cannot be added to %s",
+            valueName.c_str());
+        return ERROR_INVALID_PARAMETER;
+    }
     const std::wstring mutexName = BuildMutexName(valueName);
     CMutexController mutex;
     if (mutex.getAccess(mutexName) != ERROR_SUCCESS) {

@@ -8,6 +8,7 @@ namespace {
 
 constexpr wchar_t LIST_VALUE_NAME[] = L"DeviceListForReSync";
 constexpr wchar_t SEPARATOR = L'*';
+constexpr std::size_t LIST_END_CHARACTERS = 2;
 
 } // namespace
 
@@ -31,9 +32,18 @@ bool ListTextHolds(std::wstring_view text, std::wstring_view entry)
 
 std::wstring ListTextToMultiString(std::wstring_view text)
 {
-    std::wstring stored(text);
-    std::replace(stored.begin(), stored.end(), SEPARATOR, L'\0');
-    stored.push_back(L'\0');
+    std::wstring stored;
+    stored.reserve(text.size() + LIST_END_CHARACTERS);
+    while (!text.empty()) {
+        const std::wstring_view entry = text.substr(0, text.find(SEPARATOR));
+        text.remove_prefix(std::min(text.size(), entry.size() + 1));
+        if (entry.empty())
+            continue;
+        stored.append(entry);
+        stored.push_back(L'\0');
+    }
+    // A list of nothing still ends with two of them.
+    stored.resize(std::max(stored.size() + 1, LIST_END_CHARACTERS));
     return stored;
 }
 

@@ -23,7 +23,8 @@ void AppendToListText(std::wstring& text, std::wstring_view entry);
 // of a longer entry.
 bool ListTextHolds(std::wstring_view text, std::wstring_view entry);
 
-// The characters to store for a list's text: every entry with its NUL, then the final NUL.
+// The characters to store for a list's text: every entry with its NUL, then the final NUL. Nothing is stored of what stands
+// between two separators without a character: an empty entry would end the list for whoever reads it.
 std::wstring ListTextToMultiString(std::wstring_view text);
 
 // Whether an entry is a volume GUID in braces, the driver's own form.

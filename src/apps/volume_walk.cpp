@@ -1,5 +1,7 @@
 #include "apps/volume_walk.h"
 
+#include "log/guarded.h"
+
 #include <algorithm>
 #include <array>
 
@@ -8,11 +10,6 @@ namespace vtflt {
 namespace {
 
 using PathBuffer = std::array<wchar_t, 260>;
-
-std::wstring TextOf(const PathBuffer& buffer)
-{
-    return std::wstring(buffer.begin(), std::find(buffer.begin(), buffer.end(), L'\0'));
-}
 
 // A failure that gives no reason is still one: taken for a success it would pass volumes over in silence.
 DWORD FailureCode()
@@ -29,8 +26,7 @@ DWORD VolumeWalk::First()
     m_search.reset(FindFirstVolumeW(buffer.data(), static_cast<DWORD>(buffer.size())));
     if (!m_search.valid())
         return FailureCode();
-    m_path = TextOf(buffer);
-    return ERROR_SUCCESS;
+    return Keep(buffer.data(), buffer.size());
 }
 
 DWORD VolumeWalk::Next()
@@ -38,8 +34,15 @@ DWORD VolumeWalk::Next()
     PathBuffer buffer = {};
     if (!FindNextVolumeW(m_search.get(), buffer.data(), static_cast<DWORD>(buffer.size())))
         return FailureCode();
-    m_path = TextOf(buffer);
-    return ERROR_SUCCESS;
+    return Keep(buffer.data(), buffer.size());
+}
+
+DWORD VolumeWalk::Keep(const wchar_t* buffer, std::size_t size)
+{
+    return Guarded([&] {
+        m_path.assign(buffer, std::find(buffer, buffer + size, L'\0'));
+        return DWORD{ERROR_SUCCESS};
+    });
 }
 
 bool VolumeWalk::IsFixedDisk() const

@@ -10,13 +10,15 @@
 
 #include "win/owners.h"
 
+#include <cstddef>
 #include <string>
 
 namespace vtflt {
 
 class VolumeWalk {
 public:
-    // Goes to the first volume. 0 or the error, never 0 for a failure. Once per walk.
+    // Goes to the first volume. 0 or the error, never 0 for a failure; 8 (ERROR_NOT_ENOUGH_MEMORY) without memory for
+    // its name. Once per walk.
     DWORD First();
     // Goes to the next volume. 0; 18 (ERROR_NO_MORE_FILES) behind the last; else the error.
     DWORD Next();
@@ -27,6 +29,8 @@ public:
     [[nodiscard]] bool IsFixedDisk() const;
 
 private:
+    DWORD Keep(const wchar_t* buffer, std::size_t size);
+
     UniqueVolumeSearch m_search;
     std::wstring m_path;
 };

@@ -53,8 +53,11 @@ private:
                 return m_at;
             }
             m_at += m_left;
-            if (m_at < m_end && Load() == WANTED && m_left == WORD_BITS)
-                Skip(Than);
+            if (m_at < m_end && Load() == WANTED && m_left == WORD_BITS) {
+                m_at = BehindAlike(m_bits, m_at, m_end, Than);
+                if (m_at < m_end)
+                    Load();
+            }
         }
         return m_end;
     }
@@ -64,8 +67,11 @@ private:
     {
         const std::uint64_t byte = m_at / 8;
         const auto shift = static_cast<unsigned>(m_at % 8);
-        if (m_end - m_at < WORD_BITS)
-            return LoadLast();
+        if (m_end - m_at < WORD_BITS) {
+            m_word = LastWord(m_bits, m_at, m_end);
+            m_left = static_cast<unsigned>(m_end - m_at < WORD_BITS - shift ? m_end - m_at : WORD_BITS - shift);
+            return m_word;
+        }
         m_word = BigEndian(m_bits + byte) << shift;
         m_left = WORD_BITS - shift;
         return m_word;
@@ -79,8 +85,10 @@ private:
                std::uint64_t{bytes[6]} << 8 | std::uint64_t{bytes[7]};
     }
 
-    std::uint64_t LoadLast() noexcept;
-    void Skip(std::uint8_t than) noexcept;
+    // Neither takes the cursor itself: one that nobody else sees stays in the processor's registers.
+    static std::uint64_t LastWord(const std::uint8_t* bits, std::uint64_t at, std::uint64_t end) noexcept;
+    static std::uint64_t BehindAlike(const std::uint8_t* bits, std::uint64_t at, std::uint64_t end,
+                                     std::uint8_t than) noexcept;
 
     const std::uint8_t* m_bits;
     std::uint64_t m_at;

@@ -4,10 +4,10 @@
 #include "apps/volume_name.h"
 #include "bitmap/result_codes.h"
 #include "driver/request.h"
+#include "log/guarded.h"
 #include "log/log.h"
 #include "log/message_text.h"
 
-#include <new>
 #include <utility>
 
 namespace vtflt {
@@ -112,6 +112,9 @@ DWORD CBitmapContainer::RegenerateBitmapForNewVolSize(DWORD newBitmapLength, DWO
     if (record->BitmapLength() == newBitmapLength && record->HoldsItsBitmap())
         return ERROR_SUCCESS;
 
+    // Two records are needed now: none is kept beside them.
+    if (m_pReserve != nullptr)
+        m_pReserve->Drop();
     std::unique_ptr<BitmapRecord> resized = record->Resized(newBitmapLength);
     if (resized == nullptr)
         return ERROR_NOT_ENOUGH_MEMORY;
@@ -144,13 +147,10 @@ DWORD CBitmapContainer::RemapOldBitmapToNewBlockSize(DWORD whichBitmap)
 
 DWORD CBitmapContainer::AddVolumeToResyncList()
 {
-    DWORD result = ERROR_SUCCESS;
-    try {
-        const std::vector<std::wstring> volumes{GetVolumeGuid(m_strVolume)};
-        result = CVolumeListForResync().UpdateApplicationValue(volumes, MakeVerifyListName(m_strAppId), 0);
-    } catch (const std::bad_alloc&) {
-        result = ERROR_NOT_ENOUGH_MEMORY;
-    }
+    const DWORD result = Guarded([&] {
+        return CVolumeListForResync().UpdateApplicationValue({GetVolumeGuid(m_strVolume)},
+                                                             MakeVerifyListName(m_strAppId), 0);
+    });
     if (result == ERROR_SUCCESS)
         return ERROR_SUCCESS;
 

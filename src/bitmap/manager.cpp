@@ -4,6 +4,7 @@
 #include "apps/mutex_controller.h"
 #include "apps/resync_lists.h"
 #include "apps/volume_name.h"
+#include "log/guarded.h"
 #include "log/log.h"
 
 #include <algorithm>
@@ -84,6 +85,11 @@ DWORD CMultiBitmapManager::DeinitBitMapManager()
 
 DWORD CMultiBitmapManager::IsVerifyRequired()
 {
+    return Guarded<DWORD>(BM_ERR_VERIFY_REQUIRED, BM_ERR_VERIFY_REQUIRED, [&] { return QueryVerifyList(); });
+}
+
+DWORD CMultiBitmapManager::QueryVerifyList()
+{
     std::vector<std::wstring> volumes;
     // A list that cannot be read is doubt, and doubt means verify.
     if (CVolumeListForResync().GetDriverVolumeList(volumes, MakeVerifyListName(m_strAppId)) != ERROR_SUCCESS)
@@ -100,6 +106,11 @@ DWORD CMultiBitmapManager::IsVerifyRequired()
 }
 
 DWORD CMultiBitmapManager::resetVerifyVolume()
+{
+    return Guarded([&] { return RemoveVolumeFromVerifyList(); });
+}
+
+DWORD CMultiBitmapManager::RemoveVolumeFromVerifyList()
 {
     const std::wstring listName = MakeVerifyListName(m_strAppId);
     std::vector<std::wstring> volumes;
@@ -125,11 +136,13 @@ DWORD CMultiBitmapManager::resetVerifyVolume()
 
 DWORD CMultiBitmapManager::AddVolumeToVerifyList()
 {
-    const std::vector<std::wstring> volumes{GetVolumeGuid(m_strVolume)};
-    CMutexController mutex;
-    // As in resetVerifyVolume.
-    mutex.getAccess(MutexName());
-    return CVolumeListForResync().UpdateApplicationValue(volumes, MakeVerifyListName(m_strAppId), 0);
+    return Guarded([&] {
+        CMutexController mutex;
+        // As in RemoveVolumeFromVerifyList.
+        mutex.getAccess(MutexName());
+        return CVolumeListForResync().UpdateApplicationValue({GetVolumeGuid(m_strVolume)},
+                                                             MakeVerifyListName(m_strAppId), 0);
+    });
 }
 
 DWORD CMultiBitmapManager::RemoveBitmaps(std::wstring volumePath)

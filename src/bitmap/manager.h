@@ -105,6 +105,8 @@ private:
     void LogVerifyRequired() const;
     DWORD SyncSnapshotChanges(const Request& request);
     DWORD AddVolumeToVerifyList();
+    DWORD QueryVerifyList();
+    DWORD RemoveVolumeFromVerifyList();
     DWORD ReplicationSuccess();
 
     // Merging (manager_merge.cpp)

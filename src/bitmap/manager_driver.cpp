@@ -4,6 +4,7 @@
 
 #include "apps/mutex_controller.h"
 #include "driver/request.h"
+#include "log/guarded.h"
 #include "log/log.h"
 
 namespace vtflt {
@@ -40,10 +41,9 @@ DWORD CMultiBitmapManager::VTDeviceIoControl(HANDLE hVolume, DWORD controlCode, 
         if (container != nullptr)
             container->m_hVolume = hVolume;
     }
-    const DWORD result =
-        Dispatch({hVolume, controlCode, inBuffer, inLength, outBuffer, outLength, pBytesReturned, pOverlapped});
-    m_reserve.Drop();
-    return result;
+    // Short memory, too, leaves nothing behind: that is when it matters.
+    const RecordReserve::Use use(m_reserve);
+    return Dispatch({hVolume, controlCode, inBuffer, inLength, outBuffer, outLength, pBytesReturned, pOverlapped});
 }
 
 DWORD CMultiBitmapManager::Dispatch(const Request& request)
@@ -220,13 +220,14 @@ DWORD CMultiBitmapManager::SyncSnapshotChanges(const Request& request)
     // While the merge runs the volume counts as one to verify, so that a process that dies in it loses nothing. A
     // volume that is on the list already stays there.
     bool added = false;
-    if (IsVerifyRequired() != BM_ERR_VERIFY_REQUIRED) {
+    const DWORD listed = Guarded([&] { return QueryVerifyList(); });
+    if (listed != BM_ERR_VERIFY_REQUIRED) {
         const DWORD error = AddVolumeToVerifyList();
         if (error != ERROR_SUCCESS)
             Log(LOG_ERROR, error, L"CMultiBitmapManager::VTDeviceIoControl: Failed to add volume to verify list, %s",
                 m_strVolume.c_str());
         else
-            added = true;
+            added = listed == ERROR_SUCCESS; // what could not be asked for want of memory may have been there before
     }
 
     DWORD error = SyncSnapshotChangesToChildBitmap(request.inLength, static_cast<const BYTE*>(request.inBuffer));

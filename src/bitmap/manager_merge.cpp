@@ -170,12 +170,8 @@ CMultiBitmapManager::Remapped CMultiBitmapManager::RemapBitmap(CBitmapContainer&
             result = error;
             return Remapped::SkipContainer;
         }
-        DWORD cause = ERROR_SUCCESS;
-        container.ResetBitMapFiles(whichBitmap, &cause);
-        if (container.Record(whichBitmap) == nullptr) {
-            result = cause;
-            return Remapped::Done;
-        }
+        // Whatever becomes of this, the next step makes the bitmap anew.
+        container.ResetBitMapFiles(whichBitmap);
     } else if (error != ERROR_SUCCESS) {
         result = error;
         Log(LOG_ERROR, error, L"CMultiBitmapManager::RemapAllAppBitmap: Failed to read bitmap file %s",

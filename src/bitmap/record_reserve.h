@@ -36,6 +36,18 @@ public:
 
     void Drop() noexcept { m_kept.reset(); }
 
+    // One operation: nothing is kept behind it, however it ends.
+    class Use {
+    public:
+        explicit Use(RecordReserve& reserve) noexcept : m_reserve(reserve) {}
+        Use(const Use&) = delete;
+        Use& operator=(const Use&) = delete;
+        ~Use() { m_reserve.Drop(); }
+
+    private:
+        RecordReserve& m_reserve;
+    };
+
 private:
     std::unique_ptr<BitmapRecord> m_kept;
 };

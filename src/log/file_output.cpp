@@ -51,6 +51,7 @@ struct WideText {
             length = MultiByteToWideChar(CP_ACP, 0, text.data(), static_cast<int>(text.size()), characters,
                                          CONVERTED_CAPACITY);
     }
+    std::wstring_view View() const noexcept { return {characters, static_cast<std::size_t>(length)}; }
     wchar_t characters[CONVERTED_CAPACITY];
     int length = 0;
 };
@@ -205,7 +206,7 @@ void CFileOutput::WriteWideRecord(int level, DWORD errorCode, const Message& mes
         WritePart(message.wide, BytesOf(message.wide), MESSAGE_FAILURE);
     } else {
         const WideText text{message.narrow};
-        WritePart(text.characters, static_cast<DWORD>(text.length) * sizeof(wchar_t), MESSAGE_FAILURE);
+        WritePart(text.characters, BytesOf(text.View()), MESSAGE_FAILURE);
     }
     WritePart(tail, BytesOf(tail), TAIL_FAILURE);
     WritePart(L"\r\n", BytesOf(L"\r\n"), LINE_END_FAILURE);
@@ -248,8 +249,9 @@ bool CFileOutput::OpenOrRotate() noexcept
         }
     }
     if (!m_isVersionKnown) {
-        m_version = GetModuleFileVersion(OwnModule().text).low;
-        m_isVersionKnown = true;
+        const FileVersion version = GetModuleFileVersion(OwnModule().text);
+        m_version = version.low;
+        m_isVersionKnown = version.high != 0 || version.low != 0;
     }
     if (!m_mutex && !OpenMutex()) {
         Close();

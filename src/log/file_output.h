@@ -66,7 +66,7 @@ private:
     wchar_t m_moduleName[LOG_MODULE_NAME_CAPACITY] = {};       // of the module that contains the logging code
     wchar_t m_executableName[LOG_MODULE_NAME_CAPACITY] = {};
     DWORD m_version = 0;           // the lower half of the module's file version
-    bool m_isVersionKnown = false; // apart from it: 0 is a version too, and is not looked up for every record
+    bool m_isVersionKnown = false; // apart from it: a version's lower half may be 0, and is not read for every record
     bool m_isWide = true;          // the form of the open file; kept for the next one
     std::atomic<int> m_threshold = LOG_INFORMATION;
     UniqueHandle m_file;

@@ -7,10 +7,13 @@ namespace vtflt {
 
 void FormatMessageText(wchar_t* buffer, std::size_t capacity, const wchar_t* format, va_list arguments) noexcept
 {
+    // By the C run-time's own function, because it takes %s as wide text on every Windows tool chain. It leaves a text
+    // that fills the buffer without its end.
     if (capacity == 0)
         return;
-    // The C run-time's own function, because it takes %s as wide text on every Windows tool chain. It leaves a
-    // text that fills the buffer without its end.
+#if defined(_MSC_VER)
+#pragma warning(suppress : 4996) // the end is set below
+#endif
     _vsnwprintf(buffer, capacity - 1, format, arguments);
     buffer[capacity - 1] = L'\0';
 }

@@ -8,7 +8,8 @@ namespace {
 
 DWORD QueryNumber(HKEY key, const wchar_t* valueName, DWORD& type, DWORD& value)
 {
-    DWORD number = 0;
+    // A value of no bytes leaves what was there.
+    DWORD number = value;
     DWORD size = sizeof(number);
     const LSTATUS error = RegQueryValueExW(key, valueName, nullptr, &type, reinterpret_cast<BYTE*>(&number), &size);
     if (error != ERROR_SUCCESS)

@@ -14,7 +14,7 @@ DWORD OpenSettingsKey(const wchar_t* subkey, UniqueKey& key);
 // absent, 234 when larger).
 DWORD ReadDwordValue(HKEY key, const wchar_t* valueName, DWORD& value);
 
-// Reads up to 4 bytes of any type as a number. 0 or the registry's error.
+// Reads up to 4 bytes of any type as a number; a value of fewer bytes replaces the lowest only. 0 or the registry's error.
 DWORD ReadUntypedDwordValue(HKEY key, const wchar_t* valueName, DWORD& value);
 
 // Stores a REG_DWORD. 0 or the registry's error.

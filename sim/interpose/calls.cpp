@@ -33,6 +33,7 @@ struct Plan {
 
 struct TracedCall {
     std::wstring text;
+    std::wstring arguments;
     const void* site = nullptr;
 };
 
@@ -45,6 +46,7 @@ std::atomic<DWORD> g_hits{0};
 bool g_environmentRead = false; // guarded by g_lock
 
 thread_local bool t_inCallback = false;
+thread_local const std::wstring* t_arguments = nullptr;
 
 // Changes the number of plans that wait for a plan's function, or functions.
 void Arm(Hook hook, bool on)
@@ -231,8 +233,11 @@ Verdict Judge(Hook hook, const std::wstring& text)
     std::vector<Plan> struck;
     {
         const std::lock_guard guard(g_lock);
-        if (g_recording.load() && !IsMemoryHook(hook))
-            g_trace.push_back({text.empty() ? HookName(hook) : std::wstring(HookName(hook)) + L" " + text, CallSite()});
+        if (g_recording.load() && !IsMemoryHook(hook)) {
+            g_trace.push_back({text.empty() ? HookName(hook) : std::wstring(HookName(hook)) + L" " + text,
+                               t_arguments != nullptr ? *t_arguments : std::wstring(), CallSite()});
+            t_arguments = nullptr; // a callback's calls have their own
+        }
         for (auto& plan : g_plans) {
             const bool skipped = t_inCallback && plan.callback != nullptr;
             if (!skipped && Strikes(plan, hook, text))
@@ -325,6 +330,20 @@ DWORD TraceAt(DWORD index, wchar_t* text, DWORD characters)
         return ERROR_NO_MORE_ITEMS;
     CopyCut(text, characters, g_trace[index].text);
     return 0;
+}
+
+DWORD ArgumentsAt(DWORD index, wchar_t* text, DWORD characters)
+{
+    const std::lock_guard guard(g_lock);
+    if (index >= g_trace.size())
+        return ERROR_NO_MORE_ITEMS;
+    CopyCut(text, characters, g_trace[index].arguments);
+    return 0;
+}
+
+void Arguments::Note(const std::wstring* text)
+{
+    t_arguments = text;
 }
 
 DWORD SiteAt(DWORD index, const void*& site)

@@ -33,6 +33,32 @@ extern std::atomic<bool> g_recording;
 Verdict Judge(Hook hook, const std::wstring& text);
 [[noreturn]] void KillProcess();
 
+// What the thread's next call asks for beside its name. Noted for as long as this lives, while calls are recorded.
+class Arguments {
+public:
+    template <class Text>
+    explicit Arguments(Text&& text)
+    {
+        if (!g_recording.load(std::memory_order_relaxed))
+            return;
+        const LastErrorKeeper keeper;
+        m_text = text();
+        Note(&m_text);
+    }
+    Arguments(const Arguments&) = delete;
+    Arguments& operator=(const Arguments&) = delete;
+    ~Arguments()
+    {
+        if (!m_text.empty())
+            Note(nullptr);
+    }
+
+private:
+    static void Note(const std::wstring* text);
+
+    std::wstring m_text;
+};
+
 DWORD AddFault(const VTFLTSIM_CALL_FAULT& fault);
 DWORD AddCallback(Hook hook, const wchar_t* match, DWORD nth, DWORD count, VTFLTSIM_CALLBACK callback, void* context);
 // Reads the plan from the environment variable VTFLTSIM_CALLS. 87 when it cannot be understood.
@@ -42,6 +68,7 @@ DWORD FaultHits();
 
 void Record(bool on);
 DWORD TraceAt(DWORD index, wchar_t* text, DWORD characters);
+DWORD ArgumentsAt(DWORD index, wchar_t* text, DWORD characters);
 DWORD SiteAt(DWORD index, const void*& site);
 void RecordRequest(const VTFLTSIM_REQUEST& request);
 DWORD RequestAt(DWORD index, VTFLTSIM_REQUEST& request);

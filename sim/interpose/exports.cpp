@@ -7,6 +7,7 @@
 #include "model/driver.h"
 #include "vtfltsim/VTFltSim.h"
 #include "vtfltsim/VTFltSimForget.h"
+#include "vtfltsim/VTFltSimTrace.h"
 
 #include <algorithm>
 #include <cstring>
@@ -542,6 +543,13 @@ DWORD WINAPI VTFltSimGetTrace(DWORD index, LPWSTR text, DWORD characters)
     if (text == nullptr || characters == 0)
         return ERROR_INVALID_PARAMETER;
     return calls::TraceAt(index, text, characters);
+}
+
+DWORD WINAPI VTFltSimGetTraceArguments(DWORD index, LPWSTR text, DWORD characters)
+{
+    if (text == nullptr || characters == 0)
+        return ERROR_INVALID_PARAMETER;
+    return calls::ArgumentsAt(index, text, characters);
 }
 
 DWORD WINAPI VTFltSimGetTraceSite(DWORD index, LPCVOID* site)

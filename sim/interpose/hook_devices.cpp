@@ -115,6 +115,10 @@ HANDLE OpenAnything(const wchar_t* path, DWORD access, DWORD share, SECURITY_ATT
 HANDLE WINAPI SimCreateFileW(LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security, DWORD disposition,
                              DWORD flags, HANDLE model)
 {
+    const calls::Arguments arguments([&] {
+        return L"access " + Hexadecimal(access) + L"|share " + Decimal(share) + L"|disposition " +
+               Decimal(disposition) + L"|flags " + Hexadecimal(flags) + L"|security " + Decimal(security != nullptr);
+    });
     return Call<HANDLE>(
         Hook::CreateFileW, INVALID_HANDLE_VALUE, [&] { return std::wstring(path != nullptr ? path : L""); },
         [&](const Verdict&) { return OpenAnything(path, access, share, security, disposition, flags, model); });
@@ -261,6 +265,11 @@ DWORD SeekDevice32(DeviceObject& device, LONG distance, LONG* high, DWORD method
 
 DWORD WINAPI SimSetFilePointer(HANDLE file, LONG distance, PLONG high, DWORD method)
 {
+    const calls::Arguments arguments([&] {
+        const std::wstring digits =
+            Decimal(static_cast<unsigned long long>(distance < 0 ? -LONGLONG{distance} : distance));
+        return std::wstring(L"distance ") + (distance < 0 ? L"-" : L"") + digits + L"|method " + Decimal(method);
+    });
     return Call<DWORD>(
         Hook::SetFilePointer, INVALID_SET_FILE_POINTER, [&] { return FileText(file); },
         [&](const Verdict&) {
@@ -388,6 +397,9 @@ BOOL WINAPI SimDeviceIoControl(HANDLE device, DWORD code, LPVOID input, DWORD in
             const auto object = FindDevice(device);
             if (object == nullptr)
                 return DeviceIoControl(device, code, input, inputLength, output, outputLength, returned, overlapped);
+            // The system writes the length somewhere: without a place for it, it ends the program.
+            if (returned == nullptr && overlapped == nullptr)
+                return Finish(ERROR_INVALID_PARAMETER);
             model::Request request;
             request.code = code;
             request.input = static_cast<const std::uint8_t*>(input);

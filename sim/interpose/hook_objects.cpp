@@ -28,11 +28,15 @@ HANDLE Opening(Hook hook, OpenKind kind, const wchar_t* name, Open open)
 
 HANDLE WINAPI SimCreateMutexW(LPSECURITY_ATTRIBUTES security, BOOL owned, LPCWSTR name)
 {
+    const calls::Arguments arguments(
+        [&] { return L"owned " + Decimal(owned != FALSE) + L"|security " + Decimal(security != nullptr); });
     return Opening(Hook::CreateMutexW, OpenKind::Mutex, name, [&] { return CreateMutexW(security, owned, name); });
 }
 
 HANDLE WINAPI SimOpenMutexW(DWORD access, BOOL inherit, LPCWSTR name)
 {
+    const calls::Arguments arguments(
+        [&] { return L"access " + Hexadecimal(access) + L"|inherit " + Decimal(inherit != FALSE); });
     return Opening(Hook::OpenMutexW, OpenKind::Mutex, name, [&] { return OpenMutexW(access, inherit, name); });
 }
 
@@ -112,6 +116,8 @@ SC_HANDLE OpenManager(const std::shared_ptr<Machine>& machine)
 
 SC_HANDLE WINAPI SimOpenSCManagerW(LPCWSTR computer, LPCWSTR database, DWORD access)
 {
+    const calls::Arguments arguments(
+        [&] { return L"database " + Decimal(database != nullptr) + L"|access " + Hexadecimal(access); });
     return Call<SC_HANDLE>(
         Hook::OpenSCManagerW, nullptr, [&] { return TextOf(computer); },
         [&](const Verdict&) {
@@ -139,6 +145,7 @@ SC_HANDLE OpenNamedService(ServiceObject& manager, const wchar_t* name)
 
 SC_HANDLE WINAPI SimOpenServiceW(SC_HANDLE manager, LPCWSTR name, DWORD access)
 {
+    const calls::Arguments arguments([&] { return L"access " + Hexadecimal(access); });
     return Call<SC_HANDLE>(
         Hook::OpenServiceW, nullptr, [&] { return TextOf(name); },
         [&](const Verdict&) {
@@ -180,6 +187,14 @@ BOOL WINAPI SimCreateProcessW(LPCWSTR application, LPWSTR commandLine, LPSECURIT
                               LPSECURITY_ATTRIBUTES threadSecurity, BOOL inherit, DWORD flags, LPVOID environment,
                               LPCWSTR directory, LPSTARTUPINFOW startup, LPPROCESS_INFORMATION information)
 {
+    const calls::Arguments arguments([&] {
+        const STARTUPINFOW none = {};
+        const STARTUPINFOW& start = startup != nullptr ? *startup : none;
+        return L"application " + Decimal(application != nullptr) + L"|inherit " + Decimal(inherit != FALSE) +
+               L"|flags " + Hexadecimal(flags) + L"|environment " + Decimal(environment != nullptr) + L"|directory " +
+               Decimal(directory != nullptr) + L"|startup " + Hexadecimal(start.dwFlags) + L"|show " +
+               Decimal(start.wShowWindow);
+    });
     return Call<BOOL>(
         Hook::CreateProcessW, FALSE, [&] { return TextOf(commandLine); },
         [&](const Verdict&) -> BOOL {

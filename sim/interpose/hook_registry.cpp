@@ -71,6 +71,10 @@ LSTATUS Opening(Hook hook, HKEY key, const wchar_t* subKey, HKEY* result, Open o
 LSTATUS WINAPI SimRegCreateKeyExW(HKEY key, LPCWSTR subKey, DWORD reserved, LPWSTR kind, DWORD options, REGSAM access,
                                   LPSECURITY_ATTRIBUTES security, PHKEY result, LPDWORD disposition)
 {
+    const calls::Arguments arguments([&] {
+        return L"options " + Decimal(options) + L"|access " + Hexadecimal(access) + L"|security " +
+               Decimal(security != nullptr);
+    });
     return Opening(Hook::RegCreateKeyExW, key, subKey, result, [&](const RealKey& real) {
         return RegCreateKeyExW(real.root, real.path, reserved, kind, options, access, security, result, disposition);
     });
@@ -84,6 +88,8 @@ LSTATUS WINAPI SimRegCreateKeyW(HKEY key, LPCWSTR subKey, PHKEY result)
 
 LSTATUS WINAPI SimRegOpenKeyExW(HKEY key, LPCWSTR subKey, DWORD options, REGSAM access, PHKEY result)
 {
+    const calls::Arguments arguments(
+        [&] { return L"options " + Decimal(options) + L"|access " + Hexadecimal(access); });
     const auto open = [&](const RealKey& real) {
         const LSTATUS code = RegOpenKeyExW(real.root, real.path, options, access, result);
         if (code == ERROR_FILE_NOT_FOUND && real.redirected() && IsSystemsOwn(subKey))

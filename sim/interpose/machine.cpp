@@ -27,14 +27,13 @@ std::wstring FullPath(const std::wstring& path)
     return full;
 }
 
-// The form that has no limit of length and is taken literally.
+} // namespace
+
 std::wstring LongPath(const std::wstring& path)
 {
     const std::wstring full = FullPath(path);
     return full.rfind(L"\\\\", 0) == 0 ? full : L"\\\\?\\" + full;
 }
-
-} // namespace
 
 std::uint32_t Endpoint::FaultNumber() const noexcept
 {

@@ -30,7 +30,10 @@ std::wstring OutputOption(const std::wstring& commandLine)
 
 void WriteUtilityLog(Machine& machine, const std::wstring& commandLine, DWORD exitCode)
 {
+    // An install location of the real machine is not the simulated utility's to write to.
     const std::wstring path = ResolvePath(machine, OutputOption(commandLine)).realPath;
+    if (!StartsNoCase(LongPath(path), machine.directory() + L"\\"))
+        return;
     const Handle file(CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
                                   FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!file)

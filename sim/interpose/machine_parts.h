@@ -32,6 +32,9 @@ struct Machine::Snapshot {
     model::SnapshotContents contents;
 };
 
+// The form that has no limit of length and is taken literally.
+std::wstring LongPath(const std::wstring& path);
+
 inline constexpr DWORD ERROR_DEVICE_GONE = ERROR_DEV_NOT_EXIST; // the volume or snapshot is gone
 
 } // namespace vtfltsim

@@ -4,13 +4,14 @@
 
 #include "registry/multi_string.h"
 
+#include <cstdint>
 #include <string>
 
 namespace toolkit {
 
 struct RegistryValue {
-    unsigned long error = 0; // 0, 2 when key or value is absent, else the registry's
-    unsigned long type = 0;
+    std::uint32_t error = 0; // 0, 2 when key or value is absent, else the registry's
+    std::uint32_t type = 0;
     vtflt::RegistryBytes bytes;
 };
 

@@ -1,5 +1,6 @@
 #include "command_line.h"
 
+#include "common/option_values.h"
 #include "console.h"
 #include "failure.h"
 #include "vtfltmgr/version.h"
@@ -38,20 +39,13 @@ std::string RequireAboveZero(const std::string& text)
     return read.ec == std::errc() && read.ptr == end && number > 0 ? "" : text + " is no whole number above 0";
 }
 
-// A variable of a script that is not set would otherwise mean the real machine.
-std::string RequireName(const std::string& text)
-{
-    return text.empty() ? "may not be empty" : "";
-}
-
 void AddCommon(CLI::App& command, Options& options, bool needsApplication)
 {
     auto* application = command.add_option("--app", options.application, "application ID, compared exactly");
     if (needsApplication)
         application->required();
     command.add_option("--repo", options.repository, "folder of the repository")->required();
-    command.add_option("--simulate", options.simulate, "work on the simulated machine in this folder")
-        ->check(RequireName);
+    command.add_option("--simulate", options.simulate, "work on the simulated machine in this folder");
     command.add_flag("--json", options.json, "print the result as one JSON object");
 }
 
@@ -83,11 +77,12 @@ void AddBackup(CLI::App& app, Options& options)
     auto* full = command.add_flag("--full", options.full, "store everything, independent of earlier backups");
     command.add_flag("--verify", options.verify, "read everything, store what differs")->excludes(full);
     command.add_flag("--register", options.registerFirst, "register the application if it is not");
-    command
-        .add_option("--audit", options.audit,
-                    "compare N random blocks that count as unchanged with the repository, before the backup")
-        ->type_name("N")
-        ->check(RequireAboveZero);
+    toolkit::TakeDecimal(
+        command
+            .add_option("--audit", options.audit,
+                        "compare N random blocks that count as unchanged with the repository, before the backup")
+            ->type_name("N")
+            ->check(RequireAboveZero));
     command.add_flag("--keep-snapshot", options.keepSnapshot, "do not delete the snapshot; its device is printed");
     command.add_option("--snapshot-create", options.snapshotCreate,
                        "command that takes a snapshot of %VTBACKUP_VOLUME% and prints its device path");
@@ -99,8 +94,9 @@ void AddRestore(CLI::App& app, Options& options)
     CLI::App& command = *app.add_subcommand("restore", "Write a backup of the chain to a file or a volume");
     AddCommon(command, options, true);
     AddVolume(command, options, true);
-    command.add_option("--backup", options.backup, "number of the backup; the latest without it")
-        ->check(RequireAboveZero);
+    // As the folders of backups are called, with zeros in front.
+    toolkit::TakeDecimal(command.add_option("--backup", options.backup, "number of the backup; the latest without it")
+                             ->check(RequireAboveZero));
     command.add_option("--to", options.to, "file to make, or {...} of the volume to overwrite")->required();
     command.add_flag("--overwrite", options.overwrite, "replace an existing file");
 }
@@ -135,8 +131,20 @@ ParsedCommandLine ParseCommandLine(std::vector<std::string> arguments)
     AddReport(app, parsed.options);
     for (CLI::App* command : app.get_subcommands({}))
         command->footer(FOOTER);
+    toolkit::RefuseEmptyValues(app);
 
     const bool json = std::find(arguments.begin(), arguments.end(), "--json") != arguments.end();
+    const auto refuse = [&parsed, json](const std::string& message) {
+        Diagnose(message); // with what was typed in it
+        std::cerr << "Try \"vtbackup --help\".\n";
+        if (json)
+            PrintJson({{"result", OutcomeName(Exit::Usage)}, {"message", message}});
+        parsed.exitCode = static_cast<int>(Exit::Usage);
+    };
+    if (const std::optional<std::string> option = toolkit::OptionWithoutValue(arguments)) {
+        refuse(*option + " may not be empty");
+        return parsed;
+    }
     std::reverse(arguments.begin(), arguments.end()); // as CLI11 takes them
     try {
         app.parse(arguments);
@@ -148,11 +156,7 @@ ParsedCommandLine ParseCommandLine(std::vector<std::string> arguments)
         std::cout << version.what() << "\n";
         parsed.exitCode = 0;
     } catch (const CLI::ParseError& error) {
-        Diagnose(error.what()); // with what was typed in it
-        std::cerr << "Try \"vtbackup --help\".\n";
-        if (json)
-            PrintJson({{"result", OutcomeName(Exit::Usage)}, {"message", error.what()}});
-        parsed.exitCode = static_cast<int>(Exit::Usage);
+        refuse(error.what());
     }
     return parsed;
 }

@@ -16,11 +16,24 @@ namespace vtbackup {
 namespace {
 
 constexpr int NEGOTIATIONS = 8;
+constexpr int MORE_QUESTIONS = 3;
 
 [[noreturn]] void Fail(const char* what, std::uint32_t result)
 {
     throw Failure(result == VTFLT_APP_NOT_REGISTERED || result == VTFLT_NO_APPLICATION ? Exit::Refused : Exit::Device,
                   fmt::format("{} failed: {}", what, ErrorText(result)));
+}
+
+// The library asks for the length of the list of applications and then for the list, and holds nothing over both: where
+// another program registers an application in between, it says that the list does not fit (234), or could not be read
+// (0x10008). The next question finds the longer one. Who never gets an answer learns the last error.
+template <class Question>
+std::uint32_t AskWhileTheListGrows(const Question& question)
+{
+    std::uint32_t result = question();
+    for (int i = 0; i < MORE_QUESTIONS && (result == ERROR_MORE_DATA || result == VTFLT_APP_LIST_FAILED); ++i)
+        result = question();
+    return result;
 }
 
 // The library prints a line of its own while changes are handed back; standard output belongs to this
@@ -56,7 +69,8 @@ private:
 std::vector<std::wstring> RegisteredApplications()
 {
     std::vector<std::wstring> list;
-    if (const DWORD result = VTGetRegisteredAppList(&list); result != 0)
+    const std::uint32_t result = AskWhileTheListGrows([&list] { return VTGetRegisteredAppList(&list); });
+    if (result != 0)
         Fail("reading the registered applications", result);
     return list;
 }
@@ -64,7 +78,8 @@ std::vector<std::wstring> RegisteredApplications()
 BitmapManager::BitmapManager(const Volume& volume, const VolumeName& name, const std::wstring& application)
     : m_volume(volume)
 {
-    const DWORD result = VTFltInitBitmapManager(volume.Get(), name.Path().c_str(), application.c_str());
+    const std::uint32_t result = AskWhileTheListGrows(
+        [&] { return VTFltInitBitmapManager(volume.Get(), name.Path().c_str(), application.c_str()); });
     if (result != 0)
         Fail("VTFltInitBitmapManager", result);
 }

@@ -19,7 +19,11 @@ json ToJson(const BackupMark& mark)
 
 BackupMark MarkFrom(const json& object)
 {
-    return {object.at("sequence").get<std::uint64_t>(), object.at("manifestChecksum").get<std::string>()};
+    const json& sequence = object.at("sequence");
+    // json would quietly turn -1 or 1.5 into an unsigned number.
+    if (!sequence.is_number_unsigned())
+        throw Failure(Exit::Damaged, "a sequence is no number");
+    return {sequence.get<std::uint64_t>(), object.at("manifestChecksum").get<std::string>()};
 }
 
 } // namespace

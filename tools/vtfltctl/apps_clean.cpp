@@ -1,6 +1,5 @@
-#include "apps_clean.h"
-
 #include "backup_pause.h"
+#include "commands.h"
 #include "common/text.h"
 #include "fixed_volumes.h"
 #include "library.h"
@@ -10,18 +9,12 @@
 #include "apps/resync_lists.h"
 #include "apps/volume_name.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include <memory>
 
 namespace vtfltctl {
 namespace {
-
-struct CleanOptions {
-    std::string application;
-    std::string volume;
-};
 
 struct FilesOfVolume {
     bitmap::VolumeName volume;
@@ -64,6 +57,8 @@ std::vector<FilesOfVolume> FindFiles(const std::wstring& application, const std:
     return found;
 }
 
+} // namespace
+
 Exit CleanApplication(const Context& context, const CleanOptions& options)
 {
     const std::wstring application = ToWide(options.application);
@@ -94,21 +89,6 @@ Exit CleanApplication(const Context& context, const CleanOptions& options)
     for (const FilesOfVolume& one : found)
         CleanVolume(one, owners);
     return Answer(context, Exit::Ok, {{"application", ToUtf8(application)}, {"deleted", names}}, text);
-}
-
-} // namespace
-
-void AddCleanCommand(CLI::App& group, Context& context)
-{
-    const auto options = std::make_shared<CleanOptions>();
-    CLI::App& clean = AddCommand(group, context, "clean",
-                                 "Delete the bitmap files of an application, registered or not: if it is, its next "
-                                 "backup must verify",
-                                 [&context, options] { return CleanApplication(context, *options); });
-    clean.add_option("APP", options->application, "application ID that the files are named after")->required();
-    clean.add_option("--volume", options->volume, "of this volume only: {...}, \\\\?\\Volume{...}\\ or a mount path")
-        ->type_name("VOLUME");
-    AddYes(clean, context, "the bitmap files");
 }
 
 } // namespace vtfltctl

@@ -1,6 +1,6 @@
 // apps: who is registered, and who is to be.
-#include "apps_clean.h"
 #include "backup_pause.h"
+#include "commands.h"
 #include "common/application_id.h"
 #include "fixed_volumes.h"
 #include "library.h"
@@ -10,15 +10,12 @@
 #include "apps/resync_lists.h"
 #include "registry/multi_string.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <vtfltmgr/VTFltMgr.h>
 
 #include <memory>
 
 namespace vtfltctl {
-namespace {
-
 Exit ListApplications(const Context& context)
 {
     Json applications = Json::array();
@@ -31,6 +28,8 @@ Exit ListApplications(const Context& context)
         text = "No application is registered.\n";
     return Answer(context, Exit::Ok, {{"applications", applications}}, text);
 }
+
+namespace {
 
 // The library adds no ID that it finds anywhere in the list's bytes, as the end of another one or behind what it reads;
 // and it empties the bitmap files first.
@@ -52,6 +51,8 @@ void RequireSuitable(const std::wstring& application)
     if (!IsRegistered(application))
         RequireNotFound(application);
 }
+
+} // namespace
 
 // Files that are there may hold changes that are owed to somebody whose registration was lost, and registering empties
 // them: the marks come first.
@@ -81,10 +82,13 @@ Exit RegisterApplication(const Context& context, const std::wstring& application
         throw Failure(Exit::Unreadable, fmt::format("application {} was not registered: the list of applications does "
                                                     "not take its ID",
                                                     Quoted(application)));
-    return answer(true, fmt::format("Application {} is registered. Every fixed volume is on its verify list: its first "
-                                    "backup of each reads everything.\n",
+    return answer(true, fmt::format("Application {} is registered. Every fixed volume that is there is on its verify "
+                                    "list: its first backup of each reads everything. So must that of a volume that is "
+                                    "away now or not fixed, which no list says.\n",
                                     Quoted(application)));
 }
+
+namespace {
 
 // The library takes out of the list what it finds first, which may be the end of another ID.
 void RequireFoundAsItself(const std::wstring& application)
@@ -119,6 +123,8 @@ void RequireFilesGone(const std::wstring& application)
                                                     Quoted(application), Shown(left.front())));
 }
 
+} // namespace
+
 Exit UnregisterApplication(const Context& context, const std::wstring& application)
 {
     RequireRegistered(application);
@@ -146,30 +152,6 @@ Exit UnregisterApplication(const Context& context, const std::wstring& applicati
                         : fmt::format("Application {} is unregistered and its bitmap files are deleted. Its verify "
                                       "list stays and names every fixed volume.\n",
                                       Quoted(application)));
-}
-
-} // namespace
-
-void AddAppsCommands(CLI::App& app, Context& context)
-{
-    CLI::App& group = AddGroup(app, "apps", "The registered applications");
-    AddCommand(group, context, "list", "List the registered applications, in the order of registration",
-               [&context] { return ListApplications(context); });
-
-    const auto id = std::make_shared<std::string>();
-    CLI::App& add = AddCommand(group, context, "register",
-                               "Register an application with fresh bitmaps; its first backup of every fixed volume "
-                               "must verify",
-                               [&context, id] { return RegisterApplication(context, ToWide(*id)); });
-    add.add_option("APP", *id, "application ID, taken exactly")->required();
-    add.add_flag("--yes", context.yes, "empty bitmap files that are there already");
-    CLI::App& remove = AddCommand(group, context, "unregister",
-                                  "Unregister an application and delete its bitmap files on every fixed volume",
-                                  [&context, id] { return UnregisterApplication(context, ToWide(*id)); });
-    remove.add_option("APP", *id, "application ID, compared exactly")->required();
-    AddYes(remove, context, "the application's bitmap files");
-
-    AddCleanCommand(group, context);
 }
 
 } // namespace vtfltctl

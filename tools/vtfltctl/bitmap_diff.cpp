@@ -1,10 +1,9 @@
 // bitmap diff: two bitmaps held against each other.
-#include "bitmap_commands.h"
 #include "bitmap_selection.h"
+#include "commands.h"
 #include "extent_list.h"
 #include "output.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -13,15 +12,6 @@ namespace vtfltctl {
 namespace {
 
 using namespace bitmap;
-
-struct DiffOptions {
-    SelectionOptions reading;
-    std::string first;
-    std::string second;
-    bool list = false;
-    std::string start = "0";
-    std::uint64_t limit = UINT64_MAX;
-};
 
 // Two opened bitmaps that can be compared, and their bits.
 class Pair {
@@ -166,6 +156,8 @@ Exit ListDifferences(const Context& context, Pair& pair, const DiffOptions& opti
     }
 }
 
+} // namespace
+
 Exit ShowDifference(const Context& context, const DiffOptions& options)
 {
     Pair pair(options);
@@ -173,27 +165,6 @@ Exit ShowDifference(const Context& context, const DiffOptions& options)
     if (options.list)
         return ListDifferences(context, pair, options);
     return Reading("one of the files", [&] { return Summarise(context, pair); });
-}
-
-} // namespace
-
-void AddBitmapDiff(CLI::App& group, Context& context)
-{
-    const auto options = std::make_shared<DiffOptions>();
-    CLI::App& command =
-        AddCommand(group, context, "diff", "Compare the changed blocks of two bitmap files or dumps of one volume",
-                   [&context, options] { return ShowDifference(context, *options); });
-    command.add_option("FILE1", options->first, "the first file")->type_name("FILE")->required();
-    command.add_option("FILE2", options->second, "the second file")->type_name("FILE")->required();
-    CLI::Option* const list = command.add_flag("--list", options->list, "list the differing extents instead of totals");
-    command.add_option("--start", options->start, "leave out what lies before the block at this offset")
-        ->type_name("OFFSET")
-        ->needs(list);
-    command.add_option("--limit", options->limit, "list no more than so many extents, and say where to go on")
-        ->check(CLI::NonNegativeNumber)
-        ->type_name("COUNT")
-        ->needs(list);
-    AddReading(command, options->reading);
 }
 
 } // namespace vtfltctl

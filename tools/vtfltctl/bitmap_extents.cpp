@@ -1,10 +1,9 @@
 // bitmap extents: the changed parts of a volume as offsets and lengths in bytes.
-#include "bitmap_commands.h"
 #include "bitmap_selection.h"
+#include "commands.h"
 #include "extent_list.h"
 #include "output.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 namespace vtfltctl {
@@ -12,11 +11,7 @@ namespace {
 
 using namespace bitmap;
 
-struct ExtentOptions {
-    SelectionOptions selection;
-    std::string start = "0";
-    std::uint64_t limit = UINT64_MAX;
-};
+} // namespace
 
 Exit ListExtents(const Context& context, const ExtentOptions& options)
 {
@@ -45,22 +40,6 @@ Exit ListExtents(const Context& context, const ExtentOptions& options)
         return list.Fail(ReadErrorExit(error), ReadErrorText(ToWide(selection.source), error));
     }
     return list.End(ExitOf(selection), false, 0);
-}
-
-} // namespace
-
-void AddBitmapExtents(CLI::App& group, Context& context)
-{
-    const auto options = std::make_shared<ExtentOptions>();
-    CLI::App& command = AddCommand(group, context, "extents",
-                                   "List what has changed as offsets and lengths in bytes: CSV, or JSON with --json",
-                                   [&context, options] { return ListExtents(context, *options); });
-    AddSelection(command, options->selection);
-    command.add_option("--start", options->start, "leave out what lies before the block at this offset, such as 512G")
-        ->type_name("OFFSET");
-    command.add_option("--limit", options->limit, "list no more than so many extents, and say where to go on")
-        ->check(CLI::NonNegativeNumber)
-        ->type_name("COUNT");
 }
 
 } // namespace vtfltctl

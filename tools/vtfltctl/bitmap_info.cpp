@@ -1,9 +1,8 @@
 // bitmap info: what a bitmap file is made of, whether it is sound, and what it adds up to.
-#include "bitmap_commands.h"
 #include "bitmap_selection.h"
+#include "commands.h"
 #include "output.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 namespace vtfltctl {
@@ -102,7 +101,9 @@ std::string FileText(const Opened& file)
     return text + HeaderText(file);
 }
 
-Exit ShowInfo(const Context& context, const SelectionOptions& options)
+} // namespace
+
+Exit ShowBitmap(const Context& context, const bitmap::SelectionOptions& options)
 {
     Selection selection = Select(options);
     Json files = Json::array();
@@ -124,17 +125,6 @@ Exit ShowInfo(const Context& context, const SelectionOptions& options)
     if (!selection.volume.empty())
         fields["volume"] = selection.volume;
     return Answer(context, ExitOf(selection), fields, text);
-}
-
-} // namespace
-
-void AddBitmapInfo(CLI::App& group, Context& context)
-{
-    const auto options = std::make_shared<SelectionOptions>();
-    AddSelection(AddCommand(group, context, "info",
-                            "Show the header of a bitmap file, whether it is sound, and how much has changed",
-                            [&context, options] { return ShowInfo(context, *options); }),
-                 *options);
 }
 
 } // namespace vtfltctl

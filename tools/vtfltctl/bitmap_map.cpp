@@ -1,25 +1,17 @@
 // bitmap map: the volume as a picture.
-#include "bitmap_commands.h"
 #include "bitmap_png.h"
 #include "bitmap_selection.h"
+#include "commands.h"
 #include "output.h"
 
 #include "win/windows.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 namespace vtfltctl {
 namespace {
 
 using namespace bitmap;
-
-struct MapOptions {
-    SelectionOptions selection;
-    std::string png;
-    bool ansi = false;
-    std::uint64_t columns = 64;
-};
 
 // https://no-color.org: any value but an empty one switches colour off.
 bool ColourIsUnwanted() noexcept
@@ -40,6 +32,8 @@ Json GridJson(const Grid& grid, const Geometry& geometry)
         json["changedBytes"] = ChangedBytes(grid.totals, geometry);
     return json;
 }
+
+} // namespace
 
 Exit DrawMap(const Context& context, const MapOptions& options)
 {
@@ -73,28 +67,6 @@ Exit DrawMap(const Context& context, const MapOptions& options)
     if (options.png.empty())
         fields["changed"] = grid.changed;
     return Answer(context, ExitOf(selection), fields, text);
-}
-
-} // namespace
-
-void AddBitmapMap(CLI::App& group, Context& context)
-{
-    const auto options = std::make_shared<MapOptions>();
-    CLI::App& command = AddCommand(group, context, "map",
-                                   "Draw the volume as a picture: each square a run of blocks, coloured by how many "
-                                   "of them changed",
-                                   [&context, options] { return DrawMap(context, *options); });
-    AddSelection(command, options->selection);
-    CLI::Option* const png = command.add_option("--png", options->png, "write a PNG file")->type_name("FILE");
-    CLI::Option* const ansi = command.add_flag("--ansi", options->ansi,
-                                               "draw on the terminal, in 24-bit colour; in "
-                                               "characters where NO_COLOR is set");
-    ansi->excludes(png);
-    command.add_option("--columns", options->columns, "columns of the picture on the terminal")
-        ->check(CLI::IsMember(std::vector<std::uint64_t>{32, 64, 128, 256}))
-        ->needs(ansi)
-        ->type_name("");
-    AddYes(command, context, "what the PNG file held before");
 }
 
 } // namespace vtfltctl

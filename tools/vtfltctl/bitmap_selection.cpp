@@ -3,7 +3,6 @@
 #include "library.h"
 #include "output.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -138,46 +137,6 @@ Selection SelectVolume(const SelectionOptions& options)
 }
 
 } // namespace
-
-void AddReading(CLI::App& command, SelectionOptions& options)
-{
-    command.add_flag("--dump", options.dump, "the file is a diagnostic dump, whatever its name");
-    command
-        .add_option("--block-size", options.blockSize,
-                    "block size of a dump, such as 64K; without it, that of the bitmap files beside it")
-        ->type_name("SIZE");
-    command
-        .add_option("--volume-size", options.volumeSize,
-                    "size of the volume, such as 1T; without it a file shows all blocks that it has room for")
-        ->type_name("SIZE");
-    command
-        .add_option("--buffer-header", options.leadBytes,
-                    "bytes at the start of the bitmap that belong to the get-bitmap buffer's header")
-        ->check(CLI::IsMember(std::vector<std::uint32_t>{0, LEAD_BYTES}))
-        ->type_name("");
-}
-
-void AddSelection(CLI::App& command, SelectionOptions& options)
-{
-    CLI::Option* const file =
-        command.add_option("FILE", options.file, "a bitmap file or a diagnostic dump")->type_name("FILE");
-    CLI::Option* const volume =
-        command.add_option("--volume", options.volume, "the volume whose bitmap files are meant, with --app")
-            ->type_name("VOLUME");
-    CLI::Option* const application =
-        command.add_option("--app", options.application, "the application whose bitmap files are meant")
-            ->type_name("APP");
-    command
-        .add_option("--which", options.which,
-                    "of an application's files: the base, the child, or both as one bitmap, which is the default")
-        ->check(CLI::IsMember(std::vector<std::string>{"base", "child", "both"}))
-        ->needs(volume)
-        ->type_name("");
-    volume->needs(application);
-    application->needs(volume);
-    file->excludes(volume);
-    AddReading(command, options);
-}
 
 std::string Opened::Title() const
 {

@@ -5,7 +5,7 @@
 #include "bitmap_live.h"
 #include "bitmap_name.h"
 #include "bitmap_picture.h"
-#include "command_line.h"
+#include "commands.h"
 #include "common/text.h"
 
 #include <memory>
@@ -13,23 +13,6 @@
 #include <vector>
 
 namespace vtfltctl::bitmap {
-
-// The options of a selection, as they were typed.
-struct SelectionOptions {
-    std::string file;
-    std::string volume;
-    std::string application;
-    std::string which = "both"; // base, child, both
-    bool dump = false;
-    std::string blockSize;
-    std::string volumeSize;
-    std::uint32_t leadBytes = LEAD_BYTES;
-};
-
-// Adds FILE, --volume, --app, --which and what is common to all readers.
-void AddSelection(CLI::App& command, SelectionOptions& options);
-// Adds --dump, --block-size, --volume-size and --buffer-header alone.
-void AddReading(CLI::App& command, SelectionOptions& options);
 
 // One file, looked at.
 struct Opened {

@@ -1,5 +1,7 @@
 #include "command_model.h"
 
+#include "command_line.h"
+
 #include <CLI/CLI.hpp>
 
 namespace vtfltctl {
@@ -76,6 +78,14 @@ CommandModel ModelOf(const CLI::App& app)
     for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; }))
         model.commands.push_back(ModelOf(*command));
     return model;
+}
+
+CommandModel ProgramModel()
+{
+    CLI::App app;
+    Context context;
+    AddCommands(app, context);
+    return ModelOf(app);
 }
 
 } // namespace vtfltctl

@@ -42,6 +42,8 @@ struct CommandModel {
 };
 
 CommandModel ModelOf(const CLI::App& app);
+// Of vtfltctl's own command line.
+CommandModel ProgramModel();
 
 // Scripts that complete the program's commands, options and their values; each begins with a comment that says how to
 // use it.

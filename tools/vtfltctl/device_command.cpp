@@ -1,4 +1,5 @@
 // device: does the driver track it?
+#include "commands.h"
 #include "common/volume_name.h"
 #include "library.h"
 #include "machine.h"
@@ -6,16 +7,14 @@
 
 #include "apps/volume_name.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <vtfltmgr/VTFltMgr.h>
 
 #include <memory>
 
 namespace vtfltctl {
-namespace {
 
-Exit Device(const Context& context, const std::wstring& asked)
+Exit AskAboutDevice(const Context& context, const std::wstring& asked)
 {
     if (asked.empty())
         throw Failure(Exit::Usage, "the device name is empty");
@@ -29,17 +28,6 @@ Exit Device(const Context& context, const std::wstring& asked)
     return Answer(
         context, monitored ? Exit::Ok : Exit::NotMonitored, {{"device", ToUtf8(name)}, {"monitored", monitored}},
         fmt::format("The driver {} {}.\n", monitored ? "tracks" : "does not track, or does not know,", Quoted(name)));
-}
-
-} // namespace
-
-void AddDeviceCommand(CLI::App& app, Context& context)
-{
-    const auto name = std::make_shared<std::string>();
-    AddCommand(app, context, "device", "Ask the driver whether it tracks a device",
-               [&context, name] { return Device(context, ToWide(*name)); })
-        .add_option("NAME", *name, "device name, such as \\\\?\\Volume{...} or a snapshot's device path")
-        ->required();
 }
 
 } // namespace vtfltctl

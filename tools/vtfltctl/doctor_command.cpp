@@ -1,8 +1,8 @@
 // doctor: every finding with its consequence and the command that mends it.
+#include "commands.h"
 #include "common/simulation.h"
 #include "machine_json.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <vtfltmgr/VTFltMgr.h>
 
@@ -37,7 +37,9 @@ std::string FindingText(const Finding& finding, const std::string& mend)
     return text;
 }
 
-Exit Doctor(const Context& context, bool reinstall)
+} // namespace
+
+Exit RunDoctor(const Context& context, bool reinstall)
 {
     if (reinstall) {
         RequireYes(context, "lets the library uninstall and install a driver that does not work");
@@ -60,20 +62,6 @@ Exit Doctor(const Context& context, bool reinstall)
     if (text.empty())
         text = "Nothing was found: driver, registry, bitmap files and volumes agree.\n";
     return Answer(context, OutcomeOf(findings), {{"findings", list}}, text);
-}
-
-} // namespace
-
-void AddDoctorCommand(CLI::App& app, Context& context)
-{
-    const auto reinstall = std::make_shared<bool>(false);
-    CLI::App& command = AddCommand(
-        app, context, "doctor",
-        "Check driver, registry, bitmap files and volumes against each other, and say what mends what is wrong",
-        [&context, reinstall] { return Doctor(context, *reinstall); });
-    command.add_flag("--reinstall", *reinstall,
-                     "first let the library reinstall a driver that does not work, which may take 20 minutes");
-    command.add_flag("--yes", context.yes, "really reinstall it");
 }
 
 } // namespace vtfltctl

@@ -1,4 +1,5 @@
 // monitor: the tracking of a device class, asked for and taken back.
+#include "commands.h"
 #include "common/registry_value.h"
 #include "common/text.h"
 #include "library.h"
@@ -7,7 +8,6 @@
 #include "driver/protocol.h"
 #include "win/owners.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <vtfltmgr/VTFltMgr.h>
 
@@ -114,10 +114,14 @@ Exit ShowChanged(const Context& context, const SwitchFacts& before)
     return ShowSwitch(context, after);
 }
 
-Exit Count(const Context& context, const std::wstring& name)
+} // namespace
+
+Exit CountRequests(const Context& context, const std::wstring& name)
 {
     return ShowSwitch(context, RequireReadable(RequireClass(name)));
 }
+
+namespace {
 
 // The library's mutex of the class, from the look at the count to the look at what became of it. The library takes it
 // once more, on the same thread.
@@ -146,6 +150,8 @@ public:
 private:
     vtflt::UniqueHandle m_mutex;
 };
+
+} // namespace
 
 Exit SwitchOn(const Context& context, const std::wstring& name)
 {
@@ -181,25 +187,6 @@ Exit SwitchOff(const Context& context, const std::wstring& name)
     RequireDriver();
     Require(VTFltDisableMonitorForSnapshot(key.c_str()), "take back the tracking of " + Shown(key));
     return ShowChanged(context, before);
-}
-
-} // namespace
-
-void AddMonitorCommands(CLI::App& app, Context& context)
-{
-    CLI::App& group = AddGroup(app, "monitor", "The tracking of a device class, by default of snapshots");
-    const auto name = std::make_shared<std::string>();
-    const auto withClass = [&](CLI::App& command) -> CLI::App& {
-        command.add_option("CLASS", *name, "{...} or the class key below HKEY_LOCAL_MACHINE; snapshots without it");
-        return command;
-    };
-    withClass(AddCommand(group, context, "count", "Show how many requests stand, and whether the filter is listed",
-                         [&context, name] { return Count(context, ToWide(*name)); }));
-    withClass(AddCommand(group, context, "on", "Ask for the tracking of a class; takes effect for new devices",
-                         [&context, name] { return SwitchOn(context, ToWide(*name)); }));
-    AddYes(withClass(AddCommand(group, context, "off", "Take one request back; the last one ends the tracking",
-                                [&context, name] { return SwitchOff(context, ToWide(*name)); })),
-           context, "the request, and with the last one the filter's entry");
 }
 
 } // namespace vtfltctl

@@ -1,7 +1,7 @@
 // status: one screen that says whether this machine's change tracking is healthy.
+#include "commands.h"
 #include "machine_json.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -94,7 +94,9 @@ std::string VerdictText(Exit outcome, std::size_t findings)
                        OutcomeName(outcome));
 }
 
-Exit Status(const Context& context)
+} // namespace
+
+Exit ShowStatus(const Context& context)
 {
     const MachineFacts machine = LookAtMachine();
     const std::vector<Finding> findings = FindFaults(machine);
@@ -125,14 +127,6 @@ Exit Status(const Context& context)
     return Answer(context, outcome, fields,
                   DriverText(machine.driver) + SnapshotsText(machine.snapshots) + ApplicationsText(machine) + lists +
                       volumesText + VerdictText(outcome, findings.size()));
-}
-
-} // namespace
-
-void AddStatusCommand(CLI::App& app, Context& context)
-{
-    AddCommand(app, context, "status", "Show whether this machine's change tracking is healthy, on one screen",
-               [&context] { return Status(context); });
 }
 
 } // namespace vtfltctl

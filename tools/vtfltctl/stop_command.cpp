@@ -1,6 +1,7 @@
 // stop: ends the tracking of a volume, or deletes the bitmap files of all.
 #include "backup_pause.h"
 #include "bitmap_live.h"
+#include "commands.h"
 #include "fixed_volumes.h"
 #include "library.h"
 #include "machine.h"
@@ -11,7 +12,6 @@
 #include "driver/request.h"
 #include "win/owners.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <vtfltmgr/VTFltMgr.h>
 
@@ -22,11 +22,6 @@ namespace vtfltctl {
 namespace {
 
 constexpr const char* FILES_LEFT = "VelVolTrc (was a folder inside?); run it again";
-
-struct StopOptions {
-    std::string volume;
-    bool all = false;
-};
 
 bool HasBitmapFolder(const bitmap::VolumeName& volume)
 {
@@ -103,25 +98,13 @@ Exit StopOne(const Context& context, const std::wstring& name)
                               Shown(volume.name)));
 }
 
-Exit Stop(const Context& context, const StopOptions& options)
+} // namespace
+
+Exit StopTracking(const Context& context, const StopOptions& options)
 {
     if (options.all == !options.volume.empty())
         throw Failure(Exit::Usage, "name a volume, or give --all");
     return options.all ? StopAll(context) : StopOne(context, ToWide(options.volume));
-}
-
-} // namespace
-
-void AddStopCommand(CLI::App& app, Context& context)
-{
-    const auto options = std::make_shared<StopOptions>();
-    CLI::App& command = AddCommand(app, context, "stop",
-                                   "End the tracking of a volume and delete its bitmap files; with --all, delete the "
-                                   "bitmap files of every fixed volume",
-                                   [&context, options] { return Stop(context, *options); });
-    command.add_option("VOLUME", options->volume, "{...}, \\\\?\\Volume{...}\\ or a mount path such as E:");
-    command.add_flag("--all", options->all, "every fixed volume; the driver is not told");
-    AddYes(command, context, "the bitmap files");
 }
 
 } // namespace vtfltctl

@@ -1,18 +1,17 @@
 // verify: the lists of volumes whose next backup must verify.
 #include "backup_pause.h"
 #include "bitmap_live.h"
+#include "commands.h"
 #include "common/volume_name.h"
 #include "fixed_volumes.h"
 #include "library.h"
 #include "machine_json.h"
-#include "verify_rebuild.h"
 #include "volume_lists.h"
 
 #include "apps/resync_lists.h"
 #include "apps/resync_text.h"
 #include "apps/volume_name.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <vtfltmgr/VTFltMgr.h>
 
@@ -21,14 +20,6 @@
 
 namespace vtfltctl {
 namespace {
-
-struct VerifyOptions {
-    std::string application;
-    std::vector<std::string> volumes;
-    bool all = false;
-    bool exact = false;
-    bool pending = false;
-};
 
 // The command line takes "[a,b]" for a and b, which nobody typed.
 void RequireNoBrackets(const Context& context, const VerifyOptions& options)
@@ -104,7 +95,9 @@ Json ListsOf(const std::wstring& application)
             {"pendingList", ListJson(ReadVolumeList(application))}};
 }
 
-Exit List(const Context& context, const VerifyOptions& options)
+} // namespace
+
+Exit ListVerify(const Context& context, const VerifyOptions& options)
 {
     std::vector<std::wstring> applications;
     if (options.application.empty()) {
@@ -130,6 +123,8 @@ Exit List(const Context& context, const VerifyOptions& options)
     return Answer(context, unreadable ? Exit::Unreadable : Exit::Ok,
                   {{"driverList", ListJson(driver)}, {"applications", array}}, text);
 }
+
+namespace {
 
 // What a changing command answers: the lists as they are now.
 Exit Changed(const Context& context, const std::wstring& application, const std::string& text)
@@ -162,7 +157,9 @@ std::vector<std::wstring> Waiting(const std::wstring& application)
     return waiting;
 }
 
-Exit Add(const Context& context, const VerifyOptions& options)
+} // namespace
+
+Exit AddVerify(const Context& context, const VerifyOptions& options)
 {
     if (options.all == !options.volumes.empty())
         throw Failure(Exit::Usage, "name volumes, or give --all");
@@ -192,6 +189,8 @@ Exit Add(const Context& context, const VerifyOptions& options)
                                CountText(guids.size(), "volume") + (guids.size() == 1 ? " is" : " are"),
                                Quoted(application)));
 }
+
+namespace {
 
 // The entries as the list has them: a volume that is gone can be taken off, and so can what is no volume at all.
 std::vector<std::wstring> FindEntries(const ListFacts& list, const VerifyOptions& options)
@@ -230,7 +229,9 @@ void RemovePending(const std::wstring& application, const std::vector<std::wstri
         throw Failure(Exit::NotFound, "the pending list has changed meanwhile");
 }
 
-Exit Remove(const Context& context, const VerifyOptions& options)
+} // namespace
+
+Exit RemoveVerify(const Context& context, const VerifyOptions& options)
 {
     RequireNoBrackets(context, options);
     const std::wstring application = ToWide(options.application);
@@ -256,6 +257,8 @@ Exit Remove(const Context& context, const VerifyOptions& options)
                                CountText(entries.size(), "volume") + (entries.size() == 1 ? " is" : " are"), name));
 }
 
+namespace {
+
 // The export answers 0 also when the driver went down since it was looked at, and then does nothing.
 void RequireTakenOver(const std::wstring& application, const std::vector<std::wstring>& waiting)
 {
@@ -268,7 +271,9 @@ void RequireTakenOver(const std::wstring& application, const std::vector<std::ws
     }
 }
 
-Exit Replicate(const Context& context, const VerifyOptions& options)
+} // namespace
+
+Exit ReplicateVerify(const Context& context, const VerifyOptions& options)
 {
     const std::wstring application = ToWide(options.application);
     RequireRegistered(application);
@@ -289,49 +294,6 @@ Exit Replicate(const Context& context, const VerifyOptions& options)
                    fmt::format("The driver's list is handed to every application, and the pending list of {} is in its "
                                "verify list:{}",
                                Quoted(application), Entries(ReadVolumeList(vtflt::MakeVerifyListName(application)))));
-}
-
-} // namespace
-
-void AddVerifyCommands(CLI::App& app, Context& context)
-{
-    CLI::App& group = AddGroup(app, "verify", "The lists of volumes whose next backup must verify");
-    const auto options = std::make_shared<VerifyOptions>();
-    const auto command = [&](const char* name, const char* description,
-                             Exit (*run)(const Context&, const VerifyOptions&)) {
-        return &AddCommand(group, context, name, description,
-                           [&context, options, run] { return run(context, *options); });
-    };
-    constexpr const char* APP = "application ID, compared exactly";
-    constexpr const char* VOLUME = "{...}, \\\\?\\Volume{...}\\ or a mount path such as E:";
-
-    CLI::App* list = command("list", "Show the driver's list and the pending and verify lists", List);
-    list->add_option("APP", options->application, "of this application only");
-    CLI::App* add = command(
-        "add",
-        "Put volumes on an application's verify list; not while a backup of it runs, whose success takes them off",
-        Add);
-    add->add_option("APP", options->application, APP)->required();
-    add->add_option("VOLUME", options->volumes, VOLUME);
-    add->add_flag("--all", options->all, "every fixed volume");
-    CLI::App* remove = command("remove", "Take volumes off an application's verify list", Remove);
-    remove->add_option("APP", options->application, APP)->required();
-    remove->add_option("VOLUME", options->volumes, VOLUME)->required();
-    remove->add_flag("--exact", options->exact, "only entries that stand in the list just as they are written here");
-    remove->add_flag("--pending", options->pending, "off the pending list instead");
-    AddYes(*remove, context, "the entries");
-    CLI::App* replicate = command(
-        "replicate",
-        "Hand the driver's list to the applications, and the pending list to the verify list; not while a backup of the "
-        "application runs, whose success takes the marks off",
-        Replicate);
-    replicate->add_option("APP", options->application, APP)->required();
-    CLI::App& rebuild =
-        AddCommand(group, context, "rebuild",
-                   "Replace lists that cannot be read: every fixed volume must then verify; not while a backup runs, "
-                   "whose success takes the marks off",
-                   [&context] { return RebuildLists(context); });
-    AddYes(rebuild, context, "the lists that cannot be read");
 }
 
 } // namespace vtfltctl

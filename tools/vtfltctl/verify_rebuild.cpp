@@ -1,6 +1,5 @@
-#include "verify_rebuild.h"
-
 #include "backup_pause.h"
+#include "commands.h"
 #include "common/registry_value.h"
 #include "fixed_volumes.h"
 #include "library.h"

@@ -1,6 +1,6 @@
-// vtlog break: the command line, and the loop that shows stopped threads and lets them go.
+// vtlog break: the loop that shows stopped threads and lets them go.
 #include "breakpoint_table.h"
-#include "command_line.h"
+#include "commands.h"
 #include "common/text.h"
 #include "console.h"
 #include "entry_text.h"
@@ -9,7 +9,6 @@
 #include "ring_viewer.h"
 #include "stop_signal.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -26,18 +25,6 @@ constexpr DWORD LOOK_AGAIN_MILLISECONDS = 100;
 constexpr std::uint64_t APPEAR_MILLISECONDS = 10'000;
 // The same at the end, when the program should not linger: without a viewer no thread waits longer than five seconds.
 constexpr std::uint64_t LAST_APPEAR_MILLISECONDS = 1'000;
-
-struct BreakOptions {
-    std::string program;
-    std::vector<std::string> texts;
-    std::uint32_t processId = 0;
-    std::uint32_t threadId = 0;
-    std::optional<double> hold;
-    bool json = false;
-    std::optional<std::uint64_t> count;
-    std::optional<double> seconds;
-    std::string stopEvent;
-};
 
 // A thread at a breakpoint.
 struct Stopped {
@@ -295,23 +282,9 @@ private:
 
 } // namespace
 
-void AddBreak(CLI::App& app, Action& action)
+Exit RunBreak(const BreakOptions& options)
 {
-    CLI::App& command = *app.add_subcommand("break", "Stop threads that log a certain text, and let them go");
-    const auto options = std::make_shared<BreakOptions>();
-    command.add_option("--exe", options->program, "the program whose threads are to stop, by file name")->required();
-    command.add_option("--text", options->texts, "the message holds this text, in this case; repeated: any of them")
-        ->required();
-    command.add_option("--pid", options->processId, "only in this process");
-    command.add_option("--tid", options->threadId, "only in this thread");
-    command.add_option("--hold", options->hold, "let each thread go after this many seconds, instead of at Enter")
-        ->check(CLI::Range(0.0, 1e9));
-    command.add_flag("--json", options->json, "one JSON object a line");
-    command.add_option("--count", options->count, "end after this many threads were let go")
-        ->check(CLI::PositiveNumber);
-    command.add_option("--for", options->seconds, "end after this many seconds")->check(CLI::Range(0.0, 1e9));
-    command.add_option("--stop-event", options->stopEvent, "end when this named event is set");
-    command.callback([options, &action] { action = [options] { return Breaker(*options).Run(); }; });
+    return Breaker(options).Run();
 }
 
 } // namespace vtlog

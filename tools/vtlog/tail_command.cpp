@@ -1,6 +1,6 @@
-// vtlog tail: the command line, and the loop of the live viewer.
+// vtlog tail: the loop of the live viewer.
 #include "breakpoint_table.h"
-#include "command_line.h"
+#include "commands.h"
 #include "common/text.h"
 #include "console.h"
 #include "entry_filter.h"
@@ -12,7 +12,6 @@
 
 #include "log/text_compare.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -23,18 +22,6 @@ namespace {
 
 // A signal wakes the viewer at once; this is how long it may take to see a new process, or a signal that was lost.
 constexpr DWORD DISCOVERY_MILLISECONDS = 250;
-
-struct TailOptions {
-    std::vector<std::string> programs;
-    std::string level;
-    std::vector<std::uint32_t> processes;
-    std::vector<std::string> texts;
-    bool ignoreCase = false;
-    bool json = false;
-    std::optional<std::uint64_t> count;
-    std::optional<double> seconds;
-    std::string stopEvent;
-};
 
 class Tail {
 public:
@@ -241,24 +228,9 @@ private:
 
 } // namespace
 
-void AddTail(CLI::App& app, Action& action)
+Exit RunTail(const TailOptions& options)
 {
-    CLI::App& command = *app.add_subcommand("tail", "Show records live, as processes log them");
-    const auto options = std::make_shared<TailOptions>();
-    command.add_option("--exe", options->programs,
-                       "programs to watch, by file name, running or not; without it every "
-                       "process that logs");
-    command.add_option("--level", options->level,
-                       "this level and more important ones: error, warning, information, "
-                       "detail, or a number");
-    command.add_option("--pid", options->processes, "records of these processes");
-    command.add_option("--grep", options->texts, "records whose message holds this text; repeated: all of them");
-    command.add_flag("--ignore-case", options->ignoreCase, "--grep takes capital and small letters as the same");
-    command.add_flag("--json", options->json, "one JSON object a line");
-    command.add_option("--count", options->count, "end after this many records")->check(CLI::PositiveNumber);
-    command.add_option("--for", options->seconds, "end after this many seconds")->check(CLI::Range(0.0, 1e9));
-    command.add_option("--stop-event", options->stopEvent, "end when this named event is set");
-    command.callback([options, &action] { action = [options] { return Tail(*options).Run(); }; });
+    return Tail(options).Run();
 }
 
 } // namespace vtlog

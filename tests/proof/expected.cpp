@@ -44,15 +44,12 @@ std::string Expected::TakeReported(std::size_t application, std::size_t volume, 
                ") of volume " + std::to_string(volume) + " was written at " + std::to_string(snapshot[grain]) +
                ", application " + std::to_string(application) + " still has " + std::to_string(backup.grains[grain]);
     }
-    backup.handedBack.clear();
     return {};
 }
 
 void Expected::TakeAll(std::size_t application, std::size_t volume, const Grains& snapshot)
 {
-    Backup& backup = At(application, volume);
-    backup.grains = snapshot;
-    backup.handedBack.clear();
+    At(application, volume).grains = snapshot;
 }
 
 void Expected::WriteIntoBackup(std::size_t application, std::size_t volume, std::size_t first, std::size_t count)
@@ -60,16 +57,23 @@ void Expected::WriteIntoBackup(std::size_t application, std::size_t volume, std:
     ++m_clock;
     Backup& backup = At(application, volume);
     const std::size_t end = std::min(first + count, backup.grains.size());
-    for (std::size_t grain = first; grain < end; ++grain) {
+    for (std::size_t grain = first; grain < end; ++grain)
         backup.grains[grain] = m_clock;
-        backup.handedBack.push_back(grain);
-    }
+    HandBack(application, volume, first, count);
 }
 
-void Expected::DropBackups(std::size_t application)
+void Expected::HandBack(std::size_t application, std::size_t volume, std::size_t first, std::size_t count)
 {
-    for (Backup& backup : m_backups[application])
-        backup = Backup();
+    ++m_clock;
+    for (std::size_t grain = first; grain < first + count; ++grain)
+        At(application, volume).handedBack.emplace_back(grain, m_clock);
+}
+
+void Expected::NoteSuccess(std::size_t application, std::size_t volume, Version snapshotTaken)
+{
+    Backup& backup = At(application, volume);
+    backup.clean = snapshotTaken;
+    std::erase_if(backup.handedBack, [snapshotTaken](const auto& one) { return one.second <= snapshotTaken; });
 }
 
 std::string Expected::CheckNothingElse(std::size_t application, std::size_t volume, const Reported& reported) const
@@ -87,7 +91,7 @@ std::string Expected::CheckNothingElse(std::size_t application, std::size_t volu
         if (grains[grain] > backup.clean)
             mark(grain);
     }
-    for (const std::size_t grain : backup.handedBack)
+    for (const auto& [grain, when] : backup.handedBack)
         mark(grain);
     for (std::size_t block = 0; block < reported.blocks.size(); ++block) {
         if (reported.blocks[block] && !allowed[block + 1])

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace vtproof {
@@ -42,17 +43,15 @@ public:
     void TakeAll(std::size_t application, std::size_t volume, const Grains& snapshot);
     // The application's backup has something in these grains that the volume has not: it was written into the snapshot.
     void WriteIntoBackup(std::size_t application, std::size_t volume, std::size_t first, std::size_t count);
+    // The application hands grains back to be reported once more, whether or not that comes to its end.
+    void HandBack(std::size_t application, std::size_t volume, std::size_t first, std::size_t count);
     bool HasBackup(std::size_t application, std::size_t volume) const
     {
         return !At(application, volume).grains.empty();
     }
-    void DropBackups(std::size_t application);
 
     // A report of success that was answered with success: nothing older than this version need be reported again.
-    void NoteSuccess(std::size_t application, std::size_t volume, Version snapshotTaken)
-    {
-        At(application, volume).clean = snapshotTaken;
-    }
+    void NoteSuccess(std::size_t application, std::size_t volume, Version snapshotTaken);
     // Every reported block lies at most one block beside a grain that was written since the last report of success.
     std::string CheckNothingElse(std::size_t application, std::size_t volume, const Reported& reported) const;
 
@@ -60,8 +59,8 @@ private:
     struct Backup {
         Grains grains;
         Version clean = 0;
-        // Grains written into the snapshot, to be reported once more.
-        std::vector<std::size_t> handedBack;
+        // Grains to be reported once more, and when they were handed back.
+        std::vector<std::pair<std::size_t, Version>> handedBack;
     };
     Backup& At(std::size_t application, std::size_t volume) { return m_backups[application][volume]; }
     const Backup& At(std::size_t application, std::size_t volume) const { return m_backups[application][volume]; }

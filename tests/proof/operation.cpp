@@ -11,11 +11,11 @@ constexpr const char* NAMES[] = {"write",        "register",    "unregister",   
                                  "finish",       "abandon",     "backup",       "crash",          "lose-tracking",
                                  "resize",       "block-size",  "damage",       "power-cut",      "stop-driver",
                                  "start-driver", "stop-volume", "stop-volumes", "start-tracking", "mark-all",
-                                 "unmark",       "monitor",     "ask"};
+                                 "unmark",       "monitor",     "ask",          "asks-again"};
 static_assert(std::size(NAMES) == static_cast<std::size_t>(Do::Count));
 
-constexpr const char* FAULTS[] = {"",          "fail",         "fail-on",    "not-there", "fail-after",  "short",
-                                  "no-memory", "no-memory-on", "die-before", "die-after", "die-in-write"};
+constexpr const char* FAULTS[] = {"",      "fail",      "fail-on",      "not-there",  "fail-of",   "fail-after",
+                                  "short", "no-memory", "no-memory-on", "die-before", "die-after", "die-in-write"};
 static_assert(std::size(FAULTS) == static_cast<std::size_t>(Fault::How::Count));
 
 template <class E>

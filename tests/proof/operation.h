@@ -33,6 +33,7 @@ enum class Do : std::uint8_t {
     Unmark,        // application: a volume that is not there, off its verify list
     Monitor,       // application, a: 1 on, 0 off
     Ask,           // application, volume: the questions that change nothing
+    AsksAgain,     // application, a: what it does from now on when fetching fails, see AGAIN_*
     Count
 };
 
@@ -41,16 +42,45 @@ inline constexpr const char* DAMAGES[] = {"deleted",           "emptied",       
 inline constexpr std::uint32_t DAMAGE_COUNT = 6;
 inline constexpr std::uint32_t CUT_SHORT = 5; // stands in every application's way until somebody deletes the file
 
+// Behind a fetch that failed, an application reads everything, this time and the next. Or it takes the library at its word
+// that nothing was forgotten: it asks again, with its next backup or at once.
+inline constexpr std::uint32_t AGAIN_NEVER = 0;
+inline constexpr std::uint32_t AGAIN_LATER = 1;
+inline constexpr std::uint32_t AGAIN_AT_ONCE = 2;
+inline constexpr std::uint32_t AGAIN_COUNT = 3;
+
 // A system that says of a list or file that it is not there, although it is, does not fail but lies; the library has to
-// believe it. The runs chosen by seeds and the sweeps leave that out; see docs/guarantees.md.
-//
+// believe it. The runs chosen by seeds and the sweeps leave that out; see docs/guarantees.md. RegCreateKeyW belongs to that:
+// it opens the key of the list of applications, and a key that is absent means that there are none. Those functions that
+// are never asked whether something is there may give any error:
+inline constexpr const wchar_t* FUNCTIONS[] = {L"ReadFile",
+                                               L"WriteFile",
+                                               L"SetFilePointer",
+                                               L"FlushFileBuffers",
+                                               L"GetFileSizeEx",
+                                               L"SetFileAttributesW",
+                                               L"DeviceIoControl",
+                                               L"CreateDirectoryW",
+                                               L"DeleteFileW",
+                                               L"RemoveDirectoryW",
+                                               L"RegCreateKeyExW",
+                                               L"RegSetValueExW",
+                                               L"RegDeleteValueW",
+                                               L"CreateMutexW",
+                                               L"WaitForSingleObject",
+                                               L"GetDriveTypeW",
+                                               L"OpenSCManagerW",
+                                               L"OpenServiceW",
+                                               L"GetVolumePathNamesForVolumeNameW"};
+
 // What goes wrong while an operation runs; counted over the calls that the operation makes.
 struct Fault {
     enum class How : std::uint8_t {
         None,
-        Fail,       // the nth call fails with the error
-        FailOn,     // and so do all behind it
-        NotThere,   // the nth CreateFileW says that there is no such file (not chosen by seeds)
+        Fail,     // the nth call fails with the error
+        FailOn,   // and so do all behind it
+        NotThere, // the nth CreateFileW says that there is no such file (not chosen by seeds)
+        FailOf, // the nth call of one of FUNCTIONS, by its number, fails: error is 1000 times that number and the error
         FailAfter,  // the nth call is done, and says that it failed
         Short,      // the nth WriteFile writes error bytes only
         NoMemory,   // the nth allocation
@@ -64,6 +94,10 @@ struct Fault {
     std::uint32_t nth = 1;
     std::uint32_t error = 0;
 };
+
+// The functions that FailAfter strikes, by number.
+inline constexpr const wchar_t* CHANGING[] = {L"RegSetValueExW", L"RegDeleteValueW", L"WriteFile", L"DeleteFileW",
+                                              L"DeviceIoControl"};
 
 struct Operation {
     Do what = Do::Ask;

@@ -22,8 +22,11 @@ constexpr Weight WILD[] = {
     {Do::StartDriver, 2}, {Do::StopVolume, 1},   {Do::StopVolumes, 1}, {Do::StartTracking, 2}, {Do::MarkAll, 1},
     {Do::Unmark, 1},      {Do::Monitor, 2},      {Do::Ask, 2}};
 
-// Not 234: who is told for ever that there is more reads for ever.
 constexpr std::uint32_t ERRORS[] = {5, 6, 8, 13, 31, 32, 87, 112, 122, 1450, 1359};
+// Once: who is told for ever that there is more reads for ever.
+constexpr std::uint32_t MORE_DATA = 234;
+// Where it is no answer to the question whether something is there.
+constexpr std::uint32_t NOT_THERE[] = {2, 3};
 
 template <std::size_t N>
 Do Choose(Dice& dice, const Weight (&weights)[N])
@@ -128,9 +131,15 @@ Fault ChooseFault(Dice& dice)
         fault.nth = 1 + dice.Below(4);
         fault.error = dice.Below(5);
         break;
+    case Fault::How::FailOf:
+        fault.nth = 1 + dice.Below(1u << (1 + dice.Below(5)));
+        fault.error = 1000 * dice.Below(std::size(FUNCTIONS)) + NOT_THERE[dice.Below(std::size(NOT_THERE))];
+        break;
     default:
         fault.nth = 1 + dice.Below(1u << (1 + dice.Below(8)));
         fault.error = ERRORS[dice.Below(std::size(ERRORS))];
+        if (fault.how == Fault::How::Fail && dice.OneIn(std::size(ERRORS) + 1))
+            fault.error = MORE_DATA;
         break;
     }
     return fault;
@@ -153,10 +162,25 @@ History ChooseHistory(std::uint64_t seed)
         if (dice.OneIn(2))
             history.operations.push_back({Do::Register, application, 0, 0, 0, {}});
     }
+    for (std::uint32_t application = 0; application < APPLICATIONS && !calm; ++application) {
+        if (dice.OneIn(2))
+            history.operations.push_back({Do::AsksAgain, application, 0, 1 + dice.Below(AGAIN_COUNT - 1), 0, {}});
+    }
     for (std::uint32_t i = 0; i < length; ++i) {
         Operation operation = ChooseOperation(dice, history.volumes, calm);
         if (!calm && Calls(operation.what) && dice.OneIn(5))
             operation.faults.push_back(ChooseFault(dice));
+        // Behind a good backup a fetch fails; whoever asks again takes the reported blocks in the one that comes now.
+        if (!calm && operation.what == Do::Backup && dice.OneIn(8)) {
+            const std::uint32_t application = operation.application;
+            const Fault failure{dice.OneIn(2) ? Fault::How::Fail : Fault::How::FailOn,
+                                1 + dice.Below(1u << (2 + dice.Below(6))), ERRORS[dice.Below(std::size(ERRORS))]};
+            history.operations.push_back({Do::Backup, application, operation.volume, 0, 0, {}});
+            history.operations.push_back({Do::Write, 0, operation.volume, dice.Below(20), 0, {}});
+            history.operations.push_back({Do::Begin, application, operation.volume, 0, 0, {}});
+            history.operations.push_back({Do::Fetch, application, 0, 0, 0, {failure}});
+            history.operations.push_back({Do::Finish, application, 0, 0, 0, {}});
+        }
         history.operations.push_back(operation);
         // The power goes in the middle of something.
         if (!calm && !operation.faults.empty() && dice.OneIn(4))

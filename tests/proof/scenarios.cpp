@@ -10,6 +10,9 @@ struct Piece {
 };
 
 constexpr char MACHINE[] = "machine 100:1024 60:512; ";
+// Bitmaps of three sectors, and changes whose bits lie in each of them.
+constexpr char LONG_MACHINE[] = "machine 8192:512 60:512; ";
+constexpr char FAR_APART[] = "write 0 0 6 2; write 0 0 4100 9; write 0 0 8000; ";
 
 // Two volumes, up to two applications, changes that are owed.
 const Piece STATES[] = {
@@ -52,6 +55,10 @@ const Piece OTHERS[] = {
     {"beginning", "register 0; register 1; backup 0 0; write 0 0 5; begin 0 0"},
     {"fetching", "register 0; register 1; backup 0 0; write 0 0 5; begin 0 0; write 0 0 9; fetch 0"},
     {"fetching what was lost", "register 0; register 1; backup 0 0; begin 0 0; lose-tracking 0 0; fetch 0"},
+    {"fetching with its child deleted meanwhile",
+     "register 0; register 1; backup 0 0; write 0 0 5; backup 1 0; begin 0 0; damage 0 0 0 0; fetch 0"},
+    {"fetching with its base deleted meanwhile",
+     "register 0; register 1; backup 0 0; write 0 0 5; begin 0 0; fetch 0; abandon 0; begin 0 0; damage 0 0 1 0; fetch 0"},
     {"finishing", "register 0; register 1; backup 0 0; write 0 0 5; begin 0 0; fetch 0; write 0 0 9; finish 0"},
     {"finishing with changes in the snapshot",
      "register 0; register 1; backup 0 0; write 0 0 5; begin 0 0; fetch 0; write 0 0 9; finish 0 0 30 5"},
@@ -62,13 +69,23 @@ const Piece OTHERS[] = {
      "register 0; register 1; backup 0 1; backup 1 1; write 0 1 5; begin 0 0; write 0 0 5; fetch 0; backup 1 1"},
 };
 
+// On the machine with long bitmaps; in each the last operation writes one.
+const Piece LONG_OTHERS[] = {
+    {"fetching",
+     "register 0; register 1; backup 0 0; begin 0 0; write 0 0 6; write 0 0 4100 9; write 0 0 8000; fetch 0"},
+    {"finishing with changes in the snapshot",
+     "register 0; register 1; backup 0 0; write 0 0 5; begin 0 0; fetch 0; write 0 0 4100 9; finish 0 0 4000 63"},
+    {"the other's backup",
+     "register 0; register 1; backup 0 0; backup 1 0; write 0 0 6; write 0 0 4100 9; write 0 0 8000; backup 1 0"},
+};
+
 } // namespace
 
 std::vector<Scenario> AllScenarios()
 {
     std::vector<Scenario> scenarios;
-    const auto add = [&](std::string name, const std::string& text) {
-        const auto history = ParseHistory(MACHINE + text);
+    const auto add = [&](std::string name, const std::string& text, const char* machine = MACHINE) {
+        const auto history = ParseHistory(machine + text);
         if (history)
             scenarios.push_back({std::move(name), *history});
         else
@@ -80,6 +97,11 @@ std::vector<Scenario> AllScenarios()
     }
     for (const Piece& other : OTHERS)
         add(other.name, other.text);
+    for (const Piece& state : STATES)
+        add(std::string("a long backup, with ") + state.name, std::string(state.text) + "; " + FAR_APART + "backup 0 0",
+            LONG_MACHINE);
+    for (const Piece& other : LONG_OTHERS)
+        add(std::string("long: ") + other.name, other.text, LONG_MACHINE);
     return scenarios;
 }
 

@@ -101,7 +101,7 @@ constexpr ScheduleWeight WEIGHTS[] = {
     {Do::Write, 30},      {Do::Backup, 34},  {Do::Begin, 4},      {Do::Fetch, 4},         {Do::Finish, 4},
     {Do::Abandon, 1},     {Do::Register, 4}, {Do::Unregister, 3}, {Do::MarkAll, 2},       {Do::Unmark, 2},
     {Do::Monitor, 3},     {Do::Ask, 3},      {Do::StopVolume, 1}, {Do::StartTracking, 2}, {Do::LoseTracking, 2},
-    {Do::StopVolumes, 1}, {Do::Damage, 2},   {Do::Resize, 1},     {Do::SetBlockSize, 1}};
+    {Do::StopVolumes, 1}, {Do::Damage, 2},   {Do::Resize, 1},     {Do::SetBlockSize, 1},  {Do::Crash, 2}};
 
 // Backups behind it need not be as those are of a machine on which nothing goes wrong.
 bool Disturbs(Do what)
@@ -116,6 +116,7 @@ bool Disturbs(Do what)
     case Do::Damage:
     case Do::Resize:
     case Do::SetBlockSize:
+    case Do::Crash:
         return true;
     default:
         return false;
@@ -249,19 +250,26 @@ Schedule Schedules::Choose(std::uint64_t number)
         lengths.known = true;
         std::copy(std::begin(run.calls), std::end(run.calls), std::begin(lengths.calls));
     }
+    // A change of the turn before somebody's first call only says who begins: who makes a single call has no other.
+    if (lengths.calls[schedule.first] < 2 && lengths.calls[1 - schedule.first] >= 2)
+        schedule.first = 1 - schedule.first;
     const std::uint32_t own = lengths.calls[schedule.first];
-    const std::uint32_t all = std::max(1u, lengths.calls[0] + lengths.calls[1]);
+    const std::uint32_t others = lengths.calls[1 - schedule.first];
     Dice dice(m_seed ^ number << 20);
-    schedule.writes = mayWrite && dice.OneIn(2) ? 1 + dice.Below(all) : 0;
+    schedule.writes = mayWrite && dice.OneIn(2) ? 1 + dice.Below(std::max(1u, own + others)) : 0;
+    if (own < 2)
+        return schedule;
     // By turns one change of the turn and two; the one before each of the calls, in an order that is soon everywhere.
     constexpr std::uint64_t STRIDE = 10'007; // a prime above any number of calls
     const std::uint64_t nth = (round - 2) / 4;
-    if ((round - 2) / 2 % 2 == 0 && nth < own) {
-        schedule.turns[0] = static_cast<std::uint32_t>(1 + nth * STRIDE % own);
+    if ((round - 2) / 2 % 2 == 0 && nth < own - 1) {
+        schedule.turns[0] = static_cast<std::uint32_t>(2 + nth * STRIDE % (own - 1));
         return schedule;
     }
-    schedule.turns[0] = 1 + dice.Below(std::max(1u, own));
-    schedule.turns[1] = schedule.turns[0] + 1 + dice.Below(all);
+    schedule.turns[0] = 2 + dice.Below(own - 1);
+    // The other one's first call is the next: back before its second or a later one.
+    if (others >= 2)
+        schedule.turns[1] = schedule.turns[0] + 2 + dice.Below(others - 1);
     return schedule;
 }
 

@@ -54,16 +54,18 @@ std::string ToText(const Schedule& schedule);
 std::optional<Schedule> ParseSchedule(std::string_view text);
 
 struct ScheduleRun {
-    std::string wrong;       // empty: nothing
-    std::uint64_t trace = 0; // of calls, outcomes and turns
-    bool met = false;
+    std::string wrong;               // empty: nothing
+    std::uint64_t trace = 0;         // of calls, outcomes and turns
+    bool met = false;                // a meeting took place
     std::uint32_t calls[2] = {0, 0}; // of each process between meeting and end of its export
     std::uint32_t changes = 0;       // how often the turn changed
+    std::uint32_t alternations = 0;  // calls of a meeting that another process made than the call before
 };
 ScheduleRun RunSchedule(const Schedule& schedule, bool tell = false);
 
 // Which of the schedules of a seed. Even numbers are meetings: of each pair of exports, in each state of the machine, first
-// without a change of the turn, then with one (before each call) and with two (chosen) by turns. Odd ones are mixes.
+// without a change of the turn, then with one (before each call but the first: there it says only who begins) and with two
+// (chosen) by turns. Odd ones are mixes.
 class Schedules {
 public:
     explicit Schedules(std::uint64_t seed) : m_seed(seed) {}

@@ -1,5 +1,6 @@
 // Who runs when.
 #include "double/control.h"
+#include "proof/current_run.h"
 #include "proof/random_history.h"
 #include "proof/schedule.h"
 #include "proof/world.h"
@@ -57,7 +58,8 @@ private:
     std::vector<Process> m_processes;
     bool m_changing = false; // the turn may change now
     std::uint32_t m_calls = 0;
-    int m_main = 0; // its address: where the main thread stands still
+    std::size_t m_caller = NOBODY; // who made the last call
+    int m_main = 0;                // its address: where the main thread stands still
 };
 
 std::string Director::Run()
@@ -211,6 +213,8 @@ void Director::BeforeCall() noexcept
     if (m_schedule.meets) {
         Process& process = m_processes[t_process];
         ++m_run.calls[t_process];
+        m_run.alternations += m_caller != NOBODY && m_caller != t_process ? 1 : 0;
+        m_caller = t_process;
         WakeOther(process);
         if (call == m_schedule.writes)
             DoubleRunOutside([](void* director) { static_cast<Director*>(director)->Write(0); }, this);
@@ -245,6 +249,7 @@ ScheduleRun RunSchedule(const Schedule& schedule, bool tell)
 {
     ScheduleRun run;
     const std::string text = "./dev sim --replay \"" + ToText(schedule) + "\"";
+    const CurrentRun current(text);
     DoubleTellIfStuck(text.c_str());
     {
         World world(schedule.before.volumes, MOST_PROCESSES);

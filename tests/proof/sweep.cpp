@@ -1,9 +1,10 @@
 #include "proof/sweep.h"
 
+#include "proof/current_run.h"
 #include "proof/random_history.h"
-#include "proof/world.h"
+#include "proof/sweep_path.h"
 
-#include <optional>
+#include <algorithm>
 
 namespace vtproof {
 
@@ -11,10 +12,16 @@ namespace {
 
 using How = Fault::How;
 
-constexpr std::uint32_t SWEEP_ERRORS[] = {5, 8, 31, 1450};
+constexpr std::uint32_t SWEEP_ERRORS[] = {5, 8, 31, 32, 112, 1450};
+// Once: who is told for ever that there is more reads for ever.
+constexpr std::uint32_t SWEEP_MORE_DATA = 234;
+// Where it is no answer to the question whether something is there; once: the others are asked that.
+constexpr std::uint32_t SWEEP_NOT_THERE[] = {2, 3};
 constexpr std::uint32_t TORN = 77; // a seed
 // One run in so many looks at everything behind it, the others only for lost changes and what is left open.
-constexpr std::uint64_t THOROUGH = 8;
+constexpr std::uint32_t THOROUGH = 8;
+// Bitmaps of this many blocks are longer than a sector, and can be torn and cut in what counts.
+constexpr std::uint32_t LONG_GRAINS = 4096;
 
 class Sweeper {
 public:
@@ -24,6 +31,8 @@ public:
     {
         for (std::size_t i = 0; i < scenarios.size(); ++i) {
             m_scenario = &scenarios[i];
+            m_history = scenarios[i].history;
+            Vary(i);
             m_share = static_cast<double>(i) / static_cast<double>(scenarios.size());
             if (!RunScenario())
                 break;
@@ -32,73 +41,136 @@ public:
     }
 
 private:
+    // Who is told that a fetch failed reads everything, or takes it that nothing was forgotten and asks again: by scenario.
+    void Vary(std::uint64_t number)
+    {
+        const std::uint32_t asksAgain = Dice(number ^ m_options.seed << 32).Below(AGAIN_COUNT);
+        for (std::uint32_t application = 0; application < APPLICATIONS && asksAgain != AGAIN_NEVER; ++application)
+            m_history.operations.insert(m_history.operations.begin(),
+                                        {Do::AsksAgain, application, 0, asksAgain, 0, {}});
+    }
+
     bool RunScenario()
     {
-        const History& history = m_scenario->history;
-        if (history.operations.empty())
+        const History& history = m_history;
+        if (m_scenario->history.operations.empty())
             return Broken(history, "the scenario cannot be read");
-        World::Calls calls;
-        {
-            World world(history.volumes);
-            for (std::size_t i = 0; i + 1 < history.operations.size(); ++i) {
-                const std::string wrong = world.Run(history.operations[i]);
-                if (!wrong.empty())
-                    return Broken(history, wrong);
-            }
-            calls = world.CountCalls(history.operations.back());
-        }
+        std::string wrong;
+        m_path = FollowPath(history, {}, wrong);
+        if (!wrong.empty())
+            return Broken(history, wrong);
+        m_oneIn = m_options.oneIn;
         switch (m_options.kind) {
         case SweepKind::Failures:
-            return Each(calls.all, [&](std::uint32_t nth) {
-                for (const std::uint32_t error : SWEEP_ERRORS) {
-                    if (!Try({{How::Fail, nth, error}}) || !Try({{How::FailOn, nth, error}}))
-                        return false;
-                }
-                return true;
-            });
+            return Each(CountOf(m_path.refusable), [&](std::uint32_t nth) { return FailEach(nth); });
         case SweepKind::Effects:
-            return Each(calls.writes + 10, [&](std::uint32_t nth) {
-                for (std::uint32_t function = 0; function < 5; ++function) {
-                    if (!Try({{How::FailAfter, nth, function}}))
-                        return false;
-                }
-                return Try({{How::Short, nth, 0}}) && Try({{How::Short, nth, 90}}) && Try({{How::Short, nth, 4095}});
-            });
+            return FailBehindEach() && EachCut([&](std::uint32_t nth, std::uint32_t bytes) {
+                       return Try({{How::Short, nth, bytes}});
+                   });
         case SweepKind::Memory:
-            return Each(calls.allocations, [&](std::uint32_t nth) {
+            return Each(m_path.allocations, [&](std::uint32_t nth) {
                 return Try({{How::NoMemory, nth, 0}}) && Try({{How::NoMemoryOn, nth, 0}});
             });
         case SweepKind::Deaths:
-            return Each(calls.all,
+            return Each(CountOf(m_path.calls),
                         [&](std::uint32_t nth) {
                             return Try({{How::DieBefore, nth, 0}}) && Try({{How::DieAfter, nth, 0}});
                         }) &&
-                   Each(calls.writes, [&](std::uint32_t nth) {
-                       return Try({{How::DieInWrite, nth, 0}}) && Try({{How::DieInWrite, nth, 60}}) &&
-                              Try({{How::DieInWrite, nth, 4092}});
+                   EachCut([&](std::uint32_t nth, std::uint32_t bytes) {
+                       return Try({{How::DieInWrite, nth, bytes}});
                    });
         case SweepKind::PowerCuts:
-            return Each(calls.all, [&](std::uint32_t nth) {
-                return TryThen({{How::DieBefore, nth, 0}}, PowerCut(0)) &&
-                       TryThen({{How::DieBefore, nth, 0}}, PowerCut(1)) &&
-                       TryThen({{How::DieBefore, nth, 0}}, PowerCut(TORN + nth));
-            });
+            return Each(CountOf(m_path.calls), [&](std::uint32_t nth) { return CutPowerAt(nth); });
         case SweepKind::SecondDeaths:
-            return Each(calls.all, [&](std::uint32_t nth) {
-                return Each(calls.all, [&](std::uint32_t second) {
-                    Operation again = m_scenario->history.operations.back();
-                    again.faults = {{How::DieBefore, second, 0}};
-                    return TryThen({{How::DieAfter, nth, 0}}, again);
-                });
-            });
+            return EachRow(CountOf(m_path.calls), [&](std::uint32_t nth) { return DieAgainBehind(nth); });
         default:
-            return Each(calls.all, [&](std::uint32_t nth) {
-                return Each(calls.all - nth, [&](std::uint32_t further) {
-                    return Try({{How::Fail, nth, SWEEP_ERRORS[nth % 4]},
-                                {How::Fail, nth + further, SWEEP_ERRORS[further % 4]}});
-                });
-            });
+            return EachRow(CountOf(m_path.refusable), [&](std::uint32_t nth) { return FailAgainBehind(nth); });
         }
+    }
+
+    bool FailEach(std::uint32_t nth)
+    {
+        for (const std::uint32_t error : SWEEP_ERRORS) {
+            if (!Try({{How::Fail, nth, error}}) || !Try({{How::FailOn, nth, error}}))
+                return false;
+        }
+        if (!Try({{How::Fail, nth, SWEEP_MORE_DATA}}))
+            return false;
+        if (SaysWhetherSomethingIsThere(m_path.refusable[nth - 1]))
+            return true;
+        return std::all_of(std::begin(SWEEP_NOT_THERE), std::end(SWEEP_NOT_THERE), [&](std::uint32_t error) {
+            return Try({{How::Fail, nth, error}});
+        });
+    }
+
+    bool FailBehindEach()
+    {
+        for (std::uint32_t function = 0; function < std::size(CHANGING); ++function) {
+            const auto made = std::count(m_path.calls.begin(), m_path.calls.end(), CHANGING[function]);
+            if (!Each(static_cast<std::uint32_t>(made), [&](std::uint32_t nth) {
+                    return Try({{How::FailAfter, nth, function}});
+                }))
+                return false;
+        }
+        return true;
+    }
+
+    // Each write, cut at: nothing, in the signature (or the trailer, when it is written by itself), in the header, in the
+    // bits, and behind everything, the next call not being made; in long bitmaps also in another sector of the bits.
+    template <class Work>
+    bool EachCut(const Work& work)
+    {
+        const auto writes =
+            static_cast<std::uint32_t>(std::count(m_path.calls.begin(), m_path.calls.end(), L"WriteFile"));
+        return Each(writes, [&](std::uint32_t nth) {
+            return work(nth, 0) && work(nth, 2) && work(nth, 60) && work(nth, 90) && work(nth, 4092) &&
+                   (!IsLong() || work(nth, 600));
+        });
+    }
+
+    bool CutPowerAt(std::uint32_t nth)
+    {
+        const std::vector<Fault> death = {{How::DieBefore, nth, 0}};
+        if (!TryThen(death, PowerCut(0)) || !TryThen(death, PowerCut(1)))
+            return false;
+        return Each(IsLong() ? 3 : 1, [&](std::uint32_t way) { return TryThen(death, PowerCut(TORN * way + nth)); });
+    }
+
+    // A death behind the nth call; then the operation again, or who lost what it was in the middle of backs up, and dies
+    // before each of its calls.
+    bool DieAgainBehind(std::uint32_t nth)
+    {
+        History history = m_history;
+        Operation again = history.operations.back();
+        if (again.what == Do::Fetch || again.what == Do::Finish || again.what == Do::Abandon) {
+            again = Operation();
+            again.what = Do::Backup;
+            again.application = history.operations.back().application;
+        }
+        history.operations.back().faults = {{How::DieAfter, nth, 0}};
+        history.operations.push_back(again);
+        std::string wrong;
+        const SweepPath path = FollowPath(history, {}, wrong);
+        if (!wrong.empty())
+            return Broken(history, wrong);
+        return Each(CountOf(path.calls), [&](std::uint32_t second) {
+            again.faults = {{How::DieBefore, second, 0}};
+            return TryThen({{How::DieAfter, nth, 0}}, again);
+        });
+    }
+
+    // The nth call fails, and then each of those that are made behind it.
+    bool FailAgainBehind(std::uint32_t nth)
+    {
+        constexpr std::size_t ERRORS = std::size(SWEEP_ERRORS);
+        const Fault first = {How::Fail, nth, SWEEP_ERRORS[nth % ERRORS]};
+        std::string wrong;
+        const SweepPath path = FollowPath(m_history, first, wrong);
+        if (!wrong.empty())
+            return Broken(m_history, wrong);
+        return Each(CountOf(path.refusable) - nth, [&](std::uint32_t further) {
+            return Try({first, {How::Fail, nth + further, SWEEP_ERRORS[further % ERRORS]}});
+        });
     }
 
     template <class Work>
@@ -110,6 +182,25 @@ private:
         }
         return true;
     }
+
+    // What is behind each is found out by a run of its own: a sample takes few of them, and of those more.
+    template <class Work>
+    bool EachRow(std::uint32_t count, const Work& work)
+    {
+        std::uint32_t rows = 1;
+        while ((rows + 1) * (rows + 1) <= m_options.oneIn)
+            ++rows;
+        m_oneIn = (m_options.oneIn + rows - 1) / rows;
+        return Each(count, [&](std::uint32_t nth) {
+            return Dice(++m_row ^ m_options.seed << 32).Below(rows) != 0 || work(nth);
+        });
+    }
+
+    static std::uint32_t CountOf(const std::vector<std::wstring>& calls)
+    {
+        return static_cast<std::uint32_t>(calls.size());
+    }
+    bool IsLong() const { return m_history.volumes.front().grains >= LONG_GRAINS; }
 
     static Operation PowerCut(std::uint32_t how)
     {
@@ -128,20 +219,37 @@ private:
         const std::uint64_t number = m_number++;
         if (number % m_options.parts != m_options.part)
             return true;
-        if (m_options.oneIn > 1 && Dice(number ^ m_options.seed << 32).Below(m_options.oneIn) != 0)
+        Dice dice(number ^ m_options.seed << 32);
+        if (dice.Below(m_oneIn) != 0)
             return true;
-        History history = m_scenario->history;
+        History history = m_history;
         history.operations.back().faults = std::move(faults);
+        // Two in three: whoever is swept asks again behind a fetch that failed.
+        if (const std::uint32_t again = dice.Below(AGAIN_COUNT); again != AGAIN_NEVER)
+            history.operations.insert(history.operations.begin(),
+                                      {Do::AsksAgain, history.operations.back().application, 0, again, 0, {}});
         if (then != nullptr)
             history.operations.push_back(*then);
+        // Behind a power cut everything is to be verified: what it did to the files shows only later.
+        const bool thoroughly = dice.OneIn(THOROUGH) || m_options.kind == SweepKind::PowerCuts;
         bool struck = false;
-        const auto thoroughly = m_result.runs % THOROUGH == 0 ? World::Thoroughly::Yes : World::Thoroughly::No;
-        const std::string wrong = RunHistory(history, thoroughly, &struck);
+        const std::string wrong = RunOne(history, thoroughly, &struck);
         ++m_result.runs;
         m_result.struck += struck ? 1 : 0;
+        if (!struck)
+            m_result.missed = history;
+        m_result.thorough += thoroughly ? 1 : 0;
         if (!wrong.empty())
             return Broken(history, wrong);
         return m_result.runs % 64 != 0 || !m_options.progress || m_options.progress(m_result.runs, m_share);
+    }
+
+    std::string RunOne(const History& history, bool thoroughly, bool* struck)
+    {
+        if (m_options.run)
+            return m_options.run(history, thoroughly, struck);
+        const CurrentRun current("./dev sim --replay \"" + ToText(history) + "\"");
+        return RunHistory(history, thoroughly ? World::Thoroughly::Yes : World::Thoroughly::No, struck);
     }
 
     bool Broken(const History& history, const std::string& wrong)
@@ -154,8 +262,12 @@ private:
 
     const SweepOptions& m_options;
     const Scenario* m_scenario = nullptr;
+    History m_history; // of the scenario
+    SweepPath m_path;
     double m_share = 0;
+    std::uint32_t m_oneIn = 1;
     std::uint64_t m_number = 0;
+    std::uint64_t m_row = 0;
     SweepResult m_result;
 };
 

@@ -39,13 +39,18 @@ struct SweepOptions {
     std::uint64_t seed = 0;
     // Called now and then with the runs done and the share of the scenarios; false ends the sweep.
     std::function<bool(std::uint64_t runs, double share)> progress;
+    // Done in the place of a run; gives what the run gives, *struck included. Empty: runs.
+    std::function<std::string(const History& history, bool thoroughly, bool* struck)> run;
 };
 
 struct SweepResult {
     std::uint64_t runs = 0;
-    std::uint64_t struck = 0; // runs in which the fault met something
-    std::string scenario;     // of a broken run
-    std::string wrong;        // empty: none is broken
+    std::uint64_t struck =
+        0;          // runs in which the fault met something: all, or the sweep is mistaken about the operation
+    History missed; // one of the others
+    std::uint64_t thorough = 0; // runs behind which everything is looked at
+    std::string scenario;       // of a broken run
+    std::string wrong;          // empty: none is broken
     History history;
 };
 

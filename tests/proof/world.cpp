@@ -65,11 +65,18 @@ void SetFault(DWORD what, const wchar_t* function, DWORD nth, DWORD count, DWORD
     vtfltsim::Check("VTFltSimSetCallFault", VTFltSimSetCallFault(&fault));
 }
 
+Verdicts g_verdicts;
+
 } // namespace
+
+const Verdicts& VerdictsSoFar()
+{
+    return g_verdicts;
+}
 
 World::World(const std::vector<VolumeShape>& volumes, std::size_t applications)
     : m_log(std::make_unique<ProofLog>()), m_machine(NewMachine()), m_expected(applications, GrainsOf(volumes)),
-      m_applications(applications), m_claims(volumes.size())
+      m_applications(applications), m_events(volumes.size()), m_claims(volumes.size())
 {
     for (std::size_t i = 0; i < volumes.size(); ++i) {
         VTFLTSIM_VOLUME_CONFIG config = {};
@@ -140,6 +147,7 @@ World::Went World::InGuest(Application& application, void (*work)(const void*), 
     if (through)
         return Went::Through;
     m_struck = true;
+    m_mayBeCutShort = true;
     Disarm();
     return Went::Died;
 }
@@ -153,8 +161,6 @@ DoubleGuest* World::Guest(Application& application)
 
 void World::Arm(const std::vector<Fault>& faults)
 {
-    constexpr const wchar_t* CHANGING[] = {L"RegSetValueExW", L"RegDeleteValueW", L"WriteFile", L"DeleteFileW",
-                                           L"DeviceIoControl"};
     m_struck = false;
     m_armed = m_armed || !faults.empty();
     for (const Fault& fault : faults) {
@@ -174,6 +180,11 @@ void World::Arm(const std::vector<Fault>& faults)
             break;
         case Fault::How::Short:
             SetFault(VTFLTSIM_CALL_SHORT, L"WriteFile", fault.nth, 1, 0, fault.error);
+            m_mayBeCutShort = true;
+            break;
+        case Fault::How::FailOf:
+            SetFault(VTFLTSIM_CALL_FAILS, FUNCTIONS[fault.error / 1000 % std::size(FUNCTIONS)], fault.nth, 1,
+                     fault.error % 1000);
             break;
         case Fault::How::NoMemory:
         case Fault::How::NoMemoryOn:
@@ -189,6 +200,7 @@ void World::Arm(const std::vector<Fault>& faults)
         case Fault::How::DieInWrite:
             vtfltsim::Check("VTFltSimCallBefore",
                             VTFltSimCallBefore(L"WriteFile", nullptr, fault.nth, 1, DieSoon, nullptr));
+            m_mayBeCutShort = true;
             SetFault(VTFLTSIM_CALL_SHORT, L"WriteFile", fault.nth, 1, 0, fault.error);
             break;
         default:
@@ -231,11 +243,14 @@ void World::CountMemory(DWORD before)
 
 // --- One operation.
 
-std::string World::Run(const Operation& operation)
+std::string World::Run(const Operation& operation, bool beforeACut)
 {
     if (operation.what != Do::PowerCut) {
         for (const std::wstring& folder : m_folders)
             DoubleSyncBelow(folder.c_str());
+        m_watched.on = false;
+        if (!operation.faults.empty() || beforeACut)
+            StartWatching(operation);
     }
     Tell(ToText(operation));
     Arm(operation.faults);
@@ -245,13 +260,18 @@ std::string World::Run(const Operation& operation)
     std::string wrong = Dispatch(operation);
     Disarm();
     m_faulty = false;
+    if (wrong.empty())
+        wrong = TakeWrongAnswer();
     for (Application& application : m_applications) {
         if (wrong.empty())
             wrong = CheckOpen(application);
     }
+    if (wrong.empty() && operation.what != Do::PowerCut)
+        wrong = CheckWatched();
     if (wrong.empty() && m_log->Broken() != 0)
         wrong = "a log record is not one whole line";
     Mix(m_log->Sum());
+    Mix(m_calls.All());
     return wrong;
 }
 
@@ -305,10 +325,12 @@ std::string World::Dispatch(const Operation& operation)
     }
     case Do::LoseTracking:
         Disturb();
+        Happened(volume);
         VTFltSimLoseTracking(m_machine->handle(), guid.c_str());
         return {};
     case Do::Resize:
         Disturb();
+        Happened(volume);
         m_expected.Resize(volume, operation.a);
         vtfltsim::Check("VTFltSimResizeVolume",
                         VTFltSimResizeVolume(m_machine->handle(), guid.c_str(), std::uint64_t{operation.a} * GRAIN));
@@ -316,63 +338,66 @@ std::string World::Dispatch(const Operation& operation)
         return {};
     case Do::SetBlockSize:
         Disturb();
+        Happened(volume);
         vtfltsim::Check("VTFltSimSetBlockSize", VTFltSimSetBlockSize(m_machine->handle(), guid.c_str(), operation.a));
         KeepMapped();
         return {};
     case Do::Damage:
         Disturb();
+        Happened(volume);
         Damage(operation);
         return {};
     case Do::PowerCut:
         Disturb();
-        PowerCut(operation.a);
-        return {};
+        HappenedEverywhere();
+        return PowerCut(operation.a);
     case Do::StopDriver:
-        Disturb();
-        m_machine->SetDriver(VTFLTSIM_DRIVER_ABSENT);
-        return {};
     case Do::StartDriver:
         Disturb();
-        m_machine->SetDriver(VTFLTSIM_DRIVER_WORKING);
+        HappenedEverywhere();
+        m_machine->SetDriver(operation.what == Do::StartDriver ? VTFLTSIM_DRIVER_WORKING : VTFLTSIM_DRIVER_ABSENT);
         return {};
     case Do::StartTracking:
         Disturb();
+        Happened(volume);
         VTFltSimStartTracking(m_machine->handle(), guid.c_str());
         return {};
-    case Do::StopVolume: {
-        const Disturbance disturbance(*this);
-        return Ended(application, In(application, [&] {
-                         Call(application, Exported::StopVolume,
-                              [&] { return VTFltStopMonitorVolume(m_devices[volume].c_str()); });
-                     }));
-    }
-    case Do::StopVolumes: {
-        const Disturbance disturbance(*this);
-        return Ended(application, In(application, [&] {
-                         Call(application, Exported::StopVolumes, [] { return VTFltStopMonitorVolumes(); });
-                     }));
-    }
-    case Do::MarkAll: {
-        const Disturbance disturbance(*this);
-        return Ended(application, In(application, [&] {
-                         Call(application, Exported::AddVolumesToVerifyList,
-                              [&] { return VTAddVolumesToAppVerifyList(application.id.c_str()); });
-                     }));
-    }
+    case Do::StopVolume:
+        Happened(volume);
+        return StopTracking(application, Exported::StopVolume, volume);
+    case Do::StopVolumes:
+        HappenedEverywhere();
+        return StopTracking(application, Exported::StopVolumes, 0);
+    case Do::MarkAll:
+        return MarkAll(application);
     case Do::Unmark:
         return Unmark(application);
     case Do::Monitor:
         return Monitor(application, operation.a != 0);
     case Do::Ask:
         return Ask(application, volume);
+    case Do::AsksAgain:
+        application.asksAgain = operation.a % AGAIN_COUNT;
+        return {};
     default:
         return "an operation that is none";
     }
 }
 
-std::string World::Ended(Application& application, Went went)
+void World::HappenedEverywhere()
 {
-    return went == Went::Died ? Crash(application) : std::string();
+    for (unsigned& events : m_events)
+        ++events;
+}
+
+std::string World::TakeWrongAnswer()
+{
+    if (m_wrongAnswer.what == nullptr)
+        return {};
+    std::string wrong = std::string(EXPORT_NAMES[static_cast<std::size_t>(m_wrongAnswer.exported)]) + " " +
+                        m_wrongAnswer.what + ", " + std::to_string(m_wrongAnswer.result);
+    m_wrongAnswer.what = nullptr;
+    return wrong;
 }
 
 World::Calls World::CountCalls(const Operation& operation)
@@ -383,7 +408,9 @@ World::Calls World::CountCalls(const Operation& operation)
     const DWORD writes = VTFltSimGetCallCount(L"WriteFile");
     vtfltsim::Check("VTFltSimCallBefore", VTFltSimCallBefore(ANY_CALL, nullptr, 1, 0, count, &calls.all));
     m_allocations = 0;
+    m_faulty = true; // as when one of the calls is to fail: some operations do more when none is
     Dispatch(operation);
+    m_faulty = false;
     Disarm();
     calls.writes = VTFltSimGetCallCount(L"WriteFile") - writes;
     calls.allocations = m_allocations;
@@ -409,11 +436,10 @@ std::string World::EndGuest(Application& application, bool died)
             application.guest, [](void* argument) { VTFltDeinitBitmapManager(*static_cast<const HANDLE*>(argument)); },
             const_cast<HANDLE*>(&handle));
     }
-    const bool hadSession = session.open;
     EndSession(application);
     const DoubleLeft left = DoubleEndGuest(application.guest);
     application.guest = nullptr;
-    if (died || hadSession)
+    if (died)
         return {};
     if (left.open.handles + left.open.keys + left.open.views + left.open.ownedMutexes != 0)
         return "a process left something open";
@@ -468,6 +494,11 @@ void World::Disturb()
         for (Chain& chain : application.chains)
             chain.undisturbed = 0;
     }
+}
+
+void World::Count(std::uint64_t Verdicts::*which)
+{
+    ++(g_verdicts.*which);
 }
 
 void World::Mix(std::uint64_t value)

@@ -7,11 +7,15 @@
 #pragma once
 
 #include "double/control.h"
+#include "proof/answers.h"
+#include "proof/bitmap_file.h"
+#include "proof/call_counts.h"
 #include "proof/expected.h"
 #include "proof/exported.h"
 #include "proof/operation.h"
 #include "vtfltsim/VTFltSim.hpp"
 
+#include <array>
 #include <functional>
 #include <memory>
 #include <string>
@@ -21,8 +25,22 @@ namespace vtproof {
 
 class ProofLog;
 
+inline constexpr DWORD NOTHING_SAID = 0xFFFFFFFF;
+
 // Undisturbed backups in a row, after which nothing of a disturbance may be left.
 inline constexpr unsigned SETTLED_ROUNDS = 2;
+
+// What the runs of this program were held against so far, over all machines.
+struct Verdicts {
+    std::uint64_t reported = 0;    // backups that took the reported blocks: what was lost shows
+    std::uint64_t everything = 0;  // backups that read everything: nothing can show
+    std::uint64_t nothingElse = 0; // bitmaps held against one block's width around the writes
+    std::uint64_t askedAgain = 0;  // backups that took the reported blocks behind a fetch that had failed
+    std::uint64_t files = 0;       // bitmap files looked at right behind a fault, a death or a power cut,
+    std::uint64_t unusable = 0;    // and how many of them had become unusable
+    std::uint64_t owed = 0;        // what was owed to an application, sought there in its files and with the driver
+};
+const Verdicts& VerdictsSoFar();
 
 class World {
 public:
@@ -39,8 +57,8 @@ public:
     };
     Calls CountCalls(const Operation& operation);
 
-    // Empty, or what is wrong.
-    std::string Run(const Operation& operation);
+    // Empty, or what is wrong. Beforehand: what the bitmap files may be behind it is noted, for a power cut that comes next.
+    std::string Run(const Operation& operation, bool beforeACut = false);
     // Everything is put right: no faults, a working driver, no cut files. Then every application backs up every volume,
     // once (a lost change shows) or so often that nothing may be left of what went wrong before.
     enum class Thoroughly : bool { No, Yes };
@@ -61,8 +79,9 @@ public:
 
     // A fault of the last operation struck.
     bool Struck() const { return m_struck; }
-    // The order and outcome of all calls so far, as one number.
-    std::uint64_t Trace() const { return m_trace; }
+    // As one number: what every operation gave and logged so far, in order, how many calls of Windows each of them made,
+    // and how often each function was called.
+    std::uint64_t Trace() const { return m_trace ^ m_calls.Sum(); }
     void Mix(std::uint64_t value);
     // Writes every operation and log record to the standard error.
     void TellStory();
@@ -75,6 +94,9 @@ private:
         std::uint32_t blockSize = 0;
         std::size_t grains = 0;
         unsigned undisturbed = 0; // backups in a row with nothing wrong before or in them
+        unsigned reported = 0;    // backups whose report of success was answered with success
+        unsigned events = 0;      // of the volume, when the last of these began
+        bool failed = false;      // the last fetch failed, and the application asks again
     };
     // A backup under way.
     struct Session {
@@ -90,6 +112,7 @@ private:
         bool fetched = false;
         bool reportable = true;
         bool disturbed = false;
+        unsigned events = 0; // of the volume, when it began
         DWORD blockSize = 0;
         DWORD length = 0; // of the fetched bitmap
     };
@@ -101,6 +124,20 @@ private:
         std::vector<std::uint8_t> buffer;
         bool monitors = false;
         bool registered = false; // as far as it knows
+        std::uint32_t asksAgain = AGAIN_NEVER;
+    };
+    // The bitmap files as they were before an operation that something goes wrong in, and what they may become by it.
+    struct Watched {
+        bool on = false;
+        Operation operation;
+        std::size_t volume = SIZE_MAX;                // that the operation backs up; all ones: none
+        bool reports = false;                         // it came to the report of success
+        bool cut = false;                             // the power, behind it,
+        bool torn = false;                            // and what was not flushed is torn
+        Bits changes;                                 // handed back
+        std::vector<std::array<BitmapFile, 2>> files; // by volume and application: child and base
+        std::vector<Bits> driver;                     // what the driver may hand out of the volume
+        std::size_t bitmapBytes = 0;                  // of the volume
     };
     // While operations run at the same time.
     struct Registrations {
@@ -132,26 +169,48 @@ private:
             application, [](const void* argument) { (*static_cast<const Work*>(argument))(); }, &work);
     }
     Went InGuest(Application& application, void (*work)(const void*), const void* argument);
+    // An export's result: one that the header names, and nothing thrown. Allocates nothing.
+    template <class Work>
+    DWORD Answered(Exported exported, const Work& work)
+    {
+        DWORD result = NOTHING_SAID;
+        try {
+            result = work();
+        } catch (...) {
+            NoteWrong(exported, "throws");
+            return result;
+        }
+        if (!IsDocumented(exported, result))
+            NoteWrong(exported, "gives a result that is not documented", result);
+        return result;
+    }
     // One export, called in the application's process.
     template <class Work>
     DWORD Call(const Application& application, Exported exported, const Work& work)
     {
         if (m_watch == nullptr)
-            return work();
+            return Answered(exported, work);
         const auto number = static_cast<std::size_t>(&application - m_applications.data());
         while (m_watch != nullptr) {
             const Registrations before = m_registrations;
             m_watch->Enters(number, exported);
             NoteCall(exported, 1);
-            const DWORD result = work();
+            const DWORD result = Answered(exported, work);
             NoteCall(exported, -1);
             m_watch->Leaves(number, exported);
             // Nobody can read a list that grows meanwhile (Limit.AListThatGrowsWhileItIsReadCannotBeRead): once more.
             if (!Overlapped(before) || !IsUnreadableList(exported, result))
                 return result;
         }
-        return work();
+        return Answered(exported, work);
     }
+    // Kept, the first of them, until the operation is over.
+    void NoteWrong(Exported exported, const char* what, DWORD result = 0)
+    {
+        if (m_wrongAnswer.what == nullptr)
+            m_wrongAnswer = {exported, what, result};
+    }
+    std::string TakeWrongAnswer();
     // While it lives, and for a while behind, backups need not be as undisturbed ones are.
     class Disturbance {
     public:
@@ -181,16 +240,21 @@ private:
     std::string Unregister(Application& application);
     std::string Begin(std::size_t application, std::size_t volume);
     std::string Fetch(std::size_t application);
+    static constexpr std::size_t NOWHERE = SIZE_MAX;
+    DWORD FetchOnce(Application& application);
     std::string Finish(std::size_t application, std::size_t first, std::size_t count);
     std::string Commit(std::size_t application);
     std::string Backup(const Operation& operation);
     void Abandon(Application& application);
     std::string Crash(Application& application);
-    std::string Ended(Application& application, Went went);
+    std::string MarkAll(Application& application);
+    std::string StopTracking(Application& application, Exported exported, std::size_t volume);
+    bool HasFiles(std::size_t volume) const;
+    bool IsDriverThere() const;
     std::string EndGuest(Application& application, bool died);
     void EndSession(Application& application);
     void Damage(const Operation& operation);
-    void PowerCut(std::uint32_t how);
+    std::string PowerCut(std::uint32_t how);
     std::string Ask(Application& application, std::size_t volume);
     std::string Unmark(Application& application);
     std::string Monitor(Application& application, bool on);
@@ -201,8 +265,20 @@ private:
     Reported ReportedBlocks(const Application& application) const;
     std::string CheckOpen(Application& application);
     std::string CheckFiles() const;
+    void PutRight();
+    void StartWatching(const Operation& operation);
+    std::string CheckWatched();
+    std::string CheckWatched(std::size_t number, std::size_t volume, bool base);
+    bool IsMixed(std::size_t number, std::size_t volume, bool base, const BitmapFile& now) const;
+    std::string CheckOwed(std::size_t number, std::size_t volume) const;
+    MayBe WhatMayBe(std::size_t number, std::size_t volume, bool base) const;
+    BitmapFile ReadFile(std::size_t number, std::size_t volume, bool base) const;
+    bool IsListedForResync(const std::wstring& name, std::size_t volume) const;
+    void Happened(std::size_t volume) { ++m_events[volume]; }
+    void HappenedEverywhere();
     std::wstring FilePath(const Application& application, std::size_t volume, bool base) const;
     void Disturb();
+    static void Count(std::uint64_t Verdicts::*which);
     bool Claim(Application& application, std::size_t volume);
     DWORD Replicate(Application& application);
     DWORD AskForVerify(Application& application, std::size_t volume);
@@ -211,6 +287,7 @@ private:
 
     std::unique_ptr<ProofLog> m_log;
     std::unique_ptr<vtfltsim::SimMachine> m_machine;
+    CallCounts m_calls;
     std::vector<vtfltsim::Volume> m_volumes;
     std::vector<std::wstring> m_roots;
     std::vector<std::wstring> m_devices;
@@ -227,7 +304,17 @@ private:
     bool m_tells = false;
     bool m_armed = false;
     unsigned m_disturbances = 0; // under way
-    int m_replicating = 0;       // who is in VTReplicateVerifyList
+    // By volume: how often its block size, length, tracking or files changed, or the power went. Then more may be reported
+    // than was written.
+    std::vector<unsigned> m_events;
+    bool m_mayBeCutShort = false; // a bitmap file
+    Watched m_watched;
+    struct {
+        Exported exported;
+        const char* what; // null: none
+        DWORD result;
+    } m_wrongAnswer{Exported::Count, nullptr, 0};
+    int m_replicating = 0; // who is in VTReplicateVerifyList
     // While operations run at the same time.
     ExportWatch* m_watch = nullptr; // null: one by one
     bool m_sharesVolumes = false;

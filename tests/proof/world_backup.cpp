@@ -11,6 +11,14 @@ namespace vtproof {
 namespace {
 
 constexpr DWORD VERIFY = VTFLT_VERIFY_REQUIRED;
+// Stands in a buffer behind the room that the library is told of.
+constexpr std::uint8_t NOT_YOURS = 0xA5;
+constexpr std::ptrdiff_t GUARDED = 64;
+
+bool HasFailed(DWORD result)
+{
+    return result != 0 && result != VERIFY;
+}
 
 } // namespace
 
@@ -102,6 +110,7 @@ std::string World::Begin(std::size_t number, std::size_t volume)
         return {};
     session = Session();
     session.volume = volume;
+    session.events = m_events[volume];
     bool undisturbed = IsUndisturbed(number, volume);
     const Chain& chain = application.chains[volume];
     const bool fresh = !m_expected.HasBackup(number, volume);
@@ -178,22 +187,9 @@ std::string World::Fetch(std::size_t number)
     DWORD blockSize = 0;
     GET_LENGTH_INFORMATION length = {};
     const Went went = In(application, [&] {
-        BYTE input = 0;
-        DWORD size = 0;
-        BYTE* const buffer = application.buffer.data();
-        std::fill(application.buffer.begin(), application.buffer.end(), BYTE{0});
-        const auto fetch = [&](DWORD room) {
-            return Call(application, Exported::GetBitmap,
-                        [&] { return VTFltGetBitmap(session.handle, &input, 0, buffer, room, &size, 0); });
-        };
-        result = fetch(VTFLT_BITMAP_HEADER_BYTES);
-        if ((result == ERROR_MORE_DATA || result == ERROR_INSUFFICIENT_BUFFER) && size <= application.buffer.size()) {
-            const DWORD needed = size;
-            result = fetch(needed);
-            session.length = needed;
-        }
-        if ((result == 0 || result == VERIFY) && size < session.length)
-            result = VERIFY; // a short bitmap is none
+        result = FetchOnce(application);
+        if (HasFailed(result) && application.asksAgain == AGAIN_AT_ONCE)
+            result = FetchOnce(application);
         if (result == 0 && !session.verify) {
             // Tracking can be lost between the first question and the snapshot.
             again = Replicate(application);
@@ -216,8 +212,13 @@ std::string World::Fetch(std::size_t number)
     if (undisturbed && (result != 0 || asked != 0))
         return "fetching gives " + std::to_string(result) + " and asks for a verify " + std::to_string(asked) +
                " though nothing ever went wrong";
-    if (result == 0xFFFFFFFF && !m_faulty && undisturbed)
-        return "fetching failed";
+    Chain& chain = application.chains[session.volume];
+    if (HasFailed(result) && application.asksAgain != AGAIN_NEVER) {
+        // Nothing was forgotten, says the library: the next backup takes the reported blocks as this one would have.
+        chain.failed = true;
+        Abandon(application);
+        return {};
+    }
     const bool moved = blockSize != session.blockSize ||
                        static_cast<std::uint64_t>(length.Length.QuadPart) != session.grains.size() * GRAIN;
     if (result != 0 || asked != 0 || moved)
@@ -225,13 +226,50 @@ std::string World::Fetch(std::size_t number)
     // What was lost behind the snapshot is not in this backup, and the report takes the mark off.
     if (asked != 0 || moved)
         session.mustVerifyNext = true;
-    if (result != 0 && result != VERIFY) {
+    if (HasFailed(result)) {
         session.mustVerifyNext = true;
         session.reportable = false;
     }
-    if (undisturbed && m_expected.HasBackup(number, session.volume))
-        return m_expected.CheckNothingElse(number, session.volume, ReportedBlocks(application));
-    return {};
+    // One by one, neither a failure nor a death makes anything be reported that nobody wrote near.
+    const bool nothingElse = m_watch != nullptr ? undisturbed : chain.events == m_events[session.volume];
+    if (!nothingElse || HasFailed(result) || !m_expected.HasBackup(number, session.volume))
+        return {};
+    Count(&Verdicts::nothingElse);
+    return m_expected.CheckNothingElse(number, session.volume, ReportedBlocks(application));
+}
+
+// In the application's process: asks for the length, and then for the bitmap.
+DWORD World::FetchOnce(Application& application)
+{
+    Session& session = application.session;
+    std::vector<std::uint8_t>& buffer = application.buffer;
+    BYTE input = 0;
+    DWORD size = 0;
+    const auto fetch = [&](DWORD room) {
+        const auto end = buffer.begin() + room;
+        const auto guarded = end + std::min(GUARDED, buffer.end() - end);
+        std::fill(buffer.begin(), end, BYTE{0});
+        std::fill(end, guarded, NOT_YOURS);
+        const DWORD result = Call(application, Exported::GetBitmap, [&] {
+            return VTFltGetBitmap(session.handle, &input, 0, buffer.data(), room, &size, 0);
+        });
+        if (std::any_of(end, guarded, [](std::uint8_t byte) { return byte != NOT_YOURS; }))
+            NoteWrong(Exported::GetBitmap, "writes behind the buffer", room);
+        return result;
+    };
+    session.length = VTFLT_BITMAP_HEADER_BYTES;
+    DWORD result = fetch(VTFLT_BITMAP_HEADER_BYTES);
+    if ((result == ERROR_MORE_DATA || result == ERROR_INSUFFICIENT_BUFFER) && size <= buffer.size()) {
+        session.length = size;
+        result = fetch(session.length);
+    }
+    if (HasFailed(result))
+        return result;
+    std::uint64_t bits = 0;
+    std::copy(buffer.begin() + 8, buffer.begin() + 16, reinterpret_cast<std::uint8_t*>(&bits));
+    if (size > session.length || (result == 0 && bits != (size - std::uint64_t{VTFLT_BITMAP_HEADER_BYTES}) * 8))
+        NoteWrong(Exported::GetBitmap, "says more bytes or another number of bits than it gives", size);
+    return size < session.length ? VERIFY : result; // a short bitmap is none
 }
 
 Reported World::ReportedBlocks(const Application& application) const
@@ -268,6 +306,11 @@ std::string World::Finish(std::size_t number, std::size_t first, std::size_t cou
             if (VTFLT_BITMAP_HEADER_BYTES + block / 8 < changes.size())
                 changes[VTFLT_BITMAP_HEADER_BYTES + block / 8] |= static_cast<std::uint8_t>(0x80u >> block % 8);
         }
+        if (session.reportable) {
+            m_expected.HandBack(number, session.volume, first, count);
+            m_watched.changes.assign(changes.begin() + VTFLT_BITMAP_HEADER_BYTES, changes.end());
+            TrimZeros(m_watched.changes);
+        }
         if (session.reportable && In(application, [&] {
                                       result = Call(application, Exported::SyncSnapshotChanges, [&] {
                                           return VTFltSynSnapshotChangeBitmapToVolume(
@@ -289,6 +332,7 @@ std::string World::Finish(std::size_t number, std::size_t first, std::size_t cou
 
     DWORD reported = 0xFFFFFFFF;
     if (session.reportable) {
+        m_watched.reports = true;
         const Went went = In(application, [&] {
             reported = Call(application, Exported::ReplicationSuccess,
                             [&] { return VTFltReplicationSuccess(session.handle); });
@@ -300,6 +344,8 @@ std::string World::Finish(std::size_t number, std::size_t first, std::size_t cou
     Chain& chain = application.chains[session.volume];
     if (reported == 0) {
         m_expected.NoteSuccess(number, session.volume, session.taken);
+        ++chain.reported;
+        chain.events = session.events;
         if (!session.disturbed && !m_faulty)
             ++chain.undisturbed;
     } else if (IsUndisturbed(number, session.volume)) {
@@ -320,6 +366,10 @@ std::string World::Commit(std::size_t number)
         m_expected.TakeAll(number, session.volume, session.grains);
     else
         wrong = m_expected.TakeReported(number, session.volume, session.grains, ReportedBlocks(application));
+    Count(session.verify ? &Verdicts::everything : &Verdicts::reported);
+    if (chain.failed && !session.verify)
+        Count(&Verdicts::askedAgain);
+    chain.failed = false;
     Mix(session.verify ? 1 : 2);
     Tell(std::string("    ") + (session.verify ? "everything" : "the reported blocks"));
     chain.mustVerify = session.mustVerifyNext;
@@ -345,8 +395,9 @@ void World::Abandon(Application& application)
 {
     Session& session = application.session;
     const Went went = In(application, [&] {
-        if (session.initialised)
-            Call(application, Exported::DeinitManager, [&] { return VTFltDeinitBitmapManager(session.handle); });
+        if (session.initialised &&
+            Call(application, Exported::DeinitManager, [&] { return VTFltDeinitBitmapManager(session.handle); }) != 0)
+            NoteWrong(Exported::DeinitManager, "refuses a manager that there is");
         session.initialised = false;
         if (session.handle != INVALID_HANDLE_VALUE)
             CloseHandle(session.handle);

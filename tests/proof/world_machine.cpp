@@ -1,4 +1,4 @@
-// What happens to the machine, and how a history ends.
+// What happens to the machine, and what does not belong to a backup.
 #include "proof/world.h"
 
 #include "proof/proof_log.h"
@@ -20,14 +20,11 @@ constexpr wchar_t COUNT_KEY[] =
 
 bool ReadAll(const std::wstring& path, Bytes& bytes)
 {
-    const vtflt::UniqueHandle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                               OPEN_EXISTING, 0, nullptr));
-    if (!file.valid())
+    static std::uint8_t room[LARGEST_BITMAP_FILE];
+    const std::size_t read = DoubleReadFile(path.c_str(), room, sizeof(room));
+    if (read == SIZE_MAX)
         return false;
-    bytes.resize(1 << 16);
-    DWORD read = 0;
-    ReadFile(file.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &read, nullptr);
-    bytes.resize(read);
+    bytes.assign(room, room + read);
     return true;
 }
 
@@ -46,11 +43,6 @@ std::uint32_t Number(const Bytes& bytes, std::size_t offset)
     for (std::size_t i = 0; i < 4; ++i)
         number |= static_cast<std::uint32_t>(bytes[offset + i]) << 8 * i;
     return number;
-}
-
-bool Says(const Bytes& bytes, std::size_t offset, const char* text)
-{
-    return std::equal(text, text + 4, bytes.begin() + static_cast<std::ptrdiff_t>(offset));
 }
 
 } // namespace
@@ -84,6 +76,7 @@ void World::Damage(const Operation& operation)
         bytes.back() ^= 0x01;
         break;
     default:
+        m_mayBeCutShort = true;
         bytes.resize(bytes.size() - 1);
         break;
     }
@@ -91,17 +84,88 @@ void World::Damage(const Operation& operation)
 }
 
 // All processes are gone; a driver that did not see an orderly end starts every volume anew.
-void World::PowerCut(std::uint32_t how)
+std::string World::PowerCut(std::uint32_t how)
 {
+    m_mayBeCutShort = true;
     for (Application& application : m_applications)
         EndGuest(application, true);
     if (how != 0) {
         for (const std::wstring& folder : m_folders)
             DoubleLoseBelow(folder.c_str(), how == 1 ? 0 : how);
     }
+    m_watched.cut = true;
+    m_watched.torn = how > 1;
+    std::string wrong = CheckWatched();
+    m_watched.on = false;
     VTFltSimReboot(m_machine->handle());
     for (const vtfltsim::Volume& volume : m_volumes)
         VTFltSimLoseTracking(m_machine->handle(), volume.guid.c_str());
+    return wrong;
+}
+
+std::string World::MarkAll(Application& application)
+{
+    const Disturbance disturbance(*this);
+    DWORD result = 0;
+    const Went went = In(application, [&] {
+        result = Call(application, Exported::AddVolumesToVerifyList,
+                      [&] { return VTAddVolumesToAppVerifyList(application.id.c_str()); });
+    });
+    if (went == Went::Died)
+        return Crash(application);
+    Mix(result);
+    return m_faulty || result == 0 ? std::string() : "marking every volume gives " + std::to_string(result);
+}
+
+// A library that is asked for a driver that is away may have had it installed again.
+bool World::IsDriverThere() const
+{
+    DWORD state = VTFLTSIM_DRIVER_ABSENT;
+    vtfltsim::Check("VTFltSimGetDriverState", VTFltSimGetDriverState(m_machine->handle(), &state));
+    return state == VTFLTSIM_DRIVER_WORKING;
+}
+
+bool World::HasFiles(std::size_t volume) const
+{
+    std::uint8_t byte = 0;
+    for (const Application& application : m_applications) {
+        for (const bool base : {false, true}) {
+            if (DoubleReadFile(FilePath(application, volume, base).c_str(), &byte, 1) != SIZE_MAX)
+                return true;
+        }
+    }
+    return false;
+}
+
+// Of one volume, or of all of them. A success leaves no files; a failure without a fault has none to begin with, or no
+// driver to tell.
+std::string World::StopTracking(Application& application, Exported exported, std::size_t volume)
+{
+    const Disturbance disturbance(*this);
+    const bool one = exported == Exported::StopVolume;
+    const std::size_t first = one ? volume : 0;
+    const std::size_t end = one ? volume + 1 : m_volumes.size();
+    bool hadAll = true;
+    for (std::size_t each = first; each < end; ++each)
+        hadAll = hadAll && HasFiles(each);
+    DWORD result = 1;
+    const Went went = In(application, [&] {
+        result = Call(application, exported, [&] {
+            return one ? VTFltStopMonitorVolume(m_devices[volume].c_str()) : VTFltStopMonitorVolumes();
+        });
+    });
+    if (went == Went::Died)
+        return Crash(application);
+    Mix(result);
+    if (m_watch != nullptr)
+        return {};
+    // A volume whose kind cannot be learned is left out of all of them.
+    for (std::size_t each = first; each < end && result == 0 && (one || !m_faulty); ++each) {
+        if (HasFiles(each))
+            return "tracking was ended and the bitmap files are there";
+    }
+    const bool mayFail = m_faulty || !hadAll || (one && !IsDriverThere());
+    return result == 0 || mayFail ? std::string() : "ending the tracking gives " + std::to_string(result);
 }
 
 std::string World::Monitor(Application& application, bool on)
@@ -119,6 +183,8 @@ std::string World::Monitor(Application& application, bool on)
     Mix(result);
     if (result == 0)
         application.monitors = on;
+    else if (!m_faulty)
+        return "monitoring cannot be switched, " + std::to_string(result);
     return {};
 }
 
@@ -127,133 +193,105 @@ std::string World::Unmark(Application& application)
     DWORD result = 0;
     const Went went = In(application, [&] {
         std::vector<std::wstring> volumes{L"{00000000-0000-4000-8000-000000000000}"};
+        std::wstring id = application.id; // the export consumes it
         result = Call(application, Exported::RemoveFromVerifyList,
-                      [&] { return VTRemoveApplicationVolResyncList(application.id, &volumes); });
+                      [&] { return VTRemoveApplicationVolResyncList(std::move(id), &volumes); });
     });
     if (went == Went::Died)
         return Crash(application);
     Mix(result);
+    if (m_faulty)
+        return {};
+    if (result != (IsListed(application) ? 0 : VTFLT_APP_NOT_REGISTERED))
+        return "taking a mark off gives " + std::to_string(result);
     return {};
 }
+
+namespace {
+
+constexpr DWORD UNTOUCHED = 0xABCDABCD;
+
+// The answers to the questions that change nothing.
+struct Answers {
+    DWORD counted = 1;
+    DWORD count = UNTOUCHED;
+    DWORD list = 1;
+    std::size_t listed = 0;
+    bool present = false;
+    bool emptied = true;
+    DWORD can = 0;
+    DWORD works = 0;
+    DWORD notMonitored = 0;
+    bool opened = false;
+    DWORD asked = 1;
+    DWORD blockSize = 0;
+    DWORD fetched = 0;
+    DWORD needed = 0;
+};
+
+} // namespace
 
 // The questions change nothing, and agree with each other.
 std::string World::Ask(Application& application, std::size_t volume)
 {
-    DWORD count = 0;
-    std::size_t listed = 0;
-    bool present = false;
-    DWORD counted = 1;
-    DWORD list = 1;
-    DWORD can = 0;
-    DWORD works = 0;
+    Answers got;
     const Registrations before = m_registrations;
     const Went went = In(application, [&] {
-        std::vector<std::wstring> ids;
-        counted = Call(application, Exported::AppCount, [&] { return VTGetRegisteredAppCount(&count); });
-        list = Call(application, Exported::AppList, [&] { return VTGetRegisteredAppList(&ids); });
-        listed = ids.size();
-        present = std::find(ids.begin(), ids.end(), application.id) != ids.end();
-        works = Call(application, Exported::CanDriverWork, [] { return VTCanBLIDriverWork(); });
-        can =
+        std::vector<std::wstring> ids{L"of before"};
+        got.counted = Call(application, Exported::AppCount, [&] { return VTGetRegisteredAppCount(&got.count); });
+        got.list = Call(application, Exported::AppList, [&] { return VTGetRegisteredAppList(&ids); });
+        got.listed = ids.size();
+        got.present = std::find(ids.begin(), ids.end(), application.id) != ids.end();
+        got.emptied = ids.empty() || ids.front() != L"of before";
+        got.works = Call(application, Exported::CanDriverWork, [] { return VTCanBLIDriverWork(); });
+        got.can =
             Call(application, Exported::CanAppUseDriver, [&] { return VTCanAppUseBLIDriver(application.id.c_str()); });
-        Call(application, Exported::IsDeviceMonitored, [&] { return VTIsDeviceMonitored(m_devices[volume].c_str()); });
+        got.notMonitored = Call(application, Exported::IsDeviceMonitored,
+                                [&] { return VTIsDeviceMonitored(m_devices[volume].c_str()); });
         const HANDLE handle = CreateFileW(m_devices[volume].c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                           nullptr, OPEN_EXISTING, 0, nullptr);
-        if (handle == INVALID_HANDLE_VALUE)
+        got.opened = handle != INVALID_HANDLE_VALUE;
+        if (!got.opened)
             return;
-        DWORD blockSize = 0;
-        VTFltGetBlockSize(handle, &blockSize, 1);
+        got.asked =
+            Call(application, Exported::GetBlockSize, [&] { return VTFltGetBlockSize(handle, &got.blockSize, 1); });
         BYTE input = 0;
-        DWORD size = 0;
-        VTFltGetBitmap(handle, &input, 0, application.buffer.data(), VTFLT_BITMAP_HEADER_BYTES, &size, 1);
+        BYTE header[VTFLT_BITMAP_HEADER_BYTES] = {};
+        got.fetched = Call(application, Exported::GetBitmap,
+                           [&] { return VTFltGetBitmap(handle, &input, 0, header, sizeof(header), &got.needed, 1); });
         CloseHandle(handle);
     });
     if (went == Went::Died)
         return Crash(application);
-    Mix(count);
-    Mix(can);
+    Disarm(); // what follows looks at the machine itself
+    Mix(got.count);
+    Mix(got.can);
+    if (got.counted != 0 && got.count != UNTOUCHED)
+        return "a count that failed is written";
+    if (!got.emptied)
+        return "the list of applications is not emptied first";
     if (m_faulty)
         return {};
-    if (counted != 0 || list != 0 || (!Overlapped(before) && count != listed))
-        return "the list of applications has " + std::to_string(listed) + " entries and the count is " +
-               std::to_string(count);
-    if (!Overlapped(before) && (can != 0) != (works != 0 && present))
-        return "an application may use the driver: " + std::to_string(can);
+    if (got.counted != 0 || got.list != 0 || (!Overlapped(before) && got.count != got.listed))
+        return "the list of applications has " + std::to_string(got.listed) + " entries and the count is " +
+               std::to_string(got.count);
+    if (!Overlapped(before) && (got.can != 0) != (got.works != 0 && got.present))
+        return "an application may use the driver: " + std::to_string(got.can);
+    // Others may end a volume's tracking meanwhile.
+    if (m_watch != nullptr)
+        return {};
+    const bool there = IsDriverThere();
+    if ((got.works != 0) != there)
+        return "the driver works: " + std::to_string(got.works);
+    const VTFLTSIM_VOLUME_INFO info = m_machine->Info(m_volumes[volume]);
+    if ((got.notMonitored == 0) != (there && info.tracked != 0))
+        return "the volume is not monitored: " + std::to_string(got.notMonitored);
+    if (!got.opened || (there && (got.asked != 0 || got.blockSize != info.blockSize)))
+        return "the block size is " + std::to_string(got.blockSize) + ", with result " + std::to_string(got.asked);
+    if (there && info.tracked != 0 && (got.fetched != ERROR_MORE_DATA || got.needed <= VTFLT_BITMAP_HEADER_BYTES))
+        return "the length of the driver's bitmap is " + std::to_string(got.needed) + ", with result " +
+               std::to_string(got.fetched);
     return {};
-}
-
-// Every bitmap file is whole.
-std::string World::CheckFiles() const
-{
-    for (const Application& application : m_applications) {
-        for (std::size_t volume = 0; volume < m_volumes.size() && IsListed(application); ++volume) {
-            for (const bool base : {false, true}) {
-                Bytes bytes;
-                const std::string name = std::string(base ? "the base" : "the child") + " of application " +
-                                         std::to_string(&application - m_applications.data()) + " on volume " +
-                                         std::to_string(volume);
-                if (!ReadAll(FilePath(application, volume, base), bytes))
-                    return name + " is missing";
-                if (bytes.size() < HEADER_BYTES + 8 || !Says(bytes, 0, "STCA") ||
-                    !Says(bytes, bytes.size() - 4, "ACDE") || Number(bytes, 16) != bytes.size() ||
-                    Number(bytes, 12) + HEADER_BYTES + 8 > bytes.size())
-                    return name + " is not whole";
-            }
-        }
-    }
-    return {};
-}
-
-std::string World::Settle(Thoroughly thoroughly)
-{
-    Tell("-- settling");
-    Disarm();
-    for (Application& application : m_applications) {
-        const std::string wrong = EndGuest(application, false);
-        if (!wrong.empty())
-            return wrong;
-    }
-    m_machine->SetDriver(VTFLTSIM_DRIVER_WORKING);
-    m_machine->SetFilters({L"volsnap", L"VTFlt"});
-    for (std::size_t volume = 0; volume < m_volumes.size(); ++volume) {
-        if (m_machine->Info(m_volumes[volume]).tracked == 0)
-            VTFltSimStartTracking(m_machine->handle(), m_volumes[volume].guid.c_str());
-        // A file cut short stands in everybody's way; deleted, it only makes its application verify.
-        for (const Application& application : m_applications) {
-            for (const bool base : {false, true}) {
-                Bytes bytes;
-                const std::wstring path = FilePath(application, volume, base);
-                if (ReadAll(path, bytes) && bytes.size() >= HEADER_BYTES + 4 && Number(bytes, 16) != bytes.size())
-                    DeleteFileW(path.c_str());
-            }
-        }
-    }
-    for (unsigned round = 0; round <= (thoroughly == Thoroughly::Yes ? SETTLED_ROUNDS : 0); ++round) {
-        const bool last = round == SETTLED_ROUNDS;
-        for (std::uint32_t number = 0; number < m_applications.size(); ++number) {
-            if (!IsListed(m_applications[number]))
-                continue;
-            for (std::uint32_t volume = 0; volume < m_volumes.size(); ++volume) {
-                const Chain& chain = m_applications[number].chains[volume];
-                const unsigned before = chain.undisturbed;
-                std::string wrong = Run({Do::Write, 0, volume, 7 * (round + number), 3, {}});
-                if (wrong.empty())
-                    wrong = Run({Do::Backup, number, volume, 0, 0, {}});
-                if (wrong.empty() && last && chain.undisturbed == before)
-                    wrong = "a backup behind everything is not reported";
-                if (!wrong.empty())
-                    return wrong;
-            }
-        }
-    }
-    std::string wrong;
-    if (thoroughly == Thoroughly::Yes)
-        wrong = CheckFiles();
-    for (Application& application : m_applications) {
-        if (wrong.empty())
-            wrong = EndGuest(application, false);
-    }
-    return wrong;
 }
 
 // --- Several at once.
@@ -269,8 +307,11 @@ std::string World::RunAtOnce(std::uint32_t application, const Operation& operati
     Tell(ToText(operation));
     std::string wrong = Dispatch(operation);
     if (wrong.empty())
+        wrong = TakeWrongAnswer();
+    if (wrong.empty())
         wrong = CheckOpen(m_applications[application]);
     Mix(m_log->Sum());
+    Mix(m_calls.All());
     return wrong;
 }
 
@@ -307,40 +348,6 @@ void World::TellStory()
 {
     m_tells = true;
     m_log->Show(true);
-}
-
-namespace {
-
-std::string RunToTheEnd(World& world, const History& history, World::Thoroughly thoroughly, bool* struck)
-{
-    for (std::size_t i = 0; i < history.operations.size(); ++i) {
-        const std::string wrong = world.Run(history.operations[i]);
-        if (!wrong.empty())
-            return "operation " + std::to_string(i) + ": " + wrong;
-        if (struck != nullptr && !history.operations[i].faults.empty())
-            *struck = world.Struck();
-    }
-    const std::string wrong = world.Settle(thoroughly);
-    return wrong.empty() ? wrong : "at the end: " + wrong;
-}
-
-} // namespace
-
-std::string RunHistory(const History& history, World::Thoroughly thoroughly, bool* struck)
-{
-    World world(history.volumes);
-    return RunToTheEnd(world, history, thoroughly, struck);
-}
-
-std::string RunHistory(const History& history, std::uint64_t* trace, bool tell, World::Thoroughly thoroughly)
-{
-    World world(history.volumes);
-    if (tell)
-        world.TellStory();
-    const std::string wrong = RunToTheEnd(world, history, thoroughly, nullptr);
-    if (trace != nullptr)
-        *trace = world.Trace();
-    return wrong;
 }
 
 } // namespace vtproof

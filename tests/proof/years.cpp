@@ -1,5 +1,6 @@
 #include "proof/years.h"
 
+#include "proof/current_run.h"
 #include "proof/random_history.h"
 #include "proof/world.h"
 
@@ -32,7 +33,11 @@ public:
             Sleep(HOUR_MS);
             if (m_options.progress && !m_options.progress(m_result.hours))
                 break;
-            Hour(m_result.hours);
+            {
+                const CurrentRun current("hour " + std::to_string(m_result.hours) + " of ./dev sim years --seed " +
+                                         std::to_string(m_options.seed));
+                Hour(m_result.hours);
+            }
             m_result.hours += Goes() ? 1 : 0;
         }
         if (Goes())

@@ -1,10 +1,12 @@
 // vtfltproof: long runs of the proof that no change is lost.
 //
 //     double_host vtfltproof.exe histories [--seed S] [--histories N] [--minutes M] [--part I/N]
-//     double_host vtfltproof.exe sweep KIND [--one-in N] [--seed S] [--part I/N]
+//     double_host vtfltproof.exe sweep KIND [--one-in N] [--seed S] [--minutes M] [--part I/N]
 //     double_host vtfltproof.exe schedules [--count N] [--seed S] [--minutes M] [--part I/N]
-//     double_host vtfltproof.exe years [--years N] [--seed S] [--part I/N]
+//     double_host vtfltproof.exe years [--years N] [--seed S] [--minutes M] [--part I/N]
+//     double_host vtfltproof.exe count                          how many runs each whole sweep has
 //     double_host vtfltproof.exe replay "machine 300:512; register 0; ..."      (a schedule has parts, between |)
+#include "proof/current_run.h"
 #include "proof/random_history.h"
 #include "proof/schedule.h"
 #include "proof/sweep.h"
@@ -66,13 +68,44 @@ private:
     double m_next = 2;
 };
 
+std::string CommandFor(const std::string& text)
+{
+    return "run it again with\n    ./dev sim --replay \"" + text + "\"";
+}
+
+std::string RunTold(const History& history, std::uint64_t* trace = nullptr,
+                    World::Thoroughly thoroughly = World::Thoroughly::Yes)
+{
+    const CurrentRun current(CommandFor(ToText(history)));
+    return RunHistory(history, trace, false, thoroughly);
+}
+
 int Report(const History& history, const std::string& wrong)
 {
-    std::fprintf(stderr, "broken: %s\n", wrong.c_str());
-    const History shortest = Shrink(history, [](const History& one) { return !RunHistory(one).empty(); });
-    std::fprintf(stderr, "%zu operations are left: %s\nrun it again with\n    ./dev sim --replay \"%s\"\n",
-                 shortest.operations.size(), RunHistory(shortest).c_str(), ToText(shortest).c_str());
+    std::fprintf(stderr, "broken: %s\n%s\n", wrong.c_str(), CommandFor(ToText(history)).c_str());
+    const History shortest = Shrink(history, [](const History& one) { return !RunTold(one).empty(); });
+    std::fprintf(stderr, "%zu operations are left: %s\n%s\n", shortest.operations.size(), RunTold(shortest).c_str(),
+                 CommandFor(ToText(shortest)).c_str());
     return 1;
+}
+
+// What the runs were held against. One that reads everything cannot miss anything: a library that always asked for that would
+// pass, and shows here.
+void PrintVerdicts()
+{
+    const Verdicts& verdicts = VerdictsSoFar();
+    const auto print = [](const char* what, std::uint64_t count) {
+        std::fprintf(stderr, " %s: %llu;", what, static_cast<unsigned long long>(count));
+    };
+    std::fputs("   ", stderr);
+    print("backups of the reported blocks", verdicts.reported);
+    print("of everything", verdicts.everything);
+    print("bitmaps held against the writes", verdicts.nothingElse);
+    print("asked again behind a failed fetch", verdicts.askedAgain);
+    print("bitmap files looked at behind a fault", verdicts.files);
+    print("unusable of them", verdicts.unusable);
+    print("what was owed sought in files and driver", verdicts.owed);
+    std::fputs("\n", stderr);
 }
 
 int Histories(const Options& options)
@@ -87,7 +120,7 @@ int Histories(const Options& options)
         // A lost change shows in the first backups behind a history; whether nothing at all is left of it takes as long
         // again. What is broken by the short way is so by the long one.
         const auto thoroughly = seed % 4 == 0 ? World::Thoroughly::Yes : World::Thoroughly::No;
-        const std::string wrong = RunHistory(history, &trace, false, thoroughly);
+        const std::string wrong = RunTold(history, &trace, thoroughly);
         traces = (traces ^ trace) * 0x100000001b3ull;
         if (!wrong.empty()) {
             std::fprintf(stderr, "seed %llu\n", static_cast<unsigned long long>(seed));
@@ -97,6 +130,7 @@ int Histories(const Options& options)
     std::fprintf(stderr, "%llu histories from seed %llu, %.0f s, none broken, trace %016llx\n",
                  static_cast<unsigned long long>(done), static_cast<unsigned long long>(options.seed + options.part),
                  progress.Seconds(), static_cast<unsigned long long>(traces));
+    PrintVerdicts();
     return 0;
 }
 
@@ -114,7 +148,7 @@ int RunYears(Options options)
         std::fprintf(stderr, "broken in hour %u of seed %llu, %zu operations since everything was put right: %s\n",
                      result.hours, static_cast<unsigned long long>(years.seed), result.since.operations.size(),
                      result.wrong.c_str());
-        if (!RunHistory(result.since).empty())
+        if (!RunTold(result.since).empty())
             return Report(result.since, result.wrong);
         std::fprintf(stderr, "it needs what was before: ./dev sim years --seed %llu\n",
                      static_cast<unsigned long long>(years.seed));
@@ -127,6 +161,7 @@ int RunYears(Options options)
                  static_cast<unsigned long long>(result.operations), static_cast<unsigned long long>(result.backups),
                  static_cast<unsigned long long>(result.disturbances), progress.Seconds(),
                  static_cast<unsigned long long>(result.trace));
+    PrintVerdicts();
     return 0;
 }
 
@@ -149,6 +184,31 @@ int Sweep(const Options& options, SweepKind kind)
     std::fprintf(stderr, "%s: %llu runs of %zu scenarios, the fault struck in %llu, %.0f s, none broken\n",
                  SWEEP_NAMES[static_cast<std::size_t>(kind)], static_cast<unsigned long long>(result.runs),
                  scenarios.size(), static_cast<unsigned long long>(result.struck), progress.Seconds());
+    PrintVerdicts();
+    if (result.struck == result.runs)
+        return 0;
+    std::fprintf(stderr, "broken: in %llu runs nothing went wrong, such as\n    ./dev sim --replay \"%s\"\n",
+                 static_cast<unsigned long long>(result.runs - result.struck), ToText(result.missed).c_str());
+    return 1;
+}
+
+// Counts without running.
+int Count()
+{
+    const std::vector<Scenario> scenarios = AllScenarios();
+    for (std::size_t kind = 0; kind < std::size(SWEEP_NAMES); ++kind) {
+        SweepOptions sweep;
+        sweep.kind = static_cast<SweepKind>(kind);
+        sweep.run = [](const History&, bool, bool* struck) {
+            *struck = true;
+            return std::string();
+        };
+        const SweepResult result = RunSweep(scenarios, sweep);
+        if (!result.wrong.empty())
+            return Report(result.history, result.wrong);
+        std::fprintf(stderr, "%s: %llu runs of %zu scenarios\n", SWEEP_NAMES[kind],
+                     static_cast<unsigned long long>(result.runs), scenarios.size());
+    }
     return 0;
 }
 
@@ -164,11 +224,10 @@ int SweepNamed(const Options& options, const char* name)
 
 int Report(const Schedule& schedule, const std::string& wrong)
 {
-    std::fprintf(stderr, "broken: %s\nrun it again with\n    ./dev sim --replay \"%s\"\n", wrong.c_str(),
-                 ToText(schedule).c_str());
+    std::fprintf(stderr, "broken: %s\n%s\n", wrong.c_str(), CommandFor(ToText(schedule)).c_str());
     const Schedule shortest = Shrink(schedule);
-    std::fprintf(stderr, "shorter: %s\n    ./dev sim --replay \"%s\"\n", RunSchedule(shortest).wrong.c_str(),
-                 ToText(shortest).c_str());
+    std::fprintf(stderr, "shorter: %s\n%s\n", RunSchedule(shortest).wrong.c_str(),
+                 CommandFor(ToText(shortest)).c_str());
     return 1;
 }
 
@@ -178,6 +237,8 @@ int RunSchedules(const Options& options)
     Schedules schedules(options.seed);
     std::uint64_t done = 0;
     std::uint64_t changes = 0;
+    std::uint64_t meetings = 0;
+    std::uint64_t interrupted = 0;
     std::uint64_t traces = 0;
     for (; progress.Goes(done); ++done) {
         // Pairwise, so that every part has meetings and mixes.
@@ -186,14 +247,26 @@ int RunSchedules(const Options& options)
         const ScheduleRun run = RunSchedule(schedule);
         traces = (traces ^ run.trace) * 0x100000001b3ull;
         changes += run.changes;
+        meetings += schedule.meets ? 1 : 0;
+        // Somebody, then the other one, then the first one again.
+        interrupted += run.alternations >= 2 ? 1 : 0;
         if (!run.wrong.empty()) {
             std::fprintf(stderr, "schedule %llu\n", static_cast<unsigned long long>(number));
             return Report(schedule, run.wrong);
         }
+        if (schedule.meets && !run.met) {
+            std::fprintf(stderr, "broken: schedule %llu, a meeting that does not take place\n%s\n",
+                         static_cast<unsigned long long>(number), CommandFor(ToText(schedule)).c_str());
+            return 1;
+        }
     }
-    std::fprintf(stderr, "%llu schedules of seed %llu, %llu changes of turn, %.0f s, none broken, trace %016llx\n",
+    std::fprintf(stderr,
+                 "%llu schedules of seed %llu, %llu of them meetings, in %llu of these an export was interrupted; %llu "
+                 "changes of turn, %.0f s, none broken, trace %016llx\n",
                  static_cast<unsigned long long>(done), static_cast<unsigned long long>(options.seed),
+                 static_cast<unsigned long long>(meetings), static_cast<unsigned long long>(interrupted),
                  static_cast<unsigned long long>(changes), progress.Seconds(), static_cast<unsigned long long>(traces));
+    PrintVerdicts();
     return 0;
 }
 
@@ -260,6 +333,9 @@ int main(int argc, char** argv)
 {
     using namespace vtproof;
     Options options;
+    TellWhatCrashes();
+    if (argc == 2 && std::strcmp(argv[1], "count") == 0)
+        return Count();
     if (argc == 3 && std::strcmp(argv[1], "replay") == 0)
         return Replay(argv[2]);
     if (argc >= 2 && std::strcmp(argv[1], "histories") == 0 && Parse(argc, argv, 2, options))
@@ -275,6 +351,7 @@ int main(int argc, char** argv)
                "[--minutes M] [--part I/N]\n"
                "vtfltproof schedules [--count N] [--seed S] [--minutes M] [--part I/N]\n"
                "vtfltproof years [--years N] [--seed S] [--minutes M] [--part I/N]\n"
+               "vtfltproof count\n"
                "vtfltproof replay \"machine ...\"\n",
                stderr);
     return 2;

@@ -1,10 +1,13 @@
 // The expected state says what is lost and what is too much, and nothing else.
+#include "proof/current_run.h"
 #include "proof/expected.h"
 #include "proof/operation.h"
 #include "proof/random_history.h"
+#include "proof/tests/replay.h"
 #include "proof/world.h"
 
 #include <gtest/gtest.h>
+#include <set>
 
 namespace vtproof {
 namespace {
@@ -114,7 +117,8 @@ TEST(History, ShrinksToWhatIsNeeded)
     EXPECT_EQ(2u, shortest.operations.size());
 }
 
-// The same seed gives the same calls with the same outcomes, whatever ran before.
+// The same seed gives the same outcomes, log and number of calls, whatever ran before; the test proof_trace looks at another
+// process.
 TEST(History, HasTheSameTraceEveryTime)
 {
     std::vector<std::uint64_t> traces(SLOW ? 5 : 40);
@@ -130,10 +134,73 @@ TEST(History, HasTheSameTraceEveryTime)
 
 TEST(History, ChosenByAnySeedLosesNothing)
 {
+    const Verdicts before = VerdictsSoFar();
+    std::uint64_t histories = 0;
     for (std::uint64_t seed = 1'000; seed < (SLOW ? 1'020 : 1'800); ++seed) {
         const History history = ChooseHistory(seed);
+        const CurrentRun current("./dev sim --replay \"" + ToText(history) + "\"");
         const std::string wrong = RunHistory(history);
-        ASSERT_EQ("", wrong) << "seed " << seed << "\n./dev sim --replay \"" << ToText(history) << "\"";
+        ASSERT_EQ("", wrong) << "seed " << seed << Again(history);
+        ++histories;
+    }
+    // Backups that read everything cannot miss anything.
+    const std::uint64_t reported = VerdictsSoFar().reported - before.reported;
+    EXPECT_GE(reported, 3 * histories);
+    EXPECT_GE(3 * reported, VerdictsSoFar().everything - before.everything);
+}
+
+// A call fails with whatever errors it can give; those that say "there is none" only where nobody asked.
+TEST(History, HasEveryFaultAndError)
+{
+    std::set<Fault::How> hows;
+    std::set<std::uint32_t> once;
+    std::set<std::uint32_t> always;
+    std::set<std::uint32_t> ofOne;
+    Dice dice(1);
+    for (int i = 0; i < 5'000; ++i) {
+        const Fault fault = ChooseFault(dice);
+        hows.insert(fault.how);
+        if (fault.how == Fault::How::Fail)
+            once.insert(fault.error);
+        if (fault.how == Fault::How::FailOn)
+            always.insert(fault.error);
+        if (fault.how == Fault::How::FailOf)
+            ofOne.insert(fault.error);
+    }
+    // All but the one that is none, and the one that lies.
+    EXPECT_EQ(static_cast<std::size_t>(Fault::How::Count) - 2, hows.size());
+    EXPECT_EQ(0u, hows.count(Fault::How::NotThere));
+    EXPECT_EQ(1u, once.count(234));
+    EXPECT_EQ(0u, always.count(234));
+    for (const auto& errors : {once, always}) {
+        EXPECT_EQ(0u, errors.count(2) + errors.count(3));
+        EXPECT_EQ(1u, errors.count(5));
+    }
+    EXPECT_EQ(2 * std::size(FUNCTIONS), ofOne.size());
+    EXPECT_EQ(2u, *ofOne.begin() % 1000);
+}
+
+// The control of the verdicts: a library that always asks for a verify loses nothing, and is found out.
+TEST(History, IsWrongWhenAVerifyIsAskedForWithoutAReason)
+{
+    // The library cannot read the list while it is asked.
+    class Forger final : public ExportWatch {
+    public:
+        void Enters(std::size_t, Exported exported) noexcept override
+        {
+            if (exported == Exported::IsVerifyRequired)
+                VTFltSimFailCall(L"RegQueryValueExW", nullptr, 1, 0, ERROR_ACCESS_DENIED);
+        }
+        void Leaves(std::size_t, Exported) noexcept override { VTFltSimClearCallFaults(); }
+    } forger;
+    for (const char* text : {"machine 100:512; register 0", "machine 100:512; register 0; backup 0 0; write 0 0 5"}) {
+        const auto history = ParseHistory(text);
+        World world(history->volumes);
+        for (const Operation& operation : history->operations)
+            ASSERT_EQ("", world.Run(operation));
+        world.AtOnce(forger, World::Volumes::Shared);
+        EXPECT_EQ("a verify is required though nothing ever went wrong", world.Run({Do::Backup, 0, 0, 0, 0, {}}))
+            << text;
     }
 }
 

@@ -2,7 +2,10 @@
 //
 // docs/guarantees.md says of each how an application avoids it. A case here fails on the day that its limit is gone; then
 // the document is to be mended, not the library.
+#include "double/control.h"
 #include "support/cycle_test.h"
+
+#include <thread>
 
 namespace vttest {
 namespace {
@@ -102,40 +105,71 @@ TEST_F(Limit, SnapshotChangesShorterThanTheChildAreDroppedWithSuccess)
 
 TEST_F(Limit, AMarkSetWhileTheListIsReadAndWrittenBackIsTakenOff)
 {
-    Register(APP1);
     const Volume other = machine.AddVolume(BLOCKS * BLOCK, BLOCK);
-    VTUnregisterApplication(APP1);
-    DeleteValue(SERVICE_KEY, std::wstring(DRIVER_LIST) + APP1 + L".Last");
-    Register(APP1); // on both volumes
-    const auto session = Open(APP1);
-    ASSERT_EQ(0u, session->GetBitmap());
-    // The same application begins its backup of the other volume, in another process, and learns that it lost tracking.
+    Register(APP1);
+    Session session(OpenVolume(other), other.Root(), APP1);
+    ASSERT_EQ(0u, session.Init());
+    ASSERT_EQ(0u, session.GetBitmap());
+    Touch({5});
+    // The same application begins its backup of this volume, in another process, and learns that it lost tracking.
     auto elsewhere = [&] {
-        VTFltSimLoseTracking(machine.handle(), other.guid.c_str());
+        VTFltSimLoseTracking(machine.handle(), volume.guid.c_str());
         EXPECT_EQ(0u, VTReplicateVerifyList(APP1));
-        EXPECT_EQ(std::vector<std::wstring>{other.guid}, VerifyList(APP1));
+        EXPECT_EQ(OnlyThisVolume(), VerifyList(APP1));
     };
     // The list's mutex is taken a second time to write it back.
     Before(L"CreateMutexW", L"DeviceListForReSyncApp1.Last", 2, elsewhere);
-    ASSERT_EQ(0u, session->Success());
+    ASSERT_EQ(0u, session.Success()); // of the other volume
     ClearFaults();
-    EXPECT_EQ(0u, VTIsVerifyRequired(APP1, other.Root().c_str()));
+    EXPECT_TRUE(IsLost(APP1, 5));
+}
+
+// No race is needed: two backups of one application at once are enough.
+TEST_F(Limit, TheSuccessOfABackupTakesOffTheMarkThatABackupOfAnotherVolumeBrought)
+{
+    Register(APP1);
+    const auto session = Open(APP1);
+    Snapshot(*session);
+    ASSERT_EQ(0u, session->GetBitmap());
+    Touch({5});
+    VTFltSimLoseTracking(machine.handle(), volume.guid.c_str());
+    // The same application begins its backup of another volume, and asks as it should.
+    ASSERT_EQ(0u, VTReplicateVerifyList(APP1));
+    EXPECT_EQ(OnlyThisVolume(), VerifyList(APP1));
+    ASSERT_EQ(0u, session->Success());
+    EXPECT_TRUE(IsLost(APP1, 5));
+}
+
+TEST_F(Limit, AnAdministratorsMarkInTheMiddleOfABackupIsTakenOff)
+{
+    Register(APP1);
+    const auto session = Open(APP1);
+    Snapshot(*session);
+    ASSERT_EQ(0u, session->GetBitmap());
+    const Bytes before = ReadFileBytes(volume, ChildName(APP1));
+    ASSERT_EQ(0u, session->SyncChanges(BufferOf(BUFFER_LENGTH, {7})));
+    // The file is put back as it was before, and whoever does that knows what it means.
+    WriteFileBytes(volume, ChildName(APP1), before);
+    ASSERT_EQ(0u, VTAddVolumesToAppVerifyList(APP1));
+    EXPECT_EQ(OnlyThisVolume(), VerifyList(APP1));
+    ASSERT_EQ(0u, session->Success());
+    EXPECT_TRUE(IsLost(APP1, 7));
 }
 
 TEST_F(Limit, SuccessReportedBehindFailedSnapshotChangesTakesTheMarkOff)
 {
     Register(APP1);
-    BackUp(APP1);
     const auto session = Open(APP1);
     Snapshot(*session);
     ASSERT_EQ(0u, session->GetBitmap());
-    VTFltSimFailCall(L"WriteFile", L"_child_", 1, 1, ERROR_DISK_FULL);
-    EXPECT_EQ(static_cast<DWORD>(ERROR_DISK_FULL), session->SyncChanges(BufferOf(BUFFER_LENGTH, {7})));
+    // It is read, and cannot be opened for writing.
+    VTFltSimFailCall(L"CreateFileW", ChildName(APP1).c_str(), 2, 1, ERROR_SHARING_VIOLATION);
+    EXPECT_NE(0u, session->SyncChanges(BufferOf(BUFFER_LENGTH, {7})));
+    EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
     ClearFaults();
     EXPECT_EQ(OnlyThisVolume(), VerifyList(APP1));
     ASSERT_EQ(0u, session->Success());
-    const std::vector<std::wstring> none;
-    EXPECT_EQ(none, VerifyList(APP1));
+    EXPECT_TRUE(IsLost(APP1, 7));
 }
 
 TEST_F(Limit, SuccessReportedBehindAShortBitmapWithoutAVerifyTakesTheMarkOff)
@@ -168,6 +202,27 @@ TEST_F(Limit, OfRegisteringAgainWhileTheApplicationListCannotBeReadIsAVerify)
     EXPECT_EQ(BlockSet{}, Blocks(Child(volume, APP1)));
     EXPECT_EQ(OnlyThisVolume(), VerifyList(APP1));
     EXPECT_FALSE(IsLost(APP1, 5));
+}
+
+TEST_F(Limit, RegisteringAgainWhenTheListWasEmptiedDropsWhatWasOwed)
+{
+    Register(APP1);
+    Touch({5});
+    ASSERT_EQ(0u, Open(APP1)->GetBitmap()); // fetched, and not reported
+    DeleteValue(APP_IDS_KEY, APP_IDS_VALUE);
+    Register(APP1);
+    EXPECT_TRUE(IsLost(APP1, 5));
+}
+
+TEST_F(Limit, WhatAnotherFetchesWhileTheListIsEmptiedIsMissedBehindRegisteringAgain)
+{
+    Register(APP1);
+    Register(APP2);
+    SetList(APP_IDS_KEY, APP_IDS_VALUE, {APP2}); // the ID is taken off the list
+    Touch({5});
+    ASSERT_EQ(0u, Open(APP2)->GetBitmap());
+    Register(APP1);
+    EXPECT_TRUE(IsLost(APP1, 5));
 }
 
 TEST_F(Limit, WhatTheDriverAddsToItsListWhileItIsHandedOutIsDropped)
@@ -242,11 +297,31 @@ TEST_F(Limit, AFileWhoseMiddleIsWrongIsAccepted)
 
 TEST_F(Limit, WhoWaitedHalfAnHourForAMutexGoesOnWithoutIt)
 {
+    constexpr std::uint64_t HALF_AN_HOUR = 30 * 60 * 1000;
     Register(APP1);
+    Register(APP2);
     const auto session = Open(APP1);
-    ForceCall(L"WaitForSingleObject", volume.MutexName(), WAIT_TIMEOUT);
-    EXPECT_EQ(0u, session->GetBitmap());
-    EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
+    Snapshot(*session);
+    ASSERT_EQ(0u, session->GetBitmap());
+    const vtflt::UniqueHandle stands(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    const vtflt::UniqueHandle goesOn(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    // Another one's fetch has read this one's child, and is stopped before it writes it back.
+    auto stop = [&] {
+        SetEvent(stands.get());
+        WaitForSingleObject(goesOn.get(), INFINITE);
+    };
+    Before(L"CreateFileW", ChildName(APP1), 2, stop);
+    std::thread other([&] { EXPECT_EQ(0u, Open(APP2)->GetBitmap()); });
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(stands.get(), INFINITE));
+    const std::uint64_t began = DoubleTime();
+    EXPECT_EQ(0u, session->SyncChanges(BufferOf(BUFFER_LENGTH, {7})));
+    EXPECT_LE(HALF_AN_HOUR, DoubleTime() - began);
+    EXPECT_EQ(BlockSet{7}, Blocks(Child(volume, APP1)));
+    SetEvent(goesOn.get());
+    other.join();
+    ClearFaults();
+    ASSERT_EQ(0u, session->Success());
+    EXPECT_TRUE(IsLost(APP1, 7));
 }
 
 TEST_F(Limit, AFileThatIsCutShortStopsEveryApplicationsFetch)
@@ -266,6 +341,24 @@ TEST_F(Limit, AFileThatIsCutShortStopsEveryApplicationsFetch)
     EXPECT_EQ(BlockSet{5}, Blocks(*session));
 }
 
+TEST_F(Limit, ABaseBitmapThatIsCutShortStopsItsOwnApplicationsFetch)
+{
+    Register(APP1);
+    Register(APP2);
+    Bytes file = ReadFileBytes(volume, BaseName(APP2));
+    file.pop_back();
+    WriteFileBytes(volume, BaseName(APP2), file);
+    Touch({5});
+    for (int attempt = 0; attempt < 3; ++attempt)
+        EXPECT_NE(0u, Open(APP2)->GetBitmap());
+    EXPECT_EQ(1u, OwedByDriver()) << "nothing is lost, and nothing gets on";
+    const auto session = Open(APP1);
+    EXPECT_EQ(0u, session->GetBitmap()) << "the other one's does";
+    EXPECT_EQ(BlockSet{5}, Blocks(*session));
+    RemoveFile(volume, BaseName(APP2));
+    EXPECT_EQ(VERIFY, Open(APP2)->GetBitmap());
+}
+
 // Found by two failures in one backup.
 TEST_F(Limit, AListThatIsSaidNotToBeThereIsTakenForAnEmptyOne)
 {
@@ -277,6 +370,20 @@ TEST_F(Limit, AListThatIsSaidNotToBeThereIsTakenForAnEmptyOne)
     VTFltSimFailCall(L"RegQueryValueExW", L"RegisteredAppIDs", 3, 0, ERROR_FILE_NOT_FOUND);
     EXPECT_EQ(0u, VTReplicateVerifyList(APP1));
     EXPECT_NE(0u, VTFltSimGetCallFaultHits());
+    ClearFaults();
+    EXPECT_TRUE(IsLost(APP1, 5));
+}
+
+// Found by the whole sweep of failures. Opening the key makes it where it is missing, and is believed all the same.
+TEST_F(Limit, AKeyThatIsSaidNotToBeThereIsTakenForAnEmptyList)
+{
+    Register(APP1);
+    BackUp(APP1);
+    Touch({5});
+    VTFltSimLoseTracking(machine.handle(), volume.guid.c_str());
+    VTFltSimFailCall(L"RegCreateKeyW", L"AppIDs", 2, 1, ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(0u, VTReplicateVerifyList(APP1));
+    EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
     ClearFaults();
     EXPECT_TRUE(IsLost(APP1, 5));
 }
@@ -338,6 +445,10 @@ TEST_F(Limit, ReplicatingWithoutADriverIsASuccess)
     ClearFaults();
     EXPECT_EQ(0u, VTIsVerifyRequired(APP1, volume.Root().c_str())) << "and the volume is on the driver's list";
     EXPECT_EQ(OnlyThisVolume(), DriverList());
+    const auto session = Open(APP1);
+    EXPECT_EQ(0u, session->GetBitmap());
+    EXPECT_EQ(BlockSet{}, Blocks(*session)) << "a backup without block 5, if nobody asks again";
+    EXPECT_FALSE(IsLost(APP1, 5)) << "the next question finds it";
 }
 
 } // namespace

@@ -1,8 +1,12 @@
 // Samples of the sweeps; ./dev sim --sweep does the whole of each.
+#include "proof/current_run.h"
 #include "proof/sweep.h"
+#include "proof/tests/replay.h"
 #include "proof/world.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
+#include <map>
 #include <set>
 
 namespace vtproof {
@@ -13,7 +17,18 @@ namespace {
 constexpr std::uint32_t SWEEP_SLOWER = 50;
 #else
 constexpr std::uint32_t SWEEP_SLOWER = 1;
+// The sanitizers say themselves what crashes.
+const bool g_tellsWhatCrashes = (TellWhatCrashes(), true);
 #endif
+
+std::vector<Scenario> SomeScenarios(std::size_t oneIn)
+{
+    const std::vector<Scenario> all = AllScenarios();
+    std::vector<Scenario> some;
+    for (std::size_t i = 0; i < all.size(); i += oneIn)
+        some.push_back(all[i]);
+    return some;
+}
 
 TEST(Scenarios, AreManyAndEachCanBeRead)
 {
@@ -22,21 +37,22 @@ TEST(Scenarios, AreManyAndEachCanBeRead)
         EXPECT_FALSE(scenario.history.operations.empty()) << scenario.name;
         EXPECT_TRUE(names.insert(scenario.name).second) << scenario.name;
     }
-    EXPECT_GE(names.size(), 120u);
+    EXPECT_GE(names.size(), 180u);
 }
 
 // Every scenario without a fault, to its end.
 TEST(Scenarios, WithoutAFaultLoseNothing)
 {
-    const std::vector<Scenario> scenarios = AllScenarios();
-    for (std::size_t i = 0; i < scenarios.size(); i += SWEEP_SLOWER)
-        EXPECT_EQ("", RunHistory(scenarios[i].history)) << scenarios[i].name;
+    for (const Scenario& scenario : SomeScenarios(SWEEP_SLOWER)) {
+        const CurrentRun current(ToText(scenario.history));
+        EXPECT_EQ("", RunHistory(scenario.history)) << scenario.name << Again(scenario.history);
+    }
 }
 
 struct Sample {
     SweepKind kind;
     std::uint32_t oneIn;
-    unsigned atLeast; // runs in which a fault struck
+    unsigned atLeast; // runs
 };
 
 class Sweeps : public testing::TestWithParam<Sample> {};
@@ -45,23 +61,87 @@ TEST_P(Sweeps, LoseNothing)
 {
     SweepOptions options;
     options.kind = GetParam().kind;
-    options.oneIn = GetParam().oneIn * SWEEP_SLOWER;
-    const SweepResult result = RunSweep(AllScenarios(), options);
-    EXPECT_EQ("", result.wrong) << result.scenario << "\n./dev sim --replay \"" << ToText(result.history) << "\"";
-    EXPECT_GE(result.struck, GetParam().atLeast / SWEEP_SLOWER) << "of " << result.runs;
+    options.oneIn = std::max(1u, GetParam().oneIn / (SWEEP_SLOWER == 1 ? 1 : 4)); // of the fewer scenarios more
+    const Verdicts before = VerdictsSoFar();
+    const SweepResult result = RunSweep(SomeScenarios(SWEEP_SLOWER), options);
+    EXPECT_EQ("", result.wrong) << result.scenario << Again(result.history);
+    EXPECT_GE(result.runs, GetParam().atLeast / SWEEP_SLOWER);
+    EXPECT_EQ(result.runs, result.struck)
+        << "nothing went wrong in\n    ./dev sim --replay \"" << ToText(result.missed) << "\"";
+    EXPECT_GE(result.thorough, result.runs / 20);
+    // Backups that read everything cannot miss anything.
+    EXPECT_GE(VerdictsSoFar().reported - before.reported, result.runs / 2 / SWEEP_SLOWER) << "of " << result.runs;
 }
 
 INSTANTIATE_TEST_SUITE_P(Sampled, Sweeps,
-                         testing::Values(Sample{SweepKind::Failures, 100, 400}, Sample{SweepKind::Effects, 20, 60},
-                                         Sample{SweepKind::Memory, 40, 200}, Sample{SweepKind::Deaths, 50, 250},
-                                         Sample{SweepKind::PowerCuts, 80, 250},
-                                         Sample{SweepKind::SecondDeaths, 20'000, 50},
-                                         Sample{SweepKind::Pairs, 20'000, 20}),
+                         testing::Values(Sample{SweepKind::Failures, 120, 1'000}, Sample{SweepKind::Effects, 20, 200},
+                                         Sample{SweepKind::Memory, 25, 600}, Sample{SweepKind::Deaths, 40, 600},
+                                         Sample{SweepKind::PowerCuts, 90, 400},
+                                         Sample{SweepKind::SecondDeaths, 6'000, 100},
+                                         Sample{SweepKind::Pairs, 2'000, 70}),
                          [](const auto& info) {
                              std::string name = SWEEP_NAMES[static_cast<std::size_t>(info.param.kind)];
                              std::erase(name, '-');
                              return name;
                          });
+
+// What is looked at behind a run does not depend on what went wrong in it: each fault has runs of both kinds.
+TEST(Sweeps, LookAtEverythingBehindEveryKindOfFault)
+{
+    for (const SweepKind kind : {SweepKind::Failures, SweepKind::Effects, SweepKind::Memory, SweepKind::Deaths}) {
+        for (const std::uint32_t parts : {1, 2}) {
+            std::map<std::pair<Fault::How, std::uint32_t>, std::pair<unsigned, unsigned>> seen; // runs, thorough ones
+            SweepOptions options;
+            options.kind = kind;
+            options.parts = parts;
+            options.run = [&](const History& history, bool thoroughly, bool* struck) {
+                const Fault& fault = history.operations.back().faults.front();
+                auto& [runs, thorough] = seen[{fault.how, fault.error}];
+                ++runs;
+                thorough += thoroughly ? 1 : 0;
+                *struck = true;
+                return std::string();
+            };
+            RunSweep(SomeScenarios(40), options);
+            EXPECT_FALSE(seen.empty());
+            for (const auto& [fault, counts] : seen) {
+                const auto [runs, thorough] = counts;
+                const auto said = testing::Message() << SWEEP_NAMES[static_cast<std::size_t>(kind)] << " fault "
+                                                     << static_cast<int>(fault.first) << " error " << fault.second
+                                                     << ": " << thorough << " of " << runs;
+                if (runs >= 100) {
+                    EXPECT_GE(thorough, runs / 20) << said;
+                    EXPECT_LE(thorough, runs / 4) << said;
+                }
+            }
+        }
+    }
+}
+
+// Every error that a call can give, at every call; those that say "there is none" only where they answer no such question.
+TEST(Sweeps, FailEveryCallWithEveryError)
+{
+    std::map<std::uint32_t, std::set<std::uint32_t>> points; // by error: which calls
+    SweepOptions options;
+    options.run = [&](const History& history, bool, bool* struck) {
+        const Fault& fault = history.operations.back().faults.front();
+        if (fault.how == Fault::How::Fail)
+            points[fault.error].insert(fault.nth);
+        *struck = true;
+        return std::string();
+    };
+    std::vector<Scenario> scenarios = AllScenarios();
+    std::erase_if(scenarios, [](const Scenario& one) { return one.name != "a backup, with changes owed to two"; });
+    ASSERT_EQ(1u, scenarios.size());
+    RunSweep(scenarios, options);
+    for (const std::uint32_t error : {5, 8, 31, 32, 112, 234, 1450})
+        EXPECT_EQ(points[5], points[error]) << error;
+    EXPECT_GT(points[5].size(), 10u);
+    EXPECT_EQ(points[2], points[3]);
+    EXPECT_GT(points[2].size(), 1u);
+    EXPECT_LT(points[2].size(), points[5].size());
+    EXPECT_EQ(9u, points.size());
+}
 
 } // namespace
 } // namespace vtproof

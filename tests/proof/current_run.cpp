@@ -1,0 +1,63 @@
+#include "proof/current_run.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+namespace vtproof {
+
+namespace {
+
+constexpr unsigned LONGEST_RUN = 60; // seconds; a run takes milliseconds
+// Written before the run, only read when it crashes: there nothing can be allocated.
+char g_text[1 << 18];
+volatile std::sig_atomic_t g_tells = 0;
+
+void Write(const char* text)
+{
+    for (std::size_t left = std::strlen(text); left != 0;) {
+        const ssize_t written = write(STDERR_FILENO, text, left);
+        if (written <= 0)
+            return;
+        text += written;
+        left -= static_cast<std::size_t>(written);
+    }
+}
+
+void Tell(int signal)
+{
+    Write(signal == SIGALRM ? "\nbroken: a run that comes to no end\n" : "\nbroken: a crash\n");
+    Write(g_text);
+    Write("\n");
+    // As it would have ended without this.
+    std::signal(signal == SIGALRM ? SIGABRT : signal, SIG_DFL);
+    raise(signal == SIGALRM ? SIGABRT : signal);
+}
+
+} // namespace
+
+void TellWhatCrashes()
+{
+    g_tells = 1;
+    for (const int signal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGALRM})
+        std::signal(signal, Tell);
+}
+
+CurrentRun::CurrentRun(const std::string& text)
+{
+    const std::size_t length = std::min(text.size(), sizeof(g_text) - 1);
+    std::memcpy(g_text, text.data(), length);
+    g_text[length] = '\0';
+    if (g_tells != 0)
+        alarm(LONGEST_RUN);
+}
+
+CurrentRun::~CurrentRun()
+{
+    alarm(0);
+    g_text[0] = '\0';
+}
+
+} // namespace vtproof

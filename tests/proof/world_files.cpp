@@ -1,0 +1,185 @@
+// What becomes of the bitmap files when something goes wrong: they are old, or new, or unusable.
+//
+// Looked at right behind the operation, and behind the power cut that follows it, before anybody can write them again.
+#include "proof/world.h"
+
+#include <algorithm>
+
+namespace vtproof {
+
+namespace {
+
+constexpr wchar_t LISTS_KEY[] = L"SYSTEM\\CurrentControlSet\\Services\\VTFlt";
+
+bool Fetches(Do what)
+{
+    return what == Do::Fetch || what == Do::Backup;
+}
+
+bool Finishes(Do what)
+{
+    return what == Do::Finish || what == Do::Backup;
+}
+
+} // namespace
+
+BitmapFile World::ReadFile(std::size_t number, std::size_t volume, bool base) const
+{
+    static std::uint8_t bytes[LARGEST_BITMAP_FILE];
+    const std::size_t read =
+        DoubleReadFile(FilePath(m_applications[number], volume, base).c_str(), bytes, sizeof(bytes));
+    return ReadBitmapFile(bytes, read != SIZE_MAX ? read : 0);
+}
+
+void World::StartWatching(const Operation& operation)
+{
+    const Session& session = m_applications[operation.application].session;
+    m_watched = Watched();
+    m_watched.on = true;
+    m_watched.operation = operation;
+    if (session.open == (operation.what != Do::Backup))
+        m_watched.volume = session.open ? session.volume : operation.volume;
+    for (std::size_t volume = 0; volume < m_volumes.size(); ++volume) {
+        for (std::size_t number = 0; number < m_applications.size(); ++number)
+            m_watched.files.push_back({ReadFile(number, volume, false), ReadFile(number, volume, true)});
+    }
+    if (m_watched.volume == NOWHERE || !Fetches(operation.what))
+        return;
+    // Writes since the snapshot are handed out with the next one, unless nobody fetches for this one.
+    const vtfltsim::Volume& volume = m_volumes[m_watched.volume];
+    const Bits all = m_machine->Bits(volume);
+    Bits ofSnapshot =
+        Either(m_machine->Bits(volume, VTFLTSIM_BITS_FROZEN), m_machine->Bits(volume, VTFLTSIM_BITS_PENDING));
+    m_watched.bitmapBytes = (all.size() + 7) / 8 * 8; // as the driver asks for
+    TrimZeros(ofSnapshot);
+    m_watched.driver = {Cut(all, all.size()), ofSnapshot};
+}
+
+std::string World::CheckWatched()
+{
+    std::string wrong;
+    for (std::size_t volume = 0; volume < m_volumes.size() && m_watched.on; ++volume) {
+        for (std::size_t number = 0; number < m_applications.size(); ++number) {
+            for (const bool base : {false, true}) {
+                if (wrong.empty())
+                    wrong = CheckWatched(number, volume, base);
+            }
+            if (wrong.empty() && volume == m_watched.volume && Fetches(m_watched.operation.what))
+                wrong = CheckOwed(number, volume);
+        }
+    }
+    return wrong;
+}
+
+// What was owed to an application before is in its files, or the driver still has it, or the application is told.
+std::string World::CheckOwed(std::size_t number, std::size_t volume) const
+{
+    const auto& before = m_watched.files[volume * m_applications.size() + number];
+    const bool reported = m_watched.reports && number == m_watched.operation.application;
+    // A write that is short without an error counts as done. Its file cannot be read; but it was not flushed either, so
+    // a power cut may bring the old one back. The driver lists the volume then.
+    const std::vector<Fault>& faults = m_watched.operation.faults;
+    if (m_watched.cut && std::any_of(faults.begin(), faults.end(), [](const Fault& fault) {
+            return fault.how == Fault::How::Short || fault.how == Fault::How::DieInWrite;
+        }))
+        return {};
+    // Whoever registered behind the beginning of this backup has no backup yet (Limit.AnApplicationRegistersWhile...).
+    if (reported || !before[0].usable || !before[1].usable || !m_expected.HasBackup(number, volume) ||
+        !IsListed(m_applications[number]))
+        return {};
+    const BitmapFile child = ReadFile(number, volume, false);
+    const BitmapFile base = ReadFile(number, volume, true);
+    // A driver that was installed anew, say, lists the volume.
+    const std::wstring& id = m_applications[number].id;
+    const bool told =
+        IsListedForResync(id + L".Last", volume) || IsListedForResync(id, volume) || IsListedForResync({}, volume);
+    if (!child.usable || !base.usable || told || IsMixed(number, volume, false, child) ||
+        IsMixed(number, volume, true, base))
+        return {};
+    const Bits kept = Either(Either(child.bits, base.bits), m_machine->Bits(m_volumes[volume]));
+    const Bits owed = Cut(Either(Either(before[0].bits, before[1].bits), m_watched.driver[0]), m_watched.bitmapBytes);
+    Count(&Verdicts::owed);
+    if (Cut(Either(kept, owed), kept.size()) == Cut(kept, kept.size()))
+        return {};
+    return "changes owed to application " + std::to_string(number) + " on volume " + std::to_string(volume) +
+           " are neither in its files nor with the driver";
+}
+
+std::string World::CheckWatched(std::size_t number, std::size_t volume, bool base)
+{
+    const BitmapFile now = ReadFile(number, volume, base);
+    const BitmapFile& before = m_watched.files[volume * m_applications.size() + number][base ? 1 : 0];
+    if (before.usable || now.usable)
+        Count(&Verdicts::files);
+    if (before.usable && !now.usable)
+        Count(&Verdicts::unusable);
+    if (!now.usable || now == before)
+        return {};
+    const auto wrong = [&](const char* what) {
+        return std::string(base ? "the base" : "the child") + " of application " + std::to_string(number) +
+               " on volume " + std::to_string(volume) + what;
+    };
+    const MayBe bits = WhatMayBe(number, volume, base);
+    if (!bits.Holds(now.bits) && !(m_watched.torn && bits.HoldsBySectors(now.bits)))
+        return wrong(" is neither old nor new nor unusable");
+    const bool oldBlocks = before.usable && now.blockSize == before.blockSize;
+    if (!oldBlocks && now.blockSize != m_machine->Info(m_volumes[volume]).blockSize)
+        return wrong(" has a block size that is neither old nor new");
+    // What could not be read may have held changes: whoever begins it anew has the volume verified.
+    const bool begunAnew = !before.usable && m_watched.operation.what != Do::Register;
+    if (begunAnew && !m_watched.reports && !IsListedForResync(m_applications[number].id + L".Last", volume) &&
+        ReadFile(number, volume, !base).usable)
+        return wrong(" was unusable and is begun anew, and nobody has to verify");
+    return {};
+}
+
+// A bitmap of more than a sector, rewritten in place, of which a power cut left some sectors old and some new
+// (Limit.AFileWhoseMiddleIsWrongIsAccepted): the driver lists the volume.
+bool World::IsMixed(std::size_t number, std::size_t volume, bool base, const BitmapFile& now) const
+{
+    return m_watched.torn && !WhatMayBe(number, volume, base).Holds(now.bits);
+}
+
+// The bits that a file may have behind the operation if it can be read.
+MayBe World::WhatMayBe(std::size_t number, std::size_t volume, bool base) const
+{
+    const Operation& operation = m_watched.operation;
+    const auto& files = m_watched.files[volume * m_applications.size() + number];
+    const bool own = number == operation.application;
+    MayBe bits(files[base ? 1 : 0].bits);
+    if (own && operation.what == Do::Register)
+        bits.Add({});
+    if (volume != m_watched.volume)
+        return bits;
+    if (Fetches(operation.what)) {
+        if (own || !base)
+            bits.AddCut(m_watched.bitmapBytes);
+        for (const Bits& handedOut : m_watched.driver) {
+            if (own && base)
+                bits.AddWith(Either(Cut(files[0].bits, m_watched.bitmapBytes), handedOut));
+            else if (!own && !base)
+                bits.AddWith(handedOut);
+        }
+        if (own && !base)
+            bits.Add({}); // its base has it all
+    }
+    if (Finishes(operation.what) && own) {
+        if (base && m_watched.reports)
+            bits.Add({});
+        if (!base)
+            bits.AddWith(m_watched.changes);
+    }
+    return bits;
+}
+
+// On the driver's list (no name), an application's pending list (its ID) or its verify list (its ID and .Last).
+bool World::IsListedForResync(const std::wstring& name, std::size_t volume) const
+{
+    const auto bytes = m_machine->ReadValue(LISTS_KEY, L"DeviceListForReSync" + name);
+    std::wstring text;
+    for (std::size_t i = 0; i + 1 < bytes.size(); i += 2)
+        text.push_back(static_cast<wchar_t>(bytes[i] | (bytes[i + 1] << 8)));
+    return text.find(m_volumes[volume].guid) != std::wstring::npos;
+}
+
+} // namespace vtproof

@@ -36,22 +36,53 @@ set(fuzzed_sources
     src/registry/multi_string.cpp
     src/registry/multi_string_value.cpp
     src/registry/value.cpp
+    tools/common/application_id.cpp
+    tools/common/backup_locks.cpp
+    tools/common/option_values.cpp
+    tools/common/registry_value.cpp
+    tools/common/size_text.cpp
     tools/common/volume_name.cpp
     tools/vtbackup/chain_reader.cpp
     tools/vtbackup/checksum.cpp
     tools/vtbackup/command_line.cpp
     tools/vtbackup/failure.cpp
     tools/vtbackup/index_format.cpp
+    tools/vtbackup/lost_tracking.cpp
+    tools/vtbackup/machine_state.cpp
     tools/vtbackup/manifest.cpp
+    tools/vtbackup/repository.cpp
     tools/vtbackup/text.cpp
+    tools/vtfltctl/bitmap_bits.cpp
+    tools/vtfltctl/bitmap_file.cpp
+    tools/vtfltctl/bitmap_file_text.cpp
+    tools/vtfltctl/bitmap_name.cpp
+    tools/vtfltctl/bitmap_numbers.cpp
+    tools/vtfltctl/command_line.cpp
+    tools/vtfltctl/commands.cpp
+    tools/vtfltctl/failure.cpp
+    tools/vtfltctl/findings.cpp
+    tools/vtfltctl/findings_applications.cpp
+    tools/vtfltctl/findings_files.cpp
+    tools/vtfltctl/findings_lists.cpp
+    tools/vtfltctl/list_entry.cpp
+    tools/vtfltctl/machine_registry.cpp
+    tools/vtfltctl/mend.cpp
+    tools/vtfltctl/output.cpp
+    tools/vtfltctl/volume_lists.cpp
+    tools/vtlog/code_names.cpp
+    tools/vtlog/command_line.cpp
+    tools/vtlog/config_change.cpp
+    tools/vtlog/entry_filter.cpp
     tools/vtlog/log_pieces.cpp
     tools/vtlog/record_parser.cpp
+    tools/vtlog/show_filter.cpp
     tools/vtlog/time_text.cpp
     tools/vtlog/visible_text.cpp)
 list(TRANSFORM fuzzed_sources PREPEND "${PROJECT_SOURCE_DIR}/")
 
 vt_glob(fuzz_target_sources fuzz/targets/*.cpp)
-add_library(fuzz_code OBJECT ${fuzzed_sources} ${fuzz_target_sources} fuzz/system.cpp native/format.cpp native/wide.c)
+add_library(fuzz_code OBJECT ${fuzzed_sources} ${fuzz_target_sources} fuzz/arguments.cpp
+    fuzz/console.cpp fuzz/repository_files.cpp fuzz/system.cpp native/format.cpp native/wide.c)
 target_include_directories(fuzz_code PUBLIC "${CMAKE_CURRENT_SOURCE_DIR}" "${PROJECT_SOURCE_DIR}/src"
     "${PROJECT_SOURCE_DIR}/include" "${PROJECT_SOURCE_DIR}/tools")
 target_compile_definitions(fuzz_code PUBLIC VTFLTMGR_BUILD)

@@ -4,8 +4,10 @@
 What the bytes mean is written in the targets. Run it again after changing it; the files are kept with the sources."""
 
 import pathlib
+import re
 import struct
 
+TARGETS = pathlib.Path(__file__).resolve().parent / "targets"
 SEEDS = pathlib.Path(__file__).resolve().parent / "seeds"
 
 
@@ -196,14 +198,175 @@ def manifest():
     }
 
 
+def command_lines(source):
+    """A function that makes an input of a command line; words that the target does not know come as text."""
+    listed = re.search(r"WORDS\[\] = \{(.*?)\n\};", (TARGETS / source).read_text(), re.DOTALL).group(1)
+    words = [word.replace("\\\\", "\\") for word in re.findall(r'"(.*?)",', listed)]
+
+    def make(line):
+        data = b""
+        for word in line.split():
+            if word in words:
+                data += bytes([words.index(word)])
+            else:
+                # The byte's remainder by 32 is 16 and the length: text of its own.
+                assert len(word) < 16
+                data += bytes([208 + len(word)]) + word.encode()
+        return data
+    return make
+
+
 def command_line():
-    words = "init backup restore verify list".split()
-    common = bytes([19, 20])
-    return {word: bytes([number]) + common + (bytes([21, 22, 23]) if word == "restore" else bytes([21]) * (word == "backup"))
-            for number, word in enumerate(words)} | {
-        "help": bytes([18]),
-        "text": bytes([0, 5]) + b"\xa3abc" + bytes([6]) + b"\xa4a\x20b\x27" + bytes([9, 10]),
-        "both": bytes([0, 19, 20, 10, 11]),
+    make = command_lines("command_line.cpp")
+    return {name: make(line) for name, line in {
+        "init": "init --app=A --repo=R --reset",
+        "init_undo": "init --app=A --repo=R --undo --no-monitor --simulate=S",
+        "backup": "backup --app=A --repo=R --volume=V --full --audit=010 --register",
+        "backup_verify": "backup --app=A --repo=R --volume=V --verify --json --snapshot-create=c --snapshot-delete=d",
+        "restore": "restore --app=A --repo=R --volume=V --to=T --backup=00000010 --overwrite",
+        "verify": "verify --repo=R",
+        "list": "list --repo=R --volume=V",
+        "report": "report --repo=R --html=H --overwrite",
+        "no_value": "list --repo= R",
+        "help": "backup --help",
+        "version": "--version",
+        "both": "init --app=A --repo=R --reset --undo",
+        "text": "backup --app=x'y --repo -- --json",
+    }.items()}
+
+
+def vtlog_command_line():
+    make = command_lines("vtlog_command_line.cpp")
+    return {name: make(line) for name, line in {
+        "show": "show a.Log --level=error --pid=00100 --tid=7 --json",
+        "filters": "show a.Log --code=0x10001 --grep=[a,b] --ignore-case --since=2h --until=2026/11/21 --plain --only",
+        "why": "show a.Log --why={11111111-2222-3333-4444-555555555555} --simulate=S --json",
+        "other_machine": "show a.Log --why={11111111-2222-3333-4444-555555555555} --other-machine",
+        "grep": "show --grep text a.Log --code-page=1252",
+        "tail": "tail --exe=a.exe --count=08 --for=1e9 --stop-event=e",
+        "break": "break --exe=a.exe --text=t --hold=1.5 --pid=00100",
+        "not_a_number": "break --exe=a.exe --text=t --hold=nan",
+        "config": "config 1234 --module=VTFltMgr.dll --level=error --path=C:\\a.Log",
+        "automatic": "config 1234 --module=VTFltMgr.dll --auto",
+        "global": "config 1234 --global-level=none --no-global-path --json",
+        "no_value": "show a.Log --level= error",
+        "help": "show --help",
+        "version": "--version",
+        "mark": "show --level 4 -- --json -1",
+    }.items()}
+
+
+def vtfltctl_command_line():
+    make = command_lines("vtfltctl_command_line.cpp")
+    return {name: make(line) for name, line in {
+        "status": "status --json --simulate=S",
+        "doctor": "doctor --reinstall --yes",
+        "apps": "apps list",
+        "register": "apps register Nightly --yes",
+        "unregister": "apps unregister -- -App",
+        "clean": "apps clean Nightly --volume=E: --yes",
+        "verify": "verify list Nightly",
+        "add": "verify add Nightly E: {11111111-2222-3333-4444-555555555555}",
+        "all": "verify add Nightly --all",
+        "brackets": "verify add Nightly [a,b]",
+        "remove": "verify remove Nightly E: --exact --pending --yes",
+        "replicate": "verify replicate Nightly",
+        "rebuild": "verify rebuild --yes=false",
+        "monitor": "monitor off --yes",
+        "stop": "stop E: --yes",
+        "device": "device E:",
+        "info": "bitmap info a.dat --dump --block-size=64K --volume-size=1T --buffer-header=0",
+        "of_volume": "bitmap info --volume=E: --app=Nightly --which=base",
+        "extents": "bitmap extents a.dat --start=512G --limit=010",
+        "diff": "bitmap diff a.dat a.dat --list --limit=010 --json",
+        "map": "bitmap map a.dat --png=a.png --yes",
+        "ansi": "bitmap map a.dat --ansi --columns=128",
+        "completion": "completion bash",
+        "man": "man",
+        "no_value": "apps clean Nightly --volume= --yes",
+        "help": "verify --help",
+        "version": "--version",
+        "wrong": "apps peel --json",
+    }.items()}
+
+
+def vtfltctl_bitmap():
+    def make(mode, image, blocks=1000, start=0, volume=1 << 30, block=3584, text=b"C:\\VelVolTrc_child_App.dat"):
+        return struct.pack("<BIIQI", mode, blocks, start, volume, block) + short(text) + image
+    odd = struct.pack("<4sIIII64x", b"STCA", 1, 1000, 300, 0) + b"\x0f" * 200
+    return {
+        "sound": make(0, record(56, b"\x80" * 56)),
+        "remapped": make(4, record(40, b"\x81\xff" * 20), text=b"64K"),
+        "cut_short": make(0, record(56, b"\x80" * 56)[:3000]),
+        "no_trailer": make(0, record(56, b"\x80" * 56)[:-1] + b"x"),
+        "claims_more": make(1, odd, start=290),
+        "trailing": make(3, record(56, b"\x01" * 56) + b"x", text=b"DriverBitmap-App-20240305-070809-010.dat"),
+        "small_record": make(0, b"STCA\0\0ACDE\0\0\0\0\0\0\x0a\0\0\0".ljust(88, b"\0")),
+        "dump": make(0, b"\0" * 16 + b"\xf0" * 50, text=b"1P"),
+        "short": make(0, b"STCA"),
+    }
+
+
+def vtfltctl_lists():
+    word = bytes
+    none, damaged = b"\0", b"\1\1" + short(wide("{11111111-2222-3333-4444-555555555555}"))
+
+    def entries(*numbers):
+        return b"\2" + bytes([len(numbers)]) + word(numbers)
+
+    def make(lists, mode=0, applications=b"\0\0", rest=b"\0" + b"\2\0\1\1\1\1" + struct.pack("<I", 1) + b"\0"):
+        return applications + bytes([mode]) + b"".join(lists) + rest
+    return {
+        "guids": make([entries(0), entries(0, 1), entries(1)], 7),
+        "odd": make([entries(2, 3), entries(4, 5, 6), entries(15)], 3),
+        "hidden": make([entries(8, 0), entries(9, 1, 8), none], 1),
+        "separator": make([entries(13), entries(0, 14), entries(13)]),
+        "damaged": make([damaged, damaged, damaged], 2),
+        "raw": make([b"\1\0\1" + short(wide("{11111111-2222-3333-4444-555555555555}\0\0x\0\0"))] + [none] * 2, 3),
+        "dashed": make([entries(12)] * 4 + [none], 0, b"\1\3"),
+        "last": make([entries(0), entries(1), entries(0), none, entries(1)], 4, b"\1\1"),
+        "text": make([entries(10, 11), b"\2\1\x64" + wide("5}\\") * 5, none]),
+    }
+
+
+def repository_file():
+    return {
+        "repository": b'\0{"format":"vtbackup-repository","version":1,"id":"0123456789abcdef0123456789abcdef"}',
+        "other_format": b'\0{"format":"x","version":2,"id":""}',
+        "no_object": b"\0[1]",
+        "chain": b'\1{"application":"App","volume":"{11111111-2222-3333-4444-555555555555}"}',
+        "bare_chain": b'\2{"application":"","volume":"\\\\\\\\?\\\\Volume{11111111-2222-3333-4444-555555555555}"}',
+        "no_chain": b"\3",
+        "no_volume": b'\4{"application":1,"volume":"E:"}',
+        "own": b"\5\4a\nb\"",
+    }
+
+
+def loss_evidence():
+    whole = (b'{"format":"vtbackup-lost-tracking","version":1,"id":"0123456789abcdef0123456789abcdef","application":"App",'
+             b'"volume":"{v}","backup":7,"marked":["App"],"fixedOnly":["Other"],"allMarked":%s,"settled":%s,"told":[],'
+             b'"blocks":[{"block":1}]}')
+    return {
+        "owed": b"\5" + whole % (b"false", b"false"),
+        "settled": b"\x09" + whole % (b"false", b"true"),
+        "marked": b"\x0a" + whole % (b"true", b"true"),
+        "damaged": b"\3{",
+        "array": b"\4[]",
+        "deep": b"\1" + b'{"a":' * 20 + b"1" + b"}" * 20,
+        "wrong_types": b'\x0b{"id":7,"marked":"App","told":{"a":1},"settled":"yes","damaged":1}',
+    }
+
+
+def success_note():
+    mark = b'{"sequence":3,"manifestChecksum":"00"}'
+    note = b'\0{"application":"App","volume":"v","repository":"id","backup":' + mark
+    return {
+        "note": note + b"}",
+        "before": note + b',"before":' + mark + b"}",
+        "negative": note.replace(b"3", b"-1") + b"}",
+        "fraction": note + b',"before":' + mark.replace(b"3", b"1.5") + b"}",
+        "other": note.replace(b"App", b"Other") + b"}",
+        "own": b"\1\3App\2id" + struct.pack("<Q", 7) + b"\2ab\1" + struct.pack("<Q", 6) + b"\0",
     }
 
 
@@ -216,7 +379,8 @@ def time_text():
 
 def main():
     for make in (bitmap_file, breakpoints, command_line, config_block, device_reply, driver_reply, index_file, log_file,
-                 log_record, manifest, multi_string, resync_list, ring, time_text):
+                 log_record, loss_evidence, manifest, multi_string, repository_file, resync_list, ring, success_note,
+                 time_text, vtfltctl_bitmap, vtfltctl_command_line, vtfltctl_lists, vtlog_command_line):
         folder = SEEDS / make.__name__
         folder.mkdir(parents=True, exist_ok=True)
         for name, data in make().items():

@@ -1,5 +1,6 @@
 #include "fuzz/system.h"
 
+#include "common/simulation.h"
 #include "common/text.h"
 #include "fuzz/fuzz.h"
 #include "log/bounded_text.h"
@@ -25,6 +26,7 @@ struct OpenFile {
 
 System g_system;
 void* g_sharedBlock = nullptr;
+std::size_t g_nextVolume = 0;
 DWORD g_lastError = 0;
 
 constexpr std::uintptr_t MUTEX = 0x1000;
@@ -175,6 +177,28 @@ BOOL WINAPI DeleteFileW(LPCWSTR path)
     return g_system.files.erase(path) != 0 ? TRUE : fuzz::Fail(ERROR_FILE_NOT_FOUND);
 }
 
+BOOL WINAPI CopyFileW(LPCWSTR from, LPCWSTR to, BOOL failIfExists)
+{
+    if (fuzz::IsDue())
+        return fuzz::Fail(ERROR_ACCESS_DENIED);
+    if (g_system.files.count(from) == 0)
+        return fuzz::Fail(ERROR_FILE_NOT_FOUND);
+    if (failIfExists && g_system.files.count(to) != 0)
+        return fuzz::Fail(ERROR_FILE_EXISTS);
+    g_system.files[to] = fuzz::FileBytes(g_system.files[from]);
+    return TRUE;
+}
+
+// Every path is whole.
+DWORD WINAPI GetFullPathNameW(LPCWSTR path, DWORD capacity, LPWSTR full, LPWSTR*)
+{
+    const std::wstring_view text = path;
+    if (text.size() >= capacity)
+        return static_cast<DWORD>(text.size() + 1);
+    full[text.copy(full, text.size())] = L'\0';
+    return static_cast<DWORD>(text.size());
+}
+
 BOOL WINAPI CreateDirectoryW(LPCWSTR, LPSECURITY_ATTRIBUTES)
 {
     return fuzz::Fail(ERROR_ALREADY_EXISTS);
@@ -206,15 +230,20 @@ BOOL WINAPI RemoveDirectoryW(LPCWSTR)
     return TRUE;
 }
 
-HANDLE WINAPI FindFirstVolumeW(LPWSTR, DWORD)
+HANDLE WINAPI FindFirstVolumeW(LPWSTR name, DWORD capacity)
 {
-    fuzz::Fail(ERROR_NO_MORE_FILES);
-    return INVALID_HANDLE_VALUE;
+    fuzz::g_nextVolume = 0;
+    return FindNextVolumeW(nullptr, name, capacity) ? reinterpret_cast<HANDLE>(fuzz::VOLUME_SEARCH)
+                                                    : INVALID_HANDLE_VALUE;
 }
 
-BOOL WINAPI FindNextVolumeW(HANDLE, LPWSTR, DWORD)
+BOOL WINAPI FindNextVolumeW(HANDLE, LPWSTR name, DWORD)
 {
-    return fuzz::Fail(ERROR_NO_MORE_FILES);
+    if (fuzz::g_nextVolume >= g_system.volumes.size())
+        return fuzz::Fail(ERROR_NO_MORE_FILES);
+    const std::wstring& path = g_system.volumes[fuzz::g_nextVolume++];
+    name[path.copy(name, path.size())] = L'\0';
+    return TRUE;
 }
 
 BOOL WINAPI FindVolumeClose(HANDLE)
@@ -306,6 +335,37 @@ BOOL WINAPI UnmapViewOfFile(LPCVOID)
     return TRUE;
 }
 
+// No services: whether the driver's is there cannot be told.
+SC_HANDLE WINAPI OpenSCManagerW(LPCWSTR, LPCWSTR, DWORD)
+{
+    fuzz::Fail(ERROR_ACCESS_DENIED);
+    return nullptr;
+}
+
+SC_HANDLE WINAPI OpenServiceW(SC_HANDLE, LPCWSTR, DWORD)
+{
+    return nullptr;
+}
+
+BOOL WINAPI CloseServiceHandle(SC_HANDLE)
+{
+    return TRUE;
+}
+
+DWORD WINAPI CharLowerBuffW(LPWSTR text, DWORD count)
+{
+    for (DWORD i = 0; i < count; ++i)
+        text[i] = text[i] >= L'A' && text[i] <= L'Z' ? static_cast<wchar_t>(text[i] - L'A' + L'a') : text[i];
+    return count;
+}
+
+INT WINAPI FindStringOrdinal(DWORD, LPCWSTR text, INT length, LPCWSTR part, INT partLength, BOOL)
+{
+    const std::wstring_view whole(text, static_cast<std::size_t>(length));
+    const std::size_t at = whole.find(std::wstring_view(part, static_cast<std::size_t>(partLength)));
+    return at == std::wstring_view::npos ? -1 : static_cast<INT>(at);
+}
+
 INT WINAPI LCMapStringEx(LPCWSTR, DWORD, LPCWSTR text, INT length, LPWSTR target, INT capacity, LPNLSVERSIONINFO,
                          LPVOID, LPARAM)
 {
@@ -321,6 +381,11 @@ LSTATUS WINAPI RegCreateKeyExW(HKEY, LPCWSTR, DWORD, LPWSTR, DWORD, REGSAM, LPSE
         return ERROR_ACCESS_DENIED;
     *key = static_cast<HKEY>(fuzz::Numbered(fuzz::KEY));
     return ERROR_SUCCESS;
+}
+
+LSTATUS WINAPI RegOpenKeyExW(HKEY, LPCWSTR, DWORD, REGSAM, PHKEY key)
+{
+    return RegCreateKeyExW(nullptr, nullptr, 0, nullptr, 0, 0, nullptr, key, nullptr);
 }
 
 LSTATUS WINAPI RegCreateKeyW(HKEY root, LPCWSTR subkey, PHKEY key)
@@ -448,6 +513,38 @@ bool EqualIgnoringCase(std::wstring_view a, std::wstring_view b)
     const auto lower = [](wchar_t c) { return c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c - L'A' + L'a') : c; };
     return std::equal(a.begin(), a.end(), b.begin(), b.end(),
                       [&](wchar_t left, wchar_t right) { return lower(left) == lower(right); });
+}
+
+bool EndsWithIgnoringCase(std::wstring_view text, std::wstring_view tail)
+{
+    return text.size() >= tail.size() && EqualIgnoringCase(text.substr(text.size() - tail.size()), tail);
+}
+
+bool IsUnshowable(wchar_t c) noexcept
+{
+    return c < 0x20 || (c >= 0x7F && c < 0xA0);
+}
+
+std::string Shown(std::wstring_view text)
+{
+    std::wstring shown(text);
+    std::replace_if(shown.begin(), shown.end(), IsUnshowable, L'\xFFFD');
+    return ToUtf8(shown);
+}
+
+std::string SystemMessage(std::uint32_t)
+{
+    return {};
+}
+
+std::string ErrorText(std::uint32_t code)
+{
+    return "error " + std::to_string(code);
+}
+
+std::wstring SimulatedFolder(const std::wstring& option)
+{
+    return option;
 }
 
 // One byte for one character is enough here: nothing depends on what text means.

@@ -31,6 +31,7 @@ struct System {
         FileBytes bytes;
     };
     std::map<std::wstring, Value> values; // by value name; keys are not told apart
+    std::vector<std::wstring> volumes;    // their paths, as enumeration gives them
     Driver driver = nullptr;
     void* context = nullptr;
     unsigned openHandles = 0;

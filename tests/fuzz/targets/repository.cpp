@@ -11,61 +11,17 @@
 #include <map>
 #include <optional>
 
-// The repository's folders and files in memory: Chain and FileReader stand here in the place of their sources, which
-// need Windows' file system.
-namespace vtbackup {
-
-namespace {
-
-std::wstring MemberPath(const char* kind, std::uint64_t sequence)
-{
-    std::wstring path;
-    for (; *kind != 0; ++kind)
-        path.push_back(static_cast<wchar_t>(*kind));
-    path.push_back(static_cast<wchar_t>(L'0' + sequence % 10));
-    return path;
-}
-
-} // namespace
-
-Chain::Chain(std::wstring folder, std::string application, VolumeName volume)
-    : m_folder(std::move(folder)), m_application(std::move(application)), m_volume(std::move(volume))
-{
-}
-
-std::wstring Chain::IndexPath(std::uint64_t sequence) const
-{
-    return MemberPath("index", sequence);
-}
-
-std::wstring Chain::DataPath(std::uint64_t sequence) const
-{
-    return MemberPath("data", sequence);
-}
-
-bool FileExists(const std::wstring& path)
-{
-    return fuzz::TheSystem().files.count(path) != 0;
-}
-
-FileReader::FileReader(const std::wstring& path) : m_path(path), m_length(fuzz::TheSystem().files[path].size()) {}
-
-bool FileReader::ReadAt(std::uint64_t offset, void* out, std::size_t length)
-{
-    const fuzz::FileBytes& bytes = fuzz::TheSystem().files[m_path];
-    if (offset > bytes.size() || length > bytes.size() - offset)
-        return false;
-    std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(offset), length, static_cast<unsigned char*>(out));
-    return true;
-}
-
-} // namespace vtbackup
-
 namespace fuzz {
 
 namespace {
 
 using namespace vtbackup;
+
+const Chain& TheChain()
+{
+    static const Chain chain(L"chain", "App", {L"{volume}"});
+    return chain;
+}
 
 template <std::size_t N>
 void Append(FileBytes& to, const std::array<unsigned char, N>& bytes)
@@ -104,8 +60,8 @@ Member PutMember(Input& input, std::uint64_t sequence, std::uint32_t blockSize)
         member.blocks[input.Byte()] = input.Byte() % 4;
     std::erase_if(member.blocks, [&](const auto& one) { return one.first >= manifest.geometry.Blocks(); });
 
-    FileBytes& data = TheSystem().files[MemberPath("data", sequence)];
-    FileBytes& index = TheSystem().files[MemberPath("index", sequence)];
+    FileBytes& data = TheSystem().files[TheChain().DataPath(sequence)];
+    FileBytes& index = TheSystem().files[TheChain().IndexPath(sequence)];
     Append(index, Encode(IndexHeader{blockSize, manifest.geometry.length}));
     for (const auto& [block, value] : member.blocks) {
         IndexRecord record = {block, ZERO_BLOCK, {}};
@@ -147,7 +103,7 @@ std::map<std::uint64_t, std::uint8_t> Contents(const std::vector<Member>& member
 void Damage(Input& input, std::vector<Member>& members)
 {
     const std::size_t which = input.Byte() % members.size();
-    FileBytes& index = TheSystem().files[MemberPath("index", which + 1)];
+    FileBytes& index = TheSystem().files[TheChain().IndexPath(which + 1)];
     for (std::size_t changes = 1 + input.Byte() % 3; changes > 0; --changes)
         index[input.Take<std::uint16_t>() % index.size()] ^= static_cast<std::uint8_t>(1 + input.Byte() % 255);
     if (input.Flag()) {
@@ -163,13 +119,12 @@ void Damage(Input& input, std::vector<Member>& members)
 
 void ReadChain(const std::vector<Member>& members, bool isWhole)
 {
-    const Chain chain(L"chain", "App", {L"{volume}"});
     std::vector<Manifest> path;
     for (const Member& member : members)
         path.push_back(member.manifest);
     std::map<std::uint64_t, std::uint8_t> read;
     try {
-        ChainReader reader(chain, path);
+        ChainReader reader(TheChain(), path);
         std::uint64_t next = 0;
         while (const auto block = reader.Next()) {
             FUZZ_HOLDS(block->block >= next && block->block < reader.Last().geometry.Blocks());

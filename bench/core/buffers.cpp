@@ -2,6 +2,9 @@
 
 #include <cstring>
 #include <new>
+#if defined(_WIN32)
+#include <malloc.h>
+#endif
 
 namespace bench {
 
@@ -42,26 +45,38 @@ const char* NameOf(Fill fill)
     return "";
 }
 
-Buffer::Buffer(std::size_t count, std::size_t offset, Fill fill, std::uint64_t seed) : m_offset(offset), m_count(count)
+void Buffer::Free::operator()(std::uint8_t* bytes) const noexcept
 {
-    const std::size_t room = (offset + count + 2 * PAGE - 1) / PAGE * PAGE;
+#if defined(_WIN32)
+    _aligned_free(bytes);
+#else
+    std::free(bytes);
+#endif
+}
+
+// The pattern is all over the room, so that any part of it has as many bits set.
+Buffer::Buffer(std::size_t count, Fill fill, std::uint64_t seed) : m_count(count)
+{
+    const std::size_t room = (count + OFFSETS + PAGE - 1) / PAGE * PAGE;
+#if defined(_WIN32)
+    m_memory.reset(static_cast<std::uint8_t*>(_aligned_malloc(room, PAGE)));
+#else
     m_memory.reset(static_cast<std::uint8_t*>(std::aligned_alloc(PAGE, room)));
+#endif
     if (m_memory == nullptr)
         throw std::bad_alloc();
-    std::memset(m_memory.get(), fill == Fill::Set ? 0xFF : 0, room);
+    std::uint8_t* const bytes = m_memory.get();
+    std::memset(bytes, fill == Fill::Set ? 0xFF : 0, room);
     Random random(seed);
     if (fill == Fill::Dense) {
-        for (std::size_t i = 0; i + sizeof(std::uint64_t) <= count; i += sizeof(std::uint64_t)) {
+        for (std::size_t i = 0; i < room; i += sizeof(std::uint64_t)) {
             const std::uint64_t word = random.Next();
-            std::memcpy(data() + i, &word, sizeof(word));
+            std::memcpy(bytes + i, &word, sizeof(word));
         }
     }
     if (fill == Fill::Sparse) {
-        for (std::size_t i = 0; i < count; i += 512) {
-            const std::uint64_t at = i + random.Next() % 512;
-            if (at < count)
-                data()[at] = static_cast<std::uint8_t>(0x80U >> random.Next() % 8);
-        }
+        for (std::size_t i = 0; i < room; i += 512)
+            bytes[i + random.Next() % 512] = static_cast<std::uint8_t>(0x80U >> random.Next() % 8);
     }
 }
 

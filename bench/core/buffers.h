@@ -16,21 +16,23 @@ enum class Fill {
 };
 const char* NameOf(Fill fill);
 
-// Count bytes that begin so many bytes behind the start of a page; touched, so that every page is there.
+// Count bytes with room for any offset below OFFSETS before them: what begins At(n) begins n bytes behind the start of a
+// page. Touched, so that every page is there.
 class Buffer {
 public:
-    Buffer(std::size_t count, std::size_t offset, Fill fill, std::uint64_t seed);
+    static constexpr std::size_t OFFSETS = 4096;
 
-    [[nodiscard]] std::uint8_t* data() noexcept { return m_memory.get() + m_offset; }
-    [[nodiscard]] const std::uint8_t* data() const noexcept { return m_memory.get() + m_offset; }
+    Buffer(std::size_t count, Fill fill, std::uint64_t seed);
+
+    [[nodiscard]] std::uint8_t* At(std::size_t offset) noexcept { return m_memory.get() + offset; }
+    [[nodiscard]] const std::uint8_t* At(std::size_t offset) const noexcept { return m_memory.get() + offset; }
     [[nodiscard]] std::size_t size() const noexcept { return m_count; }
 
 private:
     struct Free {
-        void operator()(std::uint8_t* bytes) const noexcept { std::free(bytes); }
+        void operator()(std::uint8_t* bytes) const noexcept;
     };
     std::unique_ptr<std::uint8_t, Free> m_memory;
-    std::size_t m_offset;
     std::size_t m_count;
 };
 

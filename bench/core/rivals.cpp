@@ -64,6 +64,31 @@ AVX2 void OrAvx2Unrolled(std::uint8_t* to, const std::uint8_t* from, std::size_t
         to[i] |= from[i];
 }
 
+AVX2 void OrAvx2Aligned(std::uint8_t* to, const std::uint8_t* from, std::size_t count)
+{
+    std::size_t i = 0;
+    for (; i < count && reinterpret_cast<std::uintptr_t>(to + i) % 32 != 0; ++i)
+        to[i] |= from[i];
+    OrAvx2Unrolled(to + i, from + i, count - i);
+}
+
+AVX2 void CopyAvx2(std::uint8_t* to, const std::uint8_t* from, std::size_t count)
+{
+    std::size_t i = 0;
+    for (; i + 128 <= count; i += 128) {
+        const __m256i a = Load(from + i);
+        const __m256i b = Load(from + i + 32);
+        const __m256i c = Load(from + i + 64);
+        const __m256i d = Load(from + i + 96);
+        Store(to + i, a);
+        Store(to + i + 32, b);
+        Store(to + i + 64, c);
+        Store(to + i + 96, d);
+    }
+    for (; i < count; ++i)
+        to[i] = from[i];
+}
+
 AVX2 void ClearAvx2(std::uint8_t* to, std::size_t count)
 {
     const __m256i zero = _mm256_setzero_si256();
@@ -93,6 +118,26 @@ AVX2 std::uint64_t CountPopcnt(const std::uint8_t* bits, std::size_t count)
     for (; i < count; ++i)
         sums[0] += static_cast<std::uint64_t>(std::popcount(bits[i]));
     return sums[0] + sums[1] + sums[2] + sums[3];
+}
+
+AVX2 std::uint64_t CountAvx2(const std::uint8_t* bits, std::size_t count)
+{
+    const __m256i table = _mm256_setr_epi8(0, 1, 1, 2, 1, 2, 2, 3, 1, 2, 2, 3, 2, 3, 3, 4, //
+                                           0, 1, 1, 2, 1, 2, 2, 3, 1, 2, 2, 3, 2, 3, 3, 4);
+    const __m256i half = _mm256_set1_epi8(0x0F);
+    __m256i sums = _mm256_setzero_si256();
+    std::size_t i = 0;
+    for (; i + 32 <= count; i += 32) {
+        const __m256i vector = Load(bits + i);
+        const __m256i low = _mm256_shuffle_epi8(table, _mm256_and_si256(vector, half));
+        const __m256i high = _mm256_shuffle_epi8(table, _mm256_and_si256(_mm256_srli_epi16(vector, 4), half));
+        sums = _mm256_add_epi64(sums, _mm256_sad_epu8(_mm256_add_epi8(low, high), _mm256_setzero_si256()));
+    }
+    std::uint64_t sum[4];
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(sum), sums);
+    for (; i < count; ++i)
+        sum[0] += static_cast<std::uint64_t>(std::popcount(bits[i]));
+    return sum[0] + sum[1] + sum[2] + sum[3];
 }
 
 AVX2 std::uint64_t WalkAvx2(const std::uint8_t* bits, std::size_t count)

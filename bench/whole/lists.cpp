@@ -1,4 +1,5 @@
-// Verify lists with many entries, and the table with many volume handles.
+// Verify lists with many entries.
+#include "call_times.h"
 #include "measure.h"
 
 #include "vtfltmgr/VTFltMgr.h"
@@ -53,6 +54,12 @@ Json MeasureCase(const ListCase& measured, int entries, int runs)
         measured.prepare();
         times.push_back(TimeOf(measured.work));
     }
+    Json apart;
+    {
+        CallTimes watch({GetModuleHandleW(L"VTFltMgr.dll")});
+        measured.prepare();
+        apart = watch.Of(1, measured.work);
+    }
     const Json counts = CountByFunction(calls);
     std::printf("lists %5d entries, %s: %.4g ms, %zu calls\n", entries, measured.name, Median(times), calls.size());
     std::fflush(stdout);
@@ -60,7 +67,9 @@ Json MeasureCase(const ListCase& measured, int entries, int runs)
             {"operation", measured.name},
             {"ms", Rounded(Median(times))},
             {"us_per_entry", Rounded(1000 * Median(times) / entries)},
-            {"calls", calls.size()},
+            {"runs_ms", Rounded(times)},
+            {"counts", CostOf(calls)},
+            {"times_apart", apart},
             {"log_records", counts.contains("GetLocalTime") ? counts["GetLocalTime"] : Json(0)},
             {"registry_queries", counts.contains("RegQueryValueExW") ? counts["RegQueryValueExW"] : Json(0)}};
 }
@@ -76,7 +85,7 @@ void MeasureLists(Json& results, bool quick)
     RequireZero(VTRegisterApplication(APPLICATION), "VTRegisterApplication");
 
     Json rows = Json::array();
-    for (const int entries : quick ? std::vector<int>{100, 1000} : std::vector<int>{100, 1000, 10000}) {
+    for (const int entries : quick ? std::vector<int>{10, 100} : std::vector<int>{100, 1000, 10000}) {
         const std::vector<std::wstring> some = Guids(1, entries);
         const std::vector<std::wstring> others = Guids(2, entries);
         std::vector<std::wstring> half(some.begin(), some.begin() + entries / 2);
@@ -106,53 +115,6 @@ void MeasureLists(Json& results, bool quick)
     }
     machine.Detach();
     results["verify_lists"] = std::move(rows);
-}
-
-void MeasureHandles(Json& results, bool quick)
-{
-    constexpr int LOOKUPS = 1000;
-    vtfltsim::SimMachine machine;
-    const vtfltsim::Volume volume = machine.AddVolume(1ull << 30);
-    machine.Attach(L"VTFltMgr.dll");
-    machine.AttachProgram();
-    RequireZero(VTRegisterApplication(APPLICATION), "VTRegisterApplication");
-
-    Json rows = Json::array();
-    for (const int count : quick ? std::vector<int>{100} : std::vector<int>{100, 1000, 10000}) {
-        std::vector<HANDLE> handles;
-        for (int i = 0; i < count; ++i) {
-            handles.push_back(CreateFileW(volume.Path().c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                          nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-            Require(handles.back() != INVALID_HANDLE_VALUE, "opening the volume");
-        }
-        const double init = TimeOf([&] {
-            for (const HANDLE handle : handles)
-                RequireZero(VTFltInitBitmapManager(handle, volume.Root().c_str(), APPLICATION),
-                            "VTFltInitBitmapManager");
-        });
-        const double lookups = TimeOf([&] {
-            for (int i = 0; i < LOOKUPS; ++i) {
-                DWORD blockSize = 0;
-                const HANDLE handle = handles[static_cast<std::size_t>(i * 7919 % count)];
-                RequireZero(VTFltGetBlockSize(handle, &blockSize, 0), "VTFltGetBlockSize");
-            }
-        });
-        const double deinit = TimeOf([&] {
-            for (const HANDLE handle : handles)
-                RequireZero(VTFltDeinitBitmapManager(handle), "VTFltDeinitBitmapManager");
-        });
-        for (const HANDLE handle : handles)
-            CloseHandle(handle);
-        rows.push_back({{"handles", count},
-                        {"init_us_per_handle", Rounded(1000 * init / count)},
-                        {"get_block_size_us", Rounded(1000 * lookups / LOOKUPS)},
-                        {"deinit_us_per_handle", Rounded(1000 * deinit / count)}});
-        std::printf("handles %5d: init %.4g us, use %.4g us, deinit %.4g us each\n", count, 1000 * init / count,
-                    1000 * lookups / LOOKUPS, 1000 * deinit / count);
-        std::fflush(stdout);
-    }
-    machine.Detach();
-    results["handle_table"] = std::move(rows);
 }
 
 } // namespace bench

@@ -1,4 +1,4 @@
-// Loading and unloading the DLL, beside loading one that does nothing when it is loaded.
+// Loading and unloading the DLL, beside a DLL that has nothing in it but the C run-time's own start.
 #include "measure.h"
 
 namespace bench {
@@ -6,7 +6,7 @@ namespace bench {
 namespace {
 
 // Each load is of a copy under another name, so that the process's own one does not answer.
-std::wstring CopyOfLibrary()
+std::wstring CopyOf(const std::wstring& name)
 {
     WCHAR program[MAX_PATH] = {};
     GetModuleFileNameW(nullptr, program, MAX_PATH);
@@ -14,8 +14,8 @@ std::wstring CopyOfLibrary()
     folder.resize(folder.rfind(L'\\') + 1);
     WCHAR temp[MAX_PATH] = {};
     GetTempPathW(MAX_PATH, temp);
-    std::wstring copy = std::wstring(temp) + L"VTFltMgr-bench.dll";
-    Require(CopyFileW((folder + L"VTFltMgr.dll").c_str(), copy.c_str(), FALSE) != FALSE, "copying the DLL");
+    std::wstring copy = std::wstring(temp) + L"bench-" + name;
+    Require(CopyFileW((folder + name).c_str(), copy.c_str(), FALSE) != FALSE, "copying the DLL");
     return copy;
 }
 
@@ -51,27 +51,40 @@ Json ImportsOf(HMODULE module)
 
 } // namespace
 
-void MeasureLoad(Json& results)
+void MeasureLoad(Json& results, bool quick)
 {
-    constexpr int RUNS = 50;
-    const std::wstring library = CopyOfLibrary();
-    std::vector<double> loads;
-    std::vector<double> unloads;
-    for (int run = 0; run < RUNS; ++run) {
-        HMODULE module = nullptr;
-        loads.push_back(TimeOf([&] { module = LoadLibraryW(library.c_str()); }));
-        Require(module != nullptr, "loading the DLL");
-        unloads.push_back(TimeOf([&] { FreeLibrary(module); }));
+    const int runs = quick ? 3 : 50;
+    const std::wstring library = CopyOf(L"VTFltMgr.dll");
+    const std::wstring empty = CopyOf(L"bench_empty.dll");
+    SideBySide loads;
+    SideBySide unloads;
+    for (int run = 0; run < runs; ++run) {
+        HMODULE modules[2] = {};
+        const auto load = [&modules](const std::wstring& path, int index) {
+            return [&modules, &path, index] {
+                const double time = TimeOf([&] { modules[index] = LoadLibraryW(path.c_str()); });
+                Require(modules[index] != nullptr, "loading a DLL");
+                return time;
+            };
+        };
+        const auto unload = [&modules](int index) {
+            return [&modules, index] { return TimeOf([&] { FreeLibrary(modules[index]); }); };
+        };
+        loads.Add(load(library, 0), load(empty, 1));
+        unloads.Add(unload(0), unload(1));
     }
     const HMODULE module = LoadLibraryW(library.c_str());
-    results["load"] = {{"load_ms", Rounded(Median(loads))},
-                       {"unload_ms", Rounded(Median(unloads))},
-                       {"runs", RUNS},
+    results["load"] = {{"load_ms", Rounded(Median(loads.library))},
+                       {"unload_ms", Rounded(Median(unloads.library))},
+                       {"load_empty_ms", Rounded(Median(loads.bare))},
+                       {"unload_empty_ms", Rounded(Median(unloads.bare))},
+                       {"runs", runs},
                        {"dll_bytes", SizeOf(library)},
                        {"limit_bytes", 1048576},
                        {"imports", ImportsOf(module)}};
     FreeLibrary(module);
     DeleteFileW(library.c_str());
+    DeleteFileW(empty.c_str());
     std::printf("load %s ms, unload %s ms, %s bytes\n", results["load"]["load_ms"].dump().c_str(),
                 results["load"]["unload_ms"].dump().c_str(), results["load"]["dll_bytes"].dump().c_str());
 }

@@ -1,4 +1,4 @@
-// whole_log_bench FILE: what a log message costs, beside the system calls that it demands; the results go into FILE as
+// whole_log_bench [--quick] FILE: what a log message costs, beside the system calls that it demands; the results go into FILE as
 // JSON. It starts itself again as a writer: whole_log_bench --writer|--bare-writer COUNT.
 #include "log_bare.h"
 #include "measure.h"
@@ -16,11 +16,16 @@ constexpr wchar_t RING_NAME[] = L"WHOLE_LOG_BENCH.EXE";
 constexpr wchar_t READY_NAME[] = L"Local\\vtflt.bench.ready";
 constexpr wchar_t GO_NAME[] = L"Local\\vtflt.bench.go";
 constexpr double TARGET = 1.15;
-constexpr int MESSAGES = 400;
-constexpr int PAIRS = 15;
 constexpr int WRITERS = 8;
-constexpr int MESSAGES_OF_WRITER = 200;
-constexpr int WRITER_PAIRS = 7;
+
+struct Amounts {
+    int messages;
+    int pairs;
+    int messagesOfWriter;
+    int writerPairs;
+};
+constexpr Amounts FULL = {400, 15, 200, 8};
+constexpr Amounts QUICK = {5, 2, 3, 2};
 
 std::wstring Folder()
 {
@@ -62,12 +67,12 @@ Json CountsOf(void (*log)())
     machine.AttachProgram();
     VTFltSimResetCounts();
     log();
-    const DWORD allocations = VTFltSimGetCallCount(L"malloc") + VTFltSimGetCallCount(L"calloc") +
-                              VTFltSimGetCallCount(L"realloc") + VTFltSimGetCallCount(L"HeapAlloc") +
-                              VTFltSimGetCallCount(L"LocalAlloc");
+    const DWORD allocations = HeapAllocations();
     const std::vector<std::wstring> calls = CallsOf([log] { log(); });
     machine.Detach();
-    return {{"heap_allocations", allocations}, {"calls", calls.size()}, {"by_function", CountByFunction(calls)}};
+    Json counts = CostOf(calls);
+    counts["heap_allocations"] = allocations;
+    return counts;
 }
 
 Json CountsOfBare(BareLog& bare, void (BareLog::*message)())
@@ -76,20 +81,37 @@ Json CountsOfBare(BareLog& bare, void (BareLog::*message)())
     machine.AttachProgram();
     const std::vector<std::wstring> calls = CallsOf([&] { (bare.*message)(); });
     machine.Detach();
-    return {{"calls", calls.size()}, {"by_function", CountByFunction(calls)}};
+    return CostOf(calls);
 }
 
-Json Compare(const char* name, void (*log)(), BareLog& bare, void (BareLog::*message)())
+// What the library calls more often than the bare program, and less often (below zero), by function.
+Json CallsBeyond(const Json& counts, const Json& bare)
 {
-    const auto library = Times(MESSAGES, log);
-    const auto plain = Times(MESSAGES, [&bare, message] { (bare.*message)(); });
+    Json more = Json::object();
+    for (const auto& [function, count] : counts["by_function"].items())
+        more[function] = count.get<int>();
+    for (const auto& [function, count] : bare["by_function"].items())
+        more[function] = (more.contains(function) ? more[function].get<int>() : 0) - count.get<int>();
+    Json beyond = Json::object();
+    for (const auto& [function, count] : more.items()) {
+        if (count != 0)
+            beyond[function] = count;
+    }
+    return beyond;
+}
+
+Json Compare(const char* name, void (*log)(), BareLog& bare, void (BareLog::*message)(), const Amounts& amounts)
+{
+    const auto library = Times(amounts.messages, log);
+    const auto plain = Times(amounts.messages, [&bare, message] { (bare.*message)(); });
     library();
     plain();
-    Json row = {{"messages", MESSAGES}, {"time", ToJson(InTurns(PAIRS, library, plain), TARGET)}};
+    Json row = {{"messages", amounts.messages}, {"time", ToJson(InTurns(amounts.pairs, library, plain), TARGET)}};
     row["counts"] = CountsOf(log);
     row["bare_counts"] = CountsOfBare(bare, message);
+    row["calls_beyond_bare"] = CallsBeyond(row["counts"], row["bare_counts"]);
     std::printf("log %s: %s ms for %d, bare %s ms, ratio %s; %s calls, bare %s; %s allocations\n", name,
-                row["time"]["library_ms"].dump().c_str(), MESSAGES, row["time"]["bare_ms"].dump().c_str(),
+                row["time"]["library_ms"].dump().c_str(), amounts.messages, row["time"]["bare_ms"].dump().c_str(),
                 row["time"]["ratio"].dump().c_str(), row["counts"]["calls"].dump().c_str(),
                 row["bare_counts"]["calls"].dump().c_str(), row["counts"]["heap_allocations"].dump().c_str());
     std::fflush(stdout);
@@ -98,11 +120,11 @@ Json Compare(const char* name, void (*log)(), BareLog& bare, void (BareLog::*mes
 
 // --- several processes, one file
 
-vtflt::UniqueHandle StartWriter(const wchar_t* kind)
+vtflt::UniqueHandle StartWriter(const std::wstring& arguments)
 {
     WCHAR program[MAX_PATH] = {};
     GetModuleFileNameW(nullptr, program, MAX_PATH);
-    std::wstring line = L"\"" + std::wstring(program) + L"\" " + kind;
+    std::wstring line = L"\"" + std::wstring(program) + L"\" " + arguments;
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION started = {};
@@ -114,13 +136,13 @@ vtflt::UniqueHandle StartWriter(const wchar_t* kind)
 }
 
 // From the moment when all may begin until the last has ended.
-double TimeOfWriters(const wchar_t* kind)
+double TimeOfWriters(const std::wstring& arguments)
 {
     const vtflt::UniqueHandle ready(CreateSemaphoreW(nullptr, 0, WRITERS, READY_NAME));
     const vtflt::UniqueHandle go(CreateEventW(nullptr, TRUE, FALSE, GO_NAME));
     std::vector<vtflt::UniqueHandle> processes;
     for (int i = 0; i < WRITERS; ++i)
-        processes.push_back(StartWriter(kind));
+        processes.push_back(StartWriter(arguments));
     for (int i = 0; i < WRITERS; ++i)
         Require(WaitForSingleObject(ready.get(), 60000) == WAIT_OBJECT_0, "a writer that is ready");
     const double begin = Milliseconds();
@@ -133,29 +155,30 @@ double TimeOfWriters(const wchar_t* kind)
     return time;
 }
 
-void WriteAsOneOfMany(const std::function<void()>& message)
+void WriteAsOneOfMany(int messages, const std::function<void()>& message)
 {
     const vtflt::UniqueHandle ready(OpenSemaphoreW(SEMAPHORE_ALL_ACCESS, FALSE, READY_NAME));
     const vtflt::UniqueHandle go(OpenEventW(SYNCHRONIZE, FALSE, GO_NAME));
     message(); // opens what stays open
     ReleaseSemaphore(ready.get(), 1, nullptr);
     WaitForSingleObject(go.get(), INFINITE);
-    for (int i = 0; i < MESSAGES_OF_WRITER; ++i)
+    for (int i = 0; i < messages; ++i)
         message();
     ReleaseSemaphore(ready.get(), 1, nullptr);
 }
 
-Json MeasureWriters()
+Json MeasureWriters(const Amounts& amounts)
 {
+    const std::wstring count = L" " + std::to_wstring(amounts.messagesOfWriter);
     SideBySide times;
-    for (int pair = 0; pair < WRITER_PAIRS; ++pair) {
-        times.library.push_back(TimeOfWriters(L"--writer"));
-        times.bare.push_back(TimeOfWriters(L"--bare-writer"));
-    }
-    Json row = {{"processes", WRITERS}, {"messages", WRITERS * MESSAGES_OF_WRITER}, {"time", ToJson(times, TARGET)}};
+    for (int pair = 0; pair < amounts.writerPairs; ++pair)
+        times.Add([&] { return TimeOfWriters(L"--writer" + count); },
+                  [&] { return TimeOfWriters(L"--bare-writer" + count); });
+    const int messages = WRITERS * amounts.messagesOfWriter;
+    Json row = {{"processes", WRITERS}, {"messages", messages}, {"time", ToJson(times, TARGET)}};
     std::printf("log of %d processes: %s ms for %d, bare %s ms, ratio %s\n", WRITERS,
-                row["time"]["library_ms"].dump().c_str(), WRITERS * MESSAGES_OF_WRITER,
-                row["time"]["bare_ms"].dump().c_str(), row["time"]["ratio"].dump().c_str());
+                row["time"]["library_ms"].dump().c_str(), messages, row["time"]["bare_ms"].dump().c_str(),
+                row["time"]["ratio"].dump().c_str());
     return row;
 }
 
@@ -165,7 +188,7 @@ void RemoveLogs()
     DeleteFileW(BareFile().c_str());
 }
 
-int Measure(const std::string& file)
+int Measure(const std::string& file, const Amounts& amounts)
 {
     RemoveLogs();
     Json log;
@@ -173,15 +196,15 @@ int Measure(const std::string& file)
     LogAccepted(); // makes the folder
     {
         BareLog bare(BareFile());
-        log["rejected"] = Compare("rejected", LogRejected, bare, &BareLog::Reject);
-        log["accepted"] = Compare("accepted", LogAccepted, bare, &BareLog::Accept);
+        log["rejected"] = Compare("rejected", LogRejected, bare, &BareLog::Reject, amounts);
+        log["accepted"] = Compare("accepted", LogAccepted, bare, &BareLog::Accept, amounts);
         const Viewer viewer(RING_NAME);
         LogAccepted();
         bare.ConnectToViewer(RING_NAME);
-        log["with_viewer"] = Compare("with a viewer", LogAccepted, bare, &BareLog::AcceptWithViewer);
+        log["with_viewer"] = Compare("with a viewer", LogAccepted, bare, &BareLog::AcceptWithViewer, amounts);
     }
     vtflt::StopLog();
-    log["eight_processes"] = MeasureWriters();
+    log["eight_processes"] = MeasureWriters(amounts);
     RemoveLogs();
 
     std::ofstream out(file);
@@ -190,20 +213,23 @@ int Measure(const std::string& file)
     return 0;
 }
 
-int Run(const std::string& argument)
+int Run(const std::vector<std::string>& arguments)
 {
-    if (argument == "--writer") {
+    Require(!arguments.empty() && arguments.size() <= 2, "one argument: the file for the results");
+    const std::string& first = arguments.front();
+    const std::string& last = arguments.back();
+    if (first == "--writer") {
         vtflt::StartLog();
-        WriteAsOneOfMany(LogAccepted);
+        WriteAsOneOfMany(std::stoi(last), LogAccepted);
         vtflt::StopLog();
         return 0;
     }
-    if (argument == "--bare-writer") {
+    if (first == "--bare-writer") {
         BareLog bare(BareFile());
-        WriteAsOneOfMany([&] { bare.Accept(); });
+        WriteAsOneOfMany(std::stoi(last), [&] { bare.Accept(); });
         return 0;
     }
-    return Measure(argument);
+    return Measure(last, first == "--quick" ? QUICK : FULL);
 }
 
 } // namespace
@@ -211,8 +237,10 @@ int Run(const std::string& argument)
 int wmain(int count, wchar_t** values)
 {
     try {
-        bench::Require(count == 2, "one argument: the file for the results");
-        return Run(bench::Narrow(values[1]));
+        std::vector<std::string> arguments;
+        for (int i = 1; i < count; ++i)
+            arguments.push_back(bench::Narrow(values[i]));
+        return Run(arguments);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "whole_log_bench: %s\n", error.what());
         return 1;

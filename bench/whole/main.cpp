@@ -26,7 +26,7 @@ int Run(const std::vector<std::string>& arguments)
 
     bench::Json results;
     if (wanted("load"))
-        bench::MeasureLoad(results);
+        bench::MeasureLoad(results, quick);
     if (wanted("fetch"))
         bench::MeasureFetch(results, quick);
     if (wanted("registration"))

@@ -84,34 +84,53 @@ inline std::string Narrow(const std::wstring& text)
 struct SideBySide {
     std::vector<double> library;
     std::vector<double> bare;
+
+    // One pair more; neither is always first. Each of the two gives its time in ms.
+    template <class Library, class Bare>
+    void Add(const Library& timeOfLibrary, const Bare& timeOfBare)
+    {
+        if (library.size() % 2 == 0) {
+            library.push_back(timeOfLibrary());
+            bare.push_back(timeOfBare());
+        } else {
+            bare.push_back(timeOfBare());
+            library.push_back(timeOfLibrary());
+        }
+    }
 };
 
 inline SideBySide InTurns(int pairs, const std::function<void()>& library, const std::function<void()>& bare)
 {
     SideBySide times;
-    for (int pair = 0; pair < pairs; ++pair) {
-        // Neither is always first.
-        if (pair % 2 == 0) {
-            times.library.push_back(TimeOf(library));
-            times.bare.push_back(TimeOf(bare));
-        } else {
-            times.bare.push_back(TimeOf(bare));
-            times.library.push_back(TimeOf(library));
-        }
-    }
+    for (int pair = 0; pair < pairs; ++pair)
+        times.Add([&] { return TimeOf(library); }, [&] { return TimeOf(bare); });
     return times;
 }
 
+inline double Least(const std::vector<double>& values)
+{
+    return values.empty() ? 0 : *std::min_element(values.begin(), values.end());
+}
+
+// The ratio that counts is the median of the pairs' ratios: the two of a pair ran one right behind the other.
 inline Json ToJson(const SideBySide& times, double target)
 {
+    std::vector<double> ratios;
+    for (std::size_t i = 0; i < times.library.size(); ++i)
+        ratios.push_back(times.library[i] / times.bare[i]);
+    std::sort(ratios.begin(), ratios.end());
     const double library = Median(times.library);
     const double bare = Median(times.bare);
-    const double best = *std::min_element(times.library.begin(), times.library.end()) /
-                        *std::min_element(times.bare.begin(), times.bare.end());
-    return {
-        {"library_ms", Rounded(library)},     {"bare_ms", Rounded(bare)}, {"ratio", Rounded(library / bare)},
-        {"ratio_of_best", Rounded(best)},     {"target", target},         {"library_runs_ms", Rounded(times.library)},
-        {"bare_runs_ms", Rounded(times.bare)}};
+    return {{"library_ms", Rounded(library)},
+            {"bare_ms", Rounded(bare)},
+            {"ratio", Rounded(Median(ratios))},
+            {"ratio_lower_quartile", Rounded(ratios[ratios.size() / 4])},
+            {"ratio_upper_quartile", Rounded(ratios[ratios.size() * 3 / 4])},
+            {"ratio_of_medians", Rounded(library / bare)},
+            {"ratio_of_best", Rounded(Least(times.library) / Least(times.bare))},
+            {"target", target},
+            {"library_runs_ms", Rounded(times.library)},
+            {"bare_runs_ms", Rounded(times.bare)}};
 }
 
 // The calls that attached modules made in this work, in order, as the simulator records them.
@@ -131,11 +150,40 @@ inline Json CountByFunction(const std::vector<std::wstring>& calls)
     return counts;
 }
 
+// What the calls moved by this function: the number behind the last bar.
+inline std::uint64_t BytesMoved(const std::vector<std::wstring>& calls, const std::wstring& function)
+{
+    std::uint64_t total = 0;
+    for (const std::wstring& call : calls) {
+        if (call.starts_with(function + L" "))
+            total += std::stoull(Narrow(call.substr(call.rfind(L'|') + 1)));
+    }
+    return total;
+}
+
+// The counts of one operation: calls, and the bytes that they read from files and wrote, the log's among them.
+inline Json CostOf(const std::vector<std::wstring>& calls)
+{
+    return {{"calls", calls.size()},
+            {"bytes_read", BytesMoved(calls, L"ReadFile")},
+            {"bytes_written", BytesMoved(calls, L"WriteFile")},
+            {"by_function", CountByFunction(calls)}};
+}
+
+// What attached modules allocated since the counts were reset. To be asked before the program itself allocates.
+inline DWORD HeapAllocations()
+{
+    DWORD count = 0;
+    for (const wchar_t* const function : {L"malloc", L"calloc", L"realloc", L"HeapAlloc", L"LocalAlloc"})
+        count += VTFltSimGetCallCount(function);
+    return count;
+}
+
 // Each measurement adds its part to the results and prints a line for whoever waits.
 void MeasureFetch(Json& results, bool quick);
 void MeasureRegistration(Json& results, bool quick);
 void MeasureLists(Json& results, bool quick);
 void MeasureHandles(Json& results, bool quick);
-void MeasureLoad(Json& results);
+void MeasureLoad(Json& results, bool quick);
 
 } // namespace bench

@@ -2,7 +2,7 @@
 //
 // A simulated machine has up to 64 volumes. For more the walk over them is made to begin again: the library meets a
 // volume several times and does each time what it does for any volume.
-#include "import_table.h"
+#include "call_times.h"
 #include "measure.h"
 
 #include "vtfltmgr/VTFltMgr.h"
@@ -63,8 +63,8 @@ private:
 
     static RepeatedWalk* s_walk;
     HMODULE m_module;
-    ImportOverride m_first;
-    ImportOverride m_next;
+    vttest::ImportOverride m_first;
+    vttest::ImportOverride m_next;
     int m_repetitions = 1;
     int m_left = 0;
     HANDLE m_again = nullptr;
@@ -93,6 +93,13 @@ Json MeasureOne(int volumes, int runs)
         registered.push_back(TimeOf(enter));
         unregistered.push_back(TimeOf(leave));
     }
+    Json registeringApart;
+    Json unregisteringApart;
+    {
+        CallTimes watch({GetModuleHandleW(L"VTFltMgr.dll")});
+        registeringApart = watch.Of(1, enter);
+        unregisteringApart = watch.Of(1, leave);
+    }
     walk.reset();
     machine.Detach();
     return {{"volumes", volumes},
@@ -100,9 +107,12 @@ Json MeasureOne(int volumes, int runs)
             {"register_ms_per_volume", Rounded(Median(registered) / volumes)},
             {"unregister_ms", Rounded(Median(unregistered))},
             {"unregister_ms_per_volume", Rounded(Median(unregistered) / volumes)},
-            {"register_calls", registering.size()},
-            {"unregister_calls", unregistering.size()},
-            {"register_calls_by_function", CountByFunction(registering)}};
+            {"register_runs_ms", Rounded(registered)},
+            {"unregister_runs_ms", Rounded(unregistered)},
+            {"register", CostOf(registering)},
+            {"unregister", CostOf(unregistering)},
+            {"register_times_apart", registeringApart},
+            {"unregister_times_apart", unregisteringApart}};
 }
 
 } // namespace
@@ -114,8 +124,8 @@ void MeasureRegistration(Json& results, bool quick)
         rows.push_back(MeasureOne(volumes, volumes > 64 ? 3 : 5));
         const Json& row = rows.back();
         std::printf("registration %3d volumes: %s ms, %s calls; unregistration %s ms, %s calls\n", volumes,
-                    row["register_ms"].dump().c_str(), row["register_calls"].dump().c_str(),
-                    row["unregister_ms"].dump().c_str(), row["unregister_calls"].dump().c_str());
+                    row["register_ms"].dump().c_str(), row["register"]["calls"].dump().c_str(),
+                    row["unregister_ms"].dump().c_str(), row["unregister"]["calls"].dump().c_str());
         std::fflush(stdout);
     }
     results["registration"] = std::move(rows);

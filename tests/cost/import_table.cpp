@@ -1,10 +1,11 @@
-#include "import_table.h"
+#include "cost/import_table.h"
 
-#include "measure.h"
-
+#include <cstdint>
 #include <cstring>
+#include <stdexcept>
+#include <string>
 
-namespace bench {
+namespace vttest {
 
 namespace {
 
@@ -30,9 +31,11 @@ void** FindImport(HMODULE module, const char* name)
 
 } // namespace
 
-ImportOverride::ImportOverride(HMODULE module, const char* name, void* replacement) : m_place(FindImport(module, name))
+ImportOverride::ImportOverride(HMODULE module, const char* name, void* replacement)
+    : m_place(FindImport(module, name)), m_original(nullptr)
 {
-    Require(m_place != nullptr, "finding an import");
+    if (m_place == nullptr)
+        throw std::runtime_error(std::string("the module does not import ") + name);
     m_original = *m_place;
     Store(replacement);
 }
@@ -50,4 +53,10 @@ void ImportOverride::Store(void* function)
     VirtualProtect(m_place, sizeof(*m_place), protection, &protection);
 }
 
-} // namespace bench
+void* ImportedFunction(HMODULE module, const char* name)
+{
+    void** const place = FindImport(module, name);
+    return place != nullptr ? *place : nullptr;
+}
+
+} // namespace vttest

@@ -3,11 +3,13 @@
 
 #include <windows.h>
 
-namespace bench {
+namespace vttest {
 
-// Lets a module call another function where it calls the imported one, until the object is destroyed.
+// Lets a module call another function where it calls the imported one, until the object is destroyed. Objects for the same
+// function are destroyed in the opposite order.
 class ImportOverride {
 public:
+    // Throws when the module does not import the function.
     ImportOverride(HMODULE module, const char* name, void* replacement);
     ImportOverride(const ImportOverride&) = delete;
     ImportOverride& operator=(const ImportOverride&) = delete;
@@ -19,8 +21,11 @@ public:
 private:
     void Store(void* function);
 
-    void** m_place = nullptr;
-    void* m_original = nullptr;
+    void** m_place;
+    void* m_original;
 };
 
-} // namespace bench
+// What a module calls by this name now; null when it does not import it.
+void* ImportedFunction(HMODULE module, const char* name);
+
+} // namespace vttest

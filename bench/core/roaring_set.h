@@ -1,0 +1,33 @@
+// A bitmap as CRoaring's sets of 32-bit numbers, all of whose containers are bitsets. A set reaches over 512 MiB of bitmap;
+// a larger one is several sets.
+#pragma once
+
+#include "buffers.h"
+
+#include <roaring/roaring.h>
+
+#include <memory>
+#include <vector>
+
+namespace bench {
+
+class RoaringSets {
+public:
+    // Of count bytes, a multiple of 8 KiB, with more than 4096 bits set in every 8 KiB.
+    RoaringSets(const std::uint8_t* bits, std::size_t count);
+
+    // In-place unions of all of them.
+    void Or(const RoaringSets& other);
+    // The same in two steps: unions that count nothing, and the counts.
+    void OrLazily(const RoaringSets& other);
+
+    [[nodiscard]] std::uint64_t Cardinality() const;
+
+private:
+    struct Free {
+        void operator()(roaring_bitmap_t* set) const { roaring_bitmap_free(set); }
+    };
+    std::vector<std::unique_ptr<roaring_bitmap_t, Free>> m_sets;
+};
+
+} // namespace bench

@@ -1,14 +1,16 @@
 // A program whose threads all log, through the shipped library, into the log file that it sets for itself.
 //
-//     log_child <log file> <number of this process> <threads> <records> <ready> <start> [end]
+//     log_child <log file> <number of this process> <threads> <records> <ready> <start> [end | <machine directory>]
 //
 // Makes the file its process-wide one, signals the event "ready", waits for "start". Each thread then logs its records, in
 // which a handle's value numbers process, thread and record: process << 24 | thread << 16 | record, from 1 each. With
-// "end" the process ends with exit code 7 in the middle of it. Exit code: 0, or 1 when the file could not be set.
+// "end" the process ends with exit code 7 in the middle of it; with a machine, the library is attached to it while it
+// logs, and the simulator's plan in the environment applies. Exit code: 0, or 1 when it could not start.
 #include "log/bounded_text.h"
 #include "log/config_block.h"
-#include "log/object_names.h"
+#include "support/config_names.h"
 #include "vtfltmgr/VTFltMgr.h"
+#include "vtfltsim/VTFltSim.h"
 #include "win/owners.h"
 
 #include <cstdint>
@@ -16,6 +18,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+using namespace vttest;
 
 namespace {
 
@@ -25,25 +29,24 @@ std::wstring Wide(const char* text)
     return std::wstring(bytes.begin(), bytes.end());
 }
 
-std::wstring ConfigName(std::wstring format)
-{
-    std::wstring digits;
-    for (DWORD id = GetCurrentProcessId(); id != 0; id /= 10)
-        digits.insert(digits.begin(), static_cast<wchar_t>(L'0' + id % 10));
-    return format.replace(format.find(L"%d"), 2, digits);
-}
-
 // As a program does that edits the configuration of another.
 bool SetProcessPath(const std::wstring& path)
 {
-    const vtflt::UniqueHandle mutex(OpenMutexW(SYNCHRONIZE, FALSE, ConfigName(vtflt::LOG_CFG_MUTEX_NAME).c_str()));
-    const vtflt::UniqueHandle mapping(OpenFileMappingW(FILE_MAP_READ | FILE_MAP_WRITE, FALSE,
-                                                       ConfigName(vtflt::LOG_CFG_GLOBAL_MAPPING_NAME).c_str()));
+    const vtflt::UniqueHandle mutex(OpenMutexW(SYNCHRONIZE, FALSE, ConfigName(CONFIG_MUTEX).c_str()));
+    const vtflt::UniqueHandle mapping(
+        OpenFileMappingW(FILE_MAP_READ | FILE_MAP_WRITE, FALSE, ConfigName(CONFIG_MAPPING).c_str()));
     const vtflt::UniqueView view(MapViewOfFile(mapping.get(), FILE_MAP_READ | FILE_MAP_WRITE, 0, 0, 0));
     if (!mutex || !view || WaitForSingleObject(mutex.get(), INFINITE) != WAIT_OBJECT_0)
         return false;
     vtflt::CopyText(static_cast<vtflt::LogCfgBlock*>(view.get())->path, path);
     return ReleaseMutex(mutex.get()) != FALSE;
+}
+
+bool Attach(const std::wstring& directory)
+{
+    VTFLTSIM_MACHINE machine = nullptr; // until the process ends
+    return VTFltSimOpen(directory.c_str(), &machine) == 0 &&
+           VTFltSimAttachModule(machine, GetModuleHandleW(L"VTFltMgr.dll")) == 0;
 }
 
 void LogRecords(std::uint32_t process, std::uint32_t thread, std::uint32_t records)
@@ -67,15 +70,19 @@ int main(int count, char** arguments)
     const vtflt::UniqueHandle start(OpenEventW(SYNCHRONIZE, FALSE, Wide(arguments[6]).c_str()));
     if (!SetEvent(ready.get()) || WaitForSingleObject(start.get(), INFINITE) != WAIT_OBJECT_0)
         return 1;
+    const std::string last = count > 7 ? arguments[7] : "";
+    if (!last.empty() && last != "end" && !Attach(Wide(arguments[7])))
+        return 1;
 
     std::vector<std::thread> running;
     for (std::uint32_t thread = 1; thread <= threads; ++thread)
         running.emplace_back(LogRecords, process, thread, records);
-    if (count > 7) {
+    if (last == "end") {
         LogRecords(process, threads + 1, 20);
         ExitProcess(7);
     }
     for (std::thread& thread : running)
         thread.join();
+    VTFltSimDetach();
     return 0;
 }

@@ -132,6 +132,14 @@ void DoubleLoseBelow(const wchar_t* folder, std::uint64_t seed)
     });
 }
 
+std::size_t DoubleReadFile(const wchar_t* path, void* bytes, std::size_t room)
+{
+    const Place place = Resolve(path);
+    if (place.node == nullptr || place.node->contents == nullptr)
+        return SIZE_MAX;
+    return place.node->contents->Read(0, bytes, room);
+}
+
 std::uint64_t DoubleTime()
 {
     return Now() / 1'000'000;

@@ -64,6 +64,8 @@ DOUBLE_CONTROL DoubleLeft DoubleEndGuest(DoubleGuest* guest);
 // For operator new: the module, by an address in it, that the next allocation is for; null behind it.
 DOUBLE_CONTROL void DoubleAllocatesFor(const void* module);
 
+// What a file holds now, whoever has it open: gives the number of bytes read, at most room, or all ones when there is none.
+DOUBLE_CONTROL std::size_t DoubleReadFile(const wchar_t* path, void* bytes, std::size_t room);
 // All that is written so far to the files below a folder reaches the disk.
 DOUBLE_CONTROL void DoubleSyncBelow(const wchar_t* folder);
 // The power goes. Of what was written to the files below a folder and not synchronised, nothing is there (seed 0), or each

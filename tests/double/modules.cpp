@@ -253,6 +253,9 @@ void SetImageFolder(const std::string& folder)
     PutFile(Text(IMAGE_FOLDER) + L"\\VTFltMgr.dll", "MZ");
     PutFile(Text(IMAGE_FOLDER) + L"\\VTFltSim.dll", "MZ");
     RootFolder()->Child(L"double")->Child(L"VTFltMgr.dll")->version = {0x00000001u, 0x00000000u};
+    // As tests/children/log_child.rc says.
+    PutFile(Text(IMAGE_FOLDER) + L"\\log_child.exe", "MZ");
+    RootFolder()->Child(L"double")->Child(L"log_child.exe")->version = {0x00050001u, 0x00020305u};
     MakeFolders(L"C:\\users\\tester\\Temp");
 }
 

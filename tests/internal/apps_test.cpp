@@ -96,6 +96,21 @@ TEST_F(MutexGuard, TheSameThreadMayHoldANameTwiceAndGivesItUpTwice)
     EXPECT_EQ(nullptr, OpenMutexW(SYNCHRONIZE, FALSE, L"vtflt test"));
 }
 
+// Owned from its making it would have to be given up twice.
+TEST_F(MutexGuard, AMutexThatItMakesIsFreeBehindIt)
+{
+    UniqueHandle other;
+    {
+        CMutexController guard;
+        EXPECT_EQ(0u, guard.getAccess(L"vtflt test"));
+        other.reset(OpenMutexW(SYNCHRONIZE, FALSE, L"vtflt test"));
+        ASSERT_TRUE(other.valid());
+    }
+    DWORD wait = WAIT_FAILED;
+    std::thread([&] { wait = WaitForSingleObject(other.get(), 0); }).join();
+    EXPECT_EQ(static_cast<DWORD>(WAIT_OBJECT_0), wait);
+}
+
 TEST_F(MutexGuard, GivesItsMutexUpWhenItGoes)
 {
     const UniqueHandle other(CreateMutexW(nullptr, FALSE, L"vtflt test"));
@@ -196,6 +211,27 @@ TEST_F(StoredLists, AMergeWhoseOldListCannotBeReadWritesNothing)
     Store(L"DeviceListForReSyncApp1", L"{1}\0"sv);
     EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_DATA), lists.UpdateApplicationValue({L"{3}"}, L"App1", 0));
     ExpectStored(L"DeviceListForReSyncApp1", L"{1}\0"sv);
+}
+
+TEST_F(StoredLists, AVolumeWithoutANameIsRefusedAndNothingIsWritten)
+{
+    Store(L"DeviceListForReSyncApp1", L"{1}\0\0"sv);
+    for (const DWORD replace : {0u, 1u}) {
+        log.Clear();
+        EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_PARAMETER),
+                  lists.UpdateApplicationValue({L"{3}", L""}, L"App1", replace));
+        ExpectStored(L"DeviceListForReSyncApp1", L"{1}\0\0"sv);
+        log.ExpectExactly({{0, ERROR_INVALID_PARAMETER,
+                            L"CVolumeListForResync::UpdateApplicationValue: A volume without a name cannot be added to "
+                            L"DeviceListForReSyncApp1"}});
+    }
+}
+
+TEST_F(StoredLists, ADamagedEntryTakesNoOtherAway)
+{
+    Store(L"DeviceListForReSyncApp1", L"{1}\0\0"sv);
+    EXPECT_EQ(0u, lists.UpdateApplicationValue({L"{**}"}, L"App1", 0));
+    ExpectStored(L"DeviceListForReSyncApp1", L"{\0}\0{1}\0\0"sv);
 }
 
 TEST_F(StoredLists, ReplacingDropsTheOldEntries)
@@ -396,8 +432,12 @@ TEST_F(Applications, AnEmptyIdIsABadArgument)
 {
     EXPECT_EQ(static_cast<DWORD>(ERROR_BAD_ARGUMENTS), RegisterApplication(L""));
     EXPECT_EQ(static_cast<DWORD>(ERROR_BAD_ARGUMENTS), UnregisterApplication(L""));
+    log.Clear();
     EXPECT_EQ(static_cast<DWORD>(ERROR_BAD_ARGUMENTS), RemoveApplicationBitmaps(L""));
+    log.ExpectExactly({{0, ERROR_BAD_ARGUMENTS, L"RemoveApplicationBitmaps: Application ID is empty !!"}});
+    log.Clear();
     EXPECT_EQ(static_cast<DWORD>(ERROR_BAD_ARGUMENTS), ResetApplicationBitmaps(L""));
+    log.ExpectExactly({{0, ERROR_BAD_ARGUMENTS, L"ResetApplicationBitmaps: Application ID is empty !!"}});
 }
 
 TEST_F(Applications, WithoutTheApplicationMutexNothingIsDone)
@@ -428,9 +468,10 @@ protected:
     ~FolderRemoval() override { Clean(); }
     void Clean() const
     {
-        DeleteFileW((folder + L"\\a").c_str());
-        DeleteFileW((folder + L"\\sub\\b").c_str());
+        for (const wchar_t* const file : {L"\\a", L"\\z", L"\\sub\\b", L"\\m\\b"})
+            DeleteFileW((folder + file).c_str());
         RemoveDirectoryW((folder + L"\\sub").c_str());
+        RemoveDirectoryW((folder + L"\\m").c_str());
         RemoveDirectoryW(folder.c_str());
     }
     static void Make(const std::wstring& path, DWORD attributes = FILE_ATTRIBUTE_NORMAL)
@@ -458,6 +499,44 @@ TEST_F(FolderRemoval, ASubdirectoryGoesAndLeavesItsParentInPlace)
     Make(folder + L"\\sub\\b");
     EXPECT_NE(0u, RemoveDirectoryTree(folder.c_str()));
     EXPECT_FALSE(Exists(folder + L"\\sub"));
+    EXPECT_TRUE(Exists(folder));
+}
+
+// As the system lists them: in the order of their names.
+TEST_F(FolderRemoval, FilesBeforeASubdirectoryGoAndWhatComesBehindItStays)
+{
+    Make(folder + L"\\a");
+    CreateDirectoryW((folder + L"\\m").c_str(), nullptr);
+    Make(folder + L"\\m\\b");
+    Make(folder + L"\\z");
+    WIN32_FIND_DATAW entry = {};
+    const UniqueFileSearch search(FindFirstFileW((folder + L"\\*.*").c_str(), &entry));
+    std::vector<std::wstring> order;
+    do {
+        if (entry.cFileName[0] != L'.')
+            order.emplace_back(entry.cFileName);
+    } while (FindNextFileW(search.get(), &entry));
+    EXPECT_NE(0u, RemoveDirectoryTree(folder.c_str()));
+    bool behind = false;
+    for (const std::wstring& name : order) {
+        if (name == L"m")
+            behind = true;
+        EXPECT_EQ(behind && name != L"m", Exists(folder + L"\\" + name)) << vttest::Narrow(name);
+    }
+    EXPECT_TRUE(behind);
+    EXPECT_TRUE(Exists(folder));
+}
+
+TEST_F(FolderRemoval, ASubdirectoryThatCannotGoIsTheResult)
+{
+    CreateDirectoryW((folder + L"\\m").c_str(), nullptr);
+    {
+        const UniqueHandle held(CreateFileW((folder + L"\\m\\b").c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                            FILE_ATTRIBUTE_NORMAL, nullptr));
+        ASSERT_TRUE(held.valid());
+        EXPECT_EQ(0u, RemoveDirectoryTree(folder.c_str()));
+        EXPECT_TRUE(Exists(folder + L"\\m\\b"));
+    }
     EXPECT_TRUE(Exists(folder));
 }
 

@@ -73,6 +73,18 @@ TEST_F(ContainerRemove, BaseErrorGoesBeforeTheChildsWhenBothFail)
     log.ExpectExactly({{0, ERROR_ACCESS_DENIED, BaseFailed()}, {0, ERROR_SHARING_VIOLATION, ChildFailed()}});
 }
 
+// No list can name a volume of which no name is left: then its files must not stay.
+TEST_F(ContainerRemove, AVolumeThatNoListCanNameLosesItsFilesAndTakesNoMarkAway)
+{
+    PutBoth();
+    SetVerifyList(APP, {L"{1}", L"{2}"});
+    container->m_strVolume = L"V:";
+    EXPECT_EQ(container->AddVolumeToResyncList(), DWORD{ERROR_INVALID_PARAMETER});
+    EXPECT_FALSE(BaseFile().exists);
+    EXPECT_FALSE(ChildFile().exists);
+    EXPECT_EQ(VerifyList(APP), (std::vector<std::wstring>{L"{1}", L"{2}"}));
+}
+
 TEST_F(ContainerRemove, MissingFilesAreFailures)
 {
     MakeBitmapFolder();

@@ -174,6 +174,19 @@ TEST_F(ManagerDriver, EveryOperationEndsWithItsMutexReleased)
     }
 }
 
+// A manager of a drive letter has no name for the lists: its merge is done, and everybody else's marks stay.
+TEST_F(ManagerDriver, SnapshotChangesOfAVolumeThatNoListCanNameTakeNoMarkAway)
+{
+    SetVerifyList(L"app1", {L"{1}", L"{2}"});
+    Managed managed(OpenVolume(volume), L"V:\\", L"app1");
+    log.Clear();
+    Bytes changes(BUFFER_LENGTH);
+    managed.Io(vtflt::VTFLTCTL_SYNC_SNAPSHOT_CHANGES_TO_VOLUME_BITMAP, changes.data(), BUFFER_LENGTH);
+    log.ExpectLogged(0, ERROR_INVALID_PARAMETER,
+                     L"CMultiBitmapManager::VTDeviceIoControl: Failed to add volume to verify list, V:");
+    EXPECT_EQ((std::vector<std::wstring>{L"{1}", L"{2}"}), VerifyList(L"app1"));
+}
+
 } // namespace
 
 } // namespace vttest

@@ -1,7 +1,7 @@
 // The log of the shipped library: it is there from load to unload, and leaves nothing behind.
 #include "log/bounded_text.h"
 #include "log/config_block.h"
-#include "log/object_names.h"
+#include "support/config_names.h"
 #include "support/registry_sandbox.h"
 #include "support/text.h"
 #include "win/owners.h"
@@ -16,11 +16,6 @@ namespace {
 using vtflt::UniqueHandle;
 
 constexpr wchar_t ENGINE[] = L"SOFTWARE\\Veltrix\\Lumen Protect\\Engine";
-
-std::wstring ConfigName(std::wstring format)
-{
-    return format.replace(format.find(L"%d"), 2, WideNumber(GetCurrentProcessId()));
-}
 
 class LogLoad : public testing::Test {
 protected:
@@ -73,11 +68,9 @@ protected:
     }
     static bool HasConfiguration()
     {
-        const UniqueHandle mutex(OpenMutexW(SYNCHRONIZE, FALSE, ConfigName(vtflt::LOG_CFG_MUTEX_NAME).c_str()));
-        const UniqueHandle global(
-            OpenFileMappingW(FILE_MAP_READ, FALSE, ConfigName(vtflt::LOG_CFG_GLOBAL_MAPPING_NAME).c_str()));
-        const UniqueHandle local(
-            OpenFileMappingW(FILE_MAP_READ, FALSE, ConfigName(vtflt::LOG_CFG_LOCAL_MAPPING_NAME).c_str()));
+        const UniqueHandle mutex(OpenMutexW(SYNCHRONIZE, FALSE, ConfigName(CONFIG_MUTEX).c_str()));
+        const UniqueHandle global(OpenFileMappingW(FILE_MAP_READ, FALSE, ConfigName(CONFIG_MAPPING).c_str()));
+        const UniqueHandle local(OpenFileMappingW(FILE_MAP_READ, FALSE, ConfigName(CONFIG_LOCAL_MAPPING).c_str()));
         return mutex || global || local;
     }
     std::wstring LogText() const
@@ -111,9 +104,9 @@ TEST_F(LogLoad, TheConfigurationIsThereFromLoadToUnload)
     EXPECT_FALSE(HasConfiguration());
     const HMODULE library = Load();
     ASSERT_NE(nullptr, library);
+    EXPECT_TRUE(UniqueHandle(OpenMutexW(SYNCHRONIZE, FALSE, ConfigName(CONFIG_MUTEX).c_str())).valid());
     {
-        const UniqueHandle mapping(
-            OpenFileMappingW(FILE_MAP_READ, FALSE, ConfigName(vtflt::LOG_CFG_GLOBAL_MAPPING_NAME).c_str()));
+        const UniqueHandle mapping(OpenFileMappingW(FILE_MAP_READ, FALSE, ConfigName(CONFIG_MAPPING).c_str()));
         const vtflt::UniqueView view(MapViewOfFile(mapping.get(), FILE_MAP_READ, 0, 0, 0));
         ASSERT_TRUE(view.valid());
         const auto& block = *static_cast<const vtflt::LogCfgBlock*>(view.get());

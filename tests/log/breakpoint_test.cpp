@@ -1,4 +1,5 @@
 // Log breakpoints: hits, the wait at them, and what ends it.
+#include "support/access_list.h"
 #include "support/live_output_test.h"
 
 #include <cstring>
@@ -62,8 +63,10 @@ TEST_F(BreakpointTest, AHitIsStoredAnnouncedAndHoldsItsThreadUntilItIsLetGo)
     std::wstring name = reinterpret_cast<const wchar_t*>(text);
     RpcStringFreeW(&text);
     CharUpperBuffW(name.data(), static_cast<DWORD>(name.size()));
-    const UniqueHandle event(OpenEventW(EVENT_MODIFY_STATE | SYNCHRONIZE, FALSE, (HIT_EVENT + name).c_str()));
+    const UniqueHandle event(
+        OpenEventW(EVENT_MODIFY_STATE | SYNCHRONIZE | READ_CONTROL, FALSE, (HIT_EVENT + name).c_str()));
     ASSERT_TRUE(event.valid());
+    ExpectOpenToEveryone(event);
     EXPECT_FALSE(thread.IsDone());
     SetEvent(event.get());
     EXPECT_EQ(hit.threadId, thread.Join());

@@ -1,7 +1,9 @@
 // The process's log configuration: registration, questions, what another program edits, and damage.
 #include "log/own_module.h"
+#include "support/access_list.h"
 #include "support/live_viewer.h"
 #include "support/log_test.h"
+#include "trace_capture.h"
 
 #include <cstring>
 #include <thread>
@@ -251,16 +253,28 @@ TEST_F(ConfigTest, ABlockWithADamagedMarkIsIgnoredByEveryOperation)
             editor.block->level = 4;
             (tail ? editor.block->tailMagic : editor.block->headMagic) = 0;
         }
+        ClearTrace();
         EXPECT_EQ(LOG_LEVEL_NOT_SET, m_configuration.QueryLevel(L"First.dll"));
         EXPECT_EQ(L"unchanged", Path(L"First.dll"));
         m_configuration.RegisterModule(L"Second.dll");
         m_configuration.StorePath(L"First.dll", L"C:\\new.log");
+        EXPECT_TRUE(TraceLines() == std::vector<std::wstring>(4, DamagedBlockLine()));
         const ConfigEditor editor;
         EXPECT_EQ(nullptr, editor.Find(L"Second.dll"));
         EXPECT_EQ(DefaultPath(L"First.dll.Log"), editor.block->modules[0].path);
         editor.block->headMagic = editor.block->tailMagic = LOG_CFG_MAGIC;
     }
+    ClearTrace();
     EXPECT_EQ(4u, m_configuration.QueryLevel(L"First.dll"));
+    EXPECT_TRUE(TraceLines().empty());
+}
+
+// Programs of every account may edit the block.
+TEST_F(ConfigTest, TheBlockAndItsMutexHaveANullAccessList)
+{
+    m_configuration.RegisterModule(L"First.dll");
+    ExpectOpenToEveryone(UniqueHandle(OpenMutexW(READ_CONTROL, FALSE, ConfigName(CONFIG_MUTEX).c_str())));
+    ExpectOpenToEveryone(UniqueHandle(OpenFileMappingW(READ_CONTROL, FALSE, ConfigName(CONFIG_MAPPING).c_str())));
 }
 
 TEST_F(ConfigTest, NamesAndPathsWithoutAnEndAreReadNoFurtherThanTheirFields)
@@ -324,7 +338,7 @@ TEST_F(ConfigTest, AnAccessThatCannotHaveTheMutexIsSkipped)
 TEST_F(ConfigTest, AMutexThatItsOwnerLeftBehindIsOwned)
 {
     m_configuration.RegisterModule(L"First.dll");
-    const UniqueHandle mutex(OpenMutexW(SYNCHRONIZE, FALSE, ConfigName(LOG_CFG_MUTEX_NAME).c_str()));
+    const UniqueHandle mutex(OpenMutexW(SYNCHRONIZE, FALSE, ConfigName(CONFIG_MUTEX).c_str()));
     {
         const UniqueHandle thread(CreateThread(
             nullptr, 0,
@@ -340,9 +354,9 @@ TEST_F(ConfigTest, AMutexThatItsOwnerLeftBehindIsOwned)
 
 TEST_F(ConfigTest, AMappingThatIsTooSmallIsNotUsed)
 {
-    const UniqueHandle small(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 4096,
-                                                ConfigName(LOG_CFG_GLOBAL_MAPPING_NAME).c_str()));
-    ASSERT_TRUE(small.valid());
+    const UniqueHandle tooSmall(
+        CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 4096, ConfigName(CONFIG_MAPPING).c_str()));
+    ASSERT_TRUE(tooSmall.valid());
     m_configuration.RegisterModule(L"First.dll");
     EXPECT_EQ(LOG_LEVEL_NOT_SET, m_configuration.QueryLevel(L"First.dll"));
     EXPECT_EQ(L"unchanged", Path(L"First.dll"));
@@ -358,18 +372,18 @@ TEST_F(ConfigTest, AGlobalNameThatIsRefusedFallsBackToTheLocalOne)
     ASSERT_TRUE(SetSecurityDescriptorDacl(&descriptor, TRUE, &nobody, FALSE));
     SECURITY_ATTRIBUTES attributes = {sizeof(attributes), &descriptor, FALSE};
     const UniqueHandle barred(CreateFileMappingW(INVALID_HANDLE_VALUE, &attributes, PAGE_READWRITE, 0, 4096,
-                                                 ConfigName(LOG_CFG_GLOBAL_MAPPING_NAME).c_str()));
+                                                 ConfigName(CONFIG_MAPPING).c_str()));
     ASSERT_TRUE(barred.valid());
     m_configuration.RegisterModule(L"First.dll");
     EXPECT_EQ(DefaultPath(L"First.dll.Log"), Path(L"First.dll"));
-    const UniqueHandle local(OpenFileMappingW(FILE_MAP_READ, FALSE, ConfigName(LOG_CFG_LOCAL_MAPPING_NAME).c_str()));
+    const UniqueHandle local(OpenFileMappingW(FILE_MAP_READ, FALSE, ConfigName(CONFIG_LOCAL_MAPPING).c_str()));
     EXPECT_TRUE(local.valid());
 }
 
 TEST_F(ConfigTest, AMutexThatCannotBeMadeLeavesTheBlockClosed)
 {
     // The name belongs to an object of another kind.
-    const UniqueHandle event(CreateEventW(nullptr, FALSE, FALSE, ConfigName(LOG_CFG_MUTEX_NAME).c_str()));
+    const UniqueHandle event(CreateEventW(nullptr, FALSE, FALSE, ConfigName(CONFIG_MUTEX).c_str()));
     ASSERT_TRUE(event.valid());
     m_configuration.RegisterModule(L"First.dll");
     EXPECT_EQ(LOG_LEVEL_NOT_SET, m_configuration.QueryLevel(L"First.dll"));
@@ -389,8 +403,8 @@ TEST_F(ConfigTest, AnEmptyNameTakesNoEntry)
 TEST_F(ConfigTest, ABlockWhoseNamesAreBothRefusedIsTriedAgain)
 {
     {
-        const UniqueHandle global = MakeBarredMapping(ConfigName(LOG_CFG_GLOBAL_MAPPING_NAME));
-        const UniqueHandle local = MakeBarredMapping(ConfigName(LOG_CFG_LOCAL_MAPPING_NAME));
+        const UniqueHandle global = MakeBarredMapping(ConfigName(CONFIG_MAPPING));
+        const UniqueHandle local = MakeBarredMapping(ConfigName(CONFIG_LOCAL_MAPPING));
         m_configuration.RegisterModule(L"First.dll");
         EXPECT_EQ(L"unchanged", Path(L"First.dll"));
     }

@@ -1,6 +1,7 @@
 // What becomes of a record when something under the log fails: what is traced, what is still tried, what is dropped, and
 // that the log works again behind it.
 #include "log_file_test.h"
+#include "support/access_list.h"
 
 #include <algorithm>
 #include <thread>
@@ -206,9 +207,30 @@ TEST_F(FileFailures, AMutexThatCannotBeMadeIsReportedAndTheFileClosedAgain)
     EXPECT_TRUE(alone.valid()) << "the file is open";
 }
 
-TEST_F(FileFailures, BehindAFailureTheVersionIsReadAgain)
+TEST_F(FileFailures, AVersionThatCouldNotBeReadIsReadForTheNextRecord)
+{
+    unsigned file = 0;
+    for (const wchar_t* const function : {L"GetFileVersionInfoSizeW", L"GetFileVersionInfoW", L"VerQueryValueW"}) {
+        m_output.reset();
+        const std::wstring path = File(L"version" + WideNumber(file++) + L".log");
+        Start(path);
+        const Elsewhere module(VersionedProgram());
+        Fail(function, ERROR_NOT_ENOUGH_MEMORY);
+        Write(L"first");
+        EXPECT_EQ(1u, VTFltSimGetCallFaultHits()) << Narrow(function);
+        VTFltSimClearCallFaults();
+        Write(L"second");
+        EXPECT_TRUE(Records(path) == (std::vector<std::wstring>{MaskedHeader(2) + L"first" + Tail(),
+                                                                MaskedHeader(2) + L"second" + Tail(L"2.773")}))
+            << Narrow(function);
+    }
+}
+
+TEST_F(FileFailures, AVersionIsReadOnceAndBehindAFailureAgain)
 {
     Start(m_path);
+    // Its third and fourth number are 0.
+    const Elsewhere module(ProgramFolder() + L"\\VTFltMgr.dll");
     Write(L"first");
     VTFltSimResetCounts();
     Write(L"second");
@@ -328,6 +350,16 @@ TEST_F(FileFailures, TheMutexsNameIsThePathInLowerCaseWithSlashes)
     EXPECT_TRUE(mutex.valid());
 }
 
+// Programs of every account write into the file.
+TEST_F(FileFailures, TheFileAndItsMutexHaveANullAccessList)
+{
+    StartOpen();
+    ExpectOpenToEveryone(UniqueHandle(OpenMutexW(READ_CONTROL, FALSE, MutexName(m_path).c_str())));
+    if (!ON_DOUBLE)
+        GTEST_SKIP() << "Wine gives every file a list";
+    ExpectFileOpenToEveryone(m_path);
+}
+
 TEST_F(FileFailures, LettersBeyondAsciiAreLowerCasedInTheMutexsName)
 {
     const std::wstring path = File(L"\u00DCBER.Log");
@@ -420,6 +452,8 @@ TEST_F(FileFailures, ABlockThatCannotBeHadLeavesPathAndThresholdAsTheyAre)
     Write(L"too detailed", 3);
     EXPECT_TRUE(Texts(m_path) == (std::vector<std::wstring>{L"first", L"second"}));
     EXPECT_EQ(2u, m_output->GetLogLevel());
+    // Each question is one: level and path of the first record, level of the second, and the threshold.
+    EXPECT_TRUE(TraceLines() == std::vector<std::wstring>(4, DamagedBlockLine()));
 }
 
 TEST_F(FileFailures, AFailedMoveToTheEndSkipsANarrowRecordToo)

@@ -107,6 +107,20 @@ TEST_F(FileOutput, ARecordWithAnErrorCodeShowsItAndOneWithoutHasThirteenBlanks)
     EXPECT_NE(std::wstring::npos, records[3].find(L"   0X00010001] "));
 }
 
+TEST_F(FileOutput, TheTailHasTheThirdAndFourthNumberOfTheModulesVersion)
+{
+    Start(m_path);
+    const Elsewhere module(VersionedProgram());
+    Write(L"wide");
+    EXPECT_TRUE(Records(m_path) == std::vector<std::wstring>{MaskedHeader(2) + L"wide" + Tail(L"2.773")});
+    const std::wstring narrow = File(L"narrow.log");
+    MakeFile(narrow, "...");
+    SetEntryPath(narrow);
+    Write(L"narrow");
+    EXPECT_TRUE(MaskTimes(Widened(NarrowBytes(narrow))) ==
+                L"..." + MaskedHeader(2) + L"narrow" + Tail(L"2.773") + L"\r\n");
+}
+
 TEST_F(FileOutput, AnEmptyMessageIsARecordToo)
 {
     Start(m_path);

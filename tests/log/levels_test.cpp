@@ -2,6 +2,7 @@
 // ignores the file of the whole process.
 #include "log/log_levels.h"
 #include "log_file_test.h"
+#include "vtfltsim/VTFltSimTrace.h"
 
 using namespace vtflt;
 using namespace vttest;
@@ -121,6 +122,19 @@ TEST_F(LogLevels, KeysAreOpenedForReadingOnly)
     VTFltSimRecord(0);
     EXPECT_TRUE(Recorded(L"RegCreateKeyExW").empty());
     EXPECT_TRUE(Recorded(L"RegSetValueExW").empty());
+    // More than KEY_READ is not granted to everybody. One process looks into the 64-bit view.
+    int opened = 0;
+    wchar_t text[1024] = {};
+    for (DWORD i = 0; VTFltSimGetTrace(i, text, 1024) == 0; ++i) {
+        if (std::wstring(text).rfind(L"RegOpenKeyExW ", 0) != 0)
+            continue;
+        ++opened;
+        EXPECT_EQ(0u, VTFltSimGetTraceArguments(i, text, 1024));
+        EXPECT_TRUE(text == std::wstring(L"options 0|access 0x00020019") ||
+                    text == std::wstring(L"options 0|access 0x00020119"))
+            << Narrow(text);
+    }
+    EXPECT_GT(opened, 0);
 }
 
 TEST_F(LogLevels, TheEntrysLevelWithTheAutomaticBitClearHoldsAtTheNextRecordWhateverTheProcessSays)

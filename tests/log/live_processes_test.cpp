@@ -191,9 +191,9 @@ TEST_F(UnloadedLibrary, LeavesNoObjectNoRingAndNoModule)
         EXPECT_FALSE(MappingExists(std::wstring(RING_MAPPING) + PROGRAM_RING));
         EXPECT_FALSE(MutexExists(std::wstring(RING_MUTEX) + PROGRAM_RING));
         EXPECT_FALSE(MappingExists(BREAKPOINT_MAPPING));
-        EXPECT_FALSE(MutexExists(ConfigName(LOG_CFG_MUTEX_NAME)));
-        EXPECT_FALSE(MappingExists(ConfigName(LOG_CFG_GLOBAL_MAPPING_NAME)));
-        EXPECT_FALSE(MappingExists(ConfigName(LOG_CFG_LOCAL_MAPPING_NAME)));
+        EXPECT_FALSE(MutexExists(ConfigName(CONFIG_MUTEX)));
+        EXPECT_FALSE(MappingExists(ConfigName(CONFIG_MAPPING)));
+        EXPECT_FALSE(MappingExists(ConfigName(CONFIG_LOCAL_MAPPING)));
         EXPECT_TRUE(DeleteFileW(m_folder.File(L"turn.log").c_str())); // nobody holds it open
     }
 }

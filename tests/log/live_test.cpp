@@ -1,8 +1,7 @@
 // The live output: when it is connected, what it writes, and what it leaves.
 #include "log/log.h"
+#include "support/access_list.h"
 #include "support/live_output_test.h"
-
-#include <aclapi.h>
 
 using namespace vtflt;
 using namespace vttest;
@@ -219,20 +218,8 @@ TEST_F(LiveTest, TheRingsObjectsHaveANullAccessList)
     MakeViewer();
     CSMOutput output;
     output.WriteLogW(0, 0, L"text");
-    const auto expectOpen = [](const UniqueHandle& object) {
-        PACL list = nullptr;
-        PSECURITY_DESCRIPTOR descriptor = nullptr;
-        ASSERT_EQ(static_cast<DWORD>(ERROR_SUCCESS),
-                  GetSecurityInfo(object.get(), SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, &list,
-                                  nullptr, &descriptor));
-        const UniqueLocalMemory owner(descriptor);
-        BOOL present = FALSE;
-        BOOL defaulted = FALSE;
-        ASSERT_TRUE(GetSecurityDescriptorDacl(descriptor, &present, &list, &defaulted));
-        EXPECT_EQ(nullptr, list);
-    };
-    expectOpen(UniqueHandle(OpenMutexW(READ_CONTROL, FALSE, (RING_MUTEX + Upper()).c_str())));
-    expectOpen(UniqueHandle(OpenFileMappingW(READ_CONTROL, FALSE, RingName().c_str())));
+    ExpectOpenToEveryone(UniqueHandle(OpenMutexW(READ_CONTROL, FALSE, (RING_MUTEX + Upper()).c_str())));
+    ExpectOpenToEveryone(UniqueHandle(OpenFileMappingW(READ_CONTROL, FALSE, RingName().c_str())));
 }
 
 // The file's threshold is 2 and nobody looks: a detail message is not even formatted. With a viewer every message passes.

@@ -47,10 +47,10 @@ std::wstring MaskedHeader(int level, DWORD code)
     return header + L"] ";
 }
 
-std::wstring Tail()
+std::wstring Tail(const std::wstring& version)
 {
     const std::wstring name(vtflt::ExecutableModule().Name());
-    return L"   {" + name + L"::" + name + L"(0.0)}";
+    return L"   {" + name + L"::" + name + L"(" + version + L")}";
 }
 
 std::vector<std::wstring> Lines(const std::wstring& text)

@@ -84,6 +84,8 @@ protected:
     // The product root's own folder, and this program's module in it.
     std::wstring InstallProductRoot();
     static std::wstring ProgramFolder() { return std::wstring(vtflt::ExecutableModule().Folder()); }
+    // A file with the version 5.1.2.773.
+    static std::wstring VersionedProgram() { return ProgramFolder() + L"\\log_child.exe"; }
     static std::wstring ProgramName() { return std::wstring(vtflt::ExecutableModule().Name()); }
 
     static std::vector<std::wstring> Recorded(const std::wstring& function);
@@ -98,8 +100,8 @@ protected:
 std::wstring MaskTimes(std::wstring text);
 // The header of a record of this thread, its time masked.
 std::wstring MaskedHeader(int level, DWORD code = 0);
-// The tail of a record of this program.
-std::wstring Tail();
+// The tail of a record of this program, which has no version of its own.
+std::wstring Tail(const std::wstring& version = L"0.0");
 std::vector<std::wstring> Lines(const std::wstring& text);
 
 inline constexpr wchar_t ENGINE[] = L"SOFTWARE\\Veltrix\\Lumen Protect\\Engine";

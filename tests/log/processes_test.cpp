@@ -134,8 +134,6 @@ TEST_F(LogProcesses, AProcessThatEndsWhileItsThreadsLogEnds)
 
 TEST_F(LogProcesses, AnExecutablesUpdateNumberIsTheUpperByteOfItsFourthVersionNumber)
 {
-    if (ON_DOUBLE)
-        GTEST_SKIP() << "there a program has no version resource";
     SetEvent(m_start.get());
     Child child = StartChild(1, 1, 1);
     EXPECT_EQ(0u, child.process.Join());

@@ -246,6 +246,21 @@ TEST_F(RingTest, AReaderThatFellMoreThan1024BehindGetsOverwrittenSlots)
     EXPECT_EQ(1026, Ring().readSequence);
 }
 
+// Further behind, the numbers are beyond belief.
+TEST_F(RingTest, AReaderThatFellMoreThan4096BehindGetsTheNewest4096)
+{
+    Open();
+    Ring().writeSequence = 5000 - 1024;
+    Write(5000 - 1023, 5000);
+    Ring().readSequence = 0;
+    const std::vector<std::wstring> texts = ReadTexts();
+    ASSERT_EQ(4096u, texts.size());
+    EXPECT_EQ(Text(905 + 3 * 1024), texts[0]); // in the place of record 905
+    EXPECT_EQ(Text(5000), texts[4095]);
+    EXPECT_EQ(5000u - 1024u, m_reader.Overwritten());
+    EXPECT_EQ(5000, Ring().readSequence);
+}
+
 TEST_F(RingTest, WriteSequenceMinus1IsNothingWhateverTheReadSequenceIs)
 {
     Open();

@@ -207,6 +207,32 @@ TEST_F(Rotation, AChangedPathClosesTheFileAndIsWrittenBackAsAFullPath)
     EXPECT_TRUE(alone.valid());
 }
 
+// Such a path is written as it stands once, and from then on as what it was made.
+TEST_F(Rotation, AChangedPathWithoutAFolderHasOneRecordInTheCurrentFolderAndTheOthersInTheDefaultOne)
+{
+    SetText(std::wstring(ENGINE) + L"\\InstallPath", L"Path", m_folder.Path());
+    const Elsewhere module(m_folder.File(ProgramName()));
+    MakeOutput();
+    Write(L"first");
+    const std::wstring bare = L"vtlogtest.bare";
+    DeleteFileW(bare.c_str());
+    SetEntryPath(bare);
+    VTFltSimRecord(1);
+    Write(L"second");
+    VTFltSimRecord(0);
+    EXPECT_EQ(0u, FoldersTried());
+    EXPECT_TRUE(Texts(bare) == std::vector<std::wstring>{L"second"});
+    const std::wstring whole = File(L"Logs\\vtlogtest.bare.Log");
+    EXPECT_TRUE(EntryPath() == whole);
+    EXPECT_FALSE(Exists(whole));
+    Write(L"third");
+    Write(L"fourth");
+    EXPECT_TRUE(DeleteFileW(bare.c_str()));
+    EXPECT_TRUE(EntryPath() == whole);
+    EXPECT_TRUE(Texts(whole) == (std::vector<std::wstring>{L"third", L"fourth"}));
+    EXPECT_TRUE(Texts(File(L"Logs\\" + ProgramName() + L".Log")) == std::vector<std::wstring>{L"first"});
+}
+
 TEST_F(Rotation, AChangedPathWithRoomIsOpenedWithoutPreparingItsFolderWhileAFileWasOpen)
 {
     Start(m_path);
@@ -280,6 +306,29 @@ TEST_F(Rotation, TheDefaultFileLiesBelowThisProgramWhereNoComponentIs)
 {
     MakeOutput();
     EXPECT_TRUE(EntryPath() == ProgramFolder() + L"\\Logs\\" + ProgramName() + L".Log");
+}
+
+TEST_F(Rotation, TheDefaultFolderIsFoundOutOnceAndStaysAlthoughTheComponentMoves)
+{
+    const std::wstring key = std::wstring(ENGINE) + L"\\InstallPath";
+    const Elsewhere module(L"C:\\Lumen\\Engine\\" + ProgramName());
+    SetText(key, L"Path", L"C:\\Lumen");
+    CLogCfgShareMemory& configuration = CLogCfgShareMemory::Instance();
+    configuration.RegisterModule(L"first.dll");
+    SetText(key, L"Path", L"C:\\Lumen\\Engine");
+    configuration.RegisterModule(L"second.dll");
+    {
+        const ConfigEditor editor;
+        ASSERT_NE(nullptr, editor.block);
+        EXPECT_STREQ(L"C:\\Lumen\\Logs\\first.dll.Log", editor.block->modules[0].path);
+        EXPECT_STREQ(L"C:\\Lumen\\Logs\\second.dll.Log", editor.block->modules[1].path);
+    }
+    // Found out anew it is the other.
+    vtflt::CloseOutputState();
+    configuration.RegisterModule(L"third.dll");
+    const ConfigEditor editor;
+    ASSERT_NE(nullptr, editor.block);
+    EXPECT_STREQ(L"C:\\Lumen\\Engine\\Logs\\third.dll.Log", editor.block->modules[0].path);
 }
 
 } // namespace

@@ -51,4 +51,10 @@ std::wstring TraceLine(const std::wstring& text)
     return L"[" + WideNumber(GetCurrentThreadId()) + L":" + WideNumber(GetCurrentProcessId()) + L"] " + text;
 }
 
+std::wstring DamagedBlockLine()
+{
+    const std::wstring process = WideNumber(GetCurrentProcessId());
+    return L"[" + process + L":" + process + L"] Share memory was destroied\r\n";
+}
+
 } // namespace vttest

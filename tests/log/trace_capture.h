@@ -11,5 +11,7 @@ std::vector<std::wstring> TraceLines();
 void ClearTrace();
 // A line with the two numbers that stand for "[%d:%d]" in front of it: this thread and this process.
 std::wstring TraceLine(const std::wstring& text);
+// The line of an operation that met a configuration block with a damaged mark; its numbers are this process's, both.
+std::wstring DamagedBlockLine();
 
 } // namespace vttest

@@ -112,16 +112,20 @@ bool Soak::Run()
     threads.emplace_back([this] { Disturb(); });
     for (std::thread& thread : threads)
         thread.join();
-    if (m_totals.kills == 0 || m_totals.restores == 0)
-        Report("nothing was killed, or nothing restored, in this time");
-    return m_totals.kills != 0 && m_totals.restores != 0 &&
-           m_totals.differences + m_totals.hangs + m_totals.failures == 0;
+    // Who always reads everything loses nothing either.
+    const bool wasTried = m_totals.kills != 0 && m_totals.restores != 0 && m_totals.incremental != 0;
+    if (!wasTried)
+        Report("nothing was killed, nothing restored, or no backup was incremental, in this time");
+    return wasTried && m_totals.differences + m_totals.hangs + m_totals.failures == 0;
 }
 
 bool Soak::GoesOn()
 {
     const double minutes = static_cast<double>(GetTickCount64() - m_started) / 60'000;
-    if (minutes >= m_options.minutes || (m_options.kills != 0 && m_totals.kills >= m_options.kills))
+    // Kills alone show nothing.
+    const bool isEnough = m_options.kills != 0 && m_totals.kills >= m_options.kills && m_totals.restores != 0 &&
+                          m_totals.incremental != 0;
+    if (minutes >= m_options.minutes || isEnough)
         m_over = true;
     return !m_over;
 }
@@ -172,8 +176,10 @@ Soak::Outcome Soak::RunOnce(Worker& worker, std::vector<std::wstring> arguments,
         return outcome;
     }
     constexpr DWORD TERMINATED = 99; // what Child::Terminate gives
+    const bool isUndo = arguments.back() == L"--undo";
     if (victim == Victim::Yes && (answer.exitCode == TERMINATED || answer.exitCode == VTFLTSIM_KILLED)) {
         ++m_totals.kills;
+        worker.mayBeUnregistered |= isUndo;
         outcome.ended = Ended::Killed;
         return outcome;
     }
@@ -183,8 +189,9 @@ Soak::Outcome Soak::RunOnce(Worker& worker, std::vector<std::wstring> arguments,
         return outcome;
     }
     // An earlier run that was ended had got as far as unregistering.
-    const bool refused = answer.exitCode == EXIT_REFUSED && arguments.back() == L"--undo";
+    const bool refused = answer.exitCode == EXIT_REFUSED && isUndo && worker.mayBeUnregistered;
     if (answer.exitCode == EXIT_OK || refused) {
+        worker.mayBeUnregistered &= !isUndo;
         m_totals.survived += victim == Victim::Yes ? 1 : 0;
         worker.milliseconds = 0.9 * worker.milliseconds + 0.1 * static_cast<double>(GetTickCount64() - began);
         outcome.ended = Ended::Well;

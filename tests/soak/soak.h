@@ -19,7 +19,7 @@ namespace vtsoak {
 
 struct Options {
     double minutes = 10;
-    std::uint64_t kills = 0; // ends when there were so many; 0: when the time is over
+    std::uint64_t kills = 0; // ends when there were so many, and an incremental backup; 0: when the time is over
     unsigned seed = 1;
 };
 
@@ -105,7 +105,8 @@ private:
         std::size_t number = 0;
         std::wstring name;
         std::mt19937 random;
-        double milliseconds = 400; // what a backup takes, about
+        double milliseconds = 400;      // what a backup takes, about
+        bool mayBeUnregistered = false; // a run that was to unregister it was ended since one came to its end
         std::array<Series, VOLUMES> series;
     };
     // What became of one run.

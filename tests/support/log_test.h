@@ -5,9 +5,9 @@
 #include "log/bounded_text.h"
 #include "log/config_block.h"
 #include "log/log_config.h"
-#include "log/object_names.h"
 #include "log/outputs.h"
 #include "log/shared_objects.h"
+#include "support/config_names.h"
 #include "support/registry_sandbox.h"
 #include "win/owners.h"
 
@@ -71,20 +71,14 @@ private:
     std::wstring m_path;
 };
 
-// The name of an object of a process's configuration block, from its format.
-inline std::wstring ConfigName(std::wstring format, DWORD processId = GetCurrentProcessId())
-{
-    return format.replace(format.find(L"%d"), 2, ScratchFolder::Digits(processId));
-}
-
 // A process's configuration block as a program that edits it holds it: mapped, and locked for as long as the object
 // lives. block is null when there is none.
 class ConfigEditor {
 public:
     explicit ConfigEditor(DWORD processId = GetCurrentProcessId())
-        : m_mutex(OpenMutexW(SYNCHRONIZE, FALSE, ConfigName(vtflt::LOG_CFG_MUTEX_NAME, processId).c_str())),
-          m_mapping(vtflt::OpenSharedMapping({ConfigName(vtflt::LOG_CFG_GLOBAL_MAPPING_NAME, processId).c_str(),
-                                              ConfigName(vtflt::LOG_CFG_LOCAL_MAPPING_NAME, processId).c_str()})),
+        : m_mutex(OpenMutexW(SYNCHRONIZE, FALSE, ConfigName(CONFIG_MUTEX, processId).c_str())),
+          m_mapping(vtflt::OpenSharedMapping(
+              {ConfigName(CONFIG_MAPPING, processId).c_str(), ConfigName(CONFIG_LOCAL_MAPPING, processId).c_str()})),
           m_view(vtflt::MapShared(m_mapping.get(), sizeof(vtflt::LogCfgBlock))), m_hold(m_mutex.get()),
           block(static_cast<vtflt::LogCfgBlock*>(m_view.get()))
     {

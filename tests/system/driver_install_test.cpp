@@ -130,6 +130,13 @@ TEST_F(DriverInstall, TheTypeOfAutoInstallIsNotChecked)
     ExpectRun({});
 }
 
+TEST_F(DriverInstall, AnAutoInstallOfNoBytesSaysNothingAndAllows)
+{
+    machine.WriteValue(AUTO_INSTALL_KEY, AUTO_INSTALL, REG_BINARY, Bytes());
+    EXPECT_EQ(VTCanBLIDriverWork(), 1u);
+    ExpectRun({uninstall, install});
+}
+
 TEST_F(DriverInstall, AnAutoInstallOfMoreThan4BytesCannotBeReadAndAllows)
 {
     machine.WriteValue(AUTO_INSTALL_KEY, AUTO_INSTALL, REG_BINARY, Bytes(8));
@@ -195,7 +202,9 @@ TEST_F(DriverInstall, ALocationOfAnotherTypeOddSizeOrWithoutItsEndIsInvalidData)
 TEST_F(DriverInstall, AZeroSizeLocationReadsAsTheEmptyString)
 {
     machine.WriteValue(CBT_DRIVER_KEY, INSTALL_LOCATION, REG_SZ, {});
-    VTCanBLIDriverWork();
+    // The folder would be the real root's.
+    vtfltsim::FailCall(L"CreateDirectoryW", ERROR_ACCESS_DENIED);
+    EXPECT_EQ(VTCanBLIDriverWork(), 1u);
     const auto commands = UtilityCommands(machine);
     ASSERT_FALSE(commands.empty());
     EXPECT_EQ(Narrow(commands[0]), "\"\\VTFltUtl.exe\" -r -output=\"\\Logs\\UninstallDriver.log\" ");

@@ -124,9 +124,19 @@ TEST_F(Dumps, OfSnapshotChangesHoldTheInputAndComeBeforeAnythingElse)
     SetSwitch(1);
     const auto session = Open(L"app1");
     RemoveFile(volume, ChildName(L"app1"));
+    VTFltSimRecord(1);
     EXPECT_EQ(VERIFY, session->SyncChanges(BufferOf(20, {3})));
+    VTFltSimRecord(0);
     ASSERT_EQ(1u, Names(CHANGES).size());
     EXPECT_EQ(BufferOf(20, {3}), Content(Names(CHANGES)[0]));
+    const std::vector<std::wstring> calls = LibraryCalls();
+    const auto first = [&](const std::wstring& text) {
+        return std::find_if(calls.begin(), calls.end(),
+                            [&](const std::wstring& call) { return call.find(text) != std::wstring::npos; });
+    };
+    ASSERT_NE(calls.end(), first(L"AppSnapChanges-"));
+    EXPECT_LT(first(L"AppSnapChanges-"), first(DRIVER_LIST));
+    EXPECT_LT(first(L"AppSnapChanges-"), first(L"VelVolTrc_child_"));
 }
 
 TEST_F(Dumps, CarryTheApplicationAndTheLocalTimeInTheirNames)

@@ -1,6 +1,9 @@
 // Moving volumes from the driver's list to the applications' lists: exact bytes, order, records.
 #include "support/apps_test.h"
 
+#include <algorithm>
+#include <utility>
+
 namespace {
 
 using namespace std::literals;
@@ -134,6 +137,21 @@ TEST_F(ReplicateVerifyList, ListsAroundTheFirstBuffersSizeAreReadWhole)
         StoreList(L"", text);
         EXPECT_EQ(0u, VTReplicateVerifyList(L"App1"));
         ExpectList(L"App1.Last", text);
+    }
+}
+
+TEST_F(ReplicateVerifyList, AListIsReadInto4096CharactersAndInto256MoreEachTime)
+{
+    const Volume volume = machine.AddVolume(LENGTH, BLOCK);
+    const std::pair<std::size_t, std::size_t> reads[] = {{4096, 1}, {4097, 2}, {4352, 2}, {4353, 3}, {4609, 4}};
+    for (const auto& [characters, expected] : reads) {
+        // The mark answers the question, so that the list is read once.
+        const std::wstring mark = volume.guid + L'\0';
+        StoreList(L"App1.Last", mark + std::wstring(characters - mark.size() - 2, L'a') + L"\0\0"s);
+        const auto calls = CallsOf({L"RegQueryValueExW"}, [&] { VTIsVerifyRequired(L"App1", volume.Root().c_str()); });
+        const auto isOfTheList = [](const auto& call) { return call.find(L"App1.Last") != std::wstring::npos; };
+        const auto counted = std::count_if(calls.begin(), calls.end(), isOfTheList);
+        EXPECT_EQ(expected, static_cast<std::size_t>(counted)) << characters;
     }
 }
 

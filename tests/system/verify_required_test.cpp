@@ -40,6 +40,25 @@ TEST_F(VerifyRequired, AnotherVolumesMarkOrAnotherApplicationsIsNotThisOnes)
     EXPECT_EQ(0u, Ask());
 }
 
+// Of such a path nothing is left behind its first letter of "Volume": no list can name it.
+TEST_F(VerifyRequired, APathWithoutAVolumeTakesNoOthersMarkAway)
+{
+    SetVerifyList(L"App1", {other.guid, L"{another}"});
+    for (const wchar_t* const path : {L"V:\\", L"e:\\", L"D:\\vol\\", L"C:\\mount", L"\\\\?\\Volume\\"}) {
+        EXPECT_EQ(1u, VTIsVerifyRequired(L"App1", path)) << Narrow(path);
+        EXPECT_EQ((std::vector<std::wstring>{other.guid, L"{another}"}), VerifyList(L"App1")) << Narrow(path);
+    }
+}
+
+TEST_F(VerifyRequired, LooksAtTheChildAlsoWhenTheBaseIsLost)
+{
+    RemoveFile(volume, BaseName(L"App1"));
+    RemoveFile(volume, ChildName(L"App1"));
+    EXPECT_EQ(1u, Ask());
+    log.ExpectLogged(0, 2, L"Open bitmap file failed, file name:" + volume.Path() + L"\\" + BaseName(L"App1"));
+    log.ExpectLogged(0, 2, L"Open bitmap file failed, file name:" + volume.Path() + L"\\" + ChildName(L"App1"));
+}
+
 TEST_F(VerifyRequired, ThePendingListIsNotAsked)
 {
     StoreList(L"App1", volume.guid + L"\0\0"s);

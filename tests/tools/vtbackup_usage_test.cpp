@@ -36,6 +36,8 @@ TEST_F(VtBackupUsage, AWrongCommandLineIsExitCode2WithTheReasonOnStandardError)
         {L"backup", L"--app", L"App", L"--repo", repository},
         {L"list", L"--repo", repository, L"--unknown"},
         {L"list", L"--repo", repository, L"--simulate", L""},
+        {L"list", L"--repo", repository, L"--volume", L""},
+        {L"list", L"--volume=", L"--repo", repository},
         {L"restore", L"--app", L"App", L"--repo", repository, L"--volume", volume.guid, L"--to", L"x", L"--backup",
          L"-1"},
         {L"init", L"--app", L"App", L"--repo", repository, L"--reset", L"--undo"},
@@ -86,6 +88,11 @@ TEST_F(VtBackupUsage, MissingThingsAreNotFound)
     restore.insert(restore.end(), {L"--to", repository + L".restored", L"--backup", L"7"});
     EXPECT_EQ(EXIT_NOT_FOUND, Run(restore).exitCode);
     EXPECT_FALSE(Exists(repository + L".restored"));
+    // As its folder is called, and not 8.
+    restore.back() = L"00000010";
+    const Result tenth = Run(restore);
+    EXPECT_EQ(EXIT_NOT_FOUND, tenth.exitCode);
+    EXPECT_NE(std::string::npos, (tenth.message + tenth.err).find("no backup 10 ")) << tenth.message << tenth.err;
 }
 
 TEST_F(VtBackupUsage, AVolumeNameThatIsNoneIsExitCode2)
@@ -160,7 +167,7 @@ TEST_F(VtBackupUsage, ApplicationIdsThatWouldShareFilesOrListsAreRefusedWithTheR
         EXPECT_EQ(EXIT_REFUSED, result.exitCode) << item.reason;
         EXPECT_NE(std::string::npos, result.out.find(item.reason)) << result.out;
     }
-    EXPECT_EQ(EXIT_REFUSED, Init(L"").exitCode);
+    EXPECT_EQ(EXIT_USAGE, Init(L"").exitCode);
     // Nothing of that is an accident of a rule that refuses everything.
     EXPECT_EQ(EXIT_OK, Init(L"Hourly").exitCode);
     EXPECT_EQ(EXIT_OK, Init(std::wstring(180, L'x').c_str()).exitCode);

@@ -185,6 +185,7 @@ TEST_F(VtLogShow, FiltersChooseByLevelProcessThreadAndCode)
     EXPECT_EQ((Strings{"first Error"}), Messages({file, L"--level", L"0"}));
     EXPECT_EQ((Strings{"second", "third"}), Messages({file, L"--pid", L"2", L"--pid", L"3"}));
     EXPECT_EQ((Strings{"third"}), Messages({file, L"--tid", L"13"}));
+    EXPECT_EQ((Strings{"third"}), Messages({file, L"--tid", L"00013"})); // as the log writes it
     EXPECT_EQ((Strings{"second"}), Messages({file, L"--code", L"0x10001"}));
     EXPECT_EQ((Strings{"second"}), Messages({file, L"--code", L"65537"}));
     EXPECT_EQ((Strings{"first Error"}), Messages({file, L"--code", L"error_access_denied"}));
@@ -199,6 +200,9 @@ TEST_F(VtLogShow, GrepLooksAtMessageAndNamesAndForAllTexts)
     EXPECT_EQ((Strings{"first Error"}), Messages({file, L"--grep", L"ERROR", L"--ignore-case"}));
     EXPECT_EQ((Strings{}), Messages({file, L"--grep", L"Error", L"--grep", L"second"}));
     EXPECT_EQ(3u, Messages({file, L"--grep", L"a.exe"}).size());
+    EXPECT_EQ((Strings{}), Messages({file, L"--grep", L"[second]"}));
+    // One text, and not all words up to the next option.
+    EXPECT_EQ((Strings{"second"}), Messages({L"--grep", L"second", file}));
 }
 
 TEST_F(VtLogShow, SinceAndUntilIncludeTheTimesThatTheyName)
@@ -228,6 +232,11 @@ TEST_F(VtLogShow, WrongValuesOfOptionsAreUsageErrors)
         EXPECT_EQ(EXIT_USAGE, result.exitCode) << Utf8(option);
         EXPECT_NE("", result.err);
         EXPECT_EQ("", result.out);
+    }
+    // A variable of a script that is not set.
+    for (const wchar_t* option : {L"--level", L"--since", L"--until", L"--code", L"--pid", L"--grep", L"--why"}) {
+        EXPECT_EQ(EXIT_USAGE, Run({L"show", file, option, L""}).exitCode) << Utf8(option);
+        EXPECT_EQ(EXIT_USAGE, Run({L"show", std::wstring(option) + L"=", file}).exitCode) << Utf8(option);
     }
 }
 

@@ -88,9 +88,23 @@ TEST(ListTextToMultiString, AVolumeNameWithASeparatorInItIsSplit)
     EXPECT_TRUE(ListTextToMultiString(Merge({L"a*b"}, {})) == L"a\0b\0\0"sv);
 }
 
-TEST(ListTextToMultiString, AnEmptyTextIsTheFinalNul)
+// Whoever reads a list stops at the first empty string: one in the middle would take the marks behind it away.
+TEST(ListTextToMultiString, AnEntryWithoutACharacterIsNotStored)
 {
-    EXPECT_TRUE(ListTextToMultiString(L"") == L"\0"sv);
+    EXPECT_TRUE(ListTextToMultiString(Merge({L"a**b"}, {L"c"})) == L"a\0b\0c\0\0"sv);
+    EXPECT_TRUE(ListTextToMultiString(Merge({L"*a", L"b*"}, {L"c"})) == L"a\0b\0c\0\0"sv);
+    EXPECT_TRUE(ListTextToMultiString(Merge({L""}, {L"{1}"})) == L"{1}\0\0"sv);
+}
+
+TEST(ListTextToMultiString, AListOfNothingHasBothItsNuls)
+{
+    EXPECT_TRUE(ListTextToMultiString(L"") == L"\0\0"sv);
+    EXPECT_TRUE(ListTextToMultiString(L"**") == L"\0\0"sv);
+}
+
+TEST(ListTextToMultiString, TheLastEntryNeedsNoSeparator)
+{
+    EXPECT_TRUE(ListTextToMultiString(L"{1}*{2}") == L"{1}\0{2}\0\0"sv);
 }
 
 TEST(IsBracedGuid, NeedsBothBraces)

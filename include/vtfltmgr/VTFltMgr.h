@@ -135,7 +135,9 @@ VTFLTMGR_API DWORD WINAPI VTFltPrepareForSnapshot(HANDLE volume);
  *   0          *size bytes are valid, the second header word is the number of bits behind the header
  *   0x10001    *size bytes are valid but changes may be missing: read the whole volume now
  *   234, 122   the buffer is too small; *size is the length to supply. Nothing was lost: ask again
- *   87         bad or unknown handle, null input or output; also a missing bitmap of a volume that no list can name
+ *   87         bad or unknown handle, null input or output; also a missing bitmap of a volume that was named by a path
+ *              such as V:\ or C:\mount, which no list can name. The application's bitmap files of the volume are then
+ *              deleted, and this result stays until the application names the volume as the system does, or registers anew
  *   8, 0x10005, 0xFFFFFFFF, or an error of the driver, a bitmap file or the registry: no bitmap, nothing
  *              was forgotten, ask again
  *
@@ -152,8 +154,8 @@ VTFLTMGR_API DWORD WINAPI VTFltGetBitmap(HANDLE volume, LPVOID input, DWORD inpu
  *                       long as the one that VTFltGetBitmap gave: a shorter one is ignored with result 0
  *
  * Writes one line ("copy into ...") to the process's standard output.
- * Results: 0; 87 (bad or unknown handle, null input); 0x10001 (the bitmap was missing, the volume must
- * verify); 0x10005; 8; else an error of a bitmap file (0xFFFFFFFF when it has no other name) or the registry. After
+ * Results: 0; 87 (bad or unknown handle, null input; also a missing bitmap of a volume that no list can name, as of
+ * VTFltGetBitmap); 0x10001 (the bitmap was missing, the volume must verify); 0x10005; 8; else an error of a bitmap file (0xFFFFFFFF when it has no other name) or the registry. After
  * any result but 0 the changes are not recorded: do not report success for this backup.
  */
 VTFLTMGR_API DWORD WINAPI VTFltSynSnapshotChangeBitmapToVolume(HANDLE volume, LPVOID input, DWORD inputLength);

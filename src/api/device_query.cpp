@@ -70,14 +70,14 @@ DWORD IsDeviceMonitored(LPCWSTR deviceName)
 
     const DeviceQuery query = MakeDeviceQuery(deviceName);
     if (query.bytes == nullptr) {
-        Log(LOG_INFORMATION, ERROR_NOT_ENOUGH_MEMORY, L"VTIsDeviceMonitored() OUT OF Memory.\n");
+        Log(LOG_INFORMATION, ERROR_SUCCESS, L"VTIsDeviceMonitored() OUT OF Memory.\n");
         return IS_NOT_MONITORED;
     }
 
     UniqueHandle device;
     const DWORD error = OpenDevice(CONTROL_DEVICE, device);
     if (error != ERROR_SUCCESS) {
-        Log(LOG_INFORMATION, error, L"Open %s failed, Error code:%d\n", CONTROL_DEVICE, error);
+        Log(LOG_INFORMATION, ERROR_SUCCESS, L"Open %s failed, Error code:%d\n", CONTROL_DEVICE, error);
         return IS_NOT_MONITORED;
     }
 
@@ -93,6 +93,6 @@ DWORD IsDeviceMonitored(LPCWSTR deviceName)
 
 extern "C" DWORD WINAPI VTIsDeviceMonitored(LPCWSTR deviceName)
 {
-    return vtflt::Guarded<DWORD>(vtflt::IS_NOT_MONITORED, vtflt::IS_NOT_MONITORED,
+    return vtflt::Guarded<DWORD>(L"VTIsDeviceMonitored", vtflt::IS_NOT_MONITORED, vtflt::IS_NOT_MONITORED,
                                  [&] { return vtflt::IsDeviceMonitored(deviceName); });
 }

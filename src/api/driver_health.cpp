@@ -26,8 +26,8 @@ bool DoesDeviceAnswer(HANDLE device)
             L"VTCanBLIDriverWork: %s v6.0 is working. Needs to reboot machine to let new one works.", DRIVER_NAME);
         return true;
     }
-    Log(LOG_INFORMATION, error, L"VTCanBLIDriverWork: %s VTFLTCTL_GET_BLOCK_SIZE failed, Error:%d.", CONTROL_DEVICE,
-        error);
+    Log(LOG_INFORMATION, ERROR_SUCCESS, L"VTCanBLIDriverWork: %s VTFLTCTL_GET_BLOCK_SIZE failed, Error:%d.",
+        CONTROL_DEVICE, error);
     return false;
 }
 
@@ -37,7 +37,8 @@ bool IsDriverUsable()
     UniqueHandle device;
     const DWORD error = OpenDevice(CONTROL_DEVICE, device);
     if (error != ERROR_SUCCESS) {
-        Log(LOG_INFORMATION, error, L"VTCanBLIDriverWork: Open device %s failed, Error:%d.", CONTROL_DEVICE, error);
+        Log(LOG_INFORMATION, ERROR_SUCCESS, L"VTCanBLIDriverWork: Open device %s failed, Error:%d.", CONTROL_DEVICE,
+            error);
         return false;
     }
     if (!DoesDeviceAnswer(device.get()))
@@ -75,6 +76,8 @@ DWORD CanDriverWork()
     return 1;
 }
 
+// Memory that runs short on the way is no answer of the driver's: it ends the export that asks, which must not take it for
+// a driver that is not there.
 bool PassesDriverGate(const wchar_t* refusal)
 {
     if (CanDriverWork() != 0)
@@ -87,5 +90,5 @@ bool PassesDriverGate(const wchar_t* refusal)
 
 extern "C" DWORD WINAPI VTCanBLIDriverWork(void)
 {
-    return vtflt::Guarded<DWORD>(0, 0, [] { return vtflt::CanDriverWork(); });
+    return vtflt::Guarded<DWORD>(L"VTCanBLIDriverWork", 0, 0, [] { return vtflt::CanDriverWork(); });
 }

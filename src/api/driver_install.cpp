@@ -54,7 +54,7 @@ DWORD Uninstall(std::wstring commandLine)
 {
     const DWORD result = RunUtility(std::move(commandLine));
     if (result != ERROR_SUCCESS)
-        Log(LOG_WARNING, result, L"VTFltInstall: try to uninstall VTFlt failed, rc: %u.", result);
+        Log(LOG_WARNING, ERROR_SUCCESS, L"VTFltInstall: try to uninstall VTFlt failed, rc: %u.", result);
     return result;
 }
 

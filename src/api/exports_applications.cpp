@@ -57,31 +57,33 @@ extern "C" {
 
 DWORD WINAPI VTRegisterApplication(LPCWSTR applicationId)
 {
-    return vtflt::Guarded([&] { return vtflt::RegisterApplication(vtflt::OwnedText(applicationId)); });
+    return vtflt::Guarded(L"VTRegisterApplication",
+                          [&] { return vtflt::RegisterApplication(vtflt::OwnedText(applicationId)); });
 }
 
 DWORD WINAPI VTUnregisterApplication(LPCWSTR applicationId)
 {
-    return vtflt::Guarded([&] { return vtflt::UnregisterApplication(vtflt::OwnedText(applicationId)); });
+    return vtflt::Guarded(L"VTUnregisterApplication",
+                          [&] { return vtflt::UnregisterApplication(vtflt::OwnedText(applicationId)); });
 }
 
 DWORD WINAPI VTGetRegisteredAppCount(DWORD* count)
 {
     if (count == nullptr)
         return ERROR_INVALID_PARAMETER;
-    return vtflt::Guarded([&] { return vtflt::GetRegisteredAppCount(*count); });
+    return vtflt::Guarded(L"VTGetRegisteredAppCount", [&] { return vtflt::GetRegisteredAppCount(*count); });
 }
 
 DWORD WINAPI VTGetRegisteredAppList(std::vector<std::wstring>* list)
 {
     if (list == nullptr)
         return ERROR_INVALID_PARAMETER;
-    return vtflt::Guarded([&] { return vtflt::GetRegisteredAppList(*list); });
+    return vtflt::Guarded(L"VTGetRegisteredAppList", [&] { return vtflt::GetRegisteredAppList(*list); });
 }
 
 DWORD WINAPI VTReplicateVerifyList(LPCWSTR applicationId)
 {
-    return vtflt::Guarded([&] { return vtflt::ReplicateVerifyListGated(applicationId); });
+    return vtflt::Guarded(L"VTReplicateVerifyList", [&] { return vtflt::ReplicateVerifyListGated(applicationId); });
 }
 
 DWORD WINAPI VTRemoveApplicationVolResyncList(std::wstring applicationId, std::vector<std::wstring>* volumes)
@@ -91,23 +93,25 @@ DWORD WINAPI VTRemoveApplicationVolResyncList(std::wstring applicationId, std::v
     appId.swap(applicationId);
     if (volumes == nullptr)
         return ERROR_INVALID_PARAMETER;
-    return vtflt::Guarded([&] { return vtflt::RemoveApplicationVolResyncList(std::move(appId), *volumes); });
+    return vtflt::Guarded(L"VTRemoveApplicationVolResyncList",
+                          [&] { return vtflt::RemoveApplicationVolResyncList(std::move(appId), *volumes); });
 }
 
 DWORD WINAPI VTIsVerifyRequired(LPCWSTR applicationId, LPCWSTR volume)
 {
-    return vtflt::Guarded<DWORD>(vtflt::VERIFY_IS_REQUIRED, vtflt::VERIFY_IS_REQUIRED,
+    return vtflt::Guarded<DWORD>(L"VTIsVerifyRequired", vtflt::VERIFY_IS_REQUIRED, vtflt::VERIFY_IS_REQUIRED,
                                  [&] { return vtflt::IsVerifyRequiredGated(applicationId, volume); });
 }
 
 DWORD WINAPI VTAddVolumesToAppVerifyList(LPCWSTR applicationId)
 {
-    return vtflt::Guarded([&] { return vtflt::AddVolumesToAppVerifyListGated(applicationId); });
+    return vtflt::Guarded(L"VTAddVolumesToAppVerifyList",
+                          [&] { return vtflt::AddVolumesToAppVerifyListGated(applicationId); });
 }
 
 DWORD WINAPI VTCanAppUseBLIDriver(LPCWSTR applicationId)
 {
-    return vtflt::Guarded<DWORD>(0, 0, [&] { return vtflt::CanAppUseDriver(applicationId); });
+    return vtflt::Guarded<DWORD>(L"VTCanAppUseBLIDriver", 0, 0, [&] { return vtflt::CanAppUseDriver(applicationId); });
 }
 
 } // extern "C"

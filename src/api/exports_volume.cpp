@@ -31,7 +31,7 @@ IMultiBitmapManager* FindManager(HANDLE volume, const wchar_t* notFound)
 DWORD Forward(IMultiBitmapManager& manager, HANDLE volume, DWORD controlCode, void* input, DWORD inputLength,
               void* output, DWORD outputLength, DWORD& returned)
 {
-    return Guarded([&] {
+    return Guarded(L"CMultiBitmapManager::VTDeviceIoControl", [&] {
         return manager.VTDeviceIoControl(volume, controlCode, input, inputLength, output, outputLength, &returned,
                                          nullptr);
     });
@@ -62,7 +62,8 @@ DWORD InitBitmapManager(HANDLE volume, LPCWSTR volumeName, LPCWSTR applicationId
         return BM_ERR_FAILED;
     }
 
-    const DWORD error = manager->InitBitMapManager(name, appId);
+    const DWORD error =
+        Guarded(L"CMultiBitmapManager::InitBitMapManager", [&] { return manager->InitBitMapManager(name, appId); });
     if (error != ERROR_SUCCESS) {
         Log(LOG_ERROR, error, L"VTFltInitBitmapManager: Failed to initialize bitmap manager\n");
         return error;
@@ -176,22 +177,23 @@ extern "C" {
 
 DWORD WINAPI VTFltInitBitmapManager(HANDLE volume, LPCWSTR volumeName, LPCWSTR applicationId)
 {
-    return vtflt::Guarded([&] { return vtflt::InitBitmapManager(volume, volumeName, applicationId); });
+    return vtflt::Guarded(L"VTFltInitBitmapManager",
+                          [&] { return vtflt::InitBitmapManager(volume, volumeName, applicationId); });
 }
 
 DWORD WINAPI VTFltDeinitBitmapManager(HANDLE volume)
 {
-    return vtflt::Guarded([&] { return vtflt::DeinitBitmapManager(volume); });
+    return vtflt::Guarded(L"VTFltDeinitBitmapManager", [&] { return vtflt::DeinitBitmapManager(volume); });
 }
 
 DWORD WINAPI VTFltGetBlockSize(HANDLE volume, DWORD* blockSize, DWORD direct)
 {
-    return vtflt::Guarded([&] { return vtflt::GetBlockSize(volume, blockSize, direct); });
+    return vtflt::Guarded(L"VTFltGetBlockSize", [&] { return vtflt::GetBlockSize(volume, blockSize, direct); });
 }
 
 DWORD WINAPI VTFltPrepareForSnapshot(HANDLE volume)
 {
-    return vtflt::Guarded([&] {
+    return vtflt::Guarded(L"VTFltPrepareForSnapshot", [&] {
         return vtflt::ForwardPlain(
             volume, vtflt::VTFLTCTL_PREPARE_FOR_SNAPSHOT,
             L"VTFltPrepareForSnapshot: Handle 0X%x not found. Please provide valid volume handle.\n");
@@ -201,18 +203,20 @@ DWORD WINAPI VTFltPrepareForSnapshot(HANDLE volume)
 DWORD WINAPI VTFltGetBitmap(HANDLE volume, LPVOID input, DWORD inputLength, LPVOID output, DWORD outputLength,
                             DWORD* size, DWORD direct)
 {
-    return vtflt::Guarded(
-        [&] { return vtflt::GetBitmap(volume, input, inputLength, output, outputLength, size, direct); });
+    return vtflt::Guarded(L"VTFltGetBitmap", [&] {
+        return vtflt::GetBitmap(volume, input, inputLength, output, outputLength, size, direct);
+    });
 }
 
 DWORD WINAPI VTFltSynSnapshotChangeBitmapToVolume(HANDLE volume, LPVOID input, DWORD inputLength)
 {
-    return vtflt::Guarded([&] { return vtflt::SyncSnapshotChanges(volume, input, inputLength); });
+    return vtflt::Guarded(L"VTFltSynSnapshotChangeBitmapToVolume",
+                          [&] { return vtflt::SyncSnapshotChanges(volume, input, inputLength); });
 }
 
 DWORD WINAPI VTFltReplicationSuccess(HANDLE volume)
 {
-    return vtflt::Guarded([&] {
+    return vtflt::Guarded(L"VTFltReplicationSuccess", [&] {
         return vtflt::ForwardPlain(
             volume, vtflt::VTFLTCTL_REPLICATION_SUCCESS,
             L"VTFltReplicationSuccess: Handle 0X%x not found. Please provide valid volume handle.\n");

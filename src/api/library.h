@@ -1,4 +1,4 @@
-// The exports' shared pieces: the table of volume handles, and the guard between an export and its caller.
+// The exports' shared pieces: the table of volume handles, and what they make of their arguments.
 #pragma once
 
 #include "bitmap/manager.h"

@@ -7,6 +7,7 @@
 #include "registry/multi_string_value.h"
 #include "registry/value.h"
 
+#include <optional>
 #include <string>
 
 namespace vtflt {
@@ -46,14 +47,24 @@ std::wstring BuildCountKey(const wchar_t* className)
     return std::wstring(COUNT_KEY_PREFIX) + L"\\" + className;
 }
 
-// Makes the key when it is missing; the value is then absent (2).
-DWORD ReadCount(const std::wstring& countKey, DWORD& count)
+// The stored count; none when there is none yet. Makes the key when it is missing: only the value is ever absent, and a
+// key that could not be had, whatever the reason given, is a failure.
+DWORD ReadCount(const std::wstring& countKey, std::optional<DWORD>& count)
 {
+    count.reset();
     if (countKey.size() > MAX_COUNT_KEY_UNITS)
         return ERROR_FILENAME_EXCED_RANGE;
     UniqueKey key;
-    const DWORD error = OpenSettingsKey(countKey.c_str(), key);
-    return error == ERROR_SUCCESS ? ReadDwordValue(key.get(), COUNT_VALUE, count) : error;
+    DWORD error = OpenSettingsKey(countKey.c_str(), key);
+    if (error != ERROR_SUCCESS)
+        return error;
+    DWORD stored = 0;
+    error = ReadDwordValue(key.get(), COUNT_VALUE, stored);
+    if (error == ERROR_FILE_NOT_FOUND)
+        return ERROR_SUCCESS;
+    if (error == ERROR_SUCCESS)
+        count = stored;
+    return error;
 }
 
 DWORD WriteCount(const std::wstring& countKey, DWORD count)
@@ -66,26 +77,25 @@ DWORD WriteCount(const std::wstring& countKey, DWORD count)
 // The list's change is guarded by itself: when memory runs out in the middle, the count must still go back.
 DWORD AddFilter(const wchar_t* classKeyPath)
 {
-    return Guarded([&] { return AddMultiSZRegistryEntry(classKeyPath, UPPER_FILTERS_VALUE, DRIVER_NAME); });
+    return Guarded(L"AddMultiSZRegistryEntry",
+                   [&] { return AddMultiSZRegistryEntry(classKeyPath, UPPER_FILTERS_VALUE, DRIVER_NAME); });
 }
 
 DWORD RemoveFilter(const wchar_t* classKeyPath)
 {
-    return Guarded([&] { return RemoveMultiSZRegistryEntry(classKeyPath, UPPER_FILTERS_VALUE, DRIVER_NAME); });
+    return Guarded(L"RemoveMultiSZRegistryEntry",
+                   [&] { return RemoveMultiSZRegistryEntry(classKeyPath, UPPER_FILTERS_VALUE, DRIVER_NAME); });
 }
 
 // Counts one request more; newCount is what was stored.
 DWORD CountUp(const std::wstring& countKey, DWORD& newCount)
 {
-    DWORD count = 0;
+    std::optional<DWORD> count;
     DWORD error = ReadCount(countKey, count);
-    if (error == ERROR_FILE_NOT_FOUND) {
+    if (error == ERROR_SUCCESS && !count)
         Log(LOG_INFORMATION, ERROR_SUCCESS,
             L"EnableMonitorForSnapshot: Count value does not exists. Create and set value to 1.\n");
-        count = 0;
-        error = ERROR_SUCCESS;
-    }
-    newCount = count + 1;
+    newCount = count.value_or(0) + 1;
     if (error == ERROR_SUCCESS)
         error = WriteCount(countKey, newCount);
     if (error != ERROR_SUCCESS) {
@@ -141,26 +151,26 @@ DWORD RemoveLast(const wchar_t* classKeyPath, const std::wstring& countKey, DWOR
 DWORD Disable(const wchar_t* classKeyPath, const wchar_t* className)
 {
     const std::wstring countKey = BuildCountKey(className);
-    DWORD count = 0;
+    std::optional<DWORD> count;
     DWORD error = ReadCount(countKey, count);
-    if (error == ERROR_FILE_NOT_FOUND) {
+    if (error != ERROR_SUCCESS) {
+        Log(LOG_ERROR, error, L"DisableMonitorForSnapshot: Failed to get count value from %s\n", countKey.c_str());
+        return error;
+    }
+    if (!count) {
         Log(LOG_INFORMATION, ERROR_SUCCESS,
             L"DisableMonitorForSnapshot: Count value does not exists for %s. Nothing to disable !! \n",
             countKey.c_str());
         return ERROR_SUCCESS;
     }
-    if (error != ERROR_SUCCESS) {
-        Log(LOG_ERROR, error, L"DisableMonitorForSnapshot: Failed to get count value from %s\n", countKey.c_str());
-        return error;
-    }
 
     // A stored 0 wraps to 0xFFFFFFFF.
-    error = WriteCount(countKey, count - 1);
+    error = WriteCount(countKey, *count - 1);
     if (error != ERROR_SUCCESS) {
         Log(LOG_ERROR, error, L"DisableMonitorForSnapshot: Failed to set count value to %s\n", countKey.c_str());
         return error;
     }
-    return count == 1 ? RemoveLast(classKeyPath, countKey, count) : ERROR_SUCCESS;
+    return *count == 1 ? RemoveLast(classKeyPath, countKey, *count) : ERROR_SUCCESS;
 }
 
 } // namespace

@@ -140,12 +140,14 @@ extern "C" {
 
 DWORD WINAPI VTFltEnableMonitorForSnapshot(LPCWSTR classKeyPath)
 {
-    return vtflt::Guarded([&] { return vtflt::SwitchMonitoring(vtflt::ENABLE, classKeyPath); });
+    return vtflt::Guarded(L"VTFltEnableMonitorForSnapshot",
+                          [&] { return vtflt::SwitchMonitoring(vtflt::ENABLE, classKeyPath); });
 }
 
 DWORD WINAPI VTFltDisableMonitorForSnapshot(LPCWSTR classKeyPath)
 {
-    return vtflt::Guarded([&] { return vtflt::SwitchMonitoring(vtflt::DISABLE, classKeyPath); });
+    return vtflt::Guarded(L"VTFltDisableMonitorForSnapshot",
+                          [&] { return vtflt::SwitchMonitoring(vtflt::DISABLE, classKeyPath); });
 }
 
 } // extern "C"

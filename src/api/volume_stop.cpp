@@ -117,7 +117,7 @@ DWORD StopMonitorVolumes()
     DWORD result = ERROR_SUCCESS;
     for (; walked == ERROR_SUCCESS; walked = walk.Next()) {
         // One volume for which memory is short is that volume's failure, not the walk's.
-        const DWORD error = Guarded([&] { return StopWalkedVolume(walk); });
+        const DWORD error = Guarded(L"VTFltStopMonitorVolumes", [&] { return StopWalkedVolume(walk); });
         if (error == ERROR_SUCCESS)
             continue;
         Log(LOG_ERROR, error, L"VTFltStopMonitorVolumes: Failed to remove bitmaps for volume %s\n",
@@ -140,12 +140,12 @@ extern "C" {
 
 DWORD WINAPI VTFltStopMonitorVolume(LPCWSTR volumePath)
 {
-    return vtflt::Guarded([&] { return vtflt::StopMonitorVolume(volumePath); });
+    return vtflt::Guarded(L"VTFltStopMonitorVolume", [&] { return vtflt::StopMonitorVolume(volumePath); });
 }
 
 DWORD WINAPI VTFltStopMonitorVolumes(void)
 {
-    return vtflt::Guarded([] { return vtflt::StopMonitorVolumes(); });
+    return vtflt::Guarded(L"VTFltStopMonitorVolumes", [] { return vtflt::StopMonitorVolumes(); });
 }
 
 } // extern "C"

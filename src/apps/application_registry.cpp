@@ -23,7 +23,7 @@ bool Contains(const std::vector<std::wstring>& list, const std::wstring& appId)
 // memory neither.
 void CleanUpBitmaps(const std::wstring& appId)
 {
-    Guarded([&] { return RemoveApplicationBitmaps(appId); });
+    Guarded(L"RemoveApplicationBitmaps", [&] { return RemoveApplicationBitmaps(appId); });
 }
 
 } // namespace

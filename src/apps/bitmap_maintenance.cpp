@@ -27,11 +27,13 @@ DWORD OpenVolume(const std::wstring& path, UniqueHandle& volume)
 // A container for one volume and application, or null when memory is short.
 std::unique_ptr<CBitmapContainer> MakeContainer(const std::wstring& volumeName, const std::wstring& appId)
 {
-    return Guarded<std::unique_ptr<CBitmapContainer>>(nullptr, nullptr, [&] {
+    try {
         auto container = std::make_unique<CBitmapContainer>();
         container->init(volumeName, appId);
         return container;
-    });
+    } catch (const std::bad_alloc&) {
+        return nullptr; // which the callers log, each in its own words
+    }
 }
 
 // Deletes the application's files on one volume, under the volume's mutex. Failures are only logged.
@@ -151,7 +153,7 @@ DWORD RemoveApplicationBitmaps(std::wstring appId)
         if (!walk.IsFixedDisk())
             continue;
         // A volume for which memory is short does not stop the others either.
-        Guarded([&] {
+        Guarded(L"RemoveApplicationBitmaps", [&] {
             RemoveBitmapsOnVolume(walk.Path(), appId);
             return DWORD{ERROR_SUCCESS};
         });

@@ -118,8 +118,9 @@ DWORD CVolumeListForResync::ClearDriverRegValue(const std::wstring& suffix)
         return error;
     }
     error = DeleteValue(key.get(), valueName.c_str());
-    Log(LOG_DETAIL, error, L"CVolumeListForResync::ClearDriverRegValue::Deleting Driver reg Value %s retcode %d",
-        valueName.c_str(), error);
+    Log(LOG_DETAIL, ERROR_SUCCESS,
+        L"CVolumeListForResync::ClearDriverRegValue::Deleting Driver reg Value %s retcode %d", valueName.c_str(),
+        error);
     return error;
 }
 

@@ -39,7 +39,7 @@ DWORD VolumeWalk::Next()
 
 DWORD VolumeWalk::Keep(const wchar_t* buffer, std::size_t size)
 {
-    return Guarded([&] {
+    return Guarded(L"VolumeWalk", [&] {
         m_path.assign(buffer, std::find(buffer, buffer + size, L'\0'));
         return DWORD{ERROR_SUCCESS};
     });

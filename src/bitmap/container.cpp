@@ -147,7 +147,7 @@ DWORD CBitmapContainer::RemapOldBitmapToNewBlockSize(DWORD whichBitmap)
 
 DWORD CBitmapContainer::AddVolumeToResyncList()
 {
-    const DWORD result = Guarded([&] {
+    const DWORD result = Guarded(L"CBitmapContainer::AddVolumeToResyncList", [&] {
         return CVolumeListForResync().UpdateApplicationValue({GetVolumeGuid(m_strVolume)},
                                                              MakeVerifyListName(m_strAppId), 0);
     });

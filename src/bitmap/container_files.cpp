@@ -3,6 +3,7 @@
 
 #include "apps/bitmap_maintenance.h"
 #include "bitmap/result_codes.h"
+#include "log/guarded.h"
 #include "log/log.h"
 #include "win/owners.h"
 
@@ -154,7 +155,8 @@ DWORD CBitmapContainer::WriteBitMapToFile(DWORD whichBitmap)
     const std::wstring& fileName = FileName(whichBitmap);
 
     HANDLE created = nullptr;
-    const DWORD result = CreateBitmapFile(fileName, created);
+    const DWORD result =
+        Guarded(L"CBitmapContainer::WriteBitMapToFile", [&] { return CreateBitmapFile(fileName, created); });
     if (result != ERROR_SUCCESS)
         return result;
     const UniqueHandle file(created);

@@ -1,12 +1,12 @@
 // Diagnostic dumps: raw copies of the bitmaps that cross the library's boundary, beside the bitmap files.
 #include "bitmap/manager.h"
 
+#include "log/guarded.h"
 #include "log/log.h"
 #include "log/message_text.h"
 #include "registry/value.h"
 #include "win/owners.h"
 
-#include <new>
 #include <utility>
 
 namespace vtflt {
@@ -104,16 +104,14 @@ void CMultiBitmapManager::Dump(const wchar_t* nameFormat, const void* bytes, DWO
 {
     if (IsBitmapDumpEnabled() == 0)
         return;
-    try {
+    Guarded(L"CMultiBitmapManager::DumpBitMapToFile", [&] {
         SYSTEMTIME now = {};
         GetLocalTime(&now);
         std::wstring name =
             FormatText(DUMP_NAME_CAPACITY, nameFormat, m_strVolume.c_str(), BITMAP_FOLDER, m_strAppId.c_str(),
                        now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute, now.wSecond, now.wMilliseconds);
-        DumpBitMapToFile(std::move(name), m_strVolume, bytes, count);
-    } catch (const std::bad_alloc&) {
-        return;
-    }
+        return DumpBitMapToFile(std::move(name), m_strVolume, bytes, count);
+    });
 }
 
 } // namespace vtflt

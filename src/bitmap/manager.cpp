@@ -85,15 +85,21 @@ DWORD CMultiBitmapManager::DeinitBitMapManager()
 
 DWORD CMultiBitmapManager::IsVerifyRequired()
 {
-    return Guarded<DWORD>(BM_ERR_VERIFY_REQUIRED, BM_ERR_VERIFY_REQUIRED, [&] { return QueryVerifyList(); });
+    // A list that cannot be read is doubt, and doubt means verify.
+    return QueryVerifyList() != ERROR_SUCCESS ? BM_ERR_VERIFY_REQUIRED : ERROR_SUCCESS;
 }
 
 DWORD CMultiBitmapManager::QueryVerifyList()
 {
+    return Guarded(L"CMultiBitmapManager::IsVerifyRequired", [&] { return FindOnVerifyList(); });
+}
+
+DWORD CMultiBitmapManager::FindOnVerifyList()
+{
     std::vector<std::wstring> volumes;
-    // A list that cannot be read is doubt, and doubt means verify.
-    if (CVolumeListForResync().GetDriverVolumeList(volumes, MakeVerifyListName(m_strAppId)) != ERROR_SUCCESS)
-        return BM_ERR_VERIFY_REQUIRED;
+    const DWORD error = CVolumeListForResync().GetDriverVolumeList(volumes, MakeVerifyListName(m_strAppId));
+    if (error != ERROR_SUCCESS)
+        return error;
 
     for (const std::wstring& entry : volumes) {
         if (!ListEntryMatchesVolume(entry, m_strVolume))
@@ -107,7 +113,7 @@ DWORD CMultiBitmapManager::QueryVerifyList()
 
 DWORD CMultiBitmapManager::resetVerifyVolume()
 {
-    return Guarded([&] { return RemoveVolumeFromVerifyList(); });
+    return Guarded(L"CMultiBitmapManager::resetVerifyVolume", [&] { return RemoveVolumeFromVerifyList(); });
 }
 
 DWORD CMultiBitmapManager::RemoveVolumeFromVerifyList()
@@ -136,7 +142,7 @@ DWORD CMultiBitmapManager::RemoveVolumeFromVerifyList()
 
 DWORD CMultiBitmapManager::AddVolumeToVerifyList()
 {
-    return Guarded([&] {
+    return Guarded(L"CMultiBitmapManager::VTDeviceIoControl", [&] {
         CMutexController mutex;
         // As in RemoveVolumeFromVerifyList.
         mutex.getAccess(MutexName());

@@ -94,6 +94,7 @@ private:
 
     // Driver operations (manager_driver.cpp)
     DWORD Dispatch(const Request& request);
+    void ReleaseChildren();
     static DWORD Forward(const Request& request);
     static DWORD ForwardBlockSize(const Request& request);
     static DWORD ForwardPrepareForSnapshot(const Request& request);
@@ -106,6 +107,7 @@ private:
     DWORD SyncSnapshotChanges(const Request& request);
     DWORD AddVolumeToVerifyList();
     DWORD QueryVerifyList();
+    DWORD FindOnVerifyList();
     DWORD RemoveVolumeFromVerifyList();
     DWORD ReplicationSuccess();
 
@@ -122,7 +124,7 @@ private:
     void DumpSnapshotChanges(const void* bytes, DWORD count);
     void Dump(const wchar_t* nameFormat, const void* bytes, DWORD count);
 
-    // Empty between operations. Before the containers, which use it.
+    // Between operations it has the memory of one child's record at most. Before the containers, which use it.
     RecordReserve m_reserve;
     std::map<std::wstring, std::unique_ptr<CBitmapContainer>> m_mapContainers;
     std::vector<std::wstring> m_vecAppIds;

@@ -4,7 +4,6 @@
 
 #include "apps/mutex_controller.h"
 #include "driver/request.h"
-#include "log/guarded.h"
 #include "log/log.h"
 
 namespace vtflt {
@@ -41,9 +40,20 @@ DWORD CMultiBitmapManager::VTDeviceIoControl(HANDLE hVolume, DWORD controlCode, 
         if (container != nullptr)
             container->m_hVolume = hVolume;
     }
-    // Short memory, too, leaves nothing behind: that is when it matters.
-    const RecordReserve::Use use(m_reserve);
-    return Dispatch({hVolume, controlCode, inBuffer, inLength, outBuffer, outLength, pBytesReturned, pOverlapped});
+    const DWORD result =
+        Dispatch({hVolume, controlCode, inBuffer, inLength, outBuffer, outLength, pBytesReturned, pOverlapped});
+    ReleaseChildren();
+    return result;
+}
+
+// Each operation reads the children that it needs anew: behind it nobody looks at these, and the next one has the memory
+// of one.
+void CMultiBitmapManager::ReleaseChildren()
+{
+    for (auto& [appId, container] : m_mapContainers) {
+        if (container != nullptr)
+            container->ReleaseRecord(CHILD_BITMAP);
+    }
 }
 
 DWORD CMultiBitmapManager::Dispatch(const Request& request)
@@ -220,14 +230,14 @@ DWORD CMultiBitmapManager::SyncSnapshotChanges(const Request& request)
     // While the merge runs the volume counts as one to verify, so that a process that dies in it loses nothing. A
     // volume that is on the list already stays there.
     bool added = false;
-    const DWORD listed = Guarded([&] { return QueryVerifyList(); });
+    const DWORD listed = QueryVerifyList();
     if (listed != BM_ERR_VERIFY_REQUIRED) {
         const DWORD error = AddVolumeToVerifyList();
         if (error != ERROR_SUCCESS)
             Log(LOG_ERROR, error, L"CMultiBitmapManager::VTDeviceIoControl: Failed to add volume to verify list, %s",
                 m_strVolume.c_str());
         else
-            added = listed == ERROR_SUCCESS; // what could not be asked for want of memory may have been there before
+            added = listed == ERROR_SUCCESS; // what could not be asked may have been there before
     }
 
     DWORD error = SyncSnapshotChangesToChildBitmap(request.inLength, static_cast<const BYTE*>(request.inBuffer));

@@ -1,7 +1,8 @@
 // The memory of one record that is no longer needed, kept for the next file that is read.
 //
 // New memory of the size of a large record costs more than reading its file: the system clears each page when it is first
-// touched. An operation that reads one application's record after the other does it with the memory of few.
+// touched. An operation that reads one application's record after the other does it with the memory of few, and so do the
+// operations of one backup.
 #pragma once
 
 #include "bitmap/record.h"
@@ -35,18 +36,6 @@ public:
     }
 
     void Drop() noexcept { m_kept.reset(); }
-
-    // One operation: nothing is kept behind it, however it ends.
-    class Use {
-    public:
-        explicit Use(RecordReserve& reserve) noexcept : m_reserve(reserve) {}
-        Use(const Use&) = delete;
-        Use& operator=(const Use&) = delete;
-        ~Use() { m_reserve.Drop(); }
-
-    private:
-        RecordReserve& m_reserve;
-    };
 
 private:
     std::unique_ptr<BitmapRecord> m_kept;

@@ -38,7 +38,7 @@ TEST_F(ShortMemory, AnEntryThatCouldNotBeAddedIsNeverASuccessWhateverTheAllocati
     for (DWORD nth = 1;; ++nth) {
         vtfltsim::Check("VTFltSimFailCall", VTFltSimFailCall(L"malloc", nullptr, nth, 1, ERROR_SUCCESS));
         const DWORD result = vtflt::Guarded(
-            [] { return vtflt::AddMultiSZRegistryEntry(L"SOFTWARE\\List", L"Entries", L"A second entry"); });
+            L"a test", [] { return vtflt::AddMultiSZRegistryEntry(L"SOFTWARE\\List", L"Entries", L"A second entry"); });
         const bool struck = VTFltSimGetCallFaultHits() != 0;
         VTFltSimClearCallFaults();
         ExpectNothingLeftOpen();
@@ -116,7 +116,7 @@ TEST_F(ShortMemory, ARegistrationThatCannotBeStoredFailsWithTheStoresError)
         log.Clear();
         vtfltsim::FailCall(L"RegSetValueExW", ERROR_NOT_READY, vtflt::APPLICATION_IDS_VALUE);
         vtfltsim::FailCall(L"malloc", ERROR_NOT_ENOUGH_MEMORY, nullptr, nth);
-        const DWORD result = vtflt::Guarded([&] { return vtflt::RegisterApplication(appId); });
+        const DWORD result = vtflt::Guarded(L"a test", [&] { return vtflt::RegisterApplication(appId); });
         const DWORD hits = VTFltSimGetCallFaultHits();
         VTFltSimClearCallFaults();
         ExpectNothingLeftOpen();
@@ -138,7 +138,7 @@ TEST_F(ShortMemory, TheDriverIsNotUninstalledWithoutBeingInstalledAgain)
     std::size_t before = 0;
     int installed = 0;
     ForEveryFailingAllocation([&] { before = UtilityCommands(machine).size(); },
-                              [] { return vtflt::Guarded([] { return vtflt::VTFltInstall(); }); },
+                              [] { return vtflt::Guarded(L"a test", [] { return vtflt::VTFltInstall(); }); },
                               [&](DWORD) {
                                   const std::size_t run = UtilityCommands(machine).size() - before;
                                   EXPECT_TRUE(run == 0 || run == 2) << run;
@@ -154,7 +154,7 @@ TEST_F(ShortMemory, IsLogged)
     vtfltsim::FailCall(L"malloc", ERROR_NOT_ENOUGH_MEMORY);
     EXPECT_EQ(VTRegisterApplication(L"An application with a long name"), 8u);
     VTFltSimClearCallFaults();
-    log.ExpectExactly({{0, 8, L"There is not enough memory for this operation."}});
+    log.ExpectExactly({{0, 8, L"VTRegisterApplication: There is not enough memory for this operation."}});
 }
 
 TEST_F(ShortMemory, AWalkWithoutRoomForANameIsAWalkThatFails)
@@ -165,7 +165,7 @@ TEST_F(ShortMemory, AWalkWithoutRoomForANameIsAWalkThatFails)
         [&] { log.Clear(); },
         [&] {
             std::vector<std::wstring> volumes;
-            return vtflt::Guarded([&] { return vtflt::EnumerateVolumes(volumes); });
+            return vtflt::Guarded(L"a test", [&] { return vtflt::EnumerateVolumes(volumes); });
         },
         [&](DWORD result) {
             EXPECT_TRUE(result == 0 || result == 8) << result;
@@ -239,6 +239,64 @@ TEST_F(ShortMemory, ASuccessWhoseMarkCannotBeTakenOffClearsTheBitmap)
             }
         });
     EXPECT_TRUE(stayed);
+}
+
+// The folder's name needs memory, and a file that could not be made is the step's failure then, too.
+TEST_F(ShortMemory, ASuccessWhoseFolderCannotBeMadeSaysSo)
+{
+    ASSERT_EQ(vtflt::RegisterApplication(L"app1"), 0u);
+    Session session(OpenVolume(volume), volume.Root(), L"app1");
+    ASSERT_EQ(session.Init(), 0u);
+    ASSERT_EQ(session.GetBitmap(), 0u);
+    bool failed = false;
+    ForEveryFailingAllocation(
+        [&] {
+            for (const std::wstring& name : {BaseName(L"app1"), ChildName(L"app1")}) {
+                if (FileExists(volume, name))
+                    RemoveFile(volume, name);
+            }
+            RemoveDirectoryW(RealPath(volume, L"VelVolTrc").c_str());
+            log.Clear();
+        },
+        [&] { return session.Success(); },
+        [&](DWORD result) {
+            bool isSaid = false;
+            bool isInTheWrite = false;
+            for (const LogRecord& record : log.Records()) {
+                isSaid = isSaid || record.text == L"CMultiBitmapManager::VTDeviceIoControl: FAILED::Resetting the base "
+                                                  L"bitmap. Next job will include the changes again.";
+                isInTheWrite = isInTheWrite || record.text == L"CBitmapContainer::WriteBitMapToFile: There is not "
+                                                              L"enough memory for this operation.";
+            }
+            EXPECT_FALSE(isInTheWrite && !isSaid);
+            EXPECT_FALSE(isInTheWrite && result != 8) << result;
+            failed = failed || isInTheWrite;
+        });
+    EXPECT_TRUE(failed);
+}
+
+TEST_F(ShortMemory, ADumpThatCannotBeNamedIsLoggedAndLeftOut)
+{
+    ASSERT_EQ(vtflt::RegisterApplication(L"app1"), 0u);
+    SetDword(CBT_DRIVER_KEY, L"DumpBitmap", 1);
+    Session session(OpenVolume(volume), volume.Root(), L"app1");
+    ASSERT_EQ(session.Init(), 0u);
+    ASSERT_EQ(session.GetBitmap(), 0u);
+    Bytes changes;
+    bool leftOut = false;
+    ForEveryFailingAllocation(
+        [&] {
+            changes.assign(session.Buffer().size(), 0);
+            log.Clear();
+        },
+        [&] { return session.SyncChanges(std::move(changes)); },
+        [&](DWORD) {
+            for (const LogRecord& record : log.Records())
+                leftOut = leftOut || record.text ==
+                                         L"CMultiBitmapManager::DumpBitMapToFile: There is not enough memory "
+                                         L"for this operation.";
+        });
+    EXPECT_TRUE(leftOut);
 }
 
 TEST_F(ShortMemory, SnapshotChangesAreMergedThoughTheMarkCannotBeTakenOff)

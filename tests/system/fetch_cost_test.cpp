@@ -111,13 +111,18 @@ TEST_F(FetchCosts, BytesReadAndWrittenGrowWithTheApplicationsAndNoFaster)
 class FetchMemory : public CycleTest {
 protected:
     // How often memory for a record was asked for.
-    DWORD RecordsAllocated(Session& session)
+    template <class Operation>
+    DWORD RecordsAllocatedBy(Operation operation)
     {
         m_allocations = 0;
         vtfltsim::Check("VTFltSimCallBefore", VTFltSimCallBefore(L"calloc", L"135168", 1, 0, Count, this));
-        EXPECT_EQ(0u, session.GetBitmap(LARGE_BUFFER));
+        EXPECT_EQ(0u, operation());
         ClearFaults();
         return m_allocations;
+    }
+    DWORD RecordsAllocated(Session& session)
+    {
+        return RecordsAllocatedBy([&] { return session.GetBitmap(LARGE_BUFFER); });
     }
     std::unique_ptr<Session> OpenLarge(const std::wstring& appId)
     {
@@ -152,9 +157,19 @@ TEST_F(FetchMemory, IsUsedAgainByTheNextFetch)
     Register(L"App1");
     const auto session = OpenLarge(L"App0");
     RecordsAllocated(*session);
-    // Nothing is kept between two fetches but what the manager holds. The second leaves a record behind, the first did not.
+    // The manager holds the base, which the new one takes the place of, and the memory of one child.
     EXPECT_EQ(1u, RecordsAllocated(*session));
     EXPECT_EQ(1u, RecordsAllocated(*session));
+}
+
+TEST_F(FetchMemory, IsUsedForWhatFollowsTheFetch)
+{
+    Register(L"App0");
+    Register(L"App1");
+    const auto session = OpenLarge(L"App0");
+    RecordsAllocated(*session);
+    EXPECT_EQ(0u, RecordsAllocatedBy([&] { return session->SyncChanges(Bytes(LARGE_BUFFER)); }));
+    EXPECT_EQ(0u, RecordsAllocatedBy([&] { return session->Success(); }));
 }
 
 TEST_F(FetchMemory, KeepsEachApplicationsBitsToItself)

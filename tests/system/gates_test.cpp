@@ -24,7 +24,7 @@ protected:
     void ExpectRefused(const std::wstring& message)
     {
         log.ExpectExactly(
-            {{2, 2, L"VTCanBLIDriverWork: Open device \\\\.\\VTFltMgr failed, Error:2."}, {2, 0, message}});
+            {{2, 0, L"VTCanBLIDriverWork: Open device \\\\.\\VTFltMgr failed, Error:2."}, {2, 0, message}});
         ExpectCalls({L"CreateFileW", L"OpenSCManagerW", L"OpenServiceW", L"CloseServiceHandle"});
         EXPECT_EQ(PendingList(L"Alpha"), std::vector<std::wstring>{L"{pending}"});
         EXPECT_FALSE(ValueExists(SERVICE_KEY, std::wstring(DRIVER_LIST) + L"Alpha.Last"));
@@ -54,7 +54,7 @@ TEST_F(Gates, VTIsVerifyRequiredYields1WithTheDriverDown)
 TEST_F(Gates, VTCanAppUseBLIDriverYields0WithTheDriverDownAndHasNoGateMessage)
 {
     EXPECT_EQ(VTCanAppUseBLIDriver(L"Alpha"), 0u);
-    log.ExpectExactly({{2, 2, L"VTCanBLIDriverWork: Open device \\\\.\\VTFltMgr failed, Error:2."}});
+    log.ExpectExactly({{2, 0, L"VTCanBLIDriverWork: Open device \\\\.\\VTFltMgr failed, Error:2."}});
     ExpectCalls({L"CreateFileW", L"OpenSCManagerW", L"OpenServiceW", L"CloseServiceHandle"});
 }
 

@@ -164,26 +164,33 @@ TEST_F(MonitorSwitchFaults, AReleaseThatFailsIsLoggedAndTheMutexStillClosed)
 
 // ---- The count ----
 
+// Whatever the reason: a key that could not be made is not a value that is absent (2), for which the count begins anew.
 TEST_F(MonitorSwitchFaults, ACountKeyThatCannotBeOpenedEndsEnableWithItsError)
 {
-    vtfltsim::FailCall(L"RegCreateKeyExW", ERROR_ACCESS_DENIED, countKey.c_str());
-    StartRecording();
-    EXPECT_EQ(VTFltEnableMonitorForSnapshot(nullptr), 5u);
-    ExpectErrors(SWITCHES[0],
-                 {{0, 5, L"EnableMonitorForSnapshot: Failed to get/set count value for " + countKey + L"\n"}});
-    EXPECT_TRUE(CallsOf(L"RegSetValueExW").empty());
-    EXPECT_EQ(CallsOf(L"ReleaseMutex").size(), 1u);
+    for (const DWORD error : {DWORD{ERROR_ACCESS_DENIED}, DWORD{ERROR_FILE_NOT_FOUND}}) {
+        Restore(2);
+        vtfltsim::FailCall(L"RegCreateKeyExW", error, countKey.c_str());
+        StartRecording();
+        EXPECT_EQ(VTFltEnableMonitorForSnapshot(nullptr), error);
+        ExpectErrors(SWITCHES[0],
+                     {{0, error, L"EnableMonitorForSnapshot: Failed to get/set count value for " + countKey + L"\n"}});
+        EXPECT_TRUE(CallsOf(L"RegSetValueExW").empty());
+        EXPECT_EQ(CallsOf(L"ReleaseMutex").size(), 1u);
+    }
 }
 
 TEST_F(MonitorSwitchFaults, ACountKeyThatCannotBeOpenedEndsDisableWithItsError)
 {
-    vtfltsim::FailCall(L"RegCreateKeyExW", ERROR_ACCESS_DENIED, countKey.c_str());
-    StartRecording();
-    EXPECT_EQ(VTFltDisableMonitorForSnapshot(nullptr), 5u);
-    ExpectErrors(SWITCHES[1],
-                 {{0, 5, L"DisableMonitorForSnapshot: Failed to get count value from " + countKey + L"\n"}});
-    EXPECT_TRUE(CallsOf(L"RegSetValueExW").empty());
-    EXPECT_EQ(CallsOf(L"ReleaseMutex").size(), 1u);
+    for (const DWORD error : {DWORD{ERROR_ACCESS_DENIED}, DWORD{ERROR_FILE_NOT_FOUND}}) {
+        Restore(2);
+        vtfltsim::FailCall(L"RegCreateKeyExW", error, countKey.c_str());
+        StartRecording();
+        EXPECT_EQ(VTFltDisableMonitorForSnapshot(nullptr), error);
+        ExpectErrors(SWITCHES[1],
+                     {{0, error, L"DisableMonitorForSnapshot: Failed to get count value from " + countKey + L"\n"}});
+        EXPECT_TRUE(CallsOf(L"RegSetValueExW").empty());
+        EXPECT_EQ(CallsOf(L"ReleaseMutex").size(), 1u);
+    }
 }
 
 TEST_F(MonitorSwitchFaults, ACountOfAnotherTypeReadsAsInvalidData)

@@ -236,7 +236,7 @@ TEST_F(MonitorSwitch, TheGateAnswers0BeforeAnythingElseEvenForAnEmptyPath)
 {
     machine.SetDriver(VTFLTSIM_DRIVER_ABSENT);
     machine.SetService(VTFLTSIM_SERVICE_ABSENT);
-    const LogRecord notOpen{2, 2, L"VTCanBLIDriverWork: Open device \\\\.\\VTFltMgr failed, Error:2."};
+    const LogRecord notOpen{2, 0, L"VTCanBLIDriverWork: Open device \\\\.\\VTFltMgr failed, Error:2."};
     StartRecording();
     for (const wchar_t* path : {static_cast<const wchar_t*>(nullptr), L""}) {
         log.Clear();

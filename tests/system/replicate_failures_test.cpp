@@ -183,7 +183,7 @@ TEST_F(ReplicateFailures, APendingListThatIsNotClearedIsOnBothLists)
     ExpectFails(NO_ACCESS, {L"ReplicateAppResyncListFailed to clear app volume resync list", TO_VERIFY_LIST});
     ExpectList(L"App1", L"{1}\0{2}\0\0"sv);
     ExpectList(L"App1.Last", L"{1}\0{2}\0{3}\0\0"sv);
-    log.ExpectLogged(4, NO_ACCESS,
+    log.ExpectLogged(4, 0,
                      L"CVolumeListForResync::ClearDriverRegValue::Deleting Driver reg Value DeviceListForReSyncApp1 "
                      L"retcode 5");
 }

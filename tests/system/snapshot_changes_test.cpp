@@ -99,6 +99,23 @@ TEST_F(SnapshotChanges, NeitherAddNorRemoveAMarkWhenTheVerifyListCannotBeRead)
     EXPECT_EQ(0u, VTFltSimGetCallCount(L"RegDeleteValueW"));
     EXPECT_EQ((std::vector<std::wstring>{SNAPSHOTS_OTHER_VOLUME}), VerifyList(L"app1"));
     EXPECT_EQ((BlockSet{60}), Blocks(Child(volume, L"app1")));
+    log.ExpectLogged(0, ERROR_ACCESS_DENIED,
+                     L"CMultiBitmapManager::VTDeviceIoControl: Failed to add volume to verify list, " + VolumeName());
+}
+
+TEST_F(SnapshotChanges, AddAMarkAndLeaveItWhenTheVerifyListCouldNotBeReadBefore)
+{
+    for (const bool isMarked : {false, true}) {
+        SetVerifyList(L"app1", {SNAPSHOTS_OTHER_VOLUME});
+        if (isMarked)
+            SetVerifyList(L"app1", {volume.guid, SNAPSHOTS_OTHER_VOLUME});
+        const auto session = Open(L"app1");
+        vtfltsim::FailCall(L"RegQueryValueExW", ERROR_ACCESS_DENIED, L"app1.Last");
+        EXPECT_EQ(0u, session->SyncChanges(BufferOf(BUFFER_LENGTH, {60})));
+        EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
+        ClearFaults();
+        EXPECT_EQ((std::vector<std::wstring>{volume.guid, SNAPSHOTS_OTHER_VOLUME}), VerifyList(L"app1"));
+    }
 }
 
 TEST_F(SnapshotChanges, OfOneByteLessThanTheChildAreIgnoredAndReportSuccess)

@@ -62,20 +62,5 @@ TEST(RecordReserve, HasNothingAfterADrop)
     EXPECT_EQ(0, record->Bytes()[LARGE / 2]) << "new memory is clear, and this is not new";
 }
 
-TEST(RecordReserve, HasNothingBehindItsUse)
-{
-    RecordReserve reserve;
-    {
-        const RecordReserve::Use use(reserve);
-        auto first = reserve.Take(LARGE);
-        ASSERT_NE(nullptr, first);
-        first->Bytes()[LARGE / 2] = 0x5A;
-        reserve.Keep(std::move(first));
-    }
-    const auto record = reserve.Take(LARGE);
-    ASSERT_NE(nullptr, record);
-    EXPECT_EQ(0, record->Bytes()[LARGE / 2]);
-}
-
 } // namespace
 } // namespace vtflt

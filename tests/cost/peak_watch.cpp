@@ -49,8 +49,8 @@ std::uint64_t PrivateUsage()
 PeakWatch::PeakWatch(HMODULE module) : m_before(CommittedPrivateBytes()), m_most(m_before)
 {
     s_watch = this;
-    if (ImportedFunction(module, "free") != nullptr)
-        m_free.emplace(module, "free", reinterpret_cast<void*>(&WatchedFree));
+    // A module that gives memory back in another way would have peaks that nobody sees: without this import it throws.
+    m_free.emplace(module, "free", reinterpret_cast<void*>(&WatchedFree));
     if (ImportedFunction(module, "VirtualFree") != nullptr)
         m_virtualFree.emplace(module, "VirtualFree", reinterpret_cast<void*>(&WatchedVirtualFree));
     for (const wchar_t* function :

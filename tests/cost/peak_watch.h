@@ -15,7 +15,8 @@ std::uint64_t PrivateUsage();
 
 // Watches the committed memory while a module works. It looks before each read, write, flush, close and driver request of
 // attached modules, before each of their zeroed allocations, and before the module gives back 64 KiB or more: what is
-// committed and given back again is seen, whatever happens between. One at a time. Slow: not for work that is timed.
+// committed and given back again is seen, whatever happens between. A module gives back by free, which it must import, and
+// by VirtualFree, if it does. One at a time. Slow: not for work that is timed.
 class PeakWatch {
 public:
     explicit PeakWatch(HMODULE module);

@@ -151,6 +151,8 @@ void AddOr(std::size_t size)
     benchmark::RegisterBenchmark(Name("or", size, "0+0-dense", "roaring").c_str(), RunRoaring, &RoaringSets::Or, size);
     benchmark::RegisterBenchmark(Name("or", size, "0+0-dense", "roaring-lazy").c_str(), RunRoaring,
                                  &RoaringSets::OrLazily, size);
+    benchmark::RegisterBenchmark(Name("or", size, "0+0-dense", "roaring-no-count").c_str(), RunRoaring,
+                                 &RoaringSets::OrWithoutCounts, size);
 }
 
 void AddSum(const std::string& name, Sum work, std::size_t size, Fill fill)
@@ -171,6 +173,7 @@ void AddOthers(std::size_t size)
     AddSum(Name("count", size, "dense", "portable"), vtflt::PORTABLE_BIT_OPERATIONS.countSet, size, Fill::Dense);
     AddSum(Name("count", size, "dense", "popcnt"), bench::CountPopcnt, size, Fill::Dense);
     AddSum(Name("count", size, "dense", "avx2"), bench::CountAvx2, size, Fill::Dense);
+    AddSum(Name("count", size, "dense", "avx2-carry-save"), bench::CountAvx2CarrySave, size, Fill::Dense);
 }
 
 // The rivals are held to the same answers before anybody is measured.
@@ -182,7 +185,8 @@ bool RivalsAreRight()
         const std::uint8_t* const bits = source.At(84);
         if (WalkLibrary(bits, SIZE) != bench::WalkAvx2(bits, SIZE) ||
             vtflt::CountSetBits(bits, SIZE) != bench::CountPopcnt(bits, SIZE) ||
-            vtflt::CountSetBits(bits, SIZE) != bench::CountAvx2(bits, SIZE))
+            vtflt::CountSetBits(bits, SIZE) != bench::CountAvx2(bits, SIZE) ||
+            vtflt::CountSetBits(bits, SIZE) != bench::CountAvx2CarrySave(bits, SIZE))
             return false;
         for (const Or rival : {bench::OrAvx2, bench::OrAvx2Unrolled, bench::OrAvx2Aligned, bench::OrByteLoop}) {
             Buffer one(SIZE, Fill::Dense, 4);
@@ -197,12 +201,15 @@ bool RivalsAreRight()
     const Buffer from(SIZE, Fill::Dense, 6);
     RoaringSets set(to.At(0), SIZE);
     RoaringSets lazy(to.At(0), SIZE);
+    RoaringSets uncounted(to.At(0), SIZE);
     const RoaringSets other(from.At(0), SIZE);
     set.Or(other);
     lazy.OrLazily(other);
+    uncounted.OrWithoutCounts(other);
+    uncounted.Count();
     vtflt::OrBits(to.At(0), from.At(0), SIZE);
     const std::uint64_t expected = vtflt::CountSetBits(to.At(0), SIZE);
-    return set.Cardinality() == expected && lazy.Cardinality() == expected;
+    return set.Cardinality() == expected && lazy.Cardinality() == expected && uncounted.Cardinality() == expected;
 }
 
 } // namespace

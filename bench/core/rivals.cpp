@@ -28,6 +28,33 @@ AVX2_INLINE std::uint64_t BigEndianWord(const std::uint8_t* from)
     return __builtin_bswap64(word);
 }
 
+// Four sums of 64 bits: the set bits of a vector, by a table of those of half a byte.
+AVX2_INLINE __m256i CountVector(__m256i vector)
+{
+    const __m256i table = _mm256_setr_epi8(0, 1, 1, 2, 1, 2, 2, 3, 1, 2, 2, 3, 2, 3, 3, 4, //
+                                           0, 1, 1, 2, 1, 2, 2, 3, 1, 2, 2, 3, 2, 3, 3, 4);
+    const __m256i half = _mm256_set1_epi8(0x0F);
+    const __m256i low = _mm256_shuffle_epi8(table, _mm256_and_si256(vector, half));
+    const __m256i high = _mm256_shuffle_epi8(table, _mm256_and_si256(_mm256_srli_epi16(vector, 4), half));
+    return _mm256_sad_epu8(_mm256_add_epi8(low, high), _mm256_setzero_si256());
+}
+
+AVX2_INLINE std::uint64_t SumOf(__m256i sums)
+{
+    std::uint64_t sum[4];
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(sum), sums);
+    return sum[0] + sum[1] + sum[2] + sum[3];
+}
+
+// Adds two bits to one in each place: the sum stays, the carry is returned.
+AVX2_INLINE __m256i AddBits(__m256i& sum, __m256i a, __m256i b)
+{
+    const __m256i either = _mm256_xor_si256(sum, a);
+    const __m256i carry = _mm256_or_si256(_mm256_and_si256(sum, a), _mm256_and_si256(either, b));
+    sum = _mm256_xor_si256(either, b);
+    return carry;
+}
+
 } // namespace
 
 // As a compiler leaves it that may not assume anything: byte for byte.
@@ -122,22 +149,43 @@ AVX2 std::uint64_t CountPopcnt(const std::uint8_t* bits, std::size_t count)
 
 AVX2 std::uint64_t CountAvx2(const std::uint8_t* bits, std::size_t count)
 {
-    const __m256i table = _mm256_setr_epi8(0, 1, 1, 2, 1, 2, 2, 3, 1, 2, 2, 3, 2, 3, 3, 4, //
-                                           0, 1, 1, 2, 1, 2, 2, 3, 1, 2, 2, 3, 2, 3, 3, 4);
-    const __m256i half = _mm256_set1_epi8(0x0F);
     __m256i sums = _mm256_setzero_si256();
     std::size_t i = 0;
-    for (; i + 32 <= count; i += 32) {
-        const __m256i vector = Load(bits + i);
-        const __m256i low = _mm256_shuffle_epi8(table, _mm256_and_si256(vector, half));
-        const __m256i high = _mm256_shuffle_epi8(table, _mm256_and_si256(_mm256_srli_epi16(vector, 4), half));
-        sums = _mm256_add_epi64(sums, _mm256_sad_epu8(_mm256_add_epi8(low, high), _mm256_setzero_si256()));
-    }
-    std::uint64_t sum[4];
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(sum), sums);
+    for (; i + 32 <= count; i += 32)
+        sums = _mm256_add_epi64(sums, CountVector(Load(bits + i)));
+    std::uint64_t sum = SumOf(sums);
     for (; i < count; ++i)
-        sum[0] += static_cast<std::uint64_t>(std::popcount(bits[i]));
-    return sum[0] + sum[1] + sum[2] + sum[3];
+        sum += static_cast<std::uint64_t>(std::popcount(bits[i]));
+    return sum;
+}
+
+AVX2 std::uint64_t CountAvx2CarrySave(const std::uint8_t* bits, std::size_t count)
+{
+    __m256i sixteens = _mm256_setzero_si256();
+    __m256i ones = sixteens;
+    __m256i twos = sixteens;
+    __m256i fours = sixteens;
+    __m256i eights = sixteens;
+    std::size_t i = 0;
+    for (; i + 512 <= count; i += 512) {
+        __m256i ofEights[2];
+#pragma GCC unroll 2
+        for (std::size_t half = 0; half < 2; ++half) {
+            __m256i ofFours[2];
+#pragma GCC unroll 2
+            for (std::size_t quarter = 0; quarter < 2; ++quarter) {
+                const std::uint8_t* const four = bits + i + half * 256 + quarter * 128;
+                const __m256i a = AddBits(ones, Load(four), Load(four + 32));
+                const __m256i b = AddBits(ones, Load(four + 64), Load(four + 96));
+                ofFours[quarter] = AddBits(twos, a, b);
+            }
+            ofEights[half] = AddBits(fours, ofFours[0], ofFours[1]);
+        }
+        sixteens = _mm256_add_epi64(sixteens, CountVector(AddBits(eights, ofEights[0], ofEights[1])));
+    }
+    const std::uint64_t left = SumOf(CountVector(ones)) + 2 * SumOf(CountVector(twos)) + 4 * SumOf(CountVector(fours)) +
+                               8 * SumOf(CountVector(eights));
+    return 16 * SumOf(sixteens) + left + CountAvx2(bits + i, count - i);
 }
 
 AVX2 std::uint64_t WalkAvx2(const std::uint8_t* bits, std::size_t count)

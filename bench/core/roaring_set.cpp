@@ -75,10 +75,20 @@ void RoaringSets::Or(const RoaringSets& other)
 
 void RoaringSets::OrLazily(const RoaringSets& other)
 {
-    for (std::size_t i = 0; i < m_sets.size(); ++i) {
+    OrWithoutCounts(other);
+    Count();
+}
+
+void RoaringSets::OrWithoutCounts(const RoaringSets& other)
+{
+    for (std::size_t i = 0; i < m_sets.size(); ++i)
         roaring_bitmap_lazy_or_inplace(m_sets[i].get(), other.m_sets[i].get(), true);
-        roaring_bitmap_repair_after_lazy(m_sets[i].get());
-    }
+}
+
+void RoaringSets::Count()
+{
+    for (const auto& set : m_sets)
+        roaring_bitmap_repair_after_lazy(set.get());
 }
 
 std::uint64_t RoaringSets::Cardinality() const

@@ -20,6 +20,9 @@ public:
     void Or(const RoaringSets& other);
     // The same in two steps: unions that count nothing, and the counts.
     void OrLazily(const RoaringSets& other);
+    // Of these two steps the first only, again and again: what the sets hold is counted when somebody asks.
+    void OrWithoutCounts(const RoaringSets& other);
+    void Count();
 
     [[nodiscard]] std::uint64_t Cardinality() const;
 

@@ -12,15 +12,9 @@
 #include <intrin.h>
 #define VT_AVX2
 #define VT_AVX2_INLINE __forceinline
-#define VT_UNROLL
 #else
 #define VT_AVX2 __attribute__((target("avx2,popcnt,bmi")))
 #define VT_AVX2_INLINE __attribute__((target("avx2,popcnt,bmi"), always_inline)) inline
-#if defined(__clang__)
-#define VT_UNROLL _Pragma("clang loop unroll(full)")
-#else
-#define VT_UNROLL _Pragma("GCC unroll 8")
-#endif
 #endif
 
 namespace vtflt {
@@ -108,34 +102,83 @@ VT_AVX2 void OrAvx2(std::uint8_t* to, const std::uint8_t* from, std::size_t coun
     OrVector(to + count - VECTOR, from + count - VECTOR);
 }
 
-// The set bits of each byte: the table holds those of each half of one.
-VT_AVX2_INLINE __m256i CountInBytes(__m256i vector) noexcept
+// Four sums of 64 bits of the set bits of each byte: the table holds those of each half of one.
+VT_AVX2_INLINE __m256i CountVector(__m256i vector) noexcept
 {
     const __m256i table = _mm256_setr_epi8(0, 1, 1, 2, 1, 2, 2, 3, 1, 2, 2, 3, 2, 3, 3, 4, //
                                            0, 1, 1, 2, 1, 2, 2, 3, 1, 2, 2, 3, 2, 3, 3, 4);
     const __m256i half = _mm256_set1_epi8(0x0F);
     const __m256i low = _mm256_and_si256(vector, half);
     const __m256i high = _mm256_and_si256(_mm256_srli_epi16(vector, 4), half);
-    return _mm256_add_epi8(_mm256_shuffle_epi8(table, low), _mm256_shuffle_epi8(table, high));
+    const __m256i ofBytes = _mm256_add_epi8(_mm256_shuffle_epi8(table, low), _mm256_shuffle_epi8(table, high));
+    return _mm256_sad_epu8(ofBytes, _mm256_setzero_si256());
+}
+
+VT_AVX2_INLINE std::uint64_t SumOf(__m256i sums) noexcept
+{
+    std::uint64_t sum[VECTOR / sizeof(std::uint64_t)];
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(sum), sums);
+    return sum[0] + sum[1] + sum[2] + sum[3];
+}
+
+// Adds two bits to one in each place of the vectors: the lower bit of the sum stays, the higher one is returned.
+VT_AVX2_INLINE __m256i AddBits(__m256i& sum, __m256i a, __m256i b) noexcept
+{
+    const __m256i either = _mm256_xor_si256(a, b);
+    const __m256i carry = _mm256_or_si256(_mm256_and_si256(a, b), _mm256_and_si256(either, sum));
+    sum = _mm256_xor_si256(either, sum);
+    return carry;
+}
+
+// How often a bit was set in each place: a number in binary, of which each vector holds one digit.
+struct PlaceCounts {
+    __m256i ones;
+    __m256i twos;
+    __m256i fours;
+    __m256i eights;
+};
+
+// Each of these adds so many vectors and returns the carry into the digit that it is named for.
+VT_AVX2_INLINE __m256i AddTwo(PlaceCounts& counts, const std::uint8_t* bits) noexcept
+{
+    return AddBits(counts.ones, Load(bits), Load(bits + VECTOR));
+}
+
+VT_AVX2_INLINE __m256i AddFour(PlaceCounts& counts, const std::uint8_t* bits) noexcept
+{
+    const __m256i first = AddTwo(counts, bits);
+    return AddBits(counts.twos, first, AddTwo(counts, bits + 2 * VECTOR));
+}
+
+VT_AVX2_INLINE __m256i AddEight(PlaceCounts& counts, const std::uint8_t* bits) noexcept
+{
+    const __m256i first = AddFour(counts, bits);
+    return AddBits(counts.fours, first, AddFour(counts, bits + 4 * VECTOR));
+}
+
+VT_AVX2_INLINE __m256i AddSixteen(PlaceCounts& counts, const std::uint8_t* bits) noexcept
+{
+    const __m256i first = AddEight(counts, bits);
+    return AddBits(counts.eights, first, AddEight(counts, bits + 8 * VECTOR));
 }
 
 VT_AVX2 std::uint64_t CountAvx2(const std::uint8_t* bits, std::size_t count) noexcept
 {
-    // Eight vectors of counts up to 8 fit the bytes in which they are added up.
-    constexpr std::size_t GROUP = 8;
+    // Looking up the bits of every vector costs more than adding them up place by place: only what is carried out of the
+    // four digits, one vector in sixteen, is looked up.
+    constexpr std::size_t GROUP = 16;
     const __m256i zero = _mm256_setzero_si256();
-    __m256i sums = zero; // four of 64 bits
+    PlaceCounts counts = {zero, zero, zero, zero};
+    __m256i sixteens = zero;
     std::size_t i = 0;
-    for (; i + GROUP * VECTOR <= count; i += GROUP * VECTOR) {
-        __m256i bytes = zero;
-        VT_UNROLL
-        for (std::size_t k = 0; k < GROUP; ++k)
-            bytes = _mm256_add_epi8(bytes, CountInBytes(Load(bits + i + k * VECTOR)));
-        sums = _mm256_add_epi64(sums, _mm256_sad_epu8(bytes, zero));
-    }
-    std::uint64_t sum[VECTOR / sizeof(std::uint64_t)];
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(sum), sums);
-    return sum[0] + sum[1] + sum[2] + sum[3] + PORTABLE_BIT_OPERATIONS.countSet(bits + i, count - i);
+    for (; i + GROUP * VECTOR <= count; i += GROUP * VECTOR)
+        sixteens = _mm256_add_epi64(sixteens, CountVector(AddSixteen(counts, bits + i)));
+    __m256i rest = zero;
+    for (; i + VECTOR <= count; i += VECTOR)
+        rest = _mm256_add_epi64(rest, CountVector(Load(bits + i)));
+    return 16 * SumOf(sixteens) + 8 * SumOf(CountVector(counts.eights)) + 4 * SumOf(CountVector(counts.fours)) +
+           2 * SumOf(CountVector(counts.twos)) + SumOf(CountVector(counts.ones)) + SumOf(rest) +
+           PORTABLE_BIT_OPERATIONS.countSet(bits + i, count - i);
 }
 
 // A bit for each byte that is not what is wanted.

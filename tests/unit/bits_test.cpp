@@ -45,7 +45,7 @@ std::vector<std::size_t> Lengths()
     std::vector<std::size_t> lengths;
     for (std::size_t i = 0; i <= 300; ++i)
         lengths.push_back(i);
-    for (const std::size_t near : {4096U, 128U * 1024, 128U * 1024 + 4 * 4096}) {
+    for (const std::size_t near : {512U, 1024U, 4096U, 128U * 1024, 128U * 1024 + 4 * 4096}) {
         for (std::size_t i = near - 17; i <= near + 34; i += 17)
             lengths.push_back(i);
     }

@@ -6,12 +6,34 @@ namespace {
 
 constexpr DWORD HEAD_BYTES = 88; // what a record's reader looks at first
 constexpr LONG TRAILER_BYTES = 4;
+constexpr std::ptrdiff_t BITMAP_OFFSET = 84;
 
 } // namespace
 
 std::wstring AppIdOf(int index)
 {
     return {L'A', L'p', L'p', static_cast<wchar_t>(L'0' + index / 10), static_cast<wchar_t>(L'0' + index % 10)};
+}
+
+BareFetch::BareFetch(const vtfltsim::Volume& volume, int applications, int caller, DWORD recordBytes)
+    : m_folder(volume.Path() + L"\\VelVolTrc\\VelVolTrc_"), m_applications(applications), m_caller(caller),
+      m_size(recordBytes), m_clearChild(recordBytes)
+{
+    HoldClearChild();
+}
+
+// A file that is shorter than the record leaves the rest clear, too.
+void BareFetch::HoldClearChild()
+{
+    const Handle file(CreateFileW(Path(L"child_", m_caller).c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                  OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    DWORD moved = 0;
+    Require(ReadFile(file.get(), m_clearChild.data(), m_size, &moved, nullptr) && moved > HEAD_BYTES,
+            "reading the caller's child");
+    Require(std::all_of(m_clearChild.begin() + BITMAP_OFFSET,
+                        m_clearChild.begin() + static_cast<std::ptrdiff_t>(moved) - TRAILER_BYTES,
+                        [](std::uint8_t byte) { return byte == 0; }),
+            "a caller's child that is clear");
 }
 
 void BareFetch::Fetch()
@@ -45,7 +67,7 @@ void BareFetch::FetchInLengths(DWORD read, bool grown)
     if (grown)
         Write(L"base_", m_caller);
     Write(L"base_", m_caller);
-    Write(L"child_", m_caller);
+    Write(L"child_", m_caller, m_clearChild.data());
 }
 
 void BareFetch::HoldBase()
@@ -94,18 +116,18 @@ void BareFetch::Read(const wchar_t* kind, int application, DWORD size)
     Require(ReadFile(file.get(), m_record, size, &moved, nullptr) && moved == size, "reading");
 }
 
-void BareFetch::Write(const wchar_t* kind, int application)
+void BareFetch::Write(const wchar_t* kind, int application, const std::uint8_t* record)
 {
     const Handle file(CreateFileW(Path(kind, application).c_str(), GENERIC_WRITE, FILE_SHARE_WRITE, nullptr,
                                   CREATE_ALWAYS, FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM, nullptr));
     DWORD moved = 0;
     Require(SetFilePointer(file.get(), 0, nullptr, FILE_BEGIN) == 0, "seeking");
-    Require(WriteFile(file.get(), m_record, m_size, &moved, nullptr) && moved == m_size, "writing");
+    Require(WriteFile(file.get(), record, m_size, &moved, nullptr) && moved == m_size, "writing");
     if (!m_durable)
         return;
     Require(FlushFileBuffers(file.get()) != FALSE, "flushing");
     Require(SetFilePointer(file.get(), -TRAILER_BYTES, nullptr, FILE_END) != INVALID_SET_FILE_POINTER, "seeking");
-    Require(WriteFile(file.get(), m_record + m_size - TRAILER_BYTES, TRAILER_BYTES, &moved, nullptr) != FALSE,
+    Require(WriteFile(file.get(), record + m_size - TRAILER_BYTES, TRAILER_BYTES, &moved, nullptr) != FALSE,
             "writing the trailer");
     Require(FlushFileBuffers(file.get()) != FALSE, "flushing");
 }

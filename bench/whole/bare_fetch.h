@@ -23,15 +23,13 @@ private:
     HANDLE m_handle;
 };
 
-// Has one buffer for all files. The first operation gets it anew, as a fetch of a new manager has none; Release gives it
-// back, which is no part of any operation.
+// Has one buffer for all files that are read. The first operation gets it anew, as a fetch of a new manager has none;
+// Release gives it back, which is no part of any operation. What a fetch leaves as the caller's child, a clear record, is
+// made beforehand, from the child as the library left it: the library then reads what it reads in a real cycle.
 class BareFetch {
 public:
-    BareFetch(const vtfltsim::Volume& volume, int applications, int caller, DWORD recordBytes)
-        : m_folder(volume.Path() + L"\\VelVolTrc\\VelVolTrc_"), m_applications(applications), m_caller(caller),
-          m_size(recordBytes)
-    {
-    }
+    // Behind a fetch of the caller's, so that its child is there, and clear.
+    BareFetch(const vtfltsim::Volume& volume, int applications, int caller, DWORD recordBytes);
     BareFetch(const BareFetch&) = delete;
     BareFetch& operator=(const BareFetch&) = delete;
     ~BareFetch() { Release(); }
@@ -55,10 +53,12 @@ private:
     {
         return m_folder + kind + AppIdOf(application) + L".dat";
     }
+    void HoldClearChild();
     void GetMemory();
     void FetchInLengths(DWORD read, bool grown);
     void Read(const wchar_t* kind, int application, DWORD size);
-    void Write(const wchar_t* kind, int application);
+    void Write(const wchar_t* kind, int application) { Write(kind, application, m_record); }
+    void Write(const wchar_t* kind, int application, const std::uint8_t* record);
 
     std::wstring m_folder;
     int m_applications;
@@ -66,6 +66,7 @@ private:
     DWORD m_size;
     bool m_durable = true;
     std::uint8_t* m_record = nullptr;
+    std::vector<std::uint8_t> m_clearChild;
 };
 
 } // namespace bench

@@ -12,6 +12,7 @@ constexpr wchar_t APPLICATION[] = L"Bench";
 constexpr DWORD GET_BLOCK_SIZE = 0xB0000006;
 constexpr int LOOKUPS = 1000;
 constexpr int PAIRS = 5;
+constexpr int FILLINGS = 3; // of the table, and as often emptied
 constexpr double NO_TARGET = 0;
 
 HANDLE OpenDevice(const vtfltsim::Volume& volume)
@@ -60,9 +61,19 @@ Json MeasureCount(const vtfltsim::Volume& volume, int count)
                 "asking the driver");
     };
 
-    const double initTime = TimeOf(forEach(init));
+    std::vector<double> inits;
+    std::vector<double> deinits;
+    for (int filling = 0; filling < FILLINGS; ++filling) {
+        if (filling > 0)
+            deinits.push_back(TimeOf(forEach(deinit)));
+        inits.push_back(TimeOf(forEach(init)));
+    }
     const SideBySide uses = InTurns(PAIRS, lookups(ask), lookups(askBare));
-    const double deinitTime = TimeOf(forEach(deinit));
+    // With all the others in the table.
+    const Json useCounts = CostOf(CallsOf([&] { ask(handles[0]); }));
+    const Json deinitCounts = CostOf(CallsOf([&] { deinit(handles[0]); }));
+    const Json initCounts = CostOf(CallsOf([&] { init(handles[0]); }));
+    deinits.push_back(TimeOf(forEach(deinit)));
     // Once more, under watch.
     Json initApart;
     Json useApart;
@@ -73,22 +84,19 @@ Json MeasureCount(const vtfltsim::Volume& volume, int count)
         useApart = watch.Of(1, lookups(ask));
         deinitApart = watch.Of(1, forEach(deinit));
     }
-    init(handles[0]);
-    const Json useCounts = CostOf(CallsOf([&] { ask(handles[0]); }));
-    deinit(handles[0]);
-    const Json initCounts = CostOf(CallsOf([&] { init(handles[0]); }));
-    const Json deinitCounts = CostOf(CallsOf([&] { deinit(handles[0]); }));
     const double close = TimeOf([&] {
         for (const HANDLE handle : handles)
             CloseHandle(handle);
     });
     return {{"handles", count},
-            {"init_us_per_handle", Rounded(1000 * initTime / count)},
+            {"init_us_per_handle", Rounded(1000 * Median(inits) / count)},
             {"get_block_size_us", Rounded(1000 * Median(uses.library) / LOOKUPS)},
             {"bare_request_us", Rounded(1000 * Median(uses.bare) / LOOKUPS)},
-            {"deinit_us_per_handle", Rounded(1000 * deinitTime / count)},
+            {"deinit_us_per_handle", Rounded(1000 * Median(deinits) / count)},
             {"bare_open_us_per_handle", Rounded(1000 * open / count)},
             {"bare_close_us_per_handle", Rounded(1000 * close / count)},
+            {"init_runs_ms", Rounded(inits)},
+            {"deinit_runs_ms", Rounded(deinits)},
             {"lookups", LOOKUPS},
             {"get_block_size", ToJson(uses, NO_TARGET)},
             {"init_times_apart_ms_of_all", initApart},

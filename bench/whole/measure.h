@@ -80,22 +80,30 @@ inline std::string Narrow(const std::wstring& text)
     return narrow;
 }
 
+// Two pieces of work in a row; neither is always first.
+template <class One, class Other>
+void InTurn(std::size_t turn, const One& one, const Other& other)
+{
+    if (turn % 2 == 0) {
+        one();
+        other();
+    } else {
+        other();
+        one();
+    }
+}
+
 // What two pieces of work cost that are run in turns, so that whatever else the machine does meets both.
 struct SideBySide {
     std::vector<double> library;
     std::vector<double> bare;
 
-    // One pair more; neither is always first. Each of the two gives its time in ms.
+    // One pair more. Each of the two gives its time in ms.
     template <class Library, class Bare>
     void Add(const Library& timeOfLibrary, const Bare& timeOfBare)
     {
-        if (library.size() % 2 == 0) {
-            library.push_back(timeOfLibrary());
-            bare.push_back(timeOfBare());
-        } else {
-            bare.push_back(timeOfBare());
-            library.push_back(timeOfLibrary());
-        }
+        InTurn(
+            library.size(), [&] { library.push_back(timeOfLibrary()); }, [&] { bare.push_back(timeOfBare()); });
     }
 };
 
@@ -171,6 +179,7 @@ inline Json CostOf(const std::vector<std::wstring>& calls)
 }
 
 // What attached modules allocated since the counts were reset. To be asked before the program itself allocates.
+// VirtualAlloc is not among what the simulator counts: what a module gets by it is seen as memory only.
 inline DWORD HeapAllocations()
 {
     DWORD count = 0;

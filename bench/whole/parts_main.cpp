@@ -11,6 +11,8 @@
 
 #include <cstring>
 #include <fstream>
+#include <numeric>
+#include <random>
 
 namespace {
 
@@ -26,17 +28,22 @@ struct Way {
     std::function<void()> run;
 };
 
-// Bytes per second and way: the ways in turns, each for as long as its share.
+// Bytes per second and way: the ways in turns, each for as long as its share. In each round in
+// another order: what one leaves in the caches does not always meet the same one.
 void MeasureWays(Json& rows, std::size_t size, const std::vector<Way>& ways, int rounds, double milliseconds)
 {
     std::vector<std::vector<double>> rates(ways.size());
     std::vector<int> repetitions(ways.size(), 1);
+    std::vector<std::size_t> order(ways.size());
+    std::iota(order.begin(), order.end(), std::size_t{0});
+    std::mt19937 random(1);
     for (std::size_t i = 0; i < ways.size(); ++i) {
         const double once = TimeOf(ways[i].run);
         repetitions[i] = std::max(1, static_cast<int>(milliseconds / std::max(once, 0.0005)));
     }
     for (int round = 0; round < rounds; ++round) {
-        for (std::size_t i = 0; i < ways.size(); ++i) {
+        std::shuffle(order.begin(), order.end(), random);
+        for (const std::size_t i : order) {
             const double time = TimeOf([&] {
                 for (int k = 0; k < repetitions[i]; ++k)
                     ways[i].run();
@@ -72,6 +79,7 @@ void MeasureBits(Json& rows, std::size_t size, int rounds, double milliseconds)
     const std::vector<Way> ways = {
         {"merge", "library", [&] { record->Or(from, size); }},
         {"merge", "avx2", [&] { OrAvx2(bitmap, from, size); }},
+        {"merge", "avx2-unrolled", [&] { OrAvx2Unrolled(bitmap, from, size); }},
         {"merge", "avx2-aligned", [&] { OrAvx2Aligned(bitmap, from, size); }},
         {"merge", "memcpy", [&] { std::memcpy(bitmap, from, size); }},
         {"copy", "library", [&] { sum += record->CopyBitmap(to, count); }},
@@ -79,6 +87,7 @@ void MeasureBits(Json& rows, std::size_t size, int rounds, double milliseconds)
         {"copy", "memcpy", [&] { std::memcpy(to, bitmap, size); }},
         {"count", "library", [&] { sum += vtflt::CountSetBits(bitmap, size); }},
         {"count", "avx2", [&] { sum += CountAvx2(bitmap, size); }},
+        {"count", "avx2-carry-save", [&] { sum += CountAvx2CarrySave(bitmap, size); }},
         {"count", "popcnt", [&] { sum += CountPopcnt(bitmap, size); }},
         {"clear", "library", [&] { record->Clear(); }},
         {"clear", "avx2", [&] { ClearAvx2(bitmap, size); }},

@@ -1,5 +1,5 @@
 // whole_bench [--quick] FILE [PART...]: measures whole operations and writes the results into FILE as JSON. Parts: fetch,
-// registration, lists, handles, load; without one, all.
+// registration, lists, handles; without one, all.
 #include "measure.h"
 
 #include <fstream>
@@ -25,8 +25,6 @@ int Run(const std::vector<std::string>& arguments)
     const auto wanted = [&](const char* part) { return parts.empty() || parts.contains(part); };
 
     bench::Json results;
-    if (wanted("load"))
-        bench::MeasureLoad(results, quick);
     if (wanted("fetch"))
         bench::MeasureFetch(results, quick);
     if (wanted("registration"))

@@ -193,6 +193,5 @@ void MeasureFetch(Json& results, bool quick);
 void MeasureRegistration(Json& results, bool quick);
 void MeasureLists(Json& results, bool quick);
 void MeasureHandles(Json& results, bool quick);
-void MeasureLoad(Json& results, bool quick);
 
 } // namespace bench

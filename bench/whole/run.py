@@ -13,7 +13,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
 import common
 import pages
 
-PROGRAMS = {"bits": "whole_parts_bench", "log": "whole_log_bench"}
+PROGRAMS = {"bits": "whole_parts_bench", "log": "whole_log_bench", "load": "whole_load_bench"}
 # Of results/whole.json; what was kept in another shape cannot stand beside new parts.
 FORMAT = 2
 PARTS = ("load", "fetch", "registration", "lists", "handles", "log", "bits")

@@ -17,6 +17,10 @@ import matplotlib.pyplot as plot
 # More than so many processors busy with something else, and ratios say little.
 BUSY_LIMIT = 0.5
 PATIENCE_SECONDS = 300
+# Of results/KIND.json. What was kept in another shape, or measured in another way, cannot stand beside what is new.
+FORMATS = {"core": 2, "whole": 3}
+# What a figure depends on; the results themselves change while their parts are measured.
+MEASURED = ("src", "include", "sim", "bench", ":!bench/results", "tests/cost", "cmake", "CMakeLists.txt", "CMakePresets.json")
 
 matplotlib.rcParams["svg.hashsalt"] = "vtflt"
 
@@ -65,7 +69,7 @@ def machine(project, compiler):
     info = pathlib.Path("/proc/cpuinfo").read_text()
     memory = int(re.search(r"MemTotal:\s+(\d+)", pathlib.Path("/proc/meminfo").read_text()).group(1))
     commit = output_of("git", "rev-parse", "--short=10", "HEAD", cwd=project)
-    changed = output_of("git", "status", "--porcelain", "--untracked-files=no", "--", "src", "bench", "sim", cwd=project)
+    changed = output_of("git", "status", "--porcelain", "--untracked-files=no", "--", *MEASURED, cwd=project)
     return {
         "date": datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC"),
         "commit": commit + (" and changes" if changed else ""),
@@ -78,9 +82,9 @@ def machine(project, compiler):
     }
 
 
-def describe(of):
-    return (f"Measured {of['date']} at {of['commit']}: {of['processor']}, {of['cores']} processors, {of['memory_gib']} GiB, "
-            f"{of['disk']}; Linux {of['kernel']}, {of['compiler']}" + (f", {of['wine']}" if "wine" in of else "") + ".")
+def describe_machine(of):
+    return (f"{of['processor']}, {of['cores']} processors, {of['memory_gib']} GiB, {of['disk']}; Linux {of['kernel']}, "
+            + ", ".join([of["compiler"]] + [of[key] for key in ("wine", "roaring") if key in of]))
 
 
 def busy(seconds):
@@ -98,14 +102,15 @@ def load(quick=False):
     return {"busy_processors": round(busy(0.1 if quick else 2.0), 2), "load_average": round(os.getloadavg()[0], 2)}
 
 
-def require_idle(under_load):
-    """Waits until what ran before (a build, say) has ended; ends the program when the machine stays busy."""
+def require_idle(under_load, behind_another=False):
+    """Waits until what ran before (a build, say) has ended; ends the program when the machine stays busy. Behind another part
+    of the measurement the average of the last minutes is that part's own."""
     if under_load:
         return
     deadline = time.monotonic() + PATIENCE_SECONDS
     while True:
         state = load()
-        if max(state.values()) <= BUSY_LIMIT:
+        if (state["busy_processors"] if behind_another else max(state.values())) <= BUSY_LIMIT:
             return
         if time.monotonic() > deadline:
             sys.exit(f"bench: the machine is busy ({state['busy_processors']} processors, load {state['load_average']}, "
@@ -113,13 +118,23 @@ def require_idle(under_load):
         time.sleep(5)
 
 
-def describe_load(conditions):
-    """conditions: of each part what load() said before and after it, and under_load."""
-    lines = []
+def conditions_of(options, of, before):
+    """Of a part that was just measured, on this machine. It was under load when it might have been, or when it was."""
+    after = load(options.quick)
+    busiest = max(before["busy_processors"], after["busy_processors"])
+    return {"machine": of, "before": before, "after": after, "under_load": options.under_load or busiest > BUSY_LIMIT}
+
+
+def describe_conditions(conditions):
+    """conditions: of each part what conditions_of said. Parts may have been measured one by one."""
+    machines = {}
     for part, of in conditions.items():
-        lines.append(f"{part} {of['before']['busy_processors']} and {of['after']['busy_processors']}"
-                     + (" (**under load**)" if of["under_load"] else ""))
-    return "Processors busy with something else before and after: " + ", ".join(lines) + "."
+        machines.setdefault(describe_machine(of["machine"]), []).append(part)
+    lines = [text + ("." if len(machines) == 1 else f" ({', '.join(parts)}).") for text, parts in machines.items()]
+    rows = [[part, of["machine"]["date"], of["machine"]["commit"], of["before"]["busy_processors"],
+             of["after"]["busy_processors"], "**yes**" if of["under_load"] else "no"] for part, of in conditions.items()]
+    return "\n".join(lines) + "\n\n" + table(
+        ["part", "measured", "at", "processors busy with something else before", "after", "under load"], rows)
 
 
 def table(heads, rows):
@@ -151,11 +166,13 @@ class Picture:
 
 
 def fit(points):
-    """The straight line through points with the least squared error: slope, intercept, largest error relative to y."""
-    count = len(points)
-    mean_x = sum(x for x, _ in points) / count
-    mean_y = sum(y for _, y in points) / count
-    spread = sum((x - mean_x) ** 2 for x, _ in points)
-    slope = sum((x - mean_x) * (y - mean_y) for x, y in points) / spread
+    """The straight line through points with the least squared error relative to y, for that is how times scatter: slope,
+    intercept, largest relative error."""
+    weighted = [(x, y, y ** -2) for x, y in points]
+    whole = sum(weight for _, _, weight in weighted)
+    mean_x = sum(x * weight for x, _, weight in weighted) / whole
+    mean_y = sum(y * weight for _, y, weight in weighted) / whole
+    spread = sum((x - mean_x) ** 2 * weight for x, _, weight in weighted)
+    slope = sum((x - mean_x) * (y - mean_y) * weight for x, y, weight in weighted) / spread
     intercept = mean_y - slope * mean_x
     return slope, intercept, max(abs(y - slope * x - intercept) / y for x, y in points)

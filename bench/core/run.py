@@ -17,9 +17,9 @@ import common
 
 TARGET = 0.95
 RIVALS = {
-    "or": ("avx2", "avx2-unrolled", "avx2-aligned", "roaring", "roaring-lazy", "memcpy"),
+    "or": ("avx2", "avx2-unrolled", "avx2-aligned", "roaring", "roaring-lazy", "roaring-no-count", "memcpy"),
     "walk": ("avx2",),
-    "count": ("popcnt", "avx2"),
+    "count": ("popcnt", "avx2", "avx2-carry-save"),
 }
 TITLES = {"or": "Merge", "count": "Count of set bits", "walk": "Walk over the runs"}
 SIZES = {32: "32 KiB", 64: "64 KiB", 2048: "2 MiB", 4096: "4 MiB", 131072: "128 MiB", 1048576: "1 GiB"}
@@ -31,6 +31,8 @@ def measure(options):
     program = options.project / "build" / "bench" / "bench" / "core_bench"
     raw = options.project / "build" / "core.json"
     common.require_idle(options.under_load)
+    context = common.machine(options.project, "g++")
+    context["roaring"] = "CRoaring " + common.output_of("dpkg-query", "-W", "-f", "${Version}", "libroaring-dev")
     before = common.load(options.quick)
     command = [program] + (["--quick"] if options.quick else [])
     command += ["--benchmark_enable_random_interleaving=true",
@@ -40,22 +42,20 @@ def measure(options):
     subprocess.run(command, check=True, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
     document = json.loads(raw.read_text())
     raw.unlink()
-    state = {"core": {"before": before, "after": common.load(options.quick), "under_load": options.under_load}}
-    context = common.machine(options.project, "g++")
     context["caches"] = document["context"]["caches"]
-    context["roaring"] = common.output_of("dpkg-query", "-W", "-f", "${Version}", "libroaring-dev")
+    conditions = {"core": common.conditions_of(options, context, before)}
     rates = collections.defaultdict(list)
     for entry in document["benchmarks"]:
         if entry["run_type"] == "iteration":
             name = "/".join(entry["name"].split("/")[:4])
             rates[name].append(float(f"{entry['bytes_per_second'] / 1e9:.4g}"))
-    return {"machine": context, "conditions": state, "gb_per_s": dict(sorted(rates.items()))}
+    return {"format": common.FORMATS["core"], "conditions": conditions, "gb_per_s": dict(sorted(rates.items()))}
 
 
 def write(result, path):
     """One line for each thing that was measured."""
     lines = ",\n".join(f"  {json.dumps(name)}: {json.dumps(rates)}" for name, rates in result["gb_per_s"].items())
-    path.write_text('{\n"machine": ' + json.dumps(result["machine"]) + ',\n"conditions": ' + json.dumps(result["conditions"])
+    path.write_text('{\n"format": ' + json.dumps(result["format"]) + ',\n"conditions": ' + json.dumps(result["conditions"])
                     + ',\n"gb_per_s": {\n' + lines + "\n}\n}\n")
 
 
@@ -76,24 +76,27 @@ def number(rate):
 
 
 def rows_of(best, medians, work):
+    """Of each case its bests; the best rival and the library's ratio to it; and the same of the medians."""
     for key in sorted(best, key=lambda key: (key[1], key[2])):
         if key[0] == work:
-            rate, who = best_rival(work, key[1], best[key])
-            median, _ = best_rival(work, key[1], medians[key])
-            yield key, best[key], who, best[key]["library"] / rate, medians[key]["library"] / median
+            compared = []
+            for rates in (best[key], medians[key]):
+                rate, who = best_rival(work, key[1], rates)
+                compared.append((rates["library"] / rate, who))
+            yield key, best[key], *compared
 
 
 def tables(best, medians, work):
     names = sorted({who for (of, _, _), rates in best.items() if of == work for who in rates} - {"library"})
     rows = [[SIZES[size], what, number(rates["library"])] + [number(rates[who]) if who in rates else "" for who in names]
-            + [who, f"{ratio:.2f}", f"{ratio_of_medians:.2f}"]
-            for (_, size, what), rates, who, ratio, ratio_of_medians in rows_of(best, medians, work)]
-    return common.table(["bitmap", "case", "library", *names, "best rival", "library : it", "of medians"], rows)
+            + [who, f"{ratio:.2f}", f"{of_medians:.2f} ({who_of_medians})"]
+            for (_, size, what), rates, (ratio, who), (of_medians, who_of_medians) in rows_of(best, medians, work)]
+    return common.table(["bitmap", "case", "library", *names, "best rival", "library : it", "of medians (rival)"], rows)
 
 
 def misses(best, medians, work):
-    missed = [f"- {SIZES[size]}, {what}: {min(ratio, of_medians):.2f} ({who})"
-              for (_, size, what), _, who, ratio, of_medians in rows_of(best, medians, work) if min(ratio, of_medians) < TARGET]
+    missed = [f"- {SIZES[size]}, {what}: {min(of_bests, of_medians)[0]:.2f} ({min(of_bests, of_medians)[1]})"
+              for (_, size, what), _, of_bests, of_medians in rows_of(best, medians, work) if min(of_bests, of_medians)[0] < TARGET]
     if not missed:
         return f"Everywhere at least {TARGET} of the best rival."
     return f"Below {TARGET} of the best rival, by the worse of the two ratios:\n\n" + "\n".join(missed)
@@ -124,11 +127,10 @@ def page(result, pages):
     picture(best, "or", ("84+0-sparse",), "Merging, one block in 4096 set", pages / "merge_sparse.svg")
     picture(best, "count", ("dense",), "Counting set bits", pages / "count.svg")
     picture(best, "walk", ("sparse", "clear"), "Walking over the runs", pages / "walk.svg")
-    of = result["machine"]
     text = ["# The work on bits, measured", "",
             "Made by `./dev bench core` from `bench/results/core.json`; what the figures mean stands in",
             "[`../performance.md`](../performance.md).", "",
-            f"{common.describe(of)} CRoaring {of['roaring']}. {common.describe_load(result['conditions'])}", "",
+            common.describe_conditions(result["conditions"]), "",
             "GB of bitmap per second of the processor's time, the best of all repetitions; the last two columns compare the bests and",
             "the medians.",
             "A case is the offsets of target and source from a page's start, and what the source is like."]

@@ -14,12 +14,10 @@ import common
 import pages
 
 PROGRAMS = {"bits": "whole_parts_bench", "log": "whole_log_bench", "load": "whole_load_bench"}
-# Of results/whole.json; what was kept in another shape cannot stand beside new parts.
-FORMAT = 2
 PARTS = ("load", "fetch", "registration", "lists", "handles", "log", "bits")
 
 
-def measure(options, part):
+def measure(options, part, behind_another):
     programs = options.project / "build" / "release"
     file = programs / f"whole-{part}.json"
     quick = ["--quick"] if options.quick else []
@@ -27,11 +25,14 @@ def measure(options, part):
         command = [f"./{PROGRAMS[part]}.exe", *quick, file.name]
     else:
         command = ["./whole_bench.exe", *quick, file.name, part]
+    common.require_idle(options.under_load, behind_another)
+    machine = common.machine(options.project, "x86_64-w64-mingw32-g++-posix")
+    machine["wine"] = common.output_of("wine", "--version")
     before = common.load(options.quick)
     subprocess.run([options.project / "cmake" / "wine.sh", *command], cwd=programs, check=True, stdin=subprocess.DEVNULL)
     result = json.loads(file.read_text())
     file.unlink()
-    return result, {"before": before, "after": common.load(options.quick), "under_load": options.under_load}
+    return result, common.conditions_of(options, machine, before)
 
 
 def write(result, path):
@@ -50,17 +51,12 @@ def main():
     options = common.arguments("whole", PARTS)
     kept = options.results / "whole.json"
     result = json.loads(kept.read_text()) if kept.exists() else {}
-    if result.get("format") != FORMAT:
-        result = {"format": FORMAT}
-    common.require_idle(options.under_load)
-    description = common.machine(options.project, "x86_64-w64-mingw32-g++-posix")
-    description["wine"] = common.output_of("wine", "--version")
-    for part in options.rest or PARTS:
-        measured, conditions = measure(options, part)
+    if result.get("format") != common.FORMATS["whole"]:
+        result = {"format": common.FORMATS["whole"]}
+    for number, part in enumerate(options.rest or PARTS):
+        measured, conditions = measure(options, part, number > 0)
         result.update(measured)
-        conditions["date"], conditions["commit"] = description["date"], description["commit"]
         result["conditions"] = {**result.get("conditions", {}), part: conditions}
-        result["machine"] = description
         write(result, kept)
     pages.make(json.loads(kept.read_text()), options.pages)
 

@@ -164,9 +164,9 @@ VTFLTMGR_API DWORD WINAPI VTFltSynSnapshotChangeBitmapToVolume(HANDLE volume, LP
  * Reports that the application's copy of the fetched blocks is complete and durable: the changes are
  * forgotten and the volume leaves the application's verify list.
  * Results: 0; 87 (bad or unknown handle); 0x10005; 0xFFFFFFFF (no bitmap was fetched through this
- * manager); else an error of the bitmap file. After a failure keep the copy: the next backup contains the changes again,
- * unless the failure came when they were cleared on the disk already. And after a verify backup the volume may have left
- * the verify list already: verify again, whatever the next bitmap's result.
+ * manager); else an error of the bitmap file. After a failure, or when nobody knows whether the call came through, keep the
+ * copy as the last backup, or read the whole volume next: the changes come again, unless they were cleared on the disk
+ * already. And after a verify backup the volume may have left the verify list already: verify again in any case.
  */
 VTFLTMGR_API DWORD WINAPI VTFltReplicationSuccess(HANDLE volume);
 

@@ -188,6 +188,24 @@ TEST_F(Limit, SuccessReportedBehindAShortBitmapWithoutAVerifyTakesTheMarkOff)
     EXPECT_TRUE(IsLost(APP1, 5));
 }
 
+// The base is empty on the disk already, and the last step behind that fails. Who takes the copy for a bad one, and keeps
+// the one before it, asks for the next bitmap in vain.
+TEST_F(Limit, ACopyThatIsThrownAwayBehindAFailedReportMayHaveTheOnlyChanges)
+{
+    Register(APP1);
+    BackUp(APP1);
+    Touch({5});
+    const auto session = Open(APP1);
+    Snapshot(*session);
+    ASSERT_EQ(0u, session->GetBitmap());
+    EXPECT_EQ(BlockSet{5}, Blocks(*session));
+    VTFltSimFailCall(L"FlushFileBuffers", BaseName(APP1).c_str(), 2, 1, ERROR_IO_DEVICE);
+    EXPECT_NE(0u, session->Success());
+    EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
+    ClearFaults();
+    EXPECT_TRUE(IsLost(APP1, 5));
+}
+
 // No limit any more: the library marks every volume before it empties what may be in use.
 TEST_F(Limit, OfRegisteringAgainWhileTheApplicationListCannotBeReadIsAVerify)
 {
@@ -265,6 +283,34 @@ TEST_F(Limit, IdsThatDifferInCaseOnlyShareTheirFiles)
     Touch({5});
     BackUp(L"App1");
     EXPECT_TRUE(IsLost(L"APP1", 5));
+}
+
+TEST_F(Limit, LongIdsThatDifferAtTheirEndsOnlyShareTheirFiles)
+{
+    // The paths of bitmap files are cut at 259 characters.
+    const std::wstring same(185, L'a');
+    const std::wstring first = same + L"1";
+    const std::wstring second = same + L"2";
+    Register(first);
+    Register(second);
+    EXPECT_EQ((std::vector<std::wstring>{first, second}), RegisteredIds());
+    BackUp(first);
+    BackUp(second);
+    Touch({5});
+    BackUp(first);
+    EXPECT_TRUE(IsLost(second, 5));
+}
+
+// Nothing is lost: without an entry there is no backup.
+TEST_F(Limit, AnIdThatIsTheTailOfAListedOneIsNotListedWithSuccess)
+{
+    Register(L"MyApp1");
+    EXPECT_EQ(0u, VTRegisterApplication(APP1));
+    EXPECT_EQ((std::vector<std::wstring>{L"MyApp1"}), RegisteredIds());
+    EXPECT_EQ(0u, VTCanAppUseBLIDriver(APP1));
+    EXPECT_EQ(VTFLT_APP_NOT_REGISTERED, VTReplicateVerifyList(APP1));
+    const vtflt::UniqueHandle handle = OpenVolume(volume);
+    EXPECT_EQ(VTFLT_APP_NOT_REGISTERED, VTFltInitBitmapManager(handle.get(), volume.Root().c_str(), APP1));
 }
 
 TEST_F(Limit, AnIdThatEndsInLastTakesTheMarksOfTheOneWithoutIt)
@@ -401,6 +447,37 @@ TEST_F(Limit, AnothersFileThatIsSaidNotToBeThereIsSkipped)
     EXPECT_TRUE(IsLost(APP2, 5));
 }
 
+// The system says that the file ends in the middle of its header, and is believed.
+TEST_F(Limit, AnothersFileWhoseHeaderIsReadShortWithoutAnErrorIsSkipped)
+{
+    Register(APP1);
+    Register(APP2);
+    BackUp(APP2);
+    Touch({5});
+    constexpr ULONGLONG ALL_BUT_ONE = 87;
+    CutCall(L"ReadFile", ChildName(APP2), ALL_BUT_ONE);
+    BackUp(APP1);
+    EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
+    ClearFaults();
+    EXPECT_TRUE(IsLost(APP2, 5));
+}
+
+TEST_F(Limit, AVolumeWalkThatIsSaidToEndEarlyPassesVolumesOver)
+{
+    const Volume other = machine.AddVolume(BLOCKS * BLOCK, BLOCK);
+    Register(APP1);
+    VTFltSimFailCall(L"FindNextVolumeW", nullptr, 1, 1, ERROR_NO_MORE_FILES);
+    EXPECT_EQ(0u, VTAddVolumesToAppVerifyList(APP1));
+    EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
+    ClearFaults();
+    const std::vector<std::wstring> marked = VerifyList(APP1);
+    ASSERT_EQ(1u, marked.size());
+    const Volume& passedOver = marked[0] == volume.guid ? other : volume;
+    EXPECT_EQ(0u, VTIsVerifyRequired(APP1, passedOver.Root().c_str())) << "whoever asked for the mark needs it";
+    EXPECT_EQ(0u, VTAddVolumesToAppVerifyList(APP1));
+    EXPECT_EQ(2u, VerifyList(APP1).size()) << "both, when the system says so";
+}
+
 // Found by a random history. The room grows until the value fits, as long as the registry says that it does not.
 TEST_F(Limit, AListThatNeverFitsIsReadForEver)
 {
@@ -423,6 +500,20 @@ TEST_F(Limit, AListThatGrowsWhileItIsReadCannotBeRead)
     ClearFaults();
     EXPECT_EQ(0u, VTGetRegisteredAppList(&ids)) << "the next one can";
     EXPECT_EQ(2u, ids.size());
+    const auto whileItGrows = [&](const auto& asks) {
+        ASSERT_EQ(0u, VTUnregisterApplication(APP2));
+        Before(L"RegQueryValueExW", L"RegisteredAppIDs", 2, registers);
+        asks();
+        EXPECT_EQ(2u, RegisteredIds().size()) << "it did grow";
+        ClearFaults();
+    };
+    whileItGrows([] {
+        DWORD count = 77;
+        EXPECT_EQ(static_cast<DWORD>(ERROR_MORE_DATA), VTGetRegisteredAppCount(&count));
+        EXPECT_EQ(77u, count);
+    });
+    whileItGrows([] { EXPECT_EQ(0u, VTCanAppUseBLIDriver(APP1)); });
+    EXPECT_EQ(1u, VTCanAppUseBLIDriver(APP1)) << "the next one can";
     ASSERT_EQ(0u, VTUnregisterApplication(APP2));
     Before(L"RegQueryValueExW", L"RegisteredAppIDs", 2, registers);
     const vtflt::UniqueHandle handle = OpenVolume(volume);
@@ -449,6 +540,24 @@ TEST_F(Limit, ReplicatingWithoutADriverIsASuccess)
     EXPECT_EQ(0u, session->GetBitmap());
     EXPECT_EQ(BlockSet{}, Blocks(*session)) << "a backup without block 5, if nobody asks again";
     EXPECT_FALSE(IsLost(APP1, 5)) << "the next question finds it";
+}
+
+TEST_F(Limit, MarkingWithoutADriverIsASuccessAndMarksNothing)
+{
+    Register(APP1);
+    BackUp(APP1);
+    const Bytes before = ReadFileBytes(volume, BaseName(APP1));
+    Touch({5});
+    ASSERT_EQ(0u, Open(APP1)->GetBitmap()); // the base has it now
+    // The file is put back as it was before, by somebody who knows what that means.
+    WriteFileBytes(volume, BaseName(APP1), before);
+    machine.SetService(VTFLTSIM_SERVICE_ABSENT);
+    VTFltSimFailCall(L"CreateFileW", VTFLTSIM_ENDPOINT_CONTROL, 1, 1, ERROR_ACCESS_DENIED);
+    EXPECT_EQ(0u, VTAddVolumesToAppVerifyList(APP1));
+    EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
+    ClearFaults();
+    EXPECT_TRUE(VerifyList(APP1).empty());
+    EXPECT_TRUE(IsLost(APP1, 5));
 }
 
 } // namespace

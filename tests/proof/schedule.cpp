@@ -75,15 +75,16 @@ bool ParseExport(std::string_view text, Exported& exported)
 bool ParseMeeting(const std::vector<std::string_view>& words, Schedule& schedule)
 {
     schedule.meets = true;
-    return words.size() == 18 && words[0] == "meet" && ParseExport(words[1], schedule.places[0].exported) &&
+    return words.size() == 20 && words[0] == "meet" && ParseExport(words[1], schedule.places[0].exported) &&
            ParseNumber(words[2], schedule.places[0].nth) && ParseExport(words[3], schedule.places[1].exported) &&
            ParseNumber(words[4], schedule.places[1].nth) && words[5] == "first" &&
            ParseNumber(words[6], schedule.first) && words[7] == "turns" && ParseNumber(words[8], schedule.turns[0]) &&
            ParseNumber(words[9], schedule.turns[1]) && words[10] == "loses" && ParseNumber(words[11], schedule.loses) &&
            words[12] == "arrives" && ParseNumber(words[13], schedule.arrives) && words[14] == "between" &&
            ParseNumber(words[15], schedule.between) && words[16] == "writes" &&
-           ParseNumber(words[17], schedule.writes) && schedule.loses <= schedule.before.volumes.size() &&
-           schedule.between <= schedule.before.volumes.size() && schedule.processes.size() == 2;
+           ParseNumber(words[17], schedule.writes) && words[18] == "dies" && ParseNumber(words[19], schedule.dies) &&
+           schedule.loses <= schedule.before.volumes.size() && schedule.between <= schedule.before.volumes.size() &&
+           schedule.processes.size() == 2;
 }
 
 bool ParseMix(const std::vector<std::string_view>& words, Schedule& schedule)
@@ -160,6 +161,13 @@ Operation ChooseOperation(Dice& dice, std::uint32_t application, const std::vect
         operation.a = 512u << dice.Below(3);
     }
     return operation;
+}
+
+// An application that died in one of these does not know what it has done, and the world does not either.
+bool MayDieIn(Exported exported)
+{
+    return exported != Exported::Register && exported != Exported::Unregister && exported != Exported::EnableMonitor &&
+           exported != Exported::DisableMonitor;
 }
 
 Schedule ChooseMix(std::uint64_t seed)
@@ -270,6 +278,8 @@ Schedule Schedules::Choose(std::uint64_t number)
     // The other one's first call is the next: back before its second or a later one.
     if (others >= 2)
         schedule.turns[1] = schedule.turns[0] + 2 + dice.Below(others - 1);
+    if (lengths.calls[0] >= 2 && MayDieIn(schedule.places[0].exported) && dice.OneIn(4))
+        schedule.dies = 1 + dice.Below(lengths.calls[0] - 1);
     return schedule;
 }
 
@@ -290,7 +300,7 @@ std::string ToText(const Schedule& schedule)
     return text + " first " + std::to_string(schedule.first) + " turns " + std::to_string(schedule.turns[0]) + " " +
            std::to_string(schedule.turns[1]) + " loses " + std::to_string(schedule.loses) + " arrives " +
            std::to_string(schedule.arrives) + " between " + std::to_string(schedule.between) + " writes " +
-           std::to_string(schedule.writes);
+           std::to_string(schedule.writes) + " dies " + std::to_string(schedule.dies);
 }
 
 std::optional<Schedule> ParseSchedule(std::string_view text)

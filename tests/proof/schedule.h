@@ -4,7 +4,8 @@
 // its turn before each call of Windows that it makes. There are two kinds:
 //
 // A meeting of two exports: each process stops where it calls its export; then both go on, and the turn changes before at
-// most two calls that the schedule names. When both are through, the first process comes to its end, then the second. They
+// most two calls that the schedule names. Process 0 may die in its export, while the other one waits for what it owns, say;
+// it goes on as one that is started again. When both are through, the first process comes to its end, then the second. They
 // may be on the same volume, against rule 3 of docs/guarantees.md, and so nobody writes behind a snapshot whose fetch another
 // one's whole fetch precedes (Limit.AWholeFetchOfAnotherFallsBetweenTheSnapshotAndTheFetch): see MeetingOf.
 //
@@ -41,6 +42,7 @@ struct Schedule {
     std::uint32_t between = 0;       // the volume that is written to when the first has arrived, plus 1
     std::uint32_t writes = 0;        // before which of the calls volume 0 is written to
     std::uint32_t loses = 0;         // the volume that loses tracking when they have met, plus 1
+    std::uint32_t dies = 0;          // behind which of its calls process 0 dies: before the next one; 0: it lives
 
     // The mix.
     std::uint64_t seed = 0;
@@ -48,7 +50,7 @@ struct Schedule {
 };
 
 // "machine 100:512; register 0 | backup 0 0 | backup 1 0 | meet VTFltGetBitmap 2 VTIsVerifyRequired 1 first 0 turns 7 0 loses 0
-// arrives 0 between 1 writes 9"
+// arrives 0 between 1 writes 9 dies 0"
 // "machine 100:512 | register 0; backup 0 0 | register 1; backup 1 0 | mix 17 4"
 std::string ToText(const Schedule& schedule);
 std::optional<Schedule> ParseSchedule(std::string_view text);
@@ -60,6 +62,9 @@ struct ScheduleRun {
     std::uint32_t calls[2] = {0, 0}; // of each process between meeting and end of its export
     std::uint32_t changes = 0;       // how often the turn changed
     std::uint32_t alternations = 0;  // calls of a meeting that another process made than the call before
+    bool died = false;               // process 0, in its export,
+    bool waited = false;             // when the other one was in a wait; a wait that ends so is abandoned,
+    bool wentOn = false;             // and that one did more in its export than to give up what it had
 };
 ScheduleRun RunSchedule(const Schedule& schedule, bool tell = false);
 

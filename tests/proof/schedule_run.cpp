@@ -5,6 +5,8 @@
 #include "proof/schedule.h"
 #include "proof/world.h"
 
+#include <cwchar>
+
 namespace vtproof {
 
 namespace {
@@ -36,13 +38,17 @@ private:
         State state = State::Before; // as to the meeting
         std::uint32_t reached = 0;   // calls of the export so far
         int place = 0;               // its address: where it stands still
+        bool waits = false;          // its last call is a wait
     };
 
     void Start(Process& process);
     void RunProcess(Process& process);
     void Write(std::uint32_t volume);
     void Meet();
-    void BeforeCall() noexcept;
+    void WatchCalls();
+    void BeforeCall(const wchar_t* function) noexcept;
+    void Doom() noexcept;
+    void NoteDeath(Process& process);
     void WakeOther(const Process& process) noexcept;
     bool IsMeetingPlace(const Process& process, Exported exported) const
     {
@@ -59,16 +65,14 @@ private:
     bool m_changing = false; // the turn may change now
     std::uint32_t m_calls = 0;
     std::size_t m_caller = NOBODY; // who made the last call
+    bool m_doomed = false;         // whose turn it is dies before its next call
     int m_main = 0;                // its address: where the main thread stands still
 };
 
 std::string Director::Run()
 {
     m_world.AtOnce(*this, m_schedule.meets ? World::Volumes::Shared : World::Volumes::Locked);
-    vtfltsim::Check("VTFltSimCallBefore",
-                    VTFltSimCallBefore(
-                        L"*", nullptr, 1, 0,
-                        [](void* context, LPCWSTR, LPCWSTR) { static_cast<Director*>(context)->BeforeCall(); }, this));
+    WatchCalls();
     DoubleTakeStuck();
     if (!m_schedule.meets) {
         m_changing = true;
@@ -103,6 +107,16 @@ std::string Director::Run()
     return m_world.OneByOne();
 }
 
+void Director::WatchCalls()
+{
+    vtfltsim::Check("VTFltSimCallBefore", VTFltSimCallBefore(
+                                              L"*", nullptr, 1, 0,
+                                              [](void* context, LPCWSTR function, LPCWSTR) {
+                                                  static_cast<Director*>(context)->BeforeCall(function);
+                                              },
+                                              this));
+}
+
 void Director::Start(Process& process)
 {
     process.thread = DoubleStartThread(
@@ -120,10 +134,28 @@ void Director::RunProcess(Process& process)
         process.wrong = m_world.RunAtOnce(static_cast<std::uint32_t>(process.number), operation);
         if (!process.wrong.empty())
             break;
+        if (m_doomed && !m_run.died && VTFltSimGetCallFaultHits() != 0)
+            NoteDeath(process);
     }
     m_world.EndAtOnce(static_cast<std::uint32_t>(process.number));
     process.state = State::Ended;
     DoubleWake(&m_main);
+}
+
+// Nobody had the turn since it died. What it did not come to need not be as in one that lives.
+void Director::NoteDeath(Process& process)
+{
+    const Process& other = m_processes[1 - process.number];
+    m_run.died = true;
+    m_run.waited = other.state == State::Inside && other.waits;
+    Operation crash;
+    crash.what = Do::Crash;
+    crash.application = static_cast<std::uint32_t>(process.number);
+    m_world.Happens(crash);
+    WakeOther(process);
+    process.state = State::Behind;
+    DoubleWake(&m_main);
+    DoubleStandStill(&process.place);
 }
 
 void Director::Await(const Process& process, State state)
@@ -197,14 +229,39 @@ void Director::Leaves(std::size_t application, Exported exported) noexcept
     Process& process = m_processes[application];
     if (!IsMeetingPlace(process, exported) || process.state != State::Inside)
         return;
+    if (m_doomed && !m_run.died && process.number == 0) {
+        // It was through before its next call, and nobody else is to die.
+        DoubleRunOutside(
+            [](void* director) {
+                VTFltSimClearCallFaults();
+                static_cast<Director*>(director)->WatchCalls();
+            },
+            this);
+    }
     WakeOther(process);
     process.state = State::Behind;
     DoubleWake(&m_main);
     DoubleStandStill(&process.place);
 }
 
+void Director::Doom() noexcept
+{
+    m_doomed = true;
+    DoubleRunOutside(
+        [](void*) {
+            VTFLTSIM_CALL_FAULT death = {};
+            death.size = sizeof(death);
+            death.what = VTFLTSIM_CALL_KILLS_BEFORE;
+            death.function = L"*";
+            death.nth = 1;
+            death.count = 1;
+            VTFltSimSetCallFault(&death);
+        },
+        nullptr);
+}
+
 // In the process that is about to make the call; allocates nothing.
-void Director::BeforeCall() noexcept
+void Director::BeforeCall(const wchar_t* function) noexcept
 {
     if (!m_changing || t_process == NOBODY)
         return;
@@ -213,6 +270,10 @@ void Director::BeforeCall() noexcept
     if (m_schedule.meets) {
         Process& process = m_processes[t_process];
         ++m_run.calls[t_process];
+        process.waits = std::wcscmp(function, L"WaitForSingleObject") == 0;
+        m_run.wentOn =
+            m_run.wentOn || (m_run.died && process.state == State::Inside && !process.waits &&
+                             std::wcscmp(function, L"ReleaseMutex") != 0 && std::wcscmp(function, L"CloseHandle") != 0);
         m_run.alternations += m_caller != NOBODY && m_caller != t_process ? 1 : 0;
         m_caller = t_process;
         WakeOther(process);
@@ -222,11 +283,15 @@ void Director::BeforeCall() noexcept
     } else {
         changes = m_dice.OneIn(m_schedule.oneIn);
     }
-    if (!changes)
-        return;
-    ++m_run.changes;
-    m_world.Mix(call * MOST_PROCESSES + t_process);
-    DoubleYield();
+    if (changes) {
+        ++m_run.changes;
+        m_world.Mix(call * MOST_PROCESSES + t_process);
+        DoubleYield();
+    }
+    // From here to its next call nobody else has the turn, unless this one is a wait.
+    if (m_schedule.meets && m_schedule.dies != 0 && !m_doomed && t_process == 0 &&
+        m_processes[0].state == State::Inside && m_run.calls[0] >= m_schedule.dies && !m_processes[0].waits)
+        Doom();
 }
 
 std::string RunIn(World& world, const Schedule& schedule, ScheduleRun& run)

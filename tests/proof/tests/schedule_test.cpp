@@ -71,6 +71,37 @@ TEST(Meetings, OfAFetchWithWhatWritesBitmapsLoseNothingWhereverTheTurnChanges)
     }
 }
 
+// Before each of its calls the one dies that has the mutexes which the other one waits for.
+TEST(Meetings, OfOneThatDiesWhileTheOtherWaitsLoseNothing)
+{
+    unsigned runs = 0;
+    unsigned died = 0;
+    unsigned waited = 0;
+    unsigned wentOn = 0;
+    for (const Exported dying : {Exported::GetBitmap, Exported::SyncSnapshotChanges, Exported::ReplicationSuccess,
+                                 Exported::IsVerifyRequired, Exported::ReplicateVerifyList}) {
+        for (const Exported other : {dying, Exported::GetBitmap, Exported::Register}) {
+            Schedule schedule = MeetingOf(dying, other, 1);
+            const ScheduleRun undisturbed = RunSchedule(schedule);
+            EXPECT_FALSE(undisturbed.died);
+            for (std::uint32_t call = 1; call < undisturbed.calls[0]; call += SLOWER) {
+                schedule.turns[0] = std::max(2u, call);
+                schedule.dies = call;
+                const ScheduleRun run = RunSchedule(schedule);
+                ASSERT_EQ("", run.wrong) << Again(schedule);
+                ++runs;
+                died += run.died ? 1 : 0;
+                waited += run.waited ? 1 : 0;
+                wentOn += run.waited && run.wentOn ? 1 : 0;
+            }
+        }
+    }
+    EXPECT_GE(runs, 400 / SLOWER);
+    EXPECT_GE(died, runs * 3 / 4);
+    EXPECT_GE(waited, runs / 4);
+    EXPECT_EQ(waited, wentOn) << "a mutex that its dead owner left is one that can be had";
+}
+
 TEST(Schedules, ChosenByAnySeedLoseNothing)
 {
     constexpr std::uint64_t BELOW = 1'000'000;
@@ -126,8 +157,9 @@ TEST(Schedules, AreReadAsTheyAreWritten)
         const char* text :
         {"", "machine 100:512", "machine 100:512 | mix 1 1", "machine 100:512 | register 0 | mix 1 0",
          "machine 100:512 | register 9 | mix 1 1", "machine 100:512 | register 0 | meet VTOther 1",
-         "machine 100:512 | backup 0 | backup 1 | meet VTFltGetBitmap 1 VTOther 1 first 0 turns 0 0 loses 0 arrives 0 between 0 writes 0",
-         "machine 100:512 | backup 0 | backup 1 | meet VTFltGetBitmap 1 VTFltGetBitmap 1 first 0 turns 0 0 loses 2 arrives 0 between 0 writes 0"})
+         "machine 100:512 | backup 0 | backup 1 | meet VTFltGetBitmap 1 VTOther 1 first 0 turns 0 0 loses 0 arrives 0 between 0 writes 0 dies 0",
+         "machine 100:512 | backup 0 | backup 1 | meet VTFltGetBitmap 1 VTFltGetBitmap 1 first 0 turns 0 0 loses 2 arrives 0 between 0 writes 0 dies 0",
+         "machine 100:512 | backup 0 | backup 1 | meet VTFltGetBitmap 1 VTFltGetBitmap 1 first 0 turns 0 0 loses 0 arrives 0 between 0 writes 0"})
         EXPECT_FALSE(ParseSchedule(text).has_value()) << text;
 }
 

@@ -126,6 +126,20 @@ TEST_F(MutexGuard, GivesItsMutexUpWhenItGoes)
     EXPECT_EQ(static_cast<DWORD>(WAIT_OBJECT_0), wait);
 }
 
+TEST_F(MutexGuard, TakingAnotherMutexGivesTheFirstOneUp)
+{
+    const UniqueHandle first(CreateMutexW(nullptr, FALSE, L"vtflt test"));
+    CMutexController guard;
+    EXPECT_EQ(0u, guard.getAccess(L"vtflt test"));
+    EXPECT_EQ(0u, guard.getAccess(L"vtflt test 2"));
+    DWORD wait = WAIT_FAILED;
+    std::thread([&] {
+        wait = WaitForSingleObject(first.get(), 0);
+        ReleaseMutex(first.get());
+    }).join();
+    EXPECT_EQ(static_cast<DWORD>(WAIT_OBJECT_0), wait);
+}
+
 TEST_F(MutexGuard, GivingItsMutexUpKeepsTheLastError)
 {
     CMutexController guard;
@@ -564,6 +578,19 @@ TEST_F(FolderRemoval, RefusesAPathThatDoesNotFitRatherThanCutIt)
     EXPECT_EQ(0u, RemoveDirectoryTree(path.c_str()));
     EXPECT_EQ(static_cast<DWORD>(ERROR_FILENAME_EXCED_RANGE), GetLastError());
     EXPECT_TRUE(Exists(folder + L"\\a"));
+}
+
+TEST_F(FolderRemoval, TheLongestPathThatFitsIsLookedForAndOneCharacterMoreIsRefused)
+{
+    constexpr std::size_t LONGEST = 511 - 4; // with "\\*.*" behind it and its end, 512
+    std::wstring path = folder + L"\\missing";
+    while (path.size() <= LONGEST)
+        path += L"\\d";
+    SetLastError(ERROR_SUCCESS);
+    EXPECT_EQ(0u, RemoveDirectoryTree(path.substr(0, LONGEST).c_str()));
+    EXPECT_NE(static_cast<DWORD>(ERROR_FILENAME_EXCED_RANGE), GetLastError());
+    EXPECT_EQ(0u, RemoveDirectoryTree(path.substr(0, LONGEST + 1).c_str()));
+    EXPECT_EQ(static_cast<DWORD>(ERROR_FILENAME_EXCED_RANGE), GetLastError());
 }
 
 TEST_F(FolderRemoval, AnEntryWhoseNameDoesNotFitBehindThePathEndsIt)

@@ -104,6 +104,23 @@ TEST_F(ContainerRemove, AllBitmapsOfAVolumeGoWithTheirFolderAndThePathIsConsumed
     log.ExpectNothingLogged();
 }
 
+// A folder that somebody searches is not removed: the system refuses, or it stays until the search ends.
+TEST_F(ContainerRemove, TheSearchOfTheFolderEndsBeforeTheFolderIsRemoved)
+{
+    PutBoth();
+    std::wstring path = volume.Root();
+    StartRecording();
+    EXPECT_EQ(container->RemoveAllBitmaps(path), 0u);
+    std::vector<std::wstring> calls;
+    for (const std::wstring& line : vttest::LibraryCalls()) {
+        for (const wchar_t* const name : {L"FindClose", L"RemoveDirectoryW"}) {
+            if (line.starts_with(name))
+                calls.emplace_back(name);
+        }
+    }
+    EXPECT_TRUE(calls == (std::vector<std::wstring>{L"FindClose", L"RemoveDirectoryW"}));
+}
+
 TEST_F(ContainerRemove, FolderThatStaysReturnsTheErrorAndThePathIsConsumed)
 {
     PutBoth();

@@ -108,6 +108,16 @@ TEST_F(MergeChildren, TheCurrentApplicationsMissingChildRestartsFromTheDriversBi
     EXPECT_EQ((Bytes{0x81, 0x42}), Base(volume, L"app1").Bitmap());
 }
 
+// A death in between leaves a mark for nothing, and never an empty child that nobody doubts.
+TEST_F(MergeChildren, TheVolumeOfAMissingChildIsListedBeforeTheChildIsMadeAnew)
+{
+    RemoveFile(volume, ChildName(L"app1"));
+    const auto managed = Manage(L"app1");
+    const std::vector<std::wstring> writes =
+        Writes(L"app1", [&] { EXPECT_EQ(VERIFY, managed->Merge(Bytes(FRESH_LENGTH, 0x11))); });
+    EXPECT_EQ((std::vector<std::wstring>{L"list", L"file"}), writes);
+}
+
 TEST_F(MergeChildren, TheOthersAreServedAfterTheCurrentApplicationsMissingChild)
 {
     RemoveFile(volume, ChildName(L"app1"));

@@ -37,4 +37,15 @@ TEST(Owners, MovedOverClosesWhatItOwnedAndKeepsTheLastError)
     EXPECT_FALSE(SetEvent(old));
 }
 
+TEST(Owners, TheAddressForAResultIsThatOfNothingAndWhatWasOwnedIsClosed)
+{
+    UniqueHandle event = MakeEvent();
+    const HANDLE old = event.get();
+    HANDLE* const place = event.put();
+    EXPECT_EQ(*place, nullptr);
+    EXPECT_FALSE(SetEvent(old));
+    *place = MakeEvent().release();
+    EXPECT_TRUE(SetEvent(event.get()));
+}
+
 } // namespace

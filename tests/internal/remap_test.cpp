@@ -113,6 +113,23 @@ TEST_F(Remap, RestartsTheCurrentApplicationsMissingBitmapAndSaysVerify)
     EXPECT_EQ(MakeBitmapImage(BLOCK, Bytes(13)), Child(volume, L"app2").image);
 }
 
+TEST_F(Remap, ListsTheVolumeBeforeAMissingBitmapIsMadeAnew)
+{
+    for (const std::wstring& name : {ChildName(L"app1"), BaseName(L"app1")}) {
+        RemoveFile(volume, name);
+        const auto managed = Manage(L"app1");
+        const std::vector<std::wstring> writes =
+            Writes(L"app1", [&] { EXPECT_EQ(VERIFY, managed->manager.RemapAllAppBitmap()); });
+        // The child comes first, and there it is sound when the base is missing.
+        if (name == ChildName(L"app1")) {
+            EXPECT_EQ((std::vector<std::wstring>{L"list", L"file"}), writes);
+        } else {
+            EXPECT_EQ((std::vector<std::wstring>{L"file", L"list", L"file"}), writes);
+        }
+        DeleteValue(SERVICE_KEY, std::wstring(DRIVER_LIST) + L"app1.Last");
+    }
+}
+
 TEST_F(Remap, SkipsTheRestOfTheContainerWhenTheVolumeCannotBeListed)
 {
     RemoveFile(volume, ChildName(L"app1"));

@@ -19,7 +19,6 @@ HERE = pathlib.Path(__file__).resolve().parent
 PROJECT = HERE.parent.parent
 WORK = PROJECT / "build" / "mutants"
 TREE = WORK / "tree"
-BUILD = TREE / "build" / "native"
 JOBS = str(os.cpu_count() or 1)
 
 LIKELY_LIMIT_SECONDS = 600
@@ -36,6 +35,8 @@ class Mutant:
         self.source = source  # where the entry stands
         self.file = None
         self.likely = []  # (program, filter)
+        self.preset = "native"  # of the likely tests; every other test is native
+        self.under = []  # what runs their programs, in front of each command
         self.old = None
         self.new = None
 
@@ -77,6 +78,10 @@ def parse(text, source):
             key, _, value = line.partition(" ")
             if key == "file":
                 mutants[-1].file = value.strip()
+            elif key == "preset":
+                mutants[-1].preset = value.strip()
+            elif key == "under":
+                mutants[-1].under = value.split()
             elif key == "likely":
                 program, _, names = value.strip().partition(" ")
                 mutants[-1].likely.append((program, names.strip()))
@@ -125,16 +130,21 @@ def run_logged(command, log, cwd=TREE):
                               stderr=subprocess.STDOUT).returncode
 
 
-def configure():
-    if (BUILD / "build.ninja").exists():
+def build_folder(preset):
+    return TREE / "build" / preset
+
+
+def configure(preset):
+    if (build_folder(preset) / "build.ninja").exists():
         return
-    log = WORK / "configure.log"
-    if run_logged(["cmake", "--preset", "native"], log) != 0:
+    log = WORK / f"configure-{preset}.log"
+    if run_logged(["cmake", "--preset", preset], log) != 0:
         raise Failure(f"the copy cannot be configured: {log}")
 
 
-def build(targets, log):
-    command = ["cmake", "--build", str(BUILD), "-j", JOBS]
+def build(preset, targets, log):
+    """Without targets everything."""
+    command = ["cmake", "--build", str(build_folder(preset)), "-j", JOBS]
     if targets:
         command += ["--target", *sorted(targets)]
     return run_logged(command, log) == 0
@@ -143,9 +153,9 @@ def build(targets, log):
 class Program:
     """A program of tests, as the build system has it."""
 
-    def __init__(self, entry):
+    def __init__(self, entry, preset):
         self.command = entry["command"]
-        self.folder = str(BUILD)
+        self.folder = str(build_folder(preset))
         for item in entry.get("properties", []):
             if item["name"] == "WORKING_DIRECTORY":
                 self.folder = item["value"]
@@ -159,21 +169,27 @@ class Program:
         return kept + ["--gtest_fail_fast", "--gtest_color=no"]
 
 
-def list_programs():
-    """The native programs of GoogleTest by their names."""
-    listed = subprocess.run(["ctest", "--test-dir", str(BUILD), "--show-only=json-v1"], check=True,
+def list_programs(preset):
+    """The programs of GoogleTest that are built, by their names."""
+    listed = subprocess.run(["ctest", "--test-dir", str(build_folder(preset)), "--show-only=json-v1"], check=True,
                             capture_output=True).stdout
     programs = {}
     for entry in json.loads(listed)["tests"]:
         if any(part.startswith("--gtest") for part in entry.get("command", [])):
-            programs[entry["name"].partition(".")[2]] = Program(entry)
+            programs[entry["name"].partition(".")[2]] = Program(entry, preset)
     return programs
 
 
-def run_tests(program, names, limit):
+def target_of(name):
+    """What builds a program of which no more is known than its name."""
+    host, _, module = name.partition(".")
+    return module + ".p0000" if host == "double" and module else name
+
+
+def run_tests(program, names, limit, under=()):
     """Runs tests up to the first that fails. Returns (name of the failed test or None, number of tests that ran)."""
     try:
-        done = subprocess.run(program.arguments(names), cwd=program.folder, stdin=subprocess.DEVNULL,
+        done = subprocess.run([*under, *program.arguments(names)], cwd=program.folder, stdin=subprocess.DEVNULL,
                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=limit)
         output, code = done.stdout.decode(errors="replace"), done.returncode
     except subprocess.TimeoutExpired as late:
@@ -192,23 +208,23 @@ def run_tests(program, names, limit):
 
 class Session:
     def __init__(self, only_likely):
-        self.programs = {}
+        self.programs = {}  # by preset and name
         self.only_likely = only_likely
         self.is_whole_suite_good = False
 
-    def prepare(self, wanted):
-        """Builds the programs. What they are called is known only once they are there."""
-        log = WORK / "build.log"
-        self.programs = list_programs()
-        targets = {self.programs[name].target for name in wanted} if wanted <= self.programs.keys() else []
-        if not build(targets, log):
+    def prepare(self, preset, wanted):
+        """Builds the programs of a preset."""
+        configure(preset)
+        log = WORK / f"build-{preset}.log"
+        if not build(preset, {target_of(name) for name in wanted}, log):
             raise Failure(f"the unchanged tree does not build: {log}")
-        self.programs = list_programs()
+        self.programs[preset] = list_programs(preset)
 
     def program(self, mutant, name):
-        if name not in self.programs:
-            mutant.fail(f"there is no native test program {name}; there are: {', '.join(sorted(self.programs))}")
-        return self.programs[name]
+        programs = self.programs[mutant.preset]
+        if name not in programs:
+            mutant.fail(f"there is no test program {name} of {mutant.preset}; there are: {', '.join(sorted(programs))}")
+        return programs[name]
 
     def control(self, mutants):
         """The likely tests must exist and pass without a mistake, or their failure would say nothing."""
@@ -216,25 +232,25 @@ class Session:
         for mutant in mutants:
             for name, names in mutant.likely:
                 self.program(mutant, name)
-                wanted.setdefault(name, set()).add(names)
-        for name, filters in sorted(wanted.items()):
+                wanted.setdefault((mutant.preset, tuple(mutant.under), name), set()).add(names)
+        for (preset, under, name), filters in sorted(wanted.items()):
             # Each filter by itself must select something; run together they take one start of the program.
             selected = ":".join(sorted(filters))
-            failed, count = run_tests(self.programs[name], selected, WHOLE_LIMIT_SECONDS)
+            failed, count = run_tests(self.programs[preset][name], selected, WHOLE_LIMIT_SECONDS, under)
             if failed:
                 raise Failure(f"without any mistake {name} fails: {failed} ({WORK / 'last-run.log'})")
             ran = re.findall(r"\[ RUN      \] (\S+)", (WORK / "last-run.log").read_text())
             for names in filters:
                 if not any(matches(names, test) for test in ran):
                     raise Failure(f"the filter {names} selects no test of {name}")
-            print(f"==> {name}: {count} tests pass on the unchanged tree", flush=True)
+            print(f"==> {preset}, {name}: {count} tests pass on the unchanged tree", flush=True)
 
     def control_whole_suite(self):
         if self.is_whole_suite_good:
             return
-        if not build([], WORK / "build.log"):
+        if not build("native", [], WORK / "build.log"):
             raise Failure(f"the unchanged tree does not build: {WORK / 'build.log'}")
-        for name, program in self.programs.items():
+        for name, program in list_programs("native").items():
             failed, _ = run_tests(program, None, WHOLE_LIMIT_SECONDS)
             if failed:
                 raise Failure(f"without any mistake {name} fails: {failed}")
@@ -244,16 +260,18 @@ class Session:
         """The name of the test that notices, or None. The mistake is in the tree."""
         log = WORK / "build.log"
         for name, names in mutant.likely:
-            if not build({self.programs[name].target}, log):
+            program = self.program(mutant, name)
+            if not build(mutant.preset, {program.target}, log):
                 mutant.fail(f"the changed tree does not build: {log}")
-            failed, _ = run_tests(self.programs[name], names, LIKELY_LIMIT_SECONDS)
+            failed, _ = run_tests(program, names, LIKELY_LIMIT_SECONDS, mutant.under)
             if failed:
                 return failed
         if self.only_likely:
             return None
-        if not build([], log):
+        configure("native")
+        if not build("native", [], log):
             mutant.fail(f"the changed tree does not build: {log}")
-        for name, program in self.programs.items():
+        for name, program in list_programs("native").items():
             failed, _ = run_tests(program, None, WHOLE_LIMIT_SECONDS)
             if failed:
                 return f"{failed} in {name}, not by the likely tests"
@@ -315,10 +333,10 @@ def main():
 
     WORK.mkdir(parents=True, exist_ok=True)
     copy_tree()
-    configure()
     session = Session(arguments.likely)
-    print("==> Building the unchanged tree", flush=True)
-    session.prepare({name for mutant in mutants for name, _ in mutant.likely})
+    for preset in sorted({mutant.preset for mutant in mutants}):
+        print(f"==> Building the unchanged tree: {preset}", flush=True)
+        session.prepare(preset, {name for mutant in mutants if mutant.preset == preset for name, _ in mutant.likely})
     session.control(mutants)
 
     survivors, start = [], time.monotonic()

@@ -61,6 +61,26 @@ protected:
     {
         WriteFileBytes(volume, BaseName(appId), MakeBitmapImage(blockSize, bitmap));
     }
+
+    // What an operation writes, in order, each kind once in a row: the application's verify list, and its files.
+    template <class Operation>
+    static std::vector<std::wstring> Writes(const std::wstring& appId, const Operation& operation)
+    {
+        VTFltSimRecord(1);
+        operation();
+        VTFltSimRecord(0);
+        std::vector<std::wstring> writes;
+        for (const std::wstring& line : LibraryCalls()) {
+            std::wstring what;
+            if (line.starts_with(L"RegSetValueExW") && line.ends_with(appId + L".Last"))
+                what = L"list";
+            else if (line.starts_with(L"WriteFile") && line.find(L"_" + appId + L".dat") != std::wstring::npos)
+                what = L"file";
+            if (!what.empty() && (writes.empty() || writes.back() != what))
+                writes.push_back(what);
+        }
+        return writes;
+    }
 };
 
 } // namespace vttest

@@ -162,6 +162,19 @@ TEST_F(RegisterFailures, AnAddThatCannotReadTheListKeepsIt)
     }
 }
 
+// Without any room the data would be asked for as the size is, and the list that has grown would be taken for zeros.
+TEST_F(RegisterFailures, AnEmptyListThatGrowsWhileItIsReadKeepsWhatIsThere)
+{
+    StoreIds(L""sv);
+    auto grow = [this] { StoreIds(L"App0\0\0"sv); };
+    const auto call = [](void* context, LPCWSTR, LPCWSTR) { (*static_cast<decltype(grow)*>(context))(); };
+    // The first two questions are whether the ID is listed.
+    vtfltsim::Check("VTFltSimCallBefore", VTFltSimCallBefore(L"RegQueryValueExW", APP_IDS_VALUE, 4, 1, call, &grow));
+    EXPECT_EQ(static_cast<DWORD>(ERROR_MORE_DATA), VTRegisterApplication(L"App1"));
+    VTFltSimClearCallFaults();
+    ExpectIds(L"App0\0\0"sv);
+}
+
 TEST_F(RegisterFailures, BitmapsThatCannotBeTakenAwayChangeNothingInTheResult)
 {
     vtfltsim::FailCall(L"RegSetValueExW", ERROR_DISK_FULL, APP_IDS_VALUE);

@@ -72,6 +72,16 @@ TEST_F(UnregisterApplication, MarksTheVolumesThenDropsTheIdThenDeletesTheFiles)
                 calls);
 }
 
+TEST_F(UnregisterApplication, AsksWhetherTheIdIsListedUnderTheApplicationMutex)
+{
+    const auto calls = CallsOf({L"WaitForSingleObject", L"RegQueryValueExW", L"ReleaseMutex"},
+                               [] { EXPECT_EQ(NOT_REGISTERED, VTUnregisterApplication(L"App3")); });
+    const std::wstring query = std::wstring(L"RegQueryValueExW ") + APP_IDS_KEY + L"|" + APP_IDS_VALUE;
+    ExpectCalls({std::wstring(L"WaitForSingleObject ") + APPLICATION_MUTEX + L"|1800000", query, query,
+                 std::wstring(L"ReleaseMutex ") + APPLICATION_MUTEX},
+                calls);
+}
+
 TEST_F(UnregisterApplication, TheLastOneLeavesAnEmptyListBehind)
 {
     EXPECT_EQ(0u, VTUnregisterApplication(L"App2"));

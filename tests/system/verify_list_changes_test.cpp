@@ -52,6 +52,19 @@ TEST_F(RemoveFromVerifyList, NothingLeftDeletesTheValue)
     ExpectNoList(L"App1.Last");
 }
 
+// What another operation under it adds in between would be dropped.
+TEST_F(RemoveFromVerifyList, HoldsTheApplicationMutexFromReadingTheListToWritingItBack)
+{
+    const auto calls =
+        CallsOf({L"CreateMutexW", L"ReleaseMutex", L"RegSetValueExW"}, [this] { EXPECT_EQ(0u, Remove({L"{1}"})); });
+    const std::wstring listMutex = ListMutex(L"App1.Last");
+    ExpectCalls({std::wstring(L"CreateMutexW ") + APPLICATION_MUTEX, L"CreateMutexW " + listMutex,
+                 L"ReleaseMutex " + listMutex, L"CreateMutexW " + listMutex,
+                 std::wstring(L"RegSetValueExW ") + SERVICE_KEY + L"|" + DRIVER_LIST + L"App1.Last",
+                 L"ReleaseMutex " + listMutex, std::wstring(L"ReleaseMutex ") + APPLICATION_MUTEX},
+                calls);
+}
+
 TEST_F(RemoveFromVerifyList, NoVolumesRewritesTheListAsItIs)
 {
     EXPECT_EQ(0u, Remove({}));

@@ -43,8 +43,11 @@ SweepPath FollowPath(const History& history, const Fault& fault, std::string& wr
 bool SaysWhetherSomethingIsThere(const std::wstring& function)
 {
     constexpr const wchar_t* ASKED[] = {L"CreateFile", L"RegOpen", L"RegQuery", L"Find", L"GetFileAttributes"};
-    return std::any_of(std::begin(ASKED), std::end(ASKED),
-                       [&](const wchar_t* prefix) { return function.rfind(prefix, 0) == 0; });
+    // RegCreateKeyW opens the key of the list of applications, and a key that is absent means that there are none.
+    // RegCreateKeyExW makes the keys in which a list or a count that is absent is known by the question for its value.
+    return function == L"RegCreateKeyW" || std::any_of(std::begin(ASKED), std::end(ASKED), [&](const wchar_t* prefix) {
+               return function.rfind(prefix, 0) == 0;
+           });
 }
 
 } // namespace vtproof

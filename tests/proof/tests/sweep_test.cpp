@@ -1,6 +1,7 @@
 // Samples of the sweeps; ./dev sim --sweep does the whole of each.
 #include "proof/current_run.h"
 #include "proof/sweep.h"
+#include "proof/sweep_path.h"
 #include "proof/tests/replay.h"
 #include "proof/world.h"
 
@@ -133,7 +134,16 @@ TEST(Sweeps, FailEveryCallWithEveryError)
     std::vector<Scenario> scenarios = AllScenarios();
     std::erase_if(scenarios, [](const Scenario& one) { return one.name != "a backup, with changes owed to two"; });
     ASSERT_EQ(1u, scenarios.size());
+    std::string wrong;
+    const SweepPath path = FollowPath(scenarios.front().history, {}, wrong);
+    ASSERT_EQ("", wrong);
     RunSweep(scenarios, options);
+    std::map<std::wstring, unsigned> denied; // by function: of so many calls it is said that there is none
+    for (const std::uint32_t nth : points[2])
+        ++denied[path.refusable.at(nth - 1)];
+    EXPECT_EQ(0u, denied[L"RegCreateKeyW"]) << "who cannot open the list of applications takes it for empty";
+    EXPECT_GT(denied[L"RegCreateKeyExW"], 0u);
+    EXPECT_GT(std::count(path.refusable.begin(), path.refusable.end(), L"RegCreateKeyW"), 0);
     for (const std::uint32_t error : {5, 8, 31, 32, 112, 234, 1450})
         EXPECT_EQ(points[5], points[error]) << error;
     EXPECT_GT(points[5].size(), 10u);

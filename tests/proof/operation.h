@@ -30,7 +30,7 @@ enum class Do : std::uint8_t {
     StopVolumes,   // application
     StartTracking, // volume
     MarkAll,       // application: every volume on its verify list
-    Unmark,        // application: a volume that is not there, off its verify list
+    Unmark,        // application, volume, a: 1 it, 0 one that is not there, off the application's verify list
     Monitor,       // application, a: 1 on, 0 off
     Ask,           // application, volume: the questions that change nothing
     AsksAgain,     // application, a: what it does from now on when fetching fails, see AGAIN_*

@@ -107,6 +107,7 @@ Operation ChooseOperation(Dice& dice, const std::vector<VolumeShape>& volumes, b
         operation.a = dice.Below(2) + (dice.OneIn(2) ? 2 + dice.Below(1000) : 0);
         break;
     case Do::Monitor:
+    case Do::Unmark:
         operation.a = dice.Below(2);
         break;
     default:

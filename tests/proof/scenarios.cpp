@@ -51,6 +51,12 @@ const Piece OPERATIONS[] = {
 
 const Piece OTHERS[] = {
     {"monitoring off", "register 0; monitor 0 0 1; monitor 0 0 0"},
+    {"monitoring on beside another one", "register 0; register 1; monitor 1 0 1; monitor 0 0 1"},
+    {"monitoring off beside another one", "register 0; register 1; monitor 1 0 1; monitor 0 0 1; monitor 0 0 0"},
+    {"taking its own mark off, with another volume's beside it",
+     "register 0; backup 0 0; backup 0 1; lose-tracking 0 0; lose-tracking 0 1; begin 0 0; abandon 0; unmark 0 0 1"},
+    {"taking off what is no mark, with a mark beside it",
+     "register 0; backup 0 0; write 0 0 5; lose-tracking 0 0; begin 0 0; abandon 0; unmark 0 0"},
     {"deleting all bitmaps", "register 0; register 1; backup 0 0; write 0 0 5; stop-volumes 0"},
     {"beginning", "register 0; register 1; backup 0 0; write 0 0 5; begin 0 0"},
     {"fetching", "register 0; register 1; backup 0 0; write 0 0 5; begin 0 0; write 0 0 9; fetch 0"},

@@ -163,6 +163,7 @@ void World::Arm(const std::vector<Fault>& faults)
 {
     m_struck = false;
     m_armed = m_armed || !faults.empty();
+    m_struckCall = StruckCall();
     for (const Fault& fault : faults) {
         switch (fault.how) {
         case Fault::How::Fail:
@@ -212,7 +213,8 @@ void World::Arm(const std::vector<Fault>& faults)
 void World::Disarm()
 {
     if (!m_armed)
-        return; // what others have planned stays
+        return;                // what others have planned stays
+    NoteCallOfAFault(nullptr); // the last call may have been the one
     m_armed = false;
     m_struck = m_struck || m_memoryStruck || VTFltSimGetCallFaultHits() != 0;
     m_memoryStruck = false;
@@ -243,6 +245,16 @@ void World::CountMemory(DWORD before)
 
 // --- One operation.
 
+namespace {
+
+// What is right behind a fault depends on the call that it struck.
+bool MindsWhichCall(Do what)
+{
+    return what == Do::MarkAll || what == Do::Unregister || what == Do::Monitor;
+}
+
+} // namespace
+
 std::string World::Run(const Operation& operation, bool beforeACut)
 {
     if (operation.what != Do::PowerCut) {
@@ -253,8 +265,18 @@ std::string World::Run(const Operation& operation, bool beforeACut)
             StartWatching(operation);
     }
     Tell(ToText(operation));
+    m_driverWasThere = IsDriverThere();
     Arm(operation.faults);
+    if (!operation.faults.empty() && MindsWhichCall(operation.what))
+        vtfltsim::Check("VTFltSimCallBefore", VTFltSimCallBefore(
+                                                  ANY_CALL, nullptr, 1, 0,
+                                                  [](void* context, LPCWSTR function, LPCWSTR) {
+                                                      static_cast<World*>(context)->NoteCallOfAFault(function);
+                                                  },
+                                                  this));
+    m_faults = operation.faults;
     m_faulty = !operation.faults.empty();
+    m_takenOff = nullptr;
     if (m_faulty)
         Disturb();
     std::string wrong = Dispatch(operation);
@@ -262,6 +284,10 @@ std::string World::Run(const Operation& operation, bool beforeACut)
     m_faulty = false;
     if (wrong.empty())
         wrong = TakeWrongAnswer();
+    if (wrong.empty() && operation.what != Do::Write)
+        wrong = CheckListed();
+    if (wrong.empty() && operation.what != Do::Write)
+        wrong = CheckMarks();
     for (Application& application : m_applications) {
         if (wrong.empty())
             wrong = CheckOpen(application);
@@ -371,7 +397,7 @@ std::string World::Dispatch(const Operation& operation)
     case Do::MarkAll:
         return MarkAll(application);
     case Do::Unmark:
-        return Unmark(application);
+        return Unmark(application, volume, operation.a != 0);
     case Do::Monitor:
         return Monitor(application, operation.a != 0);
     case Do::Ask:
@@ -470,15 +496,6 @@ bool World::IsBusy(std::size_t volume) const
     return std::any_of(m_applications.begin(), m_applications.end(), [volume](const Application& application) {
         return application.session.open && application.session.volume == volume;
     });
-}
-
-bool World::IsListed(const Application& application) const
-{
-    const auto bytes = m_machine->ReadValue(L"SOFTWARE\\Veltrix\\Shared\\CBTDriver\\AppIDs", L"RegisteredAppIDs");
-    std::wstring text;
-    for (std::size_t i = 0; i + 1 < bytes.size(); i += 2)
-        text.push_back(static_cast<wchar_t>(bytes[i] | (bytes[i + 1] << 8)));
-    return (L'\0' + text).find(L'\0' + application.id + L'\0') != std::wstring::npos;
 }
 
 bool World::IsUndisturbed(std::size_t application, std::size_t volume) const

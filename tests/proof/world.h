@@ -97,6 +97,10 @@ private:
         unsigned reported = 0;    // backups whose report of success was answered with success
         unsigned events = 0;      // of the volume, when the last of these began
         bool failed = false;      // the last fetch failed, and the application asks again
+        // The volume is on the application's verify list, or on one that is handed out to it. Only its report of success,
+        // or the application itself, takes it off again.
+        bool mustBeAsked = false;
+        bool told = false;
     };
     // A backup under way.
     struct Session {
@@ -139,6 +143,21 @@ private:
         std::vector<Bits> driver;                     // what the driver may hand out of the volume
         std::size_t bitmapBytes = 0;                  // of the volume
     };
+    // The call that a fault struck, of an operation in which that matters.
+    struct StruckCall {
+        static constexpr std::size_t MOST = 260;
+        const wchar_t* function = nullptr; // none
+        const wchar_t* last = nullptr;     // that was called
+        DWORD hits = 0;
+        wchar_t cutFile[MOST] = {}; // that a write was short in
+    };
+    // The requests for the tracking of snapshots, and the list of filters that they change.
+    struct Monitoring {
+        bool stored = false; // there is a count
+        DWORD count = 0;
+        bool filter = false;
+        bool operator==(const Monitoring& other) const { return count == other.count && filter == other.filter; }
+    };
     // While operations run at the same time.
     struct Registrations {
         unsigned begun = 0;
@@ -158,6 +177,7 @@ private:
         m_registrations.underWay += change;
     }
     static bool IsUnreadableList(Exported exported, DWORD result);
+    struct Answers; // to the questions that change nothing
     // The outcome of a piece of an application's work.
     enum class Went { Through, Died };
 
@@ -248,19 +268,33 @@ private:
     void Abandon(Application& application);
     std::string Crash(Application& application);
     std::string MarkAll(Application& application);
+    std::vector<bool> Marks(const Application& application) const;
+    static std::vector<bool> NotedMarks(const Application& application);
+    std::string CheckMarked(const Application& application, bool all) const;
     std::string StopTracking(Application& application, Exported exported, std::size_t volume);
+    bool HasFile(const Application& application, std::size_t volume) const;
     bool HasFiles(std::size_t volume) const;
+    bool HasFiles(const Application& application) const;
     bool IsDriverThere() const;
     std::string EndGuest(Application& application, bool died);
     void EndSession(Application& application);
     void Damage(const Operation& operation);
     std::string PowerCut(std::uint32_t how);
     std::string Ask(Application& application, std::size_t volume);
-    std::string Unmark(Application& application);
+    std::string CheckAnswersOfAFault(const Application& application, std::size_t volume, const Answers& got) const;
+    std::string Unmark(Application& application, std::size_t volume, bool itsOwn);
     std::string Monitor(Application& application, bool on);
+    std::string CheckMonitoring(bool on, DWORD result);
+    Monitoring ReadMonitoring() const;
 
     bool IsBusy(std::size_t volume) const;
     bool IsListed(const Application& application) const;
+    std::string CheckListed() const;
+    std::string CheckMarks();
+    std::vector<std::wstring> Registered() const;
+    bool FailsOnce() const;
+    bool MayBeDone() const;
+    void NoteCallOfAFault(const wchar_t* function);
     bool IsUndisturbed(std::size_t application, std::size_t volume) const;
     Reported ReportedBlocks(const Application& application) const;
     std::string CheckOpen(Application& application);
@@ -273,6 +307,8 @@ private:
     std::string CheckOwed(std::size_t number, std::size_t volume) const;
     MayBe WhatMayBe(std::size_t number, std::size_t volume, bool base) const;
     BitmapFile ReadFile(std::size_t number, std::size_t volume, bool base) const;
+    std::vector<std::wstring> ResyncList(const std::wstring& name) const;
+    bool Holds(const std::vector<std::wstring>& list, std::size_t volume) const;
     bool IsListedForResync(const std::wstring& name, std::size_t volume) const;
     void Happened(std::size_t volume) { ++m_events[volume]; }
     void HappenedEverywhere();
@@ -300,6 +336,12 @@ private:
     bool m_memoryStruck = false;
     bool m_struck = false;
     bool m_faulty = false;
+    std::vector<Fault> m_faults; // of the operation
+    StruckCall m_struckCall;
+    Monitoring m_monitoring;
+    bool m_driverWasThere = false; // before the operation
+    // Whose mark of which volume the operation may take off.
+    const Chain* m_takenOff = nullptr;
     std::uint64_t m_trace = 0xcbf29ce484222325ull;
     bool m_tells = false;
     bool m_armed = false;

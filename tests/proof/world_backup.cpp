@@ -43,11 +43,14 @@ std::string World::Register(Application& application)
             result =
                 Call(application, Exported::Register, [&] { return VTRegisterApplication(application.id.c_str()); });
     });
+    Disarm(); // what follows looks at the registry itself
+    if (went == Went::Died || (result != 0 && MayBeDone()))
+        application.registered = IsListed(application);
+    else
+        application.registered = application.registered || present || result == 0;
     if (went == Went::Died)
         return Crash(application);
-    Disarm(); // what follows looks at the registry itself
     Mix(result);
-    application.registered = application.registered || present || result == 0;
     if (result == 0 && !IsListed(application))
         return "an application was registered and is not listed";
     if (!m_faulty && !present && result != 0)
@@ -65,13 +68,22 @@ std::string World::Unregister(Application& application)
         result =
             Call(application, Exported::Unregister, [&] { return VTUnregisterApplication(application.id.c_str()); });
     });
+    Disarm(); // what follows looks at the registry itself
+    // Whatever stopped it, it is registered as it was.
+    if (went == Went::Died || (result != 0 && MayBeDone()))
+        application.registered = IsListed(application);
+    else if (result == 0)
+        application.registered = false;
+    // The marks come first, and stay.
+    const std::string wrong = CheckMarked(application, result == 0);
     if (went == Went::Died)
-        return Crash(application);
-    Disarm();
-    Mix(result);
-    application.registered = application.registered && result != 0 && result != VTFLT_APP_NOT_REGISTERED;
-    if (result == 0 && IsListed(application))
-        return "an application was unregistered and is still listed";
+        Crash(application);
+    else
+        Mix(result);
+    if (!wrong.empty() || went == Went::Died)
+        return wrong;
+    if (!m_faulty && m_watch == nullptr && result == 0 && HasFiles(application))
+        return "an application was unregistered and has bitmap files";
     if (!m_faulty && result != 0 && result != VTFLT_APP_NOT_REGISTERED)
         return "unregistering failed with " + std::to_string(result);
     return {};
@@ -114,6 +126,9 @@ std::string World::Begin(std::size_t number, std::size_t volume)
     bool undisturbed = IsUndisturbed(number, volume);
     const Chain& chain = application.chains[volume];
     const bool fresh = !m_expected.HasBackup(number, volume);
+    // At once, others may hand a list on meanwhile. A driver that does not answer hands out nothing
+    // (Limit.ADriverThatDoesNotAnswer...): with a fault only what is on the verify list is sure to be asked for.
+    const bool mustBeAsked = m_watch == nullptr && (chain.mustBeAsked || (chain.told && !m_faulty));
     DWORD asked = 0;
     DWORD step = 0; // how far it came
     const Went went = In(application, [&] {
@@ -155,9 +170,14 @@ std::string World::Begin(std::size_t number, std::size_t volume)
     Mix(asked);
     if (went == Went::Died)
         return Crash(application);
+    constexpr DWORD ASKED = 3;
     constexpr DWORD ALL_STEPS = 7;
+    if (mustBeAsked && step >= ASKED && asked == 0)
+        return "no verify is required of a volume that is on a list";
     if (step != ALL_STEPS) {
-        const bool expected = m_faulty || step <= 1 || !undisturbed;
+        Disarm(); // what follows looks at the machine itself
+        const bool expected = m_faulty || (step == 0 && !application.registered) || (step == 1 && !IsDriverThere()) ||
+                              (step > 1 && !undisturbed);
         Abandon(application);
         return expected ? std::string() : "a backup stopped at step " + std::to_string(step) + " without a reason";
     }
@@ -182,9 +202,11 @@ std::string World::Fetch(std::size_t number)
         return {};
     bool undisturbed = IsUndisturbed(number, session.volume);
     DWORD result = 0xFFFFFFFF;
-    DWORD again = 0;
+    DWORD again = NOTHING_SAID;
     DWORD asked = 0;
     DWORD blockSize = 0;
+    const Chain& before = application.chains[session.volume];
+    const bool mustBeAsked = m_watch == nullptr && (before.mustBeAsked || (before.told && !m_faulty));
     GET_LENGTH_INFORMATION length = {};
     const Went went = In(application, [&] {
         result = FetchOnce(application);
@@ -209,6 +231,8 @@ std::string World::Fetch(std::size_t number)
     if (went == Went::Died)
         return Crash(application);
     session.fetched = true;
+    if (mustBeAsked && again == 0 && asked == 0)
+        return "no verify is required of a volume that was put on a list meanwhile";
     if (undisturbed && (result != 0 || asked != 0))
         return "fetching gives " + std::to_string(result) + " and asks for a verify " + std::to_string(asked) +
                " though nothing ever went wrong";
@@ -333,6 +357,7 @@ std::string World::Finish(std::size_t number, std::size_t first, std::size_t cou
     DWORD reported = 0xFFFFFFFF;
     if (session.reportable) {
         m_watched.reports = true;
+        m_takenOff = &application.chains[session.volume];
         const Went went = In(application, [&] {
             reported = Call(application, Exported::ReplicationSuccess,
                             [&] { return VTFltReplicationSuccess(session.handle); });

@@ -9,7 +9,7 @@ namespace vtproof {
 std::string World::CheckFiles() const
 {
     for (std::size_t number = 0; number < m_applications.size(); ++number) {
-        for (std::size_t volume = 0; volume < m_volumes.size() && IsListed(m_applications[number]); ++volume) {
+        for (std::size_t volume = 0; volume < m_volumes.size() && m_applications[number].registered; ++volume) {
             for (const bool base : {false, true}) {
                 if (!ReadFile(number, volume, base).exact)
                     return std::string(base ? "the base" : "the child") + " of application " + std::to_string(number) +
@@ -37,7 +37,7 @@ std::string World::Settle(Thoroughly thoroughly)
     const unsigned rounds = thoroughly == Thoroughly::Yes ? SETTLED_ROUNDS : 0;
     for (unsigned round = 0; round <= rounds; ++round) {
         for (std::uint32_t number = 0; number < m_applications.size(); ++number) {
-            if (!IsListed(m_applications[number]))
+            if (!m_applications[number].registered)
                 continue;
             for (std::uint32_t volume = 0; volume < m_volumes.size(); ++volume) {
                 const Chain& chain = m_applications[number].chains[volume];

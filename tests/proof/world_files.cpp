@@ -9,8 +9,6 @@ namespace vtproof {
 
 namespace {
 
-constexpr wchar_t LISTS_KEY[] = L"SYSTEM\\CurrentControlSet\\Services\\VTFlt";
-
 bool Fetches(Do what)
 {
     return what == Do::Fetch || what == Do::Backup;
@@ -85,7 +83,7 @@ std::string World::CheckOwed(std::size_t number, std::size_t volume) const
         return {};
     // Whoever registered behind the beginning of this backup has no backup yet (Limit.AnApplicationRegistersWhile...).
     if (reported || !before[0].usable || !before[1].usable || !m_expected.HasBackup(number, volume) ||
-        !IsListed(m_applications[number]))
+        !m_applications[number].registered)
         return {};
     const BitmapFile child = ReadFile(number, volume, false);
     const BitmapFile base = ReadFile(number, volume, true);
@@ -170,16 +168,6 @@ MayBe World::WhatMayBe(std::size_t number, std::size_t volume, bool base) const
             bits.AddWith(m_watched.changes);
     }
     return bits;
-}
-
-// On the driver's list (no name), an application's pending list (its ID) or its verify list (its ID and .Last).
-bool World::IsListedForResync(const std::wstring& name, std::size_t volume) const
-{
-    const auto bytes = m_machine->ReadValue(LISTS_KEY, L"DeviceListForReSync" + name);
-    std::wstring text;
-    for (std::size_t i = 0; i + 1 < bytes.size(); i += 2)
-        text.push_back(static_cast<wchar_t>(bytes[i] | (bytes[i + 1] << 8)));
-    return text.find(m_volumes[volume].guid) != std::wstring::npos;
 }
 
 } // namespace vtproof

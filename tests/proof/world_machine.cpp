@@ -14,10 +14,6 @@ namespace {
 using Bytes = std::vector<std::uint8_t>;
 
 constexpr std::size_t HEADER_BYTES = 84;
-// Counts who asked for the tracking of snapshots.
-constexpr wchar_t COUNT_KEY[] =
-    L"SOFTWARE\\Veltrix\\Lumen Protect\\Engine\\VTFltMgr\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}";
-
 bool ReadAll(const std::wstring& path, Bytes& bytes)
 {
     static std::uint8_t room[LARGEST_BITMAP_FILE];
@@ -35,14 +31,6 @@ void WriteAll(const std::wstring& path, const Bytes& bytes)
     DWORD written = 0;
     if (file.valid() && !bytes.empty())
         WriteFile(file.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr);
-}
-
-std::uint32_t Number(const Bytes& bytes, std::size_t offset)
-{
-    std::uint32_t number = 0;
-    for (std::size_t i = 0; i < 4; ++i)
-        number |= static_cast<std::uint32_t>(bytes[offset + i]) << 8 * i;
-    return number;
 }
 
 } // namespace
@@ -111,9 +99,15 @@ std::string World::MarkAll(Application& application)
         result = Call(application, Exported::AddVolumesToVerifyList,
                       [&] { return VTAddVolumesToAppVerifyList(application.id.c_str()); });
     });
+    Disarm(); // what follows looks at the registry itself
+    const bool all = went == Went::Through && result == 0 && !m_faulty && m_driverWasThere && IsDriverThere();
+    const std::string wrong = CheckMarked(application, all);
     if (went == Went::Died)
-        return Crash(application);
-    Mix(result);
+        Crash(application);
+    else
+        Mix(result);
+    if (!wrong.empty())
+        return wrong;
     return m_faulty || result == 0 ? std::string() : "marking every volume gives " + std::to_string(result);
 }
 
@@ -125,14 +119,24 @@ bool World::IsDriverThere() const
     return state == VTFLTSIM_DRIVER_WORKING;
 }
 
-bool World::HasFiles(std::size_t volume) const
+bool World::HasFile(const Application& application, std::size_t volume) const
 {
     std::uint8_t byte = 0;
-    for (const Application& application : m_applications) {
-        for (const bool base : {false, true}) {
-            if (DoubleReadFile(FilePath(application, volume, base).c_str(), &byte, 1) != SIZE_MAX)
-                return true;
-        }
+    return DoubleReadFile(FilePath(application, volume, false).c_str(), &byte, 1) != SIZE_MAX ||
+           DoubleReadFile(FilePath(application, volume, true).c_str(), &byte, 1) != SIZE_MAX;
+}
+
+bool World::HasFiles(std::size_t volume) const
+{
+    return std::any_of(m_applications.begin(), m_applications.end(),
+                       [&](const Application& application) { return HasFile(application, volume); });
+}
+
+bool World::HasFiles(const Application& application) const
+{
+    for (std::size_t volume = 0; volume < m_volumes.size(); ++volume) {
+        if (HasFile(application, volume))
+            return true;
     }
     return false;
 }
@@ -172,15 +176,20 @@ std::string World::Monitor(Application& application, bool on)
 {
     if (application.monitors == on)
         return {};
-    DWORD result = 0;
+    DWORD result = NOTHING_SAID;
     const Went went = In(application, [&] {
         result =
             on ? Call(application, Exported::EnableMonitor, [] { return VTFltEnableMonitorForSnapshot(nullptr); })
                : Call(application, Exported::DisableMonitor, [] { return VTFltDisableMonitorForSnapshot(nullptr); });
     });
+    Disarm(); // what follows looks at the registry itself
+    const std::string wrong = m_watch == nullptr ? CheckMonitoring(on, result) : std::string();
     if (went == Went::Died)
-        return Crash(application);
-    Mix(result);
+        Crash(application);
+    else
+        Mix(result);
+    if (!wrong.empty() || went == Went::Died)
+        return wrong;
     if (result == 0)
         application.monitors = on;
     else if (!m_faulty)
@@ -188,21 +197,37 @@ std::string World::Monitor(Application& application, bool on)
     return {};
 }
 
-std::string World::Unmark(Application& application)
+// An entry that is not there, or an application's own mark: whoever takes that off reads everything next time.
+std::string World::Unmark(Application& application, std::size_t volume, bool itsOwn)
 {
-    DWORD result = 0;
+    const std::wstring entry = itsOwn ? m_volumes[volume].guid : L"{00000000-0000-4000-8000-000000000000}";
+    const std::vector<bool> before = NotedMarks(application);
+    std::vector<bool> without = before;
+    if (itsOwn) {
+        without[volume] = false;
+        Session& session = application.session;
+        application.chains[volume].mustVerify = true;
+        session.mustVerifyNext = session.mustVerifyNext || (session.open && session.volume == volume);
+        m_takenOff = &application.chains[volume];
+    }
+    DWORD result = NOTHING_SAID;
     const Went went = In(application, [&] {
-        std::vector<std::wstring> volumes{L"{00000000-0000-4000-8000-000000000000}"};
+        std::vector<std::wstring> volumes{entry};
         std::wstring id = application.id; // the export consumes it
         result = Call(application, Exported::RemoveFromVerifyList,
                       [&] { return VTRemoveApplicationVolResyncList(std::move(id), &volumes); });
     });
+    Disarm(); // what follows looks at the registry itself
+    const std::vector<bool> now = Marks(application);
     if (went == Went::Died)
-        return Crash(application);
-    Mix(result);
-    if (m_faulty)
-        return {};
-    if (result != (IsListed(application) ? 0 : VTFLT_APP_NOT_REGISTERED))
+        Crash(application);
+    else
+        Mix(result);
+    const bool mayBeOld = result != 0;
+    const bool mayBeNew = result == 0 || went == Went::Died || MayBeDone();
+    if (m_watch == nullptr && !(mayBeOld && now == before) && !(mayBeNew && now == without))
+        return "taking a mark off gives " + std::to_string(result) + ", and the verify list is not what it should be";
+    if (!m_faulty && result != (application.registered ? 0 : VTFLT_APP_NOT_REGISTERED))
         return "taking a mark off gives " + std::to_string(result);
     return {};
 }
@@ -211,8 +236,9 @@ namespace {
 
 constexpr DWORD UNTOUCHED = 0xABCDABCD;
 
-// The answers to the questions that change nothing.
-struct Answers {
+} // namespace
+
+struct World::Answers {
     DWORD counted = 1;
     DWORD count = UNTOUCHED;
     DWORD list = 1;
@@ -228,8 +254,6 @@ struct Answers {
     DWORD fetched = 0;
     DWORD needed = 0;
 };
-
-} // namespace
 
 // The questions change nothing, and agree with each other.
 std::string World::Ask(Application& application, std::size_t volume)
@@ -271,7 +295,7 @@ std::string World::Ask(Application& application, std::size_t volume)
     if (!got.emptied)
         return "the list of applications is not emptied first";
     if (m_faulty)
-        return {};
+        return CheckAnswersOfAFault(application, volume, got);
     if (got.counted != 0 || got.list != 0 || (!Overlapped(before) && got.count != got.listed))
         return "the list of applications has " + std::to_string(got.listed) + " entries and the count is " +
                std::to_string(got.count);
@@ -294,6 +318,29 @@ std::string World::Ask(Application& application, std::size_t volume)
     return {};
 }
 
+// Whatever fails, an answer that is given is the right one; "no" may mean that nobody knows.
+std::string World::CheckAnswersOfAFault(const Application& application, std::size_t volume, const Answers& got) const
+{
+    const std::size_t registered = Registered().size();
+    if ((got.counted == 0 && got.count != registered) || (got.list == 0 && got.listed != registered))
+        return "of " + std::to_string(registered) + " applications " + std::to_string(got.listed) + " are listed and " +
+               std::to_string(got.count) + " are counted";
+    if (got.present && !application.registered)
+        return "an application is listed that is not registered";
+    const bool there = IsDriverThere();
+    if ((got.works != 0 && !there) || (got.can != 0 && !(there && application.registered)))
+        return "the driver works: " + std::to_string(got.works) + ", for the application: " + std::to_string(got.can);
+    const VTFLTSIM_VOLUME_INFO info = m_machine->Info(m_volumes[volume]);
+    if (got.notMonitored == 0 && !(there && info.tracked != 0))
+        return "the volume is said to be monitored";
+    if (got.opened && got.asked == 0 && got.blockSize != info.blockSize)
+        return "the block size is said to be " + std::to_string(got.blockSize);
+    if (got.opened && (got.fetched == 0 ||
+                       (got.fetched == ERROR_MORE_DATA && got.needed != 0 && got.needed <= VTFLT_BITMAP_HEADER_BYTES)))
+        return "the length of the driver's bitmap is said to be " + std::to_string(got.needed);
+    return {};
+}
+
 // --- Several at once.
 
 void World::AtOnce(ExportWatch& watch, Volumes volumes)
@@ -305,6 +352,7 @@ void World::AtOnce(ExportWatch& watch, Volumes volumes)
 std::string World::RunAtOnce(std::uint32_t application, const Operation& operation)
 {
     Tell(ToText(operation));
+    m_driverWasThere = IsDriverThere();
     std::string wrong = Dispatch(operation);
     if (wrong.empty())
         wrong = TakeWrongAnswer();
@@ -331,16 +379,15 @@ std::string World::OneByOne()
     m_watch = nullptr;
     m_sharesVolumes = false;
     DWORD monitors = 0;
-    for (const Application& application : m_applications) {
+    for (const Application& application : m_applications)
         monitors += application.monitors ? 1 : 0;
-        if (application.registered != IsListed(application))
-            return "application " + std::to_string(&application - m_applications.data()) +
-                   (application.registered ? " has registered and is not listed" : " is listed and has not registered");
-    }
-    const auto bytes = m_machine->ReadValue(COUNT_KEY, L"SnapshotMonitorCount");
-    const DWORD counted = bytes.size() == sizeof(DWORD) ? Number(bytes, 0) : 0;
-    if (counted != monitors)
-        return std::to_string(monitors) + " monitor and " + std::to_string(counted) + " are counted";
+    const std::string wrong = CheckListed();
+    if (!wrong.empty())
+        return wrong;
+    m_monitoring = ReadMonitoring();
+    if (m_monitoring.count != monitors)
+        return std::to_string(monitors) + " monitor and " + std::to_string(m_monitoring.count) + " are counted";
+    CheckMarks(); // from here on each stays
     return m_log->Broken() != 0 ? "a log record is not one whole line" : std::string();
 }
 

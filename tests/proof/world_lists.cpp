@@ -1,0 +1,215 @@
+// What the lists in the registry hold behind each operation: who is registered, what is to be verified, who monitors.
+#include "proof/world.h"
+
+#include "vtfltmgr/VTFltMgr.h"
+
+#include <algorithm>
+#include <cwchar>
+
+namespace vtproof {
+
+namespace {
+
+// Counts who asked for the tracking of snapshots.
+constexpr wchar_t COUNT_KEY[] =
+    L"SOFTWARE\\Veltrix\\Lumen Protect\\Engine\\VTFltMgr\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}";
+constexpr wchar_t CLASS_KEY[] = L"System\\CurrentControlSet\\Control\\Class\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}";
+
+// A registry value's strings; where it is no multi-string, what comes of reading it as one.
+std::vector<std::wstring> Strings(const std::vector<std::uint8_t>& bytes)
+{
+    std::vector<std::wstring> strings;
+    std::wstring string;
+    for (std::size_t i = 0; i + 1 < bytes.size(); i += 2) {
+        const auto character = static_cast<wchar_t>(bytes[i] | (bytes[i + 1] << 8));
+        if (character != L'\0') {
+            string.push_back(character);
+            continue;
+        }
+        if (!string.empty())
+            strings.push_back(std::move(string));
+        string.clear();
+    }
+    return strings;
+}
+
+bool IsOneOf(const wchar_t* name, std::initializer_list<const wchar_t*> names)
+{
+    return name != nullptr &&
+           std::any_of(names.begin(), names.end(), [name](const wchar_t* one) { return std::wcscmp(name, one) == 0; });
+}
+
+} // namespace
+
+// --- Who is registered.
+
+std::vector<std::wstring> World::Registered() const
+{
+    return Strings(m_machine->ReadValue(L"SOFTWARE\\Veltrix\\Shared\\CBTDriver\\AppIDs", L"RegisteredAppIDs"));
+}
+
+bool World::IsListed(const Application& application) const
+{
+    const auto ids = Registered();
+    return std::find(ids.begin(), ids.end(), application.id) != ids.end();
+}
+
+// Nobody is registered, or registered no more, who did not ask for it.
+std::string World::CheckListed() const
+{
+    const auto ids = Registered();
+    for (const Application& application : m_applications) {
+        const bool listed = std::find(ids.begin(), ids.end(), application.id) != ids.end();
+        if (application.registered != listed)
+            return "application " + std::to_string(&application - m_applications.data()) +
+                   (listed ? " is listed and has not registered" : " has registered and is not listed");
+    }
+    return {};
+}
+
+// --- What is to be verified.
+
+// The driver's list (no name), an application's pending list (its ID) or its verify list (its ID and .Last).
+std::vector<std::wstring> World::ResyncList(const std::wstring& name) const
+{
+    return Strings(m_machine->ReadValue(L"SYSTEM\\CurrentControlSet\\Services\\VTFlt", L"DeviceListForReSync" + name));
+}
+
+bool World::IsListedForResync(const std::wstring& name, std::size_t volume) const
+{
+    return Holds(ResyncList(name), volume);
+}
+
+bool World::Holds(const std::vector<std::wstring>& list, std::size_t volume) const
+{
+    return std::find(list.begin(), list.end(), m_volumes[volume].guid) != list.end();
+}
+
+// By volume, what is on the application's verify list.
+std::vector<bool> World::Marks(const Application& application) const
+{
+    const auto list = ResyncList(application.id + L".Last");
+    std::vector<bool> marks;
+    for (std::size_t volume = 0; volume < m_volumes.size(); ++volume)
+        marks.push_back(Holds(list, volume));
+    return marks;
+}
+
+// The same, as it was behind the last operation.
+std::vector<bool> World::NotedMarks(const Application& application)
+{
+    std::vector<bool> marks;
+    for (const Chain& chain : application.chains)
+        marks.push_back(chain.mustBeAsked);
+    return marks;
+}
+
+// Each volume is marked, or, where that may be, no more of them than before.
+std::string World::CheckMarked(const Application& application, bool all) const
+{
+    const std::vector<bool> before = m_watch == nullptr ? NotedMarks(application) : Marks(application);
+    const std::vector<bool> marks = Marks(application);
+    const bool isAll = std::find(marks.begin(), marks.end(), false) == marks.end();
+    if (isAll || (!all && marks == before))
+        return {};
+    // A volume whose kind cannot be learned is left out.
+    if (IsOneOf(m_struckCall.function, {L"GetDriveTypeW"}))
+        return {};
+    return all ? "not every volume is marked" : "some volumes are marked, and others are not";
+}
+
+// What somebody was to be told of stays where it finds that, until its report of success.
+std::string World::CheckMarks()
+{
+    std::string wrong;
+    const auto driver = ResyncList({});
+    for (Application& application : m_applications) {
+        const auto pending = ResyncList(application.id);
+        const std::vector<bool> marks = Marks(application);
+        for (std::size_t volume = 0; volume < m_volumes.size(); ++volume) {
+            Chain& chain = application.chains[volume];
+            const bool told =
+                marks[volume] || Holds(pending, volume) || (application.registered && Holds(driver, volume));
+            if (&chain != m_takenOff && wrong.empty() &&
+                ((chain.mustBeAsked && !marks[volume]) || (chain.told && !told)))
+                wrong = "volume " + std::to_string(volume) + " is no more on " +
+                        (chain.mustBeAsked ? "the verify list" : "any list") + " of application " +
+                        std::to_string(&application - m_applications.data());
+            chain.mustBeAsked = marks[volume];
+            chain.told = told;
+        }
+    }
+    return wrong;
+}
+
+// --- Who monitors.
+
+World::Monitoring World::ReadMonitoring() const
+{
+    Monitoring now;
+    const auto bytes = m_machine->ReadValue(COUNT_KEY, L"SnapshotMonitorCount");
+    now.stored = bytes.size() == sizeof(DWORD);
+    for (std::size_t i = 0; now.stored && i < sizeof(DWORD); ++i)
+        now.count |= static_cast<DWORD>(bytes[i]) << 8 * i;
+    const auto filters = Strings(m_machine->ReadValue(CLASS_KEY, L"UpperFilters"));
+    now.filter = std::find(filters.begin(), filters.end(), L"VTFlt") != filters.end();
+    return now;
+}
+
+// Success counts one more or less, and the driver is among the filters as long as anybody counts; a failure changes nothing.
+std::string World::CheckMonitoring(bool on, DWORD result)
+{
+    const Monitoring before = m_monitoring;
+    const Monitoring now = m_monitoring = ReadMonitoring();
+    Monitoring wanted = before;
+    if (on || before.stored)
+        wanted.count += on ? 1 : DWORD{0} - 1;
+    wanted.filter = on || (before.filter && !(before.stored && before.count == 1));
+    if (result == 0) {
+        // Without a driver there is nothing to do.
+        const bool mayBeGate = m_faulty && !IsOneOf(m_struckCall.function, {L"RegCreateKeyExW", L"RegSetValueExW",
+                                                                            L"RegDeleteValueW", L"CreateMutexW"});
+        const bool there = IsDriverThere();
+        if ((now == wanted && (there || m_driverWasThere)) ||
+            (now == before && (!there || !m_driverWasThere || mayBeGate)))
+            return {};
+    } else if (now == before) {
+        return {};
+    } else if (m_faulty && !FailsOnce()) {
+        // What failed, or died, in the middle, and could not be taken back.
+        if ((now.count == before.count || now.count == wanted.count) &&
+            (now.filter == before.filter || now.filter == wanted.filter))
+            return {};
+    }
+    return std::to_string(before.count) + " monitored, now " + std::to_string(now.count) + " do, and the driver is " +
+           (now.filter ? "" : "not ") + "among the filters, with result " + std::to_string(result);
+}
+
+// --- What went wrong in the operation.
+
+// One call or allocation fails, and whatever comes behind it succeeds.
+bool World::FailsOnce() const
+{
+    return std::all_of(m_faults.begin(), m_faults.end(), [](const Fault& fault) {
+        return fault.how == Fault::How::Fail || fault.how == Fault::How::FailOf || fault.how == Fault::How::NoMemory;
+    });
+}
+
+// What is reported as failed may have been done.
+bool World::MayBeDone() const
+{
+    return std::any_of(m_faults.begin(), m_faults.end(),
+                       [](const Fault& fault) { return fault.how == Fault::How::FailAfter; });
+}
+
+// Called before each call. Allocates nothing.
+void World::NoteCallOfAFault(const wchar_t* function)
+{
+    const DWORD hits = VTFltSimGetCallFaultHits();
+    if (hits != m_struckCall.hits && m_struckCall.function == nullptr)
+        m_struckCall.function = m_struckCall.last;
+    m_struckCall.hits = hits;
+    m_struckCall.last = function;
+}
+
+} // namespace vtproof

@@ -39,6 +39,15 @@ void AbandonOwned(Thread& thread)
         (*thread.owned.begin())->Abandon();
 }
 
+// The simulator says of everything that it makes for itself that it is its own. What it does not say that of is a call of
+// the program that it passed on.
+bool IsTheProgramsOwn(const Allocation& allocation, const Process& process)
+{
+    Dl_info module{};
+    return dladdr(allocation.site, &module) != 0 &&
+           (!allocation.isMeant || module.dli_fbase == process.modules.front().base);
+}
+
 // What the thread is besides the guest's: put back when the work is over, however it ends.
 struct Before {
     Process* process;
@@ -109,8 +118,7 @@ DoubleLeft DoubleEndGuest(DoubleGuest* guest)
     while (!guest->handles.empty())
         guest->Close(reinterpret_cast<HANDLE>(guest->handles.begin()->first));
     for (const auto& [inverted, allocation] : guest->allocations) {
-        Dl_info module{};
-        if (dladdr(allocation.site, &module) == 0 || module.dli_fbase != guest->modules.front().base)
+        if (!IsTheProgramsOwn(allocation, *guest))
             continue; // the simulator's own, which it keeps
         ++left.allocations;
         left.bytes += allocation.size;

@@ -203,6 +203,7 @@ struct Module {
 struct Allocation {
     std::size_t size = 0;
     const void* site = nullptr;
+    bool isMeant = false; // the module that it is for has said so itself
 };
 
 class RegistryKey;

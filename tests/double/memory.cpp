@@ -27,9 +27,8 @@ void Note(void* memory, std::size_t size, const void* site)
     if (memory == nullptr || thread == nullptr)
         return;
     // Redirected calls come from the simulator; the module's operator new has said who meant them.
-    if (g_meantBy != nullptr)
-        site = g_meantBy;
-    thread->process->allocations[Inverted(memory)] = Allocation{size, site};
+    const bool isMeant = g_meantBy != nullptr;
+    thread->process->allocations[Inverted(memory)] = Allocation{size, isMeant ? g_meantBy : site, isMeant};
 }
 
 void Forget(const void* memory)

@@ -32,7 +32,6 @@ public:
         for (std::size_t i = 0; i < scenarios.size(); ++i) {
             m_scenario = &scenarios[i];
             m_history = scenarios[i].history;
-            Vary(i);
             m_share = static_cast<double>(i) / static_cast<double>(scenarios.size());
             if (!RunScenario())
                 break;
@@ -41,13 +40,12 @@ public:
     }
 
 private:
-    // Who is told that a fetch failed reads everything, or takes it that nothing was forgotten and asks again: by scenario.
-    void Vary(std::uint64_t number)
+    // Who is told that a fetch failed reads everything, or takes it that nothing was forgotten and asks again: two in three.
+    static void Vary(History& history, Dice& dice)
     {
-        const std::uint32_t asksAgain = Dice(number ^ m_options.seed << 32).Below(AGAIN_COUNT);
+        const std::uint32_t asksAgain = dice.Below(AGAIN_COUNT);
         for (std::uint32_t application = 0; application < APPLICATIONS && asksAgain != AGAIN_NEVER; ++application)
-            m_history.operations.insert(m_history.operations.begin(),
-                                        {Do::AsksAgain, application, 0, asksAgain, 0, {}});
+            history.operations.insert(history.operations.begin(), {Do::AsksAgain, application, 0, asksAgain, 0, {}});
     }
 
     bool RunScenario()
@@ -164,13 +162,19 @@ private:
     {
         constexpr std::size_t ERRORS = std::size(SWEEP_ERRORS);
         const Fault first = {How::Fail, nth, SWEEP_ERRORS[nth % ERRORS]};
+        // What is called behind the first failure depends on who asks again.
+        const History before = m_history;
+        Dice dice(m_row ^ m_options.seed << 32);
+        Vary(m_history, dice);
         std::string wrong;
         const SweepPath path = FollowPath(m_history, first, wrong);
         if (!wrong.empty())
             return Broken(m_history, wrong);
-        return Each(CountOf(path.refusable) - nth, [&](std::uint32_t further) {
+        const bool goesOn = Each(CountOf(path.refusable) - nth, [&](std::uint32_t further) {
             return Try({first, {How::Fail, nth + further, SWEEP_ERRORS[further % ERRORS]}});
         });
+        m_history = before;
+        return goesOn;
     }
 
     template <class Work>
@@ -224,10 +228,8 @@ private:
             return true;
         History history = m_history;
         history.operations.back().faults = std::move(faults);
-        // Two in three: whoever is swept asks again behind a fetch that failed.
-        if (const std::uint32_t again = dice.Below(AGAIN_COUNT); again != AGAIN_NEVER)
-            history.operations.insert(history.operations.begin(),
-                                      {Do::AsksAgain, history.operations.back().application, 0, again, 0, {}});
+        if (m_options.kind != SweepKind::Pairs)
+            Vary(history, dice);
         if (then != nullptr)
             history.operations.push_back(*then);
         // Behind a power cut everything is to be verified: what it did to the files shows only later.

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <new>
+#include <string_view>
 
 namespace vtproof {
 
@@ -50,6 +51,14 @@ void WINAPI DieSoon(void*, LPCWSTR, LPCWSTR)
     death.nth = 1;
     death.count = 1;
     VTFltSimSetCallFault(&death);
+}
+
+// The file that a call is about, into room for a path.
+void WINAPI NoteFile(void* context, LPCWSTR, LPCWSTR text)
+{
+    const std::wstring_view path = text;
+    *std::copy_n(path.begin(), std::min<std::size_t>(path.size(), MAX_PATH - 1), static_cast<wchar_t*>(context)) =
+        L'\0';
 }
 
 void SetFault(DWORD what, const wchar_t* function, DWORD nth, DWORD count, DWORD error, ULONGLONG value = 0)
@@ -180,6 +189,8 @@ void World::Arm(const std::vector<Fault>& faults)
                      ERROR_GEN_FAILURE);
             break;
         case Fault::How::Short:
+            vtfltsim::Check("VTFltSimCallBefore", VTFltSimCallBefore(L"WriteFile", nullptr, fault.nth, 1, NoteFile,
+                                                                     m_watched.cutFile.data()));
             SetFault(VTFLTSIM_CALL_SHORT, L"WriteFile", fault.nth, 1, 0, fault.error);
             m_mayBeCutShort = true;
             break;
@@ -216,7 +227,7 @@ void World::Disarm()
         return;                // what others have planned stays
     NoteCallOfAFault(nullptr); // the last call may have been the one
     m_armed = false;
-    m_struck = m_struck || m_memoryStruck || VTFltSimGetCallFaultHits() != 0;
+    m_struck = m_struck || m_memoryStruck || VTFltSimGetCallFaultHits() >= std::max<std::size_t>(1, m_faults.size());
     m_memoryStruck = false;
     m_memoryNth = 0;
     VTFltSimClearCallFaults();
@@ -314,7 +325,7 @@ bool ListsForResync(Do what)
 std::string World::Dispatch(const Operation& operation)
 {
     // What the driver adds to its list while that is handed out is dropped (Limit.WhatTheDriverAddsToItsList...).
-    if (m_replicating != 0 && ListsForResync(operation.what))
+    if (m_handingOut != 0 && ListsForResync(operation.what))
         return {};
     Application& application = m_applications[operation.application];
     const std::size_t volume = operation.volume;

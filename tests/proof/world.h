@@ -77,7 +77,7 @@ public:
     // Empty, or what is wrong with what several of them share: the list of applications, the count of monitors.
     std::string OneByOne();
 
-    // A fault of the last operation struck.
+    // The faults of the last operation struck, each of them.
     bool Struck() const { return m_struck; }
     // As one number: what every operation gave and logged so far, in order, how many calls of Windows each of them made,
     // and how often each function was called.
@@ -139,17 +139,16 @@ private:
         bool cut = false;                             // the power, behind it,
         bool torn = false;                            // and what was not flushed is torn
         Bits changes;                                 // handed back
+        std::array<wchar_t, MAX_PATH> cutFile{};      // in which a write was short; empty: none
         std::vector<std::array<BitmapFile, 2>> files; // by volume and application: child and base
         std::vector<Bits> driver;                     // what the driver may hand out of the volume
         std::size_t bitmapBytes = 0;                  // of the volume
     };
     // The call that a fault struck, of an operation in which that matters.
     struct StruckCall {
-        static constexpr std::size_t MOST = 260;
         const wchar_t* function = nullptr; // none
         const wchar_t* last = nullptr;     // that was called
         DWORD hits = 0;
-        wchar_t cutFile[MOST] = {}; // that a write was short in
     };
     // The requests for the tracking of snapshots, and the list of filters that they change.
     struct Monitoring {
@@ -170,12 +169,17 @@ private:
     void NoteCall(Exported exported, int change)
     {
         if (exported == Exported::ReplicateVerifyList)
-            m_replicating += change;
+            HandOut(change > 0 ? HandsOut::Not : HandsOut::NotAtAll);
         if (exported != Exported::Register && exported != Exported::Unregister)
             return;
         m_registrations.begun += change > 0 ? 1 : 0;
         m_registrations.underWay += change;
     }
+    // How far a process is with the driver's list, in VTReplicateVerifyList.
+    enum class HandsOut { NotAtAll, Not, Reads, Has, PutsBack };
+    static thread_local HandsOut t_handsOut;
+    void HandOut(HandsOut state);
+    void NoteCallOfAReplication(const wchar_t* function, const wchar_t* text);
     static bool IsUnreadableList(Exported exported, DWORD result);
     struct Answers; // to the questions that change nothing
     // The outcome of a piece of an application's work.
@@ -303,6 +307,7 @@ private:
     void StartWatching(const Operation& operation);
     std::string CheckWatched();
     std::string CheckWatched(std::size_t number, std::size_t volume, bool base);
+    bool IsCutFile(std::size_t number, std::size_t volume, bool base) const;
     bool IsMixed(std::size_t number, std::size_t volume, bool base, const BitmapFile& now) const;
     std::string CheckOwed(std::size_t number, std::size_t volume) const;
     MayBe WhatMayBe(std::size_t number, std::size_t volume, bool base) const;
@@ -356,7 +361,7 @@ private:
         const char* what; // null: none
         DWORD result;
     } m_wrongAnswer{Exported::Count, nullptr, 0};
-    int m_replicating = 0; // who is in VTReplicateVerifyList
+    int m_handingOut = 0; // who is between reading the driver's list and writing it back
     // While operations run at the same time.
     ExportWatch* m_watch = nullptr; // null: one by one
     bool m_sharesVolumes = false;

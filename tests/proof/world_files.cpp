@@ -76,19 +76,17 @@ std::string World::CheckOwed(std::size_t number, std::size_t volume) const
     const bool reported = m_watched.reports && number == m_watched.operation.application;
     // A write that is short without an error counts as done. Its file cannot be read; but it was not flushed either, so
     // a power cut may bring the old one back. The driver lists the volume then.
-    const std::vector<Fault>& faults = m_watched.operation.faults;
-    if (m_watched.cut && std::any_of(faults.begin(), faults.end(), [](const Fault& fault) {
-            return fault.how == Fault::How::Short || fault.how == Fault::How::DieInWrite;
-        }))
+    const Application& application = m_applications[number];
+    if (m_watched.cut && (IsCutFile(number, volume, false) || IsCutFile(number, volume, true)))
         return {};
     // Whoever registered behind the beginning of this backup has no backup yet (Limit.AnApplicationRegistersWhile...).
     if (reported || !before[0].usable || !before[1].usable || !m_expected.HasBackup(number, volume) ||
-        !m_applications[number].registered)
+        !application.registered)
         return {};
     const BitmapFile child = ReadFile(number, volume, false);
     const BitmapFile base = ReadFile(number, volume, true);
     // A driver that was installed anew, say, lists the volume.
-    const std::wstring& id = m_applications[number].id;
+    const std::wstring& id = application.id;
     const bool told =
         IsListedForResync(id + L".Last", volume) || IsListedForResync(id, volume) || IsListedForResync({}, volume);
     if (!child.usable || !base.usable || told || IsMixed(number, volume, false, child) ||
@@ -117,6 +115,9 @@ std::string World::CheckWatched(std::size_t number, std::size_t volume, bool bas
         return std::string(base ? "the base" : "the child") + " of application " + std::to_string(number) +
                " on volume " + std::to_string(volume) + what;
     };
+    // Behind a torn write that was short without an error one sector is old, new or both.
+    if (m_watched.torn && IsCutFile(number, volume, base))
+        return {};
     const MayBe bits = WhatMayBe(number, volume, base);
     if (!bits.Holds(now.bits) && !(m_watched.torn && bits.HoldsBySectors(now.bits)))
         return wrong(" is neither old nor new nor unusable");
@@ -129,6 +130,12 @@ std::string World::CheckWatched(std::size_t number, std::size_t volume, bool bas
         ReadFile(number, volume, !base).usable)
         return wrong(" was unusable and is begun anew, and nobody has to verify");
     return {};
+}
+
+// In it a write was short without an error.
+bool World::IsCutFile(std::size_t number, std::size_t volume, bool base) const
+{
+    return FilePath(m_applications[number], volume, base) == m_watched.cutFile.data();
 }
 
 // A bitmap of more than a sector, rewritten in place, of which a power cut left some sectors old and some new

@@ -4,7 +4,7 @@
 #include "vtfltmgr/VTFltMgr.h"
 
 #include <algorithm>
-#include <cwchar>
+#include <string_view>
 
 namespace vtproof {
 
@@ -33,10 +33,9 @@ std::vector<std::wstring> Strings(const std::vector<std::uint8_t>& bytes)
     return strings;
 }
 
-bool IsOneOf(const wchar_t* name, std::initializer_list<const wchar_t*> names)
+bool IsOneOf(const wchar_t* name, std::initializer_list<std::wstring_view> names)
 {
-    return name != nullptr &&
-           std::any_of(names.begin(), names.end(), [name](const wchar_t* one) { return std::wcscmp(name, one) == 0; });
+    return name != nullptr && std::find(names.begin(), names.end(), std::wstring_view(name)) != names.end();
 }
 
 } // namespace

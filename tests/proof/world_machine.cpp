@@ -6,6 +6,7 @@
 #include "win/owners.h"
 
 #include <algorithm>
+#include <string_view>
 
 namespace vtproof {
 
@@ -327,16 +328,21 @@ std::string World::CheckAnswersOfAFault(const Application& application, std::siz
                std::to_string(got.count) + " are counted";
     if (got.present && !application.registered)
         return "an application is listed that is not registered";
+    // One of the questions may have installed the driver, or taken it away and failed to install it again.
     const bool there = IsDriverThere();
-    if ((got.works != 0 && !there) || (got.can != 0 && !(there && application.registered)))
+    const bool wasThere = there || m_driverWasThere;
+    if ((got.works != 0 && !wasThere) || (got.can != 0 && !(wasThere && application.registered)))
         return "the driver works: " + std::to_string(got.works) + ", for the application: " + std::to_string(got.can);
     const VTFLTSIM_VOLUME_INFO info = m_machine->Info(m_volumes[volume]);
-    if (got.notMonitored == 0 && !(there && info.tracked != 0))
+    if (got.notMonitored == 0 && !(wasThere && info.tracked != 0) && there == m_driverWasThere)
         return "the volume is said to be monitored";
     if (got.opened && got.asked == 0 && got.blockSize != info.blockSize)
         return "the block size is said to be " + std::to_string(got.blockSize);
-    if (got.opened && (got.fetched == 0 ||
-                       (got.fetched == ERROR_MORE_DATA && got.needed != 0 && got.needed <= VTFLT_BITMAP_HEADER_BYTES)))
+    // Of 16 bytes there is never room for the bitmap; and whoever is told that there is more believes it.
+    const bool isTold = std::any_of(m_faults.begin(), m_faults.end(),
+                                    [](const Fault& fault) { return fault.error == ERROR_MORE_DATA; });
+    const bool noLength = got.fetched == ERROR_MORE_DATA && got.needed <= VTFLT_BITMAP_HEADER_BYTES && !isTold;
+    if (got.opened && (got.fetched == 0 || noLength))
         return "the length of the driver's bitmap is said to be " + std::to_string(got.needed);
     return {};
 }
@@ -347,6 +353,61 @@ void World::AtOnce(ExportWatch& watch, Volumes volumes)
 {
     m_watch = &watch;
     m_sharesVolumes = volumes == Volumes::Shared;
+    vtfltsim::Check("VTFltSimCallBefore", VTFltSimCallBefore(
+                                              L"*", nullptr, 1, 0,
+                                              [](void* context, LPCWSTR function, LPCWSTR text) {
+                                                  static_cast<World*>(context)->NoteCallOfAReplication(function, text);
+                                              },
+                                              this));
+}
+
+namespace {
+
+bool IsOfTheDriversList(const wchar_t* text)
+{
+    constexpr std::wstring_view NAME = L"DeviceListForReSync";
+    return std::wstring_view(text).ends_with(NAME);
+}
+
+} // namespace
+
+thread_local World::HandsOut World::t_handsOut = HandsOut::NotAtAll;
+
+// The calling process comes so far.
+void World::HandOut(HandsOut state)
+{
+    const auto isHanding = [](HandsOut one) { return one != HandsOut::NotAtAll && one != HandsOut::Not; };
+    m_handingOut += (isHanding(state) ? 1 : 0) - (isHanding(t_handsOut) ? 1 : 0);
+    t_handsOut = state;
+}
+
+// Before each call, in the process that makes it; others can run only then. Allocates nothing there.
+void World::NoteCallOfAReplication(const wchar_t* function, const wchar_t* text)
+{
+    if (t_handsOut == HandsOut::NotAtAll)
+        return;
+    // A list on which nothing stands is not written back, and nothing that is added to it is dropped.
+    const auto hasNothing = [this] {
+        std::pair<World*, bool> empty{this, true};
+        DoubleRunOutside(
+            [](void* argument) {
+                auto& [world, isEmpty] = *static_cast<std::pair<World*, bool>*>(argument);
+                isEmpty = world->ResyncList({}).empty();
+            },
+            &empty);
+        return empty.second;
+    };
+    if (t_handsOut == HandsOut::Reads)
+        HandOut(hasNothing() ? HandsOut::Not : HandsOut::Has);
+    else if (t_handsOut == HandsOut::PutsBack)
+        HandOut(HandsOut::Not);
+    if (!IsOfTheDriversList(text))
+        return;
+    const std::wstring_view called = function;
+    const bool reads = called == L"RegQueryValueExW";
+    const bool writes = called == L"RegSetValueExW" || called == L"RegDeleteValueW";
+    if (reads || writes)
+        HandOut(reads ? HandsOut::Reads : HandsOut::PutsBack);
 }
 
 std::string World::RunAtOnce(std::uint32_t application, const Operation& operation)

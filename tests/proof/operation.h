@@ -88,6 +88,9 @@ struct Fault {
         DieBefore,  // the process ends before the nth call
         DieAfter,   // or behind it
         DieInWrite, // or when the nth WriteFile has written error bytes
+        // Not chosen by seeds: it takes a look at the call to know whether the library can do anything about it.
+        ShortRead, // the nth ReadFile gives error bytes only
+        Empties,   // the nth CreateFileW empties its file, and says that it failed
         Count
     };
     How how = How::None;

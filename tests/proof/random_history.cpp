@@ -120,7 +120,7 @@ Fault ChooseFault(Dice& dice)
 {
     Fault fault;
     do
-        fault.how = static_cast<Fault::How>(1 + dice.Below(static_cast<std::uint32_t>(Fault::How::Count) - 1));
+        fault.how = static_cast<Fault::How>(1 + dice.Below(static_cast<std::uint32_t>(Fault::How::ShortRead) - 1));
     while (fault.how == Fault::How::NotThere);
     switch (fault.how) {
     case Fault::How::Short:

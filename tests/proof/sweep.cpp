@@ -62,7 +62,7 @@ private:
         case SweepKind::Failures:
             return Each(CountOf(m_path.refusable), [&](std::uint32_t nth) { return FailEach(nth); });
         case SweepKind::Effects:
-            return FailBehindEach() && EachCut([&](std::uint32_t nth, std::uint32_t bytes) {
+            return FailBehindEach() && ReadEachShort() && EachCut([&](std::uint32_t nth, std::uint32_t bytes) {
                        return Try({{How::Short, nth, bytes}});
                    });
         case SweepKind::Memory:
@@ -78,7 +78,11 @@ private:
                        return Try({{How::DieInWrite, nth, bytes}});
                    });
         case SweepKind::PowerCuts:
-            return Each(CountOf(m_path.calls), [&](std::uint32_t nth) { return CutPowerAt(nth); });
+            return Each(CountOf(m_path.calls),
+                        [&](std::uint32_t nth) {
+                            return CutPower({How::DieBefore, nth, 0});
+                        }) &&
+                   (m_path.calls.empty() || CutPower({How::DieAfter, CountOf(m_path.calls), 0}));
         case SweepKind::SecondDeaths:
             return EachRow(CountOf(m_path.calls), [&](std::uint32_t nth) { return DieAgainBehind(nth); });
         default:
@@ -110,7 +114,27 @@ private:
                 }))
                 return false;
         }
-        return true;
+        return std::all_of(m_path.emptying.begin(), m_path.emptying.end(), [&](std::uint32_t nth) {
+            return Try({{How::Empties, nth, 0}});
+        });
+    }
+
+    // Nothing, a part of the header, all but one byte of what is asked for first; of the whole also a part of the bits, and
+    // all but the trailer.
+    bool ReadEachShort()
+    {
+        const auto read = [&](std::uint32_t nth, std::initializer_list<std::uint32_t> sizes) {
+            return std::all_of(sizes.begin(), sizes.end(), [&](std::uint32_t bytes) {
+                return Try({{How::ShortRead, nth, bytes}});
+            });
+        };
+        return std::all_of(m_path.heads.begin(), m_path.heads.end(),
+                           [&](std::uint32_t nth) {
+                               return read(nth, {0, 60, 87});
+                           }) &&
+               std::all_of(m_path.bodies.begin(), m_path.bodies.end(), [&](std::uint32_t nth) {
+                   return read(nth, {0, 87, 102, 4092});
+               });
     }
 
     // Each write, cut at: nothing, in the signature (or the trailer, when it is written by itself), in the header, in the
@@ -126,12 +150,12 @@ private:
         });
     }
 
-    bool CutPowerAt(std::uint32_t nth)
+    bool CutPower(const Fault& death)
     {
-        const std::vector<Fault> death = {{How::DieBefore, nth, 0}};
-        if (!TryThen(death, PowerCut(0)) || !TryThen(death, PowerCut(1)))
+        if (!TryThen({death}, PowerCut(0)) || !TryThen({death}, PowerCut(1)))
             return false;
-        return Each(IsLong() ? 3 : 1, [&](std::uint32_t way) { return TryThen(death, PowerCut(TORN * way + nth)); });
+        return Each(IsLong() ? 3 : 1,
+                    [&](std::uint32_t way) { return TryThen({death}, PowerCut(TORN * way + death.nth)); });
     }
 
     // A death behind the nth call; then the operation again, or who lost what it was in the middle of backs up, and dies

@@ -20,7 +20,7 @@ std::vector<Scenario> AllScenarios();
 
 enum class SweepKind : std::uint8_t {
     Failures,     // every call fails with every error, once and from then on
-    Effects,      // every changing call is done and reported as failed; every write is short
+    Effects,      // every changing call is done and reported as failed; every write and read is short
     Memory,       // every allocation fails, once and from then on
     Deaths,       // the process ends before and behind every call, and in the middle of every write
     PowerCuts,    // the same for the machine: what was written is there, is lost, or is torn

@@ -1,5 +1,7 @@
 #include "proof/sweep_path.h"
 
+#include "support/text.h"
+
 #include <algorithm>
 
 namespace vtproof {
@@ -14,6 +16,31 @@ bool GivesBack(const std::wstring& function)
     return std::find(std::begin(GIVE_BACK), std::end(GIVE_BACK), function) != std::end(GIVE_BACK);
 }
 
+// What a file is opened for shows in the call that comes next.
+void NoteFiles(const std::vector<std::wstring>& lines, std::uint32_t application, SweepPath& path)
+{
+    std::uint32_t opened = 0;
+    std::uint32_t reads = 0;
+    for (std::size_t i = 0; i < path.calls.size(); ++i) {
+        if (path.calls[i] == L"CreateFileW") {
+            ++opened;
+            if (i + 1 < path.calls.size() && path.calls[i + 1] == L"SetFilePointer")
+                path.emptying.push_back(opened);
+        }
+        if (path.calls[i] != L"ReadFile")
+            continue;
+        ++reads;
+        // Another application's child whose head cannot be read whole, without an error, is taken for unusable: that
+        // application asks, and finds it sound (Limit.AnothersChildWhoseHead...).
+        const bool isChild = lines[i].find(L"_child_") != std::wstring::npos;
+        const bool isOwn = lines[i].find(L"_App" + vttest::WideNumber(application) + L".") != std::wstring::npos;
+        if (i == 0 || path.calls[i - 1] != L"CreateFileW")
+            path.bodies.push_back(reads);
+        else if (!isChild || isOwn)
+            path.heads.push_back(reads);
+    }
+}
+
 } // namespace
 
 SweepPath FollowPath(const History& history, const Fault& fault, std::string& wrong)
@@ -25,18 +52,21 @@ SweepPath FollowPath(const History& history, const Fault& fault, std::string& wr
         if (!wrong.empty())
             return path;
     }
-    if (fault.how == Fault::How::Fail)
-        vtfltsim::FailCall(L"*", fault.error, nullptr, fault.nth);
+    Operation last = history.operations.back();
+    if (fault.how != Fault::How::None)
+        last.faults = {fault};
     VTFltSimRecord(1);
-    const World::Calls calls = world.CountCalls(history.operations.back());
+    const World::Calls calls = world.CountCalls(last);
     VTFltSimRecord(0);
-    for (const std::wstring& line : vtfltsim::Trace())
+    const std::vector<std::wstring> lines = vtfltsim::Trace();
+    for (const std::wstring& line : lines)
         path.calls.push_back(line.substr(0, line.find(L' ')));
     path.calls.resize(
         std::min<std::size_t>(path.calls.size(), calls.all)); // without what the world itself looks at behind
     std::copy_if(path.calls.begin(), path.calls.end(), std::back_inserter(path.refusable),
                  [](const std::wstring& function) { return !GivesBack(function); });
     path.allocations = calls.allocations;
+    NoteFiles(lines, last.application, path);
     return path;
 }
 

@@ -12,10 +12,14 @@ struct SweepPath {
     std::vector<std::wstring> calls;     // names of the functions, in order
     std::vector<std::wstring> refusable; // those of them that a fault for any call refuses
     std::uint32_t allocations = 0;
+    // By their number among the calls of the function, from 1.
+    std::vector<std::uint32_t> emptying; // CreateFileW: of files that are then written
+    std::vector<std::uint32_t> heads;    // ReadFile: of a file's first bytes, by which it is told whether it is sound
+    std::vector<std::uint32_t> bodies;   // ReadFile: of the whole of a file
 };
 
-// Of the last operation of the history, when this fault (Fault::How::Fail or None) strikes it; the operations before run as
-// they are. *wrong: what is wrong with these.
+// Of the last operation of the history, when this fault (none: Fault::How::None) strikes it; the operations before run as
+// they are. *wrong: what is wrong with these. The recorded calls begin with those of the path.
 SweepPath FollowPath(const History& history, const Fault& fault, std::string& wrong);
 
 // An answer of these that something is not there is believed, see docs/guarantees.md.

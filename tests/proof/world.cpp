@@ -61,6 +61,14 @@ void WINAPI NoteFile(void* context, LPCWSTR, LPCWSTR text)
         L'\0';
 }
 
+// As CREATE_ALWAYS does before it fails.
+void WINAPI EmptyFile(void*, LPCWSTR, LPCWSTR path)
+{
+    const HANDLE file = CreateFileW(path, GENERIC_WRITE, FILE_SHARE_WRITE, nullptr, TRUNCATE_EXISTING, 0, nullptr);
+    if (file != INVALID_HANDLE_VALUE)
+        CloseHandle(file);
+}
+
 void SetFault(DWORD what, const wchar_t* function, DWORD nth, DWORD count, DWORD error, ULONGLONG value = 0)
 {
     VTFLTSIM_CALL_FAULT fault = {};
@@ -214,6 +222,14 @@ void World::Arm(const std::vector<Fault>& faults)
                             VTFltSimCallBefore(L"WriteFile", nullptr, fault.nth, 1, DieSoon, nullptr));
             m_mayBeCutShort = true;
             SetFault(VTFLTSIM_CALL_SHORT, L"WriteFile", fault.nth, 1, 0, fault.error);
+            break;
+        case Fault::How::ShortRead:
+            SetFault(VTFLTSIM_CALL_SHORT, L"ReadFile", fault.nth, 1, 0, fault.error);
+            break;
+        case Fault::How::Empties:
+            vtfltsim::Check("VTFltSimCallBefore",
+                            VTFltSimCallBefore(L"CreateFileW", nullptr, fault.nth, 1, EmptyFile, nullptr));
+            SetFault(VTFLTSIM_CALL_FAILS, L"CreateFileW", fault.nth, 1, ERROR_GEN_FAILURE);
             break;
         default:
             break;
@@ -445,6 +461,7 @@ World::Calls World::CountCalls(const Operation& operation)
     const DWORD writes = VTFltSimGetCallCount(L"WriteFile");
     vtfltsim::Check("VTFltSimCallBefore", VTFltSimCallBefore(ANY_CALL, nullptr, 1, 0, count, &calls.all));
     m_allocations = 0;
+    Arm(operation.faults);
     m_faulty = true; // as when one of the calls is to fail: some operations do more when none is
     Dispatch(operation);
     m_faulty = false;

@@ -1,6 +1,7 @@
-// Every call of Windows that the library has in it is made by the scenarios, by themselves or where something fails: what is
-// never called is not swept either.
+// Every call of Windows that the library has in it is made where the scenarios are swept, by themselves or where something
+// fails: what is never called there is not swept either.
 #include "proof/sweep.h"
+#include "proof/sweep_path.h"
 #include "proof/tests/library_calls.h"
 #include "proof/world.h"
 
@@ -59,23 +60,26 @@ public:
         m_known = LibraryCalls();
     }
 
-    // Runs it, and notes the places of the calls that are made.
-    std::string Run(const History& history, bool* struck)
+    // Notes the places of the calls that the last operation makes: the sweeps strike no other.
+    std::string Follow(const History& history, const Fault& fault = {})
     {
-        VTFltSimRecord(1);
-        const std::string wrong = RunHistory(history, World::Thoroughly::No, struck);
-        VTFltSimRecord(0);
+        std::string wrong;
+        const SweepPath path = FollowPath(history, fault, wrong);
         LPCVOID site = nullptr;
-        for (DWORD i = 0; VTFltSimGetTraceSite(i, &site) == 0; ++i)
+        for (DWORD i = 0; i < path.calls.size() && VTFltSimGetTraceSite(i, &site) == 0; ++i)
             m_made.insert(site);
         return wrong;
     }
 
+    // The same behind each fault of a sweep.
     std::string Sweep(const Scenario& scenario, SweepKind kind)
     {
         SweepOptions options;
         options.kind = kind;
-        options.run = [this](const History& history, bool, bool* struck) { return Run(history, struck); };
+        options.run = [this](const History& history, bool, bool* struck) {
+            *struck = true;
+            return Follow(history);
+        };
         return RunSweep({scenario}, options).wrong;
     }
 
@@ -94,9 +98,8 @@ TEST(LibraryCalls, AreAllMadeByTheScenarios)
     SiteCollector sites;
     const std::vector<LibraryCall>& calls = sites.Known();
     ASSERT_GT(calls.size(), 60u); // so many lines of the library's sources call Windows, without its log
-    bool struck = false;
     for (const Scenario& scenario : AllScenarios()) {
-        EXPECT_EQ("", sites.Run(scenario.history, &struck)) << scenario.name;
+        EXPECT_EQ("", sites.Follow(scenario.history)) << scenario.name;
         // A mutex that may not be made is opened, and one that is held is released when memory runs out.
         if (scenario.name == "monitoring on, with a registered application") {
             EXPECT_EQ("", sites.Sweep(scenario, SweepKind::Failures));

@@ -119,6 +119,30 @@ TEST(Sweeps, LookAtEverythingBehindEveryKindOfFault)
     }
 }
 
+// Also when everything is done, and nothing more would be flushed.
+TEST(Sweeps, CutThePowerBeforeEachCallAndBehindTheLast)
+{
+    std::vector<Scenario> scenarios = AllScenarios();
+    std::erase_if(scenarios, [](const Scenario& one) { return one.name != "a backup, with changes owed to two"; });
+    ASSERT_EQ(1u, scenarios.size());
+    std::string wrong;
+    const std::size_t calls = FollowPath(scenarios.front().history, {}, wrong).calls.size();
+    ASSERT_EQ("", wrong);
+    std::map<Fault::How, std::set<std::uint32_t>> points;
+    SweepOptions options;
+    options.kind = SweepKind::PowerCuts;
+    options.run = [&](const History& history, bool, bool* struck) {
+        EXPECT_EQ(Do::PowerCut, history.operations.back().what);
+        const Fault& fault = history.operations[history.operations.size() - 2].faults.front();
+        points[fault.how].insert(fault.nth);
+        *struck = true;
+        return std::string();
+    };
+    RunSweep(scenarios, options);
+    EXPECT_EQ(calls, points[Fault::How::DieBefore].size());
+    EXPECT_EQ((std::set<std::uint32_t>{static_cast<std::uint32_t>(calls)}), points[Fault::How::DieAfter]);
+}
+
 // Every error that a call can give, at every call; those that say "there is none" only where they answer no such question.
 TEST(Sweeps, FailEveryCallWithEveryError)
 {

@@ -38,6 +38,7 @@ struct Verdicts {
     std::uint64_t askedAgain = 0;  // backups that took the reported blocks behind a fetch that had failed
     std::uint64_t files = 0;       // bitmap files looked at right behind a fault, a death or a power cut,
     std::uint64_t unusable = 0;    // and how many of them had become unusable
+    std::uint64_t cuts = 0;        // power cuts behind which the files were looked at
     std::uint64_t owed = 0;        // what was owed to an application, sought there in its files and with the driver
 };
 const Verdicts& VerdictsSoFar();

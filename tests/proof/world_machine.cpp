@@ -84,6 +84,8 @@ std::string World::PowerCut(std::uint32_t how)
     }
     m_watched.cut = true;
     m_watched.torn = how > 1;
+    if (m_watched.on)
+        Count(&Verdicts::cuts);
     std::string wrong = CheckWatched();
     m_watched.on = false;
     VTFltSimReboot(m_machine->handle());

@@ -56,7 +56,7 @@ private:
 
     bool Goes() const { return m_result.wrong.empty(); }
 
-    void Happen(const Operation& operation)
+    void Happen(const Operation& operation, bool beforeACut = false)
     {
         if (!Goes())
             return;
@@ -64,7 +64,7 @@ private:
         ++m_result.operations;
         m_result.backups += operation.what == Do::Backup ? 1 : 0;
         m_result.disturbances += operation.faults.empty() ? 0 : 1;
-        m_result.wrong = m_world.Run(operation);
+        m_result.wrong = m_world.Run(operation, beforeACut);
         if (operation.what == Do::Resize || operation.what == Do::SetBlockSize)
             m_shapes[operation.volume][operation.what == Do::Resize ? 0 : 1] = operation;
     }
@@ -77,12 +77,20 @@ private:
             Happen({Do::Write, 0, volume, m_dice.Below(Shapes()[volume].grains), m_dice.Below(16), {}});
         }
         if (m_dice.OneIn(30)) {
-            Happen(ChooseOperation(m_dice, Shapes(), false));
+            const Operation operation = ChooseOperation(m_dice, Shapes(), false);
+            if (operation.what == Do::PowerCut)
+                CutPower(operation);
+            else
+                Happen(operation);
             ++m_result.disturbances;
         }
         for (std::uint32_t application = 0; application < APPLICATIONS; ++application) {
             if (hour % PERIODS[application] == 0)
                 BackUp(application);
+        }
+        if (m_dice.OneIn(2 * WEEK)) {
+            CutPower({Do::PowerCut, 0, 0, m_dice.Below(1000), 0, {}});
+            ++m_result.disturbances;
         }
         // Programs end and begin again.
         if (hour % DAY == DAY - 1)
@@ -91,14 +99,26 @@ private:
             PutRight(hour % MONTH == MONTH - 1 ? World::Thoroughly::Yes : World::Thoroughly::No);
     }
 
+    // The power goes in the middle of a backup, or right behind it.
+    void CutPower(const Operation& cut)
+    {
+        const auto volume = m_dice.Below(static_cast<std::uint32_t>(Shapes().size()));
+        BackUp(m_dice.Below(APPLICATIONS), volume, true);
+        Happen(cut);
+    }
+
     void BackUp(std::uint32_t application)
     {
-        for (std::uint32_t volume = 0; volume < Shapes().size(); ++volume) {
-            Operation backup{Do::Backup, application, volume, 0, 0, {}};
-            if (m_dice.OneIn(50))
-                backup.faults.push_back(ChooseFault(m_dice));
-            Happen(backup);
-        }
+        for (std::uint32_t volume = 0; volume < Shapes().size(); ++volume)
+            BackUp(application, volume, false);
+    }
+
+    void BackUp(std::uint32_t application, std::uint32_t volume, bool beforeACut)
+    {
+        Operation backup{Do::Backup, application, volume, 0, 0, {}};
+        if (m_dice.OneIn(beforeACut ? 2 : 50))
+            backup.faults.push_back(ChooseFault(m_dice));
+        Happen(backup, beforeACut);
     }
 
     // What an administrator does: everything works again, and who was thrown out is registered again.

@@ -104,6 +104,7 @@ void PrintVerdicts()
     print("asked again behind a failed fetch", verdicts.askedAgain);
     print("bitmap files looked at behind a fault", verdicts.files);
     print("unusable of them", verdicts.unusable);
+    print("power cuts looked behind", verdicts.cuts);
     print("what was owed sought in files and driver", verdicts.owed);
     std::fputs("\n", stderr);
 }

@@ -10,18 +10,21 @@ namespace vtproof {
 
 class Dice {
 public:
-    explicit Dice(std::uint64_t seed) : m_state(seed * 0x9E3779B97F4A7C15ull + 0xD1B54A32D192ED03ull) {}
-    std::uint64_t Next()
-    {
-        std::uint64_t z = (m_state += 0x9E3779B97F4A7C15ull);
-        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
-        z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
-        return z ^ (z >> 31);
-    }
+    // Mixed first: the numbers of two seeds that are next to each other are not to be the same ones, one later.
+    explicit Dice(std::uint64_t seed) : m_state(Mixed(seed + 0xD1B54A32D192ED03ull)) {}
+    std::uint64_t Next() { return Mixed(m_state += STEP); }
     std::uint32_t Below(std::uint32_t bound) { return static_cast<std::uint32_t>(Next() % bound); }
     bool OneIn(std::uint32_t bound) { return Below(bound) == 0; }
 
 private:
+    static constexpr std::uint64_t STEP = 0x9E3779B97F4A7C15ull;
+    static std::uint64_t Mixed(std::uint64_t z)
+    {
+        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+        z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+        return z ^ (z >> 31);
+    }
+
     std::uint64_t m_state;
 };
 

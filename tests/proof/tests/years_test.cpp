@@ -1,9 +1,11 @@
 // A short piece of the years; ./dev sim years does ten.
 #include "proof/proof_log.h"
+#include "proof/random_history.h"
 #include "proof/tests/replay.h"
 #include "proof/years.h"
 
 #include <gtest/gtest.h>
+#include <set>
 
 namespace vtproof {
 namespace {
@@ -47,6 +49,17 @@ TEST(Years, EndWhenTheyAreTold)
     const YearsResult result = RunYears(options);
     EXPECT_EQ("", result.wrong);
     EXPECT_EQ(5u, result.hours);
+}
+
+// Neighbouring seeds choose other things, and not the same ones a little later.
+TEST(Dice, OfSeedsNextToEachOtherHaveNothingInCommon)
+{
+    std::set<std::uint64_t> numbers;
+    for (std::uint64_t seed = 0; seed < 20; ++seed) {
+        Dice dice(seed);
+        for (int i = 0; i < 50; ++i)
+            EXPECT_TRUE(numbers.insert(dice.Next()).second) << "seed " << seed << ", number " << i;
+    }
 }
 
 // One record has the address of a name in it, which differs from process to process.

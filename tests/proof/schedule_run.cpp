@@ -230,7 +230,8 @@ void Director::Leaves(std::size_t application, Exported exported) noexcept
     if (!IsMeetingPlace(process, exported) || process.state != State::Inside)
         return;
     if (m_doomed && !m_run.died && process.number == 0) {
-        // It was through before its next call, and nobody else is to die.
+        // It was through before its next call, and nobody else is to die: the hits from now on are those of the watch.
+        m_doomed = false;
         DoubleRunOutside(
             [](void* director) {
                 VTFltSimClearCallFaults();

@@ -284,7 +284,8 @@ void Director::BeforeCall(const wchar_t* function) noexcept
     } else {
         changes = m_dice.OneIn(m_schedule.oneIn);
     }
-    if (changes) {
+    // One that is to die keeps the turn until it does, or another's call would be struck.
+    if (changes && (!m_doomed || m_run.died)) {
         ++m_run.changes;
         m_world.Mix(call * MOST_PROCESSES + t_process);
         DoubleYield();

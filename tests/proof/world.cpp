@@ -180,7 +180,7 @@ void World::Arm(const std::vector<Fault>& faults)
 {
     m_struck = false;
     m_armed = m_armed || !faults.empty();
-    m_struckCall = StruckCall();
+    m_struckCalls = StruckCalls();
     for (const Fault& fault : faults) {
         switch (fault.how) {
         case Fault::How::Fail:

@@ -17,8 +17,10 @@
 
 #include <array>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace vtproof {
@@ -145,10 +147,11 @@ private:
         std::vector<Bits> driver;                     // what the driver may hand out of the volume
         std::size_t bitmapBytes = 0;                  // of the volume
     };
-    // The call that a fault struck, of an operation in which that matters.
-    struct StruckCall {
-        const wchar_t* function = nullptr; // none
-        const wchar_t* last = nullptr;     // that was called
+    // The calls that faults struck, of an operation in which that matters; the first few.
+    struct StruckCalls {
+        std::array<const wchar_t*, 16> functions{};
+        std::size_t count = 0;
+        const wchar_t* last = nullptr; // that was called
         DWORD hits = 0;
     };
     // The requests for the tracking of snapshots, and the list of filters that they change.
@@ -297,6 +300,8 @@ private:
     std::string CheckListed() const;
     std::string CheckMarks();
     std::vector<std::wstring> Registered() const;
+    bool HasStruck(std::initializer_list<std::wstring_view> functions) const;
+    bool HasStruckAnother(std::initializer_list<std::wstring_view> functions) const;
     bool FailsOnce() const;
     bool MayBeDone() const;
     void NoteCallOfAFault(const wchar_t* function);
@@ -343,7 +348,7 @@ private:
     bool m_struck = false;
     bool m_faulty = false;
     std::vector<Fault> m_faults; // of the operation
-    StruckCall m_struckCall;
+    StruckCalls m_struckCalls;
     Monitoring m_monitoring;
     bool m_driverWasThere = false; // before the operation
     // Whose mark of which volume the operation may take off.

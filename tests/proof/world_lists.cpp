@@ -33,9 +33,9 @@ std::vector<std::wstring> Strings(const std::vector<std::uint8_t>& bytes)
     return strings;
 }
 
-bool IsOneOf(const wchar_t* name, std::initializer_list<std::wstring_view> names)
+bool IsOneOf(std::wstring_view name, std::initializer_list<std::wstring_view> names)
 {
-    return name != nullptr && std::find(names.begin(), names.end(), std::wstring_view(name)) != names.end();
+    return std::find(names.begin(), names.end(), name) != names.end();
 }
 
 } // namespace
@@ -112,7 +112,7 @@ std::string World::CheckMarked(const Application& application, bool all) const
     if (isAll || (!all && marks == before))
         return {};
     // A volume whose kind cannot be learned is left out.
-    if (IsOneOf(m_struckCall.function, {L"GetDriveTypeW"}))
+    if (HasStruck({L"GetDriveTypeW"}))
         return {};
     return all ? "not every volume is marked" : "some volumes are marked, and others are not";
 }
@@ -166,8 +166,8 @@ std::string World::CheckMonitoring(bool on, DWORD result)
     wanted.filter = on || (before.filter && !(before.stored && before.count == 1));
     if (result == 0) {
         // Without a driver there is nothing to do.
-        const bool mayBeGate = m_faulty && !IsOneOf(m_struckCall.function, {L"RegCreateKeyExW", L"RegSetValueExW",
-                                                                            L"RegDeleteValueW", L"CreateMutexW"});
+        const bool mayBeGate =
+            m_faulty && HasStruckAnother({L"RegCreateKeyExW", L"RegSetValueExW", L"RegDeleteValueW", L"CreateMutexW"});
         const bool there = IsDriverThere();
         if ((now == wanted && (there || m_driverWasThere)) ||
             (now == before && (!there || !m_driverWasThere || mayBeGate)))
@@ -201,14 +201,31 @@ bool World::MayBeDone() const
                        [](const Fault& fault) { return fault.how == Fault::How::FailAfter; });
 }
 
+bool World::HasStruck(std::initializer_list<std::wstring_view> functions) const
+{
+    const auto end = m_struckCalls.functions.begin() + static_cast<std::ptrdiff_t>(m_struckCalls.count);
+    return std::any_of(m_struckCalls.functions.begin(), end,
+                       [&](const wchar_t* function) { return IsOneOf(function, functions); });
+}
+
+// What is not known to be one of these may be another: no call, as when memory is short.
+bool World::HasStruckAnother(std::initializer_list<std::wstring_view> functions) const
+{
+    const auto end = m_struckCalls.functions.begin() + static_cast<std::ptrdiff_t>(m_struckCalls.count);
+    return m_struckCalls.count == 0 || std::any_of(m_struckCalls.functions.begin(), end, [&](const wchar_t* function) {
+               return !IsOneOf(function, functions);
+           });
+}
+
 // Called before each call. Allocates nothing.
 void World::NoteCallOfAFault(const wchar_t* function)
 {
+    StruckCalls& struck = m_struckCalls;
     const DWORD hits = VTFltSimGetCallFaultHits();
-    if (hits != m_struckCall.hits && m_struckCall.function == nullptr)
-        m_struckCall.function = m_struckCall.last;
-    m_struckCall.hits = hits;
-    m_struckCall.last = function;
+    if (hits != struck.hits && struck.last != nullptr && struck.count < struck.functions.size())
+        struck.functions[struck.count++] = struck.last;
+    struck.hits = hits;
+    struck.last = function;
 }
 
 } // namespace vtproof

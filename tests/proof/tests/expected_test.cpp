@@ -168,7 +168,7 @@ TEST(History, HasEveryFaultAndError)
             ofOne.insert(fault.error);
     }
     // All but the one that is none, and the one that lies.
-    EXPECT_EQ(static_cast<std::size_t>(Fault::How::Count) - 2, hows.size());
+    EXPECT_EQ(static_cast<std::size_t>(Fault::How::ShortRead) - 2, hows.size());
     EXPECT_EQ(0u, hows.count(Fault::How::NotThere));
     EXPECT_EQ(1u, once.count(234));
     EXPECT_EQ(0u, always.count(234));

@@ -134,7 +134,7 @@ void Director::RunProcess(Process& process)
         process.wrong = m_world.RunAtOnce(static_cast<std::uint32_t>(process.number), operation);
         if (!process.wrong.empty())
             break;
-        if (m_doomed && !m_run.died && VTFltSimGetCallFaultHits() != 0)
+        if (process.number == 0 && m_doomed && !m_run.died && VTFltSimGetCallFaultHits() != 0)
             NoteDeath(process);
     }
     m_world.EndAtOnce(static_cast<std::uint32_t>(process.number));

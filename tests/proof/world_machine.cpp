@@ -230,7 +230,7 @@ std::string World::Unmark(Application& application, std::size_t volume, bool its
     const bool mayBeNew = result == 0 || went == Went::Died || MayBeDone();
     if (m_watch == nullptr && !(mayBeOld && now == before) && !(mayBeNew && now == without))
         return "taking a mark off gives " + std::to_string(result) + ", and the verify list is not what it should be";
-    if (!m_faulty && result != (application.registered ? 0 : VTFLT_APP_NOT_REGISTERED))
+    if (went != Went::Died && !m_faulty && result != (application.registered ? 0 : VTFLT_APP_NOT_REGISTERED))
         return "taking a mark off gives " + std::to_string(result);
     return {};
 }

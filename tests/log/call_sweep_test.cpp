@@ -309,6 +309,7 @@ TEST_F(LogCallSweep, AViewerThatLooksOnChangesNothing)
     Sweep({L"*", ERROR_ACCESS_DENIED, 0}, 90);
 }
 
+// From then on only on the double: under Wine a test that gets no memory at all does not come back.
 TEST_F(LogCallSweep, AnAllocationThatFailsCostsNoRecord)
 {
     std::wstring executable = ProgramName();
@@ -317,13 +318,15 @@ TEST_F(LogCallSweep, AnAllocationThatFailsCostsNoRecord)
     const LiveViewer viewer(executable);
     const ViewerBreakpoints breakpoints;
     Sweep({ALLOCATION, ERROR_NOT_ENOUGH_MEMORY, 1}, 3);
-    Sweep({ALLOCATION, ERROR_NOT_ENOUGH_MEMORY, 0}, 3);
+    if (ON_DOUBLE)
+        Sweep({ALLOCATION, ERROR_NOT_ENOUGH_MEMORY, 0}, 3);
 }
 
 TEST_F(LogCallSweep, AnAllocationThatFailsWithoutAViewerCostsNoRecordEither)
 {
     Sweep({ALLOCATION, ERROR_NOT_ENOUGH_MEMORY, 1}, 2);
-    Sweep({ALLOCATION, ERROR_NOT_ENOUGH_MEMORY, 0}, 2);
+    if (ON_DOUBLE)
+        Sweep({ALLOCATION, ERROR_NOT_ENOUGH_MEMORY, 0}, 2);
 }
 
 // Another process that logs through the shipped library, and dies.

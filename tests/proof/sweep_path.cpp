@@ -31,7 +31,7 @@ void NoteFiles(const std::vector<std::wstring>& lines, std::uint32_t application
             continue;
         ++reads;
         // Another application's child whose head cannot be read whole, without an error, is taken for unusable: that
-        // application asks, and finds it sound (Limit.AnothersChildWhoseHead...).
+        // application asks, and finds it sound (Limit.AnothersFileWhoseHeader...).
         const bool isChild = lines[i].find(L"_child_") != std::wstring::npos;
         const bool isOwn = lines[i].find(L"_App" + vttest::WideNumber(application) + L".") != std::wstring::npos;
         if (i == 0 || path.calls[i - 1] != L"CreateFileW")

@@ -127,7 +127,7 @@ std::string World::Begin(std::size_t number, std::size_t volume)
     const Chain& chain = application.chains[volume];
     const bool fresh = !m_expected.HasBackup(number, volume);
     // At once, others may hand a list on meanwhile. A driver that does not answer hands out nothing
-    // (Limit.ADriverThatDoesNotAnswer...): with a fault only what is on the verify list is sure to be asked for.
+    // (Limit.ReplicatingWithoutADriver...): with a fault only what is on the verify list is sure to be asked for.
     const bool mustBeAsked = m_watch == nullptr && (chain.mustBeAsked || (chain.told && !m_faulty));
     DWORD asked = 0;
     DWORD step = 0; // how far it came

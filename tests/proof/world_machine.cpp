@@ -250,11 +250,11 @@ struct World::Answers {
     bool emptied = true;
     DWORD can = 0;
     DWORD works = 0;
-    DWORD notMonitored = 0;
+    DWORD notMonitored = 1;
     bool opened = false;
     DWORD asked = 1;
     DWORD blockSize = 0;
-    DWORD fetched = 0;
+    DWORD fetched = 1; // none of these is an answer
     DWORD needed = 0;
 };
 

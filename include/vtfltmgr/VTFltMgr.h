@@ -155,8 +155,9 @@ VTFLTMGR_API DWORD WINAPI VTFltGetBitmap(HANDLE volume, LPVOID input, DWORD inpu
  *
  * Writes one line ("copy into ...") to the process's standard output.
  * Results: 0; 87 (bad or unknown handle, null input; also a missing bitmap of a volume that no list can name, as of
- * VTFltGetBitmap); 0x10001 (the bitmap was missing, the volume must verify); 0x10005; 8; else an error of a bitmap file (0xFFFFFFFF when it has no other name) or the registry. After
- * any result but 0 the changes are not recorded: do not report success for this backup.
+ * VTFltGetBitmap); 0x10001 (the bitmap was missing, the volume must verify); 0x10005; 8; else an error of a bitmap
+ * file (0xFFFFFFFF when it has no other name) or the registry. After any result but 0 the changes are not recorded: do
+ * not report success for this backup.
  */
 VTFLTMGR_API DWORD WINAPI VTFltSynSnapshotChangeBitmapToVolume(HANDLE volume, LPVOID input, DWORD inputLength);
 

@@ -78,24 +78,21 @@ std::size_t FindOtherByte(const std::uint8_t* bytes, std::size_t count, std::uin
 }
 
 // The last blocks, fewer than a word has: the bytes that hold them, and clear ones behind.
-std::uint64_t BitCursor::LastWord(const std::uint8_t* bits, std::uint64_t at, std::uint64_t end) noexcept
+std::uint64_t BitCursor::LastWord(const std::uint8_t* bits, std::uint64_t block, std::uint64_t end) noexcept
 {
-    const std::uint64_t first = at / 8;
-    const std::uint64_t bytes = (end + 7) / 8 - first;
-    std::uint64_t word = 0;
-    // Blocks that begin inside a byte may need one byte more than a word has: that one comes with the next load.
-    for (std::uint64_t i = 0; i < bytes && i < sizeof(word); ++i)
-        word |= std::uint64_t{bits[first + i]} << (56 - 8 * i);
-    return word << at % 8;
+    const std::uint64_t bytes = (end - block + 7) / 8;
+    std::uint8_t word[sizeof(std::uint64_t)] = {};
+    std::memcpy(word, bits + block / 8, static_cast<std::size_t>(bytes));
+    return FirstBlockLowest(word);
 }
 
-// A word of nothing else is at the cursor, on a byte's start: the first block of the first byte that differs.
-std::uint64_t BitCursor::BehindAlike(const std::uint8_t* bits, std::uint64_t at, std::uint64_t end,
+// A word of nothing else is at the block, which begins a byte: the first block of the first byte that differs.
+std::uint64_t BitCursor::BehindAlike(const std::uint8_t* bits, std::uint64_t block, std::uint64_t end,
                                      std::uint8_t than) noexcept
 {
-    const std::uint64_t byte = at / 8;
+    const std::uint64_t byte = block / 8;
     const std::uint64_t whole = end / 8 - byte;
-    return at + 8 * std::uint64_t{FindOtherByte(bits + byte, static_cast<std::size_t>(whole), than)};
+    return block + 8 * std::uint64_t{FindOtherByte(bits + byte, static_cast<std::size_t>(whole), than)};
 }
 
 } // namespace vtflt

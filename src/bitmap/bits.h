@@ -8,6 +8,7 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace vtflt {
 
@@ -21,80 +22,119 @@ std::uint64_t CountSetBits(const std::uint8_t* bits, std::size_t count) noexcept
 std::size_t FindOtherByte(const std::uint8_t* bytes, std::size_t count, std::uint8_t than) noexcept;
 
 // Walks over the runs of set bits. The bits stay the caller's and are needed as long.
+//
+// A word is turned once into the places where a run begins or ends, so that short runs cost little more than finding the
+// next of these.
 class BitCursor {
 public:
     // Looks at the blocks from one on and before an end; no byte is read behind the one that holds the last of them.
     BitCursor(const std::uint8_t* bits, std::uint64_t from, std::uint64_t end) noexcept
-        : m_bits(bits), m_at(from < end ? from : end), m_end(end)
+        : m_bits(bits), m_at(from < end ? from : end), m_end(end), m_base(m_at / 8 * 8)
     {
         if (m_at < m_end)
-            Load();
+            Begin();
     }
 
     // The first set, or clear, block from where the cursor stands, which then stands there; the end when there is none.
-    std::uint64_t FindSet() noexcept { return Find<ALL_CLEAR>(); }
-    std::uint64_t FindClear() noexcept { return Find<ALL_SET>(); }
+    std::uint64_t FindSet() noexcept { return Find(true); }
+    std::uint64_t FindClear() noexcept { return Find(false); }
 
 private:
-    static constexpr std::uint8_t ALL_CLEAR = 0x00;
-    static constexpr std::uint8_t ALL_SET = 0xFF;
     static constexpr unsigned WORD_BITS = 64;
 
-    template <std::uint8_t Than>
-    std::uint64_t Find() noexcept
+    std::uint64_t Find(bool set) noexcept
     {
-        constexpr std::uint64_t WANTED = Than * 0x0101010101010101u; // in each byte
-        while (m_at < m_end) {
-            const auto alike = static_cast<unsigned>(std::countl_zero(m_word ^ WANTED));
-            if (alike < m_left) {
-                m_word <<= alike;
-                m_left -= alike;
-                m_at += alike;
-                return m_at;
-            }
-            m_at += m_left;
-            if (m_at < m_end && Load() == WANTED && m_left == WORD_BITS) {
-                m_at = BehindAlike(m_bits, m_at, m_end, Than);
-                if (m_at < m_end)
-                    Load();
-            }
-        }
-        return m_end;
+        if (m_isSet == set || m_at == m_end)
+            return m_at;
+        if (m_changes == 0 && !LoadNext())
+            return m_at = m_end;
+        m_at = m_base + static_cast<unsigned>(std::countr_zero(m_changes));
+        m_changes &= m_changes - 1;
+        m_isSet = set;
+        return m_at;
     }
 
-    // The word that begins with the cursor's block, which is the first bit of it.
-    std::uint64_t Load() noexcept
+    void Begin() noexcept
     {
-        const std::uint64_t byte = m_at / 8;
-        const auto shift = static_cast<unsigned>(m_at % 8);
-        if (m_end - m_at < WORD_BITS) {
-            m_word = LastWord(m_bits, m_at, m_end);
-            m_left = static_cast<unsigned>(m_end - m_at < WORD_BITS - shift ? m_end - m_at : WORD_BITS - shift);
-            return m_word;
-        }
-        m_word = BigEndian(m_bits + byte) << shift;
-        m_left = WORD_BITS - shift;
-        return m_word;
+        const std::uint64_t word = WordAt(m_base);
+        const auto skipped = static_cast<unsigned>(m_at - m_base);
+        m_isSet = (word >> skipped & 1) != 0;
+        // Those before the first count as being like it.
+        m_changes = ChangesIn(word) & ~std::uint64_t{0} << skipped & ~(std::uint64_t{1} << skipped);
     }
 
-    static std::uint64_t BigEndian(const std::uint8_t* bytes) noexcept
+    // Goes to the next word in which a run begins or ends; false when there is none.
+    bool LoadNext() noexcept
+    {
+        do {
+            if (m_end - m_base <= WORD_BITS)
+                return false;
+            m_base += WORD_BITS;
+            if (m_end - m_base >= WORD_BITS && IsAlike()) {
+                m_base = BehindAlike(m_bits, m_base, m_end, m_isSet ? 0xFF : 0x00);
+                if (m_base == m_end)
+                    return false;
+            }
+            m_changes = ChangesIn(WordAt(m_base));
+        } while (m_changes == 0);
+        return true;
+    }
+
+    bool IsAlike() const noexcept
+    {
+        std::uint64_t word = 0;
+        std::memcpy(&word, m_bits + m_base / 8, sizeof(word));
+        return word == (m_isSet ? ~std::uint64_t{0} : 0);
+    }
+
+    // The word's blocks that are not like the one before them.
+    std::uint64_t ChangesIn(std::uint64_t word) const noexcept
+    {
+        const std::uint64_t changes = word ^ (word << 1 | (m_isSet ? 1 : 0));
+        const std::uint64_t left = m_end - m_base;
+        return left >= WORD_BITS ? changes : changes & ~(~std::uint64_t{0} << left);
+    }
+
+    // The blocks from one on that begins a byte, the first in the lowest bit.
+    std::uint64_t WordAt(std::uint64_t block) const noexcept
+    {
+        if (m_end - block < WORD_BITS)
+            return LastWord(m_bits, block, m_end);
+        return FirstBlockLowest(m_bits + block / 8);
+    }
+
+    static std::uint64_t FirstBlockLowest(const std::uint8_t* bytes) noexcept
     {
         // Compilers make one instruction of it.
-        return std::uint64_t{bytes[0]} << 56 | std::uint64_t{bytes[1]} << 48 | std::uint64_t{bytes[2]} << 40 |
-               std::uint64_t{bytes[3]} << 32 | std::uint64_t{bytes[4]} << 24 | std::uint64_t{bytes[5]} << 16 |
-               std::uint64_t{bytes[6]} << 8 | std::uint64_t{bytes[7]};
+        const std::uint64_t word = std::uint64_t{bytes[0]} | std::uint64_t{bytes[1]} << 8 |
+                                   std::uint64_t{bytes[2]} << 16 | std::uint64_t{bytes[3]} << 24 |
+                                   std::uint64_t{bytes[4]} << 32 | std::uint64_t{bytes[5]} << 40 |
+                                   std::uint64_t{bytes[6]} << 48 | std::uint64_t{bytes[7]} << 56;
+        return WithBytesReversed(word);
+    }
+
+    // The bits of each byte in the other order.
+    static constexpr std::uint64_t WithBytesReversed(std::uint64_t word) noexcept
+    {
+        constexpr std::uint64_t FOURS = 0x0F0F0F0F0F0F0F0F;
+        constexpr std::uint64_t TWOS = 0x3333333333333333;
+        constexpr std::uint64_t ONES = 0x5555555555555555;
+        word = (word & FOURS) << 4 | (word >> 4 & FOURS);
+        word = (word & TWOS) << 2 | (word >> 2 & TWOS);
+        return (word & ONES) << 1 | (word >> 1 & ONES);
     }
 
     // Neither takes the cursor itself: one that nobody else sees stays in the processor's registers.
-    static std::uint64_t LastWord(const std::uint8_t* bits, std::uint64_t at, std::uint64_t end) noexcept;
-    static std::uint64_t BehindAlike(const std::uint8_t* bits, std::uint64_t at, std::uint64_t end,
+    static std::uint64_t LastWord(const std::uint8_t* bits, std::uint64_t block, std::uint64_t end) noexcept;
+    static std::uint64_t BehindAlike(const std::uint8_t* bits, std::uint64_t block, std::uint64_t end,
                                      std::uint8_t than) noexcept;
 
     const std::uint8_t* m_bits;
     std::uint64_t m_at;
     std::uint64_t m_end;
-    std::uint64_t m_word = 0; // the blocks from the cursor's on, first block in the highest bit
-    unsigned m_left = 0;      // how many of them are in it
+    std::uint64_t m_base;        // the block that the lowest bit of m_changes stands for; begins a byte
+    std::uint64_t m_changes = 0; // behind m_at: the blocks of the word that are not like the one before them
+    bool m_isSet = false;        // the block at m_at; not looked at when that is the end
 };
 
 // The same for one kind of processor each: for tests and measurements, which hold one against the other.

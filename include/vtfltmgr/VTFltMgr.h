@@ -226,8 +226,8 @@ VTFLTMGR_API DWORD WINAPI VTIsVerifyRequired(LPCWSTR applicationId, LPCWSTR volu
 
 /*
  * Puts every fixed volume that is there on the application's verify list.
- * Results: 0 (also when the driver is not installed or not working, and then nothing is marked); 87 (empty ID);
- * 0x10005; else an error of the volume walk or the registry.
+ * Results: 0 (also when the driver is not installed or not working, and then nothing is marked); 87 (empty ID, or a
+ * volume that no list can name: then none is marked); 0x10005; else an error of the volume walk or the registry.
  */
 VTFLTMGR_API DWORD WINAPI VTAddVolumesToAppVerifyList(LPCWSTR applicationId);
 

@@ -72,6 +72,9 @@ public:
     // volume, which forces a verify just the same. Returns the list's result.
     DWORD AddVolumeToResyncList();
 
+    // Whether a bitmap's file is known not to be there; false when that cannot be asked.
+    [[nodiscard]] bool IsFileGone(DWORD whichBitmap) const;
+
     // Lets go of a record; its file stays.
     void ReleaseRecord(DWORD whichBitmap);
 

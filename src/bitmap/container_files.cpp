@@ -247,4 +247,9 @@ DWORD CBitmapContainer::RemoveBitmaps()
     return baseError != ERROR_SUCCESS ? baseError : childError;
 }
 
+bool CBitmapContainer::IsFileGone(DWORD whichBitmap) const
+{
+    return GetFileAttributesW(FileName(whichBitmap).c_str()) == INVALID_FILE_ATTRIBUTES && IsMissing(GetLastError());
+}
+
 } // namespace vtflt

@@ -8,12 +8,24 @@
 
 namespace vtflt {
 
+namespace {
+
+DWORD OtherBitmap(DWORD whichBitmap)
+{
+    return whichBitmap == CHILD_BITMAP ? BASE_BITMAP : CHILD_BITMAP;
+}
+
+} // namespace
+
 // A bitmap of the current application that cannot be read: the volume goes on the verify list and a fresh bitmap is
 // started. Returns the list's error, else 0x10001; the reset's own result does not matter then.
 DWORD CMultiBitmapManager::ReplaceUnreadable(CBitmapContainer& container, DWORD whichBitmap)
 {
     const DWORD error = container.AddVolumeToResyncList();
-    container.ResetBitMapFiles(whichBitmap);
+    // A volume that could not be listed must not have two sound files, which would tell nobody that what the unreadable
+    // one held is lost: while the other file is still there, the unreadable one tells.
+    if (error == ERROR_SUCCESS || container.IsFileGone(OtherBitmap(whichBitmap)))
+        container.ResetBitMapFiles(whichBitmap);
     return error != ERROR_SUCCESS ? error : BM_ERR_VERIFY_REQUIRED;
 }
 

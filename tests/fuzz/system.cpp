@@ -177,6 +177,12 @@ BOOL WINAPI DeleteFileW(LPCWSTR path)
     return g_system.files.erase(path) != 0 ? TRUE : fuzz::Fail(ERROR_FILE_NOT_FOUND);
 }
 
+DWORD WINAPI GetFileAttributesW(LPCWSTR path)
+{
+    fuzz::Fail(fuzz::IsDue() ? ERROR_ACCESS_DENIED : ERROR_FILE_NOT_FOUND);
+    return g_system.files.count(path) != 0 ? FILE_ATTRIBUTE_NORMAL : INVALID_FILE_ATTRIBUTES;
+}
+
 BOOL WINAPI CopyFileW(LPCWSTR from, LPCWSTR to, BOOL failIfExists)
 {
     if (fuzz::IsDue())

@@ -215,6 +215,38 @@ TEST_F(GetBitmapDamage, AMissingBaseWhoseVolumeCannotBeListedEndsTheCallWithTheL
     EXPECT_EQ(OnlyThisVolume(), VerifyList(L"app1"));
 }
 
+// What the damaged base held is lost, and nothing but that file says so.
+TEST_F(GetBitmapDamage, ADamagedBaseIsNotRestartedBesideAChildThatStaysWhenTheVolumeCannotBeListed)
+{
+    const auto session = Open(L"app1");
+    ASSERT_EQ(0u, session->GetBitmap(BUFFER_LENGTH)); // the base has them now, and nobody else
+    for (const DWORD refusal : {ERROR_SHARING_VIOLATION, ERROR_ACCESS_DENIED}) {
+        WriteFileBytes(volume, BaseName(L"app1"), Bytes(3));
+        vtfltsim::FailCall(L"RegSetValueExW", ERROR_ACCESS_DENIED, L"app1.Last", 1, 0);
+        vtfltsim::FailCall(L"DeleteFileW", refusal, L"_child_");
+        EXPECT_EQ(5u, session->GetBitmap(BUFFER_LENGTH));
+        ClearFaults();
+        EXPECT_TRUE(FileExists(volume, ChildName(L"app1")));
+        EXPECT_FALSE(FileExists(volume, BaseName(L"app1")));
+        EXPECT_EQ(1u, VTIsVerifyRequired(L"app1", volume.Root().c_str()));
+        EXPECT_EQ(VERIFY, session->GetBitmap(BUFFER_LENGTH));
+        ASSERT_EQ(0u, session->Success());
+    }
+}
+
+TEST_F(GetBitmapDamage, ADamagedBaseIsNotRestartedWhenNobodyKnowsWhetherTheChildIsGone)
+{
+    const auto session = Open(L"app1");
+    ASSERT_EQ(0u, session->GetBitmap(BUFFER_LENGTH));
+    WriteFileBytes(volume, BaseName(L"app1"), Bytes(3));
+    vtfltsim::FailCall(L"RegSetValueExW", ERROR_ACCESS_DENIED, L"app1.Last", 1, 0);
+    vtfltsim::FailCall(L"DeleteFileW", ERROR_SHARING_VIOLATION, L"_child_");
+    vtfltsim::FailCall(L"GetFileAttributesW", ERROR_ACCESS_DENIED, L"_child_");
+    EXPECT_EQ(5u, session->GetBitmap(BUFFER_LENGTH));
+    ClearFaults();
+    EXPECT_EQ(VERIFY, session->GetBitmap(BUFFER_LENGTH));
+}
+
 TEST_F(GetBitmapDamage, AMissingChildThatCannotBeMadeForWantOfTheLengthEndsTheCallWithThatError)
 {
     const auto session = Open(L"app1");

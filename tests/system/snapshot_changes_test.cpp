@@ -177,6 +177,20 @@ TEST_F(SnapshotChanges, OnAMissingChildWhoseVolumeCannotBeListedEndWithTheListsE
     EXPECT_FALSE(FileExists(volume, BaseName(L"app1"))) << "no files, so the next job is a verify backup";
 }
 
+// What the damaged child held of other applications' fetches is lost, and nothing but that file says so.
+TEST_F(SnapshotChanges, OnADamagedChildMakeNoFreshOneBesideABaseThatStaysWhenTheVolumeCannotBeListed)
+{
+    const auto session = Open(L"app1");
+    WriteFileBytes(volume, ChildName(L"app1"), Bytes(3));
+    vtfltsim::FailCall(L"RegSetValueExW", ERROR_ACCESS_DENIED, L"app1.Last", 1, 0);
+    vtfltsim::FailCall(L"DeleteFileW", ERROR_SHARING_VIOLATION, L"_base_");
+    EXPECT_EQ(5u, session->SyncChanges(BufferOf(BUFFER_LENGTH, {60})));
+    ClearFaults();
+    EXPECT_TRUE(FileExists(volume, BaseName(L"app1")));
+    EXPECT_FALSE(FileExists(volume, ChildName(L"app1")));
+    EXPECT_EQ(1u, VTIsVerifyRequired(L"app1", volume.Root().c_str()));
+}
+
 TEST_F(SnapshotChanges, GoOnWhenTheVolumeCannotBePutOnTheVerifyList)
 {
     SetVerifyList(L"app1", {SNAPSHOTS_OTHER_VOLUME});

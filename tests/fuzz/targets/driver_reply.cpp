@@ -151,11 +151,42 @@ bool IsOnVerifyList(const wchar_t* application)
     return text.find(GUID_TEXT) != std::wstring::npos;
 }
 
+bool HasAll(const FileBytes& kept, const FileBytes& owed)
+{
+    for (std::size_t i = 0; i < owed.size(); ++i) {
+        if ((owed[i] & ~(i < kept.size() ? kept[i] : 0)) != 0)
+            return false;
+    }
+    return true;
+}
+
+// What base and child hold, as many bytes as there is room for.
+FileBytes OwedTo(const wchar_t* application, std::size_t most)
+{
+    FileBytes owed = BitsOf(Path(L"base", application), most);
+    const FileBytes child = BitsOf(Path(L"child", application), most);
+    owed.resize(std::max(owed.size(), child.size()));
+    std::transform(child.begin(), child.end(), owed.begin(), owed.begin(),
+                   [](std::uint8_t a, std::uint8_t b) { return static_cast<std::uint8_t>(a | b); });
+    return owed;
+}
+
+// The driver still has what is new; what was in the files before is there, or the application is told.
+void CheckNothingForgotten(const FileBytes& owed, const FileBytes& otherOwed, DWORD result)
+{
+    FUZZ_HOLDS(result != ERROR_SUCCESS);
+    for (const wchar_t* application : {L"App", L"Other"}) {
+        const bool isOther = application[0] == L'O';
+        const FileBytes& before = isOther ? otherOwed : owed;
+        const bool isTold = IsOnVerifyList(application) || RecordIn(Path(L"base", application)) == nullptr ||
+                            RecordIn(Path(L"child", application)) == nullptr;
+        FUZZ_HOLDS(isTold || HasAll(OwedTo(application, before.size()), before));
+    }
+}
+
 // What must be true once the driver has forgotten.
 void CheckNothingLost(const Machine& machine, const FileBytes& owed, bool otherWasUsable, DWORD result)
 {
-    if (!machine.forgotten)
-        return;
     FUZZ_HOLDS(machine.delivered);
     if (result == ERROR_SUCCESS) {
         FUZZ_HOLDS(Holds(Path(L"base", L"App"), machine.handed));
@@ -179,18 +210,18 @@ void Fetch(Input& input, Machine& machine, HANDLE volume)
     DWORD size = 0;
     machine.forgotten = false;
     machine.delivered = false;
-    FileBytes owed = BitsOf(Path(L"base", L"App"), length);
-    const FileBytes child = BitsOf(Path(L"child", L"App"), length);
-    owed.resize(std::max(owed.size(), child.size()));
-    std::transform(child.begin(), child.end(), owed.begin(), owed.begin(),
-                   [](std::uint8_t a, std::uint8_t b) { return static_cast<std::uint8_t>(a | b); });
+    const FileBytes owed = OwedTo(L"App", length);
+    const FileBytes otherOwed = OwedTo(L"Other", length); // what lies behind belongs to no block
     const bool otherIsUsable = RecordIn(Path(L"child", L"Other")) != nullptr;
     const DWORD result = VTFltGetBitmap(volume, &query, 1, buffer.get(), static_cast<DWORD>(length), &size, direct);
     if (direct != 0) {
         FUZZ_HOLDS(result == machine.errors[0] && !machine.forgotten);
         return;
     }
-    CheckNothingLost(machine, owed, otherIsUsable, result);
+    if (machine.forgotten)
+        CheckNothingLost(machine, owed, otherIsUsable, result);
+    else
+        CheckNothingForgotten(owed, otherOwed, result);
     if (result == ERROR_SUCCESS)
         FUZZ_HOLDS(machine.forgotten && size <= length);
     // The bitmap that was handed out has every change in it, but for the header.

@@ -77,7 +77,7 @@ DWORD CanDriverWork()
 }
 
 // Memory that runs short on the way is no answer of the driver's: it ends the export that asks, which must not take it for
-// a driver that is not there.
+// a driver that is not there. Only a filter list for which there is no memory counts as a wrong one.
 bool PassesDriverGate(const wchar_t* refusal)
 {
     if (CanDriverWork() != 0)

@@ -6,6 +6,7 @@
 #include "log/log.h"
 #include "vtfltmgr/VTFltMgr.h"
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -70,8 +71,8 @@ std::wstring QueryMountPath(const wchar_t* volumeName)
             return {};
         paths.assign(needed, L'\0');
     }
-    paths.back() = L'\0';
-    return std::wstring(paths.data()).substr(0, SHOWN_MOUNT_PATH_UNITS - 1);
+    const auto end = std::find(paths.begin(), paths.end(), L'\0');
+    return std::wstring(paths.begin(), end).substr(0, SHOWN_MOUNT_PATH_UNITS - 1);
 }
 
 // The mount path as messages show it. It decides nothing, so short memory only leaves it empty.

@@ -97,7 +97,7 @@ DWORD CBitmapContainer::MakeFreshRecord(DWORD whichBitmap)
     std::unique_ptr<BitmapRecord> record =
         BitmapRecord::Make(blockSize, BitmapBytesForVolume(length, blockSize) + FRESH_BITMAP_EXTRA_BYTES);
     if (record == nullptr)
-        return ERROR_NOT_ENOUGH_MEMORY;
+        return LogOutOfMemory(L"CBitmapContainer::ResetBitMapFiles");
     Record(whichBitmap) = std::move(record);
     return ERROR_SUCCESS;
 }
@@ -140,7 +140,7 @@ DWORD CBitmapContainer::RemapOldBitmapToNewBlockSize(DWORD whichBitmap)
     // it verified. So the old bits need not be mapped at all.
     std::unique_ptr<BitmapRecord> record = BitmapRecord::Make(blockSize, BitmapBytesForVolume(length, blockSize));
     if (record == nullptr)
-        return ERROR_NOT_ENOUGH_MEMORY;
+        return LogOutOfMemory(L"CBitmapContainer::RemapOldBitmapToNewBlockSize");
     Record(whichBitmap) = std::move(record);
     return WriteBitMapToFile(whichBitmap);
 }

@@ -38,7 +38,8 @@ public:
     virtual DWORD UpdateAllChildBitmap(DWORD length, const BYTE* driverBitmap) = 0;
     // Folds the current application's child bitmap into its base bitmap.
     virtual DWORD UpdateBaseBitmapWithChild() = 0;
-    // Clears the current application's child bitmap, which must have been loaded, and writes it.
+    // Clears the current application's child bitmap, which must have been loaded, and writes it. Behind VTDeviceIoControl
+    // no child is loaded.
     virtual DWORD ResetChildBitmap() = 0;
     // Clears the current application's base bitmap, which must have been loaded, and writes it.
     virtual DWORD ResetBaseBitmap() = 0;
@@ -92,6 +93,12 @@ private:
     bool HasEveryContainer() const;
     std::wstring MutexName() const;
 
+    // The verify list (manager.cpp)
+    DWORD AddVolumeToVerifyList();
+    DWORD QueryVerifyList();
+    DWORD FindOnVerifyList();
+    DWORD RemoveVolumeFromVerifyList();
+
     // Driver operations (manager_driver.cpp)
     DWORD Dispatch(const Request& request);
     void ReleaseChildren();
@@ -105,10 +112,6 @@ private:
     static DWORD ForgetInDriver(HANDLE hVolume);
     void LogVerifyRequired() const;
     DWORD SyncSnapshotChanges(const Request& request);
-    DWORD AddVolumeToVerifyList();
-    DWORD QueryVerifyList();
-    DWORD FindOnVerifyList();
-    DWORD RemoveVolumeFromVerifyList();
     DWORD ReplicationSuccess();
 
     // Merging (manager_merge.cpp)

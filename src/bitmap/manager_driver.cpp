@@ -16,6 +16,12 @@ bool IsSizeNegotiation(DWORD error)
     return error == ERROR_MORE_DATA || error == ERROR_INSUFFICIENT_BUFFER;
 }
 
+bool ReadsChildren(DWORD controlCode)
+{
+    return controlCode == VTFLTCTL_GET_BITMAP || controlCode == VTFLTCTL_VOLUME_BLOCK_SIZE_CHANGE ||
+           controlCode == VTFLTCTL_SYNC_SNAPSHOT_CHANGES_TO_VOLUME_BITMAP;
+}
+
 } // namespace
 
 DWORD CMultiBitmapManager::VTDeviceIoControl(HANDLE hVolume, DWORD controlCode, void* inBuffer, DWORD inLength,
@@ -42,12 +48,13 @@ DWORD CMultiBitmapManager::VTDeviceIoControl(HANDLE hVolume, DWORD controlCode, 
     }
     const DWORD result =
         Dispatch({hVolume, controlCode, inBuffer, inLength, outBuffer, outLength, pBytesReturned, pOverlapped});
-    ReleaseChildren();
+    if (ReadsChildren(controlCode))
+        ReleaseChildren();
     return result;
 }
 
-// Each operation reads the children that it needs anew: behind it nobody looks at these, and the next one has the memory
-// of one.
+// Each operation that needs children reads them anew: behind it nobody looks at these, and the next one has the memory of
+// one. No other operation touches a record: a wait for the mutex that times out lets it run beside one that does.
 void CMultiBitmapManager::ReleaseChildren()
 {
     for (auto& [appId, container] : m_mapContainers) {
@@ -125,7 +132,8 @@ DWORD CMultiBitmapManager::ChangeBlockSize(const Request& request)
             L"CMultiBitmapManager::VTDeviceIoControl::VTFLTCTL_VOLUME_BLOCK_SIZE_CHANGE failed, mserr=%u.", error);
         return error;
     }
-    // The driver has changed over already: what could not be remapped is found out when it is next read.
+    // The driver has changed over already, so its answer stands whatever could not be remapped: the application that has
+    // the block size changed reads everything next.
     RemapAllAppBitmap();
     return ERROR_SUCCESS;
 }

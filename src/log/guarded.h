@@ -8,6 +8,13 @@
 
 namespace vtflt {
 
+// Logs that the operation's memory could not be had. Always 8.
+inline DWORD LogOutOfMemory(const wchar_t* operation) noexcept
+{
+    Log(LOG_ERROR, ERROR_NOT_ENOUGH_MEMORY, L"%s: There is not enough memory for this operation.", operation);
+    return ERROR_NOT_ENOUGH_MEMORY;
+}
+
 // Runs the body. No exception goes further: memory that could not be had gives outOfMemory, anything else gives failed.
 // Either is logged, under the name of the operation that it ends.
 template <class Result, class Body>
@@ -17,7 +24,7 @@ Result Guarded(const wchar_t* operation, Result outOfMemory, Result failed, Body
     try {
         return body();
     } catch (const std::bad_alloc&) {
-        Log(LOG_ERROR, ERROR_NOT_ENOUGH_MEMORY, L"%s: There is not enough memory for this operation.", operation);
+        LogOutOfMemory(operation);
         return outOfMemory;
     } catch (...) {
         Log(LOG_ERROR, UNKNOWN_FAILURE, L"%s: The operation ended for an unknown reason.", operation);

@@ -9,6 +9,7 @@ namespace vtflt {
 namespace {
 
 constexpr std::size_t WORD_BYTES = sizeof(std::uint64_t);
+constexpr unsigned WORD_BITS = 64;
 
 std::uint64_t WordAt(const std::uint8_t* bytes) noexcept
 {
@@ -50,6 +51,44 @@ std::size_t FindOtherByteInWords(const std::uint8_t* bytes, std::size_t count, s
     return i;
 }
 
+// The bits of each byte in the other order.
+constexpr std::uint64_t WithBytesReversed(std::uint64_t word) noexcept
+{
+    constexpr std::uint64_t FOURS = 0x0F0F0F0F0F0F0F0F;
+    constexpr std::uint64_t TWOS = 0x3333333333333333;
+    constexpr std::uint64_t ONES = 0x5555555555555555;
+    word = (word & FOURS) << 4 | (word >> 4 & FOURS);
+    word = (word & TWOS) << 2 | (word >> 2 & TWOS);
+    return (word & ONES) << 1 | (word >> 1 & ONES);
+}
+
+// Eight bytes, the first in the lowest place: compilers make one instruction of it.
+std::uint64_t LittleEndian(const std::uint8_t* bytes) noexcept
+{
+    return std::uint64_t{bytes[0]} | std::uint64_t{bytes[1]} << 8 | std::uint64_t{bytes[2]} << 16 |
+           std::uint64_t{bytes[3]} << 24 | std::uint64_t{bytes[4]} << 32 | std::uint64_t{bytes[5]} << 40 |
+           std::uint64_t{bytes[6]} << 48 | std::uint64_t{bytes[7]} << 56;
+}
+
+// A word of blocks from one on that begins a byte, the first in the lowest bit. Behind the end they are clear, and no byte is
+// read that holds none before it.
+std::uint64_t BlocksAt(const std::uint8_t* bits, std::uint64_t block, std::uint64_t end) noexcept
+{
+    if (end - block >= WORD_BITS)
+        return WithBytesReversed(LittleEndian(bits + block / 8));
+    std::uint8_t bytes[WORD_BYTES] = {};
+    std::memcpy(bytes, bits + block / 8, static_cast<std::size_t>((end - block + 7) / 8));
+    return WithBytesReversed(LittleEndian(bytes));
+}
+
+// Of a word of blocks those that are not like the one before them, before so many that are left; isSet: the one before the
+// first.
+std::uint64_t ChangesIn(std::uint64_t word, std::uint64_t left, bool isSet) noexcept
+{
+    const std::uint64_t changes = word ^ (word << 1 | (isSet ? 1 : 0));
+    return left >= WORD_BITS ? changes : changes & ~(~std::uint64_t{0} << left);
+}
+
 // Looked at once, when the module is loaded.
 const BitOperations& g_operations = ChooseBitOperations(ProcessorHasAvx2());
 
@@ -77,22 +116,32 @@ std::size_t FindOtherByte(const std::uint8_t* bytes, std::size_t count, std::uin
     return g_operations.findOtherByte(bytes, count, than);
 }
 
-// The last blocks, fewer than a word has: the bytes that hold them, and clear ones behind.
-std::uint64_t BitCursor::LastWord(const std::uint8_t* bits, std::uint64_t block, std::uint64_t end) noexcept
+BitCursor::Changes BitCursor::FirstWord(const std::uint8_t* bits, std::uint64_t from, std::uint64_t end,
+                                        bool isSet) noexcept
 {
-    const std::uint64_t bytes = (end - block + 7) / 8;
-    std::uint8_t word[sizeof(std::uint64_t)] = {};
-    std::memcpy(word, bits + block / 8, static_cast<std::size_t>(bytes));
-    return FirstBlockLowest(word);
+    const std::uint64_t base = from / 8 * 8;
+    const std::uint64_t word = BlocksAt(bits, base, end);
+    const auto skipped = static_cast<unsigned>(from - base);
+    // Those before the first, and the first itself, are no change.
+    return {base, ChangesIn(word, end - base, isSet) & ~std::uint64_t{1} << skipped};
 }
 
-// A word of nothing else is at the block, which begins a byte: the first block of the first byte that differs.
-std::uint64_t BitCursor::BehindAlike(const std::uint8_t* bits, std::uint64_t block, std::uint64_t end,
-                                     std::uint8_t than) noexcept
+BitCursor::Changes BitCursor::NextWord(const std::uint8_t* bits, std::uint64_t base, std::uint64_t end,
+                                       bool isSet) noexcept
 {
-    const std::uint64_t byte = block / 8;
-    const std::uint64_t whole = end / 8 - byte;
-    return block + 8 * std::uint64_t{FindOtherByte(bits + byte, static_cast<std::size_t>(whole), than)};
+    const std::uint64_t alike = isSet ? ~std::uint64_t{0} : 0;
+    while (end - base > WORD_BITS) {
+        base += WORD_BITS;
+        if (end - base >= WORD_BITS && WordAt(bits + base / 8) == alike) {
+            // No word but bytes: the first one that differs begins the word that is looked at.
+            const auto whole = static_cast<std::size_t>((end - base) / 8);
+            base += 8 * std::uint64_t{FindOtherByte(bits + base / 8, whole, isSet ? 0xFF : 0x00)};
+        }
+        const std::uint64_t changes = ChangesIn(BlocksAt(bits, base, end), end - base, isSet);
+        if (changes != 0)
+            return {base, changes};
+    }
+    return {base, 0};
 }
 
 } // namespace vtflt

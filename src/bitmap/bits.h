@@ -8,7 +8,6 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 
 namespace vtflt {
 
@@ -29,10 +28,12 @@ class BitCursor {
 public:
     // Looks at the blocks from one on and before an end; no byte is read behind the one that holds the last of them.
     BitCursor(const std::uint8_t* bits, std::uint64_t from, std::uint64_t end) noexcept
-        : m_bits(bits), m_at(from < end ? from : end), m_end(end), m_base(m_at / 8 * 8)
+        : m_bits(bits), m_at(from < end ? from : end), m_end(end)
     {
-        if (m_at < m_end)
-            Begin();
+        if (m_at >= m_end)
+            return;
+        m_isSet = (bits[m_at / 8] & 0x80u >> m_at % 8) != 0;
+        m_word = FirstWord(bits, m_at, end, m_isSet);
     }
 
     // The first set, or clear, block from where the cursor stands, which then stands there; the end when there is none.
@@ -40,101 +41,37 @@ public:
     std::uint64_t FindClear() noexcept { return Find(false); }
 
 private:
-    static constexpr unsigned WORD_BITS = 64;
+    // The blocks of a word that are not like the one before them, the first block in the lowest bit.
+    struct Changes {
+        std::uint64_t base; // the first block; begins a byte
+        std::uint64_t bits;
+    };
 
     std::uint64_t Find(bool set) noexcept
     {
         if (m_isSet == set || m_at == m_end)
             return m_at;
-        if (m_changes == 0 && !LoadNext())
-            return m_at = m_end;
-        m_at = m_base + static_cast<unsigned>(std::countr_zero(m_changes));
-        m_changes &= m_changes - 1;
+        if (m_word.bits == 0) {
+            m_word = NextWord(m_bits, m_word.base, m_end, m_isSet);
+            if (m_word.bits == 0)
+                return m_at = m_end;
+        }
+        m_at = m_word.base + static_cast<unsigned>(std::countr_zero(m_word.bits));
+        m_word.bits &= m_word.bits - 1;
         m_isSet = set;
         return m_at;
     }
 
-    void Begin() noexcept
-    {
-        const std::uint64_t word = WordAt(m_base);
-        const auto skipped = static_cast<unsigned>(m_at - m_base);
-        m_isSet = (word >> skipped & 1) != 0;
-        // Those before the first count as being like it.
-        m_changes = ChangesIn(word) & ~std::uint64_t{0} << skipped & ~(std::uint64_t{1} << skipped);
-    }
-
-    // Goes to the next word in which a run begins or ends; false when there is none.
-    bool LoadNext() noexcept
-    {
-        do {
-            if (m_end - m_base <= WORD_BITS)
-                return false;
-            m_base += WORD_BITS;
-            if (m_end - m_base >= WORD_BITS && IsAlike()) {
-                m_base = BehindAlike(m_bits, m_base, m_end, m_isSet ? 0xFF : 0x00);
-                if (m_base == m_end)
-                    return false;
-            }
-            m_changes = ChangesIn(WordAt(m_base));
-        } while (m_changes == 0);
-        return true;
-    }
-
-    bool IsAlike() const noexcept
-    {
-        std::uint64_t word = 0;
-        std::memcpy(&word, m_bits + m_base / 8, sizeof(word));
-        return word == (m_isSet ? ~std::uint64_t{0} : 0);
-    }
-
-    // The word's blocks that are not like the one before them.
-    std::uint64_t ChangesIn(std::uint64_t word) const noexcept
-    {
-        const std::uint64_t changes = word ^ (word << 1 | (m_isSet ? 1 : 0));
-        const std::uint64_t left = m_end - m_base;
-        return left >= WORD_BITS ? changes : changes & ~(~std::uint64_t{0} << left);
-    }
-
-    // The blocks from one on that begins a byte, the first in the lowest bit.
-    std::uint64_t WordAt(std::uint64_t block) const noexcept
-    {
-        if (m_end - block < WORD_BITS)
-            return LastWord(m_bits, block, m_end);
-        return FirstBlockLowest(m_bits + block / 8);
-    }
-
-    static std::uint64_t FirstBlockLowest(const std::uint8_t* bytes) noexcept
-    {
-        // Compilers make one instruction of it.
-        const std::uint64_t word = std::uint64_t{bytes[0]} | std::uint64_t{bytes[1]} << 8 |
-                                   std::uint64_t{bytes[2]} << 16 | std::uint64_t{bytes[3]} << 24 |
-                                   std::uint64_t{bytes[4]} << 32 | std::uint64_t{bytes[5]} << 40 |
-                                   std::uint64_t{bytes[6]} << 48 | std::uint64_t{bytes[7]} << 56;
-        return WithBytesReversed(word);
-    }
-
-    // The bits of each byte in the other order.
-    static constexpr std::uint64_t WithBytesReversed(std::uint64_t word) noexcept
-    {
-        constexpr std::uint64_t FOURS = 0x0F0F0F0F0F0F0F0F;
-        constexpr std::uint64_t TWOS = 0x3333333333333333;
-        constexpr std::uint64_t ONES = 0x5555555555555555;
-        word = (word & FOURS) << 4 | (word >> 4 & FOURS);
-        word = (word & TWOS) << 2 | (word >> 2 & TWOS);
-        return (word & ONES) << 1 | (word >> 1 & ONES);
-    }
-
-    // Neither takes the cursor itself: one that nobody else sees stays in the processor's registers.
-    static std::uint64_t LastWord(const std::uint8_t* bits, std::uint64_t block, std::uint64_t end) noexcept;
-    static std::uint64_t BehindAlike(const std::uint8_t* bits, std::uint64_t block, std::uint64_t end,
-                                     std::uint8_t than) noexcept;
+    // None takes the cursor itself: one that nobody else sees stays in the processor's registers.
+    static Changes FirstWord(const std::uint8_t* bits, std::uint64_t from, std::uint64_t end, bool isSet) noexcept;
+    // The next word with a change, behind the one that begins at base; without any when there is none.
+    static Changes NextWord(const std::uint8_t* bits, std::uint64_t base, std::uint64_t end, bool isSet) noexcept;
 
     const std::uint8_t* m_bits;
     std::uint64_t m_at;
     std::uint64_t m_end;
-    std::uint64_t m_base;        // the block that the lowest bit of m_changes stands for; begins a byte
-    std::uint64_t m_changes = 0; // behind m_at: the blocks of the word that are not like the one before them
-    bool m_isSet = false;        // the block at m_at; not looked at when that is the end
+    Changes m_word = {0, 0}; // what of the cursor's word lies behind it
+    bool m_isSet = false;    // the block at m_at; not looked at when that is the end
 };
 
 // The same for one kind of processor each: for tests and measurements, which hold one against the other.

@@ -18,7 +18,7 @@ import matplotlib.pyplot as plot
 BUSY_LIMIT = 0.5
 PATIENCE_SECONDS = 300
 # Of results/KIND.json. What was kept in another shape, or measured in another way, cannot stand beside what is new.
-FORMATS = {"core": 2, "whole": 3}
+FORMATS = {"core": 2, "whole": 3, "tried": 1}
 # What a figure depends on; the results themselves change while their parts are measured.
 MEASURED = ("src", "include", "sim", "bench", ":!bench/results", "tests/cost", "cmake", "CMakeLists.txt", "CMakePresets.json")
 

@@ -220,7 +220,7 @@ TEST_F(GetBitmapDamage, ADamagedBaseIsNotRestartedBesideAChildThatStaysWhenTheVo
 {
     const auto session = Open(L"app1");
     ASSERT_EQ(0u, session->GetBitmap(BUFFER_LENGTH)); // the base has them now, and nobody else
-    for (const DWORD refusal : {ERROR_SHARING_VIOLATION, ERROR_ACCESS_DENIED}) {
+    for (const DWORD refusal : {DWORD{ERROR_SHARING_VIOLATION}, DWORD{ERROR_ACCESS_DENIED}}) {
         WriteFileBytes(volume, BaseName(L"app1"), Bytes(3));
         vtfltsim::FailCall(L"RegSetValueExW", ERROR_ACCESS_DENIED, L"app1.Last", 1, 0);
         vtfltsim::FailCall(L"DeleteFileW", refusal, L"_child_");

@@ -148,7 +148,6 @@ struct Cost {
     std::map<std::wstring, DWORD> onFiles; // calls on bitmap files, by function
     std::uint64_t bytesRead = 0;
     std::uint64_t bytesWritten = 0;
-    DWORD allocations = 0;
 };
 
 std::uint64_t SizeIn(const std::wstring& call)

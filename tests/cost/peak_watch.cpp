@@ -46,9 +46,8 @@ std::uint64_t PrivateUsage()
     return counters.PrivateUsage != 0 ? counters.PrivateUsage : counters.PagefileUsage;
 }
 
-PeakWatch::PeakWatch(HMODULE module) : m_before(CommittedPrivateBytes()), m_most(m_before)
+PeakWatch::PeakWatch(HMODULE module) : m_armed(this), m_before(CommittedPrivateBytes()), m_most(m_before)
 {
-    s_watch = this;
     // A module that gives memory back in another way would have peaks that nobody sees: without this import it throws.
     m_free.emplace(module, "free", reinterpret_cast<void*>(&WatchedFree));
     if (ImportedFunction(module, "VirtualFree") != nullptr)
@@ -58,7 +57,7 @@ PeakWatch::PeakWatch(HMODULE module) : m_before(CommittedPrivateBytes()), m_most
         vtfltsim::Check("VTFltSimCallBefore", VTFltSimCallBefore(function, nullptr, 1, 0, LookAtMemory, this));
 }
 
-PeakWatch::~PeakWatch()
+PeakWatch::Armed::~Armed()
 {
     VTFltSimClearCallFaults();
     s_watch = nullptr;

@@ -22,7 +22,7 @@ public:
     explicit PeakWatch(HMODULE module);
     PeakWatch(const PeakWatch&) = delete;
     PeakWatch& operator=(const PeakWatch&) = delete;
-    ~PeakWatch();
+    ~PeakWatch() = default;
     // The most so far, beyond what was there at the beginning.
     [[nodiscard]] std::uint64_t Peak() const { return m_most - m_before; }
     void Look();
@@ -31,7 +31,17 @@ private:
     static void WatchedFree(void* bytes);
     static BOOL WINAPI WatchedVirtualFree(void* bytes, SIZE_T size, DWORD type);
 
+    // What the overrides and the calls' hooks look into. It ends behind the overrides, also when the constructor throws.
+    class Armed {
+    public:
+        explicit Armed(PeakWatch* watch) { s_watch = watch; }
+        Armed(const Armed&) = delete;
+        Armed& operator=(const Armed&) = delete;
+        ~Armed();
+    };
+
     static PeakWatch* s_watch;
+    Armed m_armed;
     std::optional<ImportOverride> m_free;
     std::optional<ImportOverride> m_virtualFree;
     std::uint64_t m_before;

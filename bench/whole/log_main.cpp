@@ -1,5 +1,5 @@
-// whole_log_bench [--quick] FILE: what a log message costs, beside the system calls that it demands; the results go into FILE as
-// JSON. It starts itself again as a writer: whole_log_bench --writer|--bare-writer COUNT.
+// whole_log_bench [--quick] FILE: what a log message costs, beside the system calls that it demands; the results go into FILE
+// as JSON. It starts itself again as a writer: whole_log_bench --writer|--bare-writer COUNT.
 #include "log_bare.h"
 #include "measure.h"
 
@@ -35,6 +35,11 @@ std::wstring Folder()
     return folder.substr(0, folder.rfind(L'\\') + 1);
 }
 
+std::wstring LibraryFile()
+{
+    return Folder() + L"Logs\\whole_log_bench.exe.Log";
+}
+
 std::wstring BareFile()
 {
     return Folder() + L"Logs\\bare.Log";
@@ -58,6 +63,47 @@ auto Times(int count, Work work)
             work();
     };
 }
+
+std::uint64_t SizeOf(const std::wstring& path)
+{
+    const vtflt::UniqueHandle file(CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                               nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    Require(file.valid(), "opening a log file");
+    LARGE_INTEGER size = {};
+    Require(GetFileSizeEx(file.get(), &size) != FALSE, "asking for a log file's size");
+    return static_cast<std::uint64_t>(size.QuadPart);
+}
+
+// How much a file grew in each timed run. A message that fails says so to nobody, and would be a fast one.
+class Growth {
+public:
+    explicit Growth(std::wstring path) : m_path(std::move(path)) {}
+
+    // The time of the work, which it gives itself, in ms.
+    template <class Timed>
+    double Watch(const Timed& timed)
+    {
+        const std::uint64_t before = SizeOf(m_path);
+        const double time = timed();
+        m_grown.push_back(SizeOf(m_path) - before);
+        return time;
+    }
+
+    // Messages of one program are all of the same width.
+    void RequireMessages(int messages, const Json& bytesOfMessage) const
+    {
+        const std::uint64_t wanted = static_cast<std::uint64_t>(messages) * bytesOfMessage.get<std::uint64_t>();
+        for (const std::uint64_t grown : m_grown) {
+            if (grown != wanted)
+                throw std::runtime_error("a log file grew by " + std::to_string(grown) + " bytes, not by " +
+                                         std::to_string(wanted));
+        }
+    }
+
+private:
+    std::wstring m_path;
+    std::vector<std::uint64_t> m_grown;
+};
 
 // What one message does, as counts.
 Json CountsOf(void (*log)())
@@ -106,9 +152,17 @@ Json Compare(const char* name, void (*log)(), BareLog& bare, void (BareLog::*mes
     const auto plain = Times(amounts.messages, [&bare, message] { (bare.*message)(); });
     library();
     plain();
-    Json row = {{"messages", amounts.messages}, {"time", ToJson(InTurns(amounts.pairs, library, plain), TARGET)}};
+    Growth ofLibrary(LibraryFile());
+    Growth ofBare(BareFile());
+    SideBySide times;
+    for (int pair = 0; pair < amounts.pairs; ++pair)
+        times.Add([&] { return ofLibrary.Watch([&] { return TimeOf(library); }); },
+                  [&] { return ofBare.Watch([&] { return TimeOf(plain); }); });
+    Json row = {{"messages", amounts.messages}, {"time", ToJson(times, TARGET)}};
     row["counts"] = CountsOf(log);
     row["bare_counts"] = CountsOfBare(bare, message);
+    ofLibrary.RequireMessages(amounts.messages, row["counts"]["bytes_written"]);
+    ofBare.RequireMessages(amounts.messages, row["bare_counts"]["bytes_written"]);
     row["calls_beyond_bare"] = CallsBeyond(row["counts"], row["bare_counts"]);
     std::printf("log %s: %s ms for %d, bare %s ms, ratio %s; %s calls, bare %s; %s allocations\n", name,
                 row["time"]["library_ms"].dump().c_str(), amounts.messages, row["time"]["bare_ms"].dump().c_str(),
@@ -150,8 +204,11 @@ double TimeOfWriters(const std::wstring& arguments)
     for (int i = 0; i < WRITERS; ++i)
         Require(WaitForSingleObject(ready.get(), 600000) == WAIT_OBJECT_0, "a writer that is done");
     const double time = Milliseconds() - begin;
-    for (const vtflt::UniqueHandle& process : processes)
-        WaitForSingleObject(process.get(), INFINITE);
+    for (const vtflt::UniqueHandle& process : processes) {
+        DWORD code = 0;
+        Require(WaitForSingleObject(process.get(), 60000) == WAIT_OBJECT_0, "a writer that has ended");
+        Require(GetExitCodeProcess(process.get(), &code) != FALSE && code == 0, "a writer that could write");
+    }
     return time;
 }
 
@@ -161,19 +218,24 @@ void WriteAsOneOfMany(int messages, const std::function<void()>& message)
     const vtflt::UniqueHandle go(OpenEventW(SYNCHRONIZE, FALSE, GO_NAME));
     message(); // opens what stays open
     ReleaseSemaphore(ready.get(), 1, nullptr);
-    WaitForSingleObject(go.get(), INFINITE);
+    Require(WaitForSingleObject(go.get(), INFINITE) == WAIT_OBJECT_0, "the common start");
     for (int i = 0; i < messages; ++i)
         message();
     ReleaseSemaphore(ready.get(), 1, nullptr);
 }
 
-Json MeasureWriters(const Amounts& amounts)
+// bytesOfMessage: of an accepted message. Each writer also writes one before the start.
+Json MeasureWriters(const Amounts& amounts, const Json& bytesOfMessage)
 {
     const std::wstring count = L" " + std::to_wstring(amounts.messagesOfWriter);
+    Growth ofLibrary(LibraryFile());
+    Growth ofBare(BareFile());
     SideBySide times;
     for (int pair = 0; pair < amounts.writerPairs; ++pair)
-        times.Add([&] { return TimeOfWriters(L"--writer" + count); },
-                  [&] { return TimeOfWriters(L"--bare-writer" + count); });
+        times.Add([&] { return ofLibrary.Watch([&] { return TimeOfWriters(L"--writer" + count); }); },
+                  [&] { return ofBare.Watch([&] { return TimeOfWriters(L"--bare-writer" + count); }); });
+    for (const Growth* const growth : {&ofLibrary, &ofBare})
+        growth->RequireMessages(WRITERS * (amounts.messagesOfWriter + 1), bytesOfMessage);
     const int messages = WRITERS * amounts.messagesOfWriter;
     Json row = {{"processes", WRITERS}, {"messages", messages}, {"time", ToJson(times, TARGET)}};
     std::printf("log of %d processes: %s ms for %d, bare %s ms, ratio %s\n", WRITERS,
@@ -184,7 +246,7 @@ Json MeasureWriters(const Amounts& amounts)
 
 void RemoveLogs()
 {
-    DeleteFileW((Folder() + L"Logs\\whole_log_bench.exe.Log").c_str());
+    DeleteFileW(LibraryFile().c_str());
     DeleteFileW(BareFile().c_str());
 }
 
@@ -204,7 +266,7 @@ int Measure(const std::string& file, const Amounts& amounts)
         log["with_viewer"] = Compare("with a viewer", LogAccepted, bare, &BareLog::AcceptWithViewer, amounts);
     }
     vtflt::StopLog();
-    log["eight_processes"] = MeasureWriters(amounts);
+    log["eight_processes"] = MeasureWriters(amounts, log["accepted"]["counts"]["bytes_written"]);
     RemoveLogs();
 
     std::ofstream out(file);

@@ -103,6 +103,12 @@ int Run(bool quick, const std::string& file)
                        {"load_empty_ms", Rounded(Median(times.loads.bare))},
                        {"unload_empty_ms", Rounded(Median(times.unloads.bare))},
                        {"runs", runs},
+                       {"load_runs_ms", Rounded(times.loads.library)},
+                       {"unload_runs_ms", Rounded(times.unloads.library)},
+                       {"load_with_imports_runs_ms", Rounded(alone.loads.library)},
+                       {"unload_with_imports_runs_ms", Rounded(alone.unloads.library)},
+                       {"load_empty_runs_ms", Rounded(times.loads.bare)},
+                       {"unload_empty_runs_ms", Rounded(times.unloads.bare)},
                        {"dll_bytes", SizeOf(library)},
                        {"limit_bytes", 1048576},
                        {"imports", imports}};

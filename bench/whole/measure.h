@@ -120,20 +120,23 @@ inline double Least(const std::vector<double>& values)
     return values.empty() ? 0 : *std::min_element(values.begin(), values.end());
 }
 
-// The ratio that counts is the median of the pairs' ratios: the two of a pair ran one right behind the other.
+// The ratio that counts is the median of the pairs' ratios: the two of a pair ran one right behind the other. As many ratios
+// lie below the lower quartile as above the upper one.
 inline Json ToJson(const SideBySide& times, double target)
 {
     std::vector<double> ratios;
     for (std::size_t i = 0; i < times.library.size(); ++i)
         ratios.push_back(times.library[i] / times.bare[i]);
+    Require(!ratios.empty(), "at least one pair");
     std::sort(ratios.begin(), ratios.end());
+    const std::size_t aside = (ratios.size() - 1) / 4;
     const double library = Median(times.library);
     const double bare = Median(times.bare);
     return {{"library_ms", Rounded(library)},
             {"bare_ms", Rounded(bare)},
             {"ratio", Rounded(Median(ratios))},
-            {"ratio_lower_quartile", Rounded(ratios[ratios.size() / 4])},
-            {"ratio_upper_quartile", Rounded(ratios[ratios.size() * 3 / 4])},
+            {"ratio_lower_quartile", Rounded(ratios[aside])},
+            {"ratio_upper_quartile", Rounded(ratios[ratios.size() - 1 - aside])},
             {"ratio_of_medians", Rounded(library / bare)},
             {"ratio_of_best", Rounded(Least(times.library) / Least(times.bare))},
             {"target", target},

@@ -1,7 +1,7 @@
 // Registering and unregistering an application, by the number of volumes.
 //
-// A simulated machine has up to 64 volumes. Where more are measured than it has, the walk over them is made to begin again: the library meets a
-// volume several times and does each time what it does for any volume.
+// A simulated machine has up to 64 volumes. Where more are measured than it has, the walk over them is made to begin again:
+// the library meets a volume several times and does each time what it does for any volume.
 #include "call_times.h"
 #include "measure.h"
 

@@ -12,8 +12,10 @@ import shutil
 import subprocess
 import sys
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
+for folder in ("", "core"):
+    sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent / folder))
 import common
+import core_pages
 
 TIMES = ("library_ms", "bare_ms", "ratio", "ratio_lower_quartile", "ratio_upper_quartile", "ratio_of_medians", "ratio_of_best",
          "library_runs_ms", "bare_runs_ms")
@@ -125,19 +127,20 @@ def check_whole(result):
 
 
 def check_core(result):
-    kinds = {name.split("/")[0] for name in result["gb_per_s"]}
-    require(kinds == {"or", "walk", "count"}, f"measured: {sorted(kinds)}")
-    for name, rates in result["gb_per_s"].items():
-        require(rates and all(rate > 0 for rate in rates), f"{name}: {rates}")
-    for name in ("or/32/0+0-dense/roaring", "or/32/0+0-dense/roaring-lazy", "or/32/0+0-dense/roaring-no-count",
-                 "or/32/1+0-dense/library", "or/32/85+17-dense/avx2", "count/32/dense/avx2", "count/32/dense/avx2-carry-save"):
-        require(name in result["gb_per_s"], f"no {name}")
+    check_rates(result, core_pages.expected(quick=True))
 
 
 def check_core_whole(result):
-    measured = {tuple(name.split("/")[:2]) for name in result["gb_per_s"]}
-    for work, kib in itertools.product(("or", "walk", "count"), CORE_KIB):
-        require((work, str(kib)) in measured, f"no {work} of {kib} KiB")
+    check_rates(result, core_pages.expected())
+
+
+def check_rates(result, wanted):
+    measured = result["gb_per_s"]
+    require(set(measured) == set(wanted), f"core: not measured: {sorted(set(wanted) - set(measured))}, measured beside: "
+            f"{sorted(set(measured) - set(wanted))}")
+    for name, rates in measured.items():
+        require(len(rates) == wanted.get(name), f"{name}: {len(rates)} rates, not {wanted.get(name)}")
+        require(all(rate > 0 for rate in rates), f"{name}: {rates}")
 
 
 def check_whole_whole(result):
@@ -157,13 +160,14 @@ def check_links(page, kinds="svg|md|json"):
 
 
 def kept(project):
-    for kind, check in (("core", check_core), ("whole", check_whole)):
+    for kind, check in (("core", check_core_whole), ("whole", check_whole)):
         result = json.loads((project / "bench" / "results" / f"{kind}.json").read_text())
         require(result.get("format") == common.FORMATS[kind], f"{kind}: format {result.get('format')}: to be measured anew")
         if result.get("format") == common.FORMATS[kind]:
             check_conditions(result, kind)
             check(result)
-            (check_core_whole if kind == "core" else check_whole_whole)(result)
+            if kind == "whole":
+                check_whole_whole(result)
     for page in ("performance.md", "performance/core.md", "performance/whole.md"):
         check_links(project / "docs" / page)
     finish()

@@ -5,6 +5,7 @@ import os
 import pathlib
 import platform
 import re
+import statistics
 import subprocess
 import sys
 import time
@@ -18,24 +19,21 @@ import matplotlib.pyplot as plot
 BUSY_LIMIT = 0.5
 PATIENCE_SECONDS = 300
 # Of results/KIND.json. What was kept in another shape, or measured in another way, cannot stand beside what is new.
-FORMATS = {"core": 2, "whole": 3, "tried": 1}
+FORMATS = {"core": 3, "whole": 3, "tried": 1}
 # What a figure depends on; the results themselves change while their parts are measured.
 MEASURED = ("src", "include", "sim", "bench", ":!bench/results", "tests/cost", "cmake", "CMakeLists.txt", "CMakePresets.json")
 
 matplotlib.rcParams["svg.hashsalt"] = "vtflt"
 
 
-def arguments(description, parts=()):
+def arguments(description, rest, parts=()):
     parser = argparse.ArgumentParser(prog=f"bench {description}")
     parser.add_argument("--quick", action="store_true", help="small numbers: whether it works, no results")
     parser.add_argument("--under-load", action="store_true", help="also on a busy machine; the results say so")
     parser.add_argument("--out", type=pathlib.Path, help="the folder for results and docs/performance; the project's own")
     parser.add_argument("project", type=pathlib.Path)
-    parser.add_argument("rest", nargs="*", metavar="PART" if parts else "ARGUMENT")
-    parsed, unknown = parser.parse_known_intermixed_args()
-    if unknown and parts:
-        parser.error(f"unknown: {' '.join(unknown)}")
-    parsed.rest += unknown
+    parser.add_argument("rest", nargs="*", metavar=rest)
+    parsed = parser.parse_intermixed_args()
     if parts and set(parsed.rest) - set(parts):
         parser.error(f"no such part: {', '.join(sorted(set(parsed.rest) - set(parts)))}; parts: {', '.join(parts)}")
     parsed.project = parsed.project.resolve()
@@ -65,7 +63,8 @@ def disk_of(folder):
     return ", ".join(text for text in (kind, name if source.startswith("/dev/") else source, spins) if text)
 
 
-def machine(project, compiler):
+def machine(project, compiler, files):
+    """files: a folder on the disk that is measured."""
     info = pathlib.Path("/proc/cpuinfo").read_text()
     memory = int(re.search(r"MemTotal:\s+(\d+)", pathlib.Path("/proc/meminfo").read_text()).group(1))
     commit = output_of("git", "rev-parse", "--short=10", "HEAD", cwd=project)
@@ -76,7 +75,7 @@ def machine(project, compiler):
         "processor": re.search(r"model name\s*: (.*)", info).group(1),
         "cores": os.cpu_count(),
         "memory_gib": round(memory / (1 << 20)),
-        "disk": disk_of(project),
+        "disk": disk_of(files),
         "kernel": platform.release(),
         "compiler": output_of(compiler, "--version").split("\n")[0],
     }
@@ -135,6 +134,29 @@ def describe_conditions(conditions):
              of["after"]["busy_processors"], "**yes**" if of["under_load"] else "no"] for part, of in conditions.items()]
     return "\n".join(lines) + "\n\n" + table(
         ["part", "measured", "at", "processors busy with something else before", "after", "under load"], rows)
+
+
+def ratios(ones, others):
+    """Of what ran side by side: the first of the one to the first of the other, and so on."""
+    return [one / other for one, other in zip(ones, others)]
+
+
+def quartiles(values):
+    """The lower quartile, the median and the upper quartile: as many values lie below the lower one as above the upper one."""
+    ordered = sorted(values)
+    aside = (len(ordered) - 1) // 4
+    return ordered[aside], statistics.median(ordered), ordered[len(ordered) - 1 - aside]
+
+
+def spread(quartiles_of_it):
+    lower, median, upper = quartiles_of_it
+    return f"{median:.2f} ({lower:.2f} to {upper:.2f})"
+
+
+def nearest_rival(rates, rivals):
+    """Of who: rates, one for each round: the rival with the least median of the library's ratio to it, and its quartiles."""
+    compared = {who: quartiles(ratios(rates["library"], rates[who])) for who in rivals}
+    return min(compared.items(), key=lambda item: item[1][1])
 
 
 def table(heads, rows):

@@ -1,5 +1,11 @@
-// core_bench [--quick]: the work on bits, beside what others can do on the same bytes. Every group is run in turns
-// (--benchmark_enable_random_interleaving), so that all of it sees the same machine.
+// The work on bits, beside what others can do on the same bytes.
+//
+//     core_bench list [--quick]                                        the cases, one in a line: work/KiB/what
+//     core_bench CASE ROUNDS [ARGUMENT OF THE BENCHMARK LIBRARY...]    measures one of them
+//
+// In a round everybody runs once, in an order of its own. So what is compared of one round ran within a moment, on the same
+// machine in the same state, and its ratios say more than those of runs that lie minutes apart. A process measures one case,
+// or the memory of all of them would be needed at once.
 //
 // How the DLL clears and copies depends on the C run-time that it is linked with: that is measured with the DLL's own
 // objects, under Wine (whole/parts_main.cpp).
@@ -8,13 +14,19 @@
 #include "rivals.h"
 #include "roaring_set.h"
 
+#include <algorithm>
 #include <benchmark/benchmark.h>
+#include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <map>
+#include <random>
 #include <span>
 #include <string>
 #include <tuple>
+#include <vector>
 
 namespace {
 
@@ -110,70 +122,135 @@ void RunSum(benchmark::State& state, Sum work, std::size_t size, std::size_t off
     SetBytes(state, size);
 }
 
-// work/size in KiB/what is measured/who
-std::string Name(const char* work, std::size_t size, const std::string& what, const char* who)
+using Run = std::function<void(benchmark::State&)>;
+
+struct Way {
+    const char* who;
+    Run run;
+    int rounds = INT_MAX; // no more than these
+};
+// Those that are no rivals, only shown: they are slow.
+constexpr int ROUNDS_OF_SLOW = 3;
+
+struct Case {
+    std::string name;
+    std::vector<Way> ways;
+};
+
+// One rival runs twice under two names: how far its ratio to itself is from 1 is what the other ratios leave open.
+constexpr const char* CONTROL = "avx2-again";
+
+std::string Name(const char* work, std::size_t size, const std::string& what)
 {
-    return std::string(work) + "/" + std::to_string(size / KIB) + "/" + what + "/" + who;
+    return std::string(work) + "/" + std::to_string(size / KIB) + "/" + what;
 }
 
-void AddOr(std::size_t size)
+Run OrBy(Or work, std::size_t size, Offsets offsets, Fill fill)
 {
-    struct Way {
-        const char* who;
-        Or work;
-    };
-    const Way always[] = {{"library", vtflt::OrBits},
-                          {"avx2", bench::OrAvx2},
-                          {"avx2-unrolled", bench::OrAvx2Unrolled},
-                          {"avx2-aligned", bench::OrAvx2Aligned},
-                          {"memcpy", CopyBytes}};
-    const Way slow[] = {{"portable", vtflt::PORTABLE_BIT_OPERATIONS.orBytes}, {"byte-loop", bench::OrByteLoop}};
-    for (const Offsets offsets : OFFSETS) {
-        for (const Fill fill : {Fill::Dense, Fill::Sparse, Fill::Clear}) {
-            const bool ofARecord = offsets.to == 84 && offsets.from == 0;
-            const bool aligned = offsets.to == 0;
-            if (fill != Fill::Dense && !ofARecord && !aligned)
-                continue;
-            const std::string what =
-                std::to_string(offsets.to) + "+" + std::to_string(offsets.from) + "-" + bench::NameOf(fill);
-            const auto add = [&](const Way& way) {
-                benchmark::RegisterBenchmark(Name("or", size, what, way.who).c_str(), RunOr, way.work, size, offsets,
-                                             fill);
-            };
-            for (const Way& way : always)
-                add(way);
-            for (const Way& way : slow) {
-                if (fill == Fill::Dense && (aligned || ofARecord))
-                    add(way);
-            }
+    return [=](benchmark::State& state) { RunOr(state, work, size, offsets, fill); };
+}
+
+Run RoaringBy(void (RoaringSets::*work)(const RoaringSets&), std::size_t size)
+{
+    return [=](benchmark::State& state) { RunRoaring(state, work, size); };
+}
+
+// Of a record's bitmap.
+Run SumBy(Sum work, std::size_t size, Fill fill)
+{
+    return [=](benchmark::State& state) { RunSum(state, work, size, 84, fill); };
+}
+
+Case OrCase(std::size_t size, Offsets offsets, Fill fill)
+{
+    const auto by = [&](Or work) { return OrBy(work, size, offsets, fill); };
+    const bool aligned = offsets.to == 0;
+    const bool ofARecord = offsets.to == 84 && offsets.from == 0;
+    Case made = {
+        Name("or", size, std::to_string(offsets.to) + "+" + std::to_string(offsets.from) + "-" + bench::NameOf(fill)),
+        {{"library", by(vtflt::OrBits)},
+         {"avx2", by(bench::OrAvx2)},
+         {CONTROL, by(bench::OrAvx2)},
+         {"avx2-unrolled", by(bench::OrAvx2Unrolled)},
+         {"avx2-aligned", by(bench::OrAvx2Aligned)},
+         {"memcpy", by(CopyBytes)}}};
+    if (fill == Fill::Dense && (aligned || ofARecord)) {
+        made.ways.push_back({"portable", by(vtflt::PORTABLE_BIT_OPERATIONS.orBytes), ROUNDS_OF_SLOW});
+        made.ways.push_back({"byte-loop", by(bench::OrByteLoop), ROUNDS_OF_SLOW});
+    }
+    if (fill == Fill::Dense && aligned) {
+        made.ways.push_back({"roaring", RoaringBy(&RoaringSets::Or, size)});
+        made.ways.push_back({"roaring-no-count", RoaringBy(&RoaringSets::OrWithoutCounts, size)});
+    }
+    return made;
+}
+
+void AddCases(std::vector<Case>& cases, std::size_t size)
+{
+    for (const Offsets offsets : OFFSETS)
+        cases.push_back(OrCase(size, offsets, Fill::Dense));
+    for (const Offsets offsets : {Offsets{0, 0}, Offsets{84, 0}}) {
+        for (const Fill fill : {Fill::Sparse, Fill::Clear})
+            cases.push_back(OrCase(size, offsets, fill));
+    }
+    for (const Fill fill : {Fill::Clear, Fill::Sparse, Fill::Dense, Fill::Set}) {
+        const auto by = [&](Sum work) { return SumBy(work, size, fill); };
+        cases.push_back(
+            {Name("walk", size, bench::NameOf(fill)),
+             {{"library", by(WalkLibrary)}, {"avx2", by(bench::WalkAvx2)}, {CONTROL, by(bench::WalkAvx2)}}});
+    }
+    const auto by = [&](Sum work) { return SumBy(work, size, Fill::Dense); };
+    cases.push_back({Name("count", size, "dense"),
+                     {{"library", by(vtflt::CountSetBits)},
+                      {"popcnt", by(bench::CountPopcnt)},
+                      {"avx2", by(bench::CountAvx2)},
+                      {CONTROL, by(bench::CountAvx2)},
+                      {"avx2-carry-save", by(bench::CountAvx2CarrySave)},
+                      {"portable", by(vtflt::PORTABLE_BIT_OPERATIONS.countSet), ROUNDS_OF_SLOW}}});
+}
+
+std::vector<Case> Cases(std::span<const std::size_t> sizes)
+{
+    std::vector<Case> cases;
+    for (const std::size_t size : sizes)
+        AddCases(cases, size);
+    return cases;
+}
+
+// Benchmarks run in the order in which they are made known. Names: work/KiB/what/who/round.
+void Register(const Case& measured, int rounds)
+{
+    std::vector<const Way*> order;
+    for (const Way& way : measured.ways)
+        order.push_back(&way);
+    std::mt19937 random(1);
+    for (int round = 0; round < rounds; ++round) {
+        std::shuffle(order.begin(), order.end(), random);
+        for (const Way* const way : order) {
+            const std::string name = measured.name + "/" + way->who + "/" + std::to_string(round);
+            if (round < way->rounds)
+                benchmark::RegisterBenchmark(name.c_str(), way->run);
         }
     }
-    benchmark::RegisterBenchmark(Name("or", size, "0+0-dense", "roaring").c_str(), RunRoaring, &RoaringSets::Or, size);
-    benchmark::RegisterBenchmark(Name("or", size, "0+0-dense", "roaring-lazy").c_str(), RunRoaring,
-                                 &RoaringSets::OrLazily, size);
-    benchmark::RegisterBenchmark(Name("or", size, "0+0-dense", "roaring-no-count").c_str(), RunRoaring,
-                                 &RoaringSets::OrWithoutCounts, size);
 }
 
-void AddSum(const std::string& name, Sum work, std::size_t size, Fill fill)
+// A union that counts nothing does not know its count until it is asked for.
+bool RoaringIsRight()
 {
-    auto* const added = benchmark::RegisterBenchmark(name.c_str(), RunSum, work, size, std::size_t{84}, fill);
-    // A walk over runs of one or two blocks in the largest takes ten seconds.
-    if (size > 128 * MIB && fill == Fill::Dense)
-        added->Repetitions(3);
-}
-
-void AddOthers(std::size_t size)
-{
-    for (const Fill fill : {Fill::Clear, Fill::Sparse, Fill::Dense, Fill::Set}) {
-        AddSum(Name("walk", size, bench::NameOf(fill), "library"), WalkLibrary, size, fill);
-        AddSum(Name("walk", size, bench::NameOf(fill), "avx2"), bench::WalkAvx2, size, fill);
-    }
-    AddSum(Name("count", size, "dense", "library"), vtflt::CountSetBits, size, Fill::Dense);
-    AddSum(Name("count", size, "dense", "portable"), vtflt::PORTABLE_BIT_OPERATIONS.countSet, size, Fill::Dense);
-    AddSum(Name("count", size, "dense", "popcnt"), bench::CountPopcnt, size, Fill::Dense);
-    AddSum(Name("count", size, "dense", "avx2"), bench::CountAvx2, size, Fill::Dense);
-    AddSum(Name("count", size, "dense", "avx2-carry-save"), bench::CountAvx2CarrySave, size, Fill::Dense);
+    constexpr std::size_t SIZE = 256 * KIB;
+    Buffer to(SIZE, Fill::Dense, 5);
+    const Buffer from(SIZE, Fill::Dense, 6);
+    RoaringSets counted(to.At(0), SIZE);
+    RoaringSets uncounted(to.At(0), SIZE);
+    const RoaringSets other(from.At(0), SIZE);
+    counted.Or(other);
+    uncounted.OrWithoutCounts(other);
+    vtflt::OrBits(to.At(0), from.At(0), SIZE);
+    const std::uint64_t expected = vtflt::CountSetBits(to.At(0), SIZE);
+    if (counted.Cardinality() != expected || uncounted.Cardinality() == expected)
+        return false;
+    uncounted.Count();
+    return uncounted.Cardinality() == expected;
 }
 
 // The rivals are held to the same answers before anybody is measured.
@@ -197,24 +274,17 @@ bool RivalsAreRight()
                 return false;
         }
     }
-    Buffer to(SIZE, Fill::Dense, 5);
-    const Buffer from(SIZE, Fill::Dense, 6);
-    RoaringSets set(to.At(0), SIZE);
-    RoaringSets lazy(to.At(0), SIZE);
-    RoaringSets uncounted(to.At(0), SIZE);
-    const RoaringSets other(from.At(0), SIZE);
-    set.Or(other);
-    lazy.OrLazily(other);
-    uncounted.OrWithoutCounts(other);
-    uncounted.Count();
-    vtflt::OrBits(to.At(0), from.At(0), SIZE);
-    const std::uint64_t expected = vtflt::CountSetBits(to.At(0), SIZE);
-    return set.Cardinality() == expected && lazy.Cardinality() == expected && uncounted.Cardinality() == expected;
+    return RoaringIsRight();
 }
 
-} // namespace
+int List(bool quick)
+{
+    for (const Case& one : Cases(quick ? std::span<const std::size_t>(QUICK_SIZES) : SIZES))
+        std::puts(one.name.c_str());
+    return 0;
+}
 
-int main(int argc, char** argv)
+int Measure(const std::string& name, int rounds)
 {
     if (!vtflt::ProcessorHasAvx2()) {
         std::fputs("core_bench: this processor has no AVX2, against which is measured\n", stderr);
@@ -224,19 +294,28 @@ int main(int argc, char** argv)
         std::fputs("core_bench: those compared do not agree\n", stderr);
         return 1;
     }
-    const bool quick = argc > 1 && std::strcmp(argv[1], "--quick") == 0;
-    for (const std::size_t size : quick ? std::span<const std::size_t>(QUICK_SIZES) : SIZES) {
-        AddOr(size);
-        AddOthers(size);
-    }
-    if (quick) {
-        argv[1] = argv[0];
-        ++argv;
-        --argc;
-    }
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+    const std::vector<Case> cases = Cases(SIZES);
+    const auto found = std::find_if(cases.begin(), cases.end(), [&](const Case& one) { return one.name == name; });
+    if (found == cases.end() || rounds <= 0) {
+        std::fputs("core_bench: one of the cases that it lists, and how many rounds\n", stderr);
         return 1;
+    }
+    Register(*found, rounds);
     benchmark::RunSpecifiedBenchmarks();
     return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    benchmark::Initialize(&argc, argv); // takes its own arguments away
+    const std::vector<std::string> arguments(argv + 1, argv + argc);
+    if (!arguments.empty() && arguments[0] == "list")
+        return List(arguments.size() > 1 && arguments[1] == "--quick");
+    if (arguments.size() != 2) {
+        std::fputs("core_bench list [--quick] | CASE ROUNDS [ARGUMENT OF THE BENCHMARK LIBRARY...]\n", stderr);
+        return 1;
+    }
+    return Measure(arguments[0], std::atoi(arguments[1].c_str()));
 }

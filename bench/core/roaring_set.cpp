@@ -53,6 +53,19 @@ std::vector<char> ImageOf(const std::uint8_t* bits, std::size_t containers)
     return image;
 }
 
+void RequireBitsets(const roaring_array_t& containers)
+{
+    for (std::int32_t i = 0; i < containers.size; ++i) {
+        if (containers.typecodes[i] != BITSET_CONTAINER_TYPE_CODE)
+            throw std::runtime_error("a container that is no bitset");
+    }
+}
+
+bitset_container_t* BitsetAt(const roaring_array_t& containers, std::int32_t index)
+{
+    return static_cast<bitset_container_t*>(containers.containers[index]);
+}
+
 } // namespace
 
 RoaringSets::RoaringSets(const std::uint8_t* bits, std::size_t count)
@@ -63,6 +76,7 @@ RoaringSets::RoaringSets(const std::uint8_t* bits, std::size_t count)
         m_sets.emplace_back(roaring_bitmap_portable_deserialize_safe(image.data(), image.size()));
         if (m_sets.back() == nullptr)
             throw std::runtime_error("no set from its image");
+        RequireBitsets(m_sets.back()->high_low_container);
         at += containers * CONTAINER_BYTES;
     }
 }
@@ -73,16 +87,15 @@ void RoaringSets::Or(const RoaringSets& other)
         roaring_bitmap_or_inplace(m_sets[i].get(), other.m_sets[i].get());
 }
 
-void RoaringSets::OrLazily(const RoaringSets& other)
-{
-    OrWithoutCounts(other);
-    Count();
-}
-
+// Both have the same keys: every container is there. The set's own lazy union counts in this build, too.
 void RoaringSets::OrWithoutCounts(const RoaringSets& other)
 {
-    for (std::size_t i = 0; i < m_sets.size(); ++i)
-        roaring_bitmap_lazy_or_inplace(m_sets[i].get(), other.m_sets[i].get(), true);
+    for (std::size_t i = 0; i < m_sets.size(); ++i) {
+        const roaring_array_t& to = m_sets[i]->high_low_container;
+        const roaring_array_t& from = other.m_sets[i]->high_low_container;
+        for (std::int32_t k = 0; k < to.size; ++k)
+            bitset_container_or_nocard(BitsetAt(to, k), BitsetAt(from, k), BitsetAt(to, k));
+    }
 }
 
 void RoaringSets::Count()

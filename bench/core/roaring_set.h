@@ -5,6 +5,9 @@
 #include "buffers.h"
 
 #include <roaring/roaring.h>
+extern "C" {
+#include <roaring/containers/bitset.h>
+}
 
 #include <memory>
 #include <vector>
@@ -18,9 +21,8 @@ public:
 
     // In-place unions of all of them.
     void Or(const RoaringSets& other);
-    // The same in two steps: unions that count nothing, and the counts.
-    void OrLazily(const RoaringSets& other);
-    // Of these two steps the first only, again and again: what the sets hold is counted when somebody asks.
+    // The same, container by container, by what CRoaring has for two bitsets whose count nobody wants, as a merge does.
+    // Count finds out what the sets hold: before it they do not know.
     void OrWithoutCounts(const RoaringSets& other);
     void Count();
 

@@ -1,54 +1,66 @@
 """Measures the work on bits, keeps the results and makes tables and pictures of them.
 
-    run.py [--quick] [--under-load] [--out FOLDER] PROJECT [ARGUMENT OF CORE_BENCH...]
+    run.py [--quick] [--under-load] [--out FOLDER] PROJECT [CASE...]
 
-Of each thing that was measured the best of its repetitions counts, for whatever disturbs a run makes it slower and never
-faster; the median stands beside it. The rivals ran in turns with the library, so a ratio is of one run on one machine.
+The library and its rivals run in rounds, one right behind the other and each round in another order, so a ratio is of one
+moment of one machine. With cases, or how their names begin (or/32), only those are measured, which are no whole results.
 """
 import collections
 import json
 import pathlib
-import statistics
 import subprocess
 import sys
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
 import common
+import core_pages
 
-TARGET = 0.95
-RIVALS = {
-    "or": ("avx2", "avx2-unrolled", "avx2-aligned", "roaring", "roaring-lazy", "roaring-no-count", "memcpy"),
-    "walk": ("avx2",),
-    "count": ("popcnt", "avx2", "avx2-carry-save"),
-}
-TITLES = {"or": "Merge", "count": "Count of set bits", "walk": "Walk over the runs"}
-SIZES = {32: "32 KiB", 64: "64 KiB", 2048: "2 MiB", 4096: "4 MiB", 131072: "128 MiB", 1048576: "1 GiB"}
-# memcpy is a limit only where memory is; in the caches it does less work (it reads one side only).
-MEMORY_FROM = 131072
+# A round's share of everybody, at least. So short that a round is a moment, and that there can be many.
+SHARE_SECONDS = {False: 0.005, True: 0.02}  # of what the caches hold, and of what they do not
+QUICK_SHARE_SECONDS = 0.001
+
+
+def cases_of(program, options):
+    listed = subprocess.run([program, "list", *(["--quick"] if options.quick else [])], check=True, capture_output=True,
+                            text=True).stdout.split()
+    wanted = [case for case in listed if not options.rest or case.startswith(tuple(options.rest))]
+    if not wanted:
+        sys.exit(f"bench: no case begins with {' or '.join(options.rest)}")
+    return wanted
+
+
+def measure_case(program, case, options, raw):
+    rounds = core_pages.rounds_of(case, options.quick)
+    share = QUICK_SHARE_SECONDS if options.quick else SHARE_SECONDS[int(case.split("/")[1]) >= core_pages.MEMORY_FROM]
+    raw.unlink(missing_ok=True)
+    done = subprocess.run([program, case, str(rounds), f"--benchmark_min_time={share}", "--benchmark_out_format=json",
+                           f"--benchmark_out={raw}"], stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False)
+    if done.returncode != 0:
+        sys.exit(f"bench: {case}: {done.stderr}")
+    document = json.loads(raw.read_text())
+    raw.unlink()
+    rates = collections.defaultdict(dict)
+    for entry in document["benchmarks"]:
+        *_, who, at = entry["name"].split("/")
+        rates[who][int(at)] = float(f"{entry['bytes_per_second'] / 1e9:.4g}")
+    return document["context"], {f"{case}/{who}": [of[at] for at in range(len(of))] for who, of in rates.items()}
 
 
 def measure(options):
     program = options.project / "build" / "bench" / "bench" / "core_bench"
     raw = options.project / "build" / "core.json"
+    cases = cases_of(program, options)
     common.require_idle(options.under_load)
-    context = common.machine(options.project, "g++")
-    context["roaring"] = "CRoaring " + common.output_of("dpkg-query", "-W", "-f", "${Version}", "libroaring-dev")
+    of = common.machine(options.project, "g++", options.project / "build")
+    of["roaring"] = "CRoaring " + common.output_of("dpkg-query", "-W", "-f", "${Version}", "libroaring-dev")
     before = common.load(options.quick)
-    command = [program] + (["--quick"] if options.quick else [])
-    command += ["--benchmark_enable_random_interleaving=true",
-                f"--benchmark_repetitions={2 if options.quick else 7}",
-                f"--benchmark_min_time={0.001 if options.quick else 0.03}",
-                "--benchmark_out_format=json", f"--benchmark_out={raw}", *options.rest]
-    subprocess.run(command, check=True, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
-    document = json.loads(raw.read_text())
-    raw.unlink()
-    context["caches"] = document["context"]["caches"]
-    conditions = {"core": common.conditions_of(options, context, before)}
-    rates = collections.defaultdict(list)
-    for entry in document["benchmarks"]:
-        if entry["run_type"] == "iteration":
-            name = "/".join(entry["name"].split("/")[:4])
-            rates[name].append(float(f"{entry['bytes_per_second'] / 1e9:.4g}"))
+    rates = {}
+    for case in cases:
+        context, measured = measure_case(program, case, options, raw)
+        of["caches"] = context["caches"]
+        rates.update(measured)
+        print(f"{case}: {max(measured[f'{case}/library'])} GB/s", flush=True)
+    conditions = {"core": common.conditions_of(options, of, before)}
     return {"format": common.FORMATS["core"], "conditions": conditions, "gb_per_s": dict(sorted(rates.items()))}
 
 
@@ -59,93 +71,13 @@ def write(result, path):
                     + ',\n"gb_per_s": {\n' + lines + "\n}\n}\n")
 
 
-def groups_of(result, choose):
-    groups = collections.defaultdict(dict)
-    for name, rates in result["gb_per_s"].items():
-        work, size, what, who = name.split("/")
-        groups[(work, int(size), what)][who] = choose(rates)
-    return groups
-
-
-def best_rival(work, size, rates):
-    return max((rates[who], who) for who in RIVALS[work] if who in rates and (who != "memcpy" or size >= MEMORY_FROM))
-
-
-def number(rate):
-    return f"{rate:.1f}" if rate >= 1 else f"{rate:.3f}"
-
-
-def rows_of(best, medians, work):
-    """Of each case its bests; the best rival and the library's ratio to it; and the same of the medians."""
-    for key in sorted(best, key=lambda key: (key[1], key[2])):
-        if key[0] == work:
-            compared = []
-            for rates in (best[key], medians[key]):
-                rate, who = best_rival(work, key[1], rates)
-                compared.append((rates["library"] / rate, who))
-            yield key, best[key], *compared
-
-
-def tables(best, medians, work):
-    names = sorted({who for (of, _, _), rates in best.items() if of == work for who in rates} - {"library"})
-    rows = [[SIZES[size], what, number(rates["library"])] + [number(rates[who]) if who in rates else "" for who in names]
-            + [who, f"{ratio:.2f}", f"{of_medians:.2f} ({who_of_medians})"]
-            for (_, size, what), rates, (ratio, who), (of_medians, who_of_medians) in rows_of(best, medians, work)]
-    return common.table(["bitmap", "case", "library", *names, "best rival", "library : it", "of medians (rival)"], rows)
-
-
-def misses(best, medians, work):
-    missed = [f"- {SIZES[size]}, {what}: {min(of_bests, of_medians)[0]:.2f} ({min(of_bests, of_medians)[1]})"
-              for (_, size, what), _, of_bests, of_medians in rows_of(best, medians, work) if min(of_bests, of_medians)[0] < TARGET]
-    if not missed:
-        return f"Everywhere at least {TARGET} of the best rival."
-    return f"Below {TARGET} of the best rival, by the worse of the two ratios:\n\n" + "\n".join(missed)
-
-
-def picture(best, work, cases, title, path):
-    with common.Picture(path) as drawn:
-        axes = drawn.axes[0]
-        sizes = sorted({size for (of, size, _) in best if of == work})
-        for what in cases:
-            for who in ("library",) + RIVALS[work] + (("byte-loop",) if work == "or" else ()):
-                points = [(size, best[(work, size, what)][who]) for size in sizes if who in best.get((work, size, what), {})]
-                if points:
-                    axes.plot(*zip(*points), marker="o", label=f"{who}, {what}" if len(cases) > 1 else who,
-                              linewidth=2.5 if who == "library" else 1)
-        axes.set_xscale("log", base=2)
-        axes.set_yscale("log")
-        axes.set_xticks(sizes, [SIZES[size] for size in sizes])
-        axes.set_xlabel("bitmap")
-        axes.set_ylabel("GB of bitmap per second")
-        axes.set_title(title)
-
-
-def page(result, pages):
-    best = groups_of(result, max)
-    medians = groups_of(result, statistics.median)
-    picture(best, "or", ("84+0-dense",), "Merging, every other bit set", pages / "merge_dense.svg")
-    picture(best, "or", ("84+0-sparse",), "Merging, one block in 4096 set", pages / "merge_sparse.svg")
-    picture(best, "count", ("dense",), "Counting set bits", pages / "count.svg")
-    picture(best, "walk", ("sparse", "clear"), "Walking over the runs", pages / "walk.svg")
-    text = ["# The work on bits, measured", "",
-            "Made by `./dev bench core` from `bench/results/core.json`; what the figures mean stands in",
-            "[`../performance.md`](../performance.md).", "",
-            common.describe_conditions(result["conditions"]), "",
-            "GB of bitmap per second of the processor's time, the best of all repetitions; the last two columns compare the bests and",
-            "the medians.",
-            "A case is the offsets of target and source from a page's start, and what the source is like."]
-    for work, title in TITLES.items():
-        text += ["", f"## {title}", "", misses(best, medians, work), "", tables(best, medians, work)]
-        if work != "or":
-            text += ["", f"![{title}]({work}.svg)"]
-    (pages / "core.md").write_text("\n".join(text) + "\n")
-
-
 def main():
-    options = common.arguments("core")
+    options = common.arguments("core", "CASE")
+    if options.rest and options.out is None:
+        sys.exit("bench: some of the cases are no whole results: they need --out")
     result = measure(options)
     write(result, options.results / "core.json")
-    page(json.loads((options.results / "core.json").read_text()), options.pages)
+    core_pages.make(json.loads((options.results / "core.json").read_text()), options.pages)
 
 
 main()

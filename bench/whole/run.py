@@ -17,6 +17,13 @@ PROGRAMS = {"bits": "whole_parts_bench", "log": "whole_log_bench", "load": "whol
 PARTS = ("load", "fetch", "registration", "lists", "handles", "log", "bits")
 
 
+def temporary_folder(options):
+    """Where the simulated machines have their files."""
+    wine = options.project / "cmake" / "wine.sh"
+    named = common.output_of(wine, "cmd", "/c", "echo %TEMP%")
+    return common.output_of(wine, "winepath", "-u", named)
+
+
 def measure(options, part, behind_another):
     programs = options.project / "build" / "release"
     file = programs / f"whole-{part}.json"
@@ -25,8 +32,9 @@ def measure(options, part, behind_another):
         command = [f"./{PROGRAMS[part]}.exe", *quick, file.name]
     else:
         command = ["./whole_bench.exe", *quick, file.name, part]
+    files = temporary_folder(options)
     common.require_idle(options.under_load, behind_another)
-    machine = common.machine(options.project, "x86_64-w64-mingw32-g++-posix")
+    machine = common.machine(options.project, "x86_64-w64-mingw32-g++-posix", files)
     machine["wine"] = common.output_of("wine", "--version")
     before = common.load(options.quick)
     subprocess.run([options.project / "cmake" / "wine.sh", *command], cwd=programs, check=True, stdin=subprocess.DEVNULL)
@@ -48,7 +56,7 @@ def write(result, path):
 
 
 def main():
-    options = common.arguments("whole", PARTS)
+    options = common.arguments("whole", "PART", PARTS)
     kept = options.results / "whole.json"
     result = json.loads(kept.read_text()) if kept.exists() else {}
     if result.get("format") != common.FORMATS["whole"]:

@@ -11,7 +11,7 @@ import sys
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
 import common
-import pages
+import whole_pages
 
 PROGRAMS = {"bits": "whole_parts_bench", "log": "whole_log_bench", "load": "whole_load_bench"}
 PARTS = ("load", "fetch", "registration", "lists", "handles", "log", "bits")
@@ -37,6 +37,7 @@ def measure(options, part, behind_another):
     machine = common.machine(options.project, "x86_64-w64-mingw32-g++-posix", files)
     machine["wine"] = common.output_of("wine", "--version")
     before = common.load(options.quick)
+    file.unlink(missing_ok=True)
     subprocess.run([options.project / "cmake" / "wine.sh", *command], cwd=programs, check=True, stdin=subprocess.DEVNULL)
     result = json.loads(file.read_text())
     file.unlink()
@@ -66,7 +67,7 @@ def main():
         result.update(measured)
         result["conditions"] = {**result.get("conditions", {}), part: conditions}
         write(result, kept)
-    pages.make(json.loads(kept.read_text()), options.pages)
+        whole_pages.make(json.loads(kept.read_text()), options.pages) # at any time they are of these results
 
 
 main()

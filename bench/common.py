@@ -68,7 +68,7 @@ def machine(project, compiler, files):
     info = pathlib.Path("/proc/cpuinfo").read_text()
     memory = int(re.search(r"MemTotal:\s+(\d+)", pathlib.Path("/proc/meminfo").read_text()).group(1))
     commit = output_of("git", "rev-parse", "--short=10", "HEAD", cwd=project)
-    changed = output_of("git", "status", "--porcelain", "--untracked-files=no", "--", *MEASURED, cwd=project)
+    changed = output_of("git", "status", "--porcelain", "--untracked-files=normal", "--", *MEASURED, cwd=project)
     return {
         "date": datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC"),
         "commit": commit + (" and changes" if changed else ""),
@@ -121,7 +121,8 @@ def conditions_of(options, of, before):
     """Of a part that was just measured, on this machine. It was under load when it might have been, or when it was."""
     after = load(options.quick)
     busiest = max(before["busy_processors"], after["busy_processors"])
-    return {"machine": of, "before": before, "after": after, "under_load": options.under_load or busiest > BUSY_LIMIT}
+    return {"machine": of, "quick": options.quick, "before": before, "after": after,
+            "under_load": options.under_load or busiest > BUSY_LIMIT}
 
 
 def describe_conditions(conditions):
@@ -132,8 +133,9 @@ def describe_conditions(conditions):
     lines = [text + ("." if len(machines) == 1 else f" ({', '.join(parts)}).") for text, parts in machines.items()]
     rows = [[part, of["machine"]["date"], of["machine"]["commit"], of["before"]["busy_processors"],
              of["after"]["busy_processors"], "**yes**" if of["under_load"] else "no"] for part, of in conditions.items()]
-    return "\n".join(lines) + "\n\n" + table(
-        ["part", "measured", "at", "processors busy with something else before", "after", "under load"], rows)
+    return ("\n".join(lines) + "\n\nWhat else was busy was looked at for two seconds before each part and behind it, not while "
+            "it was measured.\n\n"
+            + table(["part", "measured", "at", "processors busy with something else before", "after", "under load"], rows))
 
 
 def ratios(ones, others):

@@ -1,7 +1,7 @@
 """Whether the measurements still measure: runs them with small numbers and looks at what they leave. And whether the results
 that are kept are whole, and those that the documentation speaks of. No time is judged.
 
-    check.py core|whole PROJECT FOLDER
+    check.py core|whole|tried PROJECT FOLDER
     check.py kept PROJECT
 """
 import itertools
@@ -13,10 +13,11 @@ import subprocess
 import sys
 import tempfile
 
-for folder in ("", "core", "whole"):
+for folder in ("", "core", "tried", "whole"):
     sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent / folder))
 import common
 import core_pages
+import tried_pages
 import whole_pages
 
 TIMES = ("library_ms", "bare_ms", "ratio", "ratio_lower_quartile", "ratio_upper_quartile", "ratio_of_medians",
@@ -116,7 +117,7 @@ def require_runs(row, path, number, where):
 
 def check_conditions(result, kind):
     require(result.get("format") == common.FORMATS[kind], f"{kind}: format {result.get('format')}: to be measured anew")
-    parts = PARTS if kind == "whole" else ("core",)
+    parts = PARTS if kind == "whole" else (kind,)
     require(set(result["conditions"]) == set(parts), f"parts: {', '.join(result['conditions'])}")
     for part, of in result["conditions"].items():
         for key in MACHINE:
@@ -212,6 +213,21 @@ def check_rates(result, wanted):
         require(all(rate > 0 for rate in rates), f"{name}: {rates}")
 
 
+def check_tried(result, repetitions=2):
+    wanted = set(tried_pages.GROUPS)
+    require(set(result["groups"]) == wanted, f"tried: {sorted(result['groups'])}, not {sorted(wanted)}")
+    for group, ways in result["groups"].items():
+        first = tried_pages.GROUPS[group][1]
+        require({first, f"{first}-again"} <= set(ways) and len(ways) > 3, f"tried, {group}: only {sorted(ways)}")
+        for way, of in ways.items():
+            for key in ("ms", "gb_per_s"):
+                require(len(of[key]) == repetitions and all(value > 0 for value in of[key]), f"tried, {group}, {way}: {of[key]}")
+
+
+def check_tried_whole(result):
+    check_tried(result, tried_pages.REPETITIONS)
+
+
 def check_whole_whole(result):
     """Also that nothing is left out, and nothing was measured with small numbers."""
     check_whole(result)
@@ -265,7 +281,8 @@ def check_page(result, make, page):
 
 
 def kept(project):
-    for kind, check, make in (("core", check_core_whole, core_pages.make), ("whole", check_whole_whole, whole_pages.make)):
+    for kind, check, make in (("core", check_core_whole, core_pages.make), ("whole", check_whole_whole, whole_pages.make),
+                              ("tried", check_tried_whole, tried_pages.make)):
         result = json.loads((project / "bench" / "results" / f"{kind}.json").read_text())
         if result.get("format") != common.FORMATS[kind]:
             failures.append(f"{kind}: format {result.get('format')}: to be measured anew")
@@ -275,7 +292,7 @@ def kept(project):
         check(result)
         if len(failures) == known: # or there might be nothing to make a page of
             check_page(result, make, project / "docs" / "performance" / f"{kind}.md")
-    for page in ("performance.md", "performance/core.md", "performance/whole.md"):
+    for page in ("performance.md", "performance/core.md", "performance/whole.md", "performance/tried.md"):
         check_links(project / "docs" / page)
     finish()
 
@@ -295,7 +312,7 @@ def measured_anew(kind, project, folder):
     for part, of in result["conditions"].items():
         require(of["under_load"], f"{part}: measured under load, and does not say so")
         require(of["quick"], f"{part}: measured with small numbers, and does not say so")
-    (check_core if kind == "core" else check_whole)(result)
+    {"core": check_core, "whole": check_whole, "tried": check_tried}[kind](result)
     page = folder / "performance" / f"{kind}.md"
     require("nan" not in page.read_text().lower().split(), "the page has figures that are none")
     check_links(page, "svg")

@@ -47,7 +47,7 @@ WHOLE = {
 PARTS = ("load", "fetch", "registration", "lists", "handles", "log", "bits")
 LOG_MESSAGES = ("rejected", "accepted", "with_viewer")
 # What the library calls for a message beyond the calls made bare, at most.
-LOG_BEYOND = {"rejected": {}, "accepted": {"GetFileSizeEx": 1}, "with_viewer": {"GetFileSizeEx": 1, "VirtualQuery": 2}}
+LOG_BEYOND = {"rejected": {}, "accepted": {}, "with_viewer": {"VirtualQuery": 2}}
 # What a fetch may take beside whole records, and what a record has beside its bitmap, at most.
 ALLOWANCE = 8 << 20
 BESIDE_BITMAP = 8192

@@ -179,9 +179,7 @@ void CFileOutput::Write(int level, DWORD errorCode, const Message& message) noex
 
 void CFileOutput::WriteRecord(int level, DWORD errorCode, const Message& message) noexcept
 {
-    CheckByteOrderMark();
-    const LONGLONG size = OpenFileSize();
-    if (size != UNKNOWN_SIZE && size <= static_cast<LONGLONG>(sizeof(BYTE_ORDER_MARK)))
+    if (CheckByteOrderMark() == FileState::New)
         WriteSummary();
     if (m_isWide)
         WriteWideRecord(level, errorCode, message);
@@ -351,25 +349,27 @@ LONGLONG CFileOutput::OpenFileSize() const noexcept
     return GetFileSizeEx(m_file.get(), &size) ? size.QuadPart : UNKNOWN_SIZE;
 }
 
-void CFileOutput::CheckByteOrderMark() noexcept
+// The file is asked for its size once: one that holds no more than the mark does so whether the mark was just written or not.
+CFileOutput::FileState CFileOutput::CheckByteOrderMark() noexcept
 {
     const LARGE_INTEGER start = {};
     DWORD transferred = 0;
     const LONGLONG size = OpenFileSize();
     if (size == UNKNOWN_SIZE)
-        return;
+        return FileState::Begun;
     if (size > static_cast<LONGLONG>(sizeof(BYTE_ORDER_MARK))) {
         BYTE mark[sizeof(BYTE_ORDER_MARK)] = {};
         // A mark that cannot be read says nothing: the form stays what it was.
         if (SetFilePointerEx(m_file.get(), start, nullptr, FILE_BEGIN) &&
             ReadFile(m_file.get(), mark, sizeof(mark), &transferred, nullptr) && transferred == sizeof(mark))
             m_isWide = std::memcmp(mark, BYTE_ORDER_MARK, sizeof(mark)) == 0;
-        return;
+        return FileState::Begun;
     }
-    if (!m_isWide || !SetFilePointerEx(m_file.get(), start, nullptr, FILE_BEGIN))
-        return;
-    WriteFile(m_file.get(), BYTE_ORDER_MARK, sizeof(BYTE_ORDER_MARK), &transferred, nullptr);
-    FlushFileBuffers(m_file.get());
+    if (m_isWide && SetFilePointerEx(m_file.get(), start, nullptr, FILE_BEGIN)) {
+        WriteFile(m_file.get(), BYTE_ORDER_MARK, sizeof(BYTE_ORDER_MARK), &transferred, nullptr);
+        FlushFileBuffers(m_file.get());
+    }
+    return FileState::New;
 }
 
 bool CFileOutput::MoveToEnd() noexcept

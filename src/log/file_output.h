@@ -39,6 +39,8 @@ private:
         const char* narrow;
     };
     class FileHold;
+    // New: it has no record and no summary yet. A file whose size cannot be had counts as begun.
+    enum class FileState { Begun, New };
 
     bool Passes(int level) noexcept;
     void Write(int level, DWORD errorCode, const Message& message) noexcept;
@@ -54,7 +56,7 @@ private:
     void Close() noexcept;
 
     LONGLONG OpenFileSize() const noexcept;
-    void CheckByteOrderMark() noexcept;
+    FileState CheckByteOrderMark() noexcept;
     bool MoveToEnd() noexcept;
     void WriteSummary() noexcept;
     void WriteSummaryLine(std::wstring_view header, std::wstring_view text) noexcept;

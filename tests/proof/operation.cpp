@@ -14,9 +14,9 @@ constexpr const char* NAMES[] = {"write",        "register",    "unregister",   
                                  "unmark",       "monitor",     "ask",          "asks-again"};
 static_assert(std::size(NAMES) == static_cast<std::size_t>(Do::Count));
 
-constexpr const char* FAULTS[] = {"",           "fail",         "fail-on",    "not-there",    "fail-of",
-                                  "fail-after", "short",        "no-memory",  "no-memory-on", "die-before",
-                                  "die-after",  "die-in-write", "short-read", "empties"};
+constexpr const char* FAULTS[] = {"",           "fail",       "fail-on",      "not-there",  "fail-of",
+                                  "fail-of-on", "fail-after", "short",        "no-memory",  "no-memory-on",
+                                  "die-before", "die-after",  "die-in-write", "short-read", "empties"};
 static_assert(std::size(FAULTS) == static_cast<std::size_t>(Fault::How::Count));
 
 template <class E>

@@ -73,6 +73,13 @@ inline constexpr const wchar_t* FUNCTIONS[] = {L"ReadFile",
                                                L"OpenServiceW",
                                                L"GetVolumePathNamesForVolumeNameW"};
 
+// FailOf and FailOfOn: the number of a function and its error, which has three digits at most, as one number.
+inline constexpr std::uint32_t FUNCTION_STEP = 1000;
+constexpr std::uint32_t FailureOf(std::uint32_t function, std::uint32_t error)
+{
+    return FUNCTION_STEP * function + error % FUNCTION_STEP;
+}
+
 // What goes wrong while an operation runs; counted over the calls that the operation makes.
 struct Fault {
     enum class How : std::uint8_t {
@@ -81,6 +88,7 @@ struct Fault {
         FailOn,   // and so do all behind it
         NotThere, // the nth CreateFileW says that there is no such file (not chosen by seeds)
         FailOf, // the nth call of one of FUNCTIONS, by its number, fails: error is 1000 times that number and the error
+        FailOfOn,   // and so do all calls of that function behind it
         FailAfter,  // the nth call is done, and says that it failed
         Short,      // the nth WriteFile writes error bytes only
         NoMemory,   // the nth allocation

@@ -134,7 +134,13 @@ Fault ChooseFault(Dice& dice)
         break;
     case Fault::How::FailOf:
         fault.nth = 1 + dice.Below(1u << (1 + dice.Below(5)));
-        fault.error = 1000 * dice.Below(std::size(FUNCTIONS)) + NOT_THERE[dice.Below(std::size(NOT_THERE))];
+        fault.error = dice.Below(std::size(FUNCTIONS));
+        fault.error = FailureOf(fault.error, NOT_THERE[dice.Below(std::size(NOT_THERE))]);
+        break;
+    case Fault::How::FailOfOn:
+        fault.nth = 1 + dice.Below(4);
+        fault.error = dice.Below(std::size(FUNCTIONS));
+        fault.error = FailureOf(fault.error, ERRORS[dice.Below(std::size(ERRORS))]);
         break;
     default:
         fault.nth = 1 + dice.Below(1u << (1 + dice.Below(8)));

@@ -28,6 +28,10 @@ const Piece STATES[] = {
     {"its base deleted", "register 0; register 1; backup 0 0; backup 1 0; write 0 0 5; damage 0 0 1 0"},
     {"the other's child deleted", "register 0; register 1; backup 0 0; backup 1 0; write 0 0 5; damage 1 0 0 0"},
     {"its base without trailer", "register 0; register 1; backup 0 0; backup 1 0; write 0 0 5; damage 0 0 1 4"},
+    {"its child without trailer", "register 0; register 1; backup 0 0; backup 1 0; write 0 0 5; damage 0 0 0 4"},
+    {"changes in a base without trailer",
+     "register 0; register 1; backup 0 0; backup 1 0; write 0 0 70 3; begin 0 0; fetch 0; abandon 0; write 0 0 9; "
+     "damage 0 0 1 4"},
     {"another length", "register 0; register 1; backup 0 0; backup 1 0; write 0 0 5; resize 0 0 300; write 0 0 250"},
     {"another block size",
      "register 0; register 1; backup 0 0; backup 1 0; write 0 0 5; block-size 0 0 2048; write 0 0 9"},

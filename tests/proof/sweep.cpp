@@ -13,6 +13,7 @@ namespace {
 using How = Fault::How;
 
 constexpr std::uint32_t SWEEP_ERRORS[] = {5, 8, 31, 32, 112, 1450};
+constexpr std::size_t SWEEP_ERROR_COUNT = std::size(SWEEP_ERRORS);
 // Once: who is told for ever that there is more reads for ever.
 constexpr std::uint32_t SWEEP_MORE_DATA = 234;
 // Where it is no answer to the question whether something is there; once: the others are asked that.
@@ -85,6 +86,8 @@ private:
                    (m_path.calls.empty() || CutPower({How::DieAfter, CountOf(m_path.calls), 0}));
         case SweepKind::SecondDeaths:
             return EachRow(CountOf(m_path.calls), [&](std::uint32_t nth) { return DieAgainBehind(nth); });
+        case SweepKind::Lasting:
+            return EachRow(std::size(FUNCTIONS), [&](std::uint32_t number) { return FailBeside(number - 1); });
         default:
             return EachRow(CountOf(m_path.refusable), [&](std::uint32_t nth) { return FailAgainBehind(nth); });
         }
@@ -123,30 +126,29 @@ private:
     // all but the trailer.
     bool ReadEachShort()
     {
-        const auto read = [&](std::uint32_t nth, std::initializer_list<std::uint32_t> sizes) {
+        const auto read = [&](const SweepTransfer& one, std::initializer_list<std::uint32_t> sizes) {
             return std::all_of(sizes.begin(), sizes.end(), [&](std::uint32_t bytes) {
-                return Try({{How::ShortRead, nth, bytes}});
+                return bytes >= one.bytes || Try({{How::ShortRead, one.nth, bytes}});
             });
         };
         return std::all_of(m_path.heads.begin(), m_path.heads.end(),
-                           [&](std::uint32_t nth) {
-                               return read(nth, {0, 60, 87});
+                           [&](const SweepTransfer& one) {
+                               return read(one, {0, 60, 87});
                            }) &&
-               std::all_of(m_path.bodies.begin(), m_path.bodies.end(), [&](std::uint32_t nth) {
-                   return read(nth, {0, 87, 102, 4092});
+               std::all_of(m_path.bodies.begin(), m_path.bodies.end(), [&](const SweepTransfer& one) {
+                   return read(one, {0, 87, 102, 4092});
                });
     }
 
     // Each write, cut at: nothing, in the signature (or the trailer, when it is written by itself), in the header, in the
-    // bits, and behind everything, the next call not being made; in long bitmaps also in another sector of the bits.
+    // bits, and near the end; in long bitmaps also in another sector of the bits. A write that has no more bytes than that
+    // is not cut, and one behind which all is over is a death before the next call.
     template <class Work>
     bool EachCut(const Work& work)
     {
-        const auto writes =
-            static_cast<std::uint32_t>(std::count(m_path.calls.begin(), m_path.calls.end(), L"WriteFile"));
-        return Each(writes, [&](std::uint32_t nth) {
-            return work(nth, 0) && work(nth, 2) && work(nth, 60) && work(nth, 90) && work(nth, 4092) &&
-                   (!IsLong() || work(nth, 600));
+        return std::all_of(m_path.writes.begin(), m_path.writes.end(), [&](const SweepTransfer& write) {
+            const auto cut = [&](std::uint32_t bytes) { return bytes >= write.bytes || work(write.nth, bytes); };
+            return cut(0) && cut(2) && cut(60) && cut(90) && cut(4092) && (!IsLong() || cut(600));
         });
     }
 
@@ -184,19 +186,46 @@ private:
     // The nth call fails, and then each of those that are made behind it.
     bool FailAgainBehind(std::uint32_t nth)
     {
-        constexpr std::size_t ERRORS = std::size(SWEEP_ERRORS);
-        const Fault first = {How::Fail, nth, SWEEP_ERRORS[nth % ERRORS]};
-        // What is called behind the first failure depends on who asks again.
+        const Fault first = {How::Fail, nth, SWEEP_ERRORS[nth % SWEEP_ERROR_COUNT]};
+        return WithPathOf(first, [&](const SweepPath& path) {
+            return Each(CountOf(path.refusable) - nth, [&](std::uint32_t further) {
+                return Try({first, {How::Fail, nth + further, SWEEP_ERRORS[further % SWEEP_ERROR_COUNT]}});
+            });
+        });
+    }
+
+    // No call of the function succeeds, as when a value cannot be written or a file not deleted for as long as it takes;
+    // and of the other calls behind the first of these each fails once. A volume whose kind is never told is passed over
+    // (an assumption).
+    bool FailBeside(std::uint32_t function)
+    {
+        const std::wstring name = FUNCTIONS[function];
+        if (name == L"GetDriveTypeW" || std::count(m_path.refusable.begin(), m_path.refusable.end(), name) == 0)
+            return true;
+        const Fault lasting = {How::FailOfOn, 1, FailureOf(function, SWEEP_ERRORS[function % SWEEP_ERROR_COUNT])};
+        return WithPathOf(lasting, [&](const SweepPath& path) {
+            bool begun = false;
+            return Each(CountOf(path.refusable), [&](std::uint32_t nth) {
+                const bool isOne = path.refusable[nth - 1] == name;
+                begun = begun || isOne;
+                return !begun || isOne || Try({lasting, {How::Fail, nth, SWEEP_ERRORS[nth % SWEEP_ERROR_COUNT]}});
+            });
+        });
+    }
+
+    // What is called behind a failure depends on who asks again.
+    template <class Work>
+    bool WithPathOf(const Fault& fault, const Work& work)
+    {
         const History before = m_history;
-        Dice dice(m_row ^ m_options.seed << 32);
+        // Other dice than those by which the row was chosen: their first number is known.
+        Dice dice(~m_row ^ m_options.seed << 32);
         Vary(m_history, dice);
         std::string wrong;
-        const SweepPath path = FollowPath(m_history, first, wrong);
+        const SweepPath path = FollowPath(m_history, fault, wrong);
         if (!wrong.empty())
             return Broken(m_history, wrong);
-        const bool goesOn = Each(CountOf(path.refusable) - nth, [&](std::uint32_t further) {
-            return Try({first, {How::Fail, nth + further, SWEEP_ERRORS[further % ERRORS]}});
-        });
+        const bool goesOn = work(path);
         m_history = before;
         return goesOn;
     }
@@ -252,7 +281,7 @@ private:
             return true;
         History history = m_history;
         history.operations.back().faults = std::move(faults);
-        if (m_options.kind != SweepKind::Pairs)
+        if (m_options.kind != SweepKind::Pairs && m_options.kind != SweepKind::Lasting)
             Vary(history, dice);
         if (then != nullptr)
             history.operations.push_back(*then);

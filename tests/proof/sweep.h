@@ -3,6 +3,7 @@
 
 #include "proof/operation.h"
 
+#include <cstddef>
 #include <functional>
 #include <string>
 #include <vector>
@@ -26,10 +27,12 @@ enum class SweepKind : std::uint8_t {
     PowerCuts,    // the same for the machine: what was written is there, is lost, or is torn
     SecondDeaths, // the process ends once more, in the operation that comes behind its death
     Pairs,        // two calls fail
+    Lasting,      // all calls of a function fail, and one of another
     Count
 };
 inline constexpr const char* SWEEP_NAMES[] = {"failures",   "effects",       "memory", "deaths",
-                                              "power-cuts", "second-deaths", "pairs"};
+                                              "power-cuts", "second-deaths", "pairs",  "lasting"};
+static_assert(sizeof(SWEEP_NAMES) / sizeof(SWEEP_NAMES[0]) == static_cast<std::size_t>(SweepKind::Count));
 
 struct SweepOptions {
     SweepKind kind = SweepKind::Failures;

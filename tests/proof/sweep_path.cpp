@@ -16,6 +16,15 @@ bool GivesBack(const std::wstring& function)
     return std::find(std::begin(GIVE_BACK), std::end(GIVE_BACK), function) != std::end(GIVE_BACK);
 }
 
+// The number of bytes stands behind the bar.
+std::uint32_t BytesOf(const std::wstring& line)
+{
+    std::uint32_t bytes = 0;
+    for (std::size_t i = line.find(L'|') + 1; i != 0 && i < line.size(); ++i)
+        bytes = bytes * 10 + static_cast<std::uint32_t>(line[i] - L'0');
+    return bytes;
+}
+
 // What a file is opened for shows in the call that comes next.
 void NoteFiles(const std::vector<std::wstring>& lines, std::uint32_t application, SweepPath& path)
 {
@@ -27,17 +36,19 @@ void NoteFiles(const std::vector<std::wstring>& lines, std::uint32_t application
             if (i + 1 < path.calls.size() && path.calls[i + 1] == L"SetFilePointer")
                 path.emptying.push_back(opened);
         }
+        if (path.calls[i] == L"WriteFile")
+            path.writes.push_back({static_cast<std::uint32_t>(path.writes.size() + 1), BytesOf(lines[i])});
         if (path.calls[i] != L"ReadFile")
             continue;
-        ++reads;
+        const SweepTransfer read{++reads, BytesOf(lines[i])};
         // Another application's child whose head cannot be read whole, without an error, is taken for unusable: that
         // application asks, and finds it sound (Limit.AnothersFileWhoseHeader...).
         const bool isChild = lines[i].find(L"_child_") != std::wstring::npos;
         const bool isOwn = lines[i].find(L"_App" + vttest::WideNumber(application) + L".") != std::wstring::npos;
         if (i == 0 || path.calls[i - 1] != L"CreateFileW")
-            path.bodies.push_back(reads);
+            path.bodies.push_back(read);
         else if (!isChild || isOwn)
-            path.heads.push_back(reads);
+            path.heads.push_back(read);
     }
 }
 

@@ -53,14 +53,6 @@ void WINAPI DieSoon(void*, LPCWSTR, LPCWSTR)
     VTFltSimSetCallFault(&death);
 }
 
-// The file that a call is about, into room for a path.
-void WINAPI NoteFile(void* context, LPCWSTR, LPCWSTR text)
-{
-    const std::wstring_view path = text;
-    *std::copy_n(path.begin(), std::min<std::size_t>(path.size(), MAX_PATH - 1), static_cast<wchar_t*>(context)) =
-        L'\0';
-}
-
 // As CREATE_ALWAYS does before it fails.
 void WINAPI EmptyFile(void*, LPCWSTR, LPCWSTR path)
 {
@@ -176,11 +168,47 @@ DoubleGuest* World::Guest(Application& application)
     return application.guest;
 }
 
+// The call's text is the path as it was opened, a bar, and the number of bytes. Allocates nothing.
+void World::NoteTransfer(CutTransfer& cut, std::wstring_view text)
+{
+    const std::size_t bar = std::min(text.find(L'|'), text.size());
+    std::uint64_t length = 0;
+    for (const wchar_t digit : text.substr(std::min(bar + 1, text.size())))
+        length = length * 10 + static_cast<std::uint64_t>(digit - L'0');
+    cut.isCut = length > cut.bytes;
+    *std::copy_n(text.begin(), std::min<std::size_t>(bar, MAX_PATH - 1), cut.path.begin()) = L'\0';
+}
+
+// Room for them was made: their addresses stay.
+void World::ArmCut(const wchar_t* function, const Fault& fault)
+{
+    CutTransfer& cut = m_watched.cuts.emplace_back();
+    cut.writes = fault.how == Fault::How::Short;
+    cut.bytes = fault.error;
+    vtfltsim::Check("VTFltSimCallBefore", VTFltSimCallBefore(
+                                              function, nullptr, fault.nth, 1,
+                                              [](void* context, LPCWSTR, LPCWSTR text) {
+                                                  NoteTransfer(*static_cast<CutTransfer*>(context), text);
+                                              },
+                                              &cut));
+    SetFault(VTFLTSIM_CALL_SHORT, function, fault.nth, 1, 0, fault.error);
+}
+
+// One that has no more than it may move goes through whole: nothing went wrong.
+bool World::IsEachCut() const
+{
+    return std::all_of(m_watched.cuts.begin(), m_watched.cuts.end(), [](const CutTransfer& cut) { return cut.isCut; });
+}
+
 void World::Arm(const std::vector<Fault>& faults)
 {
     m_struck = false;
     m_armed = m_armed || !faults.empty();
     m_struckCalls = StruckCalls();
+    if (!faults.empty()) {
+        m_watched.cuts.clear();
+        m_watched.cuts.reserve(faults.size());
+    }
     for (const Fault& fault : faults) {
         switch (fault.how) {
         case Fault::How::Fail:
@@ -197,14 +225,13 @@ void World::Arm(const std::vector<Fault>& faults)
                      ERROR_GEN_FAILURE);
             break;
         case Fault::How::Short:
-            vtfltsim::Check("VTFltSimCallBefore", VTFltSimCallBefore(L"WriteFile", nullptr, fault.nth, 1, NoteFile,
-                                                                     m_watched.cutFile.data()));
-            SetFault(VTFLTSIM_CALL_SHORT, L"WriteFile", fault.nth, 1, 0, fault.error);
+            ArmCut(L"WriteFile", fault);
             m_mayBeCutShort = true;
             break;
         case Fault::How::FailOf:
-            SetFault(VTFLTSIM_CALL_FAILS, FUNCTIONS[fault.error / 1000 % std::size(FUNCTIONS)], fault.nth, 1,
-                     fault.error % 1000);
+        case Fault::How::FailOfOn:
+            SetFault(VTFLTSIM_CALL_FAILS, FUNCTIONS[fault.error / FUNCTION_STEP % std::size(FUNCTIONS)], fault.nth,
+                     fault.how == Fault::How::FailOf ? 1 : 0, fault.error % FUNCTION_STEP);
             break;
         case Fault::How::NoMemory:
         case Fault::How::NoMemoryOn:
@@ -224,7 +251,7 @@ void World::Arm(const std::vector<Fault>& faults)
             SetFault(VTFLTSIM_CALL_SHORT, L"WriteFile", fault.nth, 1, 0, fault.error);
             break;
         case Fault::How::ShortRead:
-            SetFault(VTFLTSIM_CALL_SHORT, L"ReadFile", fault.nth, 1, 0, fault.error);
+            ArmCut(L"ReadFile", fault);
             break;
         case Fault::How::Empties:
             vtfltsim::Check("VTFltSimCallBefore",
@@ -243,7 +270,8 @@ void World::Disarm()
         return;                // what others have planned stays
     NoteCallOfAFault(nullptr); // the last call may have been the one
     m_armed = false;
-    m_struck = m_struck || m_memoryStruck || VTFltSimGetCallFaultHits() >= std::max<std::size_t>(1, m_faults.size());
+    m_struck = m_struck || m_memoryStruck ||
+               (VTFltSimGetCallFaultHits() >= std::max<std::size_t>(1, m_faults.size()) && IsEachCut());
     m_memoryStruck = false;
     m_memoryNth = 0;
     VTFltSimClearCallFaults();

@@ -133,6 +133,13 @@ private:
         bool registered = false; // as far as it knows
         std::uint32_t asksAgain = AGAIN_NEVER;
     };
+    // A write or a read that is to move fewer bytes than it is asked for.
+    struct CutTransfer {
+        bool writes = false;
+        std::uint32_t bytes = 0; // at most
+        bool isCut = false;      // it came, and had more
+        std::array<wchar_t, MAX_PATH> path{};
+    };
     // The bitmap files as they were before an operation that something goes wrong in, and what they may become by it.
     struct Watched {
         bool on = false;
@@ -142,7 +149,7 @@ private:
         bool cut = false;                             // the power, behind it,
         bool torn = false;                            // and what was not flushed is torn
         Bits changes;                                 // handed back
-        std::array<wchar_t, MAX_PATH> cutFile{};      // in which a write was short; empty: none
+        std::vector<CutTransfer> cuts;                // writes and reads that are to be short
         std::vector<std::array<BitmapFile, 2>> files; // by volume and application: child and base
         std::vector<Bits> driver;                     // what the driver may hand out of the volume
         std::size_t bitmapBytes = 0;                  // of the volume
@@ -259,6 +266,9 @@ private:
         World& m_world;
     };
     void Arm(const std::vector<Fault>& faults);
+    void ArmCut(const wchar_t* function, const Fault& fault);
+    bool IsEachCut() const;
+    static void NoteTransfer(CutTransfer& cut, std::wstring_view text);
     void Disarm();
     void CountMemory(DWORD before);
     void ArmMemory();
@@ -323,6 +333,7 @@ private:
     bool IsListedForResync(const std::wstring& name, std::size_t volume) const;
     void Happened(std::size_t volume) { ++m_events[volume]; }
     void HappenedEverywhere();
+    static std::wstring FileName(const Application& application, bool base);
     std::wstring FilePath(const Application& application, std::size_t volume, bool base) const;
     void Disturb();
     static void Count(std::uint64_t Verdicts::*which);

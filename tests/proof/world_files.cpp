@@ -132,10 +132,13 @@ std::string World::CheckWatched(std::size_t number, std::size_t volume, bool bas
     return {};
 }
 
-// In it a write was short without an error.
+// In it a write was short without an error. The library opens it by the volume's name, the world by its folder.
 bool World::IsCutFile(std::size_t number, std::size_t volume, bool base) const
 {
-    return FilePath(m_applications[number], volume, base) == m_watched.cutFile.data();
+    const std::wstring name = m_volumes[volume].guid + FileName(m_applications[number], base);
+    return std::any_of(m_watched.cuts.begin(), m_watched.cuts.end(), [&name](const CutTransfer& cut) {
+        return cut.writes && cut.isCut && std::wstring_view(cut.path.data()).ends_with(name);
+    });
 }
 
 // A bitmap of more than a sector, rewritten in place, of which a power cut left some sectors old and some new

@@ -189,9 +189,10 @@ std::string World::CheckMonitoring(bool on, DWORD result)
 // One call or allocation fails, and whatever comes behind it succeeds.
 bool World::FailsOnce() const
 {
-    return std::all_of(m_faults.begin(), m_faults.end(), [](const Fault& fault) {
-        return fault.how == Fault::How::Fail || fault.how == Fault::How::FailOf || fault.how == Fault::How::NoMemory;
-    });
+    if (m_faults.size() != 1)
+        return false;
+    const Fault::How how = m_faults.front().how;
+    return how == Fault::How::Fail || how == Fault::How::FailOf || how == Fault::How::NoMemory;
 }
 
 // What is reported as failed may have been done.

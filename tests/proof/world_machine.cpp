@@ -36,10 +36,15 @@ void WriteAll(const std::wstring& path, const Bytes& bytes)
 
 } // namespace
 
+// Below the volume's root.
+std::wstring World::FileName(const Application& application, bool base)
+{
+    return (base ? L"\\VelVolTrc\\VelVolTrc_base_" : L"\\VelVolTrc\\VelVolTrc_child_") + application.id + L".dat";
+}
+
 std::wstring World::FilePath(const Application& application, std::size_t volume, bool base) const
 {
-    return m_folders[volume] + (base ? L"\\VelVolTrc\\VelVolTrc_base_" : L"\\VelVolTrc\\VelVolTrc_child_") +
-           application.id + L".dat";
+    return m_folders[volume] + FileName(application, base);
 }
 
 void World::Damage(const Operation& operation)
@@ -330,9 +335,10 @@ std::string World::CheckAnswersOfAFault(const Application& application, std::siz
                std::to_string(got.count) + " are counted";
     if (got.present && !application.registered)
         return "an application is listed that is not registered";
-    // One of the questions may have installed the driver, or taken it away and failed to install it again.
+    // One of the questions may have installed the driver, or taken it away and failed to install it again; where two
+    // things fail, one of them the one and the next the other.
     const bool there = IsDriverThere();
-    const bool wasThere = there || m_driverWasThere;
+    const bool wasThere = there || m_driverWasThere || m_faults.size() > 1;
     if ((got.works != 0 && !wasThere) || (got.can != 0 && !(wasThere && application.registered)))
         return "the driver works: " + std::to_string(got.works) + ", for the application: " + std::to_string(got.can);
     const VTFLTSIM_VOLUME_INFO info = m_machine->Info(m_volumes[volume]);

@@ -347,13 +347,14 @@ int main(int argc, char** argv)
         return RunYears(options);
     if (argc >= 3 && std::strcmp(argv[1], "sweep") == 0 && Parse(argc, argv, 3, options))
         return SweepNamed(options, argv[2]);
-    std::fputs("vtfltproof histories [--seed S] [--histories N] [--minutes M] [--part I/N]\n"
-               "vtfltproof sweep failures|effects|memory|deaths|power-cuts|second-deaths|pairs [--one-in N] [--seed S] "
-               "[--minutes M] [--part I/N]\n"
-               "vtfltproof schedules [--count N] [--seed S] [--minutes M] [--part I/N]\n"
-               "vtfltproof years [--years N] [--seed S] [--minutes M] [--part I/N]\n"
-               "vtfltproof count\n"
-               "vtfltproof replay \"machine ...\"\n",
-               stderr);
+    std::fputs(
+        "vtfltproof histories [--seed S] [--histories N] [--minutes M] [--part I/N]\n"
+        "vtfltproof sweep failures|effects|memory|deaths|power-cuts|second-deaths|pairs|lasting [--one-in N] [--seed S] "
+        "[--minutes M] [--part I/N]\n"
+        "vtfltproof schedules [--count N] [--seed S] [--minutes M] [--part I/N]\n"
+        "vtfltproof years [--years N] [--seed S] [--minutes M] [--part I/N]\n"
+        "vtfltproof count\n"
+        "vtfltproof replay \"machine ...\"\n",
+        stderr);
     return 2;
 }

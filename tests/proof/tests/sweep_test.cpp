@@ -79,7 +79,7 @@ INSTANTIATE_TEST_SUITE_P(Sampled, Sweeps,
                                          Sample{SweepKind::Memory, 25, 600}, Sample{SweepKind::Deaths, 40, 600},
                                          Sample{SweepKind::PowerCuts, 90, 400},
                                          Sample{SweepKind::SecondDeaths, 6'000, 100},
-                                         Sample{SweepKind::Pairs, 2'000, 70}),
+                                         Sample{SweepKind::Pairs, 2'000, 70}, Sample{SweepKind::Lasting, 400, 70}),
                          [](const auto& info) {
                              std::string name = SWEEP_NAMES[static_cast<std::size_t>(info.param.kind)];
                              std::erase(name, '-');
@@ -141,6 +141,36 @@ TEST(Sweeps, CutThePowerBeforeEachCallAndBehindTheLast)
     RunSweep(scenarios, options);
     EXPECT_EQ(calls, points[Fault::How::DieBefore].size());
     EXPECT_EQ((std::set<std::uint32_t>{static_cast<std::uint32_t>(calls)}), points[Fault::How::DieAfter]);
+}
+
+// A cut that is as long as what is written, or read, is none.
+TEST(Sweeps, CutOnlyWhatIsLonger)
+{
+    std::vector<Scenario> scenarios = AllScenarios();
+    std::erase_if(scenarios, [](const Scenario& one) { return one.name != "a backup, with changes owed to two"; });
+    ASSERT_EQ(1u, scenarios.size());
+    std::string wrong;
+    const SweepPath path = FollowPath(scenarios.front().history, {}, wrong);
+    ASSERT_EQ("", wrong);
+    constexpr std::uint32_t TRAILER = 4;
+    unsigned trailers = 0;
+    for (const SweepTransfer& write : path.writes)
+        trailers += write.bytes == TRAILER ? 1 : 0;
+    EXPECT_EQ(2 * trailers, path.writes.size()) << "each file is written in two pieces";
+    unsigned cuts = 0;
+    SweepOptions options;
+    options.kind = SweepKind::Effects;
+    options.run = [&](const History& history, bool, bool* struck) {
+        const Fault& fault = history.operations.back().faults.front();
+        if (fault.how == Fault::How::Short) {
+            EXPECT_LT(fault.error, path.writes.at(fault.nth - 1).bytes);
+            ++cuts;
+        }
+        *struck = true;
+        return std::string();
+    };
+    RunSweep(scenarios, options);
+    EXPECT_EQ(7 * trailers, cuts) << "at two places of a trailer, and at five of what is before it";
 }
 
 // Every error that a call can give, at every call; those that say "there is none" only where they answer no such question.

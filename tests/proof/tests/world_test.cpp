@@ -152,5 +152,69 @@ TEST(World, LooksAtTheFilesBehindACut)
     EXPECT_EQ(files + 2 * 2, VerdictsSoFar().files) << "behind the backup and behind the cut";
 }
 
+// A write that is short without an error counts as done and is not flushed: a cut of the power may bring that file back as
+// it was, and no other one.
+TEST(World, BelievesACutOnlyOfTheFileInWhichAWriteWasShort)
+{
+    const auto history = ParseHistory("machine 100:1024; register 0; register 1; backup 0 0; backup 1 0; write 0 0 5; "
+                                      "backup 0 0 0 0 !short 1 90; power-cut 0 0 1");
+    ASSERT_TRUE(history.has_value());
+    constexpr char LOST[] = "changes owed to application 1 on volume 0 are neither in its files nor with the driver";
+    // The other application's child is written first, its trailer by itself, and then the own base.
+    struct Case {
+        std::uint32_t nth;
+        bool flushes; // the disk, the other application's child
+        const char* wrong;
+    };
+    for (const Case& one : {Case{1, true, ""}, Case{1, false, ""}, Case{3, true, ""}, Case{3, false, LOST}}) {
+        World world(history->volumes);
+        std::vector<Operation> operations = history->operations;
+        operations[operations.size() - 2].faults.front().nth = one.nth;
+        for (std::size_t i = 0; i + 2 < operations.size(); ++i)
+            ASSERT_EQ("", world.Run(operations[i]));
+        VTFLTSIM_CALL_FAULT pretends = {};
+        pretends.size = sizeof(pretends);
+        pretends.what = VTFLTSIM_CALL_RETURNS;
+        pretends.function = L"FlushFileBuffers";
+        pretends.match = L"_child_App1";
+        pretends.value = TRUE;
+        if (!one.flushes)
+            vtfltsim::Check("VTFltSimSetCallFault", VTFltSimSetCallFault(&pretends));
+        ASSERT_EQ("", world.Run(operations[operations.size() - 2], true));
+        EXPECT_TRUE(world.Struck());
+        EXPECT_EQ(one.wrong, world.Run(operations.back())) << one.nth << one.flushes;
+    }
+}
+
+// A write of four bytes that is to be cut behind ninety goes through whole.
+TEST(World, IsStruckByACutThatCuts)
+{
+    const auto struck = [](const std::string& fault) {
+        const auto history =
+            ParseHistory("machine 100:1024; register 0; backup 0 0; write 0 0 5; backup 0 0 0 0 " + fault);
+        bool met = false;
+        EXPECT_EQ("", history ? RunHistory(*history, World::Thoroughly::Yes, &met) : "that is no history");
+        return met;
+    };
+    EXPECT_TRUE(struck("!short 1 90"));
+    EXPECT_TRUE(struck("!short 2 2"));
+    EXPECT_FALSE(struck("!short 2 4")) << "the trailer";
+    EXPECT_FALSE(struck("!short 2 90"));
+    EXPECT_TRUE(struck("!short-read 1 87"));
+    EXPECT_FALSE(struck("!short-read 1 88")) << "a header and a trailer";
+}
+
+// The filter cannot be added, and then the count cannot be set back: two failures, and the count stays.
+TEST(World, TakesNoSecondFailureForABreak)
+{
+    for (const char* how : {"monitor 0 0 1", "monitor 0 0 1; monitor 0 0 0"}) {
+        for (std::uint32_t nth = 1; nth < 25; ++nth) {
+            const std::string text = std::string("machine 100:1024; register 0; ") + how + " !fail " +
+                                     std::to_string(nth) + " 5 !fail " + std::to_string(nth + 1) + " 5";
+            EXPECT_EQ("", RunText(text)) << text;
+        }
+    }
+}
+
 } // namespace
 } // namespace vtproof

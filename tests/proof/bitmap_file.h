@@ -22,7 +22,7 @@ struct BitmapFile {
     bool operator==(const BitmapFile& other) const = default;
 };
 
-inline constexpr std::size_t LARGEST_BITMAP_FILE = 1 << 16;
+inline constexpr std::size_t LARGEST_BITMAP_FILE = 1 << 17;
 
 // No bytes: a file that is not there.
 BitmapFile ReadBitmapFile(const std::uint8_t* bytes, std::size_t count);

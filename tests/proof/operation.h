@@ -124,6 +124,9 @@ struct VolumeShape {
     std::uint32_t blockSize = 0;
 };
 
+// From here on a volume's bitmap files, with blocks of a grain, are of the size whose memory the library keeps for the next.
+inline constexpr std::uint32_t HUGE_GRAINS = 500'000;
+
 struct History {
     std::vector<VolumeShape> volumes;
     std::vector<Operation> operations;

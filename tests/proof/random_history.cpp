@@ -139,7 +139,10 @@ Fault ChooseFault(Dice& dice)
         break;
     case Fault::How::FailOfOn:
         fault.nth = 1 + dice.Below(4);
-        fault.error = dice.Below(std::size(FUNCTIONS));
+        // A volume whose kind is never told is passed over (an assumption).
+        do
+            fault.error = dice.Below(std::size(FUNCTIONS));
+        while (FUNCTIONS[fault.error] == std::wstring_view(L"GetDriveTypeW"));
         fault.error = FailureOf(fault.error, ERRORS[dice.Below(std::size(ERRORS))]);
         break;
     default:
@@ -162,6 +165,8 @@ History ChooseHistory(std::uint64_t seed)
     // Bitmaps of more than one sector, which can be torn in the middle of what counts.
     if (dice.OneIn(6))
         history.volumes.front() = {8192, 512};
+    if (dice.OneIn(400))
+        history.volumes.front() = {HUGE_GRAINS + dice.Below(HUGE_GRAINS / 10), 512};
     const bool calm = dice.OneIn(4);
     const std::uint32_t length = 4 + dice.Below(dice.OneIn(4) ? 40 : 16);
     history.operations.push_back({Do::Register, 0, 0, 0, 0, {}});

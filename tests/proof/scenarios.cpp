@@ -89,6 +89,19 @@ const Piece LONG_OTHERS[] = {
      "register 0; register 1; backup 0 0; backup 1 0; write 0 0 6; write 0 0 4100 9; write 0 0 8000; backup 1 0"},
 };
 
+// Bitmaps so long that the library keeps the memory of one for the next file that it reads: of another application, of
+// another length.
+constexpr char HUGE_MACHINE[] = "machine 530000:512; ";
+const Piece HUGE_OTHERS[] = {
+    {"a backup, with changes in a base that the other one has backed up",
+     "register 0; register 1; backup 0 0; backup 1 0; write 0 0 70 3; begin 0 0; fetch 0; abandon 0; backup 1 0; "
+     "write 0 0 9; backup 0 0"},
+    {"a backup of what became longer",
+     "register 0; register 1; backup 0 0; backup 1 0; write 0 0 5; resize 0 0 600000; write 0 0 590000; backup 0 0"},
+    {"a backup of what became shorter",
+     "register 0; register 1; backup 0 0; backup 1 0; write 0 0 5; resize 0 0 500000; write 0 0 490000; backup 0 0"},
+};
+
 } // namespace
 
 std::vector<Scenario> AllScenarios()
@@ -112,6 +125,8 @@ std::vector<Scenario> AllScenarios()
             LONG_MACHINE);
     for (const Piece& other : LONG_OTHERS)
         add(std::string("long: ") + other.name, other.text, LONG_MACHINE);
+    for (const Piece& other : HUGE_OTHERS)
+        add(std::string("huge: ") + other.name, other.text, HUGE_MACHINE);
     return scenarios;
 }
 

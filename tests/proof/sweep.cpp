@@ -85,11 +85,13 @@ private:
                         }) &&
                    (m_path.calls.empty() || CutPower({How::DieAfter, CountOf(m_path.calls), 0}));
         case SweepKind::SecondDeaths:
-            return EachRow(CountOf(m_path.calls), [&](std::uint32_t nth) { return DieAgainBehind(nth); });
+            return IsHuge() || EachRow(CountOf(m_path.calls), [&](std::uint32_t nth) { return DieAgainBehind(nth); });
         case SweepKind::Lasting:
-            return EachRow(std::size(FUNCTIONS), [&](std::uint32_t number) { return FailBeside(number - 1); });
+            return IsHuge() ||
+                   EachRow(std::size(FUNCTIONS), [&](std::uint32_t number) { return FailBeside(number - 1); });
         default:
-            return EachRow(CountOf(m_path.refusable), [&](std::uint32_t nth) { return FailAgainBehind(nth); });
+            return IsHuge() ||
+                   EachRow(CountOf(m_path.refusable), [&](std::uint32_t nth) { return FailAgainBehind(nth); });
         }
     }
 
@@ -257,6 +259,8 @@ private:
     {
         return static_cast<std::uint32_t>(calls.size());
     }
+    // A run of these takes as long as many others: there one thing goes wrong, and no two.
+    bool IsHuge() const { return m_history.volumes.front().grains >= HUGE_GRAINS; }
     bool IsLong() const { return m_history.volumes.front().grains >= LONG_GRAINS; }
 
     static Operation PowerCut(std::uint32_t how)

@@ -13,7 +13,6 @@ namespace vtproof {
 
 namespace {
 
-constexpr std::size_t BUFFER_BYTES = 8192;
 constexpr wchar_t ANY_CALL[] = L"*";
 constexpr wchar_t ALLOCATION[] = L"malloc";
 
@@ -23,6 +22,15 @@ std::vector<std::size_t> GrainsOf(const std::vector<VolumeShape>& volumes)
     for (const VolumeShape& shape : volumes)
         grains.push_back(shape.grains);
     return grains;
+}
+
+// Room for the bitmap of each of the volumes, whatever becomes of them.
+std::size_t BufferBytes(const std::vector<VolumeShape>& volumes)
+{
+    constexpr std::size_t SMALL = 8192;
+    const bool isHuge = std::any_of(volumes.begin(), volumes.end(),
+                                    [](const VolumeShape& shape) { return shape.grains >= HUGE_GRAINS; });
+    return isHuge ? LARGEST_BITMAP_FILE : SMALL;
 }
 
 std::wstring GuidOf(std::size_t number)
@@ -106,7 +114,7 @@ World::World(const std::vector<VolumeShape>& volumes, std::size_t applications)
     for (std::size_t i = 0; i < applications; ++i) {
         Application& application = m_applications[i];
         application.id = L"App" + vttest::WideNumber(i);
-        application.buffer.resize(BUFFER_BYTES);
+        application.buffer.resize(BufferBytes(volumes));
         application.chains.resize(volumes.size());
         for (Chain& chain : application.chains)
             chain.undisturbed = SETTLED_ROUNDS;
@@ -300,16 +308,6 @@ void World::CountMemory(DWORD before)
 
 // --- One operation.
 
-namespace {
-
-// What is right behind a fault depends on the call that it struck.
-bool MindsWhichCall(Do what)
-{
-    return what == Do::MarkAll || what == Do::Unregister || what == Do::Monitor;
-}
-
-} // namespace
-
 std::string World::Run(const Operation& operation, bool beforeACut)
 {
     if (operation.what != Do::PowerCut) {
@@ -322,7 +320,8 @@ std::string World::Run(const Operation& operation, bool beforeACut)
     Tell(ToText(operation));
     m_driverWasThere = IsDriverThere();
     Arm(operation.faults);
-    if (!operation.faults.empty() && MindsWhichCall(operation.what))
+    // What is right behind a fault depends on the call that it struck.
+    if (!operation.faults.empty())
         vtfltsim::Check("VTFltSimCallBefore", VTFltSimCallBefore(
                                                   ANY_CALL, nullptr, 1, 0,
                                                   [](void* context, LPCWSTR function, LPCWSTR) {

@@ -42,6 +42,8 @@ struct Verdicts {
     std::uint64_t unusable = 0;    // and how many of them had become unusable
     std::uint64_t cuts = 0;        // power cuts behind which the files were looked at
     std::uint64_t owed = 0;        // what was owed to an application, sought there in its files and with the driver
+    std::uint64_t handedBack = 0;  // changes of a snapshot, sought in the child that they were handed back to
+    std::uint64_t marked = 0;      // changes that could not be handed back: the volume's mark, sought right behind that
 };
 const Verdicts& VerdictsSoFar();
 
@@ -148,18 +150,20 @@ private:
         bool reports = false;                         // it came to the report of success
         bool cut = false;                             // the power, behind it,
         bool torn = false;                            // and what was not flushed is torn
-        Bits changes;                                 // handed back
+        Bits changes;                                 // handed back,
+        bool handedBack = false;                      // with success
         std::vector<CutTransfer> cuts;                // writes and reads that are to be short
         std::vector<std::array<BitmapFile, 2>> files; // by volume and application: child and base
         std::vector<Bits> driver;                     // what the driver may hand out of the volume
         std::size_t bitmapBytes = 0;                  // of the volume
     };
-    // The calls that faults struck, of an operation in which that matters; the first few.
+    // The calls that faults struck in the operation; the first few.
     struct StruckCalls {
         std::array<const wchar_t*, 16> functions{};
         std::size_t count = 0;
         const wchar_t* last = nullptr; // that was called
         DWORD hits = 0;
+        bool walks = false; // over the volumes, or has walked
     };
     // The requests for the tracking of snapshots, and the list of filters that they change.
     struct Monitoring {
@@ -312,6 +316,7 @@ private:
     std::vector<std::wstring> Registered() const;
     bool HasStruck(std::initializer_list<std::wstring_view> functions) const;
     bool HasStruckAnother(std::initializer_list<std::wstring_view> functions) const;
+    bool IsStruck() const;
     bool FailsOnce() const;
     bool MayBeDone() const;
     void NoteCallOfAFault(const wchar_t* function);
@@ -326,6 +331,9 @@ private:
     bool IsCutFile(std::size_t number, std::size_t volume, bool base) const;
     bool IsMixed(std::size_t number, std::size_t volume, bool base, const BitmapFile& now) const;
     std::string CheckOwed(std::size_t number, std::size_t volume) const;
+    std::string CheckHandedBack() const;
+    std::string CheckMarkOfFailedChanges(const Application& application) const;
+    bool IsTold(const Application& application, std::size_t volume) const;
     MayBe WhatMayBe(std::size_t number, std::size_t volume, bool base) const;
     BitmapFile ReadFile(std::size_t number, std::size_t volume, bool base) const;
     std::vector<std::wstring> ResyncList(const std::wstring& name) const;

@@ -63,6 +63,7 @@ std::string World::Unregister(Application& application)
     if (application.session.open)
         return {};
     const Disturbance disturbance(*this); // every volume is on its verify list from now on
+    const bool registered = application.registered;
     DWORD result = 0xFFFFFFFF;
     const Went went = In(application, [&] {
         result =
@@ -84,8 +85,8 @@ std::string World::Unregister(Application& application)
         return wrong;
     if (!m_faulty && m_watch == nullptr && result == 0 && HasFiles(application))
         return "an application was unregistered and has bitmap files";
-    if (!m_faulty && result != 0 && result != VTFLT_APP_NOT_REGISTERED)
-        return "unregistering failed with " + std::to_string(result);
+    if (!m_faulty && result != (registered ? 0 : VTFLT_APP_NOT_REGISTERED))
+        return "unregistering gives " + std::to_string(result);
     return {};
 }
 
@@ -183,6 +184,9 @@ std::string World::Begin(std::size_t number, std::size_t volume)
     }
     if (undisturbed && asked != 0)
         return "a verify is required though nothing ever went wrong";
+    // At once, somebody may change it.
+    if (!m_faulty && m_watch == nullptr && session.blockSize != m_machine->Info(m_volumes[volume]).blockSize)
+        return "the block size is said to be " + std::to_string(session.blockSize);
     session.open = true;
     session.verify = asked != 0 || chain.mustVerify || fresh || chain.blockSize != session.blockSize ||
                      chain.grains != m_expected.Volume(volume).size();
@@ -245,6 +249,9 @@ std::string World::Fetch(std::size_t number)
     }
     const bool moved = blockSize != session.blockSize ||
                        static_cast<std::uint64_t>(length.Length.QuadPart) != session.grains.size() * GRAIN;
+    const bool mayMove = session.events != m_events[session.volume] || (m_watch == nullptr ? m_faulty : !undisturbed);
+    if (moved && !mayMove)
+        return "block size or length are said to have changed, and nobody changed them";
     if (result != 0 || asked != 0 || moved)
         session.verify = true;
     // What was lost behind the snapshot is not in this backup, and the report takes the mark off.
@@ -335,6 +342,7 @@ std::string World::Finish(std::size_t number, std::size_t first, std::size_t cou
             m_watched.changes.assign(changes.begin() + VTFLT_BITMAP_HEADER_BYTES, changes.end());
             TrimZeros(m_watched.changes);
         }
+        const DWORD hits = VTFltSimGetCallFaultHits();
         if (session.reportable && In(application, [&] {
                                       result = Call(application, Exported::SyncSnapshotChanges, [&] {
                                           return VTFltSynSnapshotChangeBitmapToVolume(
@@ -343,6 +351,12 @@ std::string World::Finish(std::size_t number, std::size_t first, std::size_t cou
                                   }) == Went::Died)
             return Crash(application);
         Mix(result);
+        m_watched.handedBack = result == 0;
+        if (m_watch == nullptr && session.reportable && result != 0 && VTFltSimGetCallFaultHits() != hits) {
+            std::string wrong = CheckMarkOfFailedChanges(application);
+            if (!wrong.empty())
+                return wrong;
+        }
         if (result != 0) {
             session.reportable = false;
             session.mustVerifyNext = true;

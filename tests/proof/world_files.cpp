@@ -66,7 +66,50 @@ std::string World::CheckWatched()
                 wrong = CheckOwed(number, volume);
         }
     }
+    if (wrong.empty() && m_watched.on && m_watched.handedBack)
+        wrong = CheckHandedBack();
     return wrong;
+}
+
+// Somebody has the application verify the volume; a driver that was installed anew, say, lists it.
+bool World::IsTold(const Application& application, std::size_t volume) const
+{
+    const std::wstring& id = application.id;
+    return IsListedForResync(id + L".Last", volume) || IsListedForResync(id, volume) || IsListedForResync({}, volume);
+}
+
+// Changes of the snapshot that were taken are in the child, or the application is told.
+std::string World::CheckHandedBack() const
+{
+    const std::size_t number = m_watched.operation.application;
+    const std::size_t volume = m_watched.volume;
+    const BitmapFile child = ReadFile(number, volume, false);
+    if (!child.usable || !ReadFile(number, volume, true).usable || IsTold(m_applications[number], volume) ||
+        IsMixed(number, volume, false, child))
+        return {};
+    // As for what is owed: a write that was short counts as done, and is not flushed.
+    if (m_watched.cut && IsCutFile(number, volume, false))
+        return {};
+    Count(&Verdicts::handedBack);
+    if (Either(child.bits, m_watched.changes) == child.bits)
+        return {};
+    return "changes of the snapshot that application " + std::to_string(number) + " handed back on volume " +
+           std::to_string(volume) + " are not in its child";
+}
+
+// While changes of a snapshot are merged the volume is on the verify list, and stays there when that fails: what was
+// written of the child may be anything. Where another call than those on files failed, the mark itself may have been that.
+std::string World::CheckMarkOfFailedChanges(const Application& application) const
+{
+    const std::size_t volume = application.session.volume;
+    const auto number = static_cast<std::size_t>(&application - m_applications.data());
+    if (!FailsOnce() || !HasStruck({L"CreateFileW", L"ReadFile", L"WriteFile", L"SetFilePointer", L"GetFileSizeEx",
+                                    L"FlushFileBuffers"}))
+        return {};
+    Count(&Verdicts::marked);
+    if (IsListedForResync(application.id + L".Last", volume) || !ReadFile(number, volume, false).usable)
+        return {};
+    return "changes of a snapshot could not be handed back, and the volume is not on the verify list";
 }
 
 // What was owed to an application before is in its files, or the driver still has it, or the application is told.
@@ -85,11 +128,7 @@ std::string World::CheckOwed(std::size_t number, std::size_t volume) const
         return {};
     const BitmapFile child = ReadFile(number, volume, false);
     const BitmapFile base = ReadFile(number, volume, true);
-    // A driver that was installed anew, say, lists the volume.
-    const std::wstring& id = application.id;
-    const bool told =
-        IsListedForResync(id + L".Last", volume) || IsListedForResync(id, volume) || IsListedForResync({}, volume);
-    if (!child.usable || !base.usable || told || IsMixed(number, volume, false, child) ||
+    if (!child.usable || !base.usable || IsTold(application, volume) || IsMixed(number, volume, false, child) ||
         IsMixed(number, volume, true, base))
         return {};
     const Bits kept = Either(Either(child.bits, base.bits), m_machine->Bits(m_volumes[volume]));
@@ -160,6 +199,11 @@ MayBe World::WhatMayBe(std::size_t number, std::size_t volume, bool base) const
     if (volume != m_watched.volume)
         return bits;
     if (Fetches(operation.what)) {
+        // Who asks again at once finds unusable what the first failure left, and begins it anew; the next one stops that.
+        const Application& application = m_applications[number];
+        if (own && base && application.asksAgain == AGAIN_AT_ONCE && operation.faults.size() > 1 &&
+            IsListedForResync(application.id + L".Last", volume))
+            bits.Add({});
         if (own || !base)
             bits.AddCut(m_watched.bitmapBytes);
         for (const Bits& handedOut : m_watched.driver) {

@@ -121,6 +121,8 @@ std::string World::CheckMarked(const Application& application, bool all) const
 std::string World::CheckMarks()
 {
     std::string wrong;
+    // Who unregisters leaves its marks in the place of the driver's list, but of a volume whose kind cannot be learned.
+    const bool leavesOut = HasStruck({L"GetDriveTypeW"});
     const auto driver = ResyncList({});
     for (Application& application : m_applications) {
         const auto pending = ResyncList(application.id);
@@ -130,7 +132,7 @@ std::string World::CheckMarks()
             const bool told =
                 marks[volume] || Holds(pending, volume) || (application.registered && Holds(driver, volume));
             if (&chain != m_takenOff && wrong.empty() &&
-                ((chain.mustBeAsked && !marks[volume]) || (chain.told && !told)))
+                ((chain.mustBeAsked && !marks[volume]) || (chain.told && !told && !leavesOut)))
                 wrong = "volume " + std::to_string(volume) + " is no more on " +
                         (chain.mustBeAsked ? "the verify list" : "any list") + " of application " +
                         std::to_string(&application - m_applications.data());
@@ -186,6 +188,12 @@ std::string World::CheckMonitoring(bool on, DWORD result)
 
 // --- What went wrong in the operation.
 
+// Something went wrong in the operation so far.
+bool World::IsStruck() const
+{
+    return m_struckCalls.count != 0 || m_memoryStruck || m_struck;
+}
+
 // One call or allocation fails, and whatever comes behind it succeeds.
 bool World::FailsOnce() const
 {
@@ -222,6 +230,7 @@ bool World::HasStruckAnother(std::initializer_list<std::wstring_view> functions)
 void World::NoteCallOfAFault(const wchar_t* function)
 {
     StruckCalls& struck = m_struckCalls;
+    struck.walks = struck.walks || (function != nullptr && std::wstring_view(function) == L"FindFirstVolumeW");
     const DWORD hits = VTFltSimGetCallFaultHits();
     if (hits != struck.hits && struck.last != nullptr && struck.count < struck.functions.size())
         struck.functions[struck.count++] = struck.last;

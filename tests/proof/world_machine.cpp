@@ -108,7 +108,10 @@ std::string World::MarkAll(Application& application)
                       [&] { return VTAddVolumesToAppVerifyList(application.id.c_str()); });
     });
     Disarm(); // what follows looks at the registry itself
-    const bool all = went == Went::Through && result == 0 && !m_faulty && m_driverWasThere && IsDriverThere();
+    // Who is told by what fails that there is no driver marks nothing, and says 0 (Limit.MarkingWithoutADriver...). Who
+    // walks over the volumes knows that there is one.
+    const bool mayBeGate = m_faulty && IsStruck() && !m_struckCalls.walks;
+    const bool all = went == Went::Through && result == 0 && !mayBeGate && m_driverWasThere && IsDriverThere();
     const std::string wrong = CheckMarked(application, all);
     if (went == Went::Died)
         Crash(application);
@@ -171,11 +174,15 @@ std::string World::StopTracking(Application& application, Exported exported, std
     Mix(result);
     if (m_watch != nullptr)
         return {};
+    Disarm(); // what follows looks at the machine itself
     // A volume whose kind cannot be learned is left out of all of them.
-    for (std::size_t each = first; each < end && result == 0 && (one || !m_faulty); ++each) {
+    const bool leavesOut = !one && HasStruck({L"GetDriveTypeW"});
+    for (std::size_t each = first; each < end && result == 0 && !leavesOut; ++each) {
         if (HasFiles(each))
             return "tracking was ended and the bitmap files are there";
     }
+    if (one && result == 0 && m_machine->Info(m_volumes[volume]).tracked != 0)
+        return "tracking was ended and the driver goes on";
     const bool mayFail = m_faulty || !hadAll || (one && !IsDriverThere());
     return result == 0 || mayFail ? std::string() : "ending the tracking gives " + std::to_string(result);
 }

@@ -257,6 +257,25 @@ TEST_F(Limit, WhatTheDriverAddsToItsListWhileItIsHandedOutIsDropped)
     EXPECT_TRUE(IsLost(APP1, 5));
 }
 
+// Found by a schedule.
+TEST_F(Limit, AnotherBlockSizeWhileTheDriversListIsHandedOutIsDropped)
+{
+    Register(APP1);
+    BackUp(APP1);
+    const Volume other = machine.AddVolume(BLOCKS * BLOCK, BLOCK);
+    VTFltSimLoseTracking(machine.handle(), other.guid.c_str());
+    auto driver = [&] { VTFltSimSetBlockSize(machine.handle(), volume.guid.c_str(), 2 * BLOCK); };
+    Touch({5});
+    Before(L"RegDeleteValueW", L"DeviceListForReSync", 1, driver);
+    ASSERT_EQ(0u, VTReplicateVerifyList(APP1));
+    ClearFaults();
+    EXPECT_TRUE(DriverList().empty());
+    EXPECT_EQ(0u, VTIsVerifyRequired(APP1, volume.Root().c_str()));
+    const auto session = Open(APP1);
+    EXPECT_EQ(0u, session->GetBitmap());
+    EXPECT_EQ(BlockSet{}, Blocks(*session)) << "block 2 of the longer ones";
+}
+
 TEST_F(Limit, UnregisteringAndRegisteringInTheMiddleOfItsOwnBackup)
 {
     Register(APP1);
@@ -287,18 +306,23 @@ TEST_F(Limit, IdsThatDifferInCaseOnlyShareTheirFiles)
 
 TEST_F(Limit, LongIdsThatDifferAtTheirEndsOnlyShareTheirFiles)
 {
-    // The paths of bitmap files are cut at 259 characters.
-    const std::wstring same(185, L'a');
-    const std::wstring first = same + L"1";
-    const std::wstring second = same + L"2";
-    Register(first);
-    Register(second);
-    EXPECT_EQ((std::vector<std::wstring>{first, second}), RegisteredIds());
-    BackUp(first);
-    BackUp(second);
-    Touch({5});
-    BackUp(first);
-    EXPECT_TRUE(IsLost(second, 5));
+    // The paths of bitmap files are cut at 259 characters: so many of an ID are left in a child's.
+    constexpr std::size_t LEFT = 184;
+    for (const std::size_t length : {LEFT - 1, LEFT}) {
+        const std::wstring same(length, L'a');
+        const std::wstring first = same + L"1";
+        const std::wstring second = same + L"2";
+        Register(first);
+        Register(second);
+        EXPECT_EQ((std::vector<std::wstring>{first, second}), RegisteredIds());
+        BackUp(first);
+        BackUp(second);
+        Touch({5});
+        BackUp(first);
+        EXPECT_EQ(length == LEFT, IsLost(second, 5)) << length;
+        ASSERT_EQ(0u, VTUnregisterApplication(first.c_str()));
+        ASSERT_EQ(0u, VTUnregisterApplication(second.c_str()));
+    }
 }
 
 // Nothing is lost: without an entry there is no backup.
@@ -439,12 +463,16 @@ TEST_F(Limit, AnothersFileThatIsSaidNotToBeThereIsSkipped)
 {
     Register(APP1);
     Register(APP2);
-    BackUp(APP2);
-    Touch({5});
-    VTFltSimFailCall(L"CreateFileW", ChildName(APP2).c_str(), 1, 1, ERROR_FILE_NOT_FOUND);
-    BackUp(APP1);
-    ClearFaults();
-    EXPECT_TRUE(IsLost(APP2, 5));
+    std::uint64_t block = 5;
+    for (const DWORD error : {ERROR_FILE_NOT_FOUND, ERROR_PATH_NOT_FOUND}) {
+        BackUp(APP2);
+        Touch({block});
+        VTFltSimFailCall(L"CreateFileW", ChildName(APP2).c_str(), 1, 1, error);
+        BackUp(APP1);
+        ClearFaults();
+        EXPECT_TRUE(IsLost(APP2, block)) << error;
+        ++block;
+    }
 }
 
 // The system says that the file ends in the middle of its header, and is believed.
@@ -476,6 +504,19 @@ TEST_F(Limit, AVolumeWalkThatIsSaidToEndEarlyPassesVolumesOver)
     EXPECT_EQ(0u, VTIsVerifyRequired(APP1, passedOver.Root().c_str())) << "whoever asked for the mark needs it";
     EXPECT_EQ(0u, VTAddVolumesToAppVerifyList(APP1));
     EXPECT_EQ(2u, VerifyList(APP1).size()) << "both, when the system says so";
+    // Not reset: nobody makes files there.
+    const auto hasChild = [&](const Volume& one, const std::wstring& appId) {
+        return FileExists(one, ChildName(appId));
+    };
+    VTFltSimFailCall(L"FindNextVolumeW", nullptr, 1, 1, ERROR_NO_MORE_FILES);
+    Register(APP2);
+    ClearFaults();
+    EXPECT_NE(hasChild(volume, APP2), hasChild(other, APP2));
+    // Not emptied: the files of one stay.
+    VTFltSimFailCall(L"FindNextVolumeW", nullptr, 1, 1, ERROR_NO_MORE_FILES);
+    EXPECT_EQ(0u, VTFltStopMonitorVolumes());
+    ClearFaults();
+    EXPECT_NE(hasChild(volume, APP1), hasChild(other, APP1));
 }
 
 // Found by a random history. The room grows until the value fits, as long as the registry says that it does not.

@@ -40,12 +40,19 @@ bool ParseFaults(const std::vector<std::string_view>& words, std::size_t from, O
     return true;
 }
 
+// A volume of no grains or no blocks is none.
+bool HasSize(const Operation& operation)
+{
+    return (operation.what != Do::Resize && operation.what != Do::SetBlockSize) || operation.a != 0;
+}
+
 bool ParseMachine(const std::vector<std::string_view>& words, History& history)
 {
     for (std::size_t at = 1; at < words.size(); ++at) {
         const auto parts = Split(words[at], ':');
         VolumeShape shape;
-        if (parts.size() != 2 || !ParseNumber(parts[0], shape.grains) || !ParseNumber(parts[1], shape.blockSize))
+        if (parts.size() != 2 || !ParseNumber(parts[0], shape.grains) || !ParseNumber(parts[1], shape.blockSize) ||
+            shape.grains == 0 || shape.blockSize == 0)
             return false;
         history.volumes.push_back(shape);
     }
@@ -110,7 +117,8 @@ std::optional<std::vector<Operation>> ParseOperations(std::string_view text, std
             if (!ParseNumber(words[at], *fields[at - 1]))
                 return std::nullopt;
         }
-        if (!ParseFaults(words, at, operation) || operation.application >= applications || operation.volume >= volumes)
+        if (!ParseFaults(words, at, operation) || operation.application >= applications ||
+            operation.volume >= volumes || !HasSize(operation))
             return std::nullopt;
         operations.push_back(operation);
     }

@@ -106,9 +106,11 @@ struct Fault {
     std::uint32_t error = 0;
 };
 
-// The functions that FailAfter strikes, by number.
-inline constexpr const wchar_t* CHANGING[] = {L"RegSetValueExW", L"RegDeleteValueW", L"WriteFile", L"DeleteFileW",
-                                              L"DeviceIoControl"};
+// The functions that FailAfter strikes, by number. Those that give a handle or a key are not among them: who is told that
+// there is none could not close it.
+inline constexpr const wchar_t* CHANGING[] = {L"RegSetValueExW",   L"RegDeleteValueW",   L"WriteFile",
+                                              L"DeleteFileW",      L"DeviceIoControl",   L"CreateDirectoryW",
+                                              L"RemoveDirectoryW", L"SetFileAttributesW"};
 
 struct Operation {
     Do what = Do::Ask;

@@ -130,7 +130,7 @@ Fault ChooseFault(Dice& dice)
         break;
     case Fault::How::FailAfter:
         fault.nth = 1 + dice.Below(4);
-        fault.error = dice.Below(5);
+        fault.error = dice.Below(std::size(CHANGING));
         break;
     case Fault::How::FailOf:
         fault.nth = 1 + dice.Below(1u << (1 + dice.Below(5)));

@@ -59,6 +59,29 @@ std::string Said(std::string text, std::uint32_t application, std::uint32_t volu
     return text;
 }
 
+// What a process of a schedule can do: by itself, to a volume, or to any application's files. Nobody has the world look
+// behind a fault there, and a power cut would end the others in the middle of what they do.
+bool IsOfProcess(const Operation& operation, std::uint32_t process)
+{
+    if (!operation.faults.empty())
+        return false;
+    switch (operation.what) {
+    case Do::Damage:
+    case Do::Write:
+    case Do::LoseTracking:
+    case Do::StartTracking:
+    case Do::Resize:
+    case Do::SetBlockSize:
+        return true;
+    case Do::PowerCut:
+    case Do::StopDriver:
+    case Do::StartDriver:
+        return false;
+    default:
+        return operation.application == process;
+    }
+}
+
 bool ParseSeed(std::string_view text, std::uint64_t& number)
 {
     const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
@@ -247,17 +270,18 @@ Schedule Schedules::Choose(std::uint64_t number)
     Schedule schedule =
         MeetingOf(static_cast<Exported>(pair / EXPORT_COUNT), static_cast<Exported>(pair % EXPORT_COUNT),
                   static_cast<std::uint32_t>(which % MEETING_STATES));
-    schedule.first = round % 2;
     const bool mayWrite = schedule.between != 0;
-    if (round < 2)
-        return schedule;
     m_lengths.resize(MEETINGS);
     Lengths& lengths = m_lengths[which];
-    if (!lengths.known) {
+    // Of the meeting as it is, whichever round is the first to ask: a number gives one schedule, alone and behind others.
+    if (round >= 2 && !lengths.known) {
         const ScheduleRun run = RunSchedule(schedule);
         lengths.known = true;
         std::copy(std::begin(run.calls), std::end(run.calls), std::begin(lengths.calls));
     }
+    schedule.first = round % 2;
+    if (round < 2)
+        return schedule;
     // A change of the turn before somebody's first call only says who begins: who makes a single call has no other.
     if (lengths.calls[schedule.first] < 2 && lengths.calls[1 - schedule.first] >= 2)
         schedule.first = 1 - schedule.first;
@@ -315,7 +339,9 @@ std::optional<Schedule> ParseSchedule(std::string_view text)
     schedule.before = *before;
     for (std::size_t i = 1; i + 1 < parts.size(); ++i) {
         const auto operations = ParseOperations(parts[i], MOST_PROCESSES, before->volumes.size());
-        if (!operations)
+        const auto process = static_cast<std::uint32_t>(schedule.processes.size());
+        if (!operations || !std::all_of(operations->begin(), operations->end(),
+                                        [process](const Operation& one) { return IsOfProcess(one, process); }))
             return std::nullopt;
         schedule.processes.push_back(*operations);
     }

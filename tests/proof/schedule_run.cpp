@@ -234,8 +234,10 @@ void Director::Leaves(std::size_t application, Exported exported) noexcept
         m_doomed = false;
         DoubleRunOutside(
             [](void* director) {
+                auto& self = *static_cast<Director*>(director);
                 VTFltSimClearCallFaults();
-                static_cast<Director*>(director)->WatchCalls();
+                self.m_world.WatchReplications();
+                self.WatchCalls();
             },
             this);
     }

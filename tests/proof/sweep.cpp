@@ -300,7 +300,9 @@ private:
         m_result.thorough += thoroughly ? 1 : 0;
         if (!wrong.empty())
             return Broken(history, wrong);
-        return m_result.runs % 64 != 0 || !m_options.progress || m_options.progress(m_result.runs, m_share);
+        if (m_result.runs % 64 == 0 && m_options.progress)
+            m_result.endedEarly = !m_options.progress(m_result.runs, m_share);
+        return !m_result.endedEarly;
     }
 
     std::string RunOne(const History& history, bool thoroughly, bool* struck)

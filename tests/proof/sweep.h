@@ -52,6 +52,7 @@ struct SweepResult {
         0;          // runs in which the fault met something: all, or the sweep is mistaken about the operation
     History missed; // one of the others
     std::uint64_t thorough = 0; // runs behind which everything is looked at
+    bool endedEarly = false;    // somebody had it end before the last scenario was through
     std::string scenario;       // of a broken run
     std::string wrong;          // empty: none is broken
     History history;

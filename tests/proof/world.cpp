@@ -165,6 +165,7 @@ World::Went World::InGuest(Application& application, void (*work)(const void*), 
         return Went::Through;
     m_struck = true;
     m_mayBeCutShort = true;
+    HandOut(HandsOut::NotAtAll); // whatever it was in the middle of
     Disarm();
     return Went::Died;
 }
@@ -336,6 +337,11 @@ std::string World::Run(const Operation& operation, bool beforeACut)
     std::string wrong = Dispatch(operation);
     Disarm();
     m_faulty = false;
+    if (!operation.faults.empty()) {
+        Count(&Verdicts::faulty);
+        if (m_struck)
+            Count(&Verdicts::struck);
+    }
     if (wrong.empty())
         wrong = TakeWrongAnswer();
     if (wrong.empty() && operation.what != Do::Write)
@@ -368,8 +374,10 @@ bool ListsForResync(Do what)
 std::string World::Dispatch(const Operation& operation)
 {
     // What the driver adds to its list while that is handed out is dropped (Limit.WhatTheDriverAddsToItsList...).
-    if (m_handingOut != 0 && ListsForResync(operation.what))
+    if (m_handingOut != 0 && ListsForResync(operation.what)) {
+        Count(&Verdicts::leftOut);
         return {};
+    }
     Application& application = m_applications[operation.application];
     const std::size_t volume = operation.volume;
     const std::wstring& guid = m_volumes[volume].guid;
@@ -407,6 +415,7 @@ std::string World::Dispatch(const Operation& operation)
         Disturb();
         Happened(volume);
         VTFltSimLoseTracking(m_machine->handle(), guid.c_str());
+        NoteLoss(volume);
         return {};
     case Do::Resize:
         Disturb();

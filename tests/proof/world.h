@@ -43,6 +43,10 @@ struct Verdicts {
     std::uint64_t cuts = 0;        // power cuts behind which the files were looked at
     std::uint64_t owed = 0;        // what was owed to an application, sought there in its files and with the driver
     std::uint64_t handedBack = 0;  // changes of a snapshot, sought in the child that they were handed back to
+    std::uint64_t faulty = 0;      // operations in which something was to go wrong, one by one,
+    std::uint64_t struck = 0;      // and in which it did
+    std::uint64_t leftOut = 0;     // what would have the driver list a volume while its list is handed out
+    std::uint64_t told = 0;        // losses of tracking in schedules, sought on the lists of each application
     std::uint64_t marked = 0;      // changes that could not be handed back: the volume's mark, sought right behind that
 };
 const Verdicts& VerdictsSoFar();
@@ -73,6 +77,8 @@ public:
     // a volume up waits until nobody else does, unless backups share volumes. The watch is the caller's.
     enum class Volumes : bool { Locked, Shared };
     void AtOnce(ExportWatch& watch, Volumes volumes);
+    // Once more, for a watch that took all plans for calls away.
+    void WatchReplications();
     // One operation, done by an application's process on the calling thread; as Run.
     std::string RunAtOnce(std::uint32_t application, const Operation& operation);
     // Something that happens to a volume while they run.
@@ -106,6 +112,9 @@ private:
         // or the application itself, takes it off again.
         bool mustBeAsked = false;
         bool told = false;
+        // While operations run at the same time: a report of success is under way; tracking was lost since the last one.
+        bool reports = false;
+        bool lost = false;
     };
     // A backup under way.
     struct Session {
@@ -313,6 +322,8 @@ private:
     bool IsListed(const Application& application) const;
     std::string CheckListed() const;
     std::string CheckMarks();
+    void NoteLoss(std::size_t volume);
+    std::string CheckLosses() const;
     std::vector<std::wstring> Registered() const;
     bool HasStruck(std::initializer_list<std::wstring_view> functions) const;
     bool HasStruckAnother(std::initializer_list<std::wstring_view> functions) const;

@@ -371,11 +371,15 @@ std::string World::Finish(std::size_t number, std::size_t first, std::size_t cou
     DWORD reported = 0xFFFFFFFF;
     if (session.reportable) {
         m_watched.reports = true;
-        m_takenOff = &application.chains[session.volume];
+        Chain& taken = application.chains[session.volume];
+        m_takenOff = &taken;
+        taken.reports = true;
+        taken.lost = false;
         const Went went = In(application, [&] {
             reported = Call(application, Exported::ReplicationSuccess,
                             [&] { return VTFltReplicationSuccess(session.handle); });
         });
+        taken.reports = false;
         if (went == Went::Died)
             return Crash(application);
     }

@@ -143,6 +143,33 @@ std::string World::CheckMarks()
     return wrong;
 }
 
+// While operations run at the same time: who is registered now is told, unless it reports success meanwhile or later.
+void World::NoteLoss(std::size_t volume)
+{
+    if (m_watch == nullptr || !IsListedForResync({}, volume))
+        return;
+    for (Application& application : m_applications)
+        application.chains[volume].lost = application.registered && !application.chains[volume].reports;
+}
+
+// Behind that, as each is then the only one who takes itself off its list.
+std::string World::CheckLosses() const
+{
+    for (const Application& application : m_applications) {
+        for (std::size_t volume = 0; volume < m_volumes.size(); ++volume) {
+            if (!application.chains[volume].lost)
+                continue;
+            Count(&Verdicts::told);
+            const auto number = static_cast<std::size_t>(&application - m_applications.data());
+            if (!IsTold(application, volume) && ReadFile(number, volume, false).usable &&
+                ReadFile(number, volume, true).usable)
+                return "tracking of volume " + std::to_string(volume) + " was lost, and application " +
+                       std::to_string(number) + " is not told";
+        }
+    }
+    return {};
+}
+
 // --- Who monitors.
 
 World::Monitoring World::ReadMonitoring() const

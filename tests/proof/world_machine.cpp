@@ -222,6 +222,7 @@ std::string World::Unmark(Application& application, std::size_t volume, bool its
         without[volume] = false;
         Session& session = application.session;
         application.chains[volume].mustVerify = true;
+        application.chains[volume].lost = false;
         session.mustVerifyNext = session.mustVerifyNext || (session.open && session.volume == volume);
         m_takenOff = &application.chains[volume];
     }
@@ -368,6 +369,11 @@ void World::AtOnce(ExportWatch& watch, Volumes volumes)
 {
     m_watch = &watch;
     m_sharesVolumes = volumes == Volumes::Shared;
+    WatchReplications();
+}
+
+void World::WatchReplications()
+{
     vtfltsim::Check("VTFltSimCallBefore", VTFltSimCallBefore(
                                               L"*", nullptr, 1, 0,
                                               [](void* context, LPCWSTR function, LPCWSTR text) {
@@ -463,6 +469,9 @@ std::string World::OneByOne()
     m_monitoring = ReadMonitoring();
     if (m_monitoring.count != monitors)
         return std::to_string(monitors) + " monitor and " + std::to_string(m_monitoring.count) + " are counted";
+    const std::string untold = CheckLosses();
+    if (!untold.empty())
+        return untold;
     CheckMarks(); // from here on each stays
     return m_log->Broken() != 0 ? "a log record is not one whole line" : std::string();
 }

@@ -91,7 +91,7 @@ int Report(const History& history, const std::string& wrong)
 
 // What the runs were held against. One that reads everything cannot miss anything: a library that always asked for that would
 // pass, and shows here.
-void PrintVerdicts()
+int PrintVerdicts(std::uint64_t runs)
 {
     const Verdicts& verdicts = VerdictsSoFar();
     const auto print = [](const char* what, std::uint64_t count) {
@@ -106,7 +106,17 @@ void PrintVerdicts()
     print("unusable of them", verdicts.unusable);
     print("power cuts looked behind", verdicts.cuts);
     print("what was owed sought in files and driver", verdicts.owed);
+    print("snapshot changes sought in the child", verdicts.handedBack);
+    print("marks of such that failed", verdicts.marked);
+    print("operations with a fault", verdicts.faulty);
+    print("struck by it", verdicts.struck);
+    print("losses of tracking sought on the lists", verdicts.told);
     std::fputs("\n", stderr);
+    if (verdicts.reported != 0)
+        return 0;
+    std::fprintf(stderr, runs == 0 ? "broken: there were no runs\n"
+                                   : "broken: no backup was held against the reported blocks\n");
+    return 1;
 }
 
 int Histories(const Options& options)
@@ -131,8 +141,7 @@ int Histories(const Options& options)
     std::fprintf(stderr, "%llu histories from seed %llu, %.0f s, none broken, trace %016llx\n",
                  static_cast<unsigned long long>(done), static_cast<unsigned long long>(options.seed + options.part),
                  progress.Seconds(), static_cast<unsigned long long>(traces));
-    PrintVerdicts();
-    return 0;
+    return PrintVerdicts(done);
 }
 
 int RunYears(Options options)
@@ -162,8 +171,7 @@ int RunYears(Options options)
                  static_cast<unsigned long long>(result.operations), static_cast<unsigned long long>(result.backups),
                  static_cast<unsigned long long>(result.disturbances), progress.Seconds(),
                  static_cast<unsigned long long>(result.trace));
-    PrintVerdicts();
-    return 0;
+    return PrintVerdicts(result.hours);
 }
 
 int Sweep(const Options& options, SweepKind kind)
@@ -182,12 +190,13 @@ int Sweep(const Options& options, SweepKind kind)
         std::fprintf(stderr, "%s\n", result.scenario.c_str());
         return Report(result.history, result.wrong);
     }
-    std::fprintf(stderr, "%s: %llu runs of %zu scenarios, the fault struck in %llu, %.0f s, none broken\n",
+    std::fprintf(stderr, "%s: %llu runs of %zu scenarios%s, the fault struck in %llu, %.0f s, none broken\n",
                  SWEEP_NAMES[static_cast<std::size_t>(kind)], static_cast<unsigned long long>(result.runs),
-                 scenarios.size(), static_cast<unsigned long long>(result.struck), progress.Seconds());
-    PrintVerdicts();
+                 scenarios.size(), result.endedEarly ? " (ended early, not all of them)" : "",
+                 static_cast<unsigned long long>(result.struck), progress.Seconds());
+    const int held = PrintVerdicts(result.runs);
     if (result.struck == result.runs)
-        return 0;
+        return held;
     std::fprintf(stderr, "broken: in %llu runs nothing went wrong, such as\n    ./dev sim --replay \"%s\"\n",
                  static_cast<unsigned long long>(result.runs - result.struck), ToText(result.missed).c_str());
     return 1;
@@ -267,8 +276,7 @@ int RunSchedules(const Options& options)
                  static_cast<unsigned long long>(done), static_cast<unsigned long long>(options.seed),
                  static_cast<unsigned long long>(meetings), static_cast<unsigned long long>(interrupted),
                  static_cast<unsigned long long>(changes), progress.Seconds(), static_cast<unsigned long long>(traces));
-    PrintVerdicts();
-    return 0;
+    return PrintVerdicts(done);
 }
 
 int ReplaySchedule(const char* text)
@@ -320,8 +328,8 @@ bool Parse(int argc, char** argv, int first, Options& options)
             options.parts = *rest == '/' ? std::strtoull(rest + 1, &rest, 0) : 0;
         } else
             return false;
-        if (*rest != '\0' || options.parts == 0 || options.count == 0 || options.oneIn == 0 || options.years == 0 ||
-            options.years > 1000)
+        if (*rest != '\0' || options.part >= options.parts || options.count == 0 || options.oneIn == 0 ||
+            options.years == 0 || options.years > 1000)
             return false;
     }
     return (argc - first) % 2 == 0;

@@ -163,6 +163,51 @@ TEST(Schedules, AreReadAsTheyAreWritten)
         EXPECT_FALSE(ParseSchedule(text).has_value()) << text;
 }
 
+// A process does what is its own; nothing fails there, and nobody takes the power away.
+TEST(Schedules, AreReadOnlyWhereEachProcessDoesItsOwn)
+{
+    for (const char* text :
+         {"machine 100:512 | backup 3 0 | backup 1 0 | mix 1 1", "machine 100:512 | backup 1 0 | backup 1 0 | mix 1 1",
+          "machine 100:512 | backup 0 0 | backup 1 0; power-cut 1 0 1 | mix 1 1",
+          "machine 100:512 | backup 0 0 0 0 !fail 5 5 | backup 1 0 | mix 1 1",
+          "machine 100:512 | backup 0 0; resize 0 0 0 | backup 1 0 | mix 1 1",
+          "machine 0:512 | backup 0 0 | backup 1 0 | mix 1 1"})
+        EXPECT_FALSE(ParseSchedule(text).has_value()) << text;
+    EXPECT_TRUE(ParseSchedule("machine 100:512 | damage 1 0 | backup 1 0; write 0 0 5 | mix 1 1").has_value());
+}
+
+// Whatever was chosen before it, by this part of a run or another one.
+TEST(Schedules, AreTheSameByTheirNumberAlone)
+{
+    constexpr std::uint64_t ROUND = EXPORT_COUNT * EXPORT_COUNT * MEETING_STATES;
+    for (std::uint64_t which = 5; which < ROUND; which += 400 * SLOWER) {
+        Schedules alone(1);
+        Schedules behind(1);
+        behind.Choose(2 * (2 * ROUND + which));
+        const std::uint64_t number = 2 * (5 * ROUND + which);
+        EXPECT_EQ(ToText(alone.Choose(number)), ToText(behind.Choose(number)));
+    }
+}
+
+// A process that dies while it has the driver's list does not keep it from what comes behind that.
+TEST(Meetings, OfOneThatDiesWithTheDriversListLeaveNothingOut)
+{
+    Schedule schedule = MeetingOf(Exported::ReplicateVerifyList, Exported::IsVerifyRequired, 1);
+    const ScheduleRun undisturbed = RunSchedule(schedule);
+    Operation loses;
+    loses.what = Do::LoseTracking;
+    schedule.processes[1].push_back(loses);
+    unsigned died = 0;
+    const std::uint64_t leftOut = VerdictsSoFar().leftOut;
+    for (schedule.dies = 1; schedule.dies < undisturbed.calls[0]; schedule.dies += SLOWER) {
+        const ScheduleRun run = RunSchedule(schedule);
+        EXPECT_EQ("", run.wrong) << ToText(schedule);
+        died += run.died ? 1 : 0;
+    }
+    EXPECT_GT(died, 0u);
+    EXPECT_EQ(leftOut, VerdictsSoFar().leftOut);
+}
+
 // The same schedule gives the same outcomes, log, turns and number of calls, whatever ran before.
 TEST(Schedules, HaveTheSameTraceEveryTime)
 {

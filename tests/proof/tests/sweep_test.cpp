@@ -79,7 +79,7 @@ INSTANTIATE_TEST_SUITE_P(Sampled, Sweeps,
                                          Sample{SweepKind::Memory, 25, 600}, Sample{SweepKind::Deaths, 40, 600},
                                          Sample{SweepKind::PowerCuts, 90, 400},
                                          Sample{SweepKind::SecondDeaths, 6'000, 100},
-                                         Sample{SweepKind::Pairs, 2'000, 70}, Sample{SweepKind::Lasting, 400, 70}),
+                                         Sample{SweepKind::Pairs, 2'000, 70}, Sample{SweepKind::Lasting, 100, 100}),
                          [](const auto& info) {
                              std::string name = SWEEP_NAMES[static_cast<std::size_t>(info.param.kind)];
                              std::erase(name, '-');

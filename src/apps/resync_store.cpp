@@ -19,15 +19,21 @@ constexpr std::size_t READ_GROWTH_CHARACTERS = 256;
 // The least that a multi-string can be read into.
 constexpr std::size_t MINIMUM_READ_CHARACTERS = 2;
 
-// Reads a value into room for so many characters; value is cut to what was read.
+// Reads a value into room for so many characters; value is cut to what was read, and not defined behind a failure.
 DWORD QueryIntoRoom(HKEY key, const wchar_t* valueName, std::size_t characters, DWORD& type, RegistryBytes& value)
 {
     if (characters < MINIMUM_READ_CHARACTERS)
         return ERROR_INSUFFICIENT_BUFFER;
-    value.assign(characters * sizeof(wchar_t), 0);
-    auto size = static_cast<DWORD>(value.size());
+    const std::size_t bytes = characters * sizeof(wchar_t);
+    // A long list is asked for again and again, with a little more room each time: the memory doubles, and nothing of it is
+    // cleared twice.
+    if (bytes > value.capacity())
+        value.reserve(std::max(bytes, 2 * value.capacity()));
+    value.resize(bytes);
+    auto size = static_cast<DWORD>(bytes);
     const auto error = static_cast<DWORD>(RegQueryValueExW(key, valueName, nullptr, &type, value.data(), &size));
-    value.resize(error == ERROR_SUCCESS ? size : 0);
+    if (error == ERROR_SUCCESS)
+        value.resize(size);
     return error;
 }
 

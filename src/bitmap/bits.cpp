@@ -70,8 +70,8 @@ std::uint64_t LittleEndian(const std::uint8_t* bytes) noexcept
            std::uint64_t{bytes[6]} << 48 | std::uint64_t{bytes[7]} << 56;
 }
 
-// A word of blocks from one on that begins a byte, the first in the lowest bit. Behind the end they are clear, and no byte is
-// read that holds none before it.
+// A word of blocks from one on that begins a byte, the first in the lowest bit. No byte is read that holds none before the end;
+// what stands behind that does not count.
 std::uint64_t BlocksAt(const std::uint8_t* bits, std::uint64_t block, std::uint64_t end) noexcept
 {
     if (end - block >= WORD_BITS)

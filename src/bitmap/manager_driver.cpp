@@ -54,7 +54,7 @@ DWORD CMultiBitmapManager::VTDeviceIoControl(HANDLE hVolume, DWORD controlCode, 
 }
 
 // Each operation that needs children reads them anew: behind it nobody looks at these, and the next one has the memory of
-// one. No other operation touches a record: a wait for the mutex that times out lets it run beside one that does.
+// one. No other operation touches a child: a wait for the mutex that times out lets it run beside one that does.
 void CMultiBitmapManager::ReleaseChildren()
 {
     for (auto& [appId, container] : m_mapContainers) {

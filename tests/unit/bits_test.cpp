@@ -2,6 +2,7 @@
 #include "bitmap/bits.h"
 
 #include <gtest/gtest.h>
+#include <memory>
 #include <random>
 #include <vector>
 
@@ -174,6 +175,58 @@ TEST(Bits, ACursorGoesFromRunToRun)
                 const bool expected = block >= from && block < end && (bytes[block / 8] & mask) != 0;
                 ASSERT_EQ((seen[block / 8] & mask) != 0, expected) << block;
             }
+        }
+    }
+}
+
+TEST(Bits, ACursorStaysWhereItFoundWhatIsAskedForAgain)
+{
+    const Bytes bytes{0x3C, 0x00, 0x01};
+    BitCursor cursor(bytes.data(), 0, 24);
+    EXPECT_EQ(cursor.FindClear(), 0u);
+    EXPECT_EQ(cursor.FindSet(), 2u);
+    EXPECT_EQ(cursor.FindSet(), 2u);
+    BitCursor copy = cursor;
+    EXPECT_EQ(cursor.FindClear(), 6u);
+    EXPECT_EQ(cursor.FindClear(), 6u);
+    EXPECT_EQ(copy.FindSet(), 2u);
+    EXPECT_EQ(cursor.FindSet(), 23u);
+    for (int again = 0; again < 2; ++again) {
+        EXPECT_EQ(cursor.FindClear(), 24u);
+        EXPECT_EQ(cursor.FindSet(), 24u);
+    }
+}
+
+TEST(Bits, ACursorOverNothingIsAtItsEnd)
+{
+    BitCursor cursor(nullptr, 0, 0);
+    EXPECT_EQ(cursor.FindSet(), 0u);
+    EXPECT_EQ(cursor.FindClear(), 0u);
+    EXPECT_EQ(BitCursor(nullptr, 7, 7).FindSet(), 7u);
+    EXPECT_EQ(BitCursor(nullptr, ~std::uint64_t{0}, 5).FindClear(), 5u);
+}
+
+// Runs of all lengths, their ends anywhere in a word, in memory that ends with the byte of the last block.
+TEST(Bits, ACursorReadsNoByteBehindTheLastBlocks)
+{
+    std::mt19937 random(9);
+    for (std::uint64_t end = 1; end < 1500; end += 1 + end / 90) {
+        std::vector<bool> blocks;
+        for (bool isSet = random() % 2 != 0; blocks.size() < end; isSet = !isSet)
+            blocks.insert(blocks.end(), 1 + random() % (random() % 4 == 0 ? 400 : 9), isSet);
+        const std::size_t count = static_cast<std::size_t>((end + 7) / 8);
+        const std::unique_ptr<std::uint8_t[]> bytes(new std::uint8_t[count]());
+        for (std::size_t i = 0; i < end; ++i)
+            bytes[i / 8] = static_cast<std::uint8_t>(bytes[i / 8] | (blocks[i] ? 0x80u >> i % 8 : 0u));
+        bytes[count - 1] =
+            static_cast<std::uint8_t>(bytes[count - 1] | ((1u << (count * 8 - end)) - 1)); // do not count
+        BitCursor cursor(bytes.get(), 0, end);
+        std::uint64_t at = 0;
+        while (at < end) {
+            const bool wanted = !blocks[static_cast<std::size_t>(at)];
+            while (at < end && blocks[static_cast<std::size_t>(at)] != wanted)
+                ++at;
+            ASSERT_EQ(wanted ? cursor.FindSet() : cursor.FindClear(), at) << end;
         }
     }
 }

@@ -195,7 +195,7 @@ protected:
     // the volume's mutex, the questions to the registry, and six records of the log.
     void ExpectCost(const Cost& cost, int applications) const
     {
-        constexpr std::size_t OTHERS = 132;
+        constexpr std::size_t OTHERS = 126;
         const auto files = static_cast<DWORD>(applications) + 1; // read, and as many written
         EXPECT_TRUE((std::map<std::wstring, DWORD>{{L"CreateFileW", 2 * files},
                                                    {L"CloseHandle", 2 * files},

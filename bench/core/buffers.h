@@ -11,7 +11,7 @@ namespace bench {
 enum class Fill {
     Clear,  // nothing changed
     Sparse, // one block in 4096, as behind a quiet day
-    Dense,  // every other bit at random
+    Dense,  // half of all blocks, at random
     Set,    // everything changed
 };
 const char* NameOf(Fill fill);

@@ -137,7 +137,7 @@ def picture(groups, work, cases, title, path):
 
 def make(result, folder):
     groups = groups_of(result)
-    picture(groups, "or", ("84+0-dense",), "Merging, every other bit set", folder / "merge_dense.svg")
+    picture(groups, "or", ("84+0-dense",), "Merging, half of the blocks set", folder / "merge_dense.svg")
     picture(groups, "or", ("84+0-sparse",), "Merging, one block in 4096 set", folder / "merge_sparse.svg")
     picture(groups, "count", ("dense",), "Counting set bits", folder / "count.svg")
     picture(groups, "walk", ("sparse", "clear"), "Walking over the runs", folder / "walk.svg")

@@ -6,13 +6,13 @@ import common
 REPETITIONS = 15
 # Of each group its title, the way that the others are compared with, and what is to be known of it.
 GROUPS = {
-    "merge-dense": ("Merging 128 MiB, every other bit set", "library",
+    "merge-dense": ("Merging 128 MiB, half of the blocks set at random", "library",
                     "Target at byte 84, source at byte 17 of a page. `memcpy` copies as many bytes; *read-both* reads both bitmaps "
                     "and writes nothing. The others are AVX2 loops that work on so many pages, or larger pieces, in turn; on four "
                     "pages and fetch ahead by so many bytes; or write past the caches. None of them asks whether the source is "
                     "clear."),
     "merge-sparse": ("Merging 128 MiB, one block in 4096 set", "library", "The same ways."),
-    "walk-dense": ("Walking over the runs of 2 MiB, every other bit set", "library",
+    "walk-dense": ("Walking over the runs of 2 MiB, half of the blocks set at random", "library",
                    "*avx2* is the rival of [the measured page](core.md); *shifted-words* looks for each end of a run in a word that "
                    "it shifts there, *block-by-block* looks at each block."),
     "read": ("Reading a file of 32 MiB", "new-memory",

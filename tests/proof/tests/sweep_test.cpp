@@ -69,7 +69,7 @@ TEST_P(Sweeps, LoseNothing)
     EXPECT_GE(result.runs, GetParam().atLeast / SWEEP_SLOWER);
     EXPECT_EQ(result.runs, result.struck)
         << "nothing went wrong in\n    ./dev sim --replay \"" << ToText(result.missed) << "\"";
-    EXPECT_GE(result.thorough, result.runs / 20);
+    EXPECT_GE(result.thorough, result.runs / 20 / SWEEP_SLOWER); // of a few there may be none by chance
     // Backups that read everything cannot miss anything.
     EXPECT_GE(VerdictsSoFar().reported - before.reported, result.runs / 2 / SWEEP_SLOWER) << "of " << result.runs;
 }

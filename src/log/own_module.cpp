@@ -10,6 +10,7 @@ namespace {
 SRWLOCK g_lock = SRWLOCK_INIT; // guards the finding out
 ModulePath g_executable = {};
 ModulePath g_own = {};
+const ModulePath g_none = {};
 
 void ReadPath(HMODULE module, ModulePath& path) noexcept
 {
@@ -19,6 +20,8 @@ void ReadPath(HMODULE module, ModulePath& path) noexcept
         path.text[0] = L'\0';
 }
 
+// A path is given away when it is there, and does not change any more: who got none must not read in what another thread
+// finds out meanwhile.
 const ModulePath& FindOut(ModulePath& path, bool ofThisCode) noexcept
 {
     const ExclusiveHold hold(g_lock);
@@ -32,7 +35,7 @@ const ModulePath& FindOut(ModulePath& path, bool ofThisCode) noexcept
         ReadPath(module, path);
     if (path.text[0] == L'\0')
         ReadPath(nullptr, path);
-    return path;
+    return path.text[0] != L'\0' ? path : g_none;
 }
 
 } // namespace

@@ -11,6 +11,7 @@
 // objects, under Wine (whole/parts_main.cpp).
 #include "bitmap/bits.h"
 #include "buffers.h"
+#include "library_walk.h"
 #include "rivals.h"
 #include "roaring_set.h"
 
@@ -102,16 +103,6 @@ void RunRoaring(benchmark::State& state, void (RoaringSets::*work)(const Roaring
     SetBytes(state, size);
 }
 
-std::uint64_t WalkLibrary(const std::uint8_t* bits, std::size_t count)
-{
-    const std::uint64_t end = count * 8;
-    vtflt::BitCursor cursor(bits, 0, end);
-    std::uint64_t sum = 0;
-    for (std::uint64_t at = cursor.FindSet(); at != end; at = cursor.FindSet())
-        sum += at + cursor.FindClear();
-    return sum;
-}
-
 using Sum = std::uint64_t (*)(const std::uint8_t* bits, std::size_t count);
 
 void RunSum(benchmark::State& state, Sum work, std::size_t size, std::size_t offset, Fill fill)
@@ -197,7 +188,7 @@ void AddCases(std::vector<Case>& cases, std::size_t size)
         const auto by = [&](Sum work) { return SumBy(work, size, fill); };
         cases.push_back(
             {Name("walk", size, bench::NameOf(fill)),
-             {{"library", by(WalkLibrary)}, {"avx2", by(bench::WalkAvx2)}, {CONTROL, by(bench::WalkAvx2)}}});
+             {{"library", by(bench::WalkLibrary)}, {"avx2", by(bench::WalkAvx2)}, {CONTROL, by(bench::WalkAvx2)}}});
     }
     const auto by = [&](Sum work) { return SumBy(work, size, Fill::Dense); };
     cases.push_back({Name("count", size, "dense"),
@@ -260,7 +251,7 @@ bool RivalsAreRight()
     for (const Fill fill : {Fill::Clear, Fill::Sparse, Fill::Dense, Fill::Set}) {
         const Buffer source(SIZE, fill, 3);
         const std::uint8_t* const bits = source.At(84);
-        if (WalkLibrary(bits, SIZE) != bench::WalkAvx2(bits, SIZE) ||
+        if (bench::WalkLibrary(bits, SIZE) != bench::WalkAvx2(bits, SIZE) ||
             vtflt::CountSetBits(bits, SIZE) != bench::CountPopcnt(bits, SIZE) ||
             vtflt::CountSetBits(bits, SIZE) != bench::CountAvx2(bits, SIZE) ||
             vtflt::CountSetBits(bits, SIZE) != bench::CountAvx2CarrySave(bits, SIZE))

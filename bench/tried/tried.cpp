@@ -2,6 +2,7 @@
 // file of 32 MiB, which is made and deleted.
 #include "bitmap/bits.h"
 #include "buffers.h"
+#include "library_walk.h"
 #include "rivals.h"
 
 #include <benchmark/benchmark.h>
@@ -211,16 +212,6 @@ std::uint64_t WalkBlocks(const std::uint8_t* bits, std::size_t count)
     return inRun ? sum + count * 8 : sum;
 }
 
-std::uint64_t WalkLibrary(const std::uint8_t* bits, std::size_t count)
-{
-    const std::uint64_t end = count * 8;
-    vtflt::BitCursor cursor(bits, 0, end);
-    std::uint64_t sum = 0;
-    for (std::uint64_t at = cursor.FindSet(); at != end; at = cursor.FindSet())
-        sum += at + cursor.FindClear();
-    return sum;
-}
-
 using Walk = std::uint64_t (*)(const std::uint8_t* bits, std::size_t count);
 
 void RunWalk(benchmark::State& state, Walk work)
@@ -237,8 +228,9 @@ void AddWalks()
         const char* name;
         Walk work;
     };
-    for (const Way& way : {Way{"library", WalkLibrary}, Way{"library-again", WalkLibrary}, Way{"avx2", bench::WalkAvx2},
-                           Way{"shifted-words", WalkShifted}, Way{"block-by-block", WalkBlocks}})
+    for (const Way& way :
+         {Way{"library", bench::WalkLibrary}, Way{"library-again", bench::WalkLibrary}, Way{"avx2", bench::WalkAvx2},
+          Way{"shifted-words", WalkShifted}, Way{"block-by-block", WalkBlocks}})
         benchmark::RegisterBenchmark((std::string("walk-dense/") + way.name).c_str(), RunWalk, way.work);
 }
 
@@ -430,7 +422,7 @@ bool WaysAreRight()
         if (std::memcmp(given.At(84), expected.At(84), SIZE) != 0)
             return false;
     }
-    const std::uint64_t walked = WalkLibrary(source.At(84), MIB);
+    const std::uint64_t walked = bench::WalkLibrary(source.At(84), MIB);
     return WalkShifted(source.At(84), MIB) == walked && WalkBlocks(source.At(84), MIB) == walked;
 }
 

@@ -262,6 +262,18 @@ TEST_F(VtBackupLoss, AStrangersMarkThatIsOffIsToldByTheFirstBackupThatIsMade)
     EXPECT_EQ(EXIT_OK, Backup().exitCode);
 }
 
+TEST_F(VtBackupLoss, AStrangerIsLookedForAlsoWhenTheListOfApplicationsCannotBeRead)
+{
+    ASSERT_EQ(EXIT_OK, Init(L"Stranger").exitCode);
+    WriteUnseen(20, 0xEE);
+    ASSERT_EQ(EXIT_LOST_TRACKING, Audit(1000).exitCode);
+    ClearVerifyList(L"Stranger");
+    // The later the read that fails, the farther a backup comes; the first that looks at the mark has its own read fail.
+    for (int read = 1; read < 30 && !Evidence(2).contains("lookedAgain"); ++read)
+        Backup(L"App", L"fail|RegQueryValueExW|RegisteredAppIDs|" + std::to_wstring(read) + L"|1|5");
+    EXPECT_EQ(json::array({"Stranger"}), Evidence(2).at("marksGone"));
+}
+
 // ---- evidence
 
 // Compared by number only, it would make every backup a verify for as long as the chain is shorter.

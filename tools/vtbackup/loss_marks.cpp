@@ -109,12 +109,19 @@ std::vector<std::string> Strangers(const Machine& machine, const Chain& chain, c
 
 std::vector<std::string> WithoutMark(const Chain& chain, const std::vector<std::string>& applications)
 {
+    std::optional<std::vector<std::wstring>> registered;
+    try {
+        registered = RegisteredApplications();
+    } catch (const Failure&) {
+        // Then nobody is known to be gone.
+    }
     std::vector<std::string> without = applications;
     std::erase_if(without, [&](const std::string& name) {
         const std::wstring id = ToWide(name);
-        // One that is no longer registered has nothing to lose; a driver that is down makes every answer "no".
-        return VTCanAppUseBLIDriver(id.c_str()) == 0 ||
-               VTIsVerifyRequired(id.c_str(), chain.Volume().Path().c_str()) != 0;
+        // One that is no longer registered has nothing to lose; a driver that is down has every application verify.
+        if (registered && std::find(registered->begin(), registered->end(), id) == registered->end())
+            return true;
+        return VTIsVerifyRequired(id.c_str(), chain.Volume().Path().c_str()) != 0;
     });
     return without;
 }

@@ -77,7 +77,8 @@ DWORD CanDriverWork()
 }
 
 // Memory that runs short on the way is no answer of the driver's: it ends the export that asks, which must not take it for
-// a driver that is not there. Only a filter list for which there is no memory counts as a wrong one.
+// a driver that is not there. Only a filter list for which there is no memory counts as a wrong one, for which the driver is
+// installed again where that is allowed.
 bool PassesDriverGate(const wchar_t* refusal)
 {
     if (CanDriverWork() != 0)

@@ -1,6 +1,5 @@
 #include "bitmap/bits.h"
 
-#include <algorithm>
 #include <bit>
 #include <cstring>
 

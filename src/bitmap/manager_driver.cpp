@@ -54,7 +54,8 @@ DWORD CMultiBitmapManager::VTDeviceIoControl(HANDLE hVolume, DWORD controlCode, 
 }
 
 // Each operation that needs children reads them anew: behind it nobody looks at these, and the next one has the memory of
-// one. No other operation touches a child: a wait for the mutex that times out lets it run beside one that does.
+// one. Operations that touch no child leave them alone: a wait for the mutex that times out lets these run beside one that
+// does. Two that read children are not to run at once; nothing but the mutex keeps them apart.
 void CMultiBitmapManager::ReleaseChildren()
 {
     for (auto& [appId, container] : m_mapContainers) {
@@ -132,8 +133,8 @@ DWORD CMultiBitmapManager::ChangeBlockSize(const Request& request)
             L"CMultiBitmapManager::VTDeviceIoControl::VTFLTCTL_VOLUME_BLOCK_SIZE_CHANGE failed, mserr=%u.", error);
         return error;
     }
-    // The driver has changed over already, so its answer stands whatever could not be remapped: the application that has
-    // the block size changed reads everything next.
+    // The driver has changed over already, so its answer stands whatever could not be remapped: it lists the volume for
+    // every application, and each is told that the block size changed, which has it read everything next.
     RemapAllAppBitmap();
     return ERROR_SUCCESS;
 }

@@ -17,8 +17,9 @@ DWORD OtherBitmap(DWORD whichBitmap)
 
 } // namespace
 
-// A bitmap of the current application that cannot be read: the volume goes on the verify list and a fresh bitmap is
-// started. Returns the list's error, else 0x10001; the reset's own result does not matter then.
+// A bitmap of the current application that cannot be read: the volume goes on the verify list and, where that says it, or
+// nothing else is there that could be believed, a fresh bitmap is started. Returns the list's error, else 0x10001; the
+// reset's own result does not matter then.
 DWORD CMultiBitmapManager::ReplaceUnreadable(CBitmapContainer& container, DWORD whichBitmap)
 {
     const DWORD error = container.AddVolumeToResyncList();
@@ -26,7 +27,11 @@ DWORD CMultiBitmapManager::ReplaceUnreadable(CBitmapContainer& container, DWORD 
     // one held is lost: while the other file is still there, the unreadable one tells.
     if (error == ERROR_SUCCESS || container.IsFileGone(OtherBitmap(whichBitmap)))
         container.ResetBitMapFiles(whichBitmap);
-    return error != ERROR_SUCCESS ? error : BM_ERR_VERIFY_REQUIRED;
+    if (error == ERROR_SUCCESS)
+        return BM_ERR_VERIFY_REQUIRED;
+    // Nor may a report of success write a sound base of an earlier fetch back, from memory.
+    container.ReleaseRecord(BASE_BITMAP);
+    return error;
 }
 
 DWORD CMultiBitmapManager::UpdateAllChildBitmap(DWORD length, const BYTE* driverBitmap)
@@ -107,7 +112,7 @@ DWORD CMultiBitmapManager::UpdateBaseBitmapWithChild()
         return BM_ERR_FAILED;
 
     DWORD error = container->ReadBitMapFromFile(BASE_BITMAP);
-    // The child's bits are not merged into a fresh base: the volume is on the verify list now.
+    // The child's bits are not merged into a fresh base: who is told so verifies.
     if (error == BM_ERR_VERIFY_REQUIRED)
         return ReplaceUnreadable(*container, BASE_BITMAP);
     if (error != ERROR_SUCCESS)

@@ -19,10 +19,10 @@ struct ModulePath {
     std::wstring_view Folder() const noexcept;
 };
 
-// The process's executable. Found out once.
+// The process's executable. Found out at the first use, and again at each as long as it cannot be.
 const ModulePath& ExecutableModule() noexcept;
 
-// The module that contains the logging code; the executable where that cannot be found. Found out once.
+// The module that contains the logging code; the executable where that cannot be found. Found out likewise.
 const ModulePath& OwnModule() noexcept;
 
 } // namespace vtflt

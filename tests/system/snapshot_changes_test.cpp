@@ -191,6 +191,22 @@ TEST_F(SnapshotChanges, OnADamagedChildMakeNoFreshOneBesideABaseThatStaysWhenThe
     EXPECT_EQ(1u, VTIsVerifyRequired(L"app1", volume.Root().c_str()));
 }
 
+// The damaged child held changes that were handed back before; the base of the fetch is still in memory.
+TEST_F(SnapshotChanges, HandedBackAgainBehindAnUnlistedDamageEndInAVerify)
+{
+    const auto session = Open(L"app1");
+    ASSERT_EQ(0u, session->GetBitmap(BUFFER_LENGTH));
+    ASSERT_EQ(0u, session->SyncChanges(BufferOf(BUFFER_LENGTH, {60})));
+    WriteFileBytes(volume, ChildName(L"app1"), Bytes(3));
+    vtfltsim::FailCall(L"RegSetValueExW", ERROR_ACCESS_DENIED, L"app1.Last", 1, 0);
+    EXPECT_EQ(5u, session->SyncChanges(BufferOf(BUFFER_LENGTH, {61})));
+    ClearFaults();
+    EXPECT_EQ(0u, session->SyncChanges(BufferOf(BUFFER_LENGTH, {61})));
+    EXPECT_EQ(0xFFFFFFFFu, session->Success()) << "as if nothing had been fetched";
+    EXPECT_FALSE(FileExists(volume, BaseName(L"app1")));
+    EXPECT_EQ(1u, VTIsVerifyRequired(L"app1", volume.Root().c_str()));
+}
+
 TEST_F(SnapshotChanges, GoOnWhenTheVolumeCannotBePutOnTheVerifyList)
 {
     SetVerifyList(L"app1", {SNAPSHOTS_OTHER_VOLUME});

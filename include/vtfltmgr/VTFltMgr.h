@@ -4,15 +4,21 @@
  * VTFltMgr keeps, for every volume and every registered backup application, the set of blocks that
  * changed since that application's last backup, as seen by the volume filter driver VTFlt.
  *
- * One backup of one volume, from the application's side:
+ * The order of the calls in one backup of one volume. It shows no error handling and is no program to copy: any failure
+ * ends the backup without a report of success. samples/ has whole programs; docs/library.md has the rules and their reasons.
  *
+ *     VTCanAppUseBLIDriver(app);                       // 0: see VTRegisterApplication
  *     VTReplicateVerifyList(app);                      // collect the volumes that lost tracking
  *     verify = VTIsVerifyRequired(app, volume);        // 1: read the whole volume this time
  *     h = CreateFileW(volume without its trailing backslash, ...);
  *     VTFltInitBitmapManager(h, volume, app);
+ *     VTFltGetBlockSize(h, &blockSize, 0);             // it or the volume's length changed: read the whole volume
  *     VTFltPrepareForSnapshot(h);
  *     ... take the snapshot ...
- *     VTFltGetBitmap(h, in, inLength, out, outLength, &size, 0);
+ *     VTFltGetBitmap(h, in, inLength, out, outLength, &size, 0);  // 0x10001: read the whole volume
+ *     VTReplicateVerifyList(app);                      // once more: tracking may have been lost since the first time
+ *     VTIsVerifyRequired(app, volume);                 // 1: read the whole volume now and next time
+ *     VTFltGetBlockSize(h, &blockSize, 0);             // it or the length changed: read the whole volume now and next time
  *     ... copy the changed blocks (or everything) from the snapshot, make the copy durable ...
  *     VTFltSynSnapshotChangeBitmapToVolume(h, changes, length);   // what the snapshot itself changed
  *     VTFltReplicationSuccess(h);                      // only now may the changes be forgotten
@@ -24,11 +30,15 @@
  *     below, unless the function says otherwise.
  *   - No exception leaves an export; memory that cannot be had is answered with 8
  *     (ERROR_NOT_ENOUGH_MEMORY) where nothing else is said.
- *   - The library starts no threads. Work on one volume is serialised across threads and processes by
- *     named mutexes, each waited for up to 30 minutes. Only the table of volume handles has no lock: do
- *     not run VTFltInitBitmapManager or VTFltDeinitBitmapManager on one thread while another thread is
- *     in any function that takes a volume handle. Functions on different, already initialised handles
- *     may run at the same time.
+ *   - The library starts no threads. Work on one volume is serialised across threads, and across the processes of one
+ *     Windows session and of the services' session, by named mutexes. Each is waited for up to 30 minutes; then the work
+ *     goes on without it. No mutex spans the steps of a backup: keep other backups of the volume away yourself.
+ *   - The table of volume handles has no lock: do not run VTFltInitBitmapManager or VTFltDeinitBitmapManager on one thread
+ *     while another thread of the process is in any function that takes a volume handle (but for one that is told to go
+ *     straight to the driver). Functions on different, already initialised handles may run at the same time, and so may all
+ *     functions that take no volume handle.
+ *   - Functions that are called *gated* below first ask what VTCanBLIDriverWork asks. They may therefore reinstall the
+ *     driver and take as long as that, and they answer without doing anything when the driver does not work.
  *   - A volume handle belongs to the caller: the library never closes it. 0 and INVALID_HANDLE_VALUE
  *     are answered with 87 (ERROR_INVALID_PARAMETER).
  *   - A null string is answered like an empty one unless the function says otherwise.
@@ -46,10 +56,10 @@
 
 /* The library's own result codes, beside the Windows error codes. */
 
-/* The operation completed, but the bitmap may be short: read and compare the whole volume now, and treat
-   the next backup as one that must verify. */
+/* The operation completed, but the bitmap may be short: read and compare the whole volume now. Of
+   VTFltSynSnapshotChangeBitmapToVolume: the changes were not recorded; report no success. */
 #define VTFLT_VERIFY_REQUIRED 0x10001u
-/* The bitmap manager does not handle the control code. */
+/* The bitmap manager does not handle the control code. No export gives this. */
 #define VTFLT_INVALID_CONTROL_CODE 0x10002u
 /* A bitmap was asked for without an output buffer. */
 #define VTFLT_NO_OUTPUT_BUFFER 0x10003u
@@ -88,8 +98,9 @@ extern "C" {
  *                  C:\mount, may leave nothing that a list can name, and then no mark is set either
  *   applicationId  a registered application, compared exactly
  *
- * The manager serves the applications that are registered now: changes fetched through it reach no
- * application that registers later. Use one manager per backup and do not keep it.
+ * The manager serves the applications that are registered now: changes fetched through it reach no application that
+ * registers later. Use one manager per backup and do not keep it. Not while another thread is in a function that takes a
+ * volume handle (see the conventions).
  *
  * Results: 0; 87 (bad handle, empty name or ID); 0x10007; 0x10008; 0x10009; 8; 0xFFFFFFFF.
  * A handle that already has a manager keeps it, and the result is 0. Handles are told apart by their values: release
@@ -99,7 +110,8 @@ extern "C" {
 VTFLTMGR_API DWORD WINAPI VTFltInitBitmapManager(HANDLE volume, LPCWSTR volumeName, LPCWSTR applicationId);
 
 /*
- * Releases the manager of a volume handle. The volume handle stays open: it is the caller's.
+ * Releases the manager of a volume handle. The volume handle stays open: it is the caller's. Not while another thread is
+ * in a function that takes a volume handle (see the conventions).
  * Results: 0; 87 (bad or unknown handle).
  */
 VTFLTMGR_API DWORD WINAPI VTFltDeinitBitmapManager(HANDLE volume);
@@ -134,12 +146,14 @@ VTFLTMGR_API DWORD WINAPI VTFltPrepareForSnapshot(HANDLE volume);
  * Results
  *   0          *size bytes are valid, the second header word is the number of bits behind the header
  *   0x10001    *size bytes are valid but changes may be missing: read the whole volume now
- *   234, 122   the buffer is too small; *size is the length to supply. Nothing was lost: ask again
+ *   234, 122   the buffer is too small; *size is the length to supply. Nothing was moved: ask again
  *   87         bad or unknown handle, null input or output; also a missing bitmap of a volume that was named by a path
  *              such as V:\ or C:\mount, which no list can name. The application's bitmap files of the volume are then
  *              deleted, and this result stays until the application names the volume as the system does, or registers anew
- *   8, 0x10005, 0xFFFFFFFF, or an error of the driver, a bitmap file or the registry: no bitmap, nothing
- *              was forgotten, ask again
+ *   8, 0x10005, 0xFFFFFFFF, or an error of the driver, a bitmap file or the registry: no bitmap, and nothing was
+ *              forgotten. End this backup without a report of success: the next one, with an announcement and a snapshot of
+ *              its own, gets everything. Do not ask again for the same snapshot: the driver may have handed over what
+ *              belongs to it, and would add what was written after it, which the snapshot does not show
  *
  * The changes stay owed to the application until VTFltReplicationSuccess.
  */
@@ -181,10 +195,16 @@ VTFLTMGR_API DWORD WINAPI VTFltReplicationSuccess(HANDLE volume);
  * Not to be called before each backup, "to be sure": when the list was lost or emptied meanwhile, this call
  * drops every change that was owed to the application and marks no volume, and what another application
  * fetched before it never reached this one. An incremental backup behind that misses changes, and nothing says
- * so. (Only a list that cannot be read has every volume marked first.) So ask first, with VTCanAppUseBLIDriver
- * or VTGetRegisteredAppList. An application that is not registered, and may have been, calls
- * VTAddVolumesToAppVerifyList, which marks the fixed volumes that are there and needs no registration, and then
- * this; of any other volume, and of one that was away, its next backup reads everything.
+ * so. (Only a list that cannot be read has every volume marked first.) So ask first, with VTCanAppUseBLIDriver.
+ * An application that may have been registered before, and is not now, reads the whole of every volume at the next backup
+ * of it. Either it notes that for itself, or it has the volumes marked before it registers: VTAddVolumesToAppVerifyList, which
+ * needs no registration and marks the fixed volumes that are there. That answers 0 and marks nothing when the driver does not
+ * work, which is also a reason why VTCanAppUseBLIDriver may have answered 0: call this only if VTCanBLIDriverWork
+ * gives 1 and then VTIsVerifyRequired gives 1 for a fixed volume. Of a volume that is not fixed, or was away, the next
+ * backup reads everything in any case.
+ *
+ * An ID that is the tail of a registered one gets its bitmaps and the result 0, and does not get onto the list: look at
+ * VTCanAppUseBLIDriver afterwards.
  *
  * Results: 0; 160 (empty ID); 0x10005; 161; else the error of a volume, a bitmap file (0xFFFFFFFF when it has no other
  * name) or the registry.
@@ -207,25 +227,25 @@ VTFLTMGR_API DWORD WINAPI VTGetRegisteredAppCount(DWORD* count);
 
 /*
  * Moves the driver's list of volumes that lost tracking to the applications, and what is pending for this
- * application to its verify list. Call it before VTIsVerifyRequired.
+ * application to its verify list. Call it before VTIsVerifyRequired. Gated.
  * Results: 0; 87 (empty ID); 0x10009 (not registered); 0x10005; 13 (a list is malformed); else the
  * registry's error. 0 is also the answer when the driver is not installed or not working.
  */
 VTFLTMGR_API DWORD WINAPI VTReplicateVerifyList(LPCWSTR applicationId);
 
 /*
- * Asks whether this application's next backup of the volume must read the whole volume.
+ * Asks whether this application's next backup of the volume must read the whole volume. Gated.
  *   volume  volume GUID path, \\?\Volume{...}\ (the trailing backslash may be missing), letter by letter as the system
  *           spells it (see VTFltInitBitmapManager): under another spelling no entry of the list is found, and the
  *           answer is 0 for a volume that must be verified
  * Results: 1 yes (also when the driver does not work, when the list cannot be read, or for a null
- * argument); 0 no, or the volume is not on the list and its mutex could not be opened: the bitmap files were
- * not looked at then, and VTFltGetBitmap, which needs the same mutex, answers 0x10005.
+ * argument); 0 no, or the volume is not on the list and its bitmap files could not be looked at: its mutex could not be
+ * opened, or a file is there and cannot be read. VTFltGetBitmap, which needs both, then fails and forgets nothing.
  */
 VTFLTMGR_API DWORD WINAPI VTIsVerifyRequired(LPCWSTR applicationId, LPCWSTR volume);
 
 /*
- * Puts every fixed volume that is there on the application's verify list.
+ * Puts every fixed volume that is there on the application's verify list. Gated.
  * Results: 0 (also when the driver is not installed or not working, and then nothing is marked); 87 (empty ID, or a
  * volume that no list can name: then none is marked); 0x10005; else an error of the volume walk or the registry.
  */
@@ -233,7 +253,8 @@ VTFLTMGR_API DWORD WINAPI VTAddVolumesToAppVerifyList(LPCWSTR applicationId);
 
 /*
  * Says whether the driver works and the application is registered.
- * Results: 1 both; 0 otherwise, also for a null ID. May reinstall the driver, see VTCanBLIDriverWork.
+ * Results: 1 both; 0 otherwise, also for a null ID and when the list of applications cannot be read. May reinstall the
+ * driver, see VTCanBLIDriverWork.
  */
 VTFLTMGR_API DWORD WINAPI VTCanAppUseBLIDriver(LPCWSTR applicationId);
 
@@ -247,7 +268,7 @@ VTFLTMGR_API DWORD WINAPI VTCanAppUseBLIDriver(LPCWSTR applicationId);
 VTFLTMGR_API DWORD WINAPI VTCanBLIDriverWork(void);
 
 /*
- * Asks for tracking of a device class (null: the class of volume snapshots) and counts the request.
+ * Asks for tracking of a device class (null: the class of volume snapshots) and counts the request. Gated.
  *   classKeyPath  class key below HKEY_LOCAL_MACHINE; a trailing backslash is allowed
  * Results: 0 (also when the driver does not work); 87 (empty path); else an error of the mutex (0xFFFFFFFF when the wait
  * for it fails) or the registry, with the count as it was. Waits without limit for other users of the same class.
@@ -255,7 +276,7 @@ VTFLTMGR_API DWORD WINAPI VTCanBLIDriverWork(void);
 VTFLTMGR_API DWORD WINAPI VTFltEnableMonitorForSnapshot(LPCWSTR classKeyPath);
 
 /*
- * Takes one request of VTFltEnableMonitorForSnapshot back; the last one ends the tracking of the class.
+ * Takes one request of VTFltEnableMonitorForSnapshot back; the last one ends the tracking of the class. Gated.
  * Results: as VTFltEnableMonitorForSnapshot; a class that was never enabled answers 0.
  */
 VTFLTMGR_API DWORD WINAPI VTFltDisableMonitorForSnapshot(LPCWSTR classKeyPath);
@@ -263,13 +284,16 @@ VTFLTMGR_API DWORD WINAPI VTFltDisableMonitorForSnapshot(LPCWSTR classKeyPath);
 /*
  * Ends the tracking of one volume and deletes the bitmap files of every application on it.
  *   volumePath  volume GUID path without a trailing backslash, as CreateFileW opens a volume
- * Results: 0; 87 (null path); 0x10005; 0xFFFFFFFF; else the error of the open, the request or the removal.
+ * Results: 0; 87 (null path); 0x10005; 0xFFFFFFFF; else the error of the open, the request or the removal. A folder that
+ * somebody made inside VelVolTrc ends the removal there: the result may be 0 with bitmap files left. Files that are open
+ * elsewhere are left likewise, with an error.
  */
 VTFLTMGR_API DWORD WINAPI VTFltStopMonitorVolume(LPCWSTR volumePath);
 
 /*
  * Deletes the bitmap files of every application on every fixed volume; the driver is not told.
- * Results: 0; else the bitwise OR of the codes of all volumes that failed and of the volume walk.
+ * Results: 0; else the bitwise OR of the codes of all volumes that failed and of the volume walk. As of
+ * VTFltStopMonitorVolume, files may be left with the result 0.
  */
 VTFLTMGR_API DWORD WINAPI VTFltStopMonitorVolumes(void);
 
@@ -287,8 +311,12 @@ VTFLTMGR_API DWORD WINAPI VTIsDeviceMonitored(LPCWSTR deviceName);
 
 /*
  * The two exports below carry C++ types. Caller and library must be built with the same compiler, run-time
- * library and settings, since the caller's containers are filled and emptied by the library.
+ * library and settings, since the caller's containers are filled and emptied by the library. The DLL of the package is
+ * built by GCC with libstdc++: to programs on another standard library these two are not declared, and they need neither.
+ * VTCanAppUseBLIDriver tells whether an application is registered. Who built the library with the compiler that the program
+ * is built with defines VTFLTMGR_SAME_COMPILER.
  */
+#if defined(__GLIBCXX__) || defined(VTFLTMGR_BUILD) || defined(VTFLTMGR_SAME_COMPILER)
 extern "C" {
 
 /*
@@ -308,6 +336,7 @@ VTFLTMGR_API DWORD WINAPI VTRemoveApplicationVolResyncList(std::wstring applicat
                                                            std::vector<std::wstring>* volumes);
 
 } /* extern "C" */
-#endif
+#endif /* __GLIBCXX__ || VTFLTMGR_BUILD || VTFLTMGR_SAME_COMPILER */
+#endif /* __cplusplus */
 
 #endif /* VTFLTMGR_VTFLTMGR_H */

@@ -1,6 +1,7 @@
 // VTFltMgr.hpp - a C++ face of VTFltMgr.dll for backup programs. Header only, C++17.
 //
-// One incremental backup of one volume:
+// The order of the calls in one incremental backup of one volume. It is no program to copy: whenever a result is no success
+// the backup ends without a report. samples/ has whole programs.
 //
 //     ... vtfltmgr::CanApplicationUseDriver(app), else register it: see RegisterApplication ...
 //     const std::wstring volumeName = vtfltmgr::VolumeNameOf(L"E:\\");
@@ -13,6 +14,8 @@
 //     vtfltmgr::ChangeMap changes;
 //     result = manager.Fetch(changes);                        // sizes are negotiated
 //     everything = everything || result.IsVerifyRequired();
+//     ... ReplicateVerifyList and IsVerifyRequired once more, block size and length compared with those of the last
+//         backup before the snapshot and here: a yes or a change now means everything, now and next time ...
 //     for (const vtfltmgr::Extent& extent : changes.Extents(blocks))
 //         ... copy extent.count blocks from extent.first on ...
 //     vtfltmgr::ChangeMap written;                            // what the snapshot itself changed
@@ -21,8 +24,7 @@
 //     result = manager.ReportSuccess();                       // only when the copy is durable
 //
 // Nothing here throws but std::bad_alloc. The rules that a backup program must keep stand in docs/library.md: this
-// header makes them shorter to write, not unnecessary. Threads: as VTFltMgr.h says; an object is used by one thread at
-// a time.
+// header makes them shorter to write, not unnecessary. Threads: as VTFltMgr.h says; see BitmapManager.
 #ifndef VTFLTMGR_VTFLTMGR_HPP
 #define VTFLTMGR_VTFLTMGR_HPP
 
@@ -253,7 +255,8 @@ inline std::uint64_t ChangeMap::CountChanged(std::uint64_t end) const noexcept
 }
 
 // Fetches a bitmap, the buffer's length negotiated. map is whole after the results 0 and 0x10001; after 0x10001 changes
-// may be missing in it. After any other result it is empty. direct: the driver's own bitmap of this very handle (of a
+// may be missing in it. After any other result it is empty, and nothing was forgotten: end the backup, and do not ask
+// again for the same snapshot (see VTFltGetBitmap). direct: the driver's own bitmap of this very handle (of a
 // snapshot, say), which needs no manager and forgets nothing.
 inline Result FetchBitmap(HANDLE volume, ChangeMap& map, bool direct)
 {
@@ -283,7 +286,10 @@ inline Result FetchBitmap(HANDLE volume, ChangeMap& map, bool direct)
 }
 
 // Owns the bitmap manager of one volume for one application: one per backup. The volume's handle stays the caller's,
-// and must stay open as long.
+// and must stay open as long. One thread at a time uses an object; and Open, Close and the destructor of any object may not
+// run while another thread is in a function of any other object, for the library's table of handles has no lock. A program
+// that backs volumes up on several threads takes one lock of its own around Open and Close, and shared around the rest
+// (std::shared_mutex).
 class BitmapManager {
 public:
     BitmapManager() noexcept = default;
@@ -351,8 +357,10 @@ inline Result AddVolumesToVerifyList(const std::wstring& applicationId)
     return Result(VTAddVolumesToAppVerifyList(applicationId.c_str()));
 }
 
-// Only when CanApplicationUseDriver says no, and behind AddVolumesToVerifyList: where the application was registered once
-// and is not any more, this drops what was owed to it and marks nothing. See VTRegisterApplication.
+// Only when CanApplicationUseDriver says no, and after AddVolumesToVerifyList: where the application was registered once
+// and is not any more, this drops what was owed to it and marks nothing. And only if CanDriverWork and then IsVerifyRequired,
+// of a fixed volume, say yes: while the driver does not work, AddVolumesToVerifyList succeeds without a mark. See
+// VTRegisterApplication.
 inline Result RegisterApplication(const std::wstring& applicationId)
 {
     return Result(VTRegisterApplication(applicationId.c_str()));
@@ -369,9 +377,9 @@ inline Result ReplicateVerifyList(const std::wstring& applicationId)
     return Result(VTReplicateVerifyList(applicationId.c_str()));
 }
 
-// Whether this application's next backup of the volume must read all of it; true in doubt, but for two: false when the
-// volume's mutex cannot be opened and nothing else speaks for it (Fetch fails then, too), and false when volumeName is
-// spelled in other letters than VolumeNameOf gives: no entry of the list is found then.
+// Whether this application's next backup of the volume must read all of it; true in doubt, with two exceptions: false when
+// the volume is not on the list and its mutex cannot be opened or its bitmap files cannot be read (Fetch fails then, too),
+// and false when volumeName is spelled in other letters than VolumeNameOf gives: no entry of the list is found then.
 [[nodiscard]] inline bool IsVerifyRequired(const std::wstring& applicationId, const std::wstring& volumeName)
 {
     return VTIsVerifyRequired(applicationId.c_str(), volumeName.c_str()) != 0;

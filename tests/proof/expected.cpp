@@ -76,10 +76,10 @@ void Expected::NoteSuccess(std::size_t application, std::size_t volume, Version 
     std::erase_if(backup.handedBack, [snapshotTaken](const auto& one) { return one.second <= snapshotTaken; });
 }
 
-std::string Expected::CheckNothingElse(std::size_t application, std::size_t volume, const Reported& reported) const
+std::string Expected::CheckNothingElse(std::size_t application, std::size_t volume, const Grains& snapshot,
+                                       const Reported& reported) const
 {
     const Backup& backup = At(application, volume);
-    const Grains& grains = m_volumes[volume];
     // By block, with one block of room on either side.
     std::vector<bool> allowed(reported.blocks.size() + 2);
     const auto mark = [&](std::size_t grain) {
@@ -87,8 +87,8 @@ std::string Expected::CheckNothingElse(std::size_t application, std::size_t volu
         for (std::size_t at = block; at <= block + 2 && at < allowed.size(); ++at)
             allowed[at] = true;
     };
-    for (std::size_t grain = 0; grain < grains.size(); ++grain) {
-        if (grains[grain] > backup.clean)
+    for (std::size_t grain = 0; grain < snapshot.size(); ++grain) {
+        if (snapshot[grain] > backup.clean)
             mark(grain);
     }
     for (const auto& [grain, when] : backup.handedBack)

@@ -53,7 +53,8 @@ public:
     // A report of success that was answered with success: nothing older than this version need be reported again.
     void NoteSuccess(std::size_t application, std::size_t volume, Version snapshotTaken);
     // Every reported block lies at most one block beside a grain that was written since the last report of success.
-    std::string CheckNothingElse(std::size_t application, std::size_t volume, const Reported& reported) const;
+    std::string CheckNothingElse(std::size_t application, std::size_t volume, const Grains& snapshot,
+                                 const Reported& reported) const;
 
 private:
     struct Backup {

@@ -11,7 +11,7 @@ constexpr const char* NAMES[] = {"write",        "register",    "unregister",   
                                  "finish",       "abandon",     "backup",       "crash",          "lose-tracking",
                                  "resize",       "block-size",  "damage",       "power-cut",      "stop-driver",
                                  "start-driver", "stop-volume", "stop-volumes", "start-tracking", "mark-all",
-                                 "unmark",       "monitor",     "ask",          "asks-again"};
+                                 "unmark",       "monitor",     "ask",          "asks-again",     "register-again"};
 static_assert(std::size(NAMES) == static_cast<std::size_t>(Do::Count));
 
 constexpr const char* FAULTS[] = {"",           "fail",       "fail-on",      "not-there",  "fail-of",

@@ -34,6 +34,7 @@ enum class Do : std::uint8_t {
     Monitor,       // application, a: 1 on, 0 off
     Ask,           // application, volume: the questions that change nothing
     AsksAgain,     // application, a: what it does from now on when fetching fails, see AGAIN_*
+    RegisterAgain, // application: registers without asking first whether it is
     Count
 };
 
@@ -43,7 +44,7 @@ inline constexpr std::uint32_t DAMAGE_COUNT = 6;
 inline constexpr std::uint32_t CUT_SHORT = 5; // stands in every application's way until somebody deletes the file
 
 // Behind a fetch that failed, an application reads everything, this time and the next. Or it takes the library at its word
-// that nothing was forgotten: it asks again, with its next backup or at once.
+// that nothing was forgotten: it asks again, with its next backup or at once, for a new snapshot.
 inline constexpr std::uint32_t AGAIN_NEVER = 0;
 inline constexpr std::uint32_t AGAIN_LATER = 1;
 inline constexpr std::uint32_t AGAIN_AT_ONCE = 2;

@@ -15,12 +15,12 @@ struct Weight {
 constexpr Weight CALM[] = {{Do::Write, 40},  {Do::Backup, 24},  {Do::Begin, 8},   {Do::Fetch, 8}, {Do::Finish, 8},
                            {Do::Abandon, 1}, {Do::Register, 4}, {Do::Monitor, 2}, {Do::Ask, 2}};
 // And on one on which everything does.
-constexpr Weight WILD[] = {
-    {Do::Write, 40},      {Do::Backup, 24},      {Do::Begin, 8},       {Do::Fetch, 8},         {Do::Finish, 8},
-    {Do::Abandon, 3},     {Do::Register, 4},     {Do::Unregister, 2},  {Do::Crash, 3},         {Do::LoseTracking, 3},
-    {Do::Resize, 2},      {Do::SetBlockSize, 2}, {Do::Damage, 4},      {Do::PowerCut, 2},      {Do::StopDriver, 1},
-    {Do::StartDriver, 2}, {Do::StopVolume, 1},   {Do::StopVolumes, 1}, {Do::StartTracking, 2}, {Do::MarkAll, 1},
-    {Do::Unmark, 1},      {Do::Monitor, 2},      {Do::Ask, 2}};
+constexpr Weight WILD[] = {{Do::Write, 40},     {Do::Backup, 24},      {Do::Begin, 8},         {Do::Fetch, 8},
+                           {Do::Finish, 8},     {Do::Abandon, 3},      {Do::Register, 4},      {Do::Unregister, 2},
+                           {Do::Crash, 3},      {Do::LoseTracking, 3}, {Do::Resize, 2},        {Do::SetBlockSize, 2},
+                           {Do::Damage, 4},     {Do::PowerCut, 2},     {Do::StopDriver, 1},    {Do::StartDriver, 2},
+                           {Do::StopVolume, 1}, {Do::StopVolumes, 1},  {Do::StartTracking, 2}, {Do::MarkAll, 1},
+                           {Do::Unmark, 1},     {Do::Monitor, 2},      {Do::Ask, 2},           {Do::RegisterAgain, 1}};
 
 constexpr std::uint32_t ERRORS[] = {5, 6, 8, 13, 31, 32, 87, 112, 122, 1450, 1359};
 // Once: who is told for ever that there is more reads for ever.

@@ -29,6 +29,8 @@ const Piece STATES[] = {
     {"the other's child deleted", "register 0; register 1; backup 0 0; backup 1 0; write 0 0 5; damage 1 0 0 0"},
     {"its base without trailer", "register 0; register 1; backup 0 0; backup 1 0; write 0 0 5; damage 0 0 1 4"},
     {"its child without trailer", "register 0; register 1; backup 0 0; backup 1 0; write 0 0 5; damage 0 0 0 4"},
+    {"the other's child with changes and without trailer",
+     "register 0; register 1; backup 0 0; backup 1 0; write 0 0 5; backup 0 0; write 0 0 9; damage 1 0 0 4"},
     {"changes in a base without trailer",
      "register 0; register 1; backup 0 0; backup 1 0; write 0 0 70 3; begin 0 0; fetch 0; abandon 0; write 0 0 9; "
      "damage 0 0 1 4"},
@@ -46,6 +48,8 @@ const Piece OPERATIONS[] = {
     {"unregistering", "unregister 0"},
     {"a backup", "backup 0 0"},
     {"a backup with changes in its snapshot", "backup 0 0 12 4"},
+    {"the other's backup", "backup 1 0"},
+    {"registering without having asked", "register-again 0"},
     {"the questions", "ask 0 0"},
     {"marking every volume", "mark-all 0"},
     {"taking a mark off", "unmark 0"},
@@ -75,6 +79,11 @@ const Piece OTHERS[] = {
     {"finishing a verify", "register 0; backup 0 0; mark-all 0; write 0 0 5; begin 0 0; fetch 0; finish 0"},
     {"abandoning", "register 0; backup 0 0; write 0 0 5; begin 0 0; fetch 0; abandon 0"},
     {"the other's backup", "register 0; register 1; backup 0 0; backup 1 0; write 0 0 5; backup 1 0"},
+    {"registering again, with a backup and marks",
+     "register 0; register 1; backup 0 0; backup 1 0; unregister 0; write 0 0 5; backup 1 0; register 0"},
+    {"the backup of the last of three",
+     "register 0; register 1; register 2; backup 0 0; backup 1 0; backup 2 0; write 0 0 5; backup 1 0; write 0 0 9; "
+     "backup 2 0"},
     {"the other's backup of another volume",
      "register 0; register 1; backup 0 1; backup 1 1; write 0 1 5; begin 0 0; write 0 0 5; fetch 0; backup 1 1"},
 };

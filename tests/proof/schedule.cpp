@@ -186,11 +186,10 @@ Operation ChooseOperation(Dice& dice, std::uint32_t application, const std::vect
     return operation;
 }
 
-// An application that died in one of these does not know what it has done, and the world does not either.
+// Who died in one of these does not know what was counted, and the world does not either.
 bool MayDieIn(Exported exported)
 {
-    return exported != Exported::Register && exported != Exported::Unregister && exported != Exported::EnableMonitor &&
-           exported != Exported::DisableMonitor;
+    return exported != Exported::EnableMonitor && exported != Exported::DisableMonitor;
 }
 
 Schedule ChooseMix(std::uint64_t seed)

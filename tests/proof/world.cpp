@@ -50,7 +50,7 @@ std::unique_ptr<vtfltsim::SimMachine> NewMachine()
 }
 
 // The process ends with the next call, whichever it is.
-void WINAPI DieSoon(void*, LPCWSTR, LPCWSTR)
+void DieSoon()
 {
     VTFLTSIM_CALL_FAULT death = {};
     death.size = sizeof(death);
@@ -165,7 +165,7 @@ World::Went World::InGuest(Application& application, void (*work)(const void*), 
         return Went::Through;
     m_struck = true;
     m_mayBeCutShort = true;
-    HandOut(HandsOut::NotAtAll); // whatever it was in the middle of
+    NoteDeath();
     Disarm();
     return Went::Died;
 }
@@ -192,12 +192,16 @@ void World::NoteTransfer(CutTransfer& cut, std::wstring_view text)
 void World::ArmCut(const wchar_t* function, const Fault& fault)
 {
     CutTransfer& cut = m_watched.cuts.emplace_back();
-    cut.writes = fault.how == Fault::How::Short;
+    cut.writes = fault.how != Fault::How::ShortRead;
+    cut.kills = fault.how == Fault::How::DieInWrite;
     cut.bytes = fault.error;
     vtfltsim::Check("VTFltSimCallBefore", VTFltSimCallBefore(
                                               function, nullptr, fault.nth, 1,
                                               [](void* context, LPCWSTR, LPCWSTR text) {
-                                                  NoteTransfer(*static_cast<CutTransfer*>(context), text);
+                                                  CutTransfer& one = *static_cast<CutTransfer*>(context);
+                                                  NoteTransfer(one, text);
+                                                  if (one.kills)
+                                                      DieSoon();
                                               },
                                               &cut));
     SetFault(VTFLTSIM_CALL_SHORT, function, fault.nth, 1, 0, fault.error);
@@ -206,7 +210,8 @@ void World::ArmCut(const wchar_t* function, const Fault& fault)
 // One that has no more than it may move goes through whole: nothing went wrong.
 bool World::IsEachCut() const
 {
-    return std::all_of(m_watched.cuts.begin(), m_watched.cuts.end(), [](const CutTransfer& cut) { return cut.isCut; });
+    return std::all_of(m_watched.cuts.begin(), m_watched.cuts.end(),
+                       [](const CutTransfer& cut) { return cut.isCut || cut.kills; });
 }
 
 void World::Arm(const std::vector<Fault>& faults)
@@ -254,10 +259,8 @@ void World::Arm(const std::vector<Fault>& faults)
             SetFault(VTFLTSIM_CALL_KILLS_AFTER, ANY_CALL, fault.nth, 1, 0);
             break;
         case Fault::How::DieInWrite:
-            vtfltsim::Check("VTFltSimCallBefore",
-                            VTFltSimCallBefore(L"WriteFile", nullptr, fault.nth, 1, DieSoon, nullptr));
+            ArmCut(L"WriteFile", fault);
             m_mayBeCutShort = true;
-            SetFault(VTFLTSIM_CALL_SHORT, L"WriteFile", fault.nth, 1, 0, fault.error);
             break;
         case Fault::How::ShortRead:
             ArmCut(L"ReadFile", fault);
@@ -276,11 +279,15 @@ void World::Arm(const std::vector<Fault>& faults)
 void World::Disarm()
 {
     if (!m_armed)
-        return;                // what others have planned stays
-    NoteCallOfAFault(nullptr); // the last call may have been the one
+        return;                         // what others have planned stays
+    NoteCallOfAFault(nullptr, nullptr); // the last call may have been the one
     m_armed = false;
+    // Of several each: one that lasts strikes more than once.
+    const bool cameToEach = std::all_of(m_faults.begin(), m_faults.end(), [&](const Fault& fault) {
+        return fault.how != Fault::How::Fail || fault.nth <= m_struckCalls.made;
+    });
     m_struck = m_struck || m_memoryStruck ||
-               (VTFltSimGetCallFaultHits() >= std::max<std::size_t>(1, m_faults.size()) && IsEachCut());
+               (VTFltSimGetCallFaultHits() >= std::max<std::size_t>(1, m_faults.size()) && cameToEach && IsEachCut());
     m_memoryStruck = false;
     m_memoryNth = 0;
     VTFltSimClearCallFaults();
@@ -325,13 +332,14 @@ std::string World::Run(const Operation& operation, bool beforeACut)
     if (!operation.faults.empty())
         vtfltsim::Check("VTFltSimCallBefore", VTFltSimCallBefore(
                                                   ANY_CALL, nullptr, 1, 0,
-                                                  [](void* context, LPCWSTR function, LPCWSTR) {
-                                                      static_cast<World*>(context)->NoteCallOfAFault(function);
+                                                  [](void* context, LPCWSTR function, LPCWSTR text) {
+                                                      static_cast<World*>(context)->NoteCallOfAFault(function, text);
                                                   },
                                                   this));
     m_faults = operation.faults;
     m_faulty = !operation.faults.empty();
     m_takenOff = nullptr;
+    m_replicated = false;
     if (m_faulty)
         Disturb();
     std::string wrong = Dispatch(operation);
@@ -339,8 +347,10 @@ std::string World::Run(const Operation& operation, bool beforeACut)
     m_faulty = false;
     if (!operation.faults.empty()) {
         Count(&Verdicts::faulty);
-        if (m_struck)
+        if (m_struck) {
             Count(&Verdicts::struck);
+            NoteStruck(operation);
+        }
     }
     if (wrong.empty())
         wrong = TakeWrongAnswer();
@@ -359,6 +369,14 @@ std::string World::Run(const Operation& operation, bool beforeACut)
     Mix(m_log->Sum());
     Mix(m_calls.All());
     return wrong;
+}
+
+// Whatever it was, the application's next backup of the volume that it was about tells.
+void World::NoteStruck(const Operation& operation)
+{
+    std::vector<Chain>& chains = m_applications[operation.application].chains;
+    for (std::size_t volume = 0; volume < chains.size(); ++volume)
+        chains[volume].behind = m_watched.volume == NOWHERE || m_watched.volume == volume;
 }
 
 namespace {
@@ -393,7 +411,8 @@ std::string World::Dispatch(const Operation& operation)
         return {};
     }
     case Do::Register:
-        return Register(application);
+    case Do::RegisterAgain:
+        return Register(application, operation.what == Do::Register);
     case Do::Unregister:
         return Unregister(application);
     case Do::Begin:

@@ -48,6 +48,9 @@ struct Verdicts {
     std::uint64_t leftOut = 0;     // what would have the driver list a volume while its list is handed out
     std::uint64_t told = 0;        // losses of tracking in schedules, sought on the lists of each application
     std::uint64_t marked = 0;      // changes that could not be handed back: the volume's mark, sought right behind that
+    // What is backed up first of what something had gone wrong with: only who takes the reported blocks then can miss any.
+    std::uint64_t behindReported = 0;
+    std::uint64_t behindEverything = 0;
 };
 const Verdicts& VerdictsSoFar();
 
@@ -112,6 +115,8 @@ private:
         // or the application itself, takes it off again.
         bool mustBeAsked = false;
         bool told = false;
+        bool waits = false;  // it is on the application's pending list, or on the driver's
+        bool behind = false; // something went wrong with it, and no backup was made since
         // While operations run at the same time: a report of success is under way; tracking was lost since the last one.
         bool reports = false;
         bool lost = false;
@@ -149,6 +154,7 @@ private:
         bool writes = false;
         std::uint32_t bytes = 0; // at most
         bool isCut = false;      // it came, and had more
+        bool kills = false;      // its process ends behind it
         std::array<wchar_t, MAX_PATH> path{};
     };
     // The bitmap files as they were before an operation that something goes wrong in, and what they may become by it.
@@ -168,11 +174,16 @@ private:
     };
     // The calls that faults struck in the operation; the first few.
     struct StruckCalls {
-        std::array<const wchar_t*, 16> functions{};
+        struct One {
+            const wchar_t* function = nullptr;
+            std::array<wchar_t, 80> text{}; // the beginning of what it was called with
+        };
+        std::array<One, 16> calls{};
         std::size_t count = 0;
-        const wchar_t* last = nullptr; // that was called
+        One last; // that was called
         DWORD hits = 0;
-        bool walks = false; // over the volumes, or has walked
+        std::uint32_t made = 0; // calls, whether or not they were struck
+        bool walks = false;     // over the volumes, or has walked
     };
     // The requests for the tracking of snapshots, and the list of filters that they change.
     struct Monitoring {
@@ -198,10 +209,19 @@ private:
             return;
         m_registrations.begun += change > 0 ? 1 : 0;
         m_registrations.underWay += change;
+        t_registers += change;
+    }
+    // The calling process is gone: whatever it was in the middle of is over.
+    void NoteDeath()
+    {
+        HandOut(HandsOut::NotAtAll);
+        m_registrations.underWay -= t_registers;
+        t_registers = 0;
     }
     // How far a process is with the driver's list, in VTReplicateVerifyList.
     enum class HandsOut { NotAtAll, Not, Reads, Has, PutsBack };
     static thread_local HandsOut t_handsOut;
+    static thread_local int t_registers; // its calls of that kind under way: one or none
     void HandOut(HandsOut state);
     void NoteCallOfAReplication(const wchar_t* function, const wchar_t* text);
     static bool IsUnreadableList(Exported exported, DWORD result);
@@ -286,13 +306,17 @@ private:
     void CountMemory(DWORD before);
     void ArmMemory();
 
+    void NoteStruck(const Operation& operation);
     std::string Dispatch(const Operation& operation);
-    std::string Register(Application& application);
+    std::string Register(Application& application, bool asks);
+    std::vector<BitmapFile> FilesOf(const Application& application) const;
     std::string Unregister(Application& application);
     std::string Begin(std::size_t application, std::size_t volume);
     std::string Fetch(std::size_t application);
     static constexpr std::size_t NOWHERE = SIZE_MAX;
     DWORD FetchOnce(Application& application);
+    Went FetchForANewSnapshot(Application& application, DWORD& result);
+    void TakeSnapshot(Session& session);
     std::string Finish(std::size_t application, std::size_t first, std::size_t count);
     std::string Commit(std::size_t application);
     std::string Backup(const Operation& operation);
@@ -330,16 +354,18 @@ private:
     bool IsStruck() const;
     bool FailsOnce() const;
     bool MayBeDone() const;
-    void NoteCallOfAFault(const wchar_t* function);
+    void NoteCallOfAFault(const wchar_t* function, const wchar_t* text);
+    bool LeavesOut(std::size_t volume) const;
     bool IsUndisturbed(std::size_t application, std::size_t volume) const;
     Reported ReportedBlocks(const Application& application) const;
     std::string CheckOpen(Application& application);
     std::string CheckFiles() const;
+    std::string EndBackup(const Application& application);
     void PutRight();
     void StartWatching(const Operation& operation);
     std::string CheckWatched();
     std::string CheckWatched(std::size_t number, std::size_t volume, bool base);
-    bool IsCutFile(std::size_t number, std::size_t volume, bool base) const;
+    bool IsCutFile(std::size_t number, std::size_t volume, bool base, bool byDeath) const;
     bool IsMixed(std::size_t number, std::size_t volume, bool base, const BitmapFile& now) const;
     std::string CheckOwed(std::size_t number, std::size_t volume) const;
     std::string CheckHandedBack() const;
@@ -383,6 +409,7 @@ private:
     bool m_driverWasThere = false; // before the operation
     // Whose mark of which volume the operation may take off.
     const Chain* m_takenOff = nullptr;
+    bool m_replicated = false; // in the operation, entries may have gone on to a verify list
     std::uint64_t m_trace = 0xcbf29ce484222325ull;
     bool m_tells = false;
     bool m_armed = false;

@@ -29,15 +29,19 @@ bool World::IsUnreadableList(Exported exported, DWORD result)
     return (exported == Exported::AppCount || exported == Exported::AppList) && result == ERROR_MORE_DATA;
 }
 
-// An application registers once: registering again while the list cannot be read would empty its bitmaps.
-std::string World::Register(Application& application)
+// An application registers once, and asks before; one that does not ask changes nothing by it, as long as its list can be
+// read, and is to verify everything where it cannot.
+std::string World::Register(Application& application, bool asks)
 {
     DWORD listed = 0;
     bool present = false;
     DWORD result = 0xFFFFFFFF;
+    const bool changesNothing = !asks && application.registered && !m_faulty && m_watch == nullptr;
+    const auto before = changesNothing ? FilesOf(application) : std::vector<BitmapFile>();
     const Went went = In(application, [&] {
         std::vector<std::wstring> ids;
-        listed = Call(application, Exported::AppList, [&] { return VTGetRegisteredAppList(&ids); });
+        if (asks)
+            listed = Call(application, Exported::AppList, [&] { return VTGetRegisteredAppList(&ids); });
         present = std::find(ids.begin(), ids.end(), application.id) != ids.end();
         if (listed == 0 && !present)
             result =
@@ -55,7 +59,21 @@ std::string World::Register(Application& application)
         return "an application was registered and is not listed";
     if (!m_faulty && !present && result != 0)
         return "registering failed with " + std::to_string(result);
+    if (changesNothing && FilesOf(application) != before)
+        return "an application that is registered registered, and its bitmap files changed";
     return {};
+}
+
+// Of every volume child and base.
+std::vector<BitmapFile> World::FilesOf(const Application& application) const
+{
+    const auto number = static_cast<std::size_t>(&application - m_applications.data());
+    std::vector<BitmapFile> files;
+    for (std::size_t volume = 0; volume < m_volumes.size(); ++volume) {
+        for (const bool base : {false, true})
+            files.push_back(ReadFile(number, volume, base));
+    }
+    return files;
 }
 
 std::string World::Unregister(Application& application)
@@ -105,6 +123,7 @@ bool World::Claim(Application& application, std::size_t volume)
 
 DWORD World::Replicate(Application& application)
 {
+    m_replicated = true;
     return Call(application, Exported::ReplicateVerifyList,
                 [&] { return VTReplicateVerifyList(application.id.c_str()); });
 }
@@ -190,11 +209,7 @@ std::string World::Begin(std::size_t number, std::size_t volume)
     session.open = true;
     session.verify = asked != 0 || chain.mustVerify || fresh || chain.blockSize != session.blockSize ||
                      chain.grains != m_expected.Volume(volume).size();
-    session.grains = m_expected.Volume(volume);
-    session.taken = m_expected.Clock();
-    vtfltsim::Check(
-        "VTFltSimCreateSnapshot",
-        VTFltSimCreateSnapshot(m_machine->handle(), m_volumes[volume].guid.c_str(), &session.snapshot, nullptr));
+    TakeSnapshot(session);
     return {};
 }
 
@@ -212,10 +227,12 @@ std::string World::Fetch(std::size_t number)
     const Chain& before = application.chains[session.volume];
     const bool mustBeAsked = m_watch == nullptr && (before.mustBeAsked || (before.told && !m_faulty));
     GET_LENGTH_INFORMATION length = {};
-    const Went went = In(application, [&] {
-        result = FetchOnce(application);
-        if (HasFailed(result) && application.asksAgain == AGAIN_AT_ONCE)
-            result = FetchOnce(application);
+    Went went = In(application, [&] { result = FetchOnce(application); });
+    if (went == Went::Through && HasFailed(result) && application.asksAgain == AGAIN_AT_ONCE)
+        went = FetchForANewSnapshot(application, result);
+    if (went == Went::Died)
+        return Crash(application);
+    went = In(application, [&] {
         if (result == 0 && !session.verify) {
             // Tracking can be lost between the first question and the snapshot.
             again = Replicate(application);
@@ -266,7 +283,35 @@ std::string World::Fetch(std::size_t number)
     if (!nothingElse || HasFailed(result) || !m_expected.HasBackup(number, session.volume))
         return {};
     Count(&Verdicts::nothingElse);
-    return m_expected.CheckNothingElse(number, session.volume, ReportedBlocks(application));
+    // One by one nobody else fetches between snapshot and fetch: what was written since is not reported either.
+    const Grains& written = m_watch != nullptr ? m_expected.Volume(session.volume) : session.grains;
+    return m_expected.CheckNothingElse(number, session.volume, written, ReportedBlocks(application));
+}
+
+// The driver may have handed over what belongs to the snapshot: what it gives now may be newer
+// (Limit.AskingAgainForTheSameSnapshot...).
+World::Went World::FetchForANewSnapshot(Application& application, DWORD& result)
+{
+    Session& session = application.session;
+    const Went announced = In(application, [&] {
+        result =
+            Call(application, Exported::PrepareForSnapshot, [&] { return VTFltPrepareForSnapshot(session.handle); });
+    });
+    if (announced == Went::Died || HasFailed(result))
+        return announced;
+    VTFltSimDeleteSnapshot(m_machine->handle(), session.snapshot);
+    session.snapshot = 0;
+    TakeSnapshot(session);
+    return In(application, [&] { result = FetchOnce(application); });
+}
+
+void World::TakeSnapshot(Session& session)
+{
+    session.grains = m_expected.Volume(session.volume);
+    session.taken = m_expected.Clock();
+    vtfltsim::Check("VTFltSimCreateSnapshot",
+                    VTFltSimCreateSnapshot(m_machine->handle(), m_volumes[session.volume].guid.c_str(),
+                                           &session.snapshot, nullptr));
 }
 
 // In the application's process: asks for the length, and then for the bitmap.
@@ -412,6 +457,9 @@ std::string World::Commit(std::size_t number)
     Count(session.verify ? &Verdicts::everything : &Verdicts::reported);
     if (chain.failed && !session.verify)
         Count(&Verdicts::askedAgain);
+    if (chain.behind)
+        Count(session.verify ? &Verdicts::behindEverything : &Verdicts::behindReported);
+    chain.behind = false;
     chain.failed = false;
     Mix(session.verify ? 1 : 2);
     Tell(std::string("    ") + (session.verify ? "everything" : "the reported blocks"));

@@ -25,9 +25,9 @@ std::string World::Settle(Thoroughly thoroughly)
     Tell("-- settling");
     Disarm();
     for (Application& application : m_applications) {
-        if (application.session.open)
-            Abandon(application);
-        std::string wrong = TakeWrongAnswer();
+        std::string wrong = EndBackup(application);
+        if (wrong.empty())
+            wrong = TakeWrongAnswer();
         if (wrong.empty())
             wrong = EndGuest(application, false);
         if (!wrong.empty())
@@ -61,6 +61,21 @@ std::string World::Settle(Thoroughly thoroughly)
         if (wrong.empty())
             wrong = EndGuest(application, false);
     }
+    return wrong;
+}
+
+// What went wrong in a backup so far shows in what becomes of it. What is written now belongs to the next one.
+std::string World::EndBackup(const Application& application)
+{
+    if (!application.session.open)
+        return {};
+    const auto number = static_cast<std::uint32_t>(&application - m_applications.data());
+    const auto volume = static_cast<std::uint32_t>(application.session.volume);
+    std::string wrong = Run({Do::Write, 0, volume, 20, 0, {}});
+    if (wrong.empty() && !application.session.fetched)
+        wrong = Run({Do::Fetch, number, 0, 0, 0, {}});
+    if (wrong.empty())
+        wrong = Run({Do::Finish, number, 0, 0, 0, {}});
     return wrong;
 }
 

@@ -14,6 +14,11 @@ bool Fetches(Do what)
     return what == Do::Fetch || what == Do::Backup;
 }
 
+bool Registers(Do what)
+{
+    return what == Do::Register || what == Do::RegisterAgain;
+}
+
 bool Finishes(Do what)
 {
     return what == Do::Finish || what == Do::Backup;
@@ -88,7 +93,7 @@ std::string World::CheckHandedBack() const
         IsMixed(number, volume, false, child))
         return {};
     // As for what is owed: a write that was short counts as done, and is not flushed.
-    if (m_watched.cut && IsCutFile(number, volume, false))
+    if (m_watched.cut && IsCutFile(number, volume, false, false))
         return {};
     Count(&Verdicts::handedBack);
     if (Either(child.bits, m_watched.changes) == child.bits)
@@ -120,7 +125,7 @@ std::string World::CheckOwed(std::size_t number, std::size_t volume) const
     // A write that is short without an error counts as done. Its file cannot be read; but it was not flushed either, so
     // a power cut may bring the old one back. The driver lists the volume then.
     const Application& application = m_applications[number];
-    if (m_watched.cut && (IsCutFile(number, volume, false) || IsCutFile(number, volume, true)))
+    if (m_watched.cut && (IsCutFile(number, volume, false, false) || IsCutFile(number, volume, true, false)))
         return {};
     // Whoever registered behind the beginning of this backup has no backup yet (Limit.AnApplicationRegistersWhile...).
     if (reported || !before[0].usable || !before[1].usable || !m_expected.HasBackup(number, volume) ||
@@ -154,8 +159,8 @@ std::string World::CheckWatched(std::size_t number, std::size_t volume, bool bas
         return std::string(base ? "the base" : "the child") + " of application " + std::to_string(number) +
                " on volume " + std::to_string(volume) + what;
     };
-    // Behind a torn write that was short without an error one sector is old, new or both.
-    if (m_watched.torn && IsCutFile(number, volume, base))
+    // Behind a torn write that was cut one sector is old, new or both.
+    if (m_watched.torn && (IsCutFile(number, volume, base, false) || IsCutFile(number, volume, base, true)))
         return {};
     const MayBe bits = WhatMayBe(number, volume, base);
     if (!bits.Holds(now.bits) && !(m_watched.torn && bits.HoldsBySectors(now.bits)))
@@ -164,19 +169,21 @@ std::string World::CheckWatched(std::size_t number, std::size_t volume, bool bas
     if (!oldBlocks && now.blockSize != m_machine->Info(m_volumes[volume]).blockSize)
         return wrong(" has a block size that is neither old nor new");
     // What could not be read may have held changes: whoever begins it anew has the volume verified.
-    const bool begunAnew = !before.usable && m_watched.operation.what != Do::Register;
-    if (begunAnew && !m_watched.reports && !IsListedForResync(m_applications[number].id + L".Last", volume) &&
+    const bool begunAnew = !before.usable && !Registers(m_watched.operation.what);
+    const bool reported = m_watched.reports && number == m_watched.operation.application && volume == m_watched.volume;
+    if (begunAnew && !reported && !IsListedForResync(m_applications[number].id + L".Last", volume) &&
         ReadFile(number, volume, !base).usable)
         return wrong(" was unusable and is begun anew, and nobody has to verify");
     return {};
 }
 
-// In it a write was short without an error. The library opens it by the volume's name, the world by its folder.
-bool World::IsCutFile(std::size_t number, std::size_t volume, bool base) const
+// In it a write was short, without an error or because the process died. The library opens it by the volume's name, the world
+// by its folder.
+bool World::IsCutFile(std::size_t number, std::size_t volume, bool base, bool byDeath) const
 {
     const std::wstring name = m_volumes[volume].guid + FileName(m_applications[number], base);
-    return std::any_of(m_watched.cuts.begin(), m_watched.cuts.end(), [&name](const CutTransfer& cut) {
-        return cut.writes && cut.isCut && std::wstring_view(cut.path.data()).ends_with(name);
+    return std::any_of(m_watched.cuts.begin(), m_watched.cuts.end(), [&](const CutTransfer& cut) {
+        return cut.writes && cut.isCut && cut.kills == byDeath && std::wstring_view(cut.path.data()).ends_with(name);
     });
 }
 
@@ -194,7 +201,7 @@ MayBe World::WhatMayBe(std::size_t number, std::size_t volume, bool base) const
     const auto& files = m_watched.files[volume * m_applications.size() + number];
     const bool own = number == operation.application;
     MayBe bits(files[base ? 1 : 0].bits);
-    if (own && operation.what == Do::Register)
+    if (own && Registers(operation.what))
         bits.Add({});
     if (volume != m_watched.volume)
         return bits;

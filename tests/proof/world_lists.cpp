@@ -108,11 +108,10 @@ std::string World::CheckMarked(const Application& application, bool all) const
 {
     const std::vector<bool> before = m_watch == nullptr ? NotedMarks(application) : Marks(application);
     const std::vector<bool> marks = Marks(application);
-    const bool isAll = std::find(marks.begin(), marks.end(), false) == marks.end();
+    bool isAll = true;
+    for (std::size_t volume = 0; volume < marks.size(); ++volume)
+        isAll = isAll && (marks[volume] || LeavesOut(volume));
     if (isAll || (!all && marks == before))
-        return {};
-    // A volume whose kind cannot be learned is left out.
-    if (HasStruck({L"GetDriveTypeW"}))
         return {};
     return all ? "not every volume is marked" : "some volumes are marked, and others are not";
 }
@@ -121,23 +120,26 @@ std::string World::CheckMarked(const Application& application, bool all) const
 std::string World::CheckMarks()
 {
     std::string wrong;
-    // Who unregisters leaves its marks in the place of the driver's list, but of a volume whose kind cannot be learned.
-    const bool leavesOut = HasStruck({L"GetDriveTypeW"});
     const auto driver = ResyncList({});
     for (Application& application : m_applications) {
         const auto pending = ResyncList(application.id);
         const std::vector<bool> marks = Marks(application);
         for (std::size_t volume = 0; volume < m_volumes.size(); ++volume) {
             Chain& chain = application.chains[volume];
-            const bool told =
-                marks[volume] || Holds(pending, volume) || (application.registered && Holds(driver, volume));
-            if (&chain != m_takenOff && wrong.empty() &&
-                ((chain.mustBeAsked && !marks[volume]) || (chain.told && !told && !leavesOut)))
+            const bool waits = Holds(pending, volume) || (application.registered && Holds(driver, volume));
+            const bool told = marks[volume] || waits;
+            // Who takes a mark off leaves what has not become one yet; and who unregisters leaves its marks in the place of
+            // the driver's list, but of a volume whose kind cannot be learned.
+            const bool mayGo = &chain == m_takenOff;
+            const bool markIsGone = chain.mustBeAsked && !marks[volume] && !mayGo;
+            const bool isGone = mayGo ? chain.waits && !waits && !m_replicated : chain.told && !told;
+            if (wrong.empty() && (markIsGone || (isGone && !LeavesOut(volume))))
                 wrong = "volume " + std::to_string(volume) + " is no more on " +
                         (chain.mustBeAsked ? "the verify list" : "any list") + " of application " +
                         std::to_string(&application - m_applications.data());
             chain.mustBeAsked = marks[volume];
             chain.told = told;
+            chain.waits = waits;
         }
     }
     return wrong;
@@ -239,30 +241,45 @@ bool World::MayBeDone() const
 
 bool World::HasStruck(std::initializer_list<std::wstring_view> functions) const
 {
-    const auto end = m_struckCalls.functions.begin() + static_cast<std::ptrdiff_t>(m_struckCalls.count);
-    return std::any_of(m_struckCalls.functions.begin(), end,
-                       [&](const wchar_t* function) { return IsOneOf(function, functions); });
+    const auto end = m_struckCalls.calls.begin() + static_cast<std::ptrdiff_t>(m_struckCalls.count);
+    return std::any_of(m_struckCalls.calls.begin(), end,
+                       [&](const StruckCalls::One& one) { return IsOneOf(one.function, functions); });
 }
 
 // What is not known to be one of these may be another: no call, as when memory is short.
 bool World::HasStruckAnother(std::initializer_list<std::wstring_view> functions) const
 {
-    const auto end = m_struckCalls.functions.begin() + static_cast<std::ptrdiff_t>(m_struckCalls.count);
-    return m_struckCalls.count == 0 || std::any_of(m_struckCalls.functions.begin(), end, [&](const wchar_t* function) {
-               return !IsOneOf(function, functions);
+    const auto end = m_struckCalls.calls.begin() + static_cast<std::ptrdiff_t>(m_struckCalls.count);
+    return m_struckCalls.count == 0 || std::any_of(m_struckCalls.calls.begin(), end, [&](const StruckCalls::One& one) {
+               return !IsOneOf(one.function, functions);
            });
 }
 
-// Called before each call. Allocates nothing.
-void World::NoteCallOfAFault(const wchar_t* function)
+// A volume whose kind could not be learned is passed over where all fixed ones are meant.
+bool World::LeavesOut(std::size_t volume) const
+{
+    if (m_struckCalls.count == m_struckCalls.calls.size())
+        return HasStruck({L"GetDriveTypeW"}); // perhaps of others, too
+    const auto end = m_struckCalls.calls.begin() + static_cast<std::ptrdiff_t>(m_struckCalls.count);
+    return std::any_of(m_struckCalls.calls.begin(), end, [&](const StruckCalls::One& one) {
+        return IsOneOf(one.function, {L"GetDriveTypeW"}) &&
+               std::wstring_view(one.text.data()).find(m_volumes[volume].guid) != std::wstring_view::npos;
+    });
+}
+
+// Called before each call, and behind the last without one. Allocates nothing.
+void World::NoteCallOfAFault(const wchar_t* function, const wchar_t* text)
 {
     StruckCalls& struck = m_struckCalls;
+    struck.made += function != nullptr ? 1 : 0;
     struck.walks = struck.walks || (function != nullptr && std::wstring_view(function) == L"FindFirstVolumeW");
     const DWORD hits = VTFltSimGetCallFaultHits();
-    if (hits != struck.hits && struck.last != nullptr && struck.count < struck.functions.size())
-        struck.functions[struck.count++] = struck.last;
+    if (hits != struck.hits && struck.last.function != nullptr && struck.count < struck.calls.size())
+        struck.calls[struck.count++] = struck.last;
     struck.hits = hits;
-    struck.last = function;
+    struck.last.function = function;
+    const std::wstring_view said = text != nullptr ? text : L"";
+    *std::copy_n(said.begin(), std::min(said.size(), struck.last.text.size() - 1), struck.last.text.begin()) = L'\0';
 }
 
 } // namespace vtproof

@@ -175,10 +175,8 @@ std::string World::StopTracking(Application& application, Exported exported, std
     if (m_watch != nullptr)
         return {};
     Disarm(); // what follows looks at the machine itself
-    // A volume whose kind cannot be learned is left out of all of them.
-    const bool leavesOut = !one && HasStruck({L"GetDriveTypeW"});
-    for (std::size_t each = first; each < end && result == 0 && !leavesOut; ++each) {
-        if (HasFiles(each))
+    for (std::size_t each = first; each < end && result == 0; ++each) {
+        if (HasFiles(each) && (one || !LeavesOut(each)))
             return "tracking was ended and the bitmap files are there";
     }
     if (one && result == 0 && m_machine->Info(m_volumes[volume]).tracked != 0)
@@ -393,6 +391,7 @@ bool IsOfTheDriversList(const wchar_t* text)
 } // namespace
 
 thread_local World::HandsOut World::t_handsOut = HandsOut::NotAtAll;
+thread_local int World::t_registers = 0;
 
 // The calling process comes so far.
 void World::HandOut(HandsOut state)

@@ -29,6 +29,7 @@ public:
     {
         for (std::uint32_t application = 0; application < APPLICATIONS; ++application)
             Happen({Do::Register, application, 0, 0, 0, {}});
+        Choose();
         while (Goes() && m_result.hours < m_options.hours) {
             Sleep(HOUR_MS);
             if (m_options.progress && !m_options.progress(m_result.hours))
@@ -62,11 +63,24 @@ private:
             return;
         m_result.since.operations.push_back(operation);
         ++m_result.operations;
-        m_result.backups += operation.what == Do::Backup ? 1 : 0;
-        m_result.disturbances += operation.faults.empty() ? 0 : 1;
+        const Verdicts before = VerdictsSoFar();
         m_result.wrong = m_world.Run(operation, beforeACut);
+        const Verdicts& now = VerdictsSoFar();
+        m_result.backups += now.reported - before.reported + now.everything - before.everything;
+        m_result.disturbances += now.struck - before.struck;
         if (operation.what == Do::Resize || operation.what == Do::SetBlockSize)
             m_shapes[operation.volume][operation.what == Do::Resize ? 0 : 1] = operation;
+    }
+
+    // Of the three one reads everything behind a fetch that failed, one asks again later, and one at once.
+    void Choose()
+    {
+        for (std::uint32_t number = 0; number < APPLICATIONS; ++number)
+            Happen({Do::AsksAgain, number, 0, AsksAgain(number), 0, {}});
+    }
+    std::uint32_t AsksAgain(std::uint32_t application) const
+    {
+        return static_cast<std::uint32_t>((application + m_options.seed) % AGAIN_COUNT);
     }
 
     void Hour(std::uint32_t hour)
@@ -142,6 +156,8 @@ private:
         }
         for (std::uint32_t application = 0; application < APPLICATIONS; ++application)
             since.push_back({Do::Register, application, 0, 0, 0, {}});
+        for (std::uint32_t application = 0; application < APPLICATIONS; ++application)
+            since.push_back({Do::AsksAgain, application, 0, AsksAgain(application), 0, {}});
         for (std::uint32_t application = 0; application < APPLICATIONS; ++application) {
             for (std::uint32_t volume = 0; volume < Shapes().size(); ++volume)
                 since.push_back({Do::Backup, application, volume, 0, 0, {}});

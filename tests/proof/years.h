@@ -25,8 +25,8 @@ struct YearsResult {
     std::string wrong; // empty: nothing
     std::uint32_t hours = 0;
     std::uint64_t operations = 0;
-    std::uint64_t backups = 0; // asked for; that each that may not go wrong does not is the world's to check
-    std::uint64_t disturbances = 0;
+    std::uint64_t backups = 0;      // that came as far as a copy
+    std::uint64_t disturbances = 0; // that took place, and faults that struck
     std::uint64_t trace = 0;
     History
         since; // what happened since everything was last put right: the history to replay, if it is broken by itself

@@ -102,6 +102,8 @@ int PrintVerdicts(std::uint64_t runs)
     print("of everything", verdicts.everything);
     print("bitmaps held against the writes", verdicts.nothingElse);
     print("asked again behind a failed fetch", verdicts.askedAgain);
+    print("first backups of what was struck, of the reported blocks", verdicts.behindReported);
+    print("and of everything", verdicts.behindEverything);
     print("bitmap files looked at behind a fault", verdicts.files);
     print("unusable of them", verdicts.unusable);
     print("power cuts looked behind", verdicts.cuts);
@@ -111,6 +113,7 @@ int PrintVerdicts(std::uint64_t runs)
     print("operations with a fault", verdicts.faulty);
     print("struck by it", verdicts.struck);
     print("losses of tracking sought on the lists", verdicts.told);
+    print("left out, as the driver's list was being handed out", verdicts.leftOut);
     std::fputs("\n", stderr);
     if (verdicts.reported != 0)
         return 0;
@@ -147,7 +150,7 @@ int Histories(const Options& options)
 int RunYears(Options options)
 {
     YearsOptions years;
-    years.seed = options.seed + options.part;
+    years.seed = options.seed + options.part * 1'000'003; // no other seed's
     years.hours = static_cast<std::uint32_t>(options.years * HOURS_A_YEAR);
     options.count = years.hours;
     options.parts = 1; // each part has a machine of its own for all of the time

@@ -66,9 +66,9 @@ TEST(ExpectedState, ABlockBesideAWriteMayBeReportedAndOneFurtherOffMayNot)
     expected.TakeAll(0, 0, expected.Volume(0));
     expected.NoteSuccess(0, 0, expected.Clock());
     expected.Write(0, 20, 1); // block 5 of four grains
-    EXPECT_EQ("", expected.CheckNothingElse(0, 0, Blocks(16, {4, 5, 6}, 4)));
-    EXPECT_NE("", expected.CheckNothingElse(0, 0, Blocks(16, {5, 7}, 4)));
-    EXPECT_NE("", expected.CheckNothingElse(0, 0, Blocks(16, {3}, 4)));
+    EXPECT_EQ("", expected.CheckNothingElse(0, 0, expected.Volume(0), Blocks(16, {4, 5, 6}, 4)));
+    EXPECT_NE("", expected.CheckNothingElse(0, 0, expected.Volume(0), Blocks(16, {5, 7}, 4)));
+    EXPECT_NE("", expected.CheckNothingElse(0, 0, expected.Volume(0), Blocks(16, {3}, 4)));
 }
 
 TEST(ExpectedState, WhatWasWrittenIntoASnapshotIsOwedOnceMore)
@@ -77,7 +77,7 @@ TEST(ExpectedState, WhatWasWrittenIntoASnapshotIsOwedOnceMore)
     expected.TakeAll(0, 0, expected.Volume(0));
     expected.NoteSuccess(0, 0, expected.Clock());
     expected.WriteIntoBackup(0, 0, 9, 1);
-    EXPECT_EQ("", expected.CheckNothingElse(0, 0, Blocks(16, {9})));
+    EXPECT_EQ("", expected.CheckNothingElse(0, 0, expected.Volume(0), Blocks(16, {9})));
     EXPECT_NE("", expected.TakeReported(0, 0, expected.Volume(0), Blocks(16, {})));
 }
 
@@ -147,6 +147,10 @@ TEST(History, ChosenByAnySeedLosesNothing)
     const std::uint64_t reported = VerdictsSoFar().reported - before.reported;
     EXPECT_GE(reported, 3 * histories);
     EXPECT_GE(3 * reported, VerdictsSoFar().everything - before.everything);
+    // Above all those that come first behind what went wrong.
+    const std::uint64_t behind = VerdictsSoFar().behindReported - before.behindReported;
+    EXPECT_GE(20 * behind, VerdictsSoFar().behindEverything - before.behindEverything);
+    EXPECT_GE(20 * behind, histories);
 }
 
 // A call fails with whatever errors it can give; those that say "there is none" only where nobody asked.

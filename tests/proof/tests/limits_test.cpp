@@ -4,6 +4,7 @@
 // the document is to be mended, not the library.
 #include "double/control.h"
 #include "support/cycle_test.h"
+#include "support/driver_expect.h"
 
 #include <thread>
 
@@ -12,6 +13,8 @@ namespace {
 
 constexpr wchar_t APP1[] = L"App1";
 constexpr wchar_t APP2[] = L"App2";
+// In the text of the request that ends a fetch.
+constexpr wchar_t TELLS_TO_FORGET[] = L"|0xB0000011|";
 
 class Limit : public CycleTest {
 protected:
@@ -42,6 +45,10 @@ protected:
     {
         EXPECT_EQ(0u, VTReplicateVerifyList(appId.c_str()));
         return VTIsVerifyRequired(appId.c_str(), volume.Root().c_str()) == 1;
+    }
+    void LoseTracking(const Volume& lost)
+    {
+        vtfltsim::Check("VTFltSimLoseTracking", VTFltSimLoseTracking(machine.handle(), lost.guid.c_str()));
     }
     // Something else happens before the nth call of the function on something whose name holds the text.
     template <class Work>
@@ -89,6 +96,56 @@ TEST_F(Limit, AWholeFetchOfAnotherFallsBetweenTheSnapshotAndTheFetch)
     Snapshot(*session);
     Open(APP2)->GetBitmap();
     Touch({5}); // behind the snapshot
+    ASSERT_EQ(0u, session->GetBitmap());
+    EXPECT_EQ(BlockSet{5}, Blocks(*session)) << "reported, but the snapshot has the old contents";
+    ASSERT_EQ(0u, session->Success());
+    EXPECT_TRUE(IsLost(APP1, 5));
+}
+
+// The driver keeps one epoch of changes for all: another snapshot moves what was written since the first one into it.
+TEST_F(Limit, AnotherOnesSnapshotFallsBetweenTheSnapshotAndTheFetch)
+{
+    Register(APP1);
+    Register(APP2);
+    BackUp(APP1);
+    const auto session = Open(APP1);
+    Snapshot(*session);
+    Touch({5}); // behind the snapshot
+    const auto other = Open(APP2);
+    Snapshot(*other); // and no fetch
+    ASSERT_EQ(0u, session->GetBitmap());
+    EXPECT_EQ(BlockSet{5}, Blocks(*session)) << "reported, but the snapshot has the old contents";
+    ASSERT_EQ(0u, session->Success());
+    EXPECT_TRUE(IsLost(APP1, 5));
+}
+
+TEST_F(Limit, TheSuccessOfOneBackupClearsWhatAnotherOneOfTheSameApplicationFetched)
+{
+    Register(APP1);
+    const auto first = Open(APP1);
+    Snapshot(*first);
+    ASSERT_EQ(0u, first->GetBitmap());
+    Touch({5});
+    const auto second = Open(APP1);
+    Snapshot(*second);
+    ASSERT_EQ(0u, second->GetBitmap());
+    EXPECT_EQ(BlockSet{5}, Blocks(*second));
+    ASSERT_EQ(0u, first->Success());
+    EXPECT_TRUE(IsLost(APP1, 5)) << "the second copy comes to nothing";
+}
+
+// The driver did forget, and hands over what came behind the snapshot.
+TEST_F(Limit, AskingAgainForTheSameSnapshotFetchesWhatCameBehindIt)
+{
+    Register(APP1);
+    BackUp(APP1);
+    const auto session = Open(APP1);
+    Snapshot(*session);
+    Touch({5}); // behind the snapshot
+    FailCallAfterwards(L"DeviceIoControl", ERROR_IO_DEVICE, TELLS_TO_FORGET);
+    EXPECT_EQ(static_cast<DWORD>(ERROR_IO_DEVICE), session->GetBitmap());
+    EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
+    ClearFaults();
     ASSERT_EQ(0u, session->GetBitmap());
     EXPECT_EQ(BlockSet{5}, Blocks(*session)) << "reported, but the snapshot has the old contents";
     ASSERT_EQ(0u, session->Success());
@@ -194,6 +251,32 @@ TEST_F(Limit, SuccessReportedBehindAShortBitmapWithoutAVerifyTakesTheMarkOff)
     EXPECT_TRUE(IsLost(APP1, 5));
 }
 
+// The mark goes first.
+TEST_F(Limit, SuccessReportedThroughAManagerThatFetchedNothingTakesTheMarkOff)
+{
+    Register(APP1);
+    Touch({5});
+    LoseTracking(volume);
+    EXPECT_TRUE(IsVerifyRequired(APP1));
+    EXPECT_EQ(VTFLT_FAILED, Open(APP1)->Success());
+    EXPECT_TRUE(VerifyList(APP1).empty());
+    EXPECT_TRUE(IsLost(APP1, 5));
+}
+
+// On the double no handle's value comes back: the manager that was left behind is filed under the coming one beforehand.
+TEST_F(Limit, AManagerLeftUnderAHandlesValueServesTheVolumeThatTheValueComesBackFor)
+{
+    const Volume other = machine.AddVolume(BLOCKS * BLOCK, BLOCK);
+    Register(APP1);
+    Session session(OpenVolume(volume), other.Root(), APP1);
+    ASSERT_EQ(0u, session.Init());
+    Touch({5});
+    EXPECT_EQ(0u, VTFltInitBitmapManager(session.Handle(), volume.Root().c_str(), APP1));
+    ASSERT_EQ(0u, session.GetBitmap());
+    EXPECT_EQ(BlockSet{5}, Blocks(Base(other, APP1)));
+    EXPECT_TRUE(IsLost(APP1, 5));
+}
+
 // The base is empty on the disk already, and the last step behind that fails. Who takes the copy for a bad one, and keeps
 // the one before it, asks for the next bitmap in vain.
 TEST_F(Limit, ACopyThatIsThrownAwayBehindAFailedReportMayHaveTheOnlyChanges)
@@ -263,6 +346,29 @@ TEST_F(Limit, WhatTheDriverAddsToItsListWhileItIsHandedOutIsDropped)
     EXPECT_TRUE(IsLost(APP1, 5));
 }
 
+// The lists' mutexes belong to a session of Windows, and keep no process of another one out. Here it is the same thread, which
+// its own mutexes do not keep out either.
+TEST_F(Limit, WhatAProcessOfAnotherSessionHandsOutWhileTheListIsMovedIsDropped)
+{
+    const Volume other = machine.AddVolume(BLOCKS * BLOCK, BLOCK);
+    Register(APP1);
+    Register(APP2);
+    LoseTracking(other);
+    ASSERT_EQ(0u, VTReplicateVerifyList(APP1)); // App2 has its share of that to come
+    Touch({5});
+    auto inAnotherSession = [&] {
+        LoseTracking(volume);
+        EXPECT_EQ(0u, VTReplicateVerifyList(APP1));
+        EXPECT_EQ((std::vector<std::wstring>{volume.guid, other.guid}), PendingList(APP2));
+    };
+    // The list was moved, and is about to be deleted.
+    Before(L"RegDeleteValueW", L"DeviceListForReSyncApp2", 1, inAnotherSession);
+    ASSERT_EQ(0u, VTReplicateVerifyList(APP2));
+    ClearFaults();
+    EXPECT_EQ(std::vector<std::wstring>{other.guid}, VerifyList(APP2));
+    EXPECT_TRUE(IsLost(APP2, 5));
+}
+
 // Found by a schedule.
 TEST_F(Limit, AnotherBlockSizeWhileTheDriversListIsHandedOutIsDropped)
 {
@@ -296,6 +402,28 @@ TEST_F(Limit, UnregisteringAndRegisteringInTheMiddleOfItsOwnBackup)
     ASSERT_EQ(0u, VTRegisterApplication(APP1));
     EXPECT_EQ(OnlyThisVolume(), VerifyList(APP1));
     ASSERT_EQ(0u, session->Success()); // of a backup from before all that
+    EXPECT_TRUE(IsLost(APP1, 5));
+}
+
+TEST_F(Limit, AVolumeThatIsNotFixedIsPassedOverWhenItsApplicationLeavesAndComesBack)
+{
+    vtfltsim::Check("VTFltSimSetDriveType",
+                    VTFltSimSetDriveType(machine.handle(), volume.guid.c_str(), DRIVE_REMOVABLE));
+    for (const std::wstring appId : {APP1, APP2}) {
+        Register(appId);
+        const auto session = Open(appId);
+        Snapshot(*session);
+        EXPECT_EQ(VERIFY, session->GetBitmap()) << "no files were made";
+        ASSERT_EQ(0u, session->Success());
+    }
+    ASSERT_EQ(0u, VTUnregisterApplication(APP1));
+    EXPECT_TRUE(VerifyList(APP1).empty());
+    EXPECT_TRUE(FileExists(volume, ChildName(APP1)));
+    Touch({5});
+    BackUp(APP2); // nobody keeps block 5 for App1
+    Register(APP1);
+    EXPECT_EQ(0u, VTAddVolumesToAppVerifyList(APP1));
+    EXPECT_TRUE(VerifyList(APP1).empty());
     EXPECT_TRUE(IsLost(APP1, 5));
 }
 
@@ -369,6 +497,24 @@ TEST_F(Limit, AFileWhoseMiddleIsWrongIsAccepted)
     file.at(BITS_AT) = 0; // signature and trailer reached the disk, this byte did not
     WriteFileBytes(volume, ChildName(APP1), file);
     EXPECT_TRUE(IsLost(APP1, 5));
+}
+
+// The step is over without a flush, and the ones behind it go on.
+TEST_F(Limit, AShortWriteWithoutAnErrorCountsAsDoneUntilThePowerGoes)
+{
+    Register(APP1);
+    Register(APP2);
+    BackUp(APP1);
+    const std::wstring folder = machine.Info(volume).filesDirectory;
+    DoubleSyncBelow(folder.c_str());
+    Touch({5});
+    CutCall(L"WriteFile", ChildName(APP1), 0);
+    BackUp(APP2);
+    EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
+    ClearFaults();
+    EXPECT_EQ(Bytes(), ReadFileBytes(volume, ChildName(APP1))) << "as long as it is so, it forces a verify";
+    DoubleLoseBelow(folder.c_str(), 0);
+    EXPECT_TRUE(IsLost(APP1, 5)) << "the driver does not list the volume here";
 }
 
 TEST_F(Limit, WhoWaitedHalfAnHourForAMutexGoesOnWithoutIt)
@@ -461,6 +607,39 @@ TEST_F(Limit, AKeyThatIsSaidNotToBeThereIsTakenForAnEmptyList)
     EXPECT_EQ(0u, VTReplicateVerifyList(APP1));
     EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
     ClearFaults();
+    EXPECT_TRUE(IsLost(APP1, 5));
+}
+
+TEST_F(Limit, AVerifyListThatIsSaidNotToBeThereLosesItsMarksWhenAReportWritesItBack)
+{
+    const Volume other = machine.AddVolume(BLOCKS * BLOCK, BLOCK);
+    Register(APP1);
+    Touch({5});
+    LoseTracking(volume);
+    EXPECT_TRUE(IsVerifyRequired(APP1));
+    Session session(OpenVolume(other), other.Root(), APP1);
+    ASSERT_EQ(0u, session.Init());
+    ASSERT_EQ(0u, session.GetBitmap());
+    VTFltSimFailCall(L"RegQueryValueExW", L"DeviceListForReSyncApp1.Last", 1, 1, ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(0u, session.Success());
+    EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
+    ClearFaults();
+    EXPECT_TRUE(IsLost(APP1, 5));
+}
+
+TEST_F(Limit, AVerifyListThatIsSaidNotToBeThereLosesItsMarksWhenOthersAreAdded)
+{
+    const Volume other = machine.AddVolume(BLOCKS * BLOCK, BLOCK);
+    Register(APP1);
+    Touch({5});
+    LoseTracking(volume);
+    EXPECT_TRUE(IsVerifyRequired(APP1));
+    LoseTracking(other);
+    VTFltSimFailCall(L"RegQueryValueExW", L"DeviceListForReSyncApp1.Last", 1, 1, ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(0u, VTReplicateVerifyList(APP1));
+    EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
+    ClearFaults();
+    EXPECT_EQ(std::vector<std::wstring>{other.guid}, VerifyList(APP1));
     EXPECT_TRUE(IsLost(APP1, 5));
 }
 

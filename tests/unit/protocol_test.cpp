@@ -89,6 +89,15 @@ TEST(BitmapBitsInReply, WrapIn32Bits)
     EXPECT_EQ(BitmapBitsInReply(0xFFFFFFFF), 0xFFFFFF78u);
 }
 
+// With so many blocks, and as few as 63 less, the header says that there are none: the length of the reply still tells.
+TEST(BitmapBitsInReply, AreNoneOf2To32Blocks)
+{
+    constexpr std::uint32_t BITMAP_BYTES = 1u << 29;
+    EXPECT_EQ(BitmapBitsInReply(BITMAP_HEADER_BYTES + BITMAP_BYTES - 8), 0xFFFFFFC0u);
+    EXPECT_EQ(BitmapBitsInReply(BITMAP_HEADER_BYTES + BITMAP_BYTES), 0u);
+    EXPECT_EQ(BitmapBitsInReply(BITMAP_HEADER_BYTES + BITMAP_BYTES + 8), 64u);
+}
+
 TEST(BitmapHeader, ReadsTheWordsThatLieInsideTheBuffer)
 {
     constexpr std::int64_t H0 = 0x0102030405060708;

@@ -133,7 +133,7 @@ def describe_conditions(conditions):
     lines = [text + ("." if len(machines) == 1 else f" ({', '.join(parts)}).") for text, parts in machines.items()]
     rows = [[part, of["machine"]["date"], of["machine"]["commit"], of["before"]["busy_processors"],
              of["after"]["busy_processors"], "**yes**" if of["under_load"] else "no"] for part, of in conditions.items()]
-    return ("\n".join(lines) + "\n\nWhat else was busy was looked at for two seconds before each part and behind it, not while "
+    return ("\n".join(lines) + "\n\nWhat else was busy was looked at for two seconds before each part and after it, not while "
             "it was measured.\n\n"
             + table(["part", "measured", "at", "processors busy with something else before", "after", "under load"], rows))
 

@@ -128,12 +128,15 @@ def fetch_lines(rows):
 
 
 def fetch_memory(rows):
-    heads = ["volume", "applications", "record, MiB", "peak beyond before, MiB", "the caller last", "limit, MiB",
-             "records at the peak"]
-    return common.table(heads, [volume_of(r) + [
-        mebibytes(r["record_bytes"]), mebibytes(r["memory"]["peak_bytes"]),
-        mebibytes(r["memory_caller_last"]["peak_bytes"]) if "memory_caller_last" in r else "",
-        mebibytes(r["memory"]["limit_bytes"]), f"{r['memory']['peak_bytes'] / r['record_bytes']:.1f}"] for r in rows])
+    heads = ["volume", "applications", "record, MiB", "peak of the first fetch, MiB", "the caller last", "records at that peak",
+             "peak of both fetches, MiB", "the caller last", "records at that peak", "limit, MiB"]
+    def peaks(row, key):
+        memory, last = row["memory"], row.get("memory_caller_last")
+        return [mebibytes(memory[key]), mebibytes(last[key]) if last else "", f"{memory[key] / row['record_bytes']:.1f}"]
+    return ("Beyond what the process had before, of a manager's first fetch, and of that and a second fetch of the same manager. "
+            "The limit is for both.\n\n" + common.table(heads, [
+                volume_of(r) + [mebibytes(r["record_bytes"])] + peaks(r, "peak_of_first_bytes") + peaks(r, "peak_bytes")
+                + [mebibytes(r["memory"]["limit_bytes"])] for r in rows]))
 
 
 def memory_misses(rows):

@@ -4,6 +4,7 @@
 #   include/            the headers
 #   lib/                import libraries for mingw-w64 and for MSVC, pkg-config files, the CMake package
 #   docs/, samples/     where they stand in the sources, so that the pages' links hold
+#   licenses/           the notices of what the DLLs and tools contain of other projects
 #   share/vtfltmgr/     schemas, a format file for a log viewer
 
 include(CMakePackageConfigHelpers)
@@ -47,5 +48,21 @@ install(FILES LICENSE README.md CHANGELOG.md CONTRIBUTING.md SECURITY.md DESTINA
 install(DIRECTORY docs DESTINATION .)
 # Their CMakeLists.txt builds them with the library.
 install(DIRECTORY samples DESTINATION . PATTERN CMakeLists.txt EXCLUDE)
+# What is linked in or embedded: a notice each, as the Debian package that it comes from has it. docs/deploying.md says which
+# program contains what. The compiler's packages have one documentation folder in common.
+foreach(component IN ITEMS
+    CLI11=libcli11-dev
+    DejaVu=fonts-dejavu-core
+    fmt=libfmt-dev
+    gcc-libraries=gcc-mingw-w64-base
+    mingw-w64=mingw-w64-x86-64-dev
+    nlohmann-json=nlohmann-json3-dev
+    stb=libstb-dev
+    xxHash=libxxhash-dev)
+    string(REPLACE "=" ";" component ${component})
+    list(GET component 0 notice)
+    list(GET component 1 debian_package)
+    install(FILES "/usr/share/doc/${debian_package}/copyright" DESTINATION licenses RENAME ${notice}.txt)
+endforeach()
 install(DIRECTORY tools/vtfltctl/schema DESTINATION share/vtfltmgr)
 install(FILES tools/vtlog/lnav/vtfltmgr_log.json DESTINATION share/vtfltmgr/lnav)

@@ -35,6 +35,14 @@ for file in bin/VTFltMgr.dll bin/VTFltSim.dll bin/vtbackup.exe bin/vtfltctl.exe 
     share/vtfltmgr/lnav/vtfltmgr_log.json LICENSE README.md CHANGELOG.md CONTRIBUTING.md SECURITY.md; do
     [ -s "$package/$file" ] || fail "$file is missing"
 done
+# The notices of what the programs contain: each there, a notice, and named in the documentation; and none that nobody knows.
+notices=(CLI11 DejaVu fmt gcc-libraries mingw-w64 nlohmann-json stb xxHash)
+for notice in "${notices[@]}"; do
+    [ -s "$package/licenses/$notice.txt" ] || fail "licenses/$notice.txt is missing or empty"
+    grep -qi copyright "$package/licenses/$notice.txt" || fail "licenses/$notice.txt is no notice"
+    grep -qF "\`$notice.txt\`" "$package/docs/deploying.md" || fail "docs/deploying.md does not name $notice.txt"
+done
+[ "$(find "$package/licenses" -type f | wc -l)" = "${#notices[@]}" ] || fail "licenses/ has other files than the notices"
 grep -q '](../include/vtfltsim/VTFltSim.h)' "$package/docs/simulator-api.md" || fail "a link was not bent"
 mkdir "$work/broken"
 cp -r "$work/tree-one" "$work/broken/tree"

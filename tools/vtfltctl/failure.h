@@ -6,8 +6,8 @@
 
 namespace vtfltctl {
 
-// The process's exit codes; docs/cli.md lists them for users, and scripts depend on them. A number that vtbackup or
-// vtlog also has means the same there.
+// The process's exit codes; docs/cli.md lists them for users, and scripts depend on them. Other programs' numbers are
+// their own: docs/errors.md has them side by side.
 enum class Exit : int {
     Ok = 0,              // the work is done; of a check: what was looked at is sound
     Internal = 1,        // something that should not happen, or no memory

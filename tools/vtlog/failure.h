@@ -6,8 +6,8 @@
 
 namespace vtlog {
 
-// The process's exit codes; docs/vtlog.md lists them for users, and scripts depend on them. A number that both have
-// means the same as in vtbackup.
+// The process's exit codes; docs/vtlog.md lists them for users, and scripts depend on them. Other programs' numbers are
+// their own: docs/errors.md has them side by side.
 enum class Exit : int {
     Ok = 0,
     Internal = 1,        // something that should not happen, or no memory

@@ -10,7 +10,8 @@
 //     vtfltsim run C:\run\m BackupLoop.exe {GUID} Nightly E.img "vtfltsim snapshot C:\run\m {GUID}"
 //         "vtfltsim delete-snapshot C:\run\m"
 //
-// Exit code 0: FILE is the volume as the snapshot has it. 1: it may not be, and nothing was forgotten: run it again.
+// Exit code 0: FILE is the volume as the snapshot has it. 1: it may not be: run it again, which reads whatever is
+// missing.
 // 64-bit only.
 using System;
 using System.Diagnostics;

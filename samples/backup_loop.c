@@ -10,7 +10,7 @@
  *   FILE         the copy, one for each volume and application; FILE.state beside it says what the next run must know.
  *                Put FILE back from anywhere, and FILE.state has to go
  *
- * Exit code 0: FILE is the volume as the snapshot has it. 1: it may not be, and nothing was forgotten: run it again.
+ * Exit code 0: FILE is the volume as the snapshot has it. 1: it may not be: run it again, which reads whatever is missing.
  */
 #include <vtfltmgr/VTFltMgr.h>
 #include <vtfltsim/VTFltSim.h>

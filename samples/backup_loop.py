@@ -10,7 +10,7 @@ behind it. VTFltMgr.dll is looked for beside this file, or where VTFLTMGR says. 
     vtfltsim run C:\\run\\m python backup_loop.py {GUID} Nightly E.img "vtfltsim snapshot C:\\run\\m {GUID}"
         "vtfltsim delete-snapshot C:\\run\\m"
 
-Exit code 0: FILE is the volume as the snapshot has it. 1: it may not be, and nothing was forgotten: run it again.
+Exit code 0: FILE is the volume as the snapshot has it. 1: it may not be: run it again, which reads whatever is missing.
 """
 import contextlib
 import ctypes

@@ -5,8 +5,8 @@
 // MACHINE is the folder of a simulated machine (vtfltsim create); on a real one the snapshot comes from the system's
 // snapshot service, and the lines marked "simulator" go. VOLUME is {GUID}, in whatever letters; FILE is the copy, one for
 // each volume and application, and FILE.state says what the next run must know: put FILE back from anywhere, and FILE.state
-// has to go. Exit code 0: FILE is the volume as the snapshot has it. 1: it may not be, and nothing was forgotten: run it
-// again.
+// has to go. Exit code 0: FILE is the volume as the snapshot has it. 1: it may not be: run it again, which
+// reads whatever is missing.
 #include <vtfltmgr/VTFltMgr.hpp>
 #include <vtfltsim/VTFltSim.hpp>
 #include <winioctl.h>

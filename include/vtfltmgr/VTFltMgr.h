@@ -181,7 +181,7 @@ VTFLTMGR_API DWORD WINAPI VTFltSynSnapshotChangeBitmapToVolume(HANDLE volume, LP
  * Results: 0; 87 (bad or unknown handle); 0x10005; 0xFFFFFFFF (no bitmap was fetched through this
  * manager); else an error of the bitmap file. After a failure, or when nobody knows whether the call came through, keep the
  * copy as the last backup, or read the whole volume next: the changes come again, unless they were cleared on the disk
- * already. And after a verify backup the volume may have left the verify list already: verify again in any case.
+ * already. 0 is also the answer when the volume could not be taken off the list: the next backup verifies once more. And after a verify backup the volume may have left the verify list already: verify again in any case.
  */
 VTFLTMGR_API DWORD WINAPI VTFltReplicationSuccess(HANDLE volume);
 
@@ -214,8 +214,8 @@ VTFLTMGR_API DWORD WINAPI VTRegisterApplication(LPCWSTR applicationId);
 /*
  * Unregisters an application and deletes its bitmaps on every fixed volume. Its verify list stays, naming
  * every volume.
- * Results: 0; 160 (empty ID); 0x10009 (not registered); 0x10005; else an error of the volume walk or the
- * registry, after which the application is still registered.
+ * Results: 0; 160 (empty ID); 0x10009 (not registered, or the list of applications could not be read); 0x10005; 13 (a list
+ * is malformed); else an error of the volume walk or the registry. After any failure the application is still registered.
  */
 VTFLTMGR_API DWORD WINAPI VTUnregisterApplication(LPCWSTR applicationId);
 
@@ -247,7 +247,8 @@ VTFLTMGR_API DWORD WINAPI VTIsVerifyRequired(LPCWSTR applicationId, LPCWSTR volu
 /*
  * Puts every fixed volume that is there on the application's verify list. Gated.
  * Results: 0 (also when the driver is not installed or not working, and then nothing is marked); 87 (empty ID, or a
- * volume that no list can name: then none is marked); 0x10005; else an error of the volume walk or the registry.
+ * volume that no list can name: then none is marked); 0x10005; 13 (the list is malformed); else an error of the volume
+ * walk or the registry.
  */
 VTFLTMGR_API DWORD WINAPI VTAddVolumesToAppVerifyList(LPCWSTR applicationId);
 
@@ -270,8 +271,9 @@ VTFLTMGR_API DWORD WINAPI VTCanBLIDriverWork(void);
 /*
  * Asks for tracking of a device class (null: the class of volume snapshots) and counts the request. Gated.
  *   classKeyPath  class key below HKEY_LOCAL_MACHINE; a trailing backslash is allowed
- * Results: 0 (also when the driver does not work); 87 (empty path); else an error of the mutex (0xFFFFFFFF when the wait
- * for it fails) or the registry, with the count as it was. Waits without limit for other users of the same class.
+ * Results: 0 (also when the driver does not work); 87 (empty path); 13 (the count is no number, the class's list of filters
+ * malformed); 206 (the path is too long); else an error of the mutex (0xFFFFFFFF when the wait for it fails) or the registry,
+ * with the count as it was. Waits without limit for other users of the same class.
  */
 VTFLTMGR_API DWORD WINAPI VTFltEnableMonitorForSnapshot(LPCWSTR classKeyPath);
 
@@ -284,7 +286,8 @@ VTFLTMGR_API DWORD WINAPI VTFltDisableMonitorForSnapshot(LPCWSTR classKeyPath);
 /*
  * Ends the tracking of one volume and deletes the bitmap files of every application on it.
  *   volumePath  volume GUID path without a trailing backslash, as CreateFileW opens a volume
- * Results: 0; 87 (null path); 0x10005; 0xFFFFFFFF; else the error of the open, the request or the removal. A folder that
+ * Results: 0; 87 (null path); 0x10005; 0xFFFFFFFF; else the error of the open, the request or the removal: 3 also when the
+ * tracking was ended and the volume has no folder VelVolTrc. A folder that
  * somebody made inside VelVolTrc ends the removal there: the result may be 0 with bitmap files left. Files that are open
  * elsewhere are left likewise, with an error.
  */

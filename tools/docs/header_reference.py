@@ -72,7 +72,8 @@ def parse(text):
     body = re.sub(r"^#if defined\(\w+_BUILD\)\n(?:#.*\n)+?#endif\n", "", body, flags=re.M)
     body = re.sub(r"^#ifdef __cplusplus\nextern \"C\" \{\n#endif\n", "", body, flags=re.M)
     body = re.sub(r"^#ifdef __cplusplus\n(\} /\*.*?\*/\n)(#endif\n)?", "", body, flags=re.M)
-    body = re.sub(r"^(extern \"C\" \{|\} /\* extern \"C\" \*/|#endif)\n", "", body, flags=re.M)
+    body = re.sub(r"^#if defined.*\nextern \"C\" \{\n", "", body, flags=re.M)
+    body = re.sub(r"^(extern \"C\" \{|\} /\* extern \"C\" \*/|#endif(?: /\*.*\*/)?)\n", "", body, flags=re.M)
 
     sections = [("", [])]
     pieces = re.split(r"(^/\*.*?\*/[ \t]*\n)", body, flags=re.M | re.S)

@@ -31,8 +31,8 @@
  *   - No exception leaves an export; memory that cannot be had is answered with 8
  *     (ERROR_NOT_ENOUGH_MEMORY) where nothing else is said.
  *   - The library starts no threads. Work on one volume is serialised across threads, and across the processes of one
- *     Windows session and of the services' session, by named mutexes. Each is waited for up to 30 minutes; then the work
- *     goes on without it. No mutex spans the steps of a backup: keep other backups of the volume away yourself.
+ *     Windows session (services have a session of their own), by named mutexes. Each is waited for up to 30 minutes; then
+ *     the work goes on without it. No mutex spans the steps of a backup: keep other backups of the volume away yourself.
  *   - The table of volume handles has no lock: do not run VTFltInitBitmapManager or VTFltDeinitBitmapManager on one thread
  *     while another thread of the process is in any function that takes a volume handle (but for one that is told to go
  *     straight to the driver). Functions on different, already initialised handles may run at the same time, and so may all
@@ -181,7 +181,8 @@ VTFLTMGR_API DWORD WINAPI VTFltSynSnapshotChangeBitmapToVolume(HANDLE volume, LP
  * Results: 0; 87 (bad or unknown handle); 0x10005; 0xFFFFFFFF (no bitmap was fetched through this
  * manager); else an error of the bitmap file. After a failure, or when nobody knows whether the call came through, keep the
  * copy as the last backup, or read the whole volume next: the changes come again, unless they were cleared on the disk
- * already. 0 is also the answer when the volume could not be taken off the list: the next backup verifies once more. And after a verify backup the volume may have left the verify list already: verify again in any case.
+ * already. And after a verify backup the volume may have left the verify list already: verify again in any case. 0 is also
+ * the answer when the volume could not be taken off the list: the next backup verifies once more.
  */
 VTFLTMGR_API DWORD WINAPI VTFltReplicationSuccess(HANDLE volume);
 
@@ -200,7 +201,8 @@ VTFLTMGR_API DWORD WINAPI VTFltReplicationSuccess(HANDLE volume);
  * of it. Either it notes that for itself, or it has the volumes marked before it registers: VTAddVolumesToAppVerifyList, which
  * needs no registration and marks the fixed volumes that are there. That answers 0 and marks nothing when the driver does not
  * work, which is also a reason why VTCanAppUseBLIDriver may have answered 0: call this only if VTCanBLIDriverWork
- * gives 1 and then VTIsVerifyRequired gives 1 for a fixed volume. Of a volume that is not fixed, or was away, the next
+ * gives 1 and then VTIsVerifyRequired gives 1 for a fixed volume that has bitmap files and was not marked before, or for
+ * every fixed volume that the application backs up. Of a volume that is not fixed, or was away, the next
  * backup reads everything in any case.
  *
  * An ID that is the tail of a registered one gets its bitmaps and the result 0, and does not get onto the list: look at
@@ -240,7 +242,8 @@ VTFLTMGR_API DWORD WINAPI VTReplicateVerifyList(LPCWSTR applicationId);
  *           answer is 0 for a volume that must be verified
  * Results: 1 yes (also when the driver does not work, when the list cannot be read, or for a null
  * argument); 0 no, or the volume is not on the list and its bitmap files could not be looked at: its mutex could not be
- * opened, or a file is there and cannot be read. VTFltGetBitmap, which needs both, then fails and forgets nothing.
+ * opened, a file is there and cannot be read, or memory is short. VTFltGetBitmap, which needs all three, then fails and
+ * forgets nothing.
  */
 VTFLTMGR_API DWORD WINAPI VTIsVerifyRequired(LPCWSTR applicationId, LPCWSTR volume);
 
@@ -271,8 +274,8 @@ VTFLTMGR_API DWORD WINAPI VTCanBLIDriverWork(void);
 /*
  * Asks for tracking of a device class (null: the class of volume snapshots) and counts the request. Gated.
  *   classKeyPath  class key below HKEY_LOCAL_MACHINE; a trailing backslash is allowed
- * Results: 0 (also when the driver does not work); 87 (empty path); 13 (the count is no number, the class's list of filters
- * malformed); 206 (the path is too long); else an error of the mutex (0xFFFFFFFF when the wait for it fails) or the registry,
+ * Results: 0 (also when the driver does not work); 87 (empty path); 13 (the count is no number); 206 (the class's own name,
+ * the path's last part, is too long); else an error of the mutex (0xFFFFFFFF when the wait for it fails) or the registry,
  * with the count as it was. Waits without limit for other users of the same class.
  */
 VTFLTMGR_API DWORD WINAPI VTFltEnableMonitorForSnapshot(LPCWSTR classKeyPath);
@@ -287,9 +290,8 @@ VTFLTMGR_API DWORD WINAPI VTFltDisableMonitorForSnapshot(LPCWSTR classKeyPath);
  * Ends the tracking of one volume and deletes the bitmap files of every application on it.
  *   volumePath  volume GUID path without a trailing backslash, as CreateFileW opens a volume
  * Results: 0; 87 (null path); 0x10005; 0xFFFFFFFF; else the error of the open, the request or the removal: 3 also when the
- * tracking was ended and the volume has no folder VelVolTrc. A folder that
- * somebody made inside VelVolTrc ends the removal there: the result may be 0 with bitmap files left. Files that are open
- * elsewhere are left likewise, with an error.
+ * tracking was ended and the volume has no folder VelVolTrc. A folder that somebody made inside VelVolTrc ends the removal
+ * there: the result may be 0 with bitmap files left. Files that are open elsewhere are left likewise, with an error.
  */
 VTFLTMGR_API DWORD WINAPI VTFltStopMonitorVolume(LPCWSTR volumePath);
 

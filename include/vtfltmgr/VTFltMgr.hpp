@@ -358,9 +358,9 @@ inline Result AddVolumesToVerifyList(const std::wstring& applicationId)
 }
 
 // Only when CanApplicationUseDriver says no, and after AddVolumesToVerifyList: where the application was registered once
-// and is not any more, this drops what was owed to it and marks nothing. And only if CanDriverWork and then IsVerifyRequired,
-// of a fixed volume, say yes: while the driver does not work, AddVolumesToVerifyList succeeds without a mark. See
-// VTRegisterApplication.
+// and is not any more, this drops what was owed to it and marks nothing. And only if CanDriverWork says yes, and then
+// IsVerifyRequired of every fixed volume that the application backs up: while the driver does not work,
+// AddVolumesToVerifyList succeeds without a mark. See VTRegisterApplication.
 inline Result RegisterApplication(const std::wstring& applicationId)
 {
     return Result(VTRegisterApplication(applicationId.c_str()));

@@ -2,6 +2,8 @@
 
 #include "vtfltsim/VTFltSim.hpp"
 
+#include <algorithm>
+
 namespace vtproof {
 
 namespace {
@@ -53,6 +55,13 @@ std::uint64_t CallCounts::Sum() const
     for (std::size_t i = 0; i < counts.size(); ++i)
         sum = (sum ^ (counts[i] - m_before[i])) * 0x100000001b3ull;
     return sum;
+}
+
+bool GivesBack(std::wstring_view function)
+{
+    constexpr const wchar_t* GIVE_BACK[] = {L"CloseHandle", L"FindClose",    L"FindVolumeClose", L"CloseServiceHandle",
+                                            L"RegCloseKey", L"ReleaseMutex", L"UnmapViewOfFile"};
+    return std::find(std::begin(GIVE_BACK), std::end(GIVE_BACK), function) != std::end(GIVE_BACK);
 }
 
 } // namespace vtproof

@@ -2,9 +2,13 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 #include <vector>
 
 namespace vtproof {
+
+// A fault for any call lets these be: who holds something has no other way to give it back. Allocates nothing.
+bool GivesBack(std::wstring_view function);
 
 // Counts from its making on, whatever ran in the process before.
 class CallCounts {

@@ -1,5 +1,6 @@
 #include "proof/sweep_path.h"
 
+#include "proof/call_counts.h"
 #include "support/text.h"
 
 #include <algorithm>
@@ -7,14 +8,6 @@
 namespace vtproof {
 
 namespace {
-
-// A fault for any call lets these be: who holds something has no other way to give it back.
-bool GivesBack(const std::wstring& function)
-{
-    constexpr const wchar_t* GIVE_BACK[] = {L"CloseHandle", L"FindClose",    L"FindVolumeClose", L"CloseServiceHandle",
-                                            L"RegCloseKey", L"ReleaseMutex", L"UnmapViewOfFile"};
-    return std::find(std::begin(GIVE_BACK), std::end(GIVE_BACK), function) != std::end(GIVE_BACK);
-}
 
 // The number of bytes stands behind the bar.
 std::uint32_t BytesOf(const std::wstring& line)

@@ -376,7 +376,7 @@ void World::NoteStruck(const Operation& operation)
 {
     std::vector<Chain>& chains = m_applications[operation.application].chains;
     for (std::size_t volume = 0; volume < chains.size(); ++volume)
-        chains[volume].behind = m_watched.volume == NOWHERE || m_watched.volume == volume;
+        chains[volume].behind = chains[volume].behind || m_watched.volume == NOWHERE || m_watched.volume == volume;
 }
 
 namespace {

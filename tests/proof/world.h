@@ -182,7 +182,7 @@ private:
         std::size_t count = 0;
         One last; // that was called
         DWORD hits = 0;
-        std::uint32_t made = 0; // calls, whether or not they were struck
+        std::uint32_t made = 0; // calls that a fault for any call refuses, whether or not they were struck
         bool walks = false;     // over the volumes, or has walked
     };
     // The requests for the tracking of snapshots, and the list of filters that they change.
@@ -310,6 +310,7 @@ private:
     std::string Dispatch(const Operation& operation);
     std::string Register(Application& application, bool asks);
     std::vector<BitmapFile> FilesOf(const Application& application) const;
+    void VerifyWhatWasLeftOut(Application& application) const;
     std::string Unregister(Application& application);
     std::string Begin(std::size_t application, std::size_t volume);
     std::string Fetch(std::size_t application);

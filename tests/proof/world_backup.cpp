@@ -52,6 +52,8 @@ std::string World::Register(Application& application, bool asks)
         application.registered = IsListed(application);
     else
         application.registered = application.registered || present || result == 0;
+    if (!asks)
+        VerifyWhatWasLeftOut(application);
     if (went == Went::Died)
         return Crash(application);
     Mix(result);
@@ -62,6 +64,15 @@ std::string World::Register(Application& application, bool asks)
     if (changesNothing && FilesOf(application) != before)
         return "an application that is registered registered, and its bitmap files changed";
     return {};
+}
+
+// A volume whose kind is told wrongly is not marked where its bitmaps are emptied or deleted (an assumption).
+void World::VerifyWhatWasLeftOut(Application& application) const
+{
+    for (std::size_t volume = 0; volume < m_volumes.size(); ++volume) {
+        Chain& chain = application.chains[volume];
+        chain.mustVerify = chain.mustVerify || LeavesOut(volume);
+    }
 }
 
 // Of every volume child and base.
@@ -93,6 +104,7 @@ std::string World::Unregister(Application& application)
         application.registered = IsListed(application);
     else if (result == 0)
         application.registered = false;
+    VerifyWhatWasLeftOut(application);
     // The marks come first, and stay.
     const std::string wrong = CheckMarked(application, result == 0);
     if (went == Went::Died)
@@ -302,6 +314,8 @@ World::Went World::FetchForANewSnapshot(Application& application, DWORD& result)
     VTFltSimDeleteSnapshot(m_machine->handle(), session.snapshot);
     session.snapshot = 0;
     TakeSnapshot(session);
+    // The volume may have another length by now.
+    session.verify = session.verify || application.chains[session.volume].grains != session.grains.size();
     return In(application, [&] { result = FetchOnce(application); });
 }
 

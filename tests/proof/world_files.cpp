@@ -208,7 +208,7 @@ MayBe World::WhatMayBe(std::size_t number, std::size_t volume, bool base) const
     if (Fetches(operation.what)) {
         // Who asks again at once finds unusable what the first failure left, and begins it anew; the next one stops that.
         const Application& application = m_applications[number];
-        if (own && base && application.asksAgain == AGAIN_AT_ONCE && operation.faults.size() > 1 &&
+        if (own && base && application.asksAgain == AGAIN_AT_ONCE && !operation.faults.empty() &&
             IsListedForResync(application.id + L".Last", volume))
             bits.Add({});
         if (own || !base)

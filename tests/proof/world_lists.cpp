@@ -258,6 +258,13 @@ bool World::HasStruckAnother(std::initializer_list<std::wstring_view> functions)
 // A volume whose kind could not be learned is passed over where all fixed ones are meant.
 bool World::LeavesOut(std::size_t volume) const
 {
+    using How = Fault::How;
+    const bool fails = std::any_of(m_faults.begin(), m_faults.end(), [](const Fault& fault) {
+        return fault.how == How::Fail || fault.how == How::FailOn || fault.how == How::FailOf ||
+               fault.how == How::FailOfOn;
+    });
+    if (!fails)
+        return false; // whoever dies or has no memory is told nothing wrong
     if (m_struckCalls.count == m_struckCalls.calls.size())
         return HasStruck({L"GetDriveTypeW"}); // perhaps of others, too
     const auto end = m_struckCalls.calls.begin() + static_cast<std::ptrdiff_t>(m_struckCalls.count);
@@ -271,7 +278,7 @@ bool World::LeavesOut(std::size_t volume) const
 void World::NoteCallOfAFault(const wchar_t* function, const wchar_t* text)
 {
     StruckCalls& struck = m_struckCalls;
-    struck.made += function != nullptr ? 1 : 0;
+    struck.made += function != nullptr && !GivesBack(function) ? 1 : 0;
     struck.walks = struck.walks || (function != nullptr && std::wstring_view(function) == L"FindFirstVolumeW");
     const DWORD hits = VTFltSimGetCallFaultHits();
     if (hits != struck.hits && struck.last.function != nullptr && struck.count < struck.calls.size())

@@ -206,10 +206,11 @@ MayBe World::WhatMayBe(std::size_t number, std::size_t volume, bool base) const
     if (volume != m_watched.volume)
         return bits;
     if (Fetches(operation.what)) {
-        // Who asks again at once finds unusable what the first failure left, and begins it anew; the next one stops that.
+        // Who asks again at once finds unusable what the first failure left, and begins it anew; the next one stops that. The
+        // volume is marked, or, where it cannot be, the child is deleted: a verify by itself.
         const Application& application = m_applications[number];
         if (own && base && application.asksAgain == AGAIN_AT_ONCE && !operation.faults.empty() &&
-            IsListedForResync(application.id + L".Last", volume))
+            (IsListedForResync(application.id + L".Last", volume) || !ReadFile(number, volume, false).usable))
             bits.Add({});
         if (own || !base)
             bits.AddCut(m_watched.bitmapBytes);

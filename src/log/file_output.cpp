@@ -349,7 +349,8 @@ LONGLONG CFileOutput::OpenFileSize() const noexcept
     return GetFileSizeEx(m_file.get(), &size) ? size.QuadPart : UNKNOWN_SIZE;
 }
 
-// The file is asked for its size once here: one that holds no more than the mark does so whether the mark was just written or not.
+// The file is asked for its size once here: one that holds no more than the mark does so whether the mark was just written
+// or not.
 CFileOutput::FileState CFileOutput::CheckByteOrderMark() noexcept
 {
     const LARGE_INTEGER start = {};

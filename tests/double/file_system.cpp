@@ -17,11 +17,10 @@ std::uint64_t NextSerial()
 
 bool IsNameValid(TextView name)
 {
-    for (const wchar_t character : name) {
-        if (character < 0x20 || TextView(L"<>:\"|?*/").find(character) != TextView::npos)
-            return false;
-    }
-    return true;
+    constexpr TextView RESERVED = L"<>:\"|?*/";
+    return std::none_of(name.begin(), name.end(), [RESERVED](wchar_t character) {
+        return character < 0x20 || (character <= L'|' && std::find(RESERVED.begin(), RESERVED.end(), character) != RESERVED.end());
+    });
 }
 
 // C:, or nothing when the path names another drive or no drive at all.
@@ -33,31 +32,32 @@ bool TakeDrive(TextView& path)
     return path.empty() || path.front() == L'\\';
 }
 
-std::vector<Text> Split(TextView path)
+// Views of the path.
+std::vector<TextView> Split(TextView path)
 {
-    std::vector<Text> names;
+    std::vector<TextView> names;
     while (!path.empty()) {
         const std::size_t end = std::min(path.find(L'\\'), path.size());
         if (end != 0)
-            names.emplace_back(path.substr(0, end));
+            names.push_back(path.substr(0, end));
         path.remove_prefix(std::min(end + 1, path.size()));
     }
     return names;
 }
 
-Text Join(const std::vector<Text>& names)
+Text Join(const std::vector<TextView>& names)
 {
     Text path;
-    for (const Text& name : names)
+    for (const TextView name : names)
         path.append(L"\\").append(name);
     return path;
 }
 
 // Windows drops dots and blanks at the end of a name that is not taken literally.
-Text Trimmed(Text name)
+TextView Trimmed(TextView name)
 {
     while (!name.empty() && (name.back() == L'.' || name.back() == L' '))
-        name.pop_back();
+        name.remove_suffix(1);
     return name;
 }
 
@@ -73,14 +73,14 @@ Node::Node(Text nodeName, bool folder)
 
 std::shared_ptr<Node> Node::Child(TextView childName) const
 {
-    const auto found = children.find(Upper(childName));
+    const auto found = children.find(childName);
     return found != children.end() ? found->second : nullptr;
 }
 
 void Node::Add(const std::shared_ptr<Node>& child)
 {
     child->parent = this;
-    children[Upper(child->name)] = child;
+    children[child->name] = child;
     Touched();
 }
 
@@ -91,7 +91,7 @@ void Node::Remove()
     Node* const from = parent;
     parent = nullptr;
     from->Touched();
-    from->children.erase(Upper(name)); // last: this may be the end of the node
+    from->children.erase(Text(name)); // last: this may be the end of the node
 }
 
 void Node::Touched()
@@ -139,15 +139,15 @@ Text FullPath(TextView path)
             text = CurrentProcess().directory.substr(2) + L"\\" + text;
     }
     const bool endsInBackslash = text.size() > 1 && text.back() == L'\\';
-    std::vector<Text> names;
-    for (Text& name : Split(text)) {
+    std::vector<TextView> names;
+    for (const TextView name : Split(text)) {
         if (name == L"..") {
             if (!names.empty())
                 names.pop_back();
         } else if (name != L".") {
-            Text trimmed = Trimmed(std::move(name));
+            const TextView trimmed = Trimmed(name);
             if (!trimmed.empty())
-                names.push_back(std::move(trimmed));
+                names.push_back(trimmed);
         }
     }
     const Text joined = Join(names);
@@ -181,7 +181,7 @@ Place Resolve(const wchar_t* path, bool forFolder)
         place.error = ERROR_PATH_NOT_FOUND;
         return place;
     }
-    std::vector<Text> names = Split(rest);
+    const std::vector<TextView> names = Split(rest);
     std::shared_ptr<Node> node = RootFolder();
     for (std::size_t i = 0; i < names.size(); ++i) {
         const bool last = i + 1 == names.size();
@@ -192,7 +192,7 @@ Place Resolve(const wchar_t* path, bool forFolder)
         std::shared_ptr<Node> child = node->Child(names[i]);
         if (last) {
             place.folder = node;
-            place.name = std::move(names[i]);
+            place.name = names[i];
             place.node = std::move(child);
             return place;
         }
@@ -210,10 +210,10 @@ std::shared_ptr<Node> MakeFolders(TextView path)
 {
     TakeDrive(path);
     std::shared_ptr<Node> node = RootFolder();
-    for (const Text& name : Split(path)) {
+    for (const TextView name : Split(path)) {
         std::shared_ptr<Node> child = node->Child(name);
         if (child == nullptr) {
-            child = std::make_shared<Node>(name, true);
+            child = std::make_shared<Node>(Text(name), true);
             node->Add(child);
         }
         node = std::move(child);

@@ -32,7 +32,7 @@ public:
     std::uint64_t written = 0;
     std::uint64_t serial = 0;
     std::shared_ptr<Contents> contents; // of a file
-    std::map<Text, std::shared_ptr<Node>> children;
+    std::map<Text, std::shared_ptr<Node>, LessNoCase> children;
     Node* parent = nullptr;
     std::set<OpenedFile*> opens;
     bool deletePending = false;

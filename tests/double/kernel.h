@@ -268,10 +268,20 @@ R Failed(DWORD error, R result)
     return result;
 }
 
-wchar_t Upper(wchar_t character);
+inline wchar_t Upper(wchar_t character)
+{
+    if ((character >= L'a' && character <= L'z') || (character >= 0xE0 && character <= 0xFE && character != 0xF7))
+        return static_cast<wchar_t>(character - 0x20);
+    return character;
+}
 wchar_t Lower(wchar_t character);
 Text Upper(TextView text);
 bool EqualNoCase(TextView left, TextView right);
+// The order of names that are compared without their case.
+struct LessNoCase {
+    using is_transparent = void;
+    bool operator()(TextView left, TextView right) const;
+};
 std::string Narrow(TextView text);
 Text Widen(std::string_view text);
 Text Decimal(std::uint64_t number);

@@ -4,6 +4,7 @@
 #include "double/file_system.h"
 
 #include <algorithm>
+#include <cstring>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -15,17 +16,48 @@ Contents::~Contents()
         close(m_file);
 }
 
-bool Contents::Ready()
+bool Contents::MoveToFile()
+{
+    if (m_file >= 0)
+        return true;
+    m_file = memfd_create("double", MFD_CLOEXEC);
+    if (m_file < 0)
+        return false;
+    const std::vector<unsigned char> bytes = std::move(m_bytes);
+    m_bytes = {};
+    return Cut(m_size) && Put(0, bytes.data(), bytes.size());
+}
+
+// Up to the size, which stays as it is.
+bool Contents::Put(std::uint64_t offset, const void* data, std::size_t length)
+{
+    if (length == 0)
+        return true;
+    if (m_file >= 0)
+        return pwrite(m_file, data, length, static_cast<off_t>(offset)) == static_cast<ssize_t>(length);
+    std::memcpy(m_bytes.data() + offset, data, length);
+    return true;
+}
+
+bool Contents::Cut(std::uint64_t size)
 {
     if (m_file < 0)
-        m_file = memfd_create("double", MFD_CLOEXEC);
-    return m_file >= 0;
+        m_bytes.resize(static_cast<std::size_t>(size));
+    else if (ftruncate(m_file, static_cast<off_t>(size)) != 0)
+        return false;
+    m_size = size;
+    return true;
 }
 
 std::size_t Contents::Read(std::uint64_t offset, void* data, std::size_t length) const
 {
-    if (m_file < 0 || offset >= m_size)
+    if (offset >= m_size || length == 0)
         return 0;
+    if (m_file < 0) {
+        length = std::min(length, m_bytes.size() - static_cast<std::size_t>(offset));
+        std::memcpy(data, m_bytes.data() + offset, length);
+        return length;
+    }
     const ssize_t got = pread(m_file, data, length, static_cast<off_t>(offset));
     return got > 0 ? static_cast<std::size_t>(got) : 0;
 }
@@ -46,32 +78,27 @@ bool Contents::Write(std::uint64_t offset, const void* data, std::size_t length)
 {
     if (length == 0)
         return true;
-    if (!Ready())
+    const std::uint64_t end = offset + length;
+    if (!IsInMemory(end) && !MoveToFile())
         return false;
-    Remember(offset, offset + length);
-    if (pwrite(m_file, data, length, static_cast<off_t>(offset)) != static_cast<ssize_t>(length))
-        return false;
-    m_size = std::max(m_size, offset + length);
-    return true;
+    Remember(offset, end);
+    return (end <= m_size || Cut(end)) && Put(offset, data, length);
 }
 
 bool Contents::Resize(std::uint64_t size)
 {
     if (size == m_size)
         return true;
-    if (!Ready())
+    if (!IsInMemory(size) && !MoveToFile())
         return false;
     if (size < m_size)
         Remember(size, m_size);
-    if (ftruncate(m_file, static_cast<off_t>(size)) != 0)
-        return false;
-    m_size = size;
-    return true;
+    return Cut(size);
 }
 
 void* Contents::Map(std::uint64_t offset, std::size_t length, bool writable, bool copies)
 {
-    if (!Ready())
+    if (!MoveToFile())
         return nullptr;
     void* const view = mmap(nullptr, length, PROT_READ | (writable || copies ? PROT_WRITE : 0),
                             copies ? MAP_PRIVATE : MAP_SHARED, m_file, static_cast<off_t>(offset));
@@ -86,16 +113,12 @@ void Contents::Sync()
 
 void Contents::DropUnsynced()
 {
-    if (m_file < 0)
-        return;
     const auto before = std::move(m_before);
     m_before.clear();
-    if (ftruncate(m_file, static_cast<off_t>(m_syncedSize)) != 0)
+    if (!Cut(m_syncedSize))
         Die("contents could not be put back");
-    m_size = m_syncedSize;
     for (const auto& [page, bytes] : before) {
-        if (pwrite(m_file, bytes.data(), bytes.size(), static_cast<off_t>(page * PAGE)) !=
-            static_cast<ssize_t>(bytes.size()))
+        if (!Put(page * PAGE, bytes.data(), bytes.size()))
             Die("contents could not be put back");
     }
 }

@@ -5,7 +5,8 @@
 
 namespace vtdouble {
 
-// Bytes in an anonymous file of the host: holes cost nothing, views of it show the same bytes as reads do.
+// Few bytes are kept in memory, as long as nobody maps them: most files are so, and need no call of the host. More are in an
+// anonymous file of the host: holes cost nothing, views of it show the same bytes as reads do.
 class Contents {
 public:
     Contents() = default;
@@ -29,9 +30,14 @@ public:
 
 private:
     static constexpr std::size_t PAGE = 4096;
-    bool Ready();
+    static constexpr std::size_t FEW = 65536;
+    bool IsInMemory(std::uint64_t size) const noexcept { return m_file < 0 && size <= FEW; }
+    bool MoveToFile();
+    bool Put(std::uint64_t offset, const void* data, std::size_t length);
+    bool Cut(std::uint64_t size);
     void Remember(std::uint64_t offset, std::uint64_t end);
 
+    std::vector<unsigned char> m_bytes; // m_size of them, as long as there is no file
     int m_file = -1;
     std::uint64_t m_size = 0;
     std::uint64_t m_syncedSize = 0;

@@ -52,7 +52,8 @@ LSTATUS KeyOf(HKEY handle, REGSAM access, std::shared_ptr<RegistryKey>& key)
 }
 
 // The names of a path; 0 or the error.
-LSTATUS SplitPath(const wchar_t* path, std::vector<Text>& names)
+// Views of the path.
+LSTATUS SplitPath(const wchar_t* path, std::vector<TextView>& names)
 {
     TextView rest = path != nullptr ? path : L"";
     if (!rest.empty() && rest.front() == L'\\')
@@ -62,7 +63,7 @@ LSTATUS SplitPath(const wchar_t* path, std::vector<Text>& names)
         if (end > MAX_KEY_NAME)
             return ERROR_INVALID_PARAMETER;
         if (end != 0)
-            names.emplace_back(rest.substr(0, end));
+            names.push_back(rest.substr(0, end));
         rest.remove_prefix(std::min(end + 1, rest.size()));
     }
     return 0;
@@ -89,7 +90,7 @@ std::shared_ptr<RegistryKey> AddChild(RegistryKey& parent, const Text& name)
 {
     auto child = std::make_shared<RegistryKey>(name);
     child->parent = &parent;
-    parent.children[Upper(name)] = child;
+    parent.children[name] = child;
     return child;
 }
 
@@ -138,7 +139,7 @@ DWORD StoredSize(DWORD type, const BYTE* data, DWORD size)
 
 std::shared_ptr<RegistryKey> RegistryKey::Child(TextView childName) const
 {
-    const auto found = children.find(Upper(childName));
+    const auto found = children.find(childName);
     return found != children.end() ? found->second : nullptr;
 }
 
@@ -170,11 +171,12 @@ std::shared_ptr<RegistryKey> PredefinedKey(HKEY key)
 std::shared_ptr<RegistryKey> MakeKey(HKEY root, TextView path)
 {
     std::shared_ptr<RegistryKey> key = PredefinedKey(root);
-    std::vector<Text> names;
-    SplitPath(Text(path).c_str(), names);
-    for (const Text& name : names) {
+    std::vector<TextView> names;
+    const Text whole(path);
+    SplitPath(whole.c_str(), names);
+    for (const TextView name : names) {
         std::shared_ptr<RegistryKey> child = key->Child(name);
-        key = child != nullptr ? child : AddChild(*key, name);
+        key = child != nullptr ? child : AddChild(*key, Text(name));
     }
     return key;
 }
@@ -189,18 +191,18 @@ DOUBLE_API LSTATUS WINAPI RegCreateKeyExW(HKEY parent, LPCWSTR path, DWORD, LPWS
     const Entry entry;
     std::shared_ptr<RegistryKey> key;
     LSTATUS code = KeyOf(parent, 0, key);
-    std::vector<Text> names;
+    std::vector<TextView> names;
     if (code == 0)
         code = SplitPath(path, names);
     if (code != 0)
         return code;
     bool made = false;
-    for (const Text& name : names) {
+    for (const TextView name : names) {
         std::shared_ptr<RegistryKey> child = key->Child(name);
         if (child == nullptr) {
             if (!key->security.Grants(KEY_CREATE_SUB_KEY))
                 return ERROR_ACCESS_DENIED;
-            child = AddChild(*key, name);
+            child = AddChild(*key, Text(name));
             made = true;
         }
         key = std::move(child);
@@ -223,12 +225,12 @@ DOUBLE_API LSTATUS WINAPI RegOpenKeyExW(HKEY parent, LPCWSTR path, DWORD, REGSAM
     const Entry entry;
     std::shared_ptr<RegistryKey> key;
     LSTATUS code = KeyOf(parent, 0, key);
-    std::vector<Text> names;
+    std::vector<TextView> names;
     if (code == 0)
         code = SplitPath(path, names);
     if (code != 0)
         return code;
-    for (const Text& name : names) {
+    for (const TextView name : names) {
         key = key->Child(name);
         if (key == nullptr)
             return ERROR_FILE_NOT_FOUND;
@@ -276,19 +278,19 @@ DOUBLE_API LSTATUS WINAPI RegDeleteKeyW(HKEY parent, LPCWSTR path)
     const Entry entry;
     std::shared_ptr<RegistryKey> key;
     LSTATUS code = KeyOf(parent, 0, key);
-    std::vector<Text> names;
+    std::vector<TextView> names;
     if (code == 0)
         code = SplitPath(path, names);
     if (code != 0)
         return code;
-    for (const Text& name : names) {
+    for (const TextView name : names) {
         key = key->Child(name);
         if (key == nullptr)
             return ERROR_FILE_NOT_FOUND;
     }
     if (!key->children.empty() || key->parent == nullptr || !key->security.Grants(DELETE))
         return ERROR_ACCESS_DENIED;
-    key->parent->children.erase(Upper(key->name));
+    key->parent->children.erase(key->name);
     key->parent = nullptr;
     Delete(*key);
     return 0;
@@ -299,12 +301,12 @@ DOUBLE_API LSTATUS WINAPI RegDeleteTreeW(HKEY parent, LPCWSTR path)
     const Entry entry;
     std::shared_ptr<RegistryKey> key;
     LSTATUS code = KeyOf(parent, 0, key);
-    std::vector<Text> names;
+    std::vector<TextView> names;
     if (code == 0)
         code = SplitPath(path, names);
     if (code != 0)
         return code;
-    for (const Text& name : names) {
+    for (const TextView name : names) {
         key = key->Child(name);
         if (key == nullptr)
             return ERROR_FILE_NOT_FOUND;
@@ -318,7 +320,7 @@ DOUBLE_API LSTATUS WINAPI RegDeleteTreeW(HKEY parent, LPCWSTR path)
         key->values.clear();
         return 0;
     }
-    key->parent->children.erase(Upper(key->name));
+    key->parent->children.erase(key->name);
     key->parent = nullptr;
     Delete(*key);
     return 0;

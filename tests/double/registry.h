@@ -22,7 +22,7 @@ public:
 
     Text name;
     RegistryKey* parent = nullptr;
-    std::map<Text, std::shared_ptr<RegistryKey>> children;
+    std::map<Text, std::shared_ptr<RegistryKey>, LessNoCase> children;
     std::vector<RegistryValue> values; // in the order of their making
     bool deleted = false;
     Security security;

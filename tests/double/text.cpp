@@ -2,6 +2,7 @@
 #include "double/api.h"
 #include "double/kernel.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstring>
 #include <cwchar>
@@ -9,13 +10,6 @@
 namespace vtdouble {
 
 // ASCII and Latin-1: more is not compared without regard to case anywhere here.
-wchar_t Upper(wchar_t character)
-{
-    if ((character >= L'a' && character <= L'z') || (character >= 0xE0 && character <= 0xFE && character != 0xF7))
-        return static_cast<wchar_t>(character - 0x20);
-    return character;
-}
-
 wchar_t Lower(wchar_t character)
 {
     if ((character >= L'A' && character <= L'Z') || (character >= 0xC0 && character <= 0xDE && character != 0xD7))
@@ -33,7 +27,23 @@ Text Upper(TextView text)
 
 bool EqualNoCase(TextView left, TextView right)
 {
-    return left.size() == right.size() && Upper(left) == Upper(right);
+    return std::equal(left.begin(), left.end(), right.begin(), right.end(),
+                      [](wchar_t a, wchar_t b) { return Upper(a) == Upper(b); });
+}
+
+// Mostly one name has the case of the other: it is looked at where they differ only.
+bool LessNoCase::operator()(TextView left, TextView right) const
+{
+    const std::size_t both = std::min(left.size(), right.size());
+    for (std::size_t i = 0; i < both; ++i) {
+        if (left[i] == right[i])
+            continue;
+        const wchar_t a = Upper(left[i]);
+        const wchar_t b = Upper(right[i]);
+        if (a != b)
+            return a < b;
+    }
+    return left.size() < right.size();
 }
 
 std::string Narrow(TextView text)

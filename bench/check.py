@@ -62,7 +62,8 @@ LIST_OPERATIONS = ("VTIsVerifyRequired, volume not on the list", "VTReplicateVer
                    "VTReplicateVerifyList, none on the list yet", "VTRemoveApplicationVolResyncList, half of the list")
 WAYS = {("merge", "library"), ("merge", "avx2"), ("merge", "avx2-unrolled"), ("merge", "avx2-aligned"), ("merge", "memcpy"),
         ("copy", "library"), ("copy", "avx2"), ("copy", "memcpy"), ("count", "library"), ("count", "avx2"),
-        ("count", "avx2-carry-save"), ("count", "popcnt"), ("clear", "library"), ("clear", "avx2"), ("clear", "memset")}
+        ("count", "avx2-carry-save"), ("count", "popcnt"), ("clear", "library"), ("clear", "avx2"), ("clear", "memset"),
+        *itertools.product((f"clear at byte {offset}" for offset in (0, 1, 85)), ("avx2", "memset"))}
 # Of each part what tells its rows apart, and the values that have to be there.
 ROWS = {
     "registration": (("volumes",), {(1,), (64,), (512,)}),
@@ -129,7 +130,18 @@ def check_conditions(result, kind):
                     f"{part}: measured under load, and does not say so")
 
 
-def check_conditions_of_kept(result, kind):
+def git(project, *arguments):
+    return subprocess.run(["git", "-C", project, *arguments], capture_output=True, text=True, check=False)
+
+
+def is_known(project, commit):
+    """Whether it is part of what is checked out. Without the whole history there is nothing to ask."""
+    if git(project, "rev-parse", "--is-shallow-repository").stdout.strip() != "false":
+        return True
+    return git(project, "merge-base", "--is-ancestor", commit, "HEAD").returncode == 0
+
+
+def check_conditions_of_kept(result, kind, project):
     """That these are results, of what somebody can build again."""
     check_conditions(result, kind)
     for part, of in result["conditions"].items():
@@ -137,6 +149,8 @@ def check_conditions_of_kept(result, kind):
         # Of whole operations there are results from before this was noted; their numbers of runs tell.
         require(not of.get("quick", kind == "core"), f"{part}: measured with small numbers")
         require(re.fullmatch("[0-9a-f]{10,40}", of["machine"]["commit"]), f"{part}: measured at {of['machine']['commit']}")
+        require(is_known(project, of["machine"]["commit"]),
+                f"{part}: measured at {of['machine']['commit']}, which nothing here was made of")
 
 
 def check_record(row):
@@ -175,6 +189,9 @@ def check_whole(result):
         check_record(row)
         if "calls" in row:
             check_memory(row)
+            if row["volume_tib"] == 1:
+                require_value(row, "without_log.time.ratio", "fetch")
+                require(0 < row["without_log"]["calls"] < row["calls"]["all"], "fetch: as many calls without the log's records")
             if row["applications"] > 1:
                 require_value(row, "time_caller_last.ratio", "fetch")
                 require_value(row, "memory_caller_last.peak_bytes", "fetch")
@@ -218,7 +235,7 @@ def check_tried(result, repetitions=2):
     require(set(result["groups"]) == wanted, f"tried: {sorted(result['groups'])}, not {sorted(wanted)}")
     for group, ways in result["groups"].items():
         first = tried_pages.GROUPS[group][1]
-        require({first, f"{first}-again"} <= set(ways) and len(ways) > 3, f"tried, {group}: only {sorted(ways)}")
+        require({first, f"{first}-again"} <= set(ways) and len(ways) >= 4, f"tried, {group}: only {sorted(ways)}")
         for way, of in ways.items():
             for key in ("ms", "gb_per_s"):
                 require(len(of[key]) == repetitions and all(value > 0 for value in of[key]), f"tried, {group}, {way}: {of[key]}")
@@ -251,6 +268,21 @@ def check_whole_whole(result):
     require(result["load"]["runs"] >= LOADS, f"{result['load']['runs']} loads, not {LOADS}")
 
 
+def check_calls(result, project):
+    """That what was measured makes the calls that a test holds: a change of them makes the times old."""
+    test = (project / "tests" / "cost" / "fetch_test.cpp").read_text()
+    found = re.search(r"EXPECT_EQ\((\d+) \* files \+ OTHERS, cost\.calls\)", test), re.search(r"OTHERS = (\d+);", test)
+    require(all(found), "tests/cost/fetch_test.cpp: no number of calls")
+    if all(found):
+        of_file, others = (int(match.group(1)) for match in found)
+        for row in result["fetch"]:
+            if "calls" in row:
+                wanted = of_file * (row["applications"] + 1) + others
+                require(row["calls"]["all"] == wanted,
+                        f"fetch, {row['volume_tib']} TiB, {row['applications']} applications: {row['calls']['all']} calls, "
+                        f"and the test has {wanted}: to be measured anew")
+
+
 def check_runs_of_fetch(row):
     where = f"fetch, {row['volume_tib']} TiB, {row['applications']} applications"
     if "calls" not in row:
@@ -262,6 +294,8 @@ def check_runs_of_fetch(row):
         if time in row:
             require_runs(row, f"{time}.library_runs_ms", other_pairs, where)
     require_runs(row, "bare_without_flushes_runs_ms", other_pairs, where)
+    if "without_log" in row:
+        require_runs(row, "without_log.time.library_runs_ms", other_pairs, where)
     require(row["times_apart"]["runs"] >= RUNS_APART, f"{where}: {row['times_apart']['runs']} runs call by call")
 
 
@@ -288,8 +322,10 @@ def kept(project):
             failures.append(f"{kind}: format {result.get('format')}: to be measured anew")
             continue
         known = len(failures)
-        check_conditions_of_kept(result, kind)
+        check_conditions_of_kept(result, kind, project)
         check(result)
+        if kind == "whole":
+            check_calls(result, project)
         if len(failures) == known: # or there might be nothing to make a page of
             check_page(result, make, project / "docs" / "performance" / f"{kind}.md")
     for page in ("performance.md", "performance/core.md", "performance/whole.md", "performance/tried.md"):

@@ -155,9 +155,9 @@ def spread(quartiles_of_it):
     return f"{median:.2f} ({lower:.2f} to {upper:.2f})"
 
 
-def nearest_rival(rates, rivals):
+def nearest_rival(rates, rivals, first="library"):
     """Of who: rates, one for each round: the rival with the least median of the library's ratio to it, and its quartiles."""
-    compared = {who: quartiles(ratios(rates["library"], rates[who])) for who in rivals}
+    compared = {who: quartiles(ratios(rates[first], rates[who])) for who in rivals}
     return min(compared.items(), key=lambda item: item[1][1])
 
 

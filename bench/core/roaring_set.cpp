@@ -104,6 +104,17 @@ void RoaringSets::Count()
         roaring_bitmap_repair_after_lazy(set.get());
 }
 
+std::uint64_t RoaringSets::CountBits() const
+{
+    std::uint64_t count = 0;
+    for (const auto& set : m_sets) {
+        const roaring_array_t& containers = set->high_low_container;
+        for (std::int32_t i = 0; i < containers.size; ++i)
+            count += static_cast<std::uint64_t>(bitset_container_compute_cardinality(BitsetAt(containers, i)));
+    }
+    return count;
+}
+
 std::uint64_t RoaringSets::Cardinality() const
 {
     std::uint64_t count = 0;

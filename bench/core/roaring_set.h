@@ -26,7 +26,10 @@ public:
     void OrWithoutCounts(const RoaringSets& other);
     void Count();
 
+    // What the sets say that they hold.
     [[nodiscard]] std::uint64_t Cardinality() const;
+    // The bits themselves counted, container by container, as CRoaring counts those of a bitset.
+    [[nodiscard]] std::uint64_t CountBits() const;
 
 private:
     struct Free {

@@ -86,6 +86,34 @@ AVX2 void OrPieces(std::uint8_t* to, const std::uint8_t* from, std::size_t count
         to[i] |= from[i];
 }
 
+// --- merging what fits the first cache ---
+
+// So many vectors in a step. Steps begin where the target's address is a multiple of ALIGNMENT, or, like the library's, behind
+// the first vector when it is one already.
+template <std::size_t VECTORS, std::size_t ALIGNMENT, bool SKIPS_FIRST>
+AVX2 void OrSteps(std::uint8_t* to, const std::uint8_t* from, std::size_t count)
+{
+    const auto orVector = [&](std::size_t at) AVX2 {
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(to + at), _mm256_or_si256(Load(to + at), Load(from + at)));
+    };
+    const std::size_t behind = reinterpret_cast<std::uintptr_t>(to) % ALIGNMENT;
+    std::size_t i = behind == 0 && !SKIPS_FIRST ? 0 : ALIGNMENT - behind;
+    for (std::size_t k = 0; k < i; k += VECTOR)
+        orVector(k);
+    for (; i + VECTORS * VECTOR <= count; i += VECTORS * VECTOR) {
+        __m256i both[VECTORS];
+#pragma GCC unroll 8
+        for (std::size_t k = 0; k < VECTORS; ++k)
+            both[k] = _mm256_or_si256(Load(to + i + k * VECTOR), Load(from + i + k * VECTOR));
+#pragma GCC unroll 8
+        for (std::size_t k = 0; k < VECTORS; ++k)
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(to + i + k * VECTOR), both[k]);
+    }
+    for (; i + VECTOR <= count; i += VECTOR)
+        orVector(i);
+    orVector(count - VECTOR);
+}
+
 void CopyBytes(std::uint8_t* to, const std::uint8_t* from, std::size_t count)
 {
     std::memcpy(to, from, count);
@@ -102,7 +130,13 @@ AVX2 void ReadBoth(std::uint8_t* to, const std::uint8_t* from, std::size_t count
     benchmark::DoNotOptimize(any);
 }
 
-void RunOr(benchmark::State& state, Or work, std::size_t size, Fill fill)
+// Where target and source begin in a page.
+struct Offsets {
+    std::size_t to;
+    std::size_t from;
+};
+
+void RunOr(benchmark::State& state, Or work, std::size_t size, Offsets offsets, Fill fill)
 {
     static std::unique_ptr<Buffer> target;
     static std::unique_ptr<Buffer> sources[2];
@@ -112,19 +146,27 @@ void RunOr(benchmark::State& state, Or work, std::size_t size, Fill fill)
     if (source == nullptr || source->size() != size)
         source = std::make_unique<Buffer>(size, fill, 2);
     for (auto _ : state) {
-        work(target->At(84), source->At(17), size);
+        work(target->At(offsets.to), source->At(offsets.from), size);
         benchmark::ClobberMemory();
     }
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(size));
 }
 
-void AddMerges()
+struct MergeWay {
+    const char* name;
+    Or work;
+};
+
+template <std::size_t COUNT>
+void AddMerges(const char* group, const MergeWay (&ways)[COUNT], std::size_t size, Offsets offsets, Fill fill)
 {
-    struct Way {
-        const char* name;
-        Or work;
-    };
-    const Way ways[] = {
+    for (const MergeWay& way : ways)
+        benchmark::RegisterBenchmark((std::string(group) + "/" + way.name).c_str(), RunOr, way.work, size, offsets, fill);
+}
+
+void AddLargeMerges()
+{
+    const MergeWay ways[] = {
         {"library", vtflt::OrBits},
         {"library-again", vtflt::OrBits},
         {"memcpy", CopyBytes},
@@ -143,11 +185,27 @@ void AddMerges()
         {"ahead-512-to-write", OrPieces<4, PAGE, Hint::Write, 512>},
         {"past-the-caches", OrPieces<4, PAGE, Hint::None, 0, true>},
     };
-    for (const Fill fill : {Fill::Dense, Fill::Sparse}) {
-        for (const Way& way : ways)
-            benchmark::RegisterBenchmark((std::string("merge-") + bench::NameOf(fill) + "/" + way.name).c_str(), RunOr,
-                                         way.work, 128 * MIB, fill);
-    }
+    constexpr Offsets OF_A_RECORD = {84, 17};
+    AddMerges("merge-dense", ways, 128 * MIB, OF_A_RECORD, Fill::Dense);
+    AddMerges("merge-sparse", ways, 128 * MIB, OF_A_RECORD, Fill::Sparse);
+    AddMerges("merge-largest-dense", ways, 1024 * MIB, OF_A_RECORD, Fill::Dense);
+    AddMerges("merge-largest-sparse", ways, 1024 * MIB, OF_A_RECORD, Fill::Sparse);
+}
+
+void AddSmallMerges()
+{
+    const MergeWay ways[] = {
+        {"library", vtflt::OrBits},
+        {"library-again", vtflt::OrBits},
+        {"avx2", bench::OrAvx2},
+        {"avx2-unrolled", bench::OrAvx2Unrolled},
+        {"four-behind-the-first", OrSteps<4, VECTOR, true>},
+        {"four-from-the-first", OrSteps<4, VECTOR, false>},
+        {"two-from-the-first", OrSteps<2, VECTOR, false>},
+        {"eight-from-the-first", OrSteps<8, VECTOR, false>},
+        {"four-behind-a-line", OrSteps<4, 2 * VECTOR, true>},
+    };
+    AddMerges("merge-small", ways, 32 * KIB, {0, 0}, Fill::Dense);
 }
 
 // --- walking over short runs ---
@@ -260,7 +318,8 @@ private:
 };
 
 struct Unmap {
-    void operator()(std::uint8_t* bytes) const { munmap(bytes, FILE_BYTES); }
+    std::size_t count = FILE_BYTES;
+    void operator()(std::uint8_t* bytes) const { munmap(bytes, count); }
 };
 using Pages = std::unique_ptr<std::uint8_t, Unmap>;
 
@@ -269,7 +328,7 @@ Pages NewPages(int flags = 0)
     void* const pages = mmap(nullptr, FILE_BYTES, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | flags, -1, 0);
     if (pages == MAP_FAILED)
         std::abort();
-    return Pages(static_cast<std::uint8_t*>(pages));
+    return Pages(static_cast<std::uint8_t*>(pages), Unmap{});
 }
 
 std::uint8_t* UsedPages()
@@ -378,6 +437,43 @@ void RunFile(benchmark::State& state, FileWork work)
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(FILE_BYTES));
 }
 
+// As a fetch does it after a volume has grown: the file as it is, and its bits into longer, clear memory.
+constexpr std::size_t GROWN_BYTES = FILE_BYTES + FILE_BYTES / 4;
+
+Pages NewGrownPages()
+{
+    void* const pages = mmap(nullptr, GROWN_BYTES, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (pages == MAP_FAILED)
+        std::abort();
+    return Pages(static_cast<std::uint8_t*>(pages), Unmap{GROWN_BYTES});
+}
+
+Pages GrowByCopy()
+{
+    const Pages read = ReadIntoNew();
+    Pages grown = NewGrownPages();
+    std::memcpy(grown.get(), read.get(), FILE_BYTES);
+    return grown;
+}
+
+// Who knows the new length beforehand needs no copy.
+Pages GrowBeforeReading()
+{
+    Pages grown = NewGrownPages();
+    OpenFile().Read(grown.get(), FILE_BYTES);
+    return grown;
+}
+
+// The pages are given another address and more behind them. Windows has no call for this.
+Pages GrowByMoving()
+{
+    Pages read = ReadIntoNew();
+    void* const moved = mremap(read.release(), FILE_BYTES, GROWN_BYTES, MREMAP_MAYMOVE);
+    if (moved == MAP_FAILED)
+        std::abort();
+    return Pages(static_cast<std::uint8_t*>(moved), Unmap{GROWN_BYTES});
+}
+
 void AddFiles()
 {
     const auto add = [](const char* name, FileWork work) {
@@ -395,6 +491,10 @@ void AddFiles()
     add("read-and-merge/used-memory", MergeUsed);
     add("read-and-merge/in-pieces-256K", MergePieces<256 * KIB>);
     add("read-and-merge/in-pieces-1M", MergePieces<MIB>);
+    add("grow/copied", GrowByCopy);
+    add("grow/copied-again", GrowByCopy);
+    add("grow/read-into-the-longer", GrowBeforeReading);
+    add("grow/pages-moved", GrowByMoving);
 }
 
 bool MakeFile()
@@ -416,7 +516,9 @@ bool WaysAreRight()
     vtflt::OrBits(expected.At(84), source.At(17), SIZE);
     for (const Or way : {OrPieces<1, PAGE>, OrPieces<2, PAGE>, OrPieces<3, PAGE>, OrPieces<4, PAGE>, OrPieces<6, PAGE>,
                          OrPieces<8, PAGE>, OrPieces<4, 64 * KIB>, OrPieces<4, MIB>, OrPieces<4, PAGE, Hint::Read, 256>,
-                         OrPieces<4, PAGE, Hint::Write, 512>, OrPieces<4, PAGE, Hint::None, 0, true>}) {
+                         OrPieces<4, PAGE, Hint::Write, 512>, OrPieces<4, PAGE, Hint::None, 0, true>,
+                         OrSteps<4, VECTOR, true>, OrSteps<4, VECTOR, false>, OrSteps<2, VECTOR, false>,
+                         OrSteps<8, VECTOR, false>, OrSteps<4, 2 * VECTOR, true>}) {
         Buffer given(SIZE, Fill::Sparse, 6);
         way(given.At(84), source.At(17), SIZE);
         if (std::memcmp(given.At(84), expected.At(84), SIZE) != 0)
@@ -446,7 +548,8 @@ int main(int argc, char** argv)
     argv[1] = argv[0];
     ++argv;
     --argc;
-    AddMerges();
+    AddLargeMerges();
+    AddSmallMerges();
     AddWalks();
     AddFiles();
     benchmark::Initialize(&argc, argv);

@@ -12,6 +12,12 @@ GROUPS = {
                     "pages and fetch ahead by so many bytes; or write past the caches. None of them asks whether the source is "
                     "clear."),
     "merge-sparse": ("Merging 128 MiB, one block in 4096 set", "library", "The same ways."),
+    "merge-largest-dense": ("Merging 1 GiB, half of the blocks set at random", "library", "The same ways."),
+    "merge-largest-sparse": ("Merging 1 GiB, one block in 4096 set", "library", "The same ways."),
+    "merge-small": ("Merging 32 KiB, half of the blocks set at random", "library",
+                    "Both on a page's start. *avx2* and *avx2-unrolled* are rivals of [the measured page](core.md). The others work "
+                    "on so many vectors of 32 bytes in a step: *behind the first* vector, as the library, which so begins "
+                    "in the middle of a line of the cache; *from the first*; or behind the first line."),
     "walk-dense": ("Walking over the runs of 2 MiB, half of the blocks set at random", "library",
                    "*avx2* is the rival of [the measured page](core.md); *shifted-words* looks for each end of a run in a word that "
                    "it shifts there, *block-by-block* looks at each block."),
@@ -21,6 +27,10 @@ GROUPS = {
     "read-and-merge": ("Reading a file of 32 MiB and merging it with a bitmap in memory", "new-memory",
                        "*new-memory* is what a fetch does with the second record of the calling application; in pieces the file goes "
                        "through a small buffer into the bitmap that is in memory, and needs no record of its own."),
+    "grow": ("Reading a file of 32 MiB whose bitmap is to have 40 MiB", "copied",
+             "*copied* is what a fetch does after a volume has grown: read as long as the file is, then copied into longer, clear "
+             "memory. *read-into-the-longer* gets the longer memory at once. *pages-moved* lets the system lengthen the memory "
+             "without a copy, which Windows has no call for."),
 }
 
 

@@ -5,6 +5,7 @@
 // go through the simulator's redirection, so it costs both the same.
 #include "call_times.h"
 #include "fetch_session.h"
+#include "quiet_log.h"
 
 #include "cost/peak_watch.h"
 
@@ -146,6 +147,18 @@ Json TimesApart(FetchSession& session, BareFetch& bare)
     return {{"runs", RUNS_APART}, {"library", MediansOf(ofLibrary)}, {"bare", MediansOf(ofBare)}};
 }
 
+// What the calls beside the files cost: the most of them are those of the log's records.
+Json WithoutLog(FetchSession& session, BareFetch& bare, int pairs)
+{
+    const QuietLog quiet;
+    session.RenewManager();
+    const std::vector<std::wstring> calls = CallsOf([&] { session.Fetch(); });
+    SideBySide times;
+    for (int pair = 0; pair < pairs; ++pair)
+        AddPair(times, session, bare, Changes::Scattered);
+    return {{"calls", calls.size()}, {"time", ToJson(times, TARGET)}};
+}
+
 Json MeasureRow(vtfltsim::SimMachine& machine, const vtfltsim::Volume& volume, const Plan& plan, int applications)
 {
     FetchSession session(machine, volume, 0);
@@ -184,6 +197,8 @@ Json MeasureRow(vtfltsim::SimMachine& machine, const vtfltsim::Volume& volume, c
     row["bare_without_flushes_ms"] = Rounded(Median(withoutFlushes));
     row["bare_without_flushes_runs_ms"] = Rounded(withoutFlushes);
     row["times_apart"] = TimesApart(session, bare);
+    if (plan.tebibytes == 1) // they are the same for any volume, and matter on the smallest
+        row["without_log"] = WithoutLog(session, bare, plan.otherPairs);
     return row;
 }
 

@@ -32,6 +32,14 @@ const T* At(const std::uint8_t* base, DWORD offset)
     return reinterpret_cast<const T*>(base + offset);
 }
 
+std::string NameOf(const std::uint8_t* base, const IMAGE_THUNK_DATA64& thunk)
+{
+    if (IMAGE_SNAP_BY_ORDINAL64(thunk.u1.Ordinal))
+        return "#" + std::to_string(IMAGE_ORDINAL64(thunk.u1.Ordinal));
+    return At<IMAGE_IMPORT_BY_NAME>(base, static_cast<DWORD>(thunk.u1.AddressOfData))->Name;
+}
+
+// By DLL, the names of the functions.
 Json ImportsOf(HMODULE module)
 {
     const auto* const base = reinterpret_cast<const std::uint8_t*>(module);
@@ -40,10 +48,11 @@ Json ImportsOf(HMODULE module)
     const IMAGE_DATA_DIRECTORY& directory = headers->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
     Json imports = Json::object();
     for (const auto* entry = At<IMAGE_IMPORT_DESCRIPTOR>(base, directory.VirtualAddress); entry->Name != 0; ++entry) {
-        int functions = 0;
+        std::vector<std::string> functions;
         for (const auto* thunk = At<IMAGE_THUNK_DATA64>(base, entry->OriginalFirstThunk); thunk->u1.AddressOfData != 0;
              ++thunk)
-            ++functions;
+            functions.push_back(NameOf(base, *thunk));
+        std::sort(functions.begin(), functions.end());
         imports[At<char>(base, entry->Name)] = functions;
     }
     return imports;

@@ -381,7 +381,7 @@ BITS_MEMORY_KIB = 131072
 def bits(result, pictures):
     rows = result["bits_as_shipped"]
     cells, missed = [], []
-    for work in BITS_WORKS:
+    for work in [work for work in BITS_WORKS if any(row["work"] == work for row in rows)]:
         first = "library" if work in BITS_PICTURED else "memset"
         for kib in sorted({row["kib"] for row in rows}):
             of = {row["who"]: row for row in rows if row["work"] == work and row["kib"] == kib}

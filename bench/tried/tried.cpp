@@ -161,7 +161,8 @@ template <std::size_t COUNT>
 void AddMerges(const char* group, const MergeWay (&ways)[COUNT], std::size_t size, Offsets offsets, Fill fill)
 {
     for (const MergeWay& way : ways)
-        benchmark::RegisterBenchmark((std::string(group) + "/" + way.name).c_str(), RunOr, way.work, size, offsets, fill);
+        benchmark::RegisterBenchmark((std::string(group) + "/" + way.name).c_str(), RunOr, way.work, size, offsets,
+                                     fill);
 }
 
 void AddLargeMerges()

@@ -19,7 +19,8 @@ bool IsNameValid(TextView name)
 {
     constexpr TextView RESERVED = L"<>:\"|?*/";
     return std::none_of(name.begin(), name.end(), [RESERVED](wchar_t character) {
-        return character < 0x20 || (character <= L'|' && std::find(RESERVED.begin(), RESERVED.end(), character) != RESERVED.end());
+        return character < 0x20 ||
+               (character <= L'|' && std::find(RESERVED.begin(), RESERVED.end(), character) != RESERVED.end());
     });
 }
 

@@ -21,13 +21,16 @@ def known_targets():
 
 
 class Run:
-    """One target's process; what it learns stays in build/fuzz/corpus for the next run."""
+    """One target's process; what it learns stays in build/fuzz/corpus for the next run. With a seed it knows nothing of earlier
+    ones, and goes the same way every time, as far as it is limited by executions."""
 
-    def __init__(self, target, limit):
+    def __init__(self, target, limit, seed):
         self.target = target
         self.corpus = WORK / "corpus" / target
         self.broken = WORK / "broken" / target
         self.log = WORK / "log" / f"{target}.log"
+        if seed:
+            shutil.rmtree(self.corpus, ignore_errors=True)
         for folder in (self.corpus, self.broken, self.log.parent):
             folder.mkdir(parents=True, exist_ok=True)
         for left in self.broken.iterdir():
@@ -36,7 +39,7 @@ class Run:
         if (HERE / "found" / target).exists():
             folders.append(HERE / "found" / target)
         command = [PROGRAMS / f"fuzz_{target}", limit, "-close_fd_mask=1", "-print_final_stats=1", "-timeout=60",
-                   "-rss_limit_mb=4096", "-max_len=8000", f"-artifact_prefix={self.broken}/", *folders]
+                   "-rss_limit_mb=4096", "-max_len=8000", f"-seed={seed}", f"-artifact_prefix={self.broken}/", *folders]
         self.output = open(self.log, "w")
         self.process = subprocess.Popen([str(part) for part in command], stdin=subprocess.DEVNULL,
                                         stdout=self.output, stderr=subprocess.STDOUT)
@@ -70,6 +73,7 @@ def main():
     group = parser.add_mutually_exclusive_group()
     group.add_argument("--minutes", type=float, help="for all targets together; 10 when nothing is said")
     group.add_argument("--runs", type=int, help="executions of each target")
+    parser.add_argument("--seed", type=int, default=0, help="from nothing but the kept inputs, the same way every time")
     arguments = parser.parse_args()
     targets = arguments.targets or known_targets()
     for target in targets:
@@ -85,7 +89,7 @@ def main():
     start = shown = time.monotonic()
     while waiting or running:
         while waiting and len(running) < workers:
-            running.append(Run(waiting.pop(0), limit))
+            running.append(Run(waiting.pop(0), limit, arguments.seed))
         time.sleep(0.5)
         for run in [run for run in running if run.process.poll() is not None]:
             running.remove(run)

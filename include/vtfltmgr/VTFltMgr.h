@@ -155,6 +155,7 @@ VTFLTMGR_API DWORD WINAPI VTFltPrepareForSnapshot(HANDLE volume);
  *              its own, gets everything. Do not ask again for the same snapshot: the driver may have handed over what
  *              belongs to it, and would add what was written after it, which the snapshot does not show
  *
+ * Fetch once for each announced snapshot. A second fetch of the same one succeeds, and has what was written after it, too.
  * The changes stay owed to the application until VTFltReplicationSuccess.
  */
 VTFLTMGR_API DWORD WINAPI VTFltGetBitmap(HANDLE volume, LPVOID input, DWORD inputLength, LPVOID output,
@@ -332,7 +333,9 @@ extern "C" {
 VTFLTMGR_API DWORD WINAPI VTGetRegisteredAppList(std::vector<std::wstring>* list);
 
 /*
- * Takes volumes off an application's verify list, after a verify backup of them succeeded.
+ * Takes volumes off an application's verify list. VTFltReplicationSuccess has done that for the volume whose backup it
+ * reported. Call this only between a verify backup of the volumes and the next VTReplicateVerifyList, and while nobody adds to
+ * the list: a mark that is newer than the backup is taken off as well.
  *   applicationId  consumed
  *   volumes        entries as the list holds them, {...}, compared exactly; owned by the caller, unchanged
  * Results: 0; 87 (empty ID, null volumes); 0x10009 (not registered); 0x10005; 13; else the registry's error.

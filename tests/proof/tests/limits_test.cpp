@@ -15,6 +15,8 @@ constexpr wchar_t APP1[] = L"App1";
 constexpr wchar_t APP2[] = L"App2";
 // In the text of the request that ends a fetch.
 constexpr wchar_t TELLS_TO_FORGET[] = L"|0xB0000011|";
+constexpr wchar_t ANNOUNCES[] = L"|0xB0000015|";
+constexpr wchar_t ASKS_FOR_BITMAP[] = L"|0xB0000002|";
 
 class Limit : public CycleTest {
 protected:
@@ -152,6 +154,88 @@ TEST_F(Limit, AskingAgainForTheSameSnapshotFetchesWhatCameBehindIt)
     EXPECT_TRUE(IsLost(APP1, 5));
 }
 
+// It succeeds as the first one did, and the driver hands over what came behind the snapshot.
+TEST_F(Limit, ASecondFetchForTheSameSnapshotFetchesWhatCameBehindIt)
+{
+    Register(APP1);
+    BackUp(APP1);
+    const auto session = Open(APP1);
+    Snapshot(*session);
+    ASSERT_EQ(0u, session->GetBitmap());
+    EXPECT_EQ(BlockSet{}, Blocks(*session));
+    Touch({5}); // behind the snapshot
+    ASSERT_EQ(0u, session->GetBitmap());
+    EXPECT_EQ(BlockSet{5}, Blocks(*session)) << "reported, but the snapshot has the old contents";
+    ASSERT_EQ(0u, session->Success());
+    EXPECT_TRUE(IsLost(APP1, 5));
+}
+
+// The fetch takes them out of the child, for a copy that had better be read from the volume.
+TEST_F(Limit, SnapshotChangesHandedBackBeforeTheFetchAreClearedByTheReport)
+{
+    Register(APP1);
+    BackUp(APP1);
+    const auto session = Open(APP1);
+    Snapshot(*session);
+    ASSERT_EQ(0u, session->SyncChanges(BufferOf(BUFFER_LENGTH, {7})));
+    ASSERT_EQ(0u, session->GetBitmap());
+    EXPECT_EQ(BlockSet{7}, Blocks(*session));
+    ASSERT_EQ(0u, session->Success());
+    EXPECT_TRUE(IsLost(APP1, 7));
+}
+
+// The announcement is for the next snapshot of the volume, whoever takes it.
+TEST_F(Limit, ASnapshotThatNobodyAnnouncedTakesTheAnnouncementOfAnother)
+{
+    Register(APP1);
+    BackUp(APP1);
+    const auto session = Open(APP1);
+    ASSERT_EQ(0u, session->Prepare());
+    machine.TakeSnapshot(volume); // somebody else's
+    Touch({5});
+    machine.TakeSnapshot(volume); // its own, with block 5
+    ASSERT_EQ(0u, session->GetBitmap());
+    EXPECT_EQ(BlockSet{}, Blocks(*session)) << "a backup without block 5";
+    ASSERT_EQ(0u, session->Success());
+    EXPECT_FALSE(IsVerifyRequired(APP1));
+    EXPECT_FALSE(IsLost(APP1, 5)) << "the next one has it";
+}
+
+TEST_F(Limit, AnAnnouncementThatFailsWithoutAnErrorCountsAsMade)
+{
+    Register(APP1);
+    BackUp(APP1);
+    const auto session = Open(APP1);
+    ForceCall(L"DeviceIoControl", ANNOUNCES, FALSE);
+    ASSERT_EQ(0u, session->Prepare());
+    EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
+    ClearFaults();
+    machine.TakeSnapshot(volume);
+    Touch({5}); // behind the snapshot
+    ASSERT_EQ(0u, session->GetBitmap());
+    EXPECT_EQ(BlockSet{5}, Blocks(*session)) << "reported, but the snapshot has the old contents";
+    ASSERT_EQ(0u, session->Success());
+    EXPECT_TRUE(IsLost(APP1, 5));
+}
+
+// Who asks for a bitmap's length gives room for the header alone; an answer that is none makes that the bitmap of everybody.
+TEST_F(Limit, AQuestionForTheLengthThatFailsWithoutAnErrorEmptiesTheBitmapsOfAll)
+{
+    Register(APP1);
+    Register(APP2);
+    BackUp(APP1);
+    BackUp(APP2);
+    Touch({5});
+    BackUp(APP1); // and App2 is owed block 5
+    const auto session = Open(APP1);
+    Snapshot(*session);
+    ForceCall(L"DeviceIoControl", ASKS_FOR_BITMAP, FALSE);
+    EXPECT_EQ(0u, session->GetBitmap(VTFLT_BITMAP_HEADER_BYTES));
+    EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
+    ClearFaults();
+    EXPECT_TRUE(IsLost(APP2, 5));
+}
+
 TEST_F(Limit, SnapshotChangesShorterThanTheChildAreDroppedWithSuccess)
 {
     Register(APP1);
@@ -219,6 +303,50 @@ TEST_F(Limit, AnAdministratorsMarkInTheMiddleOfABackupIsTakenOff)
     EXPECT_TRUE(IsLost(APP1, 7));
 }
 
+// No report of success is needed for that: the mark that handing back sets for itself is the same one.
+TEST_F(Limit, AMarkSetWhileSnapshotChangesAreHandedBackIsTakenOff)
+{
+    Register(APP1);
+    const Bytes before = [&] {
+        const auto session = Open(APP1);
+        Snapshot(*session);
+        EXPECT_EQ(0u, session->GetBitmap());
+        Bytes child = ReadFileBytes(volume, ChildName(APP1));
+        auto administrator = [&] { EXPECT_EQ(0u, VTAddVolumesToAppVerifyList(APP1)); };
+        Before(L"CreateFileW", ChildName(APP1), 1, administrator);
+        EXPECT_EQ(0u, session->SyncChanges(BufferOf(BUFFER_LENGTH, {7})));
+        ClearFaults();
+        return child;
+    }();
+    EXPECT_EQ(std::vector<std::wstring>{}, VerifyList(APP1));
+    WriteFileBytes(volume, ChildName(APP1), before); // as above
+    EXPECT_TRUE(IsLost(APP1, 7));
+}
+
+TEST_F(Limit, AMarkSetWhileOthersAreTakenOffTheListIsTakenOff)
+{
+    const Volume other = machine.AddVolume(BLOCKS * BLOCK, BLOCK);
+    Register(APP1);
+    Register(APP2);
+    BackUp(APP1);
+    SetVerifyList(APP1, {other.guid});
+    const Bytes before = ReadFileBytes(volume, ChildName(APP1));
+    Touch({5});
+    BackUp(APP2);
+    WriteFileBytes(volume, ChildName(APP1), before); // as above
+    auto administrator = [&] {
+        EXPECT_EQ(0u, VTAddVolumesToAppVerifyList(APP1));
+        EXPECT_EQ(2u, VerifyList(APP1).size());
+    };
+    // The list's mutex is taken a second time to write it back.
+    Before(L"CreateMutexW", L"DeviceListForReSyncApp1.Last", 2, administrator);
+    std::vector<std::wstring> verified{other.guid};
+    ASSERT_EQ(0u, VTRemoveApplicationVolResyncList(APP1, &verified));
+    ClearFaults();
+    EXPECT_EQ(std::vector<std::wstring>{}, VerifyList(APP1));
+    EXPECT_TRUE(IsLost(APP1, 5));
+}
+
 TEST_F(Limit, SuccessReportedBehindFailedSnapshotChangesTakesTheMarkOff)
 {
     Register(APP1);
@@ -279,6 +407,54 @@ TEST_F(Limit, AManagerLeftUnderAHandlesValueServesTheVolumeThatTheValueComesBack
 
 // The base is empty on the disk already, and the last step behind that fails. Who takes the copy for a bad one, and keeps
 // the one before it, asks for the next bitmap in vain.
+TEST_F(Limit, ASecondApplicationOnAHandleHasTheManagerOfTheFirst)
+{
+    Register(APP1);
+    Register(APP2);
+    BackUp(APP1);
+    BackUp(APP2);
+    Touch({5});
+    const auto session = Open(APP1);
+    EXPECT_EQ(0u, VTFltInitBitmapManager(session->Handle(), volume.Root().c_str(), APP2));
+    Snapshot(*session);
+    ASSERT_EQ(0u, session->GetBitmap());
+    EXPECT_EQ(BlockSet{5}, Blocks(*session));
+    ASSERT_EQ(0u, session->Success()); // App2's backup, it says
+    EXPECT_TRUE(IsLost(APP1, 5));
+}
+
+// The entry is known by the volume's name alone: a later loss of the same volume looks the same.
+TEST_F(Limit, TakingAVerifiedVolumeOffTheListLaterTakesANewMarkOff)
+{
+    Register(APP1);
+    BackUp(APP1); // everything was read
+    Touch({5});
+    LoseTracking(volume);
+    EXPECT_TRUE(IsVerifyRequired(APP1)); // the question of another volume's backup brings this mark
+    std::vector<std::wstring> verified{volume.guid};
+    ASSERT_EQ(0u, VTRemoveApplicationVolResyncList(APP1, &verified));
+    EXPECT_TRUE(IsLost(APP1, 5));
+}
+
+// The requests are counted, and nobody knows whose they are.
+TEST_F(Limit, ARequestTakenBackTwiceEndsTheTrackingOfOtherOnesSnapshots)
+{
+    const auto isNextTracked = [&] {
+        VTFLTSIM_SNAPSHOT_INFO info = {};
+        info.size = sizeof(info);
+        DWORD number = 0;
+        vtfltsim::Check("VTFltSimCreateSnapshot",
+                        VTFltSimCreateSnapshot(machine.handle(), volume.guid.c_str(), &number, &info));
+        return info.tracked != 0;
+    };
+    ASSERT_EQ(0u, VTFltEnableMonitorForSnapshot(nullptr)); // one application
+    ASSERT_EQ(0u, VTFltEnableMonitorForSnapshot(nullptr)); // and another one
+    EXPECT_TRUE(isNextTracked());
+    ASSERT_EQ(0u, VTFltDisableMonitorForSnapshot(nullptr));
+    ASSERT_EQ(0u, VTFltDisableMonitorForSnapshot(nullptr)); // the same one again
+    EXPECT_FALSE(isNextTracked());
+}
+
 TEST_F(Limit, ACopyThatIsThrownAwayBehindAFailedReportMayHaveTheOnlyChanges)
 {
     Register(APP1);
@@ -367,6 +543,18 @@ TEST_F(Limit, WhatAProcessOfAnotherSessionHandsOutWhileTheListIsMovedIsDropped)
     ClearFaults();
     EXPECT_EQ(std::vector<std::wstring>{other.guid}, VerifyList(APP2));
     EXPECT_TRUE(IsLost(APP2, 5));
+    // A name that all sessions share would keep the other one out, and this limit would be gone.
+    VTFltSimRecord(1);
+    EXPECT_EQ(0u, VTReplicateVerifyList(APP2));
+    VTFltSimRecord(0);
+    unsigned mutexes = 0;
+    for (const std::wstring& call : vtfltsim::Trace()) {
+        const bool isOfLists =
+            call.starts_with(L"CreateMutexW ") && call.find(L"VTBitmapManager.") != std::wstring::npos;
+        mutexes += isOfLists ? 1 : 0;
+        EXPECT_FALSE(isOfLists && call.find(L"Global\\") != std::wstring::npos) << Narrow(call);
+    }
+    EXPECT_GT(mutexes, 0u);
 }
 
 // Found by a schedule.

@@ -109,9 +109,18 @@ struct Fault {
 
 // The functions that FailAfter strikes, by number. Those that give a handle or a key are not among them: who is told that
 // there is none could not close it.
-inline constexpr const wchar_t* CHANGING[] = {L"RegSetValueExW",   L"RegDeleteValueW",   L"WriteFile",
-                                              L"DeleteFileW",      L"DeviceIoControl",   L"CreateDirectoryW",
-                                              L"RemoveDirectoryW", L"SetFileAttributesW"};
+inline constexpr const wchar_t* CHANGING[] = {
+    L"RegSetValueExW", L"RegDeleteValueW", L"WriteFile", L"DeleteFileW", L"DeviceIoControl", L"CreateDirectoryW",
+    L"RemoveDirectoryW", L"SetFileAttributesW",
+    // What these give back is given back, whatever they answer.
+    L"CloseHandle", L"FindClose", L"FindVolumeClose", L"CloseServiceHandle", L"RegCloseKey", L"ReleaseMutex"};
+constexpr std::uint32_t FunctionThatChanges(std::wstring_view name)
+{
+    std::uint32_t index = 0;
+    while (CHANGING[index] != name)
+        ++index;
+    return index;
+}
 
 struct Operation {
     Do what = Do::Ask;

@@ -22,6 +22,9 @@ constexpr Weight WILD[] = {{Do::Write, 40},     {Do::Backup, 24},      {Do::Begi
                            {Do::StopVolume, 1}, {Do::StopVolumes, 1},  {Do::StartTracking, 2}, {Do::MarkAll, 1},
                            {Do::Unmark, 1},     {Do::Monitor, 2},      {Do::Ask, 2},           {Do::RegisterAgain, 1}};
 
+// A backup among three applications writes ten times, and asks the driver eight times.
+constexpr std::uint32_t MOST_TRANSFERS = 16;
+
 constexpr std::uint32_t ERRORS[] = {5, 6, 8, 13, 31, 32, 87, 112, 122, 1450, 1359};
 // Once: who is told for ever that there is more reads for ever.
 constexpr std::uint32_t MORE_DATA = 234;
@@ -43,14 +46,23 @@ Do Choose(Dice& dice, const Weight (&weights)[N])
     return Do::Ask;
 }
 
+constexpr std::uint32_t LEAST_GRAINS = 20;
+constexpr std::uint32_t MOST_MORE_GRAINS = 900;
+
 std::uint32_t ChooseGrains(Dice& dice)
 {
-    return 20 + dice.Below(dice.OneIn(3) ? 900 : 200);
+    return LEAST_GRAINS + dice.Below(dice.OneIn(3) ? MOST_MORE_GRAINS : 200);
 }
 
 std::uint32_t ChooseBlockSize(Dice& dice)
 {
     return 512u << dice.Below(4);
+}
+
+// What was not flushed is kept, lost, or torn.
+std::uint32_t ChoosePowerCut(Dice& dice)
+{
+    return dice.OneIn(2) ? dice.Below(2) : 2 + dice.Below(1000);
 }
 
 // Whether a fault can strike: the operation calls the library.
@@ -75,6 +87,11 @@ bool Calls(Do what)
 
 } // namespace
 
+std::uint32_t ChooseGrain(Dice& dice, const VolumeShape& volume)
+{
+    return dice.Below(std::max(volume.grains, LEAST_GRAINS + MOST_MORE_GRAINS));
+}
+
 Operation ChooseOperation(Dice& dice, const std::vector<VolumeShape>& volumes, bool calm)
 {
     Operation operation;
@@ -83,13 +100,13 @@ Operation ChooseOperation(Dice& dice, const std::vector<VolumeShape>& volumes, b
     operation.volume = dice.Below(static_cast<std::uint32_t>(volumes.size()));
     switch (operation.what) {
     case Do::Write:
-        operation.a = dice.Below(volumes[operation.volume].grains);
+        operation.a = ChooseGrain(dice, volumes[operation.volume]);
         operation.b = dice.OneIn(4) ? dice.Below(64) : 0;
         break;
     case Do::Backup:
     case Do::Finish:
         if (dice.OneIn(4)) {
-            operation.a = dice.Below(volumes[operation.volume].grains);
+            operation.a = ChooseGrain(dice, volumes[operation.volume]);
             operation.b = 1 + dice.Below(8);
         }
         break;
@@ -104,7 +121,7 @@ Operation ChooseOperation(Dice& dice, const std::vector<VolumeShape>& volumes, b
         operation.b = dice.Below(DAMAGE_COUNT);
         break;
     case Do::PowerCut:
-        operation.a = dice.Below(2) + (dice.OneIn(2) ? 2 + dice.Below(1000) : 0);
+        operation.a = ChoosePowerCut(dice);
         break;
     case Do::Monitor:
     case Do::Unmark:
@@ -125,11 +142,11 @@ Fault ChooseFault(Dice& dice)
     switch (fault.how) {
     case Fault::How::Short:
     case Fault::How::DieInWrite:
-        fault.nth = 1 + dice.Below(4);
+        fault.nth = 1 + dice.Below(MOST_TRANSFERS);
         fault.error = dice.Below(4096);
         break;
     case Fault::How::FailAfter:
-        fault.nth = 1 + dice.Below(4);
+        fault.nth = 1 + dice.Below(MOST_TRANSFERS);
         fault.error = dice.Below(std::size(CHANGING));
         break;
     case Fault::How::FailOf:
@@ -154,6 +171,22 @@ Fault ChooseFault(Dice& dice)
     }
     return fault;
 }
+
+namespace {
+
+// Of the requests of a fetch the first asks for the block size, and the last tells the driver to forget.
+constexpr std::uint32_t REQUESTS_OF_FETCH = 3;
+
+// What lets a fetch fail; or what is reported as failed was done, the forgetting among it.
+Fault ChooseFailureOfFetch(Dice& dice)
+{
+    if (dice.OneIn(4))
+        return {Fault::How::FailAfter, 1 + dice.Below(REQUESTS_OF_FETCH), FunctionThatChanges(L"DeviceIoControl")};
+    return {dice.OneIn(2) ? Fault::How::Fail : Fault::How::FailOn, 1 + dice.Below(1u << (2 + dice.Below(6))),
+            ERRORS[dice.Below(std::size(ERRORS))]};
+}
+
+} // namespace
 
 History ChooseHistory(std::uint64_t seed)
 {
@@ -182,13 +215,14 @@ History ChooseHistory(std::uint64_t seed)
         Operation operation = ChooseOperation(dice, history.volumes, calm);
         if (!calm && Calls(operation.what) && dice.OneIn(5))
             operation.faults.push_back(ChooseFault(dice));
+        if (!operation.faults.empty() && dice.OneIn(8))
+            operation.faults.push_back(ChooseFault(dice));
         // Behind a good backup a fetch fails; whoever asks again takes the reported blocks in the one that comes now.
         if (!calm && operation.what == Do::Backup && dice.OneIn(8)) {
             const std::uint32_t application = operation.application;
-            const Fault failure{dice.OneIn(2) ? Fault::How::Fail : Fault::How::FailOn,
-                                1 + dice.Below(1u << (2 + dice.Below(6))), ERRORS[dice.Below(std::size(ERRORS))]};
+            const Fault failure = ChooseFailureOfFetch(dice);
             history.operations.push_back({Do::Backup, application, operation.volume, 0, 0, {}});
-            history.operations.push_back({Do::Write, 0, operation.volume, dice.Below(20), 0, {}});
+            history.operations.push_back({Do::Write, 0, operation.volume, dice.Below(LEAST_GRAINS), 0, {}});
             history.operations.push_back({Do::Begin, application, operation.volume, 0, 0, {}});
             history.operations.push_back({Do::Fetch, application, 0, 0, 0, {failure}});
             history.operations.push_back({Do::Finish, application, 0, 0, 0, {}});
@@ -196,7 +230,7 @@ History ChooseHistory(std::uint64_t seed)
         history.operations.push_back(operation);
         // The power goes in the middle of something.
         if (!calm && !operation.faults.empty() && dice.OneIn(4))
-            history.operations.push_back({Do::PowerCut, 0, 0, 2 + dice.Below(1000), 0, {}});
+            history.operations.push_back({Do::PowerCut, 0, 0, ChoosePowerCut(dice), 0, {}});
     }
     return history;
 }

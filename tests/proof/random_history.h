@@ -32,6 +32,9 @@ private:
 History ChooseHistory(std::uint64_t seed);
 // Something that happens to a machine with these volumes: one on which nothing goes wrong, or everything.
 Operation ChooseOperation(Dice& dice, const std::vector<VolumeShape>& volumes, bool calm);
+// Where something is written. Also where a volume reaches only when it has grown: the world takes what is too far from the
+// start again.
+std::uint32_t ChooseGrain(Dice& dice, const VolumeShape& volume);
 // A fault for an operation of about so many calls.
 Fault ChooseFault(Dice& dice);
 

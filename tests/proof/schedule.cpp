@@ -167,10 +167,10 @@ Operation ChooseOperation(Dice& dice, std::uint32_t application, const std::vect
     operation.application = application;
     operation.volume = dice.Below(static_cast<std::uint32_t>(volumes.size()));
     if (operation.what == Do::Write) {
-        operation.a = dice.Below(volumes[operation.volume].grains);
+        operation.a = ChooseGrain(dice, volumes[operation.volume]);
         operation.b = dice.OneIn(4) ? dice.Below(32) : 0;
     } else if ((operation.what == Do::Backup || operation.what == Do::Finish) && dice.OneIn(4)) {
-        operation.a = dice.Below(volumes[operation.volume].grains);
+        operation.a = ChooseGrain(dice, volumes[operation.volume]);
         operation.b = 1 + dice.Below(8);
     } else if (operation.what == Do::Monitor) {
         operation.a = dice.Below(2);
@@ -258,17 +258,34 @@ Schedule MeetingOf(Exported first, Exported second, std::uint32_t state)
     return schedule;
 }
 
+Schedule MeetingOf(std::uint32_t which)
+{
+    const std::uint32_t pair = which / MEETING_STATES;
+    return MeetingOf(static_cast<Exported>(pair / EXPORT_COUNT), static_cast<Exported>(pair % EXPORT_COUNT),
+                     which % MEETING_STATES);
+}
+
+std::vector<Schedule> WithOneChange(const Schedule& meeting)
+{
+    const ScheduleRun run = RunSchedule(meeting);
+    std::vector<Schedule> schedules;
+    Schedule one = meeting;
+    for (one.first = 0; one.first < 2; ++one.first) {
+        one.turns[0] = 0;
+        schedules.push_back(one);
+        for (one.turns[0] = 2; one.turns[0] <= run.calls[one.first]; ++one.turns[0])
+            schedules.push_back(one);
+    }
+    return schedules;
+}
+
 Schedule Schedules::Choose(std::uint64_t number)
 {
     if (number % 2 != 0)
         return ChooseMix(m_seed * 0x10000'0001ull + number);
-    constexpr std::uint64_t MEETINGS = EXPORT_COUNT * EXPORT_COUNT * MEETING_STATES;
     const std::uint64_t which = number / 2 % MEETINGS;
     const std::uint64_t round = number / 2 / MEETINGS;
-    const std::uint64_t pair = which / MEETING_STATES;
-    Schedule schedule =
-        MeetingOf(static_cast<Exported>(pair / EXPORT_COUNT), static_cast<Exported>(pair % EXPORT_COUNT),
-                  static_cast<std::uint32_t>(which % MEETING_STATES));
+    Schedule schedule = MeetingOf(static_cast<std::uint32_t>(which));
     const bool mayWrite = schedule.between != 0;
     m_lengths.resize(MEETINGS);
     Lengths& lengths = m_lengths[which];

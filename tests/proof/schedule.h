@@ -89,6 +89,13 @@ private:
 inline constexpr std::uint32_t MEETING_STATES = 4;
 Schedule MeetingOf(Exported first, Exported second, std::uint32_t state);
 
+inline constexpr std::uint32_t MEETINGS = EXPORT_COUNT * EXPORT_COUNT * MEETING_STATES;
+// The same by number: of each pair in each state.
+Schedule MeetingOf(std::uint32_t which);
+// Of a meeting all that differ by one change of the turn: either process begins, and either keeps the turn or loses it before
+// one of its calls but the first.
+std::vector<Schedule> WithOneChange(const Schedule& meeting);
+
 // The shortest that stays broken.
 Schedule Shrink(Schedule schedule);
 

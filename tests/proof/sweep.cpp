@@ -83,7 +83,10 @@ private:
                         [&](std::uint32_t nth) {
                             return CutPower({How::DieBefore, nth, 0});
                         }) &&
-                   (m_path.calls.empty() || CutPower({How::DieAfter, CountOf(m_path.calls), 0}));
+                   (m_path.calls.empty() || CutPower({How::DieAfter, CountOf(m_path.calls), 0})) &&
+                   EachCut([&](std::uint32_t nth, std::uint32_t bytes) {
+                       return CutPower({How::DieInWrite, nth, bytes});
+                   });
         case SweepKind::SecondDeaths:
             return IsHuge() || EachRow(CountOf(m_path.calls), [&](std::uint32_t nth) { return DieAgainBehind(nth); });
         case SweepKind::Lasting:
@@ -158,21 +161,33 @@ private:
     {
         if (!TryThen({death}, PowerCut(0)) || !TryThen({death}, PowerCut(1)))
             return false;
-        return Each(IsLong() ? 3 : 1,
+        return Each(IsLong() ? 4 : 2,
                     [&](std::uint32_t way) { return TryThen({death}, PowerCut(TORN * way + death.nth)); });
     }
 
     // A death behind the nth call; then the operation again, or who lost what it was in the middle of backs up, and dies
-    // before each of its calls.
+    // before each of its calls; or another application that backs the volume up does.
     bool DieAgainBehind(std::uint32_t nth)
     {
+        const Operation& last = m_history.operations.back();
+        Operation again = last;
+        if (again.what == Do::Fetch || again.what == Do::Finish || again.what == Do::Abandon)
+            again = BackupBy(last.application, 0);
+        return DieIn(again, nth) && DieIn(BackupBy((last.application + 1) % APPLICATIONS, last.volume), nth);
+    }
+
+    static Operation BackupBy(std::uint32_t application, std::uint32_t volume)
+    {
+        Operation backup;
+        backup.what = Do::Backup;
+        backup.application = application;
+        backup.volume = volume;
+        return backup;
+    }
+
+    bool DieIn(Operation again, std::uint32_t nth)
+    {
         History history = m_history;
-        Operation again = history.operations.back();
-        if (again.what == Do::Fetch || again.what == Do::Finish || again.what == Do::Abandon) {
-            again = Operation();
-            again.what = Do::Backup;
-            again.application = history.operations.back().application;
-        }
         history.operations.back().faults = {{How::DieAfter, nth, 0}};
         history.operations.push_back(again);
         std::string wrong;

@@ -109,6 +109,7 @@ World::World(const std::vector<VolumeShape>& volumes, std::size_t applications)
         m_devices.push_back(m_volumes.back().Path());
         m_folders.push_back(m_machine->Info(m_volumes.back()).filesDirectory);
     }
+    m_touched.resize(volumes.size());
     KeepMapped();
     m_machine->AttachProgram();
     for (std::size_t i = 0; i < applications; ++i) {
@@ -146,6 +147,8 @@ World::Went World::InGuest(Application& application, void (*work)(const void*), 
         void (*work)(const void*);
         const void* argument;
     } call{work, argument};
+    if (application.session.open)
+        m_touched[application.session.volume] = true;
     DoubleGuest* const guest = Guest(application);
     ArmMemory();
     const DWORD before = VTFltSimGetCallCount(ALLOCATION);
@@ -327,6 +330,7 @@ std::string World::Run(const Operation& operation, bool beforeACut)
     }
     Tell(ToText(operation));
     m_driverWasThere = IsDriverThere();
+    NoteMayBeMarked(operation);
     Arm(operation.faults);
     // What is right behind a fault depends on the call that it struck.
     if (!operation.faults.empty())
@@ -342,8 +346,11 @@ std::string World::Run(const Operation& operation, bool beforeACut)
     m_replicated = false;
     if (m_faulty)
         Disturb();
+    const DWORD processes = VTFltSimGetCallCount(L"CreateProcessW");
     std::string wrong = Dispatch(operation);
     Disarm();
+    // The driver was installed anew, and listed every volume.
+    m_marksMany = m_marksMany || VTFltSimGetCallCount(L"CreateProcessW") != processes;
     m_faulty = false;
     if (!operation.faults.empty()) {
         Count(&Verdicts::faulty);

@@ -347,6 +347,7 @@ private:
     bool IsListed(const Application& application) const;
     std::string CheckListed() const;
     std::string CheckMarks();
+    void NoteMayBeMarked(const Operation& operation);
     void NoteLoss(std::size_t volume);
     std::string CheckLosses() const;
     std::vector<std::wstring> Registered() const;
@@ -410,6 +411,9 @@ private:
     bool m_driverWasThere = false; // before the operation
     // Whose mark of which volume the operation may take off.
     const Chain* m_takenOff = nullptr;
+    // Since the marks were last looked at: volumes to which something was done, and whether all may be marked.
+    std::vector<bool> m_touched;
+    bool m_marksMany = false;
     bool m_replicated = false; // in the operation, entries may have gone on to a verify list
     std::uint64_t m_trace = 0xcbf29ce484222325ull;
     bool m_tells = false;

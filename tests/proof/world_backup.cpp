@@ -476,6 +476,8 @@ std::string World::Commit(std::size_t number)
     chain.behind = false;
     chain.failed = false;
     Mix(session.verify ? 1 : 2);
+    for (std::size_t i = VTFLT_BITMAP_HEADER_BYTES; !session.verify && i < session.length; ++i)
+        Mix(application.buffer[i]);
     Tell(std::string("    ") + (session.verify ? "everything" : "the reported blocks"));
     chain.mustVerify = session.mustVerifyNext;
     chain.blockSize = session.blockSize;

@@ -97,6 +97,7 @@ void World::PutRight()
         }
     }
     m_mayBeCutShort = false;
+    m_marksMany = true; // the driver that comes back has its list
 }
 
 namespace {

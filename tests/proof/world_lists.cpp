@@ -33,6 +33,13 @@ std::vector<std::wstring> Strings(const std::vector<std::uint8_t>& bytes)
     return strings;
 }
 
+// More than one volume is to be verified behind it.
+bool MarksMany(Do what)
+{
+    return what == Do::MarkAll || what == Do::Register || what == Do::RegisterAgain || what == Do::Unregister ||
+           what == Do::StopVolume || what == Do::StopVolumes;
+}
+
 bool IsOneOf(std::wstring_view name, std::initializer_list<std::wstring_view> names)
 {
     return std::find(names.begin(), names.end(), name) != names.end();
@@ -116,7 +123,8 @@ std::string World::CheckMarked(const Application& application, bool all) const
     return all ? "not every volume is marked" : "some volumes are marked, and others are not";
 }
 
-// What somebody was to be told of stays where it finds that, until its report of success.
+// What somebody was to be told of stays where it finds that, until its report of success. And nobody is told of a volume that
+// nothing was done to and no list had: a library that marks everything behind any failure would never miss anything.
 std::string World::CheckMarks()
 {
     std::string wrong;
@@ -137,12 +145,26 @@ std::string World::CheckMarks()
                 wrong = "volume " + std::to_string(volume) + " is no more on " +
                         (chain.mustBeAsked ? "the verify list" : "any list") + " of application " +
                         std::to_string(&application - m_applications.data());
+            const bool isNew = marks[volume] && !chain.mustBeAsked && !chain.waits;
+            if (wrong.empty() && m_watch == nullptr && isNew && !m_touched[volume] && !m_marksMany)
+                wrong = "volume " + std::to_string(volume) +
+                        ", to which nothing was done, is on the verify list of application " +
+                        std::to_string(&application - m_applications.data());
             chain.mustBeAsked = marks[volume];
             chain.told = told;
             chain.waits = waits;
         }
     }
+    std::fill(m_touched.begin(), m_touched.end(), false);
+    m_marksMany = false;
     return wrong;
+}
+
+void World::NoteMayBeMarked(const Operation& operation)
+{
+    m_touched[operation.volume] = true;
+    // A driver that comes back in the middle lists what it has missed.
+    m_marksMany = m_marksMany || MarksMany(operation.what) || !m_driverWasThere;
 }
 
 // While operations run at the same time: who is registered now is told, unless it reports success meanwhile or later.

@@ -88,7 +88,7 @@ private:
         // A quiet hour in four, as at night.
         for (std::uint32_t writes = m_dice.OneIn(4) ? 0 : m_dice.Below(6); writes > 0; --writes) {
             const std::uint32_t volume = m_dice.Below(static_cast<std::uint32_t>(Shapes().size()));
-            Happen({Do::Write, 0, volume, m_dice.Below(Shapes()[volume].grains), m_dice.Below(16), {}});
+            Happen({Do::Write, 0, volume, ChooseGrain(m_dice, Shapes()[volume]), m_dice.Below(16), {}});
         }
         if (m_dice.OneIn(30)) {
             const Operation operation = ChooseOperation(m_dice, Shapes(), false);

@@ -171,7 +171,7 @@ TEST(History, HasEveryFaultAndError)
         if (fault.how == Fault::How::FailOf)
             ofOne.insert(fault.error);
     }
-    // All but the one that is none, and the one that lies.
+    // All but the one that is none, the one that lies, and the two that need a look at the call.
     EXPECT_EQ(static_cast<std::size_t>(Fault::How::ShortRead) - 2, hows.size());
     EXPECT_EQ(0u, hows.count(Fault::How::NotThere));
     EXPECT_EQ(1u, once.count(234));
@@ -182,6 +182,49 @@ TEST(History, HasEveryFaultAndError)
     }
     EXPECT_EQ(2 * std::size(FUNCTIONS), ofOne.size());
     EXPECT_EQ(2u, *ofOne.begin() % 1000);
+}
+
+// What can be drawn at all; each of these takes a different way through the library.
+TEST(History, HasEverythingThatCanGoWrong)
+{
+    std::set<std::uint32_t> writes;  // which one is cut
+    std::set<std::uint32_t> changes; // which one is done and fails
+    std::set<std::uint32_t> cuts;    // of the power, behind a fault
+    bool fetchForgot = false;
+    bool two = false;
+    bool behindTheOldEnd = false;
+    for (std::uint64_t seed = 1; seed <= 20'000; ++seed) {
+        const History history = ChooseHistory(seed);
+        std::vector<std::uint32_t> grains;
+        for (const VolumeShape& shape : history.volumes)
+            grains.push_back(shape.grains);
+        for (std::size_t i = 0; i < history.operations.size(); ++i) {
+            const Operation& operation = history.operations[i];
+            if (operation.what == Do::Resize)
+                grains[operation.volume] = operation.a;
+            if (operation.what == Do::Write &&
+                operation.a % grains[operation.volume] >= history.volumes[operation.volume].grains)
+                behindTheOldEnd = true;
+            two = two || operation.faults.size() == 2;
+            for (const Fault& fault : operation.faults) {
+                if (fault.how == Fault::How::Short || fault.how == Fault::How::DieInWrite)
+                    writes.insert(fault.nth);
+                if (fault.how == Fault::How::FailAfter)
+                    changes.insert(fault.nth);
+                fetchForgot =
+                    fetchForgot || (operation.what == Do::Fetch && fault.how == Fault::How::FailAfter &&
+                                    fault.nth == 3 && CHANGING[fault.error] == std::wstring_view(L"DeviceIoControl"));
+            }
+            if (operation.what == Do::PowerCut && i > 0 && !history.operations[i - 1].faults.empty())
+                cuts.insert(std::min(operation.a, 2u));
+        }
+    }
+    EXPECT_EQ(16u, writes.size());
+    EXPECT_EQ(16u, changes.size());
+    EXPECT_EQ((std::set<std::uint32_t>{0, 1, 2}), cuts);
+    EXPECT_TRUE(fetchForgot);
+    EXPECT_TRUE(two);
+    EXPECT_TRUE(behindTheOldEnd);
 }
 
 // The control of the verdicts: a library that always asks for a verify loses nothing, and is found out.

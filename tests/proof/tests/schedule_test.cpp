@@ -36,6 +36,33 @@ TEST(Meetings, OfAllPairsOfExportsTakePlaceAndLoseNothing)
     }
 }
 
+// Each of the two begins, and keeps the turn or loses it before one of its calls: nothing is left out, and nothing is twice.
+TEST(Meetings, WithOneChangeHaveItBeforeEveryCall)
+{
+    const Schedule meeting = MeetingOf(Exported::ReplicationSuccess, Exported::IsVerifyRequired, 0);
+    const ScheduleRun plain = RunSchedule(meeting);
+    std::set<std::string> texts;
+    std::set<std::uint32_t> turns[2];
+    for (const Schedule& one : WithOneChange(meeting)) {
+        EXPECT_TRUE(texts.insert(ToText(one)).second);
+        ASSERT_LT(one.first, 2u);
+        turns[one.first].insert(one.turns[0]);
+        EXPECT_EQ(0u, one.turns[1]);
+        const ScheduleRun run = RunSchedule(one);
+        EXPECT_EQ("", run.wrong) << Again(one);
+        EXPECT_EQ(one.turns[0] != 0, run.changes != 0) << ToText(one);
+    }
+    for (std::uint32_t first = 0; first < 2; ++first) {
+        EXPECT_EQ(plain.calls[first], turns[first].size());
+        EXPECT_EQ(0u, *turns[first].begin());
+        EXPECT_EQ(plain.calls[first], *turns[first].rbegin());
+    }
+    std::set<std::string> meetings;
+    for (std::uint32_t which = 0; which < MEETINGS; ++which)
+        meetings.insert(ToText(MeetingOf(which)));
+    EXPECT_EQ(MEETINGS - 1, meetings.size()) << "two that register have nothing that could be to verify";
+}
+
 // A turn that changes in the middle of an export, and another one that changes it back.
 TEST(Meetings, ChangeTheTurnWhereTheyAreTold)
 {
@@ -119,7 +146,6 @@ TEST(Schedules, ChosenByAnySeedLoseNothing)
 TEST(Schedules, ChangeTheTurnBeforeEveryCallButTheFirst)
 {
     // The same meeting round by round: two fetches of one volume.
-    constexpr std::uint64_t MEETINGS = EXPORT_COUNT * EXPORT_COUNT * MEETING_STATES;
     constexpr auto FETCH = static_cast<std::uint64_t>(Exported::GetBitmap);
     constexpr std::uint64_t WHICH = (FETCH * EXPORT_COUNT + FETCH) * MEETING_STATES;
     const ScheduleRun plain = RunSchedule(MeetingOf(Exported::GetBitmap, Exported::GetBitmap, 0));
@@ -179,7 +205,7 @@ TEST(Schedules, AreReadOnlyWhereEachProcessDoesItsOwn)
 // Whatever was chosen before it, by this part of a run or another one.
 TEST(Schedules, AreTheSameByTheirNumberAlone)
 {
-    constexpr std::uint64_t ROUND = EXPORT_COUNT * EXPORT_COUNT * MEETING_STATES;
+    constexpr std::uint64_t ROUND = MEETINGS;
     for (std::uint64_t which = 5; which < ROUND; which += 400 * SLOWER) {
         Schedules alone(1);
         Schedules behind(1);

@@ -1,4 +1,4 @@
-// Samples of the sweeps; ./dev sim --sweep does the whole of each.
+// Samples of the sweeps; ./dev sim --sweep does the whole of each, and ./dev test of some.
 #include "proof/current_run.h"
 #include "proof/sweep.h"
 #include "proof/sweep_path.h"
@@ -127,7 +127,7 @@ TEST(Sweeps, LookAtEverythingBehindEveryKindOfFault)
 }
 
 // Also when everything is done, and nothing more would be flushed.
-TEST(Sweeps, CutThePowerBeforeEachCallAndBehindTheLast)
+TEST(Sweeps, CutThePowerBeforeEachCallInEachWriteAndBehindTheLast)
 {
     std::vector<Scenario> scenarios = AllScenarios();
     std::erase_if(scenarios, [](const Scenario& one) { return one.name != "a backup, with changes owed to two"; });
@@ -148,6 +148,8 @@ TEST(Sweeps, CutThePowerBeforeEachCallAndBehindTheLast)
     RunSweep(scenarios, options);
     EXPECT_EQ(calls, points[Fault::How::DieBefore].size());
     EXPECT_EQ((std::set<std::uint32_t>{static_cast<std::uint32_t>(calls)}), points[Fault::How::DieAfter]);
+    // And in the middle of each write.
+    EXPECT_EQ(FollowPath(scenarios.front().history, {}, wrong).writes.size(), points[Fault::How::DieInWrite].size());
 }
 
 // A cut that is as long as what is written, or read, is none.

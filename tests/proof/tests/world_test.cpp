@@ -3,6 +3,7 @@
 #include "proof/answers.h"
 #include "proof/bitmap_file.h"
 #include "proof/world.h"
+#include "vtfltmgr/VTFltMgr.h"
 
 #include <gtest/gtest.h>
 
@@ -81,6 +82,7 @@ TEST(Answers, AreThoseOfTheHeader)
     EXPECT_TRUE(IsDocumented(Exported::GetBitmap, 0x10001));
     EXPECT_TRUE(IsDocumented(Exported::GetBitmap, 1450));
     EXPECT_FALSE(IsDocumented(Exported::GetBitmap, 0x10009));
+    EXPECT_FALSE(IsDocumented(Exported::GetBitmap, 1234)) << "of Windows, but nothing gives it here";
     EXPECT_FALSE(IsDocumented(Exported::InitManager, 5));
     EXPECT_FALSE(IsDocumented(Exported::IsVerifyRequired, 2));
     EXPECT_FALSE(IsDocumented(Exported::AppCount, 0xFFFFFFFF));
@@ -140,6 +142,25 @@ TEST(World, NoticesAFileThatIsNeitherOldNorNew)
                             VTFltSimCallBefore(L"CreateMutexW", L"App0", 1, 1, spoil, path.data()));
         const std::string wrong = world.Run(history->operations.back());
         EXPECT_EQ(spoilt ? "the child of application 1 on volume 0 is neither old nor new nor unusable" : "", wrong);
+    }
+}
+
+// As if the library had marked everything because something was wrong somewhere.
+TEST(World, NoticesAMarkOfAVolumeToWhichNothingWasDone)
+{
+    const auto history =
+        ParseHistory("machine 100:1024 100:1024; register 0; register 1; backup 0 0; backup 0 1; backup 1 0; "
+                     "write 0 0 5; backup 1 0");
+    ASSERT_TRUE(history.has_value());
+    for (const bool marked : {false, true}) {
+        World world(history->volumes);
+        for (std::size_t i = 0; i + 1 < history->operations.size(); ++i)
+            ASSERT_EQ("", world.Run(history->operations[i]));
+        const auto mark = [](void*, LPCWSTR, LPCWSTR) { EXPECT_EQ(0u, VTAddVolumesToAppVerifyList(L"App0")); };
+        if (marked)
+            vtfltsim::Check("VTFltSimCallBefore", VTFltSimCallBefore(L"CreateMutexW", L"App1", 1, 1, mark, nullptr));
+        const std::string wrong = world.Run(history->operations.back());
+        EXPECT_EQ(marked ? "volume 1, to which nothing was done, is on the verify list of application 0" : "", wrong);
     }
 }
 

@@ -5,9 +5,13 @@
 #include <nlohmann/json.hpp>
 
 #include <stdexcept>
+#include <string>
 
 namespace vtdemo {
 namespace {
+
+constexpr int STARTS = 3;
+constexpr DWORD PAUSE_MILLISECONDS = 200;
 
 std::wstring ProgramBeside(const wchar_t* name)
 {
@@ -83,12 +87,19 @@ Child::Child(const std::vector<std::wstring>& arguments, const std::wstring& cal
     PROCESS_INFORMATION process = {};
     std::wstring line = CommandLine(arguments);
     std::wstring environment = EnvironmentWith(VTFLTSIM_CALLS_VARIABLE, calls);
-    const BOOL started = CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, CREATE_UNICODE_ENVIRONMENT,
-                                        environment.data(), nullptr, &startup, &process);
+    DWORD error = 0;
+    // Under Wine the start of a process fails now and then, once in some hundred: nothing has run yet, so it is tried again.
+    for (int attempt = 0; attempt < STARTS && process.hProcess == nullptr; ++attempt) {
+        if (attempt > 0)
+            Sleep(PAUSE_MILLISECONDS);
+        if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, CREATE_UNICODE_ENVIRONMENT,
+                            environment.data(), nullptr, &startup, &process))
+            error = GetLastError();
+    }
     CloseHandle(writeEnd);
-    if (!started) {
+    if (process.hProcess == nullptr) {
         CloseHandle(m_output);
-        throw std::runtime_error("vtbackup.exe could not be started");
+        throw std::runtime_error("vtbackup.exe could not be started, error " + std::to_string(error));
     }
     CloseHandle(process.hThread);
     m_process = process.hProcess;

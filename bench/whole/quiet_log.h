@@ -1,4 +1,5 @@
-// The log of this process as it is when an administrator takes nothing into it: every record of a fetch is rejected.
+// The log of this process as it is when an administrator takes errors only into it: of a fetch's six records one is left, for its
+// result is logged as an error whatever it is.
 #pragma once
 
 #include "measure.h"
@@ -23,7 +24,7 @@ public:
             MapViewOfFile(m_mapping, FILE_MAP_READ | FILE_MAP_WRITE, 0, 0, sizeof(vtflt::LogCfgBlock)));
         Require(m_block != nullptr && vtflt::IsLogCfgBlockIntact(*m_block), "the log's configuration in memory");
         for (vtflt::LogCfgModuleEntry& entry : m_block->modules)
-            m_levels.push_back(std::exchange(entry.level, NOTHING));
+            m_levels.push_back(std::exchange(entry.level, ERRORS_ONLY));
     }
     QuietLog(const QuietLog&) = delete;
     QuietLog& operator=(const QuietLog&) = delete;
@@ -37,7 +38,7 @@ public:
     }
 
 private:
-    static constexpr std::uint32_t NOTHING = 0;
+    static constexpr std::uint32_t ERRORS_ONLY = vtflt::LOG_ERROR;
     static constexpr std::uint32_t ITS_OWN = static_cast<std::uint32_t>(vtflt::LOG_INFORMATION);
 
     HANDLE m_mapping = nullptr;

@@ -330,6 +330,29 @@ TEST_F(VtBackupCycle, AVolumeThatShrankAndGrewAgainIsVerified)
     EXPECT_TRUE(Contents() == Restored());
 }
 
+// An export that answers 0 for "not registered" answers so too when it could not ask.
+TEST_F(VtBackupCycle, AResetBeginsAfreshOrSaysThatItDidNot)
+{
+    machine.SetService(VTFLTSIM_SERVICE_ABSENT); // or the driver would be reinstalled
+    std::vector<std::wstring> reset = Arguments(L"init");
+    reset.push_back(L"--reset");
+    std::vector<std::wstring> plans = {L"fail|CreateFileW|\\\\.\\VTFltMgr|2|1|2"}; // the driver is silent
+    for (int read = 1; read <= 9; ++read)                                          // the list grows while it is read
+        plans.push_back(L"fail|RegQueryValueExW|RegisteredAppIDs|" + std::to_wstring(read) + L"|1|234");
+    for (const std::wstring& plan : plans) {
+        const Result result = Run(reset, plan);
+        if (result.exitCode == EXIT_OK) {
+            ExpectVerify(Backup(), "changes-taken-elsewhere");
+            continue;
+        }
+        // It was unregistering that could not read the list; the library says so, or that the application is not on it.
+        EXPECT_NE(plans.front(), plan);
+        EXPECT_TRUE(result.exitCode == EXIT_DEVICE || result.exitCode == EXIT_REFUSED) << result.out;
+        ASSERT_EQ(EXIT_OK, Init().exitCode);
+        EXPECT_EQ(EXIT_OK, Backup().exitCode);
+    }
+}
+
 TEST_F(VtBackupCycle, AnApplicationThatWasUnregisteredInBetweenIsVerified)
 {
     std::vector<std::wstring> undo = Arguments(L"init");

@@ -65,11 +65,6 @@ void SwitchMonitoring(const Machine& machine, const Options& options, bool on)
                                                 ErrorText(result)));
 }
 
-bool IsRegisteredNow(const std::wstring& application)
-{
-    return VTCanAppUseBLIDriver(application.c_str()) != 0;
-}
-
 Exit Init(const Options& options)
 {
     const Machine machine = MachineOf(options);
@@ -84,7 +79,7 @@ Exit Init(const Options& options)
         UnregisterApplication(machine, application);
     } else {
         id = Repository::Create(ToWide(options.repository)).Id();
-        if (options.reset && IsRegisteredNow(application))
+        if (options.reset && IsRegistered(application))
             UnregisterApplication(machine, application);
         RegisterApplication(machine, application);
         SwitchMonitoring(machine, options, true);

@@ -129,8 +129,7 @@ BackupResult Cycle::Run()
     // Two IDs that the system's name rules confuse would share bitmap files, and each would clear the other's. Asked
     // again, now that nobody who takes these locks can register one.
     CheckApplicationId(m_request.application);
-    const std::vector<std::wstring> registered = RegisteredApplications();
-    if (std::find(registered.begin(), registered.end(), m_request.application) == registered.end())
+    if (!IsRegistered(m_request.application))
         throw Failure(Exit::Refused, fmt::format("application \"{}\" is not registered; run \"vtbackup init\" or add "
                                                  "--register",
                                                  m_application));

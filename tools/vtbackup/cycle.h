@@ -33,6 +33,9 @@ struct BackupResult {
 // notReported text is in the repository, and the changes come again with the next backup.
 BackupResult RunBackup(const Machine& machine, const Repository& repository, const BackupRequest& request);
 
+// Whether the list of applications has it. Where that cannot be read there is a Failure, and no answer: the export says
+// no then, and also when the driver is silent.
+bool IsRegistered(const std::wstring& application);
 // Registers an application, under its lock and the locks of all fixed volumes. Checks the ID first.
 void RegisterApplication(const Machine& machine, const std::wstring& application);
 // Unregisters it under the same locks.

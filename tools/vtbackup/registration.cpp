@@ -28,13 +28,13 @@ std::vector<Lock> LockEverything(const Machine& machine, const std::wstring& app
     return locks;
 }
 
+} // namespace
+
 bool IsRegistered(const std::wstring& application)
 {
     const std::vector<std::wstring> registered = RegisteredApplications();
     return std::find(registered.begin(), registered.end(), application) != registered.end();
 }
-
-} // namespace
 
 void RequireDriver()
 {

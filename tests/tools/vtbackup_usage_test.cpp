@@ -173,6 +173,30 @@ TEST_F(VtBackupUsage, ApplicationIdsThatWouldShareFilesOrListsAreRefusedWithTheR
     EXPECT_EQ(EXIT_OK, Init(std::wstring(180, L'x').c_str()).exitCode);
 }
 
+// Another program registered an ID that is too long for its files: their paths are cut.
+TEST_F(VtBackupUsage, AnIdWhoseFileALongerRegisteredOneHasToBecauseItsPathIsCutIsRefused)
+{
+    const struct {
+        std::wstring id;
+        std::wstring registered;
+        DWORD exitCode;
+    } cases[] = {
+        {std::wstring(180, L'x'), std::wstring(180, L'X') + L".dAtabase", EXIT_REFUSED},
+        {std::wstring(180, L'x'), std::wstring(180, L'x') + L".da", EXIT_OK},
+        {std::wstring(179, L'x'), std::wstring(179, L'x') + L".database", EXIT_OK},
+    };
+    for (const auto& item : cases) {
+        const std::wstring list = vtfltsim::MultiString({item.registered});
+        const auto* const bytes = reinterpret_cast<const std::uint8_t*>(list.data());
+        machine.WriteValue(L"SOFTWARE\\Veltrix\\Shared\\CBTDriver\\AppIDs", L"RegisteredAppIDs", REG_MULTI_SZ,
+                           {bytes, bytes + list.size() * sizeof(wchar_t)});
+        const Result result = Init(item.id.c_str());
+        EXPECT_EQ(item.exitCode, result.exitCode) << result.out << result.err;
+        EXPECT_EQ(item.exitCode == EXIT_REFUSED, result.out.find("is cut to its own") != std::string::npos)
+            << result.out;
+    }
+}
+
 TEST_F(VtBackupUsage, InitMayBeRepeatedAndTakenBack)
 {
     const std::wstring key = L"System\\CurrentControlSet\\Control\\Class\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}";

@@ -4,13 +4,35 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 namespace toolkit {
 namespace {
 
-// \\?\Volume{...}\VelVolTrc\VelVolTrc_child_<id>.dat has to fit in 260 units with its end.
-constexpr std::wstring_view LONGEST_FRAME =
-    L"\\\\?\\Volume{00000000-0000-0000-0000-000000000000}\\VelVolTrc\\VelVolTrc_child_.dat";
-constexpr std::size_t LONGEST_ID = 259 - LONGEST_FRAME.size();
+// What stands before an ID and behind it in the paths of its bitmap files. The library cuts a path that is longer than
+// the system's limit at its end.
+constexpr std::wstring_view BASE_STEM =
+    L"\\\\?\\Volume{00000000-0000-0000-0000-000000000000}\\VelVolTrc\\VelVolTrc_base_";
+constexpr std::wstring_view CHILD_STEM =
+    L"\\\\?\\Volume{00000000-0000-0000-0000-000000000000}\\VelVolTrc\\VelVolTrc_child_";
+constexpr std::wstring_view FILE_ENDING = L".dat";
+constexpr std::size_t LONGEST_PATH = 259;
+constexpr std::size_t LONGEST_ID = LONGEST_PATH - CHILD_STEM.size() - FILE_ENDING.size();
+
+std::wstring BitmapFile(std::wstring_view stem, std::wstring_view id)
+{
+    std::wstring path(stem);
+    path.append(id).append(FILE_ENDING);
+    path.resize(std::min(path.size(), LONGEST_PATH));
+    return path;
+}
+
+// A path that just fits is that of every longer ID whose path is cut to it.
+bool ShareAFile(std::wstring_view a, std::wstring_view b)
+{
+    return EqualIgnoringCase(BitmapFile(BASE_STEM, a), BitmapFile(BASE_STEM, b)) ||
+           EqualIgnoringCase(BitmapFile(CHILD_STEM, a), BitmapFile(CHILD_STEM, b));
+}
 
 std::string UnsuitableAlone(std::wstring_view id)
 {
@@ -44,6 +66,9 @@ std::string UnsuitableBecause(std::wstring_view id, const std::vector<std::wstri
             continue;
         if (EqualIgnoringCase(other, id))
             return fmt::format("it differs from the registered \"{}\" only in case, so both would use the same files",
+                               Shown(other));
+        if (ShareAFile(other, id))
+            return fmt::format("the path of a file of the registered \"{}\" is cut to its own, so both would use it",
                                Shown(other));
         if (EqualIgnoringCase(other, std::wstring(id) + L".Last"))
             return fmt::format("its verify list would be the pending list of the registered \"{}\"", Shown(other));

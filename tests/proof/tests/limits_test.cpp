@@ -647,6 +647,25 @@ TEST_F(Limit, LongIdsThatDifferAtTheirEndsOnlyShareTheirFiles)
     }
 }
 
+// They differ within what is left of an ID: a path that just fits is the longer one's, cut behind the ending.
+TEST_F(Limit, AnIdOf180CharactersSharesItsChildFileWithTheOneThatHasTheEndingOfTheFileBehindIt)
+{
+    for (const std::size_t length : {std::size_t{179}, std::size_t{180}}) {
+        const std::wstring shorter(length, L'a');
+        const std::wstring longer = shorter + L".dat";
+        Register(shorter);
+        Register(longer);
+        EXPECT_EQ((std::vector<std::wstring>{shorter, longer}), RegisteredIds());
+        BackUp(shorter);
+        BackUp(longer);
+        Touch({5});
+        BackUp(shorter);
+        EXPECT_EQ(length == 180, IsLost(longer, 5)) << length;
+        ASSERT_EQ(0u, VTUnregisterApplication(shorter.c_str()));
+        ASSERT_EQ(0u, VTUnregisterApplication(longer.c_str()));
+    }
+}
+
 // Nothing is lost: without an entry there is no backup.
 TEST_F(Limit, AnIdThatIsTheTailOfAListedOneIsNotListedWithSuccess)
 {

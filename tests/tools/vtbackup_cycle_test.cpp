@@ -108,6 +108,43 @@ TEST_F(VtBackupCycle, TrackingLostBehindTheSnapshotMakesTheNextBackupAVerifyToo)
     ExpectIncremental(Backup(), 0);
 }
 
+// A silent driver hands no list out, with result 0.
+TEST_F(VtBackupCycle, ADriverThatIsSilentForAQuestionIsNotOneThatLostNothing)
+{
+    machine.SetService(VTFLTSIM_SERVICE_ABSENT); // or the driver would be reinstalled
+    const struct {
+        int from; // the how-maniest look for the driver is the first that finds none; from 6 on behind the snapshot
+        int count;
+    } silences[] = {{4, 1}, {5, 1}, {6, 1}, {7, 1}, {8, 1}, {9, 1}, {5, 2}, {6, 2}, {6, 100}};
+    std::uint8_t value = 0x60;
+    for (const auto& silence : silences) {
+        Write(41, ++value);
+        const Result result = BackupWith(
+            beforePrepare,
+            [&](Process&) { vtfltsim::Check("lose", VTFltSimLoseTracking(machine.handle(), volume.guid.c_str())); },
+            L";fail|CreateFileW|\\\\.\\VTFltMgr|" + std::to_wstring(silence.from) + L"|" +
+                std::to_wstring(silence.count) + L"|2");
+        ASSERT_EQ(EXIT_OK, result.exitCode) << result.out;
+        EXPECT_EQ("verify", result.kind) << silence.from << ", " << silence.count;
+        EXPECT_TRUE(Contents() == Restored()) << silence.from << ", " << silence.count;
+        EXPECT_EQ(EXIT_OK, Backup().exitCode); // takes what is left of the loss
+    }
+}
+
+TEST_F(VtBackupCycle, ADriverThatIsSilentInTheFirstQuestionEndsTheBackup)
+{
+    machine.SetService(VTFLTSIM_SERVICE_ABSENT);
+    Write(41, 0x61);
+    vtfltsim::Check("lose", VTFltSimLoseTracking(machine.handle(), volume.guid.c_str()));
+    for (const wchar_t* count : {L"3", L"100"}) {
+        const Result result = Backup(L"App", std::wstring(L"fail|CreateFileW|\\\\.\\VTFltMgr|2|") + count + L"|2");
+        EXPECT_EQ(EXIT_DEVICE, result.exitCode) << result.out;
+        EXPECT_FALSE(Exists(BackupFile(2, L"")));
+    }
+    ExpectVerify(Backup(), "verify-required");
+    EXPECT_TRUE(Contents() == Restored());
+}
+
 TEST_F(VtBackupCycle, ABitmapThatMayBeShortMakesTheWholeVolumeBeReadAtOnce)
 {
     for (const wchar_t* which : {L"child", L"base"}) {

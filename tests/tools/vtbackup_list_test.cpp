@@ -51,7 +51,7 @@ TEST_F(VtBackupList, ThreeMoreQuestionsAreAsked)
 
 TEST_F(VtBackupList, SoTheyAreForTheManager)
 {
-    constexpr unsigned MANAGER = 11; // the question for the length that its making begins with
+    constexpr unsigned MANAGER = 15; // the question for the length that its making begins with
     EXPECT_EQ(EXIT_OK, BackupWithFailures(MANAGER, 3).exitCode);
     const Result result = BackupWithFailures(MANAGER, 4);
     EXPECT_EQ(EXIT_DEVICE, result.exitCode);

@@ -78,7 +78,8 @@ public:
 private:
     void LookAtChain();
     void CompareWithLastSuccess();
-    void AskWhetherToVerify(const Reason& reason);
+    void ReplicateVerifyList();
+    bool AskWhetherToVerify(const Reason& reason);
     void BackUp();
     void FetchChanges(const Volume& volume);
     void SettleGeometry(const Volume& volume, const Volume& snapshot, const BitmapManager& manager);
@@ -213,20 +214,31 @@ void Cycle::CompareWithLastSuccess()
     }
 }
 
-void Cycle::AskWhetherToVerify(const Reason& reason)
+void Cycle::ReplicateVerifyList()
 {
-    // The driver's list reaches this application's verify list only by this call; asking without it would miss
-    // what the driver has just noted.
     if (const DWORD result = VTReplicateVerifyList(m_request.application.c_str()); result != 0)
         throw Failure(Exit::Device, fmt::format("VTReplicateVerifyList failed: {}", ErrorText(result)));
-    if (VTIsVerifyRequired(m_request.application.c_str(), m_request.volume.Path().c_str()) != 0)
+}
+
+// False when the driver was silent, so that nobody knows; that is a doubt as well.
+bool Cycle::AskWhetherToVerify(const Reason& reason)
+{
+    // The driver's list reaches this application's verify list only by this call; asking without it would miss
+    // what the driver has just noted. While the driver is silent the call replicates nothing and gives 0. So it is made
+    // twice, with a question in between that a silence over both meets, too.
+    ReplicateVerifyList();
+    const bool answers = VTCanBLIDriverWork() != 0;
+    ReplicateVerifyList();
+    if (!answers || VTIsVerifyRequired(m_request.application.c_str(), m_request.volume.Path().c_str()) != 0)
         m_doubts.verify.push_back(reason);
+    return answers;
 }
 
 void Cycle::BackUp()
 {
     const Volume volume(m_request.volume.Device(), Volume::Access::Read);
-    AskWhetherToVerify(reason::VerifyList());
+    if (!AskWhetherToVerify(reason::VerifyList()))
+        throw Failure(Exit::Device, "VTReplicateVerifyList replicated nothing: the driver was silent");
 
     const BitmapManager manager(volume, m_request.volume, m_request.application);
     m_firstBlockSize = manager.BlockSize();
@@ -275,7 +287,7 @@ void Cycle::FetchChanges(const Volume& volume)
         return; // what the driver notes from here on stays in its list, for the next backup
     // Tracking can be lost between the first question and the snapshot. The mark would then come too late for the
     // question and be taken off by our own report.
-    AskWhetherToVerify(reason::TrackingLostMeanwhile());
+    static_cast<void>(AskWhetherToVerify(reason::TrackingLostMeanwhile()));
     // The loss may as well have happened after the snapshot, where this backup cannot see what was written, and our
     // report takes the mark off: so the next backup has to read everything too.
     if (m_doubts.Decide() != Kind::Incremental)

@@ -148,6 +148,13 @@ internal sealed class Device : IDisposable
         return size;
     }
 
+    // Whether the driver tracks it, of a snapshot: it refuses every question about one that it does not.
+    internal bool IsTracked()
+    {
+        uint size, code = Native.VTFltGetBlockSize(Handle, out size, 1);
+        return code != Native.InvalidFunction && code != Native.NotSupported;
+    }
+
     // The bitmap of changed blocks, of the volume's manager or (direct) of a snapshot itself, and the result. Its exact
     // length is the library's to say, and may change between two questions, but not for ever.
     internal uint Fetch(uint direct, out byte[] bitmap)
@@ -316,18 +323,20 @@ internal static class BackupLoop
     }
 
     // What was written into the snapshot itself is in the copy and not on the volume: the next bitmap must have it. It goes
-    // back in a buffer as long as the fetched bitmap, whose header is zero.
-    private static void HandBack(Device volume, Device snapshot, uint blockSize, int length)
+    // back in a buffer as long as the fetched bitmap, whose header is zero. tracked: whether the snapshot was, when it
+    // was taken.
+    private static void HandBack(Device volume, Device snapshot, bool tracked, uint blockSize, int length)
     {
         byte[] written;
-        uint code = snapshot.Fetch(1, out written);
-        if (code == Native.InvalidFunction || code == Native.NotSupported) {
-            // Snapshots are not tracked here, and this program only reads its own. A driver that just went away answers so,
+        // One question that is refused says nothing of the snapshot: somebody may have written into it.
+        Failure.Check("learning what the snapshot changed", snapshot.IsTracked() == tracked);
+        if (!tracked) {
+            // Snapshots are not tracked here, and this program only reads its own. A driver that is away answers so,
             // too; then this fails as well.
             volume.BlockSize(0);
             return;
         }
-        Failure.Check("asking what the snapshot changed", code);
+        Failure.Check("asking what the snapshot changed", snapshot.Fetch(1, out written));
         int first = Array.FindIndex(written, Native.HeaderBytes, bits => bits != 0);
         if (first < 0)
             return;
@@ -355,6 +364,7 @@ internal static class BackupLoop
             Failure.Check("VTFltPrepareForSnapshot", Native.VTFltPrepareForSnapshot(volume.Handle));
             using (var taken = new Snapshot(create, delete))
             using (var snapshot = new Device(taken.Path)) {
+                bool tracked = snapshot.IsTracked();
                 byte[] bitmap;
                 uint code = volume.Fetch(0, out bitmap);
                 if (code != Native.VerifyRequired)
@@ -379,7 +389,7 @@ internal static class BackupLoop
                     long copied = Copy(snapshot, file, length, blockSize, bitmap, everything);
                     // Should one of the next steps fail, the mark of a run that read everything may be gone already.
                     WriteState(statePath, unfinished);
-                    HandBack(volume, snapshot, blockSize, bitmap.Length);
+                    HandBack(volume, snapshot, tracked, blockSize, bitmap.Length);
                     // Only now, that the copy is on the disk, may the changes be forgotten.
                     Failure.Check("VTFltReplicationSuccess", Native.VTFltReplicationSuccess(volume.Handle));
                     WriteState(statePath, state);

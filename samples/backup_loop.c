@@ -167,21 +167,35 @@ static int Copy(HANDLE snapshot, HANDLE file, const State* now, const BYTE* bitm
     return good;
 }
 
+/* Whether the driver tracks a snapshot: it refuses every question about one that it does not. */
+static int IsTracked(HANDLE snapshot)
+{
+    DWORD blockSize = 0;
+    const DWORD error = VTFltGetBlockSize(snapshot, &blockSize, 1);
+    return error != ERROR_INVALID_FUNCTION && error != ERROR_NOT_SUPPORTED;
+}
+
 /* What was written into the snapshot itself is in the copy and not on the volume: the next bitmap must have it. It goes
-   back in a buffer as long as the fetched bitmap, whose header is zero. */
-static DWORD HandBack(HANDLE volume, HANDLE snapshot, DWORD blockSize, DWORD length)
+   back in a buffer as long as the fetched bitmap, whose header is zero. tracked: whether the snapshot was, when it was
+   taken. */
+static DWORD HandBack(HANDLE volume, HANDLE snapshot, int tracked, DWORD blockSize, DWORD length)
 {
     BYTE* written = NULL;
-    BYTE* back = calloc(length, 1);
+    BYTE* back = NULL;
     DWORD writtenLength = 0;
     DWORD writtenBlockSize = 0;
     DWORD i = VTFLT_BITMAP_HEADER_BYTES;
-    DWORD error = back == NULL ? ERROR_NOT_ENOUGH_MEMORY : FetchBitmap(snapshot, &written, &writtenLength, 1);
-    if (error == ERROR_INVALID_FUNCTION || error == ERROR_NOT_SUPPORTED) {
-        /* Snapshots are not tracked here, and this program only reads its own. A driver that just went away answers so,
-           too; then this fails as well. */
-        error = VTFltGetBlockSize(volume, &writtenBlockSize, 0);
-    } else if (error == 0) {
+    DWORD error = 0;
+    /* One question that is refused says nothing of the snapshot: somebody may have written into it. */
+    if (IsTracked(snapshot) != tracked)
+        return ERROR_INVALID_STATE;
+    /* Snapshots are not tracked here, and this program only reads its own. A driver that is away answers so, too; then
+       this fails as well. */
+    if (!tracked)
+        return VTFltGetBlockSize(volume, &writtenBlockSize, 0);
+    back = calloc(length, 1);
+    error = back == NULL ? ERROR_NOT_ENOUGH_MEMORY : FetchBitmap(snapshot, &written, &writtenLength, 1);
+    if (error == 0) {
         while (i < writtenLength && written[i] == 0)
             ++i;
         if (i < writtenLength) {
@@ -212,6 +226,7 @@ static int BackUpFrom(HANDLE snapshot, HANDLE volume, const wchar_t* const* argv
     LARGE_INTEGER copySize = {0};
     HANDLE file = INVALID_HANDLE_VALUE;
     const wchar_t* what = L"VTFltGetBitmap";
+    const int tracked = IsTracked(snapshot);
 
     DWORD error = FetchBitmap(volume, &bitmap, &length, 0);
     if (error == VTFLT_VERIFY_REQUIRED) {
@@ -257,7 +272,7 @@ static int BackUpFrom(HANDLE snapshot, HANDLE volume, const wchar_t* const* argv
     }
     if (error == 0) {
         what = L"handing back what the snapshot changed";
-        error = HandBack(volume, snapshot, now.blockSize, length);
+        error = HandBack(volume, snapshot, tracked, now.blockSize, length);
     }
     /* Only now, that the copy is on the disk, may the changes be forgotten. */
     if (error == 0) {

@@ -171,15 +171,22 @@ class Library:
             code = VERIFY_REQUIRED # a bitmap shorter than was asked for says nothing of the rest
         return bitmap.raw[HEADER_BYTES:], code
 
-    def hand_back(self, volume, device, block_size, length):
+    def is_tracked(self, device):
+        """Whether the driver tracks a snapshot: it refuses every question about one that it does not."""
+        return self.VTFltGetBlockSize(device, byref(DWORD()), 1) not in (ERROR_INVALID_FUNCTION, ERROR_NOT_SUPPORTED)
+
+    def hand_back(self, volume, device, tracked, block_size, length):
         """What was written into the snapshot itself is in the copy and not on the volume: the next bitmap must have it. It
-        goes back in a buffer as long as the fetched bitmap, whose header is zero."""
-        written, code = self.fetch(device, 1)
-        if code in (ERROR_INVALID_FUNCTION, ERROR_NOT_SUPPORTED):
-            # Snapshots are not tracked here, and this program only reads its own. A driver that just went away answers so,
+        goes back in a buffer as long as the fetched bitmap, whose header is zero. tracked: whether the snapshot was,
+        when it was taken."""
+        # One question that is refused says nothing of the snapshot: somebody may have written into it.
+        check("learning what the snapshot changed", self.is_tracked(device) == tracked)
+        if not tracked:
+            # Snapshots are not tracked here, and this program only reads its own. A driver that is away answers so,
             # too; then this fails as well.
             self.block_size_of(volume, 0)
             return
+        written, code = self.fetch(device, 1)
         check(f"asking what the snapshot changed: VTFltGetBitmap, {code} (0x{code:X}),", code == 0)
         if not any(written):
             return
@@ -248,6 +255,7 @@ def back_up(library, guid, application, path, create, delete):
         block_size = library.block_size_of(volume, 0)
         call(library.VTFltPrepareForSnapshot, volume)
         device = stack.enter_context(library.opened(stack.enter_context(snapshot(create, delete))))
+        tracked = library.is_tracked(device)
         bitmap, code = library.fetch(volume, 0)
         check(f"VTFltGetBitmap, {code} (0x{code:X}),", code in (0, VERIFY_REQUIRED))
         everything = everything or code == VERIFY_REQUIRED
@@ -272,7 +280,7 @@ def back_up(library, guid, application, path, create, delete):
         copy_blocks(library, device, file, state, blocks)
         # Should one of the next steps fail, the mark of a run that read everything may be gone already.
         write_state(state_path, {**state, "everything": True})
-        library.hand_back(volume, device, block_size, len(bitmap))
+        library.hand_back(volume, device, tracked, block_size, len(bitmap))
         # Only now, that the copy is on the disk, may the changes be forgotten.
         call(library.VTFltReplicationSuccess, volume)
         write_state(state_path, state)

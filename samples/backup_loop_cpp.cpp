@@ -179,20 +179,30 @@ std::uint64_t Copy(HANDLE from, HANDLE to, const State& now, const vtfltmgr::Cha
     return everything ? blocks : changes.CountChanged(blocks);
 }
 
+// Whether the driver tracks a snapshot: it refuses every question about one that it does not.
+bool IsTracked(HANDLE snapshot)
+{
+    DWORD blockSize = 0;
+    const DWORD code = VTFltGetBlockSize(snapshot, &blockSize, 1);
+    return code != ERROR_INVALID_FUNCTION && code != ERROR_NOT_SUPPORTED;
+}
+
 // What was written into the snapshot itself is in the copy and not on the volume: the next bitmap must have it. It goes
-// back in a map as long as the fetched one.
-void HandBack(const vtfltmgr::BitmapManager& manager, HANDLE snapshot, DWORD blockSize, DWORD length)
+// back in a map as long as the fetched one. tracked: whether the snapshot was, when it was taken.
+void HandBack(const vtfltmgr::BitmapManager& manager, HANDLE snapshot, bool tracked, DWORD blockSize, DWORD length)
 {
     vtfltmgr::ChangeMap written;
     DWORD writtenBlockSize = 0;
-    const vtfltmgr::Result fetched = vtfltmgr::FetchBitmap(snapshot, written, true);
-    if (fetched.Code() == ERROR_INVALID_FUNCTION || fetched.Code() == ERROR_NOT_SUPPORTED) {
-        // Snapshots are not tracked here, and this program only reads its own. A driver that just went away answers so,
-        // too; then this fails as well.
+    // One question that is refused says nothing of the snapshot: somebody may have written into it.
+    if (IsTracked(snapshot) != tracked)
+        throw std::runtime_error("it is not known what the snapshot changed");
+    if (!tracked) {
+        // Snapshots are not tracked here, and this program only reads its own. A driver that is away answers so, too;
+        // then this fails as well.
         Check("VTFltGetBlockSize", manager.GetBlockSize(writtenBlockSize));
         return;
     }
-    Check("asking what the snapshot changed", fetched);
+    Check("asking what the snapshot changed", vtfltmgr::FetchBitmap(snapshot, written, true));
     if (written.CountChanged(written.Blocks()) == 0)
         return;
     Check("VTFltGetBlockSize", vtfltmgr::Result(VTFltGetBlockSize(snapshot, &writtenBlockSize, 1)));
@@ -230,6 +240,7 @@ void BackUp(vtfltsim::SimMachine& machine, const vtfltsim::Volume& volume, const
     Check("VTFltPrepareForSnapshot", manager.PrepareForSnapshot());
     const Snapshot taken(machine, volume);
     const Handle snapshot(Open(taken.Path(), GENERIC_READ, OPEN_EXISTING));
+    const bool tracked = IsTracked(snapshot.get());
 
     vtfltmgr::ChangeMap changes;
     const vtfltmgr::Result fetched = manager.Fetch(changes);
@@ -262,7 +273,7 @@ void BackUp(vtfltsim::SimMachine& machine, const vtfltsim::Volume& volume, const
     const std::uint64_t copied = Copy(snapshot.get(), file.get(), now, changes, everything);
     // Should one of the next steps fail, the mark of a run that read everything may be gone already.
     WriteState(statePath, unfinished);
-    HandBack(manager, snapshot.get(), now.blockSize, changes.Length());
+    HandBack(manager, snapshot.get(), tracked, now.blockSize, changes.Length());
     // Only now, that the copy is on the disk, may the changes be forgotten.
     Check("VTFltReplicationSuccess", manager.ReportSuccess());
     WriteState(statePath, now);

@@ -422,6 +422,14 @@ class Trial:
         self.expect("the snapshot's own block in the copy", not self.equals())
         (self.folder / "scribble").unlink()
         self.expect_backup("1 of 100 blocks read", 1)
+        # Refused once, the question for it (the first two for a bitmap are the volume's) is no word about the snapshot.
+        self.write(50, 9)
+        (self.folder / "scribble").write_text(str(50 * BLOCK))
+        code, text, calls = self.back_up(plan="fail|DeviceIoControl|0xB0000002|3|1|1")
+        self.expect("exit code 1", code == 1 and "what the snapshot changed" in text, f"but {code}: {text}")
+        self.expect("nothing reported", "VTFltReplicationSuccess" not in calls)
+        (self.folder / "scribble").unlink()
+        self.expect_success()
         # What was reported stays so when the snapshot cannot be deleted.
         (self.folder / "refuse").touch()
         text = self.expect_success()

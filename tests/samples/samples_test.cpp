@@ -17,6 +17,7 @@ constexpr DWORD BLOCK = 4096;
 constexpr std::uint64_t BLOCKS = 300;
 constexpr std::uint64_t LENGTH = BLOCKS * BLOCK - 1536; // the last block is a part of one
 constexpr DWORD GET_BITMAP = 0xB0000002;
+constexpr DWORD GET_BLOCK_SIZE = 0xB0000006;
 constexpr wchar_t SNAPSHOT_CLASS[] =
     L"System\\CurrentControlSet\\Control\\Class\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}";
 constexpr wchar_t SNAPSHOT[] = L"HarddiskVolumeShadowCopy";
@@ -351,6 +352,36 @@ TEST_P(Samples, WhatTheSnapshotItselfChangedAndCannotBeAskedIsNoSuccess)
     pause.Go();
     EXPECT_EQ(1u, sample.Join());
     ExpectEverythingRead();
+}
+
+// Taken for a snapshot that nobody tracks, the copy of what somebody wrote into it would stay.
+TEST_P(Samples, WhatATrackedSnapshotChangedIsNotGivenUpForOneRefusal)
+{
+    m_machine.SetFilters({L"VTFlt"}, SNAPSHOT_CLASS);
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_EQ(0u, BackUp());
+    const struct {
+        DWORD request;
+        DWORD error;
+        const wchar_t* before; // of a file whose name holds this, is opened
+    } refusals[] = {{GET_BITMAP, ERROR_INVALID_FUNCTION, L".copy"},
+                    {GET_BITMAP, ERROR_NOT_SUPPORTED, L".copy"},
+                    {GET_BLOCK_SIZE, ERROR_INVALID_FUNCTION, L".copy"},
+                    {GET_BLOCK_SIZE, ERROR_INVALID_FUNCTION, SNAPSHOT}};
+    for (const auto& refusal : refusals) {
+        Write(50, 1);
+        const Pause pause(L"VTFltSim.SampleTest");
+        ChildProcess sample = Start(m_volume, L"Sample", m_copy, pause.Before(L"CreateFileW", refusal.before));
+        ASSERT_TRUE(pause.AwaitReached(sample));
+        const VTFLTSIM_SNAPSHOT_INFO snapshot = OnlySnapshot();
+        const Bytes scribble(512, 0xEE);
+        ASSERT_EQ(0u, VTFltSimWriteSnapshot(m_machine.handle(), snapshot.number, 50 * BLOCK, scribble.data(), 512));
+        m_machine.FailRequest(refusal.request, refusal.error, snapshot.devicePath);
+        pause.Go();
+        EXPECT_EQ(1u, sample.Join());
+        EXPECT_EQ(0u, BackUp());
+        EXPECT_TRUE(EqualsVolume());
+    }
 }
 
 TEST_P(Samples, TrackedSnapshotsThatNobodyChangedAreNoHindrance)

@@ -19,7 +19,6 @@ using nlohmann::json;
 constexpr DWORD EXIT_LOST_TRACKING = 12;
 constexpr DWORD EXIT_NOT_MARKED = 13;
 constexpr const wchar_t* SERVICE_KEY = L"SYSTEM\\CurrentControlSet\\Services\\VTFlt";
-constexpr DWORD GET_BLOCK_SIZE = 0xB0000006;
 
 class VtBackupAudit : public VtBackupTest {
 protected:
@@ -52,13 +51,6 @@ protected:
         const std::vector<std::uint8_t> bytes(BLOCK, 0x55);
         vtfltsim::Check("scribble", VTFltSimWriteSnapshot(machine.handle(), OnlySnapshot(), block * BLOCK, bytes.data(),
                                                           static_cast<DWORD>(bytes.size())));
-    }
-    std::wstring SnapshotPath() const
-    {
-        VTFLTSIM_SNAPSHOT_INFO info = {};
-        info.size = sizeof(info);
-        vtfltsim::Check("info", VTFltSimGetSnapshotInfo(machine.handle(), OnlySnapshot(), &info));
-        return info.devicePath;
     }
     // From the nth request on, the snapshot's own map cannot be had.
     void FailSnapshotMap(DWORD nth)

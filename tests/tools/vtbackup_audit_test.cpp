@@ -267,7 +267,7 @@ TEST_F(VtBackupAudit, ADifferenceCountsWithItsDoubtWhenTheMapCannotBeFetchedAgai
 
 TEST_F(VtBackupAudit, WhereSnapshotsAreNotTrackedADifferenceCountsWithItsDoubt)
 {
-    machine.SetFilters({}, L"System\\CurrentControlSet\\Control\\Class\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}");
+    machine.SetFilters({}, SNAPSHOT_CLASS);
     EXPECT_EQ(EXIT_OK, Audit(1000).exitCode);
     WriteUnseen(20, 0xEE);
     const Result result = Audit(1000);

@@ -30,6 +30,14 @@ protected:
         EXPECT_TRUE(result.Has(reason)) << result.out;
     }
 
+    // Writes a block of the snapshot itself, which its tracking sees.
+    void Scribble(std::uint64_t block, std::uint8_t value) const
+    {
+        const std::vector<std::uint8_t> bytes(BLOCK, value);
+        vtfltsim::Check("write",
+                        VTFltSimWriteSnapshot(machine.handle(), OnlySnapshot(), block * BLOCK, bytes.data(), BLOCK));
+    }
+
     const std::wstring beforePrepare = L"DeviceIoControl|0xB0000015";
     const std::wstring beforeFetch = L"DeviceIoControl|0xB0000002";
 };
@@ -240,6 +248,59 @@ TEST_F(VtBackupCycle, SnapshotChangesThatCannotBeFetchedAreNoSuccess)
     EXPECT_FALSE(Exists(BackupFile(2, L"reported")));
     ExpectVerify(Backup(), "snapshot-changes-lost");
     EXPECT_TRUE(Exists(BackupFile(3, L"reported")));
+}
+
+// Taken for a snapshot that nobody tracks, the copy of what somebody wrote into it would stay.
+TEST_F(VtBackupCycle, OneRefusalDoesNotMakeATrackedSnapshotAnUntrackedOne)
+{
+    const struct {
+        const wchar_t* before; // this call the snapshot is written to, and the refusal planned
+        DWORD request;
+        DWORD error;
+    } refusals[] = {
+        {L"DeviceIoControl|0xB0000002", GET_BITMAP, ERROR_INVALID_FUNCTION},
+        {L"DeviceIoControl|0xB0000002", GET_BITMAP, ERROR_NOT_SUPPORTED},
+        {L"DeviceIoControl|0xB0000002", GET_BLOCK_SIZE, ERROR_INVALID_FUNCTION},
+        {L"CreateFileW|HarddiskVolumeShadowCopy", GET_BLOCK_SIZE, ERROR_INVALID_FUNCTION}, // the first question of all
+    };
+    std::uint8_t value = 0x60;
+    for (const auto& refusal : refusals) {
+        Write(30, ++value);
+        const Result result = BackupWith(refusal.before, [&](Process&) {
+            Scribble(30, 0x55);
+            machine.FailRequest(refusal.request, refusal.error, SnapshotPath().c_str());
+        });
+        EXPECT_EQ(EXIT_NOT_REPORTED, result.exitCode) << result.out;
+        EXPECT_EQ("failed", result.snapshotChanges);
+        ExpectVerify(Backup(), "snapshot-changes-lost");
+        EXPECT_TRUE(Contents() == Restored());
+        ExpectIncremental(Backup(), 0);
+    }
+}
+
+TEST_F(VtBackupCycle, ASnapshotWhoseTrackingEndsIsNotOneThatNobodyTracks)
+{
+    const Result result = BackupWith(beforeFetch, [&](Process&) {
+        Scribble(30, 0x55);
+        for (const DWORD request : {GET_BITMAP, GET_BLOCK_SIZE})
+            machine.FailRequest(request, ERROR_INVALID_FUNCTION, SnapshotPath().c_str(), 1, 0);
+    });
+    EXPECT_EQ(EXIT_NOT_REPORTED, result.exitCode) << result.out;
+    EXPECT_EQ("failed", result.snapshotChanges);
+    vtfltsim::Check("clear", VTFltSimClearFaults(machine.handle()));
+    ExpectVerify(Backup(), "snapshot-changes-lost");
+}
+
+TEST_F(VtBackupCycle, ADriverThatGoesAwayIsNoSnapshotThatNobodyTracks)
+{
+    machine.SetService(VTFLTSIM_SERVICE_ABSENT); // or the driver would be reinstalled
+    Write(30, 0x61);
+    const Result result =
+        BackupWith(L"ReadFile|HarddiskVolumeShadowCopy", [&](Process&) { machine.SetDriver(VTFLTSIM_DRIVER_ABSENT); });
+    EXPECT_EQ(EXIT_DEVICE, result.exitCode) << result.out;
+    machine.SetDriver(VTFLTSIM_DRIVER_WORKING);
+    EXPECT_EQ(EXIT_OK, Backup().exitCode);
+    EXPECT_TRUE(Contents() == Restored());
 }
 
 TEST_F(VtBackupCycle, WithoutTrackedSnapshotsTheBackupSaysSo)

@@ -225,6 +225,14 @@ DWORD VtBackupTest::OnlySnapshot() const
     return info.number;
 }
 
+std::wstring VtBackupTest::SnapshotPath() const
+{
+    VTFLTSIM_SNAPSHOT_INFO info = {};
+    info.size = sizeof(info);
+    vtfltsim::Check("VTFltSimGetSnapshotInfo", VTFltSimGetSnapshotInfo(machine.handle(), OnlySnapshot(), &info));
+    return info.devicePath;
+}
+
 std::wstring VtBackupTest::BitmapFile(const wchar_t* which, const wchar_t* application) const
 {
     return std::wstring(machine.Info(volume).filesDirectory) + L"\\VelVolTrc\\VelVolTrc_" + which + L"_" + application +

@@ -15,6 +15,10 @@
 namespace vtbackup_test {
 
 constexpr DWORD GET_BITMAP = 0xB0000002;
+constexpr DWORD GET_BLOCK_SIZE = 0xB0000006;
+// Whose filters decide whether snapshots are tracked.
+constexpr wchar_t SNAPSHOT_CLASS[] =
+    L"System\\CurrentControlSet\\Control\\Class\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}";
 
 // Exit codes, as the manual lists them.
 enum : DWORD {
@@ -96,6 +100,7 @@ protected:
     // The contents of a backup (0: the latest), restored into a file; fails the test when that fails.
     std::vector<std::uint8_t> Restored(std::uint64_t sequence = 0, const wchar_t* application = L"App") const;
     [[nodiscard]] DWORD OnlySnapshot() const; // its number
+    [[nodiscard]] std::wstring SnapshotPath() const;
     [[nodiscard]] std::wstring BitmapFile(const wchar_t* which, const wchar_t* application = L"App") const;
     [[nodiscard]] std::wstring BackupFile(std::uint64_t sequence, const wchar_t* name) const;
 

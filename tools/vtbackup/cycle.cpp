@@ -250,10 +250,11 @@ void Cycle::BackUp()
     HeldSnapshot held(m_machine, m_application, m_request.volume);
     m_result.manifest.time = UtcNow();
     const Volume snapshot(held.Get().device, Volume::Access::Read);
+    const bool tracked = IsTracked(snapshot);
 
     FetchChanges(volume);
     SettleGeometry(volume, snapshot, manager);
-    SnapshotWrites writes(snapshot, m_result.manifest.geometry.blockSize);
+    SnapshotWrites writes(snapshot, tracked, m_result.manifest.geometry.blockSize);
     Audit(snapshot, writes);
     Copy(snapshot);
     HandBackSnapshotChanges(writes, manager);
@@ -377,11 +378,12 @@ void Cycle::Copy(const Volume& snapshot)
 void Cycle::HandBackSnapshotChanges(SnapshotWrites& writes, const BitmapManager& manager)
 {
     writes.Fetch();
+    // A driver that just went away answers so, too; then this question fails as well.
+    if (writes.Untracked())
+        static_cast<void>(manager.BlockSize());
     std::string why = writes.Problem();
     if (why.empty() && writes.Untracked()) {
-        // Snapshots are not tracked on this machine. This program opens its snapshot for reading only. A driver that
-        // just went away answers so, too; then this question fails as well.
-        static_cast<void>(manager.BlockSize());
+        // Snapshots are not tracked on this machine. This program opens its snapshot for reading only.
         m_result.snapshotChanges = "untracked";
         return;
     }

@@ -147,4 +147,11 @@ std::uint32_t DirectBlockSize(const Volume& device)
     return VTFltGetBlockSize(device.Get(), &size, 1) == 0 ? size : 0;
 }
 
+bool IsTracked(const Volume& device)
+{
+    DWORD size = 0;
+    const DWORD result = VTFltGetBlockSize(device.Get(), &size, 1);
+    return result != ERROR_INVALID_FUNCTION && result != ERROR_NOT_SUPPORTED;
+}
+
 } // namespace vtbackup

@@ -41,4 +41,8 @@ FetchedMap FetchMap(const Volume& device, bool direct);
 
 std::uint32_t DirectBlockSize(const Volume& device);
 
+// Whether the driver answers for the device itself: of a snapshot that it does not track it refuses to say anything,
+// and of any while it is away. Another failure is no such refusal.
+bool IsTracked(const Volume& device);
+
 } // namespace vtbackup

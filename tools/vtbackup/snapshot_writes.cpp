@@ -8,14 +8,15 @@ namespace vtbackup {
 
 void SnapshotWrites::Fetch()
 {
-    const FetchedMap fetched = FetchMap(m_snapshot, true);
     m_problem.clear();
-    m_untracked = fetched.result == ERROR_INVALID_FUNCTION || fetched.result == ERROR_NOT_SUPPORTED;
-    if (m_untracked) {
-        if (m_blocks.CountBelow(m_blocks.Bits()) > 0)
-            m_problem = "the snapshot's tracking ended before its own changes were fetched";
+    // One request that is refused is no word about the snapshot: only one that was untracked from the beginning is.
+    m_untracked = !IsTracked(m_snapshot);
+    if (m_untracked == m_wasTracked)
+        m_problem = m_wasTracked ? "the snapshot's tracking ended before its own changes were fetched"
+                                 : "the snapshot was not tracked from the beginning";
+    if (m_untracked || !m_wasTracked)
         return;
-    }
+    const FetchedMap fetched = FetchMap(m_snapshot, true);
     if (fetched.result != 0 || !fetched.whole) {
         m_problem = fmt::format("the snapshot's own changes could not be fetched: {}", ErrorText(fetched.result));
         return;

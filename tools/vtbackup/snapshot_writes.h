@@ -14,13 +14,17 @@ namespace vtbackup {
 // know; what was told once stays known, whatever the driver does with bits that it handed over.
 class SnapshotWrites {
 public:
-    // snapshot is used as long as this object is; blockSize: that of the volume's bitmap.
-    SnapshotWrites(const Volume& snapshot, std::uint32_t blockSize) : m_snapshot(snapshot), m_blockSize(blockSize) {}
+    // snapshot is used as long as this object is; tracked: whether it was when it was taken; blockSize: that of the
+    // volume's bitmap.
+    SnapshotWrites(const Volume& snapshot, bool tracked, std::uint32_t blockSize)
+        : m_snapshot(snapshot), m_wasTracked(tracked), m_blockSize(blockSize)
+    {
+    }
 
     // Asks the driver. Untracked() and Problem() are its last answer.
     void Fetch();
 
-    // Snapshots are not tracked on this machine, so nobody knows. A driver that went away answers so, too.
+    // The snapshot is not tracked, so nobody knows. A driver that went away answers so, too.
     [[nodiscard]] bool Untracked() const noexcept { return m_untracked; }
     // Not empty: why it is not known what was written.
     [[nodiscard]] const std::string& Problem() const noexcept { return m_problem; }
@@ -29,6 +33,7 @@ public:
 
 private:
     const Volume& m_snapshot;
+    bool m_wasTracked;
     std::uint32_t m_blockSize;
     bool m_untracked = false;
     std::string m_problem;

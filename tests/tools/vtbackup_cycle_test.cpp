@@ -305,10 +305,20 @@ TEST_F(VtBackupCycle, ADriverThatGoesAwayIsNoSnapshotThatNobodyTracks)
 
 TEST_F(VtBackupCycle, WithoutTrackedSnapshotsTheBackupSaysSo)
 {
-    machine.SetFilters({}, L"System\\CurrentControlSet\\Control\\Class\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}");
+    std::vector<std::wstring> other = Arguments(L"init", L"Other");
+    other.push_back(L"--no-monitor");
+    ASSERT_EQ(EXIT_OK, Run(other).exitCode);
+    machine.SetFilters({}, SNAPSHOT_CLASS);
     const Result result = Backup();
     EXPECT_EQ(EXIT_OK, result.exitCode) << result.err;
     EXPECT_EQ("untracked", result.snapshotChanges);
+    // It asked for it, so somebody ended it.
+    for (const std::string& text : {result.snapshotNote, result.err})
+        EXPECT_NE(std::string::npos, text.find("\"vtfltctl monitor on\" asks again")) << text;
+    const Result unasked = Backup(L"Other");
+    EXPECT_EQ("untracked", unasked.snapshotChanges);
+    EXPECT_EQ("", unasked.snapshotNote);
+    EXPECT_EQ("", unasked.err);
 }
 
 TEST_F(VtBackupCycle, ABlockSizeChangeMakesTheNextBackupFull)

@@ -52,6 +52,7 @@ void ReadJson(Result& result)
     result.message = object.value("message", "");
     result.reported = object.value("reported", false);
     result.snapshotChanges = object.value("snapshotChanges", "");
+    result.snapshotNote = object.value("snapshotNote", "");
     const auto backup = object.find("backup");
     if (backup == object.end() || !backup->is_object())
         return;

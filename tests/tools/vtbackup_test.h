@@ -45,6 +45,7 @@ struct Result {
     std::string kind;
     std::vector<std::string> reasons;
     std::string snapshotChanges;
+    std::string snapshotNote;
     std::uint64_t sequence = 0;
     std::uint64_t blocksStored = 0;
     std::uint64_t bytesRead = 0;

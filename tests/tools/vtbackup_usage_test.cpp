@@ -199,20 +199,19 @@ TEST_F(VtBackupUsage, AnIdWhoseFileALongerRegisteredOneHasToBecauseItsPathIsCutI
 
 TEST_F(VtBackupUsage, InitMayBeRepeatedAndTakenBack)
 {
-    const std::wstring key = L"System\\CurrentControlSet\\Control\\Class\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}";
     ASSERT_EQ(EXIT_OK, Init().exitCode);
     ASSERT_EQ(EXIT_OK, Init().exitCode);
-    EXPECT_FALSE(machine.ReadValue(key, L"UpperFilters").empty());
+    EXPECT_FALSE(machine.ReadValue(SNAPSHOT_CLASS, L"UpperFilters").empty());
     std::vector<std::wstring> undo = Arguments(L"init");
     undo.push_back(L"--undo");
     EXPECT_EQ(EXIT_OK, Run(undo).exitCode);
-    EXPECT_LE(machine.ReadValue(key, L"UpperFilters").size(), 4u); // the filter is off again: an empty list at most
+    // The filter is off again: an empty list at most.
+    EXPECT_LE(machine.ReadValue(SNAPSHOT_CLASS, L"UpperFilters").size(), 4u);
     EXPECT_EQ(EXIT_REFUSED, Backup().exitCode);
 }
 
 TEST_F(VtBackupUsage, AnUndoThatWasKilledDoesNotTakeBackAnotherApplicationsRequest)
 {
-    const std::wstring key = L"System\\CurrentControlSet\\Control\\Class\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}";
     ASSERT_EQ(EXIT_OK, Init().exitCode);
     ASSERT_EQ(EXIT_OK, Init(L"Second").exitCode);
     std::vector<std::wstring> undo = Arguments(L"init");
@@ -220,8 +219,57 @@ TEST_F(VtBackupUsage, AnUndoThatWasKilledDoesNotTakeBackAnotherApplicationsReque
     for (const wchar_t* calls : {L"kill-before|DeleteFileW|monitoring|1", L"kill-after|DeleteFileW|monitoring|1"})
         EXPECT_EQ(VTFLTSIM_KILLED, Run(undo, calls).exitCode);
     EXPECT_EQ(EXIT_OK, Run(undo).exitCode);
-    EXPECT_GT(machine.ReadValue(key, L"UpperFilters").size(), 4u) << "the second application's snapshots";
+    EXPECT_GT(machine.ReadValue(SNAPSHOT_CLASS, L"UpperFilters").size(), 4u) << "the second application's snapshots";
     EXPECT_EQ(EXIT_REFUSED, Backup().exitCode);
+}
+
+TEST_F(VtBackupUsage, ARequestThatASilentDriverDidNotCountIsNotTakenBack)
+{
+    machine.SetService(VTFLTSIM_SERVICE_ABSENT); // or the driver would be reinstalled
+    ASSERT_EQ(EXIT_OK, Init(L"Second").exitCode);
+    const Result silent = Run(Arguments(L"init"), L"fail|CreateFileW|\\\\.\\VTFltMgr|2|1|2");
+    EXPECT_EQ(EXIT_DRIVER_DOWN, silent.exitCode) << silent.out;
+    EXPECT_NE(std::string::npos, silent.message.find("was not counted")) << silent.message;
+    std::vector<std::wstring> undo = Arguments(L"init");
+    undo.push_back(L"--undo");
+    EXPECT_EQ(EXIT_OK, Run(undo).exitCode);
+    EXPECT_GT(machine.ReadValue(SNAPSHOT_CLASS, L"UpperFilters").size(), 4u) << "the second application's snapshots";
+    // Repeated with a driver that answers, it is counted, and so taken back.
+    EXPECT_EQ(EXIT_OK, Init().exitCode);
+    EXPECT_EQ(EXIT_OK, Run(undo).exitCode);
+    undo = Arguments(L"init", L"Second");
+    undo.push_back(L"--undo");
+    EXPECT_EQ(EXIT_OK, Run(undo).exitCode);
+    EXPECT_LE(machine.ReadValue(SNAPSHOT_CLASS, L"UpperFilters").size(), 4u);
+}
+
+TEST_F(VtBackupUsage, ARequestThatASilentDriverDidNotTakeBackIsSaidToStand)
+{
+    machine.SetService(VTFLTSIM_SERVICE_ABSENT);
+    ASSERT_EQ(EXIT_OK, Init().exitCode);
+    std::vector<std::wstring> undo = Arguments(L"init");
+    undo.push_back(L"--undo");
+    const Result silent = Run(undo, L"fail|CreateFileW|\\\\.\\VTFltMgr|2|1|2");
+    EXPECT_EQ(EXIT_DRIVER_DOWN, silent.exitCode) << silent.out;
+    EXPECT_NE(std::string::npos, silent.message.find("seems to stand")) << silent.message;
+    EXPECT_EQ(EXIT_OK, Run(undo).exitCode);
+    EXPECT_EQ(EXIT_REFUSED, Backup().exitCode);
+}
+
+// A count that somebody deleted is none that a silent driver left as it was.
+TEST_F(VtBackupUsage, AnUndoWithoutACountHasNothingToTakeBack)
+{
+    ASSERT_EQ(EXIT_OK, Init().exitCode);
+    HKEY key = nullptr;
+    vtfltsim::Check("key", VTFltSimOpenKey(machine.handle(),
+                                           L"SOFTWARE\\Veltrix\\Lumen Protect\\Engine\\VTFltMgr\\"
+                                           L"{533C5B84-EC70-11D2-9505-00C04F79DEAF}",
+                                           KEY_WRITE, &key));
+    EXPECT_EQ(ERROR_SUCCESS, RegDeleteValueW(key, L"SnapshotMonitorCount"));
+    RegCloseKey(key);
+    std::vector<std::wstring> undo = Arguments(L"init");
+    undo.push_back(L"--undo");
+    EXPECT_EQ(EXIT_OK, Run(undo).exitCode);
 }
 
 TEST_F(VtBackupUsage, AnExistingFileIsOnlyOverwrittenOnRequest)

@@ -4,6 +4,7 @@
 #include "console.h"
 #include "cycle.h"
 #include "file.h"
+#include "library.h"
 #include "machine.h"
 #include "report/page.h"
 #include "report_figures.h"
@@ -57,9 +58,19 @@ void SwitchMonitoring(const Machine& machine, const Options& options, bool on)
     // of another application's snapshots.
     if (!on)
         machine.State().NoteMonitoring(options.application, false);
+    const std::vector<std::uint8_t> before = StoredMonitoringCount();
     const DWORD result = on ? VTFltEnableMonitorForSnapshot(nullptr) : VTFltDisableMonitorForSnapshot(nullptr);
-    if ((result == 0) == on)
+    // While the driver is silent the library says 0 and counts nothing. Where nobody ever asked, nothing is taken back.
+    const bool silent = result == 0 && (on || !before.empty()) && StoredMonitoringCount() == before;
+    if ((result == 0) == on && !silent)
         machine.State().NoteMonitoring(options.application, true);
+    if (silent)
+        throw Failure(
+            Exit::DriverDown,
+            on ? "the driver was silent while the tracking of snapshots was asked for, and the request was not "
+                 "counted; run \"vtbackup init\" again"
+               : "the driver was silent while the request for the tracking of snapshots was taken back, so it "
+                 "seems to stand, which costs little; run \"vtbackup init --undo\" again for the rest");
     if (result != 0)
         throw Failure(Exit::Device, fmt::format("switching the tracking of snapshots {} failed: {}", on ? "on" : "off",
                                                 ErrorText(result)));
@@ -128,6 +139,8 @@ Exit Backup(const Options& options)
                        {"backup", ToJson(m)},
                        {"reported", result.notReported.empty()},
                        {"snapshotChanges", result.snapshotChanges}};
+        if (!result.snapshotNote.empty())
+            object["snapshotNote"] = result.snapshotNote;
         if (code != Exit::Ok)
             object["message"] = code == Exit::NotMarked ? notMarked : result.notReported;
         if (m.audit)
@@ -153,6 +166,8 @@ Exit Backup(const Options& options)
         Diagnose(fmt::format("backup {} is stored, but after the loss of tracking that an audit found, not everybody "
                              "knows of it: {}; do not trust an incremental backup of such an application",
                              m.sequence, notMarked));
+    if (!result.snapshotNote.empty())
+        Diagnose(result.snapshotNote);
     if (!result.notReported.empty())
         Diagnose(
             fmt::format("backup {} is stored, but its success was not reported: {}", m.sequence, result.notReported));

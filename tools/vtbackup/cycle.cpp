@@ -86,6 +86,7 @@ private:
     void Audit(const Volume& snapshot, SnapshotWrites& writes);
     void Copy(const Volume& snapshot);
     void HandBackSnapshotChanges(SnapshotWrites& writes, const BitmapManager& manager);
+    void NoteUntracked();
     void NoteSuccess(bool before);
     void Report(const BitmapManager& manager);
     void NotReportable(const std::string& why);
@@ -384,7 +385,7 @@ void Cycle::HandBackSnapshotChanges(SnapshotWrites& writes, const BitmapManager&
     std::string why = writes.Problem();
     if (why.empty() && writes.Untracked()) {
         // Snapshots are not tracked on this machine. This program opens its snapshot for reading only.
-        m_result.snapshotChanges = "untracked";
+        NoteUntracked();
         return;
     }
     if (why.empty() && writes.Blocks().CountBelow(writes.Blocks().Bits()) == 0) {
@@ -409,6 +410,18 @@ void Cycle::HandBackSnapshotChanges(SnapshotWrites& writes, const BitmapManager&
     m_result.snapshotChanges = "failed";
     m_result.manifest.next.push_back(reason::SnapshotChangesLost());
     NotReportable(why);
+}
+
+// init asked once, and would not ask again: what became of that request is another program's doing.
+void Cycle::NoteUntracked()
+{
+    m_result.snapshotChanges = "untracked";
+    if (m_machine.State().AskedForMonitoring(m_application))
+        m_result.snapshotNote = fmt::format(
+            "snapshots are not tracked, although application \"{}\" asked for it: another program ended that, or it "
+            "takes effect with the next restart; \"vtfltctl monitor count\" shows whether VTFlt is among the filters, "
+            "and \"vtfltctl monitor on\" asks again. Until then nobody may write into a snapshot",
+            m_application);
 }
 
 void Cycle::NotReportable(const std::string& why)

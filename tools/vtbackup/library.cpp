@@ -1,5 +1,6 @@
 #include "library.h"
 
+#include "common/registry_value.h"
 #include "failure.h"
 #include "handle.h"
 #include "text.h"
@@ -73,6 +74,14 @@ std::vector<std::wstring> RegisteredApplications()
     if (result != 0)
         Fail("reading the registered applications", result);
     return list;
+}
+
+std::vector<std::uint8_t> StoredMonitoringCount()
+{
+    return toolkit::ReadRegistryValue(L"SOFTWARE\\Veltrix\\Lumen Protect\\Engine\\VTFltMgr\\"
+                                      L"{533C5B84-EC70-11D2-9505-00C04F79DEAF}",
+                                      L"SnapshotMonitorCount")
+        .bytes;
 }
 
 BitmapManager::BitmapManager(const Volume& volume, const VolumeName& name, const std::wstring& application)

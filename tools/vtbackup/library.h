@@ -12,6 +12,10 @@ namespace vtbackup {
 
 std::vector<std::wstring> RegisteredApplications();
 
+// What the registry has for the count of requests for the tracking of snapshots; empty when it has nothing. To be
+// compared with itself: no export says whether a request was counted.
+std::vector<std::uint8_t> StoredMonitoringCount();
+
 // The bitmap manager of one volume for one application, for the time of one backup: a manager serves only the
 // applications that were registered when it was made, so keeping one would withhold changes from later ones.
 class BitmapManager {

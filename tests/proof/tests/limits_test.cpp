@@ -52,6 +52,15 @@ protected:
     {
         vtfltsim::Check("VTFltSimLoseTracking", VTFltSimLoseTracking(machine.handle(), lost.guid.c_str()));
     }
+    bool IsNextSnapshotTracked()
+    {
+        VTFLTSIM_SNAPSHOT_INFO info = {};
+        info.size = sizeof(info);
+        DWORD number = 0;
+        vtfltsim::Check("VTFltSimCreateSnapshot",
+                        VTFltSimCreateSnapshot(machine.handle(), volume.guid.c_str(), &number, &info));
+        return info.tracked != 0;
+    }
     // Something else happens before the nth call of the function on something whose name holds the text.
     template <class Work>
     void Before(const wchar_t* function, const std::wstring& match, DWORD nth, Work& work)
@@ -439,20 +448,25 @@ TEST_F(Limit, TakingAVerifiedVolumeOffTheListLaterTakesANewMarkOff)
 // The requests are counted, and nobody knows whose they are.
 TEST_F(Limit, ARequestTakenBackTwiceEndsTheTrackingOfOtherOnesSnapshots)
 {
-    const auto isNextTracked = [&] {
-        VTFLTSIM_SNAPSHOT_INFO info = {};
-        info.size = sizeof(info);
-        DWORD number = 0;
-        vtfltsim::Check("VTFltSimCreateSnapshot",
-                        VTFltSimCreateSnapshot(machine.handle(), volume.guid.c_str(), &number, &info));
-        return info.tracked != 0;
-    };
     ASSERT_EQ(0u, VTFltEnableMonitorForSnapshot(nullptr)); // one application
     ASSERT_EQ(0u, VTFltEnableMonitorForSnapshot(nullptr)); // and another one
-    EXPECT_TRUE(isNextTracked());
+    EXPECT_TRUE(IsNextSnapshotTracked());
     ASSERT_EQ(0u, VTFltDisableMonitorForSnapshot(nullptr));
     ASSERT_EQ(0u, VTFltDisableMonitorForSnapshot(nullptr)); // the same one again
-    EXPECT_FALSE(isNextTracked());
+    EXPECT_FALSE(IsNextSnapshotTracked());
+}
+
+TEST_F(Limit, ARequestThatASilentDriverDidNotCountTakesBackAnotherOnes)
+{
+    ASSERT_EQ(0u, VTFltEnableMonitorForSnapshot(nullptr)); // another application
+    machine.SetService(VTFLTSIM_SERVICE_ABSENT);
+    VTFltSimFailCall(L"CreateFileW", VTFLTSIM_ENDPOINT_CONTROL, 1, 1, ERROR_ACCESS_DENIED);
+    EXPECT_EQ(0u, VTFltEnableMonitorForSnapshot(nullptr)) << "and nothing is counted";
+    EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
+    ClearFaults();
+    EXPECT_TRUE(IsNextSnapshotTracked());
+    EXPECT_EQ(0u, VTFltDisableMonitorForSnapshot(nullptr));
+    EXPECT_FALSE(IsNextSnapshotTracked());
 }
 
 TEST_F(Limit, ACopyThatIsThrownAwayBehindAFailedReportMayHaveTheOnlyChanges)

@@ -324,12 +324,12 @@ struct Unmap {
 };
 using Pages = std::unique_ptr<std::uint8_t, Unmap>;
 
-Pages NewPages(int flags = 0)
+Pages NewPages(int flags = 0, std::size_t count = FILE_BYTES)
 {
-    void* const pages = mmap(nullptr, FILE_BYTES, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | flags, -1, 0);
+    void* const pages = mmap(nullptr, count, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | flags, -1, 0);
     if (pages == MAP_FAILED)
         std::abort();
-    return Pages(static_cast<std::uint8_t*>(pages), Unmap{});
+    return Pages(static_cast<std::uint8_t*>(pages), Unmap{count});
 }
 
 std::uint8_t* UsedPages()
@@ -441,18 +441,10 @@ void RunFile(benchmark::State& state, FileWork work)
 // As a fetch does it after a volume has grown: the file as it is, and its bits into longer, clear memory.
 constexpr std::size_t GROWN_BYTES = FILE_BYTES + FILE_BYTES / 4;
 
-Pages NewGrownPages()
-{
-    void* const pages = mmap(nullptr, GROWN_BYTES, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (pages == MAP_FAILED)
-        std::abort();
-    return Pages(static_cast<std::uint8_t*>(pages), Unmap{GROWN_BYTES});
-}
-
 Pages GrowByCopy()
 {
     const Pages read = ReadIntoNew();
-    Pages grown = NewGrownPages();
+    Pages grown = NewPages(0, GROWN_BYTES);
     std::memcpy(grown.get(), read.get(), FILE_BYTES);
     return grown;
 }
@@ -460,7 +452,7 @@ Pages GrowByCopy()
 // Who knows the new length beforehand needs no copy.
 Pages GrowBeforeReading()
 {
-    Pages grown = NewGrownPages();
+    Pages grown = NewPages(0, GROWN_BYTES);
     OpenFile().Read(grown.get(), FILE_BYTES);
     return grown;
 }

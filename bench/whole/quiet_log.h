@@ -8,6 +8,8 @@
 #include "log/log.h"
 #include "support/config_names.h"
 
+#include <utility>
+
 namespace bench {
 
 class QuietLog {

@@ -88,7 +88,8 @@ Child::Child(const std::vector<std::wstring>& arguments, const std::wstring& cal
     std::wstring line = CommandLine(arguments);
     std::wstring environment = EnvironmentWith(VTFLTSIM_CALLS_VARIABLE, calls);
     DWORD error = 0;
-    // Under Wine the start of a process fails now and then, once in some hundred: nothing has run yet, so it is tried again.
+    // Under Wine this was seen to fail, twice in some hundred demonstrations, for no known reason. Nothing has run yet, so it is
+    // tried again.
     for (int attempt = 0; attempt < STARTS && process.hProcess == nullptr; ++attempt) {
         if (attempt > 0)
             Sleep(PAUSE_MILLISECONDS);

@@ -165,12 +165,17 @@ std::string World::CheckWatched(std::size_t number, std::size_t volume, bool bas
     const MayBe bits = WhatMayBe(number, volume, base);
     if (!bits.Holds(now.bits) && !(m_watched.torn && bits.HoldsBySectors(now.bits)))
         return wrong(" is neither old nor new nor unusable");
+    const bool own = number == m_watched.operation.application;
     const bool oldBlocks = before.usable && now.blockSize == before.blockSize;
-    if (!oldBlocks && now.blockSize != m_machine->Info(m_volumes[volume]).blockSize)
+    // A file that was damaged behind the fetch is written back from memory, with the blocks that it had then.
+    const bool fromMemory = own && base && !before.usable && Finishes(m_watched.operation.what);
+    if (!oldBlocks && !fromMemory && now.blockSize != m_machine->Info(m_volumes[volume]).blockSize)
         return wrong(" has a block size that is neither old nor new");
-    // What could not be read may have held changes: whoever begins it anew has the volume verified.
-    const bool begunAnew = !before.usable && !Registers(m_watched.operation.what);
-    const bool reported = m_watched.reports && number == m_watched.operation.application && volume == m_watched.volume;
+    // What could not be read may have held changes: whoever begins it anew has the volume verified. A second damage may undo
+    // the first, and a power cut behind it the one or the other.
+    const bool begunAnew =
+        !before.usable && !Registers(m_watched.operation.what) && m_watched.operation.what != Do::Damage;
+    const bool reported = m_watched.reports && own && volume == m_watched.volume;
     if (begunAnew && !reported && !IsListedForResync(m_applications[number].id + L".Last", volume) &&
         ReadFile(number, volume, !base).usable)
         return wrong(" was unusable and is begun anew, and nobody has to verify");
@@ -207,14 +212,19 @@ MayBe World::WhatMayBe(std::size_t number, std::size_t volume, bool base) const
         return bits;
     if (Fetches(operation.what)) {
         // Who asks again at once finds unusable what the first failure left, and begins it anew; the next one stops that. The
-        // volume is marked, or, where it cannot be, the child is deleted: a verify by itself.
+        // volume is marked, or, where it cannot be, the child is deleted: a verify by itself. What was begun anew may be the
+        // child alone: its old bits are lost to the base then.
         const Application& application = m_applications[number];
-        if (own && base && application.asksAgain == AGAIN_AT_ONCE && !operation.faults.empty() &&
-            (IsListedForResync(application.id + L".Last", volume) || !ReadFile(number, volume, false).usable))
+        const bool begunAnew =
+            own && base && application.asksAgain == AGAIN_AT_ONCE && !operation.faults.empty() &&
+            (IsListedForResync(application.id + L".Last", volume) || !ReadFile(number, volume, false).usable);
+        if (begunAnew)
             bits.Add({});
         if (own || !base)
             bits.AddCut(m_watched.bitmapBytes);
         for (const Bits& handedOut : m_watched.driver) {
+            if (begunAnew)
+                bits.AddWith(handedOut);
             if (own && base)
                 bits.AddWith(Either(Cut(files[0].bits, m_watched.bitmapBytes), handedOut));
             else if (!own && !base)

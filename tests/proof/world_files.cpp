@@ -155,6 +155,11 @@ std::string World::CheckWatched(std::size_t number, std::size_t volume, bool bas
         Count(&Verdicts::unusable);
     if (!now.usable || now == before)
         return {};
+    // A power cut behind the second damage of a file may undo the first, too: none of it is the library's.
+    const Operation& operation = m_watched.operation;
+    const bool own = number == operation.application;
+    if (operation.what == Do::Damage && own && volume == operation.volume && base == (operation.a != 0))
+        return {};
     const auto wrong = [&](const char* what) {
         return std::string(base ? "the base" : "the child") + " of application " + std::to_string(number) +
                " on volume " + std::to_string(volume) + what;
@@ -165,16 +170,13 @@ std::string World::CheckWatched(std::size_t number, std::size_t volume, bool bas
     const MayBe bits = WhatMayBe(number, volume, base);
     if (!bits.Holds(now.bits) && !(m_watched.torn && bits.HoldsBySectors(now.bits)))
         return wrong(" is neither old nor new nor unusable");
-    const bool own = number == m_watched.operation.application;
     const bool oldBlocks = before.usable && now.blockSize == before.blockSize;
     // A file that was damaged behind the fetch is written back from memory, with the blocks that it had then.
-    const bool fromMemory = own && base && !before.usable && Finishes(m_watched.operation.what);
+    const bool fromMemory = own && base && !before.usable && Finishes(operation.what);
     if (!oldBlocks && !fromMemory && now.blockSize != m_machine->Info(m_volumes[volume]).blockSize)
         return wrong(" has a block size that is neither old nor new");
-    // What could not be read may have held changes: whoever begins it anew has the volume verified. A second damage may undo
-    // the first, and a power cut behind it the one or the other.
-    const bool begunAnew =
-        !before.usable && !Registers(m_watched.operation.what) && m_watched.operation.what != Do::Damage;
+    // What could not be read may have held changes: whoever begins it anew has the volume verified.
+    const bool begunAnew = !before.usable && !Registers(operation.what);
     const bool reported = m_watched.reports && own && volume == m_watched.volume;
     if (begunAnew && !reported && !IsListedForResync(m_applications[number].id + L".Last", volume) &&
         ReadFile(number, volume, !base).usable)

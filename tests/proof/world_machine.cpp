@@ -63,11 +63,11 @@ void World::Damage(const Operation& operation)
     case 2:
         bytes.resize(HEADER_BYTES);
         break;
-    case 3:
-        bytes[0] ^= 0x20;
+    case 3: // of the signature, and of the trailer: done twice it is not undone
+        bytes[0] |= 0x20;
         break;
     case 4:
-        bytes.back() ^= 0x01;
+        bytes.back() &= 0xFE;
         break;
     default:
         m_mayBeCutShort = true;

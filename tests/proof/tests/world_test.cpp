@@ -243,8 +243,12 @@ TEST(World, TakesWhatMayBeOfTheFilesForNoBreak)
     // The child that is begun anew had a change of another application's fetch; the mark makes good for it.
     EXPECT_EQ("", RunText("machine 88:1024; register 0; register 1; asks-again 0 0 2; write 0 0 8; backup 1 0; "
                           "block-size 1 0 512; write 0 0 281; begin 0 0; fetch 0 0 0 0 !fail 19 32"));
-    // The second damage undoes the first.
-    EXPECT_EQ("", RunText("machine 103:4096; register 0; damage 0 0 0 4; damage 0 0 0 4; power-cut 1 0 1"));
+    // The cut undoes both damages.
+    for (const char* how : {"3", "4"}) {
+        const std::string damage = std::string("damage 0 0 0 ") + how;
+        EXPECT_EQ("",
+                  RunText("machine 186:512; register 0; backup 0 0; " + damage + "; " + damage + "; power-cut 1 0 1"));
+    }
     // The base is written back from memory.
     EXPECT_EQ("", RunText("machine 388:512; register 0; block-size 1 0 4096; begin 0 0; fetch 0 0; damage 0 0 1 2; "
                           "finish 0 0 0 0 !die-in-write 6 3840"));

@@ -9,6 +9,8 @@
  *
  *     VTCanAppUseBLIDriver(app);                       // 0: see VTRegisterApplication
  *     VTReplicateVerifyList(app);                      // collect the volumes that lost tracking
+ *     VTCanBLIDriverWork();                            // 0: the driver was silent, and nothing may have been collected
+ *     VTReplicateVerifyList(app);                      // again: what a silence made the first one miss
  *     verify = VTIsVerifyRequired(app, volume);        // 1: read the whole volume this time
  *     h = CreateFileW(volume without its trailing backslash, ...);
  *     VTFltInitBitmapManager(h, volume, app);
@@ -17,6 +19,8 @@
  *     ... take the snapshot ...
  *     VTFltGetBitmap(h, in, inLength, out, outLength, &size, 0);  // 0x10001: read the whole volume
  *     VTReplicateVerifyList(app);                      // once more: tracking may have been lost since the first time
+ *     VTCanBLIDriverWork();                            // 0: as if VTIsVerifyRequired gave 1
+ *     VTReplicateVerifyList(app);
  *     VTIsVerifyRequired(app, volume);                 // 1: read the whole volume now and next time
  *     VTFltGetBlockSize(h, &blockSize, 0);             // it or the length changed: read the whole volume now and next time
  *     ... copy the changed blocks (or everything) from the snapshot, make the copy durable ...
@@ -128,7 +132,14 @@ VTFLTMGR_API DWORD WINAPI VTFltDeinitBitmapManager(HANDLE volume);
 VTFLTMGR_API DWORD WINAPI VTFltGetBlockSize(HANDLE volume, DWORD* blockSize, DWORD direct);
 
 /*
- * Tells the driver that a snapshot of the volume is about to be taken. Call it right before the snapshot.
+ * Tells the driver that a snapshot of the volume is about to be taken. Call it right before the snapshot: the driver takes
+ * the volume's first snapshot after this call for the announced one, also one that another program takes without a word.
+ * What is written between that one and the application's own is missing in this backup; the next one has it. Announce each
+ * attempt where a snapshot may take several (rule 19 in docs/library.md).
+ *
+ * From before this call to the report of success let nobody back up this volume, with whatever application or program: another
+ * snapshot or fetch moves later writes into this bitmap (rule 3). Nor may this application back up another volume meanwhile:
+ * the two overwrite each other's marks (rule 4).
  * Results: 0; 87 (bad or unknown handle); 0x10005; else the driver's error.
  */
 VTFLTMGR_API DWORD WINAPI VTFltPrepareForSnapshot(HANDLE volume);
@@ -191,12 +202,17 @@ VTFLTMGR_API DWORD WINAPI VTFltReplicationSuccess(HANDLE volume);
 
 /*
  * Registers an application and gives it fresh bitmaps on every fixed volume. Registering twice is no error
- * and changes nothing for as long as the list of applications still has the ID. IDs are case-sensitive; avoid
- * an ID that is the tail of another one, contains "*" or ends in ".Last": such IDs share lists or files.
+ * and changes nothing for as long as the list of applications still has the ID.
+ *
+ * IDs are compared exactly, but the names of the files that are named after them know no case: two IDs that are equal but
+ * for case are two applications with the same files, which they clear for each other. So choose IDs that differ in more than case, none of which is the tail of
+ * another one, contains "*" or ends in ".Last", and that have at most 179 characters. The paths of files are cut at 259
+ * characters: IDs that agree in their first 184 share them, and so does one of 180 with a longer one that goes on with
+ * ".dat". With more than 213 characters the names of its lists' mutexes are too long, and what needs these fails (0x10005).
  *
  * Not to be called before each backup, "to be sure": when the list was lost or emptied meanwhile, this call
  * drops every change that was owed to the application and marks no volume, and what another application
- * fetched before it never reached this one. An incremental backup behind that misses changes, and nothing says
+ * fetched before it never reached this one. An incremental backup after that misses changes, and nothing says
  * so. (Only a list that cannot be read has every volume marked first.) So ask first, with VTCanAppUseBLIDriver.
  * An application that may have been registered before, and is not now, reads the whole of every volume at the next backup
  * of it. Either it notes that for itself, or it has the volumes marked before it registers: VTAddVolumesToAppVerifyList, which
@@ -232,7 +248,9 @@ VTFLTMGR_API DWORD WINAPI VTGetRegisteredAppCount(DWORD* count);
  * Moves the driver's list of volumes that lost tracking to the applications, and what is pending for this
  * application to its verify list. Call it before VTIsVerifyRequired. Gated.
  * Results: 0; 87 (empty ID); 0x10009 (not registered); 0x10005; 13 (a list is malformed); else the
- * registry's error. 0 is also the answer when the driver is not installed or not working.
+ * registry's error. 0 is also the answer when the driver is not installed or not working, and then nothing was moved. So
+ * call it twice, with VTCanBLIDriverWork giving 1 in between. To ask that afterwards does not tell: a driver that was silent
+ * for one call answers the next.
  */
 VTFLTMGR_API DWORD WINAPI VTReplicateVerifyList(LPCWSTR applicationId);
 
@@ -275,7 +293,8 @@ VTFLTMGR_API DWORD WINAPI VTCanBLIDriverWork(void);
 /*
  * Asks for tracking of a device class (null: the class of volume snapshots) and counts the request. Gated.
  *   classKeyPath  class key below HKEY_LOCAL_MACHINE; a trailing backslash is allowed
- * Results: 0 (also when the driver does not work); 87 (empty path); 13 (the count is no number); 206 (the class's own name,
+ * Results: 0 (also when the driver does not work, and then nothing was counted: only SnapshotMonitorCount in the registry
+ * tells, see docs/formats.md); 87 (empty path); 13 (the count is no number); 206 (the class's own name,
  * the path's last part, is too long); else an error of the mutex (0xFFFFFFFF when the wait for it fails) or the registry,
  * with the count as it was. Waits without limit for other users of the same class.
  */

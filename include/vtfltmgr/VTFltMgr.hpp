@@ -6,6 +6,8 @@
 //     ... vtfltmgr::CanApplicationUseDriver(app), else register it: see RegisterApplication ...
 //     const std::wstring volumeName = vtfltmgr::VolumeNameOf(L"E:\\");
 //     vtfltmgr::Result result = vtfltmgr::ReplicateVerifyList(app);
+//     ... no backup unless vtfltmgr::CanDriverWork(): while the driver is silent nothing is collected, with success ...
+//     result = vtfltmgr::ReplicateVerifyList(app);            // again: what a silence made the first one miss
 //     bool everything = vtfltmgr::IsVerifyRequired(app, volumeName);
 //     vtfltmgr::BitmapManager manager;
 //     result = manager.Open(volume, volumeName, app);
@@ -14,8 +16,8 @@
 //     vtfltmgr::ChangeMap changes;
 //     result = manager.Fetch(changes);                        // sizes are negotiated
 //     everything = everything || result.IsVerifyRequired();
-//     ... ReplicateVerifyList and IsVerifyRequired once more, block size and length compared with those of the last
-//         backup before the snapshot and here: a yes or a change now means everything, now and next time ...
+//     ... the same questions once more, block size and length compared with those of the last backup before the snapshot
+//         and here: a yes, a silent driver or a change now means everything, now and next time ...
 //     for (const vtfltmgr::Extent& extent : changes.Extents(blocks))
 //         ... copy extent.count blocks from extent.first on ...
 //     vtfltmgr::ChangeMap written;                            // what the snapshot itself changed
@@ -371,7 +373,8 @@ inline Result UnregisterApplication(const std::wstring& applicationId)
     return Result(VTUnregisterApplication(applicationId.c_str()));
 }
 
-// Collects the volumes that lost tracking. Before IsVerifyRequired, each time.
+// Collects the volumes that lost tracking. Before IsVerifyRequired, each time, and twice, with CanDriverWork saying yes in
+// between: while the driver is silent this is a success that collects nothing.
 inline Result ReplicateVerifyList(const std::wstring& applicationId)
 {
     return Result(VTReplicateVerifyList(applicationId.c_str()));

@@ -205,10 +205,11 @@ VTFLTMGR_API DWORD WINAPI VTFltReplicationSuccess(HANDLE volume);
  * and changes nothing for as long as the list of applications still has the ID.
  *
  * IDs are compared exactly, but the names of the files that are named after them know no case: two IDs that are equal but
- * for case are two applications with the same files, which they clear for each other. So choose IDs that differ in more than case, none of which is the tail of
- * another one, contains "*" or ends in ".Last", and that have at most 179 characters. The paths of files are cut at 259
- * characters: IDs that agree in their first 184 share them, and so does one of 180 with a longer one that goes on with
- * ".dat". With more than 213 characters the names of its lists' mutexes are too long, and what needs these fails (0x10005).
+ * for case are two applications with the same files, which they clear for each other. So choose IDs that differ in more
+ * than case, none of which is the tail of another one, contains "*" or ends in ".Last", and that have at most 179
+ * characters. The paths of files are cut at 259 characters: IDs that agree in their first 184 share them, and so does one
+ * of 180 with a longer one that goes on with ".dat". With more than 213 characters the names of its lists' mutexes are too
+ * long, and what needs these fails (0x10005).
  *
  * Not to be called before each backup, "to be sure": when the list was lost or emptied meanwhile, this call
  * drops every change that was owed to the application and marks no volume, and what another application

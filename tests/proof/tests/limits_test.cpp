@@ -414,8 +414,6 @@ TEST_F(Limit, AManagerLeftUnderAHandlesValueServesTheVolumeThatTheValueComesBack
     EXPECT_TRUE(IsLost(APP1, 5));
 }
 
-// The base is empty on the disk already, and the last step behind that fails. Who takes the copy for a bad one, and keeps
-// the one before it, asks for the next bitmap in vain.
 TEST_F(Limit, ASecondApplicationOnAHandleHasTheManagerOfTheFirst)
 {
     Register(APP1);
@@ -469,6 +467,8 @@ TEST_F(Limit, ARequestThatASilentDriverDidNotCountTakesBackAnotherOnes)
     EXPECT_FALSE(IsNextSnapshotTracked());
 }
 
+// The base is empty on the disk already, and the last step behind that fails. Who takes the copy for a bad one, and keeps
+// the one before it, asks for the next bitmap in vain.
 TEST_F(Limit, ACopyThatIsThrownAwayBehindAFailedReportMayHaveTheOnlyChanges)
 {
     Register(APP1);

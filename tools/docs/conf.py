@@ -1,6 +1,7 @@
 """How Sphinx makes the documentation site of docs/: ./dev docs.
 
-The pages are Markdown that reads well as it is. What a page asks for in a comment is put in its place here:
+The pages are Markdown that reads well as it is. What a page asks for in a comment is put in its place here; beside each
+such comment stands a link to it, for who reads the page as it is:
 
     <!-- reference: ../include/vtfltmgr/VTFltMgr.h -->    the reference of a header, from its comments
     <!-- page: ../CHANGELOG.md -->                         another Markdown file, without its title

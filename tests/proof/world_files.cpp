@@ -167,8 +167,10 @@ std::string World::CheckWatched(std::size_t number, std::size_t volume, bool bas
     // Behind a torn write that was cut one sector is old, new or both.
     if (m_watched.torn && (IsCutFile(number, volume, base, false) || IsCutFile(number, volume, base, true)))
         return {};
-    const MayBe bits = WhatMayBe(number, volume, base);
-    if (!bits.Holds(now.bits) && !(m_watched.torn && bits.HoldsBySectors(now.bits)))
+    MayBe bits = WhatMayBe(number, volume, base);
+    const bool asWritten = bits.Holds(now.bits);
+    bits.Add({}); // what a sector of it has that is emptied, to be written anew, when the power goes
+    if (!asWritten && !(m_watched.torn && bits.HoldsBySectors(now.bits)))
         return wrong(" is neither old nor new nor unusable");
     const bool oldBlocks = before.usable && now.blockSize == before.blockSize;
     // A file that was damaged behind the fetch is written back from memory, with the blocks that it had then.

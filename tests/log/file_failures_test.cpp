@@ -26,6 +26,33 @@ protected:
     {
         Check("VTFltSimFailCall", VTFltSimFailCall(function, match, nth, count, error));
     }
+    // The next CreateFileW gives this handle.
+    static void OpenInstead(HANDLE handle)
+    {
+        VTFLTSIM_CALL_FAULT fault = {};
+        fault.size = sizeof(fault);
+        fault.what = VTFLTSIM_CALL_RETURNS;
+        fault.function = L"CreateFileW";
+        fault.count = 1;
+        fault.value = reinterpret_cast<ULONG_PTR>(handle);
+        Check("VTFltSimSetCallFault", VTFltSimSetCallFault(&fault));
+    }
+    // Starts the output so that its file gets a handle whose value the case knows.
+    void StartWithKnownHandle()
+    {
+        Start(m_path);
+        m_handle = CreateFileW(m_path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                               nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+        ASSERT_TRUE(m_handle != INVALID_HANDLE_VALUE);
+        OpenInstead(m_handle);
+    }
+    // The same, and the file has its first record.
+    void StartOpenWithKnownHandle()
+    {
+        StartWithKnownHandle();
+        Write(L"first");
+        ClearTrace();
+    }
     static void ForceWait(DWORD result, const std::wstring& mutex)
     {
         VTFLTSIM_CALL_FAULT fault = {};
@@ -48,21 +75,11 @@ protected:
             shown += Narrow(line) + "\n";
         EXPECT_TRUE(traced == expected) << "traced:\n" << shown;
     }
-    // The "[%d]File=%s" of a line that reports a write: the value of the file's handle is not known here.
-    static std::wstring WithoutHandle(std::wstring line)
-    {
-        const std::size_t end = line.find(L"]File=");
-        const std::size_t begin = line.rfind(L'[', end);
-        if (end == std::wstring::npos || line.find_first_not_of(L"0123456789", begin + 1) != end || end == begin + 1)
-            return line;
-        return line.replace(begin + 1, end - begin - 1, L"handle");
-    }
+    // One line, which names the handle of the file and its path.
     void ExpectWriteTrace(const std::wstring& what, DWORD error)
     {
-        const std::vector<std::wstring> traced = TraceLines();
-        ASSERT_EQ(1u, traced.size());
-        EXPECT_EQ(Narrow(TraceLine(what + L" ERR=" + WideNumber(error) + L", [handle]File=" + m_path + L"\r\n")),
-                  Narrow(WithoutHandle(traced[0])));
+        const std::wstring handle = WideNumber(reinterpret_cast<ULONG_PTR>(m_handle));
+        ExpectTrace({what + L" ERR=" + WideNumber(error) + L", [" + handle + L"]File=" + m_path + L"\r\n"});
     }
     // The name of the file's mutex, of a path without other letters than ASCII ones.
     static std::wstring MutexName(std::wstring path)
@@ -74,6 +91,7 @@ protected:
     }
 
     std::wstring m_path = File(L"Test.LOG");
+    HANDLE m_handle = nullptr; // the output's, where a case started it so
 };
 
 struct Part {
@@ -91,7 +109,7 @@ TEST_F(FileFailures, EachPartOfARecordIsAWriteOfItsOwnAndAFailedOneDoesNotTakeTh
         {3, L"Failed to Write log tail.", header + L"text\r\n"},
         {4, L"Failed to Write [rn].", header + L"text" + Tail()},
     };
-    StartOpen();
+    StartOpenWithKnownHandle();
     for (const Part& part : parts) {
         const std::size_t before = WideFileText(m_path).size();
         Fail(L"WriteFile", ERROR_DISK_FULL, part.nth);
@@ -106,11 +124,10 @@ TEST_F(FileFailures, EachPartOfARecordIsAWriteOfItsOwnAndAFailedOneDoesNotTakeTh
 TEST_F(FileFailures, TheFourPartsOfANarrowRecordFailAsTheWideOnesDo)
 {
     MakeFile(m_path, "...");
-    Start(m_path);
-    Write(L"first");
+    StartOpenWithKnownHandle();
+    DWORD nth = 0;
     for (const wchar_t* const what : {L"Failed to Write log header.", L"Failed to Write log message.",
                                       L"Failed to Write log tail.", L"Failed to Write [rn]."}) {
-        static DWORD nth = 0;
         ClearTrace();
         Fail(L"WriteFile", ERROR_DISK_FULL, ++nth);
         m_output->WriteLogA(2, 0, "text");
@@ -164,7 +181,7 @@ TEST_F(FileFailures, ADiskThatIsFullFromTheStartLeavesAnEmptyFileThatTheNextReco
 
 TEST_F(FileFailures, AFailedMoveToTheEndSkipsTheWholeRecord)
 {
-    StartOpen();
+    StartOpenWithKnownHandle();
     VTFltSimResetCounts();
     Fail(L"SetFilePointerEx", ERROR_NEGATIVE_SEEK, 2); // the first goes to the mark
     Write(L"skipped");
@@ -459,9 +476,7 @@ TEST_F(FileFailures, ABlockThatCannotBeHadLeavesPathAndThresholdAsTheyAre)
 TEST_F(FileFailures, AFailedMoveToTheEndSkipsANarrowRecordToo)
 {
     MakeFile(m_path, "narrow\r\n");
-    Start(m_path);
-    Write(L"first");
-    ClearTrace();
+    StartOpenWithKnownHandle();
     const LONGLONG before = SizeOf(m_path);
     Fail(L"SetFilePointerEx", ERROR_NEGATIVE_SEEK, 2);
     Write(L"skipped");
@@ -472,7 +487,7 @@ TEST_F(FileFailures, AFailedMoveToTheEndSkipsANarrowRecordToo)
 
 TEST_F(FileFailures, AFailedMoveToTheEndLeavesTheSummaryOutAndNotTheRecord)
 {
-    Start(m_path);
+    StartWithKnownHandle();
     Fail(L"SetFilePointerEx", ERROR_NEGATIVE_SEEK, 2); // behind the one that writes the mark
     Write(L"text");
     VTFltSimClearCallFaults();
@@ -520,18 +535,6 @@ TEST_F(FileFailures, AFileWhoseSizeCannotBeHadGetsNeitherMarkNorSummary)
     VTFltSimClearCallFaults();
     Write(L"third");
     EXPECT_TRUE(Texts(m_path) == (std::vector<std::wstring>{L"first", L"second", L"third"}));
-}
-
-// The next CreateFileW gives this handle.
-void OpenInstead(HANDLE handle)
-{
-    VTFLTSIM_CALL_FAULT fault = {};
-    fault.size = sizeof(fault);
-    fault.what = VTFLTSIM_CALL_RETURNS;
-    fault.function = L"CreateFileW";
-    fault.count = 1;
-    fault.value = reinterpret_cast<ULONG_PTR>(handle);
-    Check("VTFltSimSetCallFault", VTFltSimSetCallFault(&fault));
 }
 
 TEST_F(FileFailures, AnEmptyPathWhoseFileOpensAllTheSameHasNoMutex)

@@ -1,5 +1,6 @@
 // What stands in a log file: a fresh one to the byte, and every form of a record, wide and narrow.
 #include "log_file_test.h"
+#include "vtfltsim/VTFltSimTrace.h"
 
 #include <cstring>
 
@@ -250,6 +251,27 @@ TEST_F(FileOutput, TheFileStaysOpenAndOthersMayReadAndWriteIt)
     EXPECT_FALSE(alone.valid());
     Write(L"second");
     EXPECT_TRUE(Texts(m_path) == (std::vector<std::wstring>{L"first", L"second"}));
+}
+
+// Anonymously: another program may have given the path, and who listens there must not act in this process's name.
+TEST_F(FileOutput, TheFileIsOpenedOrMadeForASequentialScanAndAnonymously)
+{
+    Start(m_path);
+    VTFltSimRecord(1);
+    Write(L"m");
+    VTFltSimRecord(0);
+    std::vector<std::wstring> asked;
+    wchar_t text[1024] = {};
+    for (DWORD i = 0; VTFltSimGetTrace(i, text, 1024) == 0; ++i) {
+        if (text != L"CreateFileW " + m_path)
+            continue;
+        EXPECT_EQ(0u, VTFltSimGetTraceArguments(i, text, 1024));
+        asked.emplace_back(text);
+    }
+    ASSERT_EQ(1u, asked.size());
+    static_assert(FILE_FLAG_SEQUENTIAL_SCAN == 0x08000000 &&
+                  (SECURITY_SQOS_PRESENT | SECURITY_ANONYMOUS) == 0x00100000);
+    EXPECT_EQ("access 0xC0000000|share 3|disposition 4|flags 0x08100000|security 1", Narrow(asked[0]));
 }
 
 TEST_F(FileOutput, TheDestructorClosesFileAndMutex)

@@ -28,13 +28,14 @@ protected:
         m_folder = std::wstring(temp) + L"VTFltMgr-log-load";
         m_library = m_folder + L"\\VTFltMgr.dll";
         m_log = m_folder + L"\\Logs\\VTFltMgr.dll.Log";
+        m_processLog = m_folder + L"\\process.log";
         CreateDirectoryW(m_folder.c_str(), nullptr);
         DeleteFileW(m_log.c_str());
         wchar_t self[MAX_PATH] = {};
         GetModuleFileNameW(nullptr, self, MAX_PATH);
-        const std::wstring program = self;
-        ASSERT_TRUE(CopyFileW((program.substr(0, program.rfind(L'\\') + 1) + L"VTFltMgr.dll").c_str(),
-                              m_library.c_str(), FALSE));
+        m_programFolder = self;
+        m_programFolder.resize(m_programFolder.rfind(L'\\'));
+        ASSERT_TRUE(CopyFileW((m_programFolder + L"\\VTFltMgr.dll").c_str(), m_library.c_str(), FALSE));
         // The engine's folder contains the library: its logs lie below it.
         SetText(L"InstallPath", L"Path", m_folder);
     }
@@ -43,6 +44,7 @@ protected:
         EXPECT_FALSE(HasConfiguration());
         EXPECT_TRUE(DeleteFileW(m_library.c_str())) << "the library is still loaded";
         DeleteFileW(m_log.c_str());
+        DeleteFileW(m_processLog.c_str());
         RemoveDirectoryW((m_folder + L"\\Logs").c_str());
         RemoveDirectoryW(m_folder.c_str());
     }
@@ -73,10 +75,45 @@ protected:
         const UniqueHandle local(OpenFileMappingW(FILE_MAP_READ, FALSE, ConfigName(CONFIG_LOCAL_MAPPING).c_str()));
         return mutex || global || local;
     }
-    std::wstring LogText() const
+    // The log file that the library's entry names.
+    static std::wstring EntryPath()
+    {
+        const UniqueHandle mapping(OpenFileMappingW(FILE_MAP_READ, FALSE, ConfigName(CONFIG_MAPPING).c_str()));
+        const vtflt::UniqueView view(MapViewOfFile(mapping.get(), FILE_MAP_READ, 0, 0, 0));
+        if (!view)
+            return L"(no block)";
+        const auto& entry = static_cast<const vtflt::LogCfgBlock*>(view.get())->modules[0];
+        EXPECT_TRUE(vtflt::FieldText(entry.name) == L"VTFltMgr.dll");
+        return std::wstring(vtflt::FieldText(entry.path));
+    }
+    // Gives the whole process a log file, as a program that edits the configuration does.
+    static void SetProcessPath(const std::wstring& path)
+    {
+        const UniqueHandle mutex(OpenMutexW(SYNCHRONIZE, FALSE, ConfigName(CONFIG_MUTEX).c_str()));
+        const UniqueHandle mapping(OpenFileMappingW(FILE_MAP_WRITE, FALSE, ConfigName(CONFIG_MAPPING).c_str()));
+        const vtflt::UniqueView view(MapViewOfFile(mapping.get(), FILE_MAP_WRITE, 0, 0, 0));
+        ASSERT_TRUE(view.valid());
+        ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(mutex.get(), INFINITE));
+        vtflt::CopyText(static_cast<vtflt::LogCfgBlock*>(view.get())->path, path);
+        EXPECT_TRUE(ReleaseMutex(mutex.get()));
+    }
+    // Loads the library, gives the process its log file and logs one record, with these names in the list of those that
+    // ignore that file.
+    void LogBesideAProcessPath(const std::wstring& disabled)
+    {
+        SetText(L"Debug", L"DisableGlobalOption", disabled);
+        const HMODULE library = Load();
+        ASSERT_NE(nullptr, library);
+        SetProcessPath(m_processLog);
+        LogRecord(library, 0x99);
+        EXPECT_TRUE(FreeLibrary(library));
+    }
+    static bool IsFile(const std::wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
+    std::wstring LogText() const { return TextOf(m_log); }
+    static std::wstring TextOf(const std::wstring& path)
     {
         // Alone: nobody else has it open.
-        const UniqueHandle file(CreateFileW(m_log.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+        const UniqueHandle file(CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
         EXPECT_TRUE(file.valid());
         LARGE_INTEGER size = {};
         GetFileSizeEx(file.get(), &size);
@@ -94,9 +131,11 @@ protected:
     }
 
     RegistrySandbox m_registry;
+    std::wstring m_programFolder;
     std::wstring m_folder;
     std::wstring m_library;
     std::wstring m_log;
+    std::wstring m_processLog;
 };
 
 TEST_F(LogLoad, TheConfigurationIsThereFromLoadToUnload)
@@ -105,18 +144,44 @@ TEST_F(LogLoad, TheConfigurationIsThereFromLoadToUnload)
     const HMODULE library = Load();
     ASSERT_NE(nullptr, library);
     EXPECT_TRUE(UniqueHandle(OpenMutexW(SYNCHRONIZE, FALSE, ConfigName(CONFIG_MUTEX).c_str())).valid());
-    {
-        const UniqueHandle mapping(OpenFileMappingW(FILE_MAP_READ, FALSE, ConfigName(CONFIG_MAPPING).c_str()));
-        const vtflt::UniqueView view(MapViewOfFile(mapping.get(), FILE_MAP_READ, 0, 0, 0));
-        ASSERT_TRUE(view.valid());
-        const auto& block = *static_cast<const vtflt::LogCfgBlock*>(view.get());
-        EXPECT_TRUE(vtflt::FieldText(block.modules[0].name) == L"VTFltMgr.dll");
-        EXPECT_TRUE(vtflt::FieldText(block.modules[0].path) == m_log)
-            << Narrow(vtflt::FieldText(block.modules[0].path));
-    }
+    EXPECT_EQ(Narrow(m_log), Narrow(EntryPath()));
     EXPECT_EQ(INVALID_FILE_ATTRIBUTES, GetFileAttributesW(m_log.c_str())) << "the first record makes the file";
     EXPECT_TRUE(FreeLibrary(library));
     EXPECT_FALSE(HasConfiguration());
+}
+
+TEST_F(LogLoad, WhereTheProductIsNotInstalledTheLogLiesBesideTheProgramAndNotBesideTheLibrary)
+{
+    RegDeleteTreeW(m_registry.Open(L"SOFTWARE").get(), nullptr);
+    const HMODULE library = Load();
+    ASSERT_NE(nullptr, library);
+    EXPECT_EQ(Narrow(m_programFolder + L"\\Logs\\VTFltMgr.dll.Log"), Narrow(EntryPath()));
+    EXPECT_TRUE(FreeLibrary(library));
+}
+
+TEST_F(LogLoad, OnWinPETheLogLiesBesideTheProgramAndNotBesideTheLibrary)
+{
+    const std::wstring commandLine = L"winpeshl.exe";
+    const auto* const bytes = reinterpret_cast<const std::uint8_t*>(commandLine.c_str());
+    m_registry.Set(L"SYSTEM\\Setup", L"CmdLine", REG_SZ, {bytes, bytes + (commandLine.size() + 1) * sizeof(wchar_t)});
+    const HMODULE library = Load();
+    ASSERT_NE(nullptr, library);
+    EXPECT_EQ(Narrow(m_programFolder + L"\\Log\\VTFltMgr.dll.Log"), Narrow(EntryPath()));
+    EXPECT_TRUE(FreeLibrary(library));
+}
+
+TEST_F(LogLoad, AProgramThatIsNamedInDisableGlobalOptionKeepsItsFile)
+{
+    LogBesideAProcessPath(L"other.exe LOAD_tests.exe");
+    EXPECT_EQ(1u, Count(LogText(), L"Handle 0X99 not found"));
+    EXPECT_FALSE(IsFile(m_processLog));
+}
+
+TEST_F(LogLoad, TheLibrarysNameInDisableGlobalOptionKeepsNothing)
+{
+    LogBesideAProcessPath(L"VTFltMgr.dll");
+    EXPECT_EQ(1u, Count(TextOf(m_processLog), L"Handle 0X99 not found"));
+    EXPECT_FALSE(IsFile(m_log));
 }
 
 TEST_F(LogLoad, ARecordNamesTheProgramAndTheLibraryAndTheUnloadClosesTheFile)

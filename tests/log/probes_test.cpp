@@ -198,12 +198,14 @@ TEST_F(Probes, AFolderOfALongerNameThatBeginsAlikeCountsAsInside)
 
 TEST_F(Probes, WithoutAComponentTheFolderIsLogsBesideTheExecutable)
 {
-    InstallEngineHere();
+    const Elsewhere module(L"C:\\Lumen\\x.dll");
+    SetText(std::wstring(ENGINE) + L"\\InstallPath", L"Path", L"C:\\Lumen");
     EXPECT_TRUE(Folder(0) == ProgramFolder() + L"\\Logs\\");
 }
 
 TEST_F(Probes, OnWinPETheFolderIsLogBesideTheExecutable)
 {
+    const Elsewhere module(L"C:\\Lumen\\x.dll");
     EXPECT_TRUE(Folder(8) == ProgramFolder() + L"\\Log\\");
 }
 
@@ -218,6 +220,7 @@ TEST_F(Probes, TheFolderIsLogsBelowTheFirstInstallPathThatContainsTheModule)
 
 TEST_F(Probes, WhereNoInstallPathContainsTheModuleTheFolderIsBesideTheExecutable)
 {
+    const Elsewhere module(L"C:\\Lumen\\x.dll");
     SetText(MANAGEMENT, L"Path", L"Q:\\elsewhere");
     EXPECT_TRUE(Folder(6) == ProgramFolder() + L"\\Logs\\");
 }

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+
 namespace {
 
 using namespace vtlog;
@@ -84,10 +86,59 @@ TEST(VisibleText, WhatATerminalWouldActOnIsWrittenOut)
     EXPECT_TRUE(VisibleText(L"exe.\x202egpj", L"|") == L"exe.\\u202egpj");
 }
 
+std::wstring Utf16(int code)
+{
+    auto character = static_cast<char32_t>(code);
+    if (character < 0x10000)
+        return {static_cast<wchar_t>(character)};
+    character -= 0x10000;
+    return {static_cast<wchar_t>(0xD800 + (character >> 10)), static_cast<wchar_t>(0xDC00 + (character & 0x3FF))};
+}
+
+TEST(VisibleText, WhatWouldNotBeSeenIsWrittenOut)
+{
+    for (const int hidden :
+         {0xAD,    0x34F,   0x61C,   0x115F,  0x1160,  0x17B4,  0x17B5,  0x180B,  0x180E,  0x180F,
+          0x200B,  0x200F,  0x2028,  0x202A,  0x202E,  0x2060,  0x2061,  0x2064,  0x2066,  0x2069,
+          0x206A,  0x206F,  0x3164,  0xFE00,  0xFE0F,  0xFEFF,  0xFFA0,  0xFFF0,  0xFFF9,  0xFFFB,
+          0x1BCA0, 0x1BCA3, 0x1D173, 0x1D17A, 0xE0000, 0xE0001, 0xE0020, 0xE007F, 0xE0100, 0xE0FFF}) {
+        char expected[16] = {};
+        std::snprintf(expected, sizeof(expected),
+                      hidden < 0x100     ? "\\x%02x"
+                      : hidden < 0x10000 ? "\\u%04x"
+                                         : "\\U%08x",
+                      static_cast<unsigned>(hidden));
+        const std::string text = expected;
+        EXPECT_TRUE(VisibleText(L"a" + Utf16(hidden) + L"b", L"|") ==
+                    L"a" + std::wstring(text.begin(), text.end()) + L"b")
+            << text;
+    }
+}
+
+TEST(VisibleText, WhatStandsBesideItInTheListOfCharactersStaysAsItIs)
+{
+    for (const int seen : {0xA0,    0xAC,    0xAE,    0x34E,   0x350,   0x61B,   0x61D,   0x115E,  0x1161, 0x17B3,
+                           0x17B6,  0x180A,  0x1810,  0x200A,  0x2010,  0x2027,  0x202F,  0x205F,  0x2070, 0x3163,
+                           0x3165,  0xFDFF,  0xFE10,  0xFEFE,  0xFF00,  0xFF9F,  0xFFA1,  0xFFEF,  0xFFFC, 0x10041,
+                           0x1BC9F, 0x1BCA4, 0x1D172, 0x1D17B, 0xDFFFF, 0xE1000, 0xF0041, 0x100041})
+        EXPECT_TRUE(VisibleText(Utf16(seen), L"|") == Utf16(seen)) << std::hex << seen;
+}
+
+TEST(VisibleText, HalfAPairIsNoCharacterOfTheOtherHalf)
+{
+    for (const wchar_t* const text : {L"\xDB40", L"\xDC41", L"\xDC41\xDB40", L"\xDB40 \xDC41", L"\xDB40\xDB40"})
+        EXPECT_TRUE(VisibleText(text, L"|") == text);
+    EXPECT_TRUE(VisibleText(L"\xDB40\xDB40\xDC41\xDC41", L"|") == L"\xDB40\\U000e0041\xDC41");
+}
+
 TEST(VisibleText, ARunIsCounted)
 {
     EXPECT_TRUE(VisibleText(std::wstring(3, L'\0'), L"|") == L"\\x00\\x00\\x00");
     EXPECT_TRUE(VisibleText(L"a" + std::wstring(4096, L'\0') + L"b", L"|") == L"a\\x00{4096}b");
+    EXPECT_TRUE(VisibleText(L"\xDB40\xDC41\xDB40\xDC41\xDB40\xDC41\xDB40\xDC42", L"|") ==
+                L"\\U000e0041\\U000e0041\\U000e0041\\U000e0042");
+    EXPECT_TRUE(VisibleText(L"\xDB40\xDC41\xDB40\xDC41\xDB40\xDC41\xDB40\xDC41\xDB40", L"|") ==
+                L"\\U000e0041{4}\xDB40");
 }
 
 TEST(VisibleText, LineEndsBecomeTheGivenOneAndALoneCarriageReturnIsShown)

@@ -82,6 +82,27 @@ protected:
         SetList(L"App.Last", {VOLUME});
         return Answer(LogOf(records)).value("cause", "");
     }
+    // A record that names one of the application's bitmap files, "base" or "child".
+    static std::wstring BitmapFailure(const std::wstring& which)
+    {
+        return L"Open bitmap file failed, file name:\\\\?\\Volume" + std::wstring(VOLUME) + L"\\VelVolTrc\\VelVolTrc_" +
+               which + L"_App.dat";
+    }
+    void DeleteBitmap(const std::wstring& which)
+    {
+        const std::wstring bitmap =
+            std::wstring(machine.Info(volume).filesDirectory) + L"\\VelVolTrc\\VelVolTrc_" + which + L"_App.dat";
+        SetFileAttributesW(bitmap.c_str(), FILE_ATTRIBUTE_NORMAL);
+        ASSERT_TRUE(DeleteFileW(bitmap.c_str()));
+    }
+    // Of the records that an answer tells.
+    static std::vector<std::string> Messages(const nlohmann::json& answer)
+    {
+        std::vector<std::string> messages;
+        for (const nlohmann::json& record : answer.at("records"))
+            messages.push_back(record.at("message"));
+        return messages;
+    }
     const std::wstring on = Written(L"App.Last", std::wstring(VOLUME) + L"*");
 
     vtfltsim::SimMachine machine;
@@ -128,6 +149,49 @@ TEST_F(VtLogWhy, TheDriversLossIsToldWithItsHandOverAndItsMove)
     EXPECT_EQ(Utf8(pending), answer.at("records")[1].at("message"));
     EXPECT_EQ("2026-11-21T10:00:02.000", answer.at("records")[1].at("time"));
     EXPECT_EQ(Utf8(on), answer.at("records")[2].at("message"));
+}
+
+TEST_F(VtLogWhy, AHandOverThatStandsAtTheSamePlaceOfAnotherLogIsToldToo)
+{
+    SetList(L"App.Last", {VOLUME});
+    const std::wstring pending = Written(L"App", std::wstring(VOLUME) + L"*");
+    const std::wstring enter = L"ReplicateVerifyList: Enter ReplicateVerifyList ";
+    const std::wstring handed = WriteWide(L"a.Log", Record(L"2026/11/21 10:00:01:000", 0, 0, enter, 100) +
+                                                        Record(L"2026/11/21 10:00:02:000", 2, 0, pending, 100));
+    const std::wstring moved = WriteWide(L"b.Log", Record(L"2026/11/21 10:00:03:000", 0, 0, enter, 101) +
+                                                       Record(L"2026/11/21 10:00:04:000", 2, 0, on, 101));
+    EXPECT_EQ((std::vector<std::string>{Utf8(pending), Utf8(enter), Utf8(on)}), Messages(Answer(handed, {moved})));
+}
+
+TEST_F(VtLogWhy, RecordsOfOneTimeStandInTheOrderOfTheirLogsAndOfOneLogInItsOwn)
+{
+    SetList(L"App.Last", {VOLUME});
+    DeleteBitmap(L"base");
+    const std::wstring pending = Written(L"App", std::wstring(VOLUME) + L"*");
+    const std::wstring enter = L"ReplicateVerifyList: Enter ReplicateVerifyList ";
+    const std::wstring time = L"2026/11/21 10:00:01:000";
+    const std::wstring first =
+        WriteWide(L"z.Log", Record(time, 0, 2, BitmapFailure(L"base"), 100) + Record(time, 2, 0, pending, 101));
+    const std::wstring second = WriteWide(L"a.Log", Record(time, 0, 0, enter, 102) + Record(time, 2, 0, on, 102));
+    EXPECT_EQ((std::vector<std::string>{Utf8(BitmapFailure(L"base")), Utf8(pending), Utf8(enter), Utf8(on)}),
+              Messages(Answer(first, {second})));
+}
+
+TEST_F(VtLogWhy, RecordsStandAsInTheLogAlsoWhereTheClockWentBack)
+{
+    SetList(L"App.Last", {VOLUME});
+    const std::wstring enter = L"ReplicateVerifyList: Enter ReplicateVerifyList ";
+    const std::wstring log = WriteWide(L"story.Log", Record(L"2026/11/21 10:00:05:000", 0, 0, enter) +
+                                                         Record(L"2026/11/21 10:00:01:000", 2, 0, on));
+    EXPECT_EQ((std::vector<std::string>{Utf8(enter), Utf8(on)}), Messages(Answer(log)));
+}
+
+TEST_F(VtLogWhy, ARecordThatShowsTwoThingsIsToldOnce)
+{
+    SetList(L"App.Last", {VOLUME});
+    DeleteBitmap(L"base");
+    const std::wstring failure = BitmapFailure(L"base");
+    EXPECT_EQ((std::vector<std::string>{Utf8(failure), Utf8(on)}), Messages(Answer(LogOf({{0, failure}, {2, on}}))));
 }
 
 TEST_F(VtLogWhy, ADamagedBitmapIsToldWithTheRecordThatNamesIt)
@@ -258,14 +322,10 @@ TEST_F(VtLogWhy, ALogThatBeginsTooLateIsSaidToDoSo)
 
 TEST_F(VtLogWhy, AMissingBitmapFileIsToldWithTheRecordThatNamesItIfThereIsOne)
 {
-    const std::wstring bitmap =
-        std::wstring(machine.Info(volume).filesDirectory) + L"\\VelVolTrc\\VelVolTrc_base_App.dat";
-    SetFileAttributesW(bitmap.c_str(), FILE_ATTRIBUTE_NORMAL);
-    ASSERT_TRUE(DeleteFileW(bitmap.c_str()));
+    DeleteBitmap(L"base");
     EXPECT_EQ("bitmap-unusable", Answer(LogOf({})).at("cause"));
     EXPECT_NE(std::string::npos, Why(Path(L"story.Log")).out.find("No record of the log names it"));
-    const std::wstring log = LogOf({{0, L"Open bitmap file failed, file name:\\\\?\\Volume" + std::wstring(VOLUME) +
-                                            L"\\VelVolTrc\\VelVolTrc_base_App.dat"}});
+    const std::wstring log = LogOf({{0, BitmapFailure(L"base")}});
     EXPECT_EQ(1u, Answer(log).at("records").size());
 }
 

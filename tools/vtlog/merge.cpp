@@ -116,6 +116,7 @@ bool MergeReader::Next(MergedEntry& merged)
         return false;
     merged.path = next->Path();
     merged.entry = next->Take();
+    merged.number = m_given++;
     return true;
 }
 

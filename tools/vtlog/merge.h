@@ -8,6 +8,7 @@
 #include "log_files.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <optional>
 #include <string>
@@ -55,6 +56,7 @@ bool OrderByTime(std::vector<std::wstring>& paths, const ReadOptions& options);
 struct MergedEntry {
     Entry entry;
     std::wstring path;
+    std::uint64_t number = 0; // how many came before it, of all logs
 };
 
 class MergeReader {
@@ -66,6 +68,7 @@ public:
 
 private:
     std::vector<LogReader> m_logs;
+    std::uint64_t m_given = 0;
 };
 
 } // namespace vtlog

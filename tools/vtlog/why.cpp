@@ -110,10 +110,11 @@ void AddListStory(Answer& answer, const VerifyStory& story, const std::wstring& 
         answer.reasons.push_back("The log does not tell why. " + Coverage(story));
         return;
     }
-    // The hand-over from the driver comes first, which another program may have done.
+    // The hand-over from the driver comes first, which another program may have done. Its last record is another one: a
+    // record writes one list.
     const Evidence* handed = story.WhyOn(answer.application);
     if (evidence->cause == Cause::TrackingLost && list != answer.application && handed != nullptr &&
-        handed->time <= evidence->time && handed->records.back().entry.offset != evidence->records.back().entry.offset)
+        handed->time <= evidence->time)
         answer.records.push_back(handed->records.back());
     AddEvidence(answer, *evidence);
 }
@@ -140,14 +141,13 @@ void AddBitmaps(Answer& answer, const ApplicationState& state, const VerifyStory
     }
 }
 
-// In the order in which they were written.
+// In the order in which "show" prints them, each once: one may speak for two facts.
 void SortRecords(std::vector<MergedEntry>& records)
 {
-    std::stable_sort(records.begin(), records.end(), [](const MergedEntry& a, const MergedEntry& b) {
-        const RecordTime& first = a.entry.header->time;
-        const RecordTime& second = b.entry.header->time;
-        return first != second ? first < second : a.path == b.path && a.entry.offset < b.entry.offset;
-    });
+    std::sort(records.begin(), records.end(),
+              [](const MergedEntry& a, const MergedEntry& b) { return a.number < b.number; });
+    const auto same = [](const MergedEntry& a, const MergedEntry& b) { return a.number == b.number; };
+    records.erase(std::unique(records.begin(), records.end(), same), records.end());
 }
 
 bool Holds(const ListState& list, const std::wstring& volumePath)

@@ -100,6 +100,8 @@ TEST_F(VtLogReal, ALogThatBeganWithoutTheMarkIsWrittenAndReadNarrow)
     EXPECT_EQ("begun by hand", entries.front().at("message"));
     EXPECT_EQ(1, Count(entries, "text"));
     EXPECT_TRUE(AnyMessage(entries, registered));
+    EXPECT_EQ("vtbackup.exe", entries.back().value("program", ""));
+    EXPECT_EQ("VTFltMgr.dll", entries.back().value("module", ""));
 }
 
 TEST_F(VtLogReal, TheRecordsBehindAFullLogAreReadFromItsSuccessor)

@@ -85,6 +85,23 @@ TEST_F(ConfigEffects, AModuleWithAPathOfItsOwnKeepsIt)
     m_output->WriteLogW(0, 0, L"text");
     EXPECT_TRUE(Holds(OwnFile(), L"text"));
     EXPECT_EQ(INVALID_FILE_ATTRIBUTES, GetFileAttributesW(WholeFile().c_str()));
+    // And takes the others along: a changed path is written back, into the process's field where that holds one.
+    Edit([&](LogCfgBlock& block, LogCfgModuleEntry&) { EXPECT_TRUE(FieldText(block.path) == OwnFile()); });
+    wchar_t other[LOG_PATH_CAPACITY] = {};
+    CLogCfgShareMemory::Instance().QueryPath(L"other.dll", false, other);
+    EXPECT_TRUE(other == OwnFile());
+}
+
+TEST_F(ConfigEffects, AModuleWithAPathOfItsOwnLeavesAnEmptyPathOfTheProcessEmpty)
+{
+    Start();
+    Edit([](LogCfgBlock&, LogCfgModuleEntry& own) { own.flags = 0xFFFE; });
+    m_output->WriteLogW(0, 0, L"text");
+    EXPECT_TRUE(Holds(OwnFile(), L"text"));
+    Edit([&](LogCfgBlock& block, LogCfgModuleEntry& own) {
+        EXPECT_TRUE(FieldText(block.path).empty());
+        EXPECT_TRUE(FieldText(own.path) == OwnFile());
+    });
 }
 
 TEST_F(ConfigEffects, AnExecutableThatIsNamedInDisableGlobalOptionKeepsItsOwnFile)

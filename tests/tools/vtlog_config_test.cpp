@@ -43,6 +43,26 @@ TEST_F(VtLogConfig, TheNextRecordGoesToTheNewFile)
     writer.Finish();
 }
 
+TEST_F(VtLogConfig, AModulesFileBecomesTheProcessesWhereThatHasOneAndElseStaysTheModules)
+{
+    Writer writer;
+    const auto globalPath = [&writer] { return Configure(writer.Id(), {}).Json().at(0).at("globalPath"); };
+    const std::vector<std::wstring> toModule = {L"--module", L"VTFltMgr.dll", L"--path", Path(L"module.log")};
+    EXPECT_EQ(EXIT_OK, Configure(writer.Id(), {L"--global-path", Path(L"whole.log")}).exitCode);
+    EXPECT_EQ(EXIT_OK, Configure(writer.Id(), toModule).exitCode);
+    EXPECT_EQ(Utf8(Path(L"whole.log")), globalPath());
+    writer.Do("errors 1 1");
+    EXPECT_EQ(Utf8(Path(L"module.log")), globalPath());
+
+    EXPECT_EQ(EXIT_OK,
+              Configure(writer.Id(), {L"--no-global-path", L"--module", L"VTFltMgr.dll", L"--path", Path(L"alone.log")})
+                  .exitCode);
+    writer.Do("errors 1 2");
+    EXPECT_TRUE(globalPath().is_null()) << globalPath();
+    EXPECT_NE(std::string::npos, Run({L"show", Path(L"alone.log")}).out.find("0X1 not found"));
+    writer.Finish();
+}
+
 TEST_F(VtLogConfig, ADamagedMarkAHeldMutexAndAMissingProcessAreToldApart)
 {
     Writer writer;

@@ -563,6 +563,12 @@ TEST_F(FolderRemoval, RefusesNullAndPathsOfLessThan9Characters)
     EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_PARAMETER), GetLastError());
 }
 
+TEST_F(FolderRemoval, LooksForAPathOf9Characters)
+{
+    EXPECT_EQ(0u, RemoveDirectoryTree(L"C:\\123456"));
+    EXPECT_NE(static_cast<DWORD>(ERROR_INVALID_PARAMETER), GetLastError());
+}
+
 TEST_F(FolderRemoval, AMissingFolderGives0WithTheReason)
 {
     EXPECT_EQ(0u, RemoveDirectoryTree((folder + L"\\missing").c_str()));

@@ -257,4 +257,14 @@ TEST_F(ContainerRemove, WhereMemoryIsShortTheVolumeIsOnTheVerifyListOrHasNoFiles
     ExpectOnVerifyList();
 }
 
+TEST_F(ContainerRemove, AnswersAWalkOverTheVolumesThatFails)
+{
+    PutBoth();
+    for (const wchar_t* step : {L"FindFirstVolumeW", L"FindNextVolumeW"}) {
+        vtfltsim::FailCall(step, ERROR_NOT_READY);
+        EXPECT_EQ(vtflt::RemoveApplicationBitmaps(APP), static_cast<DWORD>(ERROR_NOT_READY));
+        VTFltSimClearCallFaults();
+    }
+}
+
 } // namespace

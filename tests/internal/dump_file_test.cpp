@@ -41,6 +41,14 @@ TEST_F(DumpFile, AnswersTheErrorOfEachStep)
     log.ExpectLogged(0, 0, L"CMultiBitmapManager::DumpBitMapToFile::WriteFile disk bitmap failed.");
 }
 
+TEST_F(DumpFile, AnswersWhyItCannotBeMadeInTheNewFolder)
+{
+    RemoveDirectoryW(RealPath(volume, L"VelVolTrc").c_str());
+    vtfltsim::FailCall(L"CreateFileW", ERROR_ACCESS_DENIED, L"dump.dat", 2);
+    EXPECT_EQ(5u, vtflt::DumpBitMapToFile(Name(), VolumeName(), "", 0));
+    EXPECT_EQ(1u, log.Records().size()) << "nothing is written into a file that is not there";
+}
+
 TEST_F(DumpFile, SwitchIsOneExactly)
 {
     EXPECT_EQ(0u, vtflt::IsBitmapDumpEnabled());
@@ -50,6 +58,7 @@ TEST_F(DumpFile, SwitchIsOneExactly)
     EXPECT_EQ(0u, vtflt::IsBitmapDumpEnabled());
     log.ExpectNothingLogged();
 }
+
 TEST_F(DumpFile, IsMadeAgainInItsFolderWhenItsMakingLeavesError3AlthoughItGivesAHandle)
 {
     RemoveDirectoryW(RealPath(volume, L"VelVolTrc").c_str());

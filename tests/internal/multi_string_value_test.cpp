@@ -229,6 +229,16 @@ TEST_F(ReadApplicationIds, HandsTheBytesToTheCaller)
     EXPECT_EQ(BytesOf(L"A\0\0"sv), std::vector<std::uint8_t>(bytes, bytes + size));
 }
 
+TEST_F(ReadApplicationIds, AnAbsentValueSetsBothOutputs)
+{
+    BYTE something = 0;
+    BYTE* bytes = &something;
+    DWORD size = 77;
+    EXPECT_EQ(2u, ReadMutliSZRegistryValue(registry.Open(APPLICATION_IDS_KEY).get(), &bytes, &size));
+    EXPECT_EQ(nullptr, bytes);
+    EXPECT_EQ(0u, size);
+}
+
 TEST_F(ReadApplicationIds, ANullSizeIsABadArgumentToo)
 {
     BYTE* value = nullptr;

@@ -53,11 +53,13 @@ TEST_F(ExportMemory, CountAndListGiveTheTruthOrAnError)
             EXPECT_EQ(count, result == 0 ? 1u : 77u);
             count = 77;
         });
+    // With two, memory may run out behind the first: what the list holds then is no answer.
+    ASSERT_EQ(VTRegisterApplication(L"Second application of this machine"), 0u);
     std::vector<std::wstring> list;
     Sweep([&] { list = {}; }, [&] { return VTGetRegisteredAppList(&list); },
           [&](DWORD result) {
               EXPECT_TRUE(result == 0 || result == 8) << result;
-              EXPECT_EQ(list.size(), result == 0 ? 1u : 0u);
+              EXPECT_EQ(list.size() == 2, result == 0);
           });
 }
 
@@ -97,8 +99,20 @@ TEST_F(ExportMemory, ReplicatingLosesNoVolume)
 
 TEST_F(ExportMemory, AddingAndRemovingVolumesReturn)
 {
+    // A look at the filters for which there is no memory counts as a driver that does not work: nothing to do.
+    int looksThatFailed = 0;
     Sweep(
-        Nothing, [&] { return VTAddVolumesToAppVerifyList(appId); }, [](DWORD) {});
+        [&] {
+            if (ValueExists(SERVICE_KEY, std::wstring(DRIVER_LIST) + appId + L".Last"))
+                DeleteValue(SERVICE_KEY, std::wstring(DRIVER_LIST) + appId + L".Last");
+        },
+        [&] { return VTAddVolumesToAppVerifyList(appId); },
+        [&](DWORD result) {
+            const std::vector<std::wstring> marked = VerifyList(appId);
+            looksThatFailed += result == 0 && marked.empty() ? 1 : 0;
+            EXPECT_TRUE(marked.empty() || (result == 0 && marked == std::vector<std::wstring>{volume.guid}));
+        });
+    EXPECT_EQ(looksThatFailed, 1);
     EXPECT_EQ(VerifyList(appId), std::vector<std::wstring>{volume.guid});
 
     const std::wstring other = L"{11111111-2222-3333-4444-555555555555}";
@@ -110,10 +124,9 @@ TEST_F(ExportMemory, AddingAndRemovingVolumesReturn)
             argument = appId;
         },
         [&] { return VTRemoveApplicationVolResyncList(std::move(argument), &named); },
-        [&](DWORD) {
-            const std::vector<std::wstring> left = VerifyList(appId);
-            ASSERT_FALSE(left.empty());
-            EXPECT_EQ(left[0], volume.guid);
+        [&](DWORD result) {
+            EXPECT_EQ(VerifyList(appId), result == 0 ? std::vector<std::wstring>{volume.guid}
+                                                     : (std::vector<std::wstring>{volume.guid, other}));
         });
     EXPECT_EQ(VerifyList(appId), std::vector<std::wstring>{volume.guid});
 }
@@ -138,7 +151,6 @@ TEST_F(ExportMemory, TheWholeCycleLosesNoChange)
     // The changed block is in the bitmap of a fetch that succeeds, whichever fetches failed before it.
     Bytes buffer(BufferLength(machine.Info(volume)));
     BYTE input = 0;
-    bool verify = false;
     machine.TouchBlock(volume, 3);
     Sweep(
         [&] {
@@ -150,9 +162,8 @@ TEST_F(ExportMemory, TheWholeCycleLosesNoChange)
                                   0);
         },
         [&](DWORD result) {
-            verify = verify || result == 0x10001;
             const bool complete = BlocksInBuffer(buffer) == std::vector<std::uint64_t>{3};
-            EXPECT_TRUE(complete || verify || result != 0);
+            EXPECT_TRUE(complete || result != 0 || VTIsVerifyRequired(appId, root.c_str()) != 0);
             EXPECT_EQ(VTFltDeinitBitmapManager(handle.get()), 0u);
         });
 }

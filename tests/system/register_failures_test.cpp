@@ -58,12 +58,12 @@ TEST_F(RegisterFailures, AWaitThatFailsIsLoggedByTheOperationAlone)
 TEST_F(RegisterFailures, AVolumeThatDoesNotOpenRefusesTheRegistration)
 {
     vtfltsim::FailCall(L"CreateFileW", NO_ACCESS, volume.Path().c_str());
-    ExpectResetRefused(NO_ACCESS);
+    const auto mutexes = CallsOf({L"CreateMutexW"}, [&] { ExpectResetRefused(NO_ACCESS); });
     EXPECT_FALSE(FileExists(volume, L"VelVolTrc"));
     log.ExpectLogged(0, NO_ACCESS, L"ResetApplicationBitmaps: Open volume handle failed for: " + volume.Path());
-    // Its mutex was not even asked for.
-    for (const LogRecord& record : log.Records())
-        EXPECT_EQ(std::wstring::npos, record.text.find(L"CBitmapContainer")) << Narrow(record.text);
+    for (const std::wstring& call : mutexes)
+        EXPECT_EQ(std::wstring::npos, call.find(volume.MutexName())) << Narrow(call) << ": it was not to be asked for";
+    EXPECT_FALSE(mutexes.empty()) << "the applications' own is";
 }
 
 TEST_F(RegisterFailures, VolumesThatWereResetBeforeTheFailingOneKeepTheirFiles)

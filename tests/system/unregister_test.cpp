@@ -213,4 +213,15 @@ TEST_F(UnregisterApplication, FilesThatCannotBeDeletedDoNotKeepTheApplication)
     log.ExpectLogged(2, 0, L"UnregisterApplication: SUCCESS::Application un-registered");
 }
 
+TEST_F(UnregisterApplication, OnAMachineWithoutFixedDisksRemovesNothingWithSuccess)
+{
+    for (const Volume& volume : {first, second})
+        VTFltSimSetDriveType(machine.handle(), volume.guid.c_str(), DRIVE_REMOVABLE);
+    EXPECT_EQ(0u, VTUnregisterApplication(L"App1"));
+    ExpectIds(L"App2\0\0"sv);
+    EXPECT_TRUE(HasBitmaps(first, L"App1"));
+    EXPECT_TRUE(HasBitmaps(second, L"App1"));
+    log.ExpectLogged(2, 0, L"RemoveApplicationBitmaps: SUCCESS:: Bitmaps are removed");
+}
+
 } // namespace

@@ -226,8 +226,9 @@ VTFLTMGR_API DWORD WINAPI VTFltReplicationSuccess(HANDLE volume);
  * An ID that is the tail of a registered one gets its bitmaps and the result 0, and does not get onto the list: look at
  * VTCanAppUseBLIDriver afterwards.
  *
- * Results: 0; 160 (empty ID); 0x10005; 161; else the error of a volume, a bitmap file (0xFFFFFFFF when it has no other
- * name) or the registry.
+ * Results: 0; 160 (empty ID); 0x10005; 161; 13 (a list is malformed); 87 (the list of applications cannot be read, and the
+ * system names a volume that no verify list can name); else the error of a volume, a bitmap file (0xFFFFFFFF when it has no
+ * other name) or the registry.
  */
 VTFLTMGR_API DWORD WINAPI VTRegisterApplication(LPCWSTR applicationId);
 
@@ -235,7 +236,8 @@ VTFLTMGR_API DWORD WINAPI VTRegisterApplication(LPCWSTR applicationId);
  * Unregisters an application and deletes its bitmaps on every fixed volume. Its verify list stays, naming
  * every volume.
  * Results: 0; 160 (empty ID); 0x10009 (not registered, or the list of applications could not be read); 0x10005; 13 (a list
- * is malformed); else an error of the volume walk or the registry. After any failure the application is still registered.
+ * is malformed); 87 (the system names a volume that no verify list can name); else an error of the volume walk or the
+ * registry. After any failure the application is still registered.
  */
 VTFLTMGR_API DWORD WINAPI VTUnregisterApplication(LPCWSTR applicationId);
 
@@ -347,7 +349,7 @@ extern "C" {
 
 /*
  * Reads the registered application IDs, in the order of registration.
- *   list  owned by the caller; emptied first
+ *   list  owned by the caller; emptied first. After a failure it may hold some of the IDs
  * Results: 0 (with an empty list when none ever registered); 87 (null list); 8; else the registry's error.
  */
 VTFLTMGR_API DWORD WINAPI VTGetRegisteredAppList(std::vector<std::wstring>* list);

@@ -271,9 +271,12 @@ internal static class BackupLoop
         Failure.Check("VTRegisterApplication", Native.VTRegisterApplication(application));
     }
 
-    // Whether everything is to be read. The driver's list reaches the application by the first call only.
+    // Whether everything is to be read. The driver's list reaches the application by VTReplicateVerifyList only, which gives 0
+    // and nothing else while the driver is silent: so it is called twice, and the driver asked in between.
     private static bool MustVerify(string application, string name)
     {
+        Failure.Check("VTReplicateVerifyList", Native.VTReplicateVerifyList(application));
+        Failure.Check("asking the driver what it lost", Native.VTCanBLIDriverWork() != 0);
         Failure.Check("VTReplicateVerifyList", Native.VTReplicateVerifyList(application));
         return Native.VTIsVerifyRequired(application, name) != 0;
     }

@@ -97,10 +97,13 @@ static DWORD Register(const wchar_t* application, const wchar_t* volumeName, con
     return error != 0 ? error : VTRegisterApplication(application);
 }
 
-/* Whether everything is to be read. The driver's list reaches the application by the first call only. */
+/* Whether everything is to be read. The driver's list reaches the application by VTReplicateVerifyList only, which gives 0
+   and nothing else while the driver is silent: so it is called twice, and the driver asked in between. */
 static DWORD MustVerify(const wchar_t* application, const wchar_t* volumeName, DWORD* everything)
 {
-    const DWORD error = VTReplicateVerifyList(application);
+    DWORD error = VTReplicateVerifyList(application);
+    if (error == ERROR_SUCCESS)
+        error = VTCanBLIDriverWork() ? VTReplicateVerifyList(application) : ERROR_NOT_READY;
     if (error == ERROR_SUCCESS && VTIsVerifyRequired(application, volumeName) != 0)
         *everything = 1;
     return error;

@@ -147,7 +147,10 @@ class Library:
         call(self.VTRegisterApplication, application)
 
     def must_verify(self, application, name):
-        """Whether everything is to be read. The driver's list reaches the application by the first call only."""
+        """Whether everything is to be read. The driver's list reaches the application by VTReplicateVerifyList only, which
+        gives 0 and nothing else while the driver is silent: so it is called twice, and the driver asked in between."""
+        call(self.VTReplicateVerifyList, application)
+        check("asking the driver what it lost", self.VTCanBLIDriverWork())
         call(self.VTReplicateVerifyList, application)
         return self.VTIsVerifyRequired(application, name) != 0
 

@@ -157,9 +157,13 @@ void Register(const std::wstring& application, const std::wstring& name, const s
     Check("VTRegisterApplication", vtfltmgr::RegisterApplication(application));
 }
 
-// Whether everything is to be read. The driver's list reaches the application by the first call only.
+// Whether everything is to be read. The driver's list reaches the application by VTReplicateVerifyList only, which gives 0
+// and nothing else while the driver is silent: so it is called twice, and the driver asked in between.
 bool MustVerify(const std::wstring& application, const std::wstring& volumeName)
 {
+    Check("VTReplicateVerifyList", vtfltmgr::ReplicateVerifyList(application));
+    if (!vtfltmgr::CanDriverWork())
+        throw std::runtime_error("the driver did not say what it lost");
     Check("VTReplicateVerifyList", vtfltmgr::ReplicateVerifyList(application));
     return vtfltmgr::IsVerifyRequired(application, volumeName);
 }

@@ -101,7 +101,10 @@ void BackUp(const std::wstring& guid, const std::wstring& application, const std
     const std::wstring name = vtfltmgr::VolumeNameOf(L"\\\\?\\Volume" + guid + L"\\");
     Check("finding the volume", !name.empty());
     Register(application, name);
-    Check("VTReplicateVerifyList", vtfltmgr::ReplicateVerifyList(application).IsSuccess());
+    // Twice: while the driver is silent the list of what it lost stays with it, and the answer is success.
+    Check("VTReplicateVerifyList", vtfltmgr::ReplicateVerifyList(application).IsSuccess() &&
+                                       vtfltmgr::CanDriverWork() &&
+                                       vtfltmgr::ReplicateVerifyList(application).IsSuccess());
     // Registering again marks fixed volumes only, and the run that does it may be another volume's.
     bool everything = vtfltmgr::IsVerifyRequired(application, name) || GetDriveTypeW(name.c_str()) != DRIVE_FIXED;
 

@@ -219,8 +219,9 @@ class Trial:
         self.machine = "Z:" + str(self.folder / "machine").replace("/", "\\")
         sim = f"'{emulator}' '{build}/vtfltsim.exe'"
         # While there is a file "scribble", somebody writes into each new snapshot, where the file says; while there is one
-        # "refuse", none is deleted.
-        scripts = {"create": f"""line=$({sim} snapshot '{self.machine}' "$1" | tr -d '\\r')
+        # "refuse", none is deleted; and one "lose" has tracking lost right before each.
+        scripts = {"create": f"""[ ! -e lose ] || {sim} lose-tracking '{self.machine}' "$1" || {sim} lose-tracking '{self.machine}' "$1" || exit
+                       line=$({sim} snapshot '{self.machine}' "$1" | tr -d '\\r')
                        [ -n "$line" ] || line=$({sim} snapshot '{self.machine}' "$1" | tr -d '\\r') # Wine lost it
                        [ -n "$line" ] || exit
                        [ ! -e scribble ] || '{sys.executable}' -B '{__file__}' scribble '{build}' '{emulator}' \\
@@ -328,6 +329,7 @@ class Trial:
         self.check_registration_and_owner()
         self.check_not_fixed()
         self.check_marks()
+        self.check_silence()
         self.check_snapshot()
         if self.name == "python": # the other one's runtime says nothing of its own steps
             self.check_copy_taken_away()
@@ -363,6 +365,21 @@ class Trial:
         self.expect("a failure to mark", code == 1 and "marking the volumes" in text, f"but {code}: {text}")
         self.expect("no registration", "VTRegisterApplication" not in calls)
         self.expect_success(second, guid=SECOND)
+        self.expect_success()
+        self.sim("service", self.machine, "present")
+
+    def check_silence(self):
+        """A silent driver hands its list over to nobody, with success. It is silent for one look for it, of four to a
+        question, the third look being the first of the first one."""
+        self.sim("service", self.machine, "absent") # or the driver would be reinstalled
+        self.expect_success()
+        (self.folder / "lose").touch() # between the questions
+        for look in (5, 7, 9):
+            self.write(3, 100 + look)
+            code, text, _ = self.back_up(plan=f"fail|CreateFileW|\\\\.\\VTFltMgr|{look}|1|2")
+            self.expect(f"exit code 0 at look {look}", code == 0, f"but {code}: {text}")
+            self.expect(f"the copy equal to the volume at look {look}", self.equals(), text)
+        (self.folder / "lose").unlink()
         self.expect_success()
         self.sim("service", self.machine, "present")
 

@@ -18,6 +18,7 @@ constexpr std::uint64_t BLOCKS = 300;
 constexpr std::uint64_t LENGTH = BLOCKS * BLOCK - 1536; // the last block is a part of one
 constexpr DWORD GET_BITMAP = 0xB0000002;
 constexpr DWORD GET_BLOCK_SIZE = 0xB0000006;
+constexpr wchar_t ANNOUNCES[] = L"0xB0000015"; // in the text of that request
 constexpr wchar_t SNAPSHOT_CLASS[] =
     L"System\\CurrentControlSet\\Control\\Class\\{533C5B84-EC70-11D2-9505-00C04F79DEAF}";
 constexpr wchar_t SNAPSHOT[] = L"HarddiskVolumeShadowCopy";
@@ -250,6 +251,34 @@ TEST_P(Samples, ARegistrationThatWasLostIsNotMadeAgainOnAVolumeThatIsNotFixedWhi
         EXPECT_TRUE(EqualsVolume());
     }
     EXPECT_NE(0u, failed);
+}
+
+// A silent driver hands its list over to nobody, with success.
+TEST_P(Samples, ADriverThatIsSilentForOneQuestionIsNotOneThatLostNothing)
+{
+    m_machine.SetService(VTFLTSIM_SERVICE_ABSENT); // or the driver would be reinstalled
+    EXPECT_EQ(0u, BackUp());
+    unsigned succeeded = 0;
+    for (unsigned silence = 1; silence <= 11; ++silence) {
+        SCOPED_TRACE(silence);
+        EXPECT_EQ(0u, BackUp());
+        Write(3, static_cast<std::uint8_t>(40 + silence));
+        const Pause pause(L"VTFltSim.SampleTest");
+        ChildProcess sample = Start(m_volume, L"Sample", m_copy,
+                                    pause.Before(L"DeviceIoControl", ANNOUNCES) +
+                                        L";fail|CreateFileW|\\\\.\\VTFltMgr|" + WideNumber(silence) + L"|1|2");
+        if (pause.AwaitReached(sample)) { // between the two questions
+            ASSERT_EQ(0u, VTFltSimLoseTracking(m_machine.handle(), m_volume.guid.c_str()));
+        }
+        pause.Go();
+        if (sample.Join() == 0) {
+            ++succeeded;
+            EXPECT_TRUE(EqualsVolume());
+        }
+        EXPECT_EQ(0u, BackUp());
+        EXPECT_TRUE(EqualsVolume());
+    }
+    EXPECT_LE(4u, succeeded);
 }
 
 TEST_P(Samples, AVolumeThatWasNotFixedIsReadWholeOnceMore)

@@ -196,6 +196,29 @@ TEST_F(Loop, RegistersNothingThatItCouldNotMark)
     ExpectCopied();
 }
 
+TEST_F(Loop, TakesNoSilenceOfTheDriverForAWordThatNothingWasLost)
+{
+    m_machine.SetService(VTFLTSIM_SERVICE_ABSENT);
+    ASSERT_EQ(0u, BackUp(L"Loop"));
+    unsigned succeeded = 0;
+    for (unsigned silence = 2; silence <= 6; ++silence) {
+        SCOPED_TRACE(silence);
+        m_machine.TouchBlock(m_volume, silence);
+        ASSERT_EQ(0u, VTFltSimLoseTracking(m_machine.handle(), m_volume.guid.c_str()));
+        const std::wstring plan = L"fail|CreateFileW|\\\\.\\VTFltMgr|" + std::to_wstring(silence) + L"|1|2";
+        SetEnvironmentVariableW(VTFLTSIM_CALLS_VARIABLE, plan.c_str());
+        const DWORD result = BackUp(L"Loop");
+        SetEnvironmentVariableW(VTFLTSIM_CALLS_VARIABLE, nullptr);
+        if (result == 0) {
+            ++succeeded;
+            ExpectCopied();
+        }
+        EXPECT_EQ(0u, BackUp(L"Loop"));
+        ExpectCopied();
+    }
+    EXPECT_LE(3u, succeeded);
+}
+
 TEST_F(Loop, TakesAVolumeInOtherLetters)
 {
     const std::wstring given = L"{ABCDEF01-2345-6789-ABCD-EF0123456789}";

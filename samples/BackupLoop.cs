@@ -3,7 +3,9 @@
 //     BackupLoop VOLUME APPLICATION FILE CREATE DELETE
 //
 // VOLUME is {GUID}, in whatever letters; FILE is the copy, one for each volume and application, and FILE.state says what the
-// next run must know: put FILE back from anywhere, and FILE.state has to go.
+// next run must know: put FILE back from anywhere, and FILE.state has to go. APPLICATION is an ID; this program does not see
+// what else is registered: one that differs from another in case only, or is too much like it otherwise (docs/library.md,
+// rule 8), loses changes.
 // CREATE is a command that takes a snapshot of the volume and prints its number and its device path; DELETE gets the number
 // behind it. On a simulated machine in C:\run\m:
 //
@@ -269,6 +271,8 @@ internal static class BackupLoop
         Failure.Check("marking the volumes", Native.VTCanBLIDriverWork() != 0 &&
                       (notFixed || Native.VTIsVerifyRequired(application, name) != 0));
         Failure.Check("VTRegisterApplication", Native.VTRegisterApplication(application));
+        // That is no error for the tail of another ID, either, and does not register it.
+        Failure.Check("registering", Native.VTCanAppUseBLIDriver(application) != 0);
     }
 
     // Whether everything is to be read. The driver's list reaches the application by VTReplicateVerifyList only, which gives 0

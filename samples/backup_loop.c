@@ -6,7 +6,9 @@
  *   MACHINE      folder of a simulated machine (vtfltsim create); on a real one the snapshot comes from the system's
  *                snapshot service instead, and the lines marked "simulator" go
  *   VOLUME       {GUID}, in whatever letters
- *   APPLICATION  its ID; registered on the first run
+ *   APPLICATION  its ID; registered on the first run. This program does not see what else is registered: an ID that
+ *                differs from another one in case only, or is too much like it otherwise (docs/library.md, rule 8),
+ *                loses changes
  *   FILE         the copy, one for each volume and application; FILE.state beside it says what the next run must know.
  *                Put FILE back from anywhere, and FILE.state has to go
  *
@@ -94,7 +96,10 @@ static DWORD Register(const wchar_t* application, const wchar_t* volumeName, con
     if (error == 0 && (!VTCanBLIDriverWork() ||
                        (GetDriveTypeW(volumeName) == DRIVE_FIXED && !VTIsVerifyRequired(application, volumeName))))
         error = ERROR_NOT_READY;
-    return error != 0 ? error : VTRegisterApplication(application);
+    if (error == 0)
+        error = VTRegisterApplication(application);
+    /* That is no error for the tail of another ID, either, and does not register it. */
+    return error != 0 || VTCanAppUseBLIDriver(application) ? error : VTFLT_APP_NOT_REGISTERED;
 }
 
 /* Whether everything is to be read. The driver's list reaches the application by VTReplicateVerifyList only, which gives 0

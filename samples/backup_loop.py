@@ -3,7 +3,9 @@
     python backup_loop.py VOLUME APPLICATION FILE CREATE DELETE
 
 VOLUME is {GUID}, in whatever letters; FILE is the copy, one for each volume and application, and FILE.state says what the
-next run must know: put FILE back from anywhere, and FILE.state has to go.
+next run must know: put FILE back from anywhere, and FILE.state has to go. APPLICATION is an ID; this program does not see
+what else is registered: one that differs from another in case only, or is too much like it otherwise (docs/library.md, rule
+8), loses changes.
 CREATE is a command that takes a snapshot of the volume and prints its number and its device path; DELETE gets the number
 behind it. VTFltMgr.dll is looked for beside this file, or where VTFLTMGR says. On a simulated machine in C:\\run\\m:
 
@@ -145,6 +147,8 @@ class Library:
         check("marking the volumes", self.VTCanBLIDriverWork() and
               (self.GetDriveTypeW(name) != DRIVE_FIXED or self.VTIsVerifyRequired(application, name)))
         call(self.VTRegisterApplication, application)
+        # That is no error for the tail of another ID, either, and does not register it.
+        check("registering", self.VTCanAppUseBLIDriver(application))
 
     def must_verify(self, application, name):
         """Whether everything is to be read. The driver's list reaches the application by VTReplicateVerifyList only, which

@@ -141,6 +141,29 @@ std::uint64_t LengthOf(HANDLE device)
     return length;
 }
 
+// In whatever letters.
+bool IsTail(const std::wstring& id, const std::wstring& tail)
+{
+    return id.size() >= tail.size() &&
+           CompareStringOrdinal(&id[id.size() - tail.size()], -1, tail.c_str(), -1, TRUE) == CSTR_EQUAL;
+}
+
+// Bitmap files are named after IDs, and know no letter case: two that are too much alike clear each other's changes
+// (docs/library.md, rule 8).
+void CheckId(const std::wstring& id)
+{
+    std::vector<std::wstring> registered;
+#if defined(__GLIBCXX__) || defined(VTFLTMGR_SAME_COMPILER) // with other compilers nobody says what is registered
+    Check("VTGetRegisteredAppList", vtfltmgr::Result(VTGetRegisteredAppList(&registered)));
+#endif
+    bool apart = id.size() <= 179 && id.find(L'*') == std::wstring::npos;
+    for (const std::wstring& other : registered)
+        apart = apart && (other == id || (!IsTail(other, id) && !IsTail(id, other) && !IsTail(other, id + L".Last") &&
+                                          !IsTail(id, other + L".Last")));
+    if (!apart)
+        throw std::runtime_error("the application's ID is too long, or too much like another one's");
+}
+
 // Asks before it registers: an application that was on the list, and is not any more, has lost what was owed to it, and
 // registering it again marks nothing. So the marks come first, for its other fixed volumes too; this one's FILE.state goes
 // as well, for it may not be fixed.
@@ -155,6 +178,9 @@ void Register(const std::wstring& application, const std::wstring& name, const s
     if (!vtfltmgr::CanDriverWork() || (fixed && !vtfltmgr::IsVerifyRequired(application, name)))
         throw std::runtime_error("the volumes could not be marked");
     Check("VTRegisterApplication", vtfltmgr::RegisterApplication(application));
+    // That is no error for the tail of another ID, either, and does not register it.
+    if (!vtfltmgr::CanApplicationUseDriver(application))
+        throw std::runtime_error("the application was not registered");
 }
 
 // Whether everything is to be read. The driver's list reaches the application by VTReplicateVerifyList only, which gives 0
@@ -229,6 +255,7 @@ void BackUp(vtfltsim::SimMachine& machine, const vtfltsim::Volume& volume, const
     owner.copy(now.owner, owner.size());
     if (!vtfltmgr::CanDriverWork())
         throw std::runtime_error("the driver does not work");
+    CheckId(application);
     Register(application, name, statePath);
     bool everything = MustVerify(application, name);
     // Registering again marks fixed volumes only, and the run that does it may be another volume's.

@@ -2,8 +2,9 @@
 //
 //     loop VOLUME APPLICATION COPY
 //
-// VOLUME is {GUID}, in whatever letters. The command in the environment variable LOOP_SNAPSHOT takes a snapshot of the volume and prints its
-// device path. Exit code 0: COPY is the volume as the snapshot has it; 1: run it again.
+// VOLUME is {GUID}, in whatever letters; APPLICATION an ID unlike every other one (docs/library.md, rule 8). The command in the
+// environment variable LOOP_SNAPSHOT takes a snapshot of the volume and prints its device path. Exit code 0: COPY is the volume
+// as the snapshot has it; 1: run it again.
 //
 // The same file is built three times more, each time with a mistake that a real program once might have: PLANT_* says which.
 // To try it shorter than samples/backup_loop_cpp.cpp, everything is read again whenever COPY has another length; left out are
@@ -92,7 +93,9 @@ void Register(const std::wstring& application, const std::wstring& name)
     const bool fixed = GetDriveTypeW(name.c_str()) == DRIVE_FIXED;
     Check("marking the volumes",
           vtfltmgr::CanDriverWork() && (!fixed || vtfltmgr::IsVerifyRequired(application, name)));
-    Check("VTRegisterApplication", vtfltmgr::RegisterApplication(application).IsSuccess());
+    // That is no error for the tail of another ID, either, and does not register it.
+    Check("VTRegisterApplication",
+          vtfltmgr::RegisterApplication(application).IsSuccess() && vtfltmgr::CanApplicationUseDriver(application));
 }
 
 void BackUp(const std::wstring& guid, const std::wstring& application, const std::wstring& copyPath)

@@ -413,6 +413,10 @@ class Trial:
         calls = self.expect_backup("100 of 100 blocks read (everything)", 100)
         self.expect("marks before the registration",
                     calls.index("VTAddVolumesToAppVerifyList") < calls.index("VTRegisterApplication"), str(calls))
+        self.expect("a look whether it is registered",
+                    calls[calls.index("VTRegisterApplication") + 1] == "VTCanAppUseBLIDriver", str(calls))
+        code, text, _ = self.back_up(other, "ample") # which is answered with 0, and is not
+        self.expect("no success under the tail of an ID", code == 1 and "registering failed" in text, f"but {code}: {text}")
         self.expect("no second registration", "VTRegisterApplication" not in self.expect_backup("0 of 100 blocks read", 0))
         # The copy of another application, to which nothing is owed.
         self.write(3, 6)

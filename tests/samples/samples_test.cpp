@@ -335,6 +335,44 @@ TEST_P(Samples, TheCopyOfAnotherApplicationIsReadWhole)
     EXPECT_TRUE(EqualsVolume());
 }
 
+// The library registers it with success, and it is not on the list.
+TEST_P(Samples, AnIdThatIsTheTailOfARegisteredOneIsAnError)
+{
+    EXPECT_EQ(0u, BackUp());
+    Write(3, 7);
+    EXPECT_EQ(1u, Start(m_volume, L"ample", OtherCopy()).Join());
+    EXPECT_EQ(1u, Start(m_volume, L"ample", OtherCopy()).Join());
+    EXPECT_EQ(0u, BackUp());
+    EXPECT_TRUE(EqualsVolume());
+}
+
+// The samples that can see which applications there are.
+class SamplesThatKnowIds : public Samples {};
+
+// Their bitmap files are the same: each backup clears what the other one is owed.
+TEST_P(SamplesThatKnowIds, AnIdThatIsTooMuchLikeARegisteredOneIsRefused)
+{
+    EXPECT_EQ(0u, BackUp());
+    for (const std::wstring& id :
+         {std::wstring(L"sample"), std::wstring(L"SAMPLE"), std::wstring(L"PLE"), std::wstring(L"MySample"),
+          std::wstring(L"sample.last"), std::wstring(L"a*b"), std::wstring(180, L'x'), std::wstring()}) {
+        SCOPED_TRACE(testing::PrintToString(id));
+        Write(5, static_cast<std::uint8_t>(id.size()));
+        EXPECT_EQ(1u, Start(m_volume, id, OtherCopy()).Join());
+        EXPECT_EQ(INVALID_FILE_ATTRIBUTES, GetFileAttributesW(OtherCopy().c_str()));
+        EXPECT_EQ(0u, BackUp());
+        EXPECT_TRUE(EqualsVolume());
+    }
+    for (const std::wstring& id : {std::wstring(L"Sampler"), std::wstring(L"ampl"), std::wstring(179, L'x')}) {
+        Write(5, static_cast<std::uint8_t>(100 + id.size()));
+        EXPECT_EQ(0u, Start(m_volume, id, OtherCopy()).Join());
+        EXPECT_EQ(0u, BackUp());
+        EXPECT_TRUE(EqualsVolume());
+    }
+    EXPECT_EQ(0u, Start(m_volume, L"X.Last", OtherCopy()).Join());
+    EXPECT_EQ(1u, Start(m_volume, L"x", OtherCopy()).Join());
+}
+
 TEST_P(Samples, ACopyOfEverythingThatWasStoppedBelongsToNobody)
 {
     const vtfltsim::Volume second = m_machine.AddVolume(LENGTH, BLOCK);
@@ -464,6 +502,8 @@ TEST_P(Samples, AMachineThatIsNotThereIsAnError)
     EXPECT_EQ(2u, ChildProcess(GetParam(), {m_machine.directory()}).Join());
 }
 
+INSTANTIATE_TEST_SUITE_P(Each, SamplesThatKnowIds, testing::Values(L"backup_loop_cpp"),
+                         [](const testing::TestParamInfo<const wchar_t*>&) { return "Cpp"; });
 INSTANTIATE_TEST_SUITE_P(Each, Samples, testing::Values(L"backup_loop", L"backup_loop_cpp"),
                          [](const testing::TestParamInfo<const wchar_t*>& parameter) {
                              return parameter.index == 0 ? "C" : "Cpp";

@@ -219,6 +219,12 @@ TEST_F(Loop, TakesNoSilenceOfTheDriverForAWordThatNothingWasLost)
     EXPECT_LE(3u, succeeded);
 }
 
+TEST_F(Loop, TakesNoTailOfAnotherId)
+{
+    ASSERT_EQ(0u, BackUp(L"Loop"));
+    EXPECT_EQ(1u, BackUp(L"oop", m_volume.guid, L"Other"));
+}
+
 TEST_F(Loop, TakesAVolumeInOtherLetters)
 {
     const std::wstring given = L"{ABCDEF01-2345-6789-ABCD-EF0123456789}";

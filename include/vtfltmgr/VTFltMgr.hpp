@@ -15,7 +15,7 @@
 //     ... take the snapshot ...
 //     vtfltmgr::ChangeMap changes;
 //     result = manager.Fetch(changes);                        // sizes are negotiated
-//     everything = everything || result.IsVerifyRequired();
+//     everything = everything || result.IsVerifyRequired() || changes.Blocks() < blocks;
 //     ... the same questions once more, block size and length compared with those of the last backup before the snapshot
 //         and here: a yes, a silent driver or a change now means everything, now and next time ...
 //     for (const vtfltmgr::Extent& extent : changes.Extents(blocks))
@@ -257,7 +257,8 @@ inline std::uint64_t ChangeMap::CountChanged(std::uint64_t end) const noexcept
 }
 
 // Fetches a bitmap, the buffer's length negotiated. map is whole after the results 0 and 0x10001; after 0x10001 changes
-// may be missing in it. After any other result it is empty, and nothing was forgotten: end the backup, and do not ask
+// may be missing in it. A map without a block, which only a driver gives that answers the question for the length by
+// success, counts as 0x10001. After any other result it is empty, and nothing was forgotten: end the backup, and do not ask
 // again for the same snapshot (see VTFltGetBitmap). direct: the driver's own bitmap of this very handle (of a
 // snapshot, say), which needs no manager and forgets nothing.
 inline Result FetchBitmap(HANDLE volume, ChangeMap& map, bool direct)
@@ -273,8 +274,8 @@ inline Result FetchBitmap(HANDLE volume, ChangeMap& map, bool direct)
         DWORD size = 0;
         result = VTFltGetBitmap(volume, &input, 0, map.Data(), map.Length(), &size, direct ? 1 : 0);
         if (result == ERROR_SUCCESS || result == VTFLT_VERIFY_REQUIRED) {
-            // A bitmap shorter than was asked for says nothing of the rest.
-            const bool whole = size == map.Length();
+            // A bitmap shorter than was asked for says nothing of the rest, and one that is a header says nothing at all.
+            const bool whole = size == map.Length() && size > VTFLT_BITMAP_HEADER_BYTES;
             map.ClearHeader();
             return Result(whole ? result : VTFLT_VERIFY_REQUIRED);
         }

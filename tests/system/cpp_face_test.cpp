@@ -183,6 +183,21 @@ TEST_F(CppFace, AFetchThatFailsGivesNoMap)
     EXPECT_EQ(0u, changes.Length());
 }
 
+// The question for the length has room for a header only.
+TEST_F(CppFace, ABitmapWithoutABlockIsToBeVerified)
+{
+    machine.TouchBlock(volume, 3);
+    const vtflt::UniqueHandle handle = OpenVolume(volume);
+    const BitmapManager manager = OpenManager(handle.get());
+    ChangeMap changes;
+    ForceCall(L"DeviceIoControl", L"|0xB0000002|", FALSE);
+    EXPECT_TRUE(manager.Fetch(changes).IsVerifyRequired());
+    EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
+    ClearFaults();
+    EXPECT_EQ(0u, changes.Blocks());
+    EXPECT_EQ(Pairs{}, ExtentsOf(changes, BLOCKS));
+}
+
 TEST_F(CppFace, TheManagerIsClosedWithItsOwnerAndMovesWithIt)
 {
     const vtflt::UniqueHandle handle = OpenVolume(volume);

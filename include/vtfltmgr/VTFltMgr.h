@@ -298,8 +298,9 @@ VTFLTMGR_API DWORD WINAPI VTCanBLIDriverWork(void);
  *   classKeyPath  class key below HKEY_LOCAL_MACHINE; a trailing backslash is allowed
  * Results: 0 (also when the driver does not work, and then nothing was counted: only SnapshotMonitorCount in the registry
  * tells, see docs/formats.md); 87 (empty path); 13 (the count is no number); 206 (the class's own name,
- * the path's last part, is too long); else an error of the mutex (0xFFFFFFFF when the wait for it fails) or the registry,
- * with the count as it was. Waits without limit for other users of the same class.
+ * the path's last part, is too long); else an error of the mutex (0xFFFFFFFF when the wait for it fails) or the registry.
+ * After a failure the count is as it was, or 0 where there was none; only if it could not be written back, either, is the
+ * call counted although it failed. Waits without limit for other users of the same class.
  */
 VTFLTMGR_API DWORD WINAPI VTFltEnableMonitorForSnapshot(LPCWSTR classKeyPath);
 

@@ -467,6 +467,20 @@ TEST_F(Limit, ARequestThatASilentDriverDidNotCountTakesBackAnotherOnes)
     EXPECT_FALSE(IsNextSnapshotTracked());
 }
 
+TEST_F(Limit, ARequestThatASilentDriverDidNotTakeBackStaysCounted)
+{
+    ASSERT_EQ(0u, VTFltEnableMonitorForSnapshot(nullptr));
+    machine.SetService(VTFLTSIM_SERVICE_ABSENT);
+    VTFltSimFailCall(L"CreateFileW", VTFLTSIM_ENDPOINT_CONTROL, 1, 1, ERROR_ACCESS_DENIED);
+    EXPECT_EQ(0u, VTFltDisableMonitorForSnapshot(nullptr)) << "and nothing is counted";
+    EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
+    ClearFaults();
+    EXPECT_TRUE(IsNextSnapshotTracked());
+    ASSERT_EQ(0u, VTFltEnableMonitorForSnapshot(nullptr)); // another application, which takes its request back
+    ASSERT_EQ(0u, VTFltDisableMonitorForSnapshot(nullptr));
+    EXPECT_TRUE(IsNextSnapshotTracked()) << "and nobody wants it";
+}
+
 // The base is empty on the disk already, and the last step behind that fails. Who takes the copy for a bad one, and keeps
 // the one before it, asks for the next bitmap in vain.
 TEST_F(Limit, ACopyThatIsThrownAwayBehindAFailedReportMayHaveTheOnlyChanges)
@@ -934,6 +948,17 @@ TEST_F(Limit, AListThatNeverFitsIsReadForEver)
     EXPECT_EQ(0u, VTReplicateVerifyList(APP1));
     EXPECT_EQ(LONG, VTFltSimGetCallFaultHits());
     ClearFaults();
+
+    // Said for ever, it ends with the memory: here at four megabytes.
+    VTFltSimFailCall(L"RegQueryValueExW", L"DeviceListForReSync", 1, 0, ERROR_MORE_DATA);
+    VTFltSimFailCall(L"malloc", L"4194304", 1, 0, ERROR_NOT_ENOUGH_MEMORY);
+    EXPECT_EQ(static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY), VTReplicateVerifyList(APP1));
+    const DWORD hitsBefore = VTFltSimGetCallFaultHits();
+    EXPECT_LT(LONG, hitsBefore);
+    EXPECT_EQ(1u, VTIsVerifyRequired(APP1, volume.Root().c_str()));
+    EXPECT_LT(hitsBefore + LONG, VTFltSimGetCallFaultHits());
+    ClearFaults();
+    EXPECT_EQ(0u, VTIsVerifyRequired(APP1, volume.Root().c_str()));
 }
 
 // Found by a schedule. The list's size is asked first, and no mutex is held over both.
@@ -986,6 +1011,26 @@ TEST_F(Limit, ReplicatingWithoutADriverIsASuccess)
     const auto session = Open(APP1);
     EXPECT_EQ(0u, session->GetBitmap());
     EXPECT_EQ(BlockSet{}, Blocks(*session)) << "a backup without block 5, if nobody asks again";
+    EXPECT_TRUE(IsVerifyRequired(APP1)) << "the next question finds it";
+}
+
+// It counts as a wrong list, and that as a driver that does not work.
+TEST_F(Limit, ReplicatingWithoutMemoryForTheFilterListIsASuccess)
+{
+    const std::vector<std::wstring> filters = {L"volsnap", L"VTFlt", std::wstring(500, L'f')};
+    machine.SetFilters(filters);
+    Register(APP1);
+    BackUp(APP1);
+    Touch({5});
+    LoseTracking(volume);
+    machine.SetService(VTFLTSIM_SERVICE_ABSENT);
+    const auto size = static_cast<unsigned>(MultiStringBytes(filters).size() + sizeof(wchar_t)); // with an end
+    VTFltSimFailCall(L"malloc", WideNumber(size).c_str(), 1, 1, ERROR_NOT_ENOUGH_MEMORY);
+    EXPECT_EQ(0u, VTReplicateVerifyList(APP1));
+    EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
+    ClearFaults();
+    EXPECT_EQ(0u, VTIsVerifyRequired(APP1, volume.Root().c_str())) << "and the volume is on the driver's list";
+    EXPECT_EQ(OnlyThisVolume(), DriverList());
     EXPECT_TRUE(IsVerifyRequired(APP1)) << "the next question finds it";
 }
 

@@ -203,6 +203,33 @@ TEST_F(ManagerInit, FetchIsRefusedWith8WhileAnotherApplicationHasNoContainerAndT
     whole.DeinitBitMapManager();
 }
 
+// A second one would be merged into and written as well.
+TEST_F(ManagerInit, AnIdThatIsListedTwiceHasOneContainer)
+{
+    const auto callsOfAFetch = [&](const std::vector<std::wstring>& ids) {
+        Register(ids);
+        if (!FileExists(volume, L"VelVolTrc"))
+            MakeFolder(volume, L"VelVolTrc");
+        for (const wchar_t* const id : {APP, OTHER}) {
+            WriteFileBytes(volume, BaseName(id), MakeBitmapImage(BLOCK_SIZE, Bytes(BITMAP_BYTES)));
+            WriteFileBytes(volume, ChildName(id), MakeBitmapImage(BLOCK_SIZE, Bytes(BITMAP_BYTES)));
+        }
+        machine.TouchBlock(volume, 5);
+        vtflt::CMultiBitmapManager each;
+        EXPECT_EQ(each.InitBitMapManager(volume.Root(), APP), 0u);
+        VTFltSimRecord(1);
+        EXPECT_EQ(Fetch(each), 0u);
+        VTFltSimRecord(0);
+        EXPECT_EQ(Base(volume, APP).Blocks(), std::vector<std::uint64_t>{5});
+        EXPECT_EQ(Child(volume, OTHER).Blocks(), std::vector<std::uint64_t>{5});
+        return LibraryCalls();
+    };
+    const std::vector<std::wstring> once = callsOfAFetch({APP, OTHER});
+    EXPECT_FALSE(once.empty());
+    EXPECT_TRUE(callsOfAFetch({APP, OTHER, APP, OTHER}) == once);
+    EXPECT_TRUE(callsOfAFetch({OTHER, OTHER, APP}) == once);
+}
+
 TEST_F(ManagerInit, ApplicationThatRegistersLaterGetsNoContainer)
 {
     Register({APP});

@@ -1,6 +1,7 @@
 // Loading and unloading the DLL, and the mark that a user of the library is running.
 //
 // This program uses the DLL by LoadLibrary alone: a program that is linked with it would carry the mark all the time.
+#include "support/registry_sandbox.h"
 #include "support/start_again.h"
 
 #include <windows.h>
@@ -174,6 +175,33 @@ TEST_F(Load, ItCanBeLoadedAndUnloadedAgainAndAgain)
         EXPECT_NE(GetProcAddress(module, "VTFltInitBitmapManager"), nullptr);
         EXPECT_TRUE(FreeLibrary(module));
     }
+}
+
+// Nobody is told what becomes of a manager that was not given up; the process must go on, and a later load begin anew.
+TEST_F(Load, ItCanBeUnloadedWithAManagerThatIsStillThere)
+{
+    using Init = DWORD(WINAPI*)(HANDLE, LPCWSTR, LPCWSTR);
+    using Deinit = DWORD(WINAPI*)(HANDLE);
+    const vttest::RegistrySandbox registry;
+    constexpr wchar_t IDS[] = L"App1\0";
+    const auto* const bytes = reinterpret_cast<const std::uint8_t*>(IDS);
+    registry.Set(L"SOFTWARE\\Veltrix\\Shared\\CBTDriver\\AppIDs", L"RegisteredAppIDs", REG_MULTI_SZ,
+                 {bytes, bytes + sizeof(IDS)});
+    const Handle volume(CreateEventW(nullptr, FALSE, FALSE, nullptr)); // any handle: nothing is asked of it
+    for (int round = 0; round < 3; ++round) {
+        const HMODULE module = LoadCopy(0);
+        ASSERT_NE(module, nullptr);
+        const auto init =
+            reinterpret_cast<Init>(reinterpret_cast<void (*)()>(GetProcAddress(module, "VTFltInitBitmapManager")));
+        const auto deinit =
+            reinterpret_cast<Deinit>(reinterpret_cast<void (*)()>(GetProcAddress(module, "VTFltDeinitBitmapManager")));
+        ASSERT_TRUE(init != nullptr && deinit != nullptr);
+        EXPECT_EQ(deinit(volume.get()), static_cast<DWORD>(ERROR_INVALID_PARAMETER)) << "of the load before";
+        EXPECT_EQ(init(volume.get(), L"\\\\?\\Volume{11111111-2222-3333-4444-555555555555}\\", L"App1"), 0u);
+        EXPECT_TRUE(FreeLibrary(module));
+        EXPECT_FALSE(IsMarked());
+    }
+    EXPECT_TRUE(SetEvent(volume.get())) << "the handle stays its owner's";
 }
 
 DWORD WINAPI DoNothing(void*)

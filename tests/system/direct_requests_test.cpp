@@ -95,6 +95,30 @@ TEST_F(DirectRequests, GetBlockSizeReturnsTheDriversErrorUnlogged)
     log.ExpectNothingLogged();
 }
 
+TEST_F(DirectRequests, GetBlockSizeThatFailsWithoutAnErrorCountsAsSuccess)
+{
+    DWORD blockSize = 0x12345678;
+    SetLastError(ERROR_GEN_FAILURE);
+    ForceCall(L"DeviceIoControl", FALSE, 0);
+    EXPECT_EQ(VTFltGetBlockSize(handle.get(), &blockSize, 1), 0u);
+    EXPECT_EQ(VTFltSimGetCallFaultHits(), 1u);
+    EXPECT_EQ(blockSize, 0x12345678u);
+    log.ExpectNothingLogged();
+}
+
+TEST_F(DirectRequests, GetBitmapThatFailsWithoutAnErrorCountsAsASuccessOfNoBytes)
+{
+    Bytes output = Header(3, 4, 24);
+    SetLastError(ERROR_GEN_FAILURE);
+    ForceCall(L"DeviceIoControl", FALSE, 0);
+    EXPECT_EQ(Get(output), 0u);
+    EXPECT_EQ(VTFltSimGetCallFaultHits(), 1u);
+    EXPECT_EQ(size, 0u);
+    EXPECT_EQ(WordAt(output, 0), 3);
+    EXPECT_EQ(WordAt(output, 8), 0xFFFFFF80) << "the bits of no bytes, without those of a header";
+    log.ExpectNothingLogged();
+}
+
 TEST_F(DirectRequests, GetBitmapPassesAllFourBufferArgumentsToTheHandle)
 {
     machine.TouchBlock(volume, 0);

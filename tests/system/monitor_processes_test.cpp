@@ -91,5 +91,36 @@ TEST_F(MonitorProcesses, OneThatDiesWhileItHoldsTheMutexLetsAWaiterGoOn)
     EXPECT_EQ(Filters(), std::vector<std::wstring>{L"VTFlt"});
 }
 
+DWORD WINAPI SwitchAnotherClass(void* context)
+{
+    constexpr wchar_t ANOTHER[] = L"System\\CurrentControlSet\\Control\\Class\\{another}";
+    DWORD& result = static_cast<Waiter*>(context)->result;
+    result = VTFltEnableMonitorForSnapshot(ANOTHER);
+    if (result == 0)
+        result = VTFltEnableMonitorForSnapshot(ANOTHER);
+    if (result == 0)
+        result = VTFltDisableMonitorForSnapshot(ANOTHER);
+    return 0;
+}
+
+TEST_F(MonitorProcesses, OneThatHoldsTheMutexOfAClassKeepsNobodyFromAnotherClass)
+{
+    const Pause pause(L"VTTest.monitor");
+    ChildProcess child = Child(L"1", pause.Before(L"RegSetValueExW", MONITOR_COUNT));
+    ASSERT_TRUE(pause.AwaitReached(child)); // it owns the mutex
+
+    Waiter waiter{nullptr, 0xDEAD};
+    const vtflt::UniqueHandle thread(CreateThread(nullptr, 0, SwitchAnotherClass, &waiter, 0, nullptr));
+    ASSERT_TRUE(thread.valid());
+    EXPECT_EQ(WaitForSingleObject(thread.get(), 60000), WAIT_OBJECT_0);
+    EXPECT_TRUE(Count().empty()) << "it still stands there";
+    pause.Go();
+    EXPECT_EQ(child.Join(), 0u);
+    ASSERT_EQ(WaitForSingleObject(thread.get(), INFINITE), WAIT_OBJECT_0);
+    EXPECT_EQ(waiter.result, 0u);
+    EXPECT_EQ(machine.ReadValue(std::wstring(COUNT_KEYS) + L"{another}", MONITOR_COUNT), NumberBytes(1));
+    EXPECT_EQ(Count(), NumberBytes(1));
+}
+
 } // namespace
 } // namespace vttest

@@ -67,6 +67,35 @@ TEST_F(SnapshotChanges, PutTheVolumeOnTheVerifyListBeforeTheFileIsTouchedAndTake
     EXPECT_FALSE(ValueExists(SERVICE_KEY, L"DeviceListForReSyncapp1"));
 }
 
+TEST_F(SnapshotChanges, PutTheVolumeOnTheVerifyListWhateverTheWaitForItsMutexSaid)
+{
+    const auto session = Open(L"app1");
+    for (const DWORD answer : {DWORD{WAIT_FAILED}, DWORD{WAIT_TIMEOUT}, DWORD{WAIT_ABANDONED}}) {
+        SCOPED_TRACE(answer);
+        VTFltSimRecord(1);
+        ForceCall(L"WaitForSingleObject", volume.MutexName(), answer, ERROR_INVALID_HANDLE,
+                  2); // the first is the call's own
+        EXPECT_EQ(0u, session->SyncChanges(BufferOf(BUFFER_LENGTH, {60})));
+        VTFltSimRecord(0);
+        EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
+        ClearFaults();
+        std::vector<std::wstring> steps;
+        for (const std::wstring& line : LibraryCalls()) {
+            if (line.starts_with(L"WaitForSingleObject") && line.find(volume.MutexName()) != std::wstring::npos)
+                steps.emplace_back(L"wait");
+            for (const wchar_t* name : {L"RegSetValueExW", L"RegDeleteValueW", L"WriteFile"}) {
+                if (line.rfind(name, 0) == 0 && steps.back() != name)
+                    steps.emplace_back(name);
+            }
+        }
+        EXPECT_EQ(
+            (std::vector<std::wstring>{L"wait", L"wait", L"RegSetValueExW", L"WriteFile", L"wait", L"RegDeleteValueW"}),
+            steps);
+        EXPECT_TRUE(VerifyList(L"app1").empty());
+    }
+    EXPECT_EQ((BlockSet{60}), Blocks(Child(volume, L"app1")));
+}
+
 TEST_F(SnapshotChanges, KeepTheOtherVolumesOfTheVerifyList)
 {
     SetVerifyList(L"app1", {SNAPSHOTS_OTHER_VOLUME});

@@ -251,7 +251,7 @@ TEST(World, TakesWhatMayBeOfTheFilesForNoBreak)
     }
     // The file is emptied to be written anew, and one sector of it is empty behind the cut.
     EXPECT_EQ("", RunText("machine 8192:512; register 0; register 1; register 2; write 1 0 4012; backup 0 0; "
-                          "backup 1 0 0 0 !die-after 127; power-cut 0 0 288"));
+                          "backup 1 0 0 0 !die-after 127 0; power-cut 0 0 288"));
     // The base is written back from memory.
     EXPECT_EQ("", RunText("machine 388:512; register 0; block-size 1 0 4096; begin 0 0; fetch 0 0; damage 0 0 1 2; "
                           "finish 0 0 0 0 !die-in-write 6 3840"));

@@ -155,6 +155,67 @@ TEST_F(VtBackupDamage, AManifestThatIsNestedWithoutEndIsDamage)
     EXPECT_TRUE(result.Has("chain-damaged"));
 }
 
+// Quarantined, say, or not yet copied: whoever puts the file back has the backup again.
+TEST_F(VtBackupDamage, ABackupThatLostItsManifestIsKeptAndCanBePutBack)
+{
+    Write(22, 0x96);
+    ASSERT_EQ(3u, Backup().sequence);
+    const std::vector<std::uint8_t> third = Contents();
+    for (const std::uint64_t lost : {1U, 3U}) {
+        const std::wstring manifest = BackupFile(lost, L"manifest.json");
+        const std::vector<std::uint8_t> kept = ReadFileBytes(manifest);
+        ASSERT_TRUE(DeleteFileW(manifest.c_str()));
+        Write(23, static_cast<std::uint8_t>(lost));
+        const Result next = Backup();
+        EXPECT_EQ(EXIT_OK, next.exitCode) << next.err;
+        EXPECT_TRUE(Contents() == Restored());
+        for (const wchar_t* name : {L"index.bin", L"data.bin", L"reported"})
+            EXPECT_TRUE(Exists(BackupFile(lost, name))) << lost;
+        WriteFileBytes(manifest, kept);
+        EXPECT_TRUE(third == Restored(3)) << lost;
+        EXPECT_EQ(EXIT_OK, Run({L"verify", L"--json", L"--repo", repository}).exitCode);
+        for (std::uint64_t later = 4; later <= next.sequence; ++later)
+            RemoveTree(BackupFile(later, L""));
+    }
+}
+
+// Of a backup that was not reported nothing but its place says that it was one.
+TEST_F(VtBackupDamage, ABackupInTheMiddleOfItsChainThatLostItsManifestIsKept)
+{
+    ASSERT_TRUE(DeleteFileW(BackupFile(1, L"reported").c_str()));
+    const std::wstring manifest = BackupFile(1, L"manifest.json");
+    const std::vector<std::uint8_t> kept = ReadFileBytes(manifest);
+    const std::vector<std::uint8_t> second = Contents();
+    ASSERT_TRUE(DeleteFileW(manifest.c_str()));
+    EXPECT_TRUE(Backup().Has("chain-damaged"));
+    WriteFileBytes(manifest, kept);
+    EXPECT_TRUE(second == Restored(2));
+}
+
+TEST_F(VtBackupDamage, TheLatestBackupWithoutItsManifestIsDamageAndNotAnOlderState)
+{
+    const std::vector<std::uint8_t> first = Restored(1);
+    ASSERT_TRUE(DeleteFileW(BackupFile(2, L"manifest.json").c_str()));
+    const std::wstring page = repository + L".html";
+    for (const std::vector<std::wstring>& command :
+         {std::vector<std::wstring>{L"verify"}, {L"list"}, {L"report", L"--html", page}}) {
+        std::vector<std::wstring> arguments = {L"--json", L"--repo", repository};
+        arguments.insert(arguments.begin(), command.begin(), command.end());
+        const Result result = Run(arguments);
+        EXPECT_EQ(EXIT_DAMAGED, result.exitCode) << result.out;
+        EXPECT_NE(std::string::npos, result.err.find("00000002\\manifest.json is missing")) << result.err;
+    }
+    DeleteFileW(page.c_str());
+    ExpectDamagedRestore();
+    EXPECT_TRUE(first == Restored(1));
+    const Result next = Backup();
+    EXPECT_EQ("full", next.kind) << next.out;
+    EXPECT_TRUE(next.Has("chain-damaged")) << next.out;
+    EXPECT_EQ(3u, next.sequence);
+    EXPECT_TRUE(Contents() == Restored());
+    EXPECT_EQ("incremental", Backup().kind);
+}
+
 TEST_F(VtBackupDamage, ADamagedRepositoryFileIsDamage)
 {
     WriteFileBytes(repository + L"\\repository.json", {'{', '}'});

@@ -259,7 +259,7 @@ Exit List(const Options& options)
         json backups = json::array();
         if (!options.json)
             PrintLine(fmt::format("{} {}", chain.Application(), ToUtf8(chain.Volume().guid)));
-        for (const std::uint64_t sequence : chain.Backups()) {
+        for (const std::uint64_t sequence : chain.Folders()) {
             try {
                 const Manifest m = chain.ReadManifest(sequence);
                 const bool reported = chain.WasReported(sequence);
@@ -271,6 +271,8 @@ Exit List(const Options& options)
                                           KindName(m.kind), BytesText(m.dataLength), ReasonCodes(m),
                                           reported ? "" : " [success not reported]"));
             } catch (const Failure& failure) {
+                if (failure.Code() == Exit::NotFound)
+                    continue; // what an ended run left
                 if (failure.Code() != Exit::Damaged)
                     throw;
                 good = false;

@@ -170,6 +170,11 @@ void Cycle::LookAtChain()
     if (m_request.verify)
         m_doubts.verify.push_back(reason::VerifyRequested());
     const std::vector<std::uint64_t> backups = m_chain.Backups();
+    const std::vector<std::uint64_t> gone = m_chain.WithoutManifest();
+    if (!gone.empty() && (backups.empty() || gone.back() > backups.back())) {
+        m_doubts.full.push_back(reason::ChainDamaged(m_chain.ManifestIsGone(gone.back())));
+        return;
+    }
     if (backups.empty()) {
         m_doubts.full.push_back(reason::FirstBackup());
         return;

@@ -83,7 +83,8 @@ std::optional<Chain> ChainIn(const std::wstring& folder)
 {
     const std::wstring file = Join(folder, CHAIN_FILE);
     if (!FileExists(file)) {
-        if (Chain(folder, {}, {}).Backups().empty())
+        const Chain unknown(folder, {}, {});
+        if (unknown.Backups().empty() && unknown.WithoutManifest().empty())
             return std::nullopt;
         throw Failure(Exit::Damaged, fmt::format("{} is missing", ToUtf8(file)));
     }
@@ -193,7 +194,10 @@ std::uint64_t Chain::NextSequence() const
 Manifest Chain::ReadManifest(std::uint64_t sequence) const
 {
     const std::wstring path = ManifestPath(sequence);
+    const bool reported = WasReported(sequence); // asked first: a backup may be at work that is reported in between
     const std::optional<std::string> text = ReadSmallFile(path, MANIFEST_LIMIT);
+    if (!text && reported)
+        throw Failure(Exit::Damaged, ManifestIsGone(sequence));
     if (!text)
         throw Failure(Exit::NotFound, fmt::format("there is no backup {} of volume {} for application \"{}\"", sequence,
                                                   ToUtf8(m_volume.guid), m_application));
@@ -240,12 +244,30 @@ bool Chain::WasReported(std::uint64_t sequence) const
     return FileExists(ReportedPath(sequence));
 }
 
+std::vector<std::uint64_t> Chain::WithoutManifest() const
+{
+    std::vector<std::uint64_t> sequences = Folders();
+    std::erase_if(sequences, [this](std::uint64_t sequence) {
+        return !WasReported(sequence) || FileExists(ManifestPath(sequence));
+    });
+    return sequences;
+}
+
+std::string Chain::ManifestIsGone(std::uint64_t sequence) const
+{
+    return fmt::format("{} is missing, and the success of this backup was reported: put the file back",
+                       ToUtf8(ManifestPath(sequence)));
+}
+
+// A run that ended leaves its folder behind the last backup, since the next run removes it or takes a higher number. A
+// folder before that, or one whose success was reported, was a backup, and may be one again once its manifest is back.
 void Chain::RemoveUnfinished() const
 {
+    const std::vector<std::uint64_t> backups = Backups();
+    const std::uint64_t last = backups.empty() ? 0 : backups.back();
     for (const std::uint64_t sequence : Folders()) {
-        if (!FileExists(ManifestPath(sequence)))
-            RemoveFolderWithFiles(BackupFolder(sequence),
-                                  {L"manifest.json.tmp", L"index.bin", L"data.bin", L"reported", L"reported.tmp"});
+        if (sequence > last && !WasReported(sequence))
+            RemoveFolderWithFiles(BackupFolder(sequence), {L"manifest.json.tmp", L"index.bin", L"data.bin"});
     }
 }
 

@@ -32,7 +32,8 @@ public:
     [[nodiscard]] std::vector<std::uint64_t> Backups() const;
     // The number of the next backup: higher than every one in use. Throws Failure(Damaged) when there is none left.
     [[nodiscard]] std::uint64_t NextSequence() const;
-    // Reads one manifest. Throws Failure(NotFound) when there is none, Failure(Damaged) when it is unusable.
+    // Reads one manifest. Throws Failure(NotFound) when there is no such backup, Failure(Damaged) when the manifest of one
+    // is unusable or gone.
     [[nodiscard]] Manifest ReadManifest(std::uint64_t sequence) const;
     // The backups that a restore of this one needs, from its full one to itself. Throws Failure(Damaged) with
     // the missing or damaged member.
@@ -41,11 +42,15 @@ public:
     [[nodiscard]] std::wstring LossPath(std::uint64_t sequence) const;
     // The backups for which there is such evidence, ascending.
     [[nodiscard]] std::vector<std::uint64_t> Losses() const;
-    // Whether success was reported for a backup. Only for people to read; no decision hangs on it.
+    // Whether success was reported for a backup. Of one with a manifest only people want to know.
     [[nodiscard]] bool WasReported(std::uint64_t sequence) const;
+    // The backups that lost their manifest, ascending: success is reported only when there is one.
+    [[nodiscard]] std::vector<std::uint64_t> WithoutManifest() const;
+    // What is to be said of such a one.
+    [[nodiscard]] std::string ManifestIsGone(std::uint64_t sequence) const;
 
-    // Removes what an ended run left: folders without a manifest. Files that no backup has stay, with their folder. Call
-    // it under the locks.
+    // Removes what an ended run left: folders behind the last backup, without a manifest and never reported. Files that no
+    // backup has stay, with their folder. Call it under the locks.
     void RemoveUnfinished() const;
     // Makes the folder and says in it whose it is.
     void Create() const;

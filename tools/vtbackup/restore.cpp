@@ -235,6 +235,10 @@ RestoreResult Restore(const Machine& machine, const Chain& chain, const RestoreR
     result.sequence = request.sequence;
     if (result.sequence == 0) {
         const std::vector<std::uint64_t> backups = chain.Backups();
+        const std::vector<std::uint64_t> gone = chain.WithoutManifest();
+        // Whoever asks for the latest must not get an older one without a word.
+        if (!gone.empty() && (backups.empty() || gone.back() > backups.back()))
+            throw Failure(Exit::Damaged, chain.ManifestIsGone(gone.back()) + ", or choose an older one with --backup");
         if (backups.empty())
             throw Failure(Exit::NotFound, fmt::format("there is no backup of volume {} for application \"{}\"",
                                                       ToUtf8(chain.Volume().guid), chain.Application()));

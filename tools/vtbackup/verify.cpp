@@ -60,7 +60,7 @@ ChainCheck CheckChain(const Chain& chain)
 {
     ChainCheck check;
     std::map<std::uint64_t, Manifest> whole; // those that can be restored
-    for (const std::uint64_t sequence : chain.Backups()) {
+    for (const std::uint64_t sequence : chain.Folders()) {
         CheckedBackup backup{sequence, {}};
         try {
             const Manifest manifest = chain.ReadManifest(sequence);
@@ -72,6 +72,8 @@ ChainCheck CheckChain(const Chain& chain)
         } catch (const Failure& failure) {
             if (failure.Code() == Exit::Interrupted)
                 throw;
+            if (failure.Code() == Exit::NotFound)
+                continue; // what an ended run left
             backup.problem = failure.what();
         }
         check.backups.push_back(std::move(backup));

@@ -189,4 +189,14 @@ TEST_F(VtBackupHostile, ARangeOfWrittenDataThatBeginsBeforeTheVolumeDoesNotEndTh
     EXPECT_TRUE(Contents() == Restored());
 }
 
+TEST_F(VtBackupHostile, AQuestionForWrittenRangesThatFailsWithoutAReasonIsNoAnswer)
+{
+    std::vector<std::wstring> arguments = Arguments(L"backup", L"App", &volume);
+    arguments.push_back(L"--full");
+    const Result result = Run(arguments, L"fail|DeviceIoControl|0x000940CF|1|0|0");
+    EXPECT_EQ(EXIT_OK, result.exitCode) << result.err;
+    EXPECT_EQ(LENGTH, result.bytesRead);
+    EXPECT_TRUE(Contents() == Restored());
+}
+
 } // namespace

@@ -255,7 +255,7 @@ void Cycle::BackUp()
     manager.PrepareForSnapshot();
     HeldSnapshot held(m_machine, m_application, m_request.volume);
     m_result.manifest.time = UtcNow();
-    const Volume snapshot(held.Get().device, Volume::Access::Read);
+    const Volume snapshot(held.Get().device, Volume::Access::Read, m_machine.Simulated());
     const bool tracked = IsTracked(snapshot);
 
     FetchChanges(volume);

@@ -202,7 +202,7 @@ void RestoreToVolume(const Machine& machine, const Chain& chain, const std::vect
     // A backup in the meantime would store a volume that is half one thing and half another.
     const Lock lock(machine.Locks().Volume(target.guid), {ToWide(chain.Application()), target.guid, L"restore"},
                     fmt::format("volume {}", ToUtf8(target.guid)));
-    const Volume volume(target.Device(), Volume::Access::ReadWrite);
+    const Volume volume(target.Device(), Volume::Access::ReadWrite, machine.Simulated());
     const Geometry geometry = path.back().geometry;
     if (volume.Length() < geometry.length)
         throw Failure(Exit::Usage, fmt::format("volume {} has {} bytes, the backup needs {}", ToUtf8(target.guid),

@@ -89,8 +89,8 @@ bool IsKnownNotToBeFixed(const VolumeName& name)
     return type == DRIVE_REMOVABLE || type == DRIVE_REMOTE || type == DRIVE_CDROM || type == DRIVE_RAMDISK;
 }
 
-Volume::Volume(std::wstring device, Access access)
-    : m_device(std::move(device)),
+Volume::Volume(std::wstring device, Access access, bool knowsWhatWasWritten)
+    : m_device(std::move(device)), m_knowsWhatWasWritten(knowsWhatWasWritten),
       m_handle(CreateFileW(m_device.c_str(), access == Access::Read ? GENERIC_READ : GENERIC_READ | GENERIC_WRITE,
                            FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr))
 {
@@ -148,10 +148,21 @@ void Volume::Flush() const
 
 AllocatedWalk::AllocatedWalk(const Volume& volume, Geometry geometry) : m_volume(volume), m_geometry(geometry) {}
 
+void AllocatedWalk::TakeTheRest()
+{
+    m_supported = false;
+    m_place = 0;
+    m_page.assign(1, {m_offset / m_geometry.blockSize, m_geometry.Blocks()});
+}
+
 bool AllocatedWalk::FetchPage()
 {
     if (!m_supported || m_offset >= m_geometry.length)
         return false;
+    if (!m_volume.KnowsWhatWasWritten()) {
+        TakeTheRest();
+        return true;
+    }
     FILE_ALLOCATED_RANGE_BUFFER query = {};
     query.FileOffset.QuadPart = static_cast<LONGLONG>(m_offset);
     query.Length.QuadPart = static_cast<LONGLONG>(m_geometry.length - m_offset);
@@ -159,7 +170,9 @@ bool AllocatedWalk::FetchPage()
     DWORD returned = 0;
     const BOOL done = DeviceIoControl(m_volume.Get(), FSCTL_QUERY_ALLOCATED_RANGES, &query, sizeof(query),
                                       ranges.data(), static_cast<DWORD>(sizeof(ranges)), &returned, nullptr);
-    const DWORD error = done ? 0 : GetLastError();
+    DWORD error = done ? 0 : GetLastError();
+    if (!done && error == 0)
+        error = ERROR_GEN_FAILURE; // no reason for a refusal is no answer, and not that nothing was ever written
     m_page.clear();
     m_place = 0;
     std::uint64_t covered = m_offset;
@@ -182,8 +195,7 @@ bool AllocatedWalk::FetchPage()
     }
     if (!sane) {
         // No answer, or one that makes no sense: everything from here on may hold data.
-        m_supported = false;
-        m_page.assign(1, {m_offset / m_geometry.blockSize, m_geometry.Blocks()});
+        TakeTheRest();
         return true;
     }
     m_offset = error == 0 ? m_geometry.length : covered;

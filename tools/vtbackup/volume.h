@@ -60,9 +60,11 @@ struct Geometry {
 class Volume {
 public:
     enum class Access { Read, ReadWrite };
-    Volume(std::wstring device, Access access);
+    // knowsWhatWasWritten: a simulated device, which may be asked for the ranges that were ever written.
+    Volume(std::wstring device, Access access, bool knowsWhatWasWritten = false);
 
     [[nodiscard]] HANDLE Get() const noexcept { return m_handle.Get(); }
+    [[nodiscard]] bool KnowsWhatWasWritten() const noexcept { return m_knowsWhatWasWritten; }
     [[nodiscard]] std::string Name() const;
     [[nodiscard]] std::uint64_t Length() const;
     void ReadAt(std::uint64_t offset, void* out, std::uint32_t length) const;
@@ -71,12 +73,13 @@ public:
 
 private:
     std::wstring m_device;
+    bool m_knowsWhatWasWritten;
     Handle m_handle;
 };
 
-// Walks over the runs of blocks of a device that may hold something else than zeros. A device that knows which
-// ranges were never written (FSCTL_QUERY_ALLOCATED_RANGES) leaves those out; one that refuses to say, as real
-// volumes do, is one single run.
+// Walks over the runs of blocks of a device that may hold something else than zeros. A simulated device says which
+// ranges were never written (FSCTL_QUERY_ALLOCATED_RANGES), and these are left out. A real one is not asked and is one
+// single run: that request is for files, and what stands between us and a real volume may answer it with no range at all.
 class AllocatedWalk {
 public:
     AllocatedWalk(const Volume& volume, Geometry geometry);
@@ -84,6 +87,7 @@ public:
 
 private:
     bool FetchPage();
+    void TakeTheRest(); // everything from here on may hold data
     std::optional<BlockRun> NextRaw();
 
     const Volume& m_volume;

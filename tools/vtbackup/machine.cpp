@@ -1,5 +1,6 @@
 #include "machine.h"
 
+#include "common/simulation.h"
 #include "failure.h"
 #include "file.h"
 
@@ -8,9 +9,11 @@ namespace {
 
 std::wstring StateFolder(const std::wstring& simulate)
 {
-    // A simulated machine carries its state with it, so that it can be moved, and thrown away, as a whole.
-    if (!simulate.empty())
-        return Join(AbsolutePath(simulate), L"vtbackup");
+    // A simulated machine carries its state with it, so that it can be moved, and thrown away, as a whole. So does one under
+    // which this program was started, as if it were the real one.
+    const std::wstring simulated = toolkit::SimulatedFolder(simulate);
+    if (!simulated.empty())
+        return Join(AbsolutePath(simulated), L"vtbackup");
     wchar_t folder[MAX_PATH] = {};
     const DWORD length = GetEnvironmentVariableW(L"ProgramData", folder, MAX_PATH);
     return AbsolutePath(Join(length == 0 || length >= MAX_PATH ? L"C:\\ProgramData" : folder, L"vtbackup"));

@@ -49,6 +49,15 @@ TEST_F(VtBackupList, ThreeMoreQuestionsAreAsked)
     EXPECT_NE(std::string::npos, result.message.find("reading the registered applications failed")) << result.message;
 }
 
+TEST_F(VtBackupList, SoTheyAreForTheVerifyList)
+{
+    constexpr unsigned REPLICATION = 7; // the question that its replication begins with
+    EXPECT_EQ(EXIT_OK, BackupWithFailures(REPLICATION, 3).exitCode);
+    const Result result = BackupWithFailures(REPLICATION, 4);
+    EXPECT_EQ(EXIT_DEVICE, result.exitCode);
+    EXPECT_NE(std::string::npos, result.message.find("VTReplicateVerifyList failed")) << result.message;
+}
+
 TEST_F(VtBackupList, SoTheyAreForTheManager)
 {
     constexpr unsigned MANAGER = 15; // the question for the length that its making begins with

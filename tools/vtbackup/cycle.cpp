@@ -222,7 +222,7 @@ void Cycle::CompareWithLastSuccess()
 
 void Cycle::ReplicateVerifyList()
 {
-    if (const DWORD result = VTReplicateVerifyList(m_request.application.c_str()); result != 0)
+    if (const std::uint32_t result = ReplicatedVerifyList(m_request.application); result != 0)
         throw Failure(Exit::Device, fmt::format("VTReplicateVerifyList failed: {}", ErrorText(result)));
 }
 

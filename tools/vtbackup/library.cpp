@@ -76,6 +76,11 @@ std::vector<std::wstring> RegisteredApplications()
     return list;
 }
 
+std::uint32_t ReplicatedVerifyList(const std::wstring& application)
+{
+    return AskWhileTheListGrows([&] { return VTReplicateVerifyList(application.c_str()); });
+}
+
 std::vector<std::uint8_t> StoredMonitoringCount()
 {
     return toolkit::ReadRegistryValue(L"SOFTWARE\\Veltrix\\Lumen Protect\\Engine\\VTFltMgr\\"

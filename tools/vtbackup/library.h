@@ -12,6 +12,9 @@ namespace vtbackup {
 
 std::vector<std::wstring> RegisteredApplications();
 
+// VTReplicateVerifyList's result.
+std::uint32_t ReplicatedVerifyList(const std::wstring& application);
+
 // What the registry has for the count of requests for the tracking of snapshots; empty when it has nothing. To be
 // compared with itself: no export says whether a request was counted.
 std::vector<std::uint8_t> StoredMonitoringCount();

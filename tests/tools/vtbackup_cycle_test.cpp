@@ -1,9 +1,13 @@
 // The cycle: each way in which an application could lose a change, as a story with its right end.
+#include "support/child.h"
 #include "tools/vtbackup_test.h"
 
 using namespace vtbackup_test;
 
 namespace {
+
+constexpr wchar_t COUNT_KEY[] = L"SOFTWARE\\Veltrix\\Lumen Protect\\Engine\\VTFltMgr\\"
+                                L"{533C5B84-EC70-11D2-9505-00C04F79DEAF}";
 
 class VtBackupCycle : public VtBackupTest {
 protected:
@@ -521,6 +525,59 @@ TEST_F(VtBackupCycle, ASecondBackupOfTheVolumeIsBusyAndSaysWhoHoldsIt)
     });
     EXPECT_EQ(EXIT_OK, result.exitCode);
     EXPECT_EQ(EXIT_OK, Init(L"Third").exitCode);
+}
+
+TEST_F(VtBackupCycle, ABackupThatRegistersARegisteredApplicationWaitsForNoOtherVolume)
+{
+    ASSERT_EQ(EXIT_OK, Init(L"Second").exitCode);
+    const vtfltsim::Volume other = machine.AddVolume(65536, BLOCK);
+    const Result second = RunWith(Arguments(L"backup", L"Second", &other), beforeFetch, [&](Process&) {
+        std::vector<std::wstring> arguments = Arguments(L"backup", L"App", &volume);
+        arguments.push_back(L"--register");
+        ExpectIncremental(Run(arguments), 0);
+    });
+    EXPECT_EQ(EXIT_OK, second.exitCode) << second.err;
+}
+
+TEST_F(VtBackupCycle, AnUndoThatMeetsABusyVolumeTakesNothingBack)
+{
+    ASSERT_EQ(EXIT_OK, Init(L"Second").exitCode);
+    std::vector<std::wstring> undo = Arguments(L"init");
+    undo.push_back(L"--undo");
+    const auto count = [this] { return machine.ReadValue(COUNT_KEY, L"SnapshotMonitorCount"); };
+    const std::vector<std::uint8_t> before = count();
+    ASSERT_FALSE(before.empty());
+    const std::vector<std::uint8_t> filters = machine.ReadValue(SNAPSHOT_CLASS, L"UpperFilters");
+    const Result second = RunWith(Arguments(L"backup", L"Second", &volume), beforeFetch, [&](Process&) {
+        const Result result = Run(undo);
+        EXPECT_EQ(EXIT_BUSY, result.exitCode) << result.out;
+        EXPECT_TRUE(before == count());
+        EXPECT_TRUE(filters == machine.ReadValue(SNAPSHOT_CLASS, L"UpperFilters"));
+    });
+    EXPECT_EQ(EXIT_OK, second.exitCode) << second.err;
+    ExpectIncremental(Backup(), 0);
+    ASSERT_EQ(EXIT_OK, Init().exitCode);
+    EXPECT_TRUE(before == count()) << "the request was still noted";
+    EXPECT_EQ(EXIT_OK, Run(undo).exitCode);
+    EXPECT_FALSE(before == count());
+}
+
+// In between the application would be gone, and busy volumes could end the reset there.
+TEST_F(VtBackupCycle, NoBackupComesBetweenTheStepsOfAReset)
+{
+    ASSERT_EQ(EXIT_OK, Init(L"Second").exitCode);
+    const std::wstring name = vttest::UniqueName(L"vtbackup_reset");
+    const vtflt::UniqueHandle reached = vttest::NamedEvent(name + L".reached");
+    const vtflt::UniqueHandle go = vttest::NamedEvent(name + L".go");
+    std::vector<std::wstring> reset = Arguments(L"init");
+    reset.push_back(L"--reset");
+    Process process(reset, L"pause|CreateMutexW|.Volume{|2|" + name);
+    const HANDLE either[] = {reached.get(), process.Get()};
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForMultipleObjects(2, either, FALSE, INFINITE));
+    EXPECT_EQ(EXIT_BUSY, Backup(L"Second").exitCode);
+    SetEvent(go.get());
+    EXPECT_EQ(EXIT_OK, process.Finish().exitCode);
+    ExpectVerify(Backup(), "changes-taken-elsewhere");
 }
 
 TEST_F(VtBackupCycle, ALockWhoseHolderDiedIsTakenOver)

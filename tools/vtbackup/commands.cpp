@@ -92,6 +92,11 @@ Exit Init(const Options& options)
         id = Repository::Create(ToWide(options.repository)).Id();
         if (options.reset && IsRegistered(application))
             UnregisterApplication(machine, application);
+    // For the whole of it: one volume that is busy would otherwise end it half done, with the request taken back or the
+    // application gone.
+    std::vector<Lock> locks;
+    if (options.undo || options.reset)
+        locks = LockEverything(machine, application, options.undo ? L"init --undo" : L"init --reset");
         RegisterApplication(machine, application);
         SwitchMonitoring(machine, options, true);
     }

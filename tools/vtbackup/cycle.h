@@ -7,6 +7,7 @@
 #include "repository.h"
 
 #include <string>
+#include <vector>
 
 namespace vtbackup {
 
@@ -37,7 +38,10 @@ BackupResult RunBackup(const Machine& machine, const Repository& repository, con
 // Whether the list of applications has it. Where that cannot be read there is a Failure, and no answer: the export says
 // no then, and also when the driver is silent.
 bool IsRegistered(const std::wstring& application);
-// Registers an application, under its lock and the locks of all fixed volumes. Checks the ID first.
+// The application's lock and those of all fixed volumes. The thread that has them may take them again. Throws
+// Failure(Busy).
+std::vector<Lock> LockEverything(const Machine& machine, const std::wstring& application, const wchar_t* work);
+// Registers an application that is not registered yet, under all these locks. Checks the ID first.
 void RegisterApplication(const Machine& machine, const std::wstring& application);
 // Unregisters it under the same locks.
 void UnregisterApplication(const Machine& machine, const std::wstring& application);

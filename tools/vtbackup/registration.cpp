@@ -13,7 +13,6 @@
 #include <algorithm>
 
 namespace vtbackup {
-namespace {
 
 // A bitmap manager serves only the applications that were registered when it was made. Were an application
 // registered in the middle of another one's backup, the changes fetched there would never reach its bitmaps.
@@ -27,8 +26,6 @@ std::vector<Lock> LockEverything(const Machine& machine, const std::wstring& app
                            fmt::format("volume {}", ToUtf8(volume.guid)));
     return locks;
 }
-
-} // namespace
 
 bool IsRegistered(const std::wstring& application)
 {
@@ -51,6 +48,9 @@ void CheckApplicationId(const std::wstring& application)
 
 void RegisterApplication(const Machine& machine, const std::wstring& application)
 {
+    // Who is registered already needs nothing that a backup of another volume could hold. It is asked again below.
+    if (IsRegistered(application))
+        return;
     const std::vector<Lock> locks = LockEverything(machine, application, L"register");
     CheckApplicationId(application);
     if (IsRegistered(application))

@@ -46,7 +46,9 @@ unsigned long EnumerateVolumePaths(std::vector<std::wstring>& paths)
         } while (FindNextVolumeW(search.get(), name, MAX_PATH));
     }
     const DWORD error = GetLastError();
-    return error == ERROR_NO_MORE_FILES ? 0 : error;
+    if (error == ERROR_NO_MORE_FILES)
+        return 0;
+    return error != 0 ? error : ERROR_GEN_FAILURE; // a walk that ends without a reason broke off
 }
 
 bool IsMountedAt(const std::wstring& volumePath, std::wstring_view mountPath)

@@ -243,6 +243,32 @@ TEST_F(VtBackupUsage, ARequestThatASilentDriverDidNotCountIsNotTakenBack)
     EXPECT_LE(machine.ReadValue(SNAPSHOT_CLASS, L"UpperFilters").size(), 4u);
 }
 
+// The count is then as it was, which is how a driver that was silent looks.
+TEST_F(VtBackupUsage, ARequestThatIsTakenBackMeanwhileDoesNotHideOnesOwn)
+{
+    ASSERT_EQ(EXIT_OK, Init(L"Second").exitCode);
+    const Result result = RunWith(Arguments(L"init"), L"CreateMutexW|.VTFlt.Mutex", [&](Process&) {
+        std::vector<std::wstring> undo = Arguments(L"init", L"Second");
+        undo.push_back(L"--undo");
+        EXPECT_EQ(EXIT_OK, Run(undo).exitCode);
+    });
+    EXPECT_EQ(EXIT_OK, result.exitCode) << result.out;
+    EXPECT_GT(machine.ReadValue(SNAPSHOT_CLASS, L"UpperFilters").size(), 4u);
+    std::vector<std::wstring> undo = Arguments(L"init");
+    undo.push_back(L"--undo");
+    EXPECT_EQ(EXIT_OK, Run(undo).exitCode);
+    EXPECT_LE(machine.ReadValue(SNAPSHOT_CLASS, L"UpperFilters").size(), 4u);
+}
+
+// Whoever locks all volumes would lock some.
+TEST_F(VtBackupUsage, AWalkOverTheVolumesThatBreaksOffWithoutAReasonIsNotItsEnd)
+{
+    machine.AddVolume(65536, BLOCK);
+    const Result result = Run(Arguments(L"init"), L"fail|FindNextVolumeW||1|1|0");
+    EXPECT_EQ(EXIT_DEVICE, result.exitCode) << result.out;
+    EXPECT_NE(std::string::npos, result.message.find("cannot list the volumes")) << result.message;
+}
+
 TEST_F(VtBackupUsage, ARequestThatASilentDriverDidNotTakeBackIsSaidToStand)
 {
     machine.SetService(VTFLTSIM_SERVICE_ABSENT);

@@ -1,6 +1,7 @@
 #include "commands.h"
 
 #include "audit_output.h"
+#include "common/class_lock.h"
 #include "console.h"
 #include "cycle.h"
 #include "file.h"
@@ -54,6 +55,14 @@ void SwitchMonitoring(const Machine& machine, const Options& options, bool on)
                     fmt::format("application \"{}\"", options.application));
     if (machine.State().AskedForMonitoring(options.application) == on)
         return;
+    // From one look at the count to the other: another application's request in between would be taken for this one's, or
+    // hide it.
+    const toolkit::ClassLock count(L"{533C5B84-EC70-11D2-9505-00C04F79DEAF}");
+    if (count.Error() == ERROR_TIMEOUT)
+        throw Failure(Exit::Busy, "another program switches the tracking of snapshots");
+    if (count.Error() != 0)
+        throw Failure(Exit::Device, fmt::format("cannot lock the count of requests for the tracking of snapshots: {}",
+                                                ErrorText(count.Error())));
     // A run that is killed in between leaves one request too many, which costs little. One too few would end the tracking
     // of another application's snapshots.
     if (!on)

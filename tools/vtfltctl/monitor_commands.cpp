@@ -1,11 +1,11 @@
 // monitor: the tracking of a device class, asked for and taken back.
 #include "commands.h"
+#include "common/class_lock.h"
 #include "common/registry_value.h"
 #include "common/text.h"
 #include "library.h"
 #include "machine_json.h"
 
-#include "driver/protocol.h"
 #include "win/owners.h"
 
 #include <fmt/format.h>
@@ -19,8 +19,6 @@ namespace {
 constexpr wchar_t VOLUME_CLASS_GUID[] = L"{71A27CDD-812A-11D0-BEC7-08002BE2092F}";
 // A count above it went below zero.
 constexpr std::uint32_t HIGHEST_COUNT = 0x7FFFFFFF;
-// How long another program may switch the class before a command gives up.
-constexpr DWORD SWITCH_PATIENCE_MS = 10000;
 
 // Names of mutexes are case-sensitive, those of keys are not. The library's mutex bears the class as its caller writes it:
 // for snapshots as the library does, for any other class as the key itself is spelled.
@@ -123,32 +121,20 @@ Exit CountRequests(const Context& context, const std::wstring& name)
 
 namespace {
 
-// The library's mutex of the class, from the look at the count to the look at what became of it. The library takes it
-// once more, on the same thread.
-class ClassLock {
+// From the look at the count to the look at what became of it.
+class SwitchLock {
 public:
-    explicit ClassLock(const std::wstring& key)
+    explicit SwitchLock(const std::wstring& key) : m_lock(key)
     {
-        const std::wstring name =
-            L"Global\\" + key.substr(key.find_last_of(L'\\') + 1) + L"." + vtflt::DRIVER_NAME + L".Mutex";
-        m_mutex.reset(CreateMutexW(nullptr, FALSE, name.c_str()));
-        // Made by a more privileged process: the right to wait is enough.
-        if (!m_mutex && GetLastError() == ERROR_ACCESS_DENIED)
-            m_mutex.reset(OpenMutexW(SYNCHRONIZE, FALSE, name.c_str()));
-        const DWORD error = GetLastError();
-        if (!m_mutex)
-            throw Failure(Exit::Unreadable,
-                          fmt::format("cannot lock the count of {}: {}", Shown(key), ErrorText(error)));
-        const DWORD waited = WaitForSingleObject(m_mutex.get(), SWITCH_PATIENCE_MS);
-        if (waited != WAIT_OBJECT_0 && waited != WAIT_ABANDONED)
+        if (m_lock.Error() == ERROR_TIMEOUT)
             throw Failure(Exit::Busy, fmt::format("another program switches the tracking of {}", Shown(key)));
+        if (m_lock.Error() != 0)
+            throw Failure(Exit::Unreadable,
+                          fmt::format("cannot lock the count of {}: {}", Shown(key), ErrorText(m_lock.Error())));
     }
-    ~ClassLock() { ReleaseMutex(m_mutex.get()); }
-    ClassLock(const ClassLock&) = delete;
-    ClassLock& operator=(const ClassLock&) = delete;
 
 private:
-    vtflt::UniqueHandle m_mutex;
+    toolkit::ClassLock m_lock;
 };
 
 } // namespace
@@ -156,7 +142,7 @@ private:
 Exit SwitchOn(const Context& context, const std::wstring& name)
 {
     const std::wstring key = RequireSwitchable(name);
-    const ClassLock lock(key);
+    const SwitchLock lock(key);
     const SwitchFacts before = RequireReadable(key);
     RequireDriver();
     Require(VTFltEnableMonitorForSnapshot(key.c_str()), "ask for the tracking of " + Shown(key));
@@ -166,7 +152,7 @@ Exit SwitchOn(const Context& context, const std::wstring& name)
 Exit SwitchOff(const Context& context, const std::wstring& name)
 {
     const std::wstring key = RequireSwitchable(name);
-    const ClassLock lock(key);
+    const SwitchLock lock(key);
     const SwitchFacts before = RequireReadable(key);
     // The library would count on below zero.
     if (before.count.value_or(0) == 0)

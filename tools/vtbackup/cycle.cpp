@@ -3,6 +3,7 @@
 #include "audit.h"
 #include "chain_reader.h"
 #include "change_map.h"
+#include "console.h"
 #include "copy.h"
 #include "failure.h"
 #include "held_snapshot.h"
@@ -104,6 +105,7 @@ private:
     std::uint32_t m_firstBlockSize = 0;
     FetchedMap m_changes;
     std::unique_ptr<BackupWriter> m_writer;
+    std::string m_leftSnapshots; // that nobody deleted, in words
     BackupResult m_result;
 };
 
@@ -138,12 +140,12 @@ BackupResult Cycle::Run()
     // Without the driver every question below would be answered "verify" for ever, and writes would go unseen.
     RequireDriver();
 
-    DeleteLeftSnapshot(m_machine, m_application, m_request.volume);
-    m_chain.RemoveUnfinished();
-    // Before this application asks for its own.
-    m_result.losses = MarkForEarlierLosses(m_machine, m_chain);
-    LookAtChain();
     try {
+        m_leftSnapshots = DeleteLeftSnapshots(m_machine, m_application, m_request.volume);
+        m_chain.RemoveUnfinished();
+        // Before this application asks for its own.
+        m_result.losses = MarkForEarlierLosses(m_machine, m_chain);
+        LookAtChain();
         BackUp();
     } catch (...) {
         m_writer.reset();
@@ -152,8 +154,12 @@ BackupResult Cycle::Run()
             m_chain.RemoveUnfinished();
         } catch (...) {
         }
+        if (!m_leftSnapshots.empty())
+            Diagnose(m_leftSnapshots);
         throw;
     }
+    if (!m_leftSnapshots.empty())
+        m_result.snapshotNote += (m_result.snapshotNote.empty() ? "" : "; ") + m_leftSnapshots;
     return std::move(m_result);
 }
 
@@ -253,7 +259,7 @@ void Cycle::BackUp()
     // The driver closes its books at the snapshot that follows this announcement: what is written later belongs to
     // the next backup. Without it, later writes would be counted as copied.
     manager.PrepareForSnapshot();
-    HeldSnapshot held(m_machine, m_application, m_request.volume);
+    HeldSnapshot held(m_machine, m_application, m_request.volume, m_leftSnapshots);
     m_result.manifest.time = UtcNow();
     const Volume snapshot(held.Get().device, Volume::Access::Read, m_machine.Simulated());
     const bool tracked = IsTracked(snapshot);

@@ -26,9 +26,9 @@ struct BackupResult {
     std::string snapshotDevice; // only when it was kept
     std::string snapshotId;
     std::string snapshotChanges; // "none", "handed-back", "untracked" or "failed"
-    std::string snapshotNote;    // not empty: why snapshots are untracked although the application asked for it
-    std::string notReported;     // not empty: why success was not reported
-    LossNews losses;             // that earlier audits found; NoteSaid takes what of it has been said
+    std::string snapshotNote; // why snapshots are untracked although the application asked for it, and which are left
+    std::string notReported;  // not empty: why success was not reported
+    LossNews losses;          // that earlier audits found; NoteSaid takes what of it has been said
 };
 
 // Throws Failure (LostTracking when the audit finds a loss); then no backup was made and nothing was forgotten. A result with a

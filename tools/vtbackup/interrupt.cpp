@@ -10,11 +10,20 @@ namespace {
 
 std::atomic<bool> g_interrupted{false};
 
-BOOL WINAPI OnConsoleEvent(DWORD) noexcept
+// How long the end of the program may take when its window is closed or its user leaves. The system has a limit of its own.
+constexpr DWORD LONGEST_END_MS = 60000;
+
+BOOL WINAPI OnConsoleEvent(DWORD event) noexcept
 {
+    const bool again = g_interrupted.exchange(true);
     // The second Ctrl-C gets the system's default, in case a request to a volume never returns. The
     // repository stands that: see the writer.
-    return g_interrupted.exchange(true) ? FALSE : TRUE;
+    if (event == CTRL_C_EVENT || event == CTRL_BREAK_EVENT)
+        return again ? FALSE : TRUE;
+    // The window is closed, or the user leaves: the system ends the process when this returns, and the snapshot would stay.
+    // The main thread's end is the process's, and ends this wait.
+    Sleep(LONGEST_END_MS);
+    return TRUE;
 }
 
 } // namespace

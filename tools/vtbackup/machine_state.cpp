@@ -5,12 +5,15 @@
 #include "file.h"
 #include "text.h"
 
+#include <algorithm>
+
 namespace vtbackup {
 namespace {
 
 using nlohmann::json;
 
 constexpr std::uint64_t RECORD_LIMIT = 64 * 1024;
+constexpr std::size_t MOST_SNAPSHOTS = 64; // as many as a volume can have
 
 json ToJson(const BackupMark& mark)
 {
@@ -96,18 +99,47 @@ void MachineState::NoteMonitoring(const std::string& application, bool asked) co
 
 void MachineState::NoteSnapshot(const std::string& application, const VolumeName& volume, const std::wstring& id) const
 {
+    std::vector<std::wstring> ids = LeftSnapshots(application, volume);
+    std::erase(ids, id); // a name that is given out again
+    ids.push_back(id);
+    if (ids.size() > MOST_SNAPSHOTS)
+        ids.erase(ids.begin());
     MakeFolders(ApplicationFolder(application));
-    WriteSmallFileDurably(File(application, volume, L".snapshot"), ToUtf8(id));
+    WriteLeftSnapshots(application, volume, ids);
 }
 
-std::wstring MachineState::LeftSnapshot(const std::string& application, const VolumeName& volume) const
+std::vector<std::wstring> MachineState::LeftSnapshots(const std::string& application, const VolumeName& volume) const
 {
-    return ToWide(ReadSmallFile(File(application, volume, L".snapshot"), RECORD_LIMIT).value_or(""));
+    const std::wstring text = ToWide(ReadSmallFile(File(application, volume, L".snapshot"), RECORD_LIMIT).value_or(""));
+    std::vector<std::wstring> ids; // one to a line
+    for (std::size_t begin = 0; begin < text.size();) {
+        const std::size_t end = std::min(text.find(L'\n', begin), text.size());
+        if (end > begin)
+            ids.push_back(text.substr(begin, end - begin));
+        begin = end + 1;
+    }
+    return ids;
 }
 
-void MachineState::ForgetSnapshot(const std::string& application, const VolumeName& volume) const
+void MachineState::ForgetSnapshot(const std::string& application, const VolumeName& volume,
+                                  const std::wstring& id) const
 {
-    RemoveFileIfThere(File(application, volume, L".snapshot"));
+    std::vector<std::wstring> ids = LeftSnapshots(application, volume);
+    if (std::erase(ids, id) == 0)
+        return;
+    if (ids.empty())
+        RemoveFileIfThere(File(application, volume, L".snapshot"));
+    else
+        WriteLeftSnapshots(application, volume, ids);
+}
+
+void MachineState::WriteLeftSnapshots(const std::string& application, const VolumeName& volume,
+                                      const std::vector<std::wstring>& ids) const
+{
+    std::string text;
+    for (const std::wstring& id : ids)
+        text += ToUtf8(id) + "\n";
+    WriteSmallFileDurably(File(application, volume, L".snapshot"), text);
 }
 
 } // namespace vtbackup

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace vtbackup {
 
@@ -49,15 +50,19 @@ public:
     [[nodiscard]] bool AskedForMonitoring(const std::string& application) const;
     void NoteMonitoring(const std::string& application, bool asked) const;
 
-    // A snapshot that is to be deleted, should the process that made it not come to that.
+    // Snapshots that are to be deleted, should the process that made them not come to that. The oldest are forgotten when
+    // they become very many.
     void NoteSnapshot(const std::string& application, const VolumeName& volume, const std::wstring& id) const;
-    [[nodiscard]] std::wstring LeftSnapshot(const std::string& application, const VolumeName& volume) const;
-    void ForgetSnapshot(const std::string& application, const VolumeName& volume) const;
+    [[nodiscard]] std::vector<std::wstring> LeftSnapshots(const std::string& application,
+                                                          const VolumeName& volume) const;
+    void ForgetSnapshot(const std::string& application, const VolumeName& volume, const std::wstring& id) const;
 
 private:
     [[nodiscard]] std::wstring ApplicationFolder(const std::string& application) const;
     [[nodiscard]] std::wstring File(const std::string& application, const VolumeName& volume,
                                     const wchar_t* ending) const;
+    void WriteLeftSnapshots(const std::string& application, const VolumeName& volume,
+                            const std::vector<std::wstring>& ids) const;
 
     std::wstring m_folder;
 };

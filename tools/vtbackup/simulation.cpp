@@ -57,11 +57,15 @@ public:
         DWORD number = 0;
         for (const wchar_t c : id) {
             if (c < L'0' || c > L'9')
-                return false;
+                return true; // no snapshot has such a name
             number = number * 10 + static_cast<DWORD>(c - L'0');
         }
-        return m_calls.deleteSnapshot(m_calls.machine, number) == 0;
+        const DWORD error = m_calls.deleteSnapshot(m_calls.machine, number);
+        return error == 0 || error == ERROR_DEV_NOT_EXIST;
     }
+
+    // To be asked nothing: deleting says it.
+    [[nodiscard]] bool IsGone(const std::wstring&) const noexcept override { return false; }
 
     [[nodiscard]] bool NeverReusesIds() const noexcept override { return true; }
 

@@ -18,8 +18,10 @@ public:
     virtual ~SnapshotProvider() = default;
     // Throws Failure(Exit::Device).
     virtual Snapshot Create(const VolumeName& volume) = 0;
-    // False when it could not be deleted (perhaps it is gone already).
+    // False when it could not be deleted, or nobody can say whether it is gone already.
     virtual bool Delete(const std::wstring& id) noexcept = 0;
+    // Whether there is certainly none of this name.
+    [[nodiscard]] virtual bool IsGone(const std::wstring& id) const noexcept = 0;
     // Whether an ID names one snapshot for ever. Only then may a later run delete what a killed one left: a
     // name that is given out again could by then be someone else's snapshot.
     [[nodiscard]] virtual bool NeverReusesIds() const noexcept = 0;

@@ -89,6 +89,15 @@ public:
         }
     }
 
+    [[nodiscard]] bool IsGone(const std::wstring& id) const noexcept override
+    {
+        // Asks for no access: it is enough that there is something to open.
+        const Handle device(CreateFileW(id.c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                                        FILE_ATTRIBUTE_NORMAL, nullptr));
+        const DWORD error = device ? 0 : GetLastError();
+        return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND;
+    }
+
     [[nodiscard]] bool NeverReusesIds() const noexcept override { return false; }
 
 private:

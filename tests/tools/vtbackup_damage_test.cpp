@@ -216,6 +216,34 @@ TEST_F(VtBackupDamage, TheLatestBackupWithoutItsManifestIsDamageAndNotAnOlderSta
     EXPECT_EQ("incremental", Backup().kind);
 }
 
+TEST_F(VtBackupDamage, AChainThatNoRestoreFindsIsDamage)
+{
+    std::wstring owner = BackupFile(1, L"");
+    owner.resize(owner.rfind(L"\\{"));
+    ASSERT_TRUE(MoveFileW(owner.c_str(), (owner + L"-copy").c_str()));
+    for (const wchar_t* command : {L"verify", L"list"}) {
+        const Result result = Run({command, L"--json", L"--repo", repository});
+        EXPECT_EQ(EXIT_DAMAGED, result.exitCode) << result.out;
+        EXPECT_NE(std::string::npos, result.err.find("no restore finds it there")) << result.err;
+    }
+    // The system does not tell these apart.
+    std::wstring lower = owner;
+    for (std::size_t i = owner.rfind(L'\\'); i < lower.size(); ++i)
+        lower[i] = static_cast<wchar_t>(towlower(lower[i]));
+    ASSERT_NE(owner, lower);
+    ASSERT_TRUE(MoveFileW((owner + L"-copy").c_str(), lower.c_str()));
+    EXPECT_EQ(EXIT_OK, Run({L"verify", L"--json", L"--repo", repository}).exitCode);
+}
+
+TEST_F(VtBackupDamage, VerifySaysThatThereWasNothingToCheck)
+{
+    RemoveTree(repository + L"\\chains");
+    const Result result = Run({L"verify", L"--json", L"--repo", repository});
+    EXPECT_EQ(EXIT_OK, result.exitCode);
+    for (const std::string& text : {result.message, result.err})
+        EXPECT_NE(std::string::npos, text.find("holds no chain")) << text;
+}
+
 TEST_F(VtBackupDamage, ADamagedRepositoryFileIsDamage)
 {
     WriteFileBytes(repository + L"\\repository.json", {'{', '}'});

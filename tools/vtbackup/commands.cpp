@@ -258,7 +258,7 @@ Exit Verify(const Options& options)
     }
     const Exit code = good ? Exit::Ok : Exit::Damaged;
     if (options.json)
-        PrintJson({{"result", OutcomeName(code)}, {"chains", list}, {"problems", found.problems}});
+        PrintJson(object);
     return code;
 }
 
@@ -266,6 +266,12 @@ Exit List(const Options& options)
 {
     const Machine machine = MachineOf(options);
     const Repository repository = Repository::Open(ToWide(options.repository));
+    json object = {{"result", OutcomeName(code)}, {"chains", list}, {"problems", found.problems}};
+    if (found.chains.empty() && good) {
+        const std::string nothing = "the repository holds no chain: there was no backup to check";
+        object["message"] = nothing;
+        Diagnose(nothing);
+    }
     json list = json::array();
     const FoundChains found = ChainsOf(options, repository);
     bool good = found.problems.empty();

@@ -315,15 +315,20 @@ Repository Repository::Create(const std::wstring& folder)
 
 Chain Repository::ChainOf(std::wstring_view application, const VolumeName& volume) const
 {
-    const std::string id = ToUtf8(application);
-    std::wstring folder = m_folder;
+    const std::vector<std::wstring> folders = PlaceOf(application, volume);
     // Through a link, what is written and tidied up would be somebody else's.
-    for (const std::wstring& name : {std::wstring(L"chains"), FolderNameOf(id), volume.guid}) {
-        folder = Join(folder, name);
+    for (const std::wstring& folder : folders) {
         if (IsFolderLink(folder))
             throw Failure(Exit::Repository, LinkProblem(folder));
     }
-    return Chain(folder, id, volume);
+    return Chain(folders.back(), ToUtf8(application), volume);
+}
+
+std::vector<std::wstring> Repository::PlaceOf(std::wstring_view application, const VolumeName& volume) const
+{
+    const std::wstring chains = Join(m_folder, L"chains");
+    const std::wstring owner = Join(chains, FolderNameOf(ToUtf8(application)));
+    return {chains, owner, Join(owner, volume.guid)};
 }
 
 std::vector<Chain> Repository::Chains(std::wstring_view application, const VolumeName* volume,
@@ -353,6 +358,12 @@ std::vector<Chain> Repository::Chains(std::wstring_view application, const Volum
                     throw;
                 problems.emplace_back(failure.what());
             }
+            const std::wstring here = Join(Join(root, owner.name), entry.name);
+            if (chain && !EqualIgnoringCase(here, PlaceOf(ToWide(chain->Application()), chain->Volume()).back()))
+                problems.push_back(
+                    fmt::format("{} says that it is the chain of volume {} for \"{}\", which belongs into "
+                                "another folder: no backup and no restore finds it there",
+                                ToUtf8(here), ToUtf8(chain->Volume().guid), chain->Application()));
             if (!chain || (!application.empty() && ToUtf8(application) != chain->Application()) ||
                 (volume != nullptr && !EqualIgnoringCase(volume->guid, chain->Volume().guid)))
                 continue;

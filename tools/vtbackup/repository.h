@@ -73,12 +73,14 @@ public:
     // Throws Failure(Repository) when the chain could only be reached by a link inside of the repository.
     [[nodiscard]] Chain ChainOf(std::wstring_view application, const VolumeName& volume) const;
     // Every chain that is there, optionally of one application or one volume only, by name. What is wrong with those
-    // that do not say whose they are comes in problems; they are left out.
+    // that do not say whose they are comes in problems; they are left out. So does what is wrong with the place of others.
     [[nodiscard]] std::vector<Chain> Chains(std::wstring_view application, const VolumeName* volume,
                                             std::vector<std::string>& problems) const;
 
 private:
     Repository(std::wstring folder, std::string id) : m_folder(std::move(folder)), m_id(std::move(id)) {}
+    // The folders that lead to a chain, itself the last.
+    [[nodiscard]] std::vector<std::wstring> PlaceOf(std::wstring_view application, const VolumeName& volume) const;
 
     std::wstring m_folder;
     std::string m_id;

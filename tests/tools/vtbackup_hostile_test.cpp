@@ -104,6 +104,34 @@ TEST_F(VtBackupHostile, RecordsOutOfOrderAreDamageBeforeTheBackupBegins)
     ExpectAFullBackupAndThenAnIncrementalOne();
 }
 
+// The last block was stored as long as it was, and the backup that says that the volume grew did not store it again.
+TEST_F(VtBackupHostile, ALengthThatLeavesABlockHalfStoredIsDamageForVerifyAsForRestore)
+{
+    machine.Write(volume, 256ull * BLOCK, std::vector<std::uint8_t>(1000, 0xCC)); // the last block, which is shorter
+    ASSERT_EQ(EXIT_OK, Backup().exitCode);
+    ASSERT_EQ("incremental", Backup().kind);
+    const std::wstring path = BackupFile(4, L"index.bin");
+    std::vector<std::uint8_t> index = ReadFileBytes(path);
+    ASSERT_EQ(24u + 32, index.size());
+    const std::uint64_t length = LENGTH + BLOCK;
+    for (std::size_t i = 0; i < 8; ++i)
+        index[16 + i] = static_cast<std::uint8_t>(length >> (8 * i));
+    const std::string checksum = ChecksumOf(index.data(), index.size() - 16);
+    for (std::size_t i = 0; i < 16; ++i)
+        index[index.size() - 16 + i] = static_cast<std::uint8_t>(std::stoi(checksum.substr(2 * i, 2), nullptr, 16));
+    WriteFileBytes(path, index);
+    ChangeManifest(4, [&](json& manifest) {
+        manifest["indexChecksum"] = checksum;
+        manifest["volumeLength"] = length;
+    });
+    std::vector<std::wstring> restore = Arguments(L"restore", L"App", &volume);
+    restore.insert(restore.end(), {L"--to", repository + L".restored"});
+    ASSERT_EQ(EXIT_DAMAGED, Run(restore).exitCode);
+    const Result verify = Run({L"verify", L"--json", L"--repo", repository});
+    EXPECT_EQ(EXIT_DAMAGED, verify.exitCode);
+    EXPECT_NE(std::string::npos, verify.err.find("block 256 has a wrong length")) << verify.err;
+}
+
 TEST_F(VtBackupHostile, AFolderWithTheLastNumberThereIsLeavesNoNumberForABackupThatCouldBeReported)
 {
     std::wstring folder = BackupFile(2, L"");

@@ -190,6 +190,12 @@ std::optional<ChainBlock> ChainReader::Next()
     return std::nullopt;
 }
 
+void ChainReader::RequireLength(const ChainBlock& block) const
+{
+    if (!block.zero && block.length != Last().geometry.BytesOf(block.block))
+        throw Failure(Exit::Damaged, fmt::format("the chain is damaged: block {} has a wrong length", block.block));
+}
+
 void ChainReader::Read(const ChainBlock& block, void* out)
 {
     FileReader& file = *m_data[block.member];

@@ -72,6 +72,9 @@ public:
     }
     // The next block that has a record. Blocks without one hold zeros.
     std::optional<ChainBlock> Next();
+    // A block that is not zero has to be as long as it is in the backup that is read: one that was stored when the volume
+    // ended in it, and not again when the volume had grown, is not whole. Throws Failure(Damaged).
+    void RequireLength(const ChainBlock& block) const;
     // Reads a block's contents and checks them. Throws Failure(Damaged).
     void Read(const ChainBlock& block, void* out);
 

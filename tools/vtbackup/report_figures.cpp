@@ -90,7 +90,7 @@ public:
     {
         try {
             Read(manifest, backup, progress);
-            backup.problem = LinkProblem(m_whole, manifest);
+            backup.problem = LinkProblem(m_chain, m_whole, manifest);
             backup.onlyLinked = !backup.problem.empty();
         } catch (const Failure& failure) {
             if (failure.Code() == Exit::Interrupted)

@@ -129,9 +129,7 @@ void ForEachBlock(const Chain& chain, std::vector<Manifest> path, Visit visit)
         StopIfInterrupted();
         if (block->zero)
             continue;
-        if (block->length != geometry.BytesOf(block->block))
-            throw Failure(Exit::Damaged,
-                          fmt::format("the chain is damaged: block {} has a wrong length", block->block));
+        reader.RequireLength(*block);
         reader.Read(*block, buffer.data());
         visit(*block, buffer.data());
         progress.Add(block->length);

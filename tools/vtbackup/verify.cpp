@@ -43,7 +43,7 @@ bool ChainCheck::Good() const noexcept
     return std::all_of(backups.begin(), backups.end(), [](const CheckedBackup& b) { return b.problem.empty(); });
 }
 
-std::string LinkProblem(const std::map<std::uint64_t, Manifest>& whole, const Manifest& manifest)
+std::string LinkProblem(const Chain& chain, const std::map<std::uint64_t, Manifest>& whole, const Manifest& manifest)
 {
     if (manifest.kind == Kind::Full)
         return {};
@@ -53,6 +53,14 @@ std::string LinkProblem(const std::map<std::uint64_t, Manifest>& whole, const Ma
     if (parent->second.checksum != manifest.parentChecksum || parent->second.base != manifest.base ||
         parent->second.geometry.blockSize != manifest.geometry.blockSize)
         return fmt::format("it was made on another backup {}", manifest.parent);
+    // With the parent's length every block is as long as it is there, or was stored with this backup.
+    if (parent->second.geometry.length != manifest.geometry.length) {
+        ChainReader reader(chain, chain.PathTo(manifest.sequence));
+        while (const std::optional<ChainBlock> block = reader.Next()) {
+            StopIfInterrupted();
+            reader.RequireLength(*block);
+        }
+    }
     return {};
 }
 
@@ -66,7 +74,7 @@ ChainCheck CheckChain(const Chain& chain)
             const Manifest manifest = chain.ReadManifest(sequence);
             Progress progress(fmt::format("verify {}", sequence), manifest.dataLength);
             CheckBlocks(chain, manifest, progress, check);
-            backup.problem = LinkProblem(whole, manifest);
+            backup.problem = LinkProblem(chain, whole, manifest);
             if (backup.problem.empty())
                 whole.emplace(sequence, manifest);
         } catch (const Failure& failure) {

@@ -25,7 +25,7 @@ struct ChainCheck {
 ChainCheck CheckChain(const Chain& chain);
 
 // Whether a backup has what it builds on among the whole ones, which are those before it that can be restored. Empty:
-// yes; else what is wrong.
-std::string LinkProblem(const std::map<std::uint64_t, Manifest>& whole, const Manifest& manifest);
+// yes; else what is wrong. Throws Failure(Damaged) when a change of the volume's length left a block that no restore takes.
+std::string LinkProblem(const Chain& chain, const std::map<std::uint64_t, Manifest>& whole, const Manifest& manifest);
 
 } // namespace vtbackup

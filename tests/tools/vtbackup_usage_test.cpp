@@ -311,6 +311,82 @@ TEST_F(VtBackupUsage, AnExistingFileIsOnlyOverwrittenOnRequest)
     DeleteFileW(file.c_str());
 }
 
+TEST_F(VtBackupUsage, AFileThatComesToBeDuringARestoreIsNotReplaced)
+{
+    ASSERT_EQ(EXIT_OK, Init().exitCode);
+    ASSERT_EQ(EXIT_OK, Backup().exitCode);
+    const std::wstring file = repository + L".restored";
+    std::vector<std::wstring> restore = Arguments(L"restore", L"App", &volume);
+    restore.insert(restore.end(), {L"--to", file});
+    const Result result = RunWith(restore, L"MoveFileExW|.restored", [&](Process&) {
+        WriteFileBytes(file, {1, 2, 3});
+    });
+    EXPECT_EQ(EXIT_USAGE, result.exitCode) << result.out;
+    EXPECT_EQ(3u, ReadFileBytes(file).size());
+    EXPECT_FALSE(Exists(file + L".partial"));
+
+    // Nor is one of which nobody could say whether it is there.
+    const Result unknown = Run(restore, L"fail|GetFileAttributesW|.restored|1|1|5");
+    EXPECT_EQ(EXIT_REPOSITORY, unknown.exitCode) << unknown.out;
+    EXPECT_EQ(3u, ReadFileBytes(file).size());
+
+    restore.push_back(L"--overwrite");
+    EXPECT_EQ(EXIT_OK, Run(restore).exitCode);
+    EXPECT_TRUE(Contents() == ReadFileBytes(file));
+    DeleteFileW(file.c_str());
+}
+
+TEST_F(VtBackupUsage, AFileWithThePartialNameIsNotReplacedEither)
+{
+    ASSERT_EQ(EXIT_OK, Init().exitCode);
+    ASSERT_EQ(EXIT_OK, Backup().exitCode);
+    const std::wstring file = repository + L".restored";
+    WriteFileBytes(file + L".partial", {1, 2, 3});
+    std::vector<std::wstring> restore = Arguments(L"restore", L"App", &volume);
+    restore.insert(restore.end(), {L"--to", file});
+    const Result result = Run(restore);
+    EXPECT_EQ(EXIT_USAGE, result.exitCode) << result.out;
+    EXPECT_NE(std::string::npos, result.message.find("delete it, or add --overwrite")) << result.message;
+    EXPECT_EQ(3u, ReadFileBytes(file + L".partial").size());
+    EXPECT_FALSE(Exists(file));
+    restore.push_back(L"--overwrite");
+    EXPECT_EQ(EXIT_OK, Run(restore).exitCode);
+    EXPECT_TRUE(Contents() == ReadFileBytes(file));
+    DeleteFileW(file.c_str());
+}
+
+TEST_F(VtBackupUsage, AFileThatComesToBeWhileAReportIsMadeIsNotReplaced)
+{
+    ASSERT_EQ(EXIT_OK, Init().exitCode);
+    const std::wstring file = repository + L".html";
+    const std::vector<std::wstring> report = {L"report", L"--json", L"--repo",     repository,
+                                              L"--html", file,      L"--simulate", machine.directory()};
+    const Result result = RunWith(report, L"MoveFileExW|.html", [&](Process&) { WriteFileBytes(file, {1, 2, 3}); });
+    EXPECT_EQ(EXIT_USAGE, result.exitCode) << result.out;
+    EXPECT_EQ(3u, ReadFileBytes(file).size());
+    EXPECT_FALSE(Exists(file + L".tmp"));
+    DeleteFileW(file.c_str());
+    WriteFileBytes(file + L".tmp", {1, 2, 3});
+    EXPECT_EQ(EXIT_USAGE, Run(report).exitCode);
+    EXPECT_EQ(3u, ReadFileBytes(file + L".tmp").size());
+    DeleteFileW((file + L".tmp").c_str());
+}
+
+TEST_F(VtBackupUsage, ARestoreOntoTheVolumeOfItsRepositoryIsRefused)
+{
+    wchar_t root[MAX_PATH] = {};
+    ASSERT_TRUE(GetVolumePathNameW(repository.c_str(), root, MAX_PATH));
+    // What the program does there from here on, it does on this volume.
+    const vtfltsim::Volume target = machine.AddVolume(LENGTH, BLOCK, root);
+    ASSERT_EQ(EXIT_OK, Init().exitCode);
+    ASSERT_EQ(EXIT_OK, Backup().exitCode);
+    std::vector<std::wstring> restore = Arguments(L"restore", L"App", &volume);
+    restore.insert(restore.end(), {L"--to", target.guid});
+    const Result result = Run(restore);
+    EXPECT_EQ(EXIT_USAGE, result.exitCode) << result.out;
+    EXPECT_NE(std::string::npos, result.message.find("the repository lies on volume")) << result.message;
+}
+
 TEST_F(VtBackupUsage, ARestoreOntoAVolumeReplacesAllOfIt)
 {
     ASSERT_EQ(EXIT_OK, Init().exitCode);
@@ -320,7 +396,9 @@ TEST_F(VtBackupUsage, ARestoreOntoAVolumeReplacesAllOfIt)
         Write(block, 0xEE); // also where the backup holds zeros
     std::vector<std::wstring> restore = Arguments(L"restore", L"App", &volume);
     restore.insert(restore.end(), {L"--to", volume.guid});
-    EXPECT_EQ(EXIT_OK, Run(restore).exitCode);
+    const Result restored = Run(restore);
+    EXPECT_EQ(EXIT_OK, restored.exitCode);
+    EXPECT_NE(std::string::npos, restored.err.find("has to be made with --verify")) << restored.err;
     EXPECT_TRUE(before == Contents());
     const Result next = Backup();
     EXPECT_EQ("incremental", next.kind);

@@ -196,7 +196,8 @@ Exit RestoreCommand(const Options& options)
     const Machine machine = MachineOf(options);
     const Repository repository = Repository::Open(ToWide(options.repository));
     const Chain chain = repository.ChainOf(ToWide(options.application), ResolveVolumeName(ToWide(options.volume)));
-    const RestoreResult result = Restore(machine, chain, {options.backup, ToWide(options.to), options.overwrite});
+    const RestoreResult result =
+        Restore(machine, repository, chain, {options.backup, ToWide(options.to), options.overwrite});
     if (options.json)
         PrintJson({{"result", "ok"},
                    {"backup", result.sequence},
@@ -207,6 +208,12 @@ Exit RestoreCommand(const Options& options)
                               BytesText(result.bytesWritten), BytesText(result.volumeLength)));
     return Exit::Ok;
 }
+    // Its bitmap files and what they say of the volume are as old as the backup.
+    if (result.ontoVolume)
+        Diagnose(
+            fmt::format("the bitmaps on volume {} are those of the backup now: the next backup of it has to be made "
+                        "with --verify, for each application",
+                        options.to));
 
 // ---- verify, list
 
@@ -322,12 +329,18 @@ Exit List(const Options& options)
 
 // ---- report
 
-void WritePage(const std::wstring& file, const std::string& page)
+void WritePage(const std::wstring& file, const std::string& page, Existing existing)
 {
     try {
-        WriteSmallFileDurably(file, page);
+        WriteSmallFileDurably(file, page, existing);
+    const std::wstring temporary = file + L".tmp";
+    if (existing == Existing::Refuse && AnythingExists(temporary))
+        throw Failure(Exit::Usage,
+                      fmt::format("{} exists already: a report that was killed left it, unless it is another "
+                                  "file of yours; delete it, or add --overwrite",
+                                  ToUtf8(temporary)));
     } catch (const Failure&) {
-        DeleteFileW((file + L".tmp").c_str());
+        DeleteFileW(temporary.c_str());
         throw;
     }
 }
@@ -356,14 +369,15 @@ Exit ReportCommand(const Options& options)
     const Machine machine = MachineOf(options);
     const Repository repository = Repository::Open(ToWide(options.repository));
     const std::wstring file = toOutput ? std::wstring() : AbsolutePath(ToWide(options.html));
-    if (!toOutput && !options.overwrite && GetFileAttributesW(file.c_str()) != INVALID_FILE_ATTRIBUTES)
-        throw Failure(Exit::Usage, fmt::format("{} exists already; add --overwrite to replace it", options.html));
+    const Existing existing = options.overwrite ? Existing::Replace : Existing::Refuse;
+    if (!toOutput && existing == Existing::Refuse && AnythingExists(file))
+        RefuseExisting(ToWide(options.html));
     const FoundChains found = ChainsOf(options, repository);
     Report report{repository.Id(), options.repository, {}, found.problems};
     for (const Chain& chain : found.chains)
         report.chains.push_back(CollectFigures(chain));
     if (!toOutput)
-        WritePage(file, ReportPage(report));
+        WritePage(file, ReportPage(report), existing);
     else if (!PrintExactly(ReportPage(report)))
         throw Failure(Exit::Repository, "the page could not be written to standard output");
 

@@ -18,17 +18,29 @@ constexpr std::size_t BUFFER_BYTES = 1024 * 1024;
     throw Failure(Exit::Repository, fmt::format("cannot {} {}: {}", what, ToUtf8(path), ErrorText(error)));
 }
 
-bool IsThere(const std::wstring& path, bool folder)
+// Nothing when there is nothing of the name.
+std::optional<DWORD> AttributesOf(const std::wstring& path)
 {
     const DWORD attributes = GetFileAttributesW(path.c_str());
     if (attributes != INVALID_FILE_ATTRIBUTES)
-        return ((attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) == folder;
+        return attributes;
     // Only these say that it is not there. A share that hiccups must not make a manifest look missing: its backup
     // would be taken for an unfinished one and removed.
     const DWORD error = GetLastError();
     if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND && error != ERROR_INVALID_NAME)
         FailOnFile("look for", path, error);
-    return false;
+    return std::nullopt;
+}
+
+bool IsThere(const std::wstring& path, bool folder)
+{
+    const std::optional<DWORD> attributes = AttributesOf(path);
+    return attributes && ((*attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) == folder;
+}
+
+bool SaysThatItExists(DWORD error) noexcept
+{
+    return error == ERROR_FILE_EXISTS || error == ERROR_ALREADY_EXISTS;
 }
 
 bool IsLinkEntry(const WIN32_FIND_DATAW& found)
@@ -68,6 +80,11 @@ bool FileExists(const std::wstring& path)
 bool FolderExists(const std::wstring& path)
 {
     return IsThere(path, true);
+}
+
+bool AnythingExists(const std::wstring& path)
+{
+    return AttributesOf(path).has_value();
 }
 
 void MakeFolders(const std::wstring& path)
@@ -170,26 +187,45 @@ std::optional<std::string> ReadSmallFile(const std::wstring& path, std::uint64_t
     return content;
 }
 
-void WriteSmallFileDurably(const std::wstring& path, const std::string& content)
+void RefuseExisting(const std::wstring& path)
+{
+    throw Failure(Exit::Usage, fmt::format("{} exists already; add --overwrite to replace it", ToUtf8(path)));
+}
+
+void MoveIntoPlace(const std::wstring& from, const std::wstring& to, Existing existing)
+{
+    const DWORD replacing = existing == Existing::Replace ? MOVEFILE_REPLACE_EXISTING : 0;
+    if (MoveFileExW(from.c_str(), to.c_str(), replacing | MOVEFILE_WRITE_THROUGH))
+        return;
+    const DWORD error = GetLastError();
+    if (existing == Existing::Refuse && SaysThatItExists(error))
+        RefuseExisting(to);
+    FailOnFile("rename into place", to, error);
+}
+
+void WriteSmallFileDurably(const std::wstring& path, const std::string& content, Existing existing)
 {
     const std::wstring temporary = path + L".tmp";
     {
-        FileWriter writer(temporary);
+        FileWriter writer(temporary, existing);
         writer.Write(content.data(), content.size());
         // The content has to be on the disk before the name is: a rename that survives a crash must not
         // name an empty file.
         writer.Flush();
     }
-    if (!MoveFileExW(temporary.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
-        FailOnFile("rename into place", path, GetLastError());
+    MoveIntoPlace(temporary, path, existing);
 }
 
-FileWriter::FileWriter(const std::wstring& path)
-    : m_path(path), m_handle(CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
-                                         FILE_ATTRIBUTE_NORMAL, nullptr))
+FileWriter::FileWriter(const std::wstring& path, Existing existing)
+    : m_path(path),
+      m_handle(CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr,
+                           existing == Existing::Replace ? CREATE_ALWAYS : CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr))
 {
-    if (!m_handle)
-        FailOnFile("create", m_path, GetLastError());
+    const DWORD error = m_handle ? 0 : GetLastError();
+    if (existing == Existing::Refuse && SaysThatItExists(error))
+        RefuseExisting(m_path);
+    if (error != 0)
+        FailOnFile("create", m_path, error);
 }
 
 void FileWriter::Write(const void* bytes, std::size_t length)

@@ -20,6 +20,8 @@ std::wstring Join(const std::wstring& folder, const std::wstring& name);
 // False only when the system says that there is none; any other answer throws.
 bool FileExists(const std::wstring& path);
 bool FolderExists(const std::wstring& path);
+// Whether anything is there, file or folder.
+bool AnythingExists(const std::wstring& path);
 // Makes the folder and its missing parents.
 void MakeFolders(const std::wstring& path);
 // Makes a folder that must not be there yet; its parents are.
@@ -39,13 +41,20 @@ std::vector<FolderEntry> ListFolder(const std::wstring& path);
 // The whole file, or nothing when it does not exist. Files longer than the limit throw Failure(Damaged).
 std::optional<std::string> ReadSmallFile(const std::wstring& path, std::uint64_t limit);
 
-// Replaces a small file so that after a crash either the old or the new content is there, whole.
-void WriteSmallFileDurably(const std::wstring& path, const std::string& content);
+// What is done with a file that has the name already. Refusing throws Failure(Usage), and leaves the file as it is.
+enum class Existing { Replace, Refuse };
+[[noreturn]] void RefuseExisting(const std::wstring& path);
+// Gives a file its name. Throws Failure with the path and the system's reason.
+void MoveIntoPlace(const std::wstring& from, const std::wstring& to, Existing existing);
+
+// Replaces a small file so that after a crash either the old or the new content is there, whole. What comes to be in its
+// place while the new one is written is refused, too.
+void WriteSmallFileDurably(const std::wstring& path, const std::string& content, Existing existing = Existing::Replace);
 
 // Writes a new file from its beginning to its end.
 class FileWriter {
 public:
-    explicit FileWriter(const std::wstring& path);
+    explicit FileWriter(const std::wstring& path, Existing existing = Existing::Replace);
 
     void Write(const void* bytes, std::size_t length);
     // Everything written is on the disk when this returns.

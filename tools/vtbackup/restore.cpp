@@ -1,6 +1,7 @@
 #include "restore.h"
 
 #include "chain_reader.h"
+#include "common/volume_name.h"
 #include "failure.h"
 #include "file.h"
 #include "interrupt.h"
@@ -49,12 +50,19 @@ private:
 // A file of the volume's length in which only what is not zero takes room, where the file system can do that.
 class SparseFile {
 public:
-    SparseFile(std::wstring path, std::uint64_t length)
-        : m_path(std::move(path)), m_handle(CreateFileW(m_path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr,
-                                                        CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr))
+    SparseFile(std::wstring path, std::uint64_t length, Existing existing)
+        : m_path(std::move(path)), m_existing(existing),
+          m_handle(CreateFileW(m_path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr,
+                               existing == Existing::Replace ? CREATE_ALWAYS : CREATE_NEW, FILE_ATTRIBUTE_NORMAL,
+                               nullptr))
     {
+        const DWORD error = m_handle ? 0 : GetLastError();
+        if (error == ERROR_FILE_EXISTS)
+            throw Failure(Exit::Usage, fmt::format("{} exists already: a restore that was killed left it, unless it is "
+                                                   "another file of yours; delete it, or add --overwrite",
+                                                   ToUtf8(m_path)));
         if (!m_handle)
-            Fail(GetLastError());
+            Fail(error);
         DWORD returned = 0;
         DeviceIoControl(m_handle.Get(), FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0, &returned, nullptr);
         try {
@@ -82,8 +90,8 @@ public:
         if (!FlushFileBuffers(m_handle.Get()))
             Fail(GetLastError());
         m_handle.Close();
-        if (!MoveFileExW(m_path.c_str(), name.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
-            Fail(GetLastError());
+        // What came to be there meanwhile is somebody else's.
+        MoveIntoPlace(m_path, name, m_existing);
     }
 
     void Discard() noexcept
@@ -106,6 +114,7 @@ private:
     }
 
     std::wstring m_path;
+    Existing m_existing;
     Handle m_handle;
 };
 
@@ -140,11 +149,11 @@ void RestoreToFile(const Chain& chain, const std::vector<Manifest>& path, const 
                    RestoreResult& result)
 {
     const std::wstring name = AbsolutePath(request.target);
-    if (!request.overwrite && GetFileAttributesW(name.c_str()) != INVALID_FILE_ATTRIBUTES)
-        throw Failure(Exit::Usage,
-                      fmt::format("{} exists already; add --overwrite to replace it", ToUtf8(request.target)));
+    const Existing existing = request.overwrite ? Existing::Replace : Existing::Refuse;
+    if (existing == Existing::Refuse && AnythingExists(name))
+        RefuseExisting(request.target);
     const Geometry geometry = path.back().geometry;
-    SparseFile file(name + L".partial", geometry.length);
+    SparseFile file(name + L".partial", geometry.length, existing);
     try {
         Gathered<SparseFile> writes(file, result);
         ForEachBlock(chain, path, [&](const ChainBlock& block, const unsigned char* bytes) {
@@ -194,9 +203,24 @@ private:
     std::uint64_t m_next = 0; // everything before it is done
 };
 
-void RestoreToVolume(const Machine& machine, const Chain& chain, const std::vector<Manifest>& path,
-                     const VolumeName& target, RestoreResult& result)
+// Where the system does not say on which volume the folder is, nobody is refused.
+bool IsOn(const VolumeName& volume, const std::wstring& folder)
 {
+    wchar_t root[MAX_PATH + 1] = {};
+    if (!GetVolumePathNameW(folder.c_str(), root, MAX_PATH))
+        return false;
+    std::wstring_view mount = root;
+    if (mount.starts_with(L"\\\\?\\"))
+        mount.remove_prefix(4);
+    return toolkit::IsMountedAt(volume.Path(), mount);
+}
+
+void RestoreToVolume(const Machine& machine, const Repository& repository, const Chain& chain,
+                     const std::vector<Manifest>& path, const VolumeName& target, RestoreResult& result)
+{
+    if (IsOn(target, repository.Folder()))
+        throw Failure(Exit::Usage, fmt::format("the repository lies on volume {}, which would be written over",
+                                               ToUtf8(target.guid)));
     // A backup in the meantime would store a volume that is half one thing and half another.
     const Lock lock(machine.Locks().Volume(target.guid), {ToWide(chain.Application()), target.guid, L"restore"},
                     fmt::format("volume {}", ToUtf8(target.guid)));
@@ -227,7 +251,8 @@ void RestoreToVolume(const Machine& machine, const Chain& chain, const std::vect
 
 } // namespace
 
-RestoreResult Restore(const Machine& machine, const Chain& chain, const RestoreRequest& request)
+RestoreResult Restore(const Machine& machine, const Repository& repository, const Chain& chain,
+                      const RestoreRequest& request)
 {
     RestoreResult result;
     result.sequence = request.sequence;
@@ -244,8 +269,9 @@ RestoreResult Restore(const Machine& machine, const Chain& chain, const RestoreR
     }
     const std::vector<Manifest> path = chain.PathTo(result.sequence);
     result.volumeLength = path.back().geometry.length;
-    if (ParseVolumeName(request.target))
-        RestoreToVolume(machine, chain, path, ResolveVolumeName(request.target), result);
+    result.ontoVolume = ParseVolumeName(request.target).has_value();
+    if (result.ontoVolume)
+        RestoreToVolume(machine, repository, chain, path, ResolveVolumeName(request.target), result);
     else
         RestoreToFile(chain, path, request, result);
     return result;

@@ -19,10 +19,13 @@ struct RestoreResult {
     std::uint64_t sequence = 0;
     std::uint64_t volumeLength = 0;
     std::uint64_t bytesWritten = 0;
+    bool ontoVolume = false;
 };
 
 // A file appears under its name only when it is whole; a damaged block ends the restore with Failure(Damaged).
 // A volume that was being restored when that happened is half new, half old: the message says so.
-RestoreResult Restore(const Machine& machine, const Chain& chain, const RestoreRequest& request);
+// repository: where the chain is; it may not lie on the volume that is written to.
+RestoreResult Restore(const Machine& machine, const Repository& repository, const Chain& chain,
+                      const RestoreRequest& request);
 
 } // namespace vtbackup

@@ -127,6 +127,17 @@ TEST_F(VtBackupLoss, AKilledRunOnAVolumeThatIsNotFixedIsToldByTheNextBackup)
     EXPECT_EQ("incremental", later.kind);
 }
 
+TEST_F(VtBackupLoss, WithAMarkThatIsOwedItIsStillSaidWhySuccessWasNotReported)
+{
+    vtfltsim::Check("type", VTFltSimSetDriveType(machine.handle(), volume.guid.c_str(), DRIVE_REMOVABLE));
+    WriteUnseen(20, 0xEE);
+    ASSERT_EQ(VTFLTSIM_KILLED, Audit(1000, L"kill-after|MoveFileExW|lost-tracking|1").exitCode);
+    const Result next = Backup(L"App", L"fail|MoveFileExW|.success.json|2|1|5");
+    EXPECT_EQ(EXIT_NOT_MARKED, next.exitCode) << next.err;
+    EXPECT_FALSE(next.reported);
+    EXPECT_NE(std::string::npos, json::parse(next.out).value("notReported", "").find(".success.json")) << next.out;
+}
+
 // Hours may lie between the marks and the end of the audit, which is where it is said.
 TEST_F(VtBackupLoss, ARunThatIsKilledBehindItsMarksLeavesWhatItHadToSayToTheNextBackup)
 {

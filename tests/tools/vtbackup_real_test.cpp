@@ -43,8 +43,8 @@ protected:
         const std::wstring line =
             L"\"" + m_program + L"\" " + arguments + L" --json --app App --repo \"" + repository + L"\"";
         PROCESS_INFORMATION process = {};
-        const HANDLE out = Inheritable(L".out");
-        const HANDLE err = Inheritable(L".err");
+        const HANDLE out = Inheritable(L".out", m_outputAccess);
+        const HANDLE err = Inheritable(L".err", GENERIC_WRITE);
         const HANDLE ownOut = GetStdHandle(STD_OUTPUT_HANDLE);
         const HANDLE ownErr = GetStdHandle(STD_ERROR_HANDLE);
         SetStdHandle(STD_OUTPUT_HANDLE, out);
@@ -84,9 +84,9 @@ protected:
                            const HANDLE either[] = {reached.get(), process};
                            EXPECT_EQ(WAIT_OBJECT_0, WaitForMultipleObjects(2, either, FALSE, INFINITE));
                            DWORD number = 0;
-                           vtfltsim::Check("VTFltSimCreateSnapshot",
-                                           VTFltSimCreateSnapshot(machine.handle(), volume.guid.c_str(), &number,
-                                                                  nullptr));
+                           vtfltsim::Check(
+                               "VTFltSimCreateSnapshot",
+                               VTFltSimCreateSnapshot(machine.handle(), volume.guid.c_str(), &number, nullptr));
                            EXPECT_EQ(m_snapshots, number);
                            SetEvent(go.get());
                        });
@@ -101,11 +101,22 @@ protected:
         return bytes;
     }
 
+    // As the result says it, and a line on standard error.
+    static void ExpectNamed(const RealRun& run, unsigned number, const std::string& why)
+    {
+        const std::wstring device = Device(number);
+        const std::string what = std::string(device.begin(), device.end()) + " " + why;
+        for (const std::string& text : {run.out.value("snapshotNote", ""), run.err})
+            EXPECT_NE(std::string::npos, text.find(what)) << text;
+    }
+
+    DWORD m_outputAccess = GENERIC_WRITE;
+
 private:
-    [[nodiscard]] HANDLE Inheritable(const wchar_t* end) const
+    [[nodiscard]] HANDLE Inheritable(const wchar_t* end, DWORD access) const
     {
         SECURITY_ATTRIBUTES inheritable = {sizeof(inheritable), nullptr, TRUE};
-        return CreateFileW((repository + end).c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inheritable, CREATE_ALWAYS,
+        return CreateFileW((repository + end).c_str(), access, FILE_SHARE_READ, &inheritable, CREATE_ALWAYS,
                            FILE_ATTRIBUTE_NORMAL, nullptr);
     }
 
@@ -117,12 +128,70 @@ private:
 TEST_F(VtBackupReal, ADeviceIsNotAskedWhatOfItWasWritten)
 {
     ASSERT_EQ(EXIT_OK, RunReal(L"init").exitCode);
-    vtfltsim::Check("forge", VTFltSimForgeReply(machine.handle(), FSCTL_QUERY_ALLOCATED_RANGES, nullptr, 1, 0, nullptr,
-                                                0));
+    vtfltsim::Check("forge",
+                    VTFltSimForgeReply(machine.handle(), FSCTL_QUERY_ALLOCATED_RANGES, nullptr, 1, 0, nullptr, 0));
     const RealRun run = BackUpReal();
     ASSERT_EQ(EXIT_OK, run.exitCode) << run.err;
     EXPECT_EQ(LENGTH, run.out.at("backup").at("bytesRead"));
     EXPECT_TRUE(Contents() == RestoredReal());
+}
+
+// Noted on the real machine, what a simulated one did would hold up the real one's next backup.
+TEST_F(VtBackupReal, ItsNotesAreTheSimulatedMachines)
+{
+    ASSERT_EQ(EXIT_OK, RunReal(L"init").exitCode);
+    ASSERT_EQ(EXIT_OK, BackUpReal().exitCode);
+    EXPECT_TRUE(Exists(machine.directory() + L"\\vtbackup"));
+    EXPECT_EQ("incremental", Backup().kind) << "the same machine with --simulate";
+}
+
+TEST_F(VtBackupReal, ASnapshotThatCannotBeDeletedIsNamedUntilItIsGone)
+{
+    ASSERT_EQ(EXIT_OK, RunReal(L"init").exitCode);
+    const RealRun first = BackUpReal(L"exit 3");
+    EXPECT_EQ(EXIT_OK, first.exitCode) << first.err;
+    ExpectNamed(first, 1, "could not be deleted");
+
+    Write(20, 0x31);
+    const RealRun failed = BackUpReal(L"exit 3", L";fail|ReadFile|HarddiskVolumeShadowCopy|1|0|1117");
+    EXPECT_EQ(EXIT_DEVICE, failed.exitCode);
+    for (const char* name : {"ShadowCopy1 of an earlier backup", "ShadowCopy2 could not be deleted"})
+        EXPECT_NE(std::string::npos, failed.err.find(name)) << failed.err;
+
+    const RealRun next = BackUpReal(L"echo %VTBACKUP_SNAPSHOT%>>" + repository + L".deleted");
+    EXPECT_EQ(EXIT_OK, next.exitCode) << next.err;
+    ExpectNamed(next, 1, "of an earlier backup");
+    ExpectNamed(next, 2, "of an earlier backup");
+    // By its name it could be somebody else's by now: only the own one is deleted.
+    const std::vector<std::uint8_t> deleted = ReadFileBytes(repository + L".deleted");
+    const std::string names(deleted.begin(), deleted.end());
+    EXPECT_EQ(std::string::npos, names.find("ShadowCopy1")) << names;
+    EXPECT_NE(std::string::npos, names.find("ShadowCopy3")) << names;
+    DeleteFileW((repository + L".deleted").c_str());
+
+    for (const DWORD number : {1U, 2U})
+        vtfltsim::Check("delete", VTFltSimDeleteSnapshot(machine.handle(), number));
+    const RealRun last = BackUpReal();
+    EXPECT_EQ(std::string::npos, last.err.find("ShadowCopy")) << last.err;
+}
+
+TEST_F(VtBackupReal, TheSnapshotOfAKilledBackupIsNamed)
+{
+    ASSERT_EQ(EXIT_OK, RunReal(L"init").exitCode);
+    ASSERT_EQ(VTFLTSIM_KILLED, BackUpReal(L"exit 0", L";kill-before|ReadFile|HarddiskVolumeShadowCopy|1").exitCode);
+    const RealRun next = BackUpReal();
+    EXPECT_EQ(EXIT_OK, next.exitCode) << next.err;
+    ExpectNamed(next, 1, "of an earlier backup");
+}
+
+TEST_F(VtBackupReal, AnAnswerThatDidNotGetThereIsNoSuccess)
+{
+    ASSERT_EQ(EXIT_OK, RunReal(L"init").exitCode);
+    ASSERT_EQ(EXIT_OK, BackUpReal().exitCode);
+    m_outputAccess = GENERIC_READ; // nothing can be written to it
+    const RealRun list = RunReal(L"list");
+    EXPECT_EQ(EXIT_REPOSITORY, list.exitCode);
+    EXPECT_NE(std::string::npos, list.err.find("could not be written to standard output")) << list.err;
 }
 
 } // namespace

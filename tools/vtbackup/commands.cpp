@@ -92,6 +92,11 @@ Exit Init(const Options& options)
     CheckApplicationId(application);
     RequireDriver();
     std::string id;
+    // For the whole of it: one volume that is busy would otherwise end it half done, with the request taken back or the
+    // application gone.
+    std::vector<Lock> locks;
+    if (options.undo || options.reset)
+        locks = LockEverything(machine, application, options.undo ? L"init --undo" : L"init --reset");
     if (options.undo) {
         // In this order a run that was killed in between can be repeated: once the application is gone, another
         // attempt would be refused before it took the request back.
@@ -101,11 +106,6 @@ Exit Init(const Options& options)
         id = Repository::Create(ToWide(options.repository)).Id();
         if (options.reset && IsRegistered(application))
             UnregisterApplication(machine, application);
-    // For the whole of it: one volume that is busy would otherwise end it half done, with the request taken back or the
-    // application gone.
-    std::vector<Lock> locks;
-    if (options.undo || options.reset)
-        locks = LockEverything(machine, application, options.undo ? L"init --undo" : L"init --reset");
         RegisterApplication(machine, application);
         SwitchMonitoring(machine, options, true);
     }
@@ -157,6 +157,8 @@ Exit Backup(const Options& options)
             object["snapshotNote"] = result.snapshotNote;
         if (code != Exit::Ok)
             object["message"] = code == Exit::NotMarked ? notMarked : result.notReported;
+        if (!result.notReported.empty())
+            object["notReported"] = result.notReported;
         if (m.audit)
             object["audit"] = AuditJson(m);
         if (options.keepSnapshot) {
@@ -206,14 +208,14 @@ Exit RestoreCommand(const Options& options)
     else
         PrintLine(fmt::format("backup {} restored to {}: {} written of {}", result.sequence, options.to,
                               BytesText(result.bytesWritten), BytesText(result.volumeLength)));
-    return Exit::Ok;
-}
     // Its bitmap files and what they say of the volume are as old as the backup.
     if (result.ontoVolume)
         Diagnose(
             fmt::format("the bitmaps on volume {} are those of the backup now: the next backup of it has to be made "
                         "with --verify, for each application",
                         options.to));
+    return Exit::Ok;
+}
 
 // ---- verify, list
 
@@ -264,6 +266,12 @@ Exit Verify(const Options& options)
                                   check.Good() ? "good" : "DAMAGED"));
     }
     const Exit code = good ? Exit::Ok : Exit::Damaged;
+    json object = {{"result", OutcomeName(code)}, {"chains", list}, {"problems", found.problems}};
+    if (found.chains.empty() && good) {
+        const std::string nothing = "the repository holds no chain: there was no backup to check";
+        object["message"] = nothing;
+        Diagnose(nothing);
+    }
     if (options.json)
         PrintJson(object);
     return code;
@@ -273,12 +281,6 @@ Exit List(const Options& options)
 {
     const Machine machine = MachineOf(options);
     const Repository repository = Repository::Open(ToWide(options.repository));
-    json object = {{"result", OutcomeName(code)}, {"chains", list}, {"problems", found.problems}};
-    if (found.chains.empty() && good) {
-        const std::string nothing = "the repository holds no chain: there was no backup to check";
-        object["message"] = nothing;
-        Diagnose(nothing);
-    }
     json list = json::array();
     const FoundChains found = ChainsOf(options, repository);
     bool good = found.problems.empty();
@@ -331,14 +333,14 @@ Exit List(const Options& options)
 
 void WritePage(const std::wstring& file, const std::string& page, Existing existing)
 {
-    try {
-        WriteSmallFileDurably(file, page, existing);
     const std::wstring temporary = file + L".tmp";
     if (existing == Existing::Refuse && AnythingExists(temporary))
         throw Failure(Exit::Usage,
                       fmt::format("{} exists already: a report that was killed left it, unless it is another "
                                   "file of yours; delete it, or add --overwrite",
                                   ToUtf8(temporary)));
+    try {
+        WriteSmallFileDurably(file, page, existing);
     } catch (const Failure&) {
         DeleteFileW(temporary.c_str());
         throw;

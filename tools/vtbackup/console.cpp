@@ -37,10 +37,14 @@ std::string Visible(const std::string& text)
     return ToUtf8(shown);
 }
 
+bool allWritten = true;
+
 bool Write(const std::string& text)
 {
     const std::size_t written = std::fwrite(text.data(), 1, text.size(), stdout);
-    return std::fflush(stdout) == 0 && written == text.size();
+    const bool done = std::fflush(stdout) == 0 && written == text.size();
+    allWritten = allWritten && done;
+    return done;
 }
 
 } // namespace
@@ -59,6 +63,11 @@ bool PrintExactly(const std::string& bytes)
 {
     _setmode(_fileno(stdout), _O_BINARY);
     return Write(bytes);
+}
+
+bool AllWritten() noexcept
+{
+    return allWritten;
 }
 
 void Diagnose(const std::string& message)

@@ -13,6 +13,8 @@ void PrintLine(const std::string& text);
 void PrintJson(const nlohmann::json& object);
 // A whole file, byte for byte. False when it did not get there.
 bool PrintExactly(const std::string& bytes);
+// Whether everything that these three were given got there.
+[[nodiscard]] bool AllWritten() noexcept;
 // "vtbackup: message" as one line, in red on a terminal unless NO_COLOR is set.
 void Diagnose(const std::string& message);
 

@@ -35,7 +35,12 @@ int wmain(int count, wchar_t** arguments)
         if (parsed.exitCode)
             return *parsed.exitCode;
         WatchForInterrupt();
-        return static_cast<int>(RunCommand(parsed.options));
+        const Exit code = RunCommand(parsed.options);
+        if (AllWritten())
+            return static_cast<int>(code);
+        // Whoever reads half of an answer must not take it for one. A code that says more stays.
+        Diagnose("the result could not be written to standard output");
+        return static_cast<int>(code == Exit::Ok ? Exit::Repository : code);
     } catch (const Failure& failure) {
         return Ended(parsed.options, failure.Code(), failure.what());
     } catch (const std::bad_alloc&) {

@@ -571,7 +571,7 @@ TEST_F(VtBackupCycle, NoBackupComesBetweenTheStepsOfAReset)
     const vtflt::UniqueHandle go = vttest::NamedEvent(name + L".go");
     std::vector<std::wstring> reset = Arguments(L"init");
     reset.push_back(L"--reset");
-    Process process(reset, L"pause|CreateMutexW|.Volume{|2|" + name);
+    Process process(reset, L"pause|CreateMutexW|VTBackup.Simulated|3|" + name);
     const HANDLE either[] = {reached.get(), process.Get()};
     EXPECT_EQ(WAIT_OBJECT_0, WaitForMultipleObjects(2, either, FALSE, INFINITE));
     EXPECT_EQ(EXIT_BUSY, Backup(L"Second").exitCode);

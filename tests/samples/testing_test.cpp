@@ -277,6 +277,7 @@ TEST_F(RealMachineWay, BacksUpAndRestores)
     EXPECT_TRUE(FileEquals(file, m_machine.Read(m_volume, 0, 1u << 20)));
     DeleteFileW(file.c_str());
     _wsystem((L"cmd.exe /c rmdir /s /q \"" + m_repository + L"\"").c_str());
+    _wsystem((L"cmd.exe /c rmdir /s /q \"" + m_machine.directory() + L"\\vtbackup\"").c_str()); // its notes
 }
 
 } // namespace

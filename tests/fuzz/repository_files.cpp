@@ -87,7 +87,7 @@ std::optional<std::string> ReadSmallFile(const std::wstring& path, std::uint64_t
     return std::string(found->second.begin(), found->second.end());
 }
 
-void WriteSmallFileDurably(const std::wstring& path, const std::string& content)
+void WriteSmallFileDurably(const std::wstring& path, const std::string& content, Existing)
 {
     fuzz::TheSystem().files[path] = fuzz::FileBytes(content.begin(), content.end());
 }

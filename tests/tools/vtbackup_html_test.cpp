@@ -346,8 +346,8 @@ TEST_F(VtBackupHtml, WhatARepositorySaysIsNeverMarkup)
         manifest["reasons"] = {{{"code", evil}, {"text", "\x1B[2J\x01 \xE2\x80\xAE\xC2\x85\r\n" + evil}}};
         manifest["next"] = {{{"code", evil}, {"text", evil}}};
     });
-    // Whatever else it says, the chain is whole.
-    const std::string page = Page(EXIT_OK);
+    // Whatever else it says, the chain is whole; only its folder is another application's.
+    const std::string page = Page(EXIT_DAMAGED);
     EXPECT_EQ(1u, CountOf(page, "<script>"));
     EXPECT_EQ(1u, CountOf(page, "</script>"));
     EXPECT_EQ(1u, CountOf(page, "</style>"));

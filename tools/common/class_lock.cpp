@@ -24,8 +24,10 @@ ClassLock::ClassLock(const std::wstring& classKey)
         return;
     }
     const DWORD waited = WaitForSingleObject(m_mutex.get(), SWITCH_PATIENCE_MS);
-    if (waited != WAIT_OBJECT_0 && waited != WAIT_ABANDONED)
-        m_error = ERROR_TIMEOUT;
+    if (waited == WAIT_OBJECT_0 || waited == WAIT_ABANDONED)
+        return;
+    m_error = waited == WAIT_TIMEOUT ? ERROR_TIMEOUT : GetLastError();
+    m_error = m_error != 0 ? m_error : ERROR_GEN_FAILURE;
 }
 
 ClassLock::~ClassLock()

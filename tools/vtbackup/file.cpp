@@ -224,7 +224,7 @@ FileWriter::FileWriter(const std::wstring& path, Existing existing)
     const DWORD error = m_handle ? 0 : GetLastError();
     if (existing == Existing::Refuse && SaysThatItExists(error))
         RefuseExisting(m_path);
-    if (error != 0)
+    if (!m_handle) // also without a reason
         FailOnFile("create", m_path, error);
 }
 

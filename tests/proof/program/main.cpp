@@ -222,6 +222,7 @@ int Count()
     for (std::size_t kind = 0; kind < std::size(SWEEP_NAMES); ++kind) {
         SweepOptions sweep;
         sweep.kind = static_cast<SweepKind>(kind);
+        sweep.seed = Options().seed; // what is called behind a failure depends on it
         sweep.run = [](const History&, bool, bool* struck) {
             *struck = true;
             return std::string();

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <set>
+#include <tuple>
 
 namespace vtproof {
 namespace {
@@ -150,6 +151,44 @@ TEST(Sweeps, CutThePowerBeforeEachCallInEachWriteAndBehindTheLast)
     EXPECT_EQ((std::set<std::uint32_t>{static_cast<std::uint32_t>(calls)}), points[Fault::How::DieAfter]);
     // And in the middle of each write.
     EXPECT_EQ(FollowPath(scenarios.front().history, {}, wrong).writes.size(), points[Fault::How::DieInWrite].size());
+}
+
+// One run in four is one at every point, and together they have what was written kept, lost and torn.
+TEST(Sweeps, CutThePowerAtEachPointInASampleOfAQuarter)
+{
+    std::vector<Scenario> scenarios = AllScenarios();
+    std::erase_if(scenarios, [](const Scenario& one) {
+        return one.name != "a backup, with changes owed to two" &&
+               one.name != "a long backup, with changes owed to two";
+    });
+    ASSERT_EQ(2u, scenarios.size());
+    using Point = std::tuple<std::size_t, Fault::How, std::uint32_t, std::uint32_t>;
+    std::set<Point> points[2]; // whole, a quarter
+    std::set<std::uint32_t> ways[2];
+    std::uint64_t runs[2] = {};
+    for (const std::size_t sample : {0, 1}) {
+        for (const std::uint32_t part : {0, 1}) {
+            SweepOptions options;
+            options.kind = SweepKind::PowerCuts;
+            options.oneIn = sample == 0 ? 1 : 4;
+            options.part = part;
+            options.parts = 2;
+            options.run = [&](const History& history, bool, bool* struck) {
+                const Fault& fault = history.operations[history.operations.size() - 2].faults.front();
+                points[sample].emplace(history.volumes.front().grains, fault.how, fault.nth, fault.error);
+                ways[sample].insert(std::min(2u, history.operations.back().a));
+                *struck = true;
+                return std::string();
+            };
+            const std::uint64_t half = RunSweep(scenarios, options).runs;
+            EXPECT_GT(half, 0u);
+            runs[sample] += half;
+        }
+    }
+    EXPECT_EQ(points[0], points[1]);
+    EXPECT_EQ((std::set<std::uint32_t>{0, 1, 2}), ways[1]);
+    EXPECT_EQ(ways[0], ways[1]);
+    EXPECT_LE(3 * runs[1], runs[0]);
 }
 
 // A cut that is as long as what is written, or read, is none.

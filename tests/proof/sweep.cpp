@@ -58,7 +58,7 @@ private:
         m_path = FollowPath(history, {}, wrong);
         if (!wrong.empty())
             return Broken(history, wrong);
-        m_oneIn = m_options.kind == SweepKind::PowerCuts ? 1 : m_options.oneIn; // these are chosen in CutPower
+        m_oneIn = m_options.oneIn;
         switch (m_options.kind) {
         case SweepKind::Failures:
             return Each(CountOf(m_path.refusable), [&](std::uint32_t nth) { return FailEach(nth); });
@@ -157,19 +157,19 @@ private:
         });
     }
 
-    // What was written is there, is lost, or is torn in some ways. In a sample each point has the way behind that of the last
-    // point: of one run in four there is one at every point.
+    // What was written is there, is lost, or is torn in some ways. Where one run a point has to do it is lost, and at every
+    // second point, by dice, torn: as after a death everything is there.
     bool CutPower(const Fault& death)
     {
-        const std::uint32_t ways = IsLong() ? 6 : 4;
-        ++m_cuts;
-        for (std::uint32_t way = 0; way < ways; ++way) {
-            if ((m_cuts + way + m_options.seed) % m_options.oneIn != 0)
-                ++m_number;
-            else if (!TryThen({death}, PowerCut(way < 2 ? way : TORN * (way - 1) + death.nth)))
-                return false;
+        const std::uint32_t torn = IsLong() ? 4 : 2;
+        if (m_options.eachPoint) {
+            Dice dice(++m_points ^ m_options.seed << 32);
+            return TryThen({death}, PowerCut(1)) &&
+                   (dice.OneIn(2) || TryThen({death}, PowerCut(TORN * (1 + dice.Below(torn)) + death.nth)));
         }
-        return true;
+        if (!TryThen({death}, PowerCut(0)) || !TryThen({death}, PowerCut(1)))
+            return false;
+        return Each(torn, [&](std::uint32_t way) { return TryThen({death}, PowerCut(TORN * way + death.nth)); });
     }
 
     // A death behind the nth call; then the operation again, or who lost what it was in the middle of backs up, and dies
@@ -351,7 +351,7 @@ private:
     std::uint32_t m_oneIn = 1;
     std::uint64_t m_number = 0;
     std::uint64_t m_row = 0;
-    std::uint64_t m_cuts = 0; // points at which the power is cut
+    std::uint64_t m_points = 0; // at which the power is cut
     SweepResult m_result;
 };
 

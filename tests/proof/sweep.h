@@ -40,6 +40,7 @@ struct SweepOptions {
     std::uint32_t parts = 1;
     std::uint32_t oneIn = 1; // a sample: every so-manieth run, chosen by its number and the seed
     std::uint64_t seed = 0;
+    bool eachPoint = false; // power cuts: at every point, but in one or two ways only
     // Called now and then with the runs done and the share of the scenarios; false ends the sweep.
     std::function<bool(std::uint64_t runs, double share)> progress;
     // Done in the place of a run; gives what the run gives, *struck included. Empty: runs.

@@ -372,6 +372,23 @@ TEST_F(VtBackupUsage, AFileThatComesToBeWhileAReportIsMadeIsNotReplaced)
     DeleteFileW((file + L".tmp").c_str());
 }
 
+TEST_F(VtBackupUsage, ATemporaryFileThatSomebodyMakesWhileAReportIsMadeStays)
+{
+    ASSERT_EQ(EXIT_OK, Init().exitCode);
+    const std::wstring file = repository + L".html";
+    const std::wstring temporary = file + L".tmp";
+    const Result result =
+        RunWith({L"report", L"--json", L"--repo", repository, L"--html", file, L"--simulate", machine.directory()},
+                L"CreateFileW|.html.tmp", [&](Process&) {
+                    WriteFileBytes(temporary, {1, 2, 3});
+                });
+    EXPECT_EQ(EXIT_USAGE, result.exitCode) << result.out;
+    ASSERT_TRUE(Exists(temporary));
+    EXPECT_EQ(3u, ReadFileBytes(temporary).size());
+    EXPECT_FALSE(Exists(file));
+    DeleteFileW(temporary.c_str());
+}
+
 TEST_F(VtBackupUsage, ARestoreOntoTheVolumeOfItsRepositoryIsRefused)
 {
     wchar_t root[MAX_PATH] = {};

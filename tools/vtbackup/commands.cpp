@@ -339,12 +339,7 @@ void WritePage(const std::wstring& file, const std::string& page, Existing exist
                       fmt::format("{} exists already: a report that was killed left it, unless it is another "
                                   "file of yours; delete it, or add --overwrite",
                                   ToUtf8(temporary)));
-    try {
-        WriteSmallFileDurably(file, page, existing);
-    } catch (const Failure&) {
-        DeleteFileW(temporary.c_str());
-        throw;
-    }
+    WriteSmallFileDurably(file, page, existing);
 }
 
 // All that is wrong, after it was said.

@@ -7,6 +7,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <optional>
+#include <utility>
 
 namespace vtbackup {
 namespace {
@@ -206,14 +208,19 @@ void MoveIntoPlace(const std::wstring& from, const std::wstring& to, Existing ex
 void WriteSmallFileDurably(const std::wstring& path, const std::string& content, Existing existing)
 {
     const std::wstring temporary = path + L".tmp";
-    {
-        FileWriter writer(temporary, existing);
-        writer.Write(content.data(), content.size());
+    std::optional<FileWriter> writer(std::in_place, temporary, existing);
+    try {
+        writer->Write(content.data(), content.size());
         // The content has to be on the disk before the name is: a rename that survives a crash must not
         // name an empty file.
-        writer.Flush();
+        writer->Flush();
+        writer.reset();
+        MoveIntoPlace(temporary, path, existing);
+    } catch (const Failure&) {
+        writer.reset();
+        DeleteFileW(temporary.c_str());
+        throw;
     }
-    MoveIntoPlace(temporary, path, existing);
 }
 
 FileWriter::FileWriter(const std::wstring& path, Existing existing)

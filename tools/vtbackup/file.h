@@ -48,7 +48,8 @@ enum class Existing { Replace, Refuse };
 void MoveIntoPlace(const std::wstring& from, const std::wstring& to, Existing existing);
 
 // Replaces a small file so that after a crash either the old or the new content is there, whole. What comes to be in its
-// place while the new one is written is refused, too.
+// place while the new one is written is refused, too. The new one is PATH.tmp until it has its name; a failure takes away
+// what was begun, and nothing else.
 void WriteSmallFileDurably(const std::wstring& path, const std::string& content, Existing existing = Existing::Replace);
 
 // Writes a new file from its beginning to its end.

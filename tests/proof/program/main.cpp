@@ -2,6 +2,7 @@
 //
 //     double_host vtfltproof.exe histories [--seed S] [--histories N] [--minutes M] [--part I/N]
 //     double_host vtfltproof.exe sweep KIND [--one-in N] [--seed S] [--minutes M] [--part I/N]
+//     double_host vtfltproof.exe sweep power-cuts --each-point 1 [...]      at every point, in one or two ways
 //     double_host vtfltproof.exe schedules [--count N] [--seed S] [--minutes M] [--part I/N]
 //     double_host vtfltproof.exe meetings [--minutes M] [--part I/N]
 //     double_host vtfltproof.exe years [--years N] [--seed S] [--minutes M] [--part I/N]
@@ -32,6 +33,7 @@ struct Options {
     std::uint64_t part = 0;
     std::uint64_t parts = 1;
     std::uint64_t oneIn = 1;
+    std::uint64_t eachPoint = 0; // 1: of the power cuts
     std::uint64_t years = 10;
 };
 
@@ -195,6 +197,7 @@ int Sweep(const Options& options, SweepKind kind)
     sweep.parts = static_cast<std::uint32_t>(options.parts);
     sweep.oneIn = static_cast<std::uint32_t>(options.oneIn);
     sweep.seed = options.seed;
+    sweep.eachPoint = options.eachPoint != 0;
     sweep.progress = [&](std::uint64_t runs, double share) { return progress.Goes(runs, share); };
     const std::vector<Scenario> scenarios = AllScenarios();
     const SweepResult result = RunSweep(scenarios, sweep);
@@ -371,6 +374,8 @@ bool Parse(int argc, char** argv, int first, Options& options)
             options.count = std::strtoull(argv[i + 1], &rest, 0);
         else if (name == "--one-in")
             options.oneIn = std::strtoull(argv[i + 1], &rest, 0);
+        else if (name == "--each-point")
+            options.eachPoint = std::strtoull(argv[i + 1], &rest, 0);
         else if (name == "--years")
             options.years = std::strtoull(argv[i + 1], &rest, 0);
         else if (name == "--minutes")
@@ -413,6 +418,7 @@ int main(int argc, char** argv)
         "vtfltproof histories [--seed S] [--histories N] [--minutes M] [--part I/N]\n"
         "vtfltproof sweep failures|effects|memory|deaths|power-cuts|second-deaths|pairs|lasting [--one-in N] [--seed S] "
         "[--minutes M] [--part I/N]\n"
+        "vtfltproof sweep power-cuts --each-point 1 [...]\n"
         "vtfltproof schedules [--count N] [--seed S] [--minutes M] [--part I/N]\n"
         "vtfltproof meetings [--minutes M] [--part I/N]\n"
         "vtfltproof years [--years N] [--seed S] [--minutes M] [--part I/N]\n"

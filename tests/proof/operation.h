@@ -52,8 +52,8 @@ inline constexpr std::uint32_t AGAIN_COUNT = 3;
 
 // A system that says of a list or file that it is not there, although it is, does not fail but lies; the library has to
 // believe it. The runs chosen by seeds and the sweeps leave that out; see docs/guarantees.md. RegCreateKeyW belongs to that:
-// it opens the key of the list of applications, and a key that is absent means that there are none. Those functions that
-// are never asked whether something is there may give any error:
+// it opens the key of the list of applications, and a key that is absent means that there are none. Of these functions the
+// first, up to NEVER_ASKED, are never asked whether something is there, and may give any error.
 inline constexpr const wchar_t* FUNCTIONS[] = {L"ReadFile",
                                                L"WriteFile",
                                                L"SetFilePointer",
@@ -72,7 +72,20 @@ inline constexpr const wchar_t* FUNCTIONS[] = {L"ReadFile",
                                                L"GetDriveTypeW",
                                                L"OpenSCManagerW",
                                                L"OpenServiceW",
-                                               L"GetVolumePathNamesForVolumeNameW"};
+                                               L"GetVolumePathNamesForVolumeNameW",
+                                               L"CreateFileW",
+                                               L"RegCreateKeyW",
+                                               L"RegOpenKeyExW",
+                                               L"RegQueryValueExW",
+                                               L"FindFirstVolumeW",
+                                               L"FindNextVolumeW",
+                                               L"FindFirstFileW",
+                                               L"FindNextFileW",
+                                               L"GetFileAttributesW",
+                                               L"OpenMutexW",
+                                               L"CreateProcessW"};
+inline constexpr std::uint32_t NEVER_ASKED = 19;
+static_assert(std::wstring_view(FUNCTIONS[NEVER_ASKED - 1]) == L"GetVolumePathNamesForVolumeNameW");
 
 // FailOf and FailOfOn: the number of a function and its error, which has three digits at most, as one number.
 inline constexpr std::uint32_t FUNCTION_STEP = 1000;

@@ -151,14 +151,14 @@ Fault ChooseFault(Dice& dice)
         break;
     case Fault::How::FailOf:
         fault.nth = 1 + dice.Below(1u << (1 + dice.Below(5)));
-        fault.error = dice.Below(std::size(FUNCTIONS));
+        fault.error = dice.Below(NEVER_ASKED);
         fault.error = FailureOf(fault.error, NOT_THERE[dice.Below(std::size(NOT_THERE))]);
         break;
     case Fault::How::FailOfOn:
         fault.nth = 1 + dice.Below(4);
         // A volume whose kind is never told is passed over (an assumption).
         do
-            fault.error = dice.Below(std::size(FUNCTIONS));
+            fault.error = dice.Below(NEVER_ASKED);
         while (FUNCTIONS[fault.error] == std::wstring_view(L"GetDriveTypeW"));
         fault.error = FailureOf(fault.error, ERRORS[dice.Below(std::size(ERRORS))]);
         break;

@@ -361,6 +361,7 @@ private:
     bool IsUndisturbed(std::size_t application, std::size_t volume) const;
     Reported ReportedBlocks(const Application& application) const;
     std::string CheckOpen(Application& application);
+    bool HasBackup(std::size_t number) const;
     std::string CheckFiles() const;
     std::string EndBackup(const Application& application);
     void PutRight();
@@ -414,7 +415,8 @@ private:
     // Since the marks were last looked at: volumes to which something was done, and whether all may be marked.
     std::vector<bool> m_touched;
     bool m_marksMany = false;
-    bool m_replicated = false; // in the operation, entries may have gone on to a verify list
+    std::size_t m_operating = 0; // the operation's application
+    bool m_replicated = false;   // in the operation, entries may have gone on to a verify list
     std::uint64_t m_trace = 0xcbf29ce484222325ull;
     bool m_tells = false;
     bool m_armed = false;

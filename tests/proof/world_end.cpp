@@ -20,6 +20,14 @@ std::string World::CheckFiles() const
     return {};
 }
 
+bool World::HasBackup(std::size_t number) const
+{
+    bool has = false;
+    for (std::size_t volume = 0; volume < m_volumes.size(); ++volume)
+        has = has || m_expected.HasBackup(number, volume);
+    return has;
+}
+
 std::string World::Settle(Thoroughly thoroughly)
 {
     Tell("-- settling");
@@ -34,6 +42,14 @@ std::string World::Settle(Thoroughly thoroughly)
             return wrong;
     }
     PutRight();
+    // Who unregistered and comes back has changes behind it that nobody kept: it verifies.
+    for (std::uint32_t number = 0; number < m_applications.size(); ++number) {
+        std::string wrong;
+        if (!m_applications[number].registered && HasBackup(number))
+            wrong = Run({Do::Register, number, 0, 0, 0, {}});
+        if (!wrong.empty())
+            return wrong;
+    }
     const unsigned rounds = thoroughly == Thoroughly::Yes ? SETTLED_ROUNDS : 0;
     for (unsigned round = 0; round <= rounds; ++round) {
         for (std::uint32_t number = 0; number < m_applications.size(); ++number) {

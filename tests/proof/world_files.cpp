@@ -178,7 +178,7 @@ std::string World::CheckWatched(std::size_t number, std::size_t volume, bool bas
     if (!oldBlocks && !fromMemory && now.blockSize != m_machine->Info(m_volumes[volume]).blockSize)
         return wrong(" has a block size that is neither old nor new");
     // What could not be read may have held changes: whoever begins it anew has the volume verified.
-    const bool begunAnew = !before.usable && !Registers(operation.what);
+    const bool begunAnew = !before.usable && !(own && Registers(operation.what));
     const bool reported = m_watched.reports && own && volume == m_watched.volume;
     if (begunAnew && !reported && !IsListedForResync(m_applications[number].id + L".Last", volume) &&
         ReadFile(number, volume, !base).usable)

@@ -33,11 +33,10 @@ std::vector<std::wstring> Strings(const std::vector<std::uint8_t>& bytes)
     return strings;
 }
 
-// More than one volume is to be verified behind it.
+// More than one volume is to be verified behind it, by who does it.
 bool MarksMany(Do what)
 {
-    return what == Do::MarkAll || what == Do::Register || what == Do::RegisterAgain || what == Do::Unregister ||
-           what == Do::StopVolume || what == Do::StopVolumes;
+    return what == Do::MarkAll || what == Do::Register || what == Do::RegisterAgain || what == Do::Unregister;
 }
 
 bool IsOneOf(std::wstring_view name, std::initializer_list<std::wstring_view> names)
@@ -146,7 +145,8 @@ std::string World::CheckMarks()
                         (chain.mustBeAsked ? "the verify list" : "any list") + " of application " +
                         std::to_string(&application - m_applications.data());
             const bool isNew = marks[volume] && !chain.mustBeAsked && !chain.waits;
-            if (wrong.empty() && m_watch == nullptr && isNew && !m_touched[volume] && !m_marksMany)
+            const bool marksMany = m_marksMany && &application == &m_applications[m_operating];
+            if (wrong.empty() && m_watch == nullptr && isNew && !m_touched[volume] && !marksMany)
                 wrong = "volume " + std::to_string(volume) +
                         ", to which nothing was done, is on the verify list of application " +
                         std::to_string(&application - m_applications.data());
@@ -163,7 +163,8 @@ std::string World::CheckMarks()
 void World::NoteMayBeMarked(const Operation& operation)
 {
     m_touched[operation.volume] = true;
-    // A driver that comes back in the middle lists what it has missed.
+    m_operating = operation.application;
+    // A driver that comes back in the middle lists what it has missed; the others find it on their pending lists.
     m_marksMany = m_marksMany || MarksMany(operation.what) || !m_driverWasThere;
 }
 

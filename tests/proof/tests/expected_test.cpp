@@ -180,7 +180,7 @@ TEST(History, HasEveryFaultAndError)
         EXPECT_EQ(0u, errors.count(2) + errors.count(3));
         EXPECT_EQ(1u, errors.count(5));
     }
-    EXPECT_EQ(2 * std::size(FUNCTIONS), ofOne.size());
+    EXPECT_EQ(2 * NEVER_ASKED, ofOne.size());
     EXPECT_EQ(2u, *ofOne.begin() % 1000);
 }
 

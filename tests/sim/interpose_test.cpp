@@ -376,6 +376,30 @@ TEST_F(SimInterposeTest, TheMachineHasARegistryOfItsOwn)
     EXPECT_EQ(0u, OpenKeyError(L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion"));
 }
 
+TEST_F(SimInterposeTest, AValueThatChangesWhileItIsReadIsReadWhole)
+{
+    struct Change {
+        SimMachine& machine;
+        Bytes value;
+    };
+    const std::wstring key = L"SOFTWARE\\Veltrix\\Probe";
+    auto callback = [](void* context, LPCWSTR, LPCWSTR) {
+        const auto& change = *static_cast<const Change*>(context);
+        change.machine.WriteValue(L"SOFTWARE\\Veltrix\\Probe", L"Value", REG_BINARY, change.value);
+    };
+    HKEY made = nullptr;
+    ASSERT_EQ(0, RegCreateKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr, &made, nullptr));
+    ASSERT_EQ(0, RegCloseKey(made));
+    for (const Bytes& later : {Bytes{1, 2, 3, 4, 5, 6}, Bytes{1}}) {
+        m_machine.WriteValue(key, L"Value", REG_BINARY, {7, 8, 9});
+        Change change{m_machine, later};
+        // The question for the length comes first.
+        ASSERT_EQ(0u, VTFltSimCallBefore(L"RegQueryValueExW", nullptr, 2, 1, callback, &change));
+        EXPECT_EQ(later, m_machine.ReadValue(key, L"Value"));
+        VTFltSimClearCallFaults();
+    }
+}
+
 TEST_F(SimInterposeTest, ABlockSizeChangeForgetsAndListsTheVolume)
 {
     m_machine.TouchBlock(m_volume, 3);

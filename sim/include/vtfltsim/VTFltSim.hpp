@@ -180,15 +180,21 @@ public:
         DWORD kind = 0;
         DWORD size = 0;
         std::vector<std::uint8_t> data;
-        LONG code = RegQueryValueExW(opened, value.c_str(), nullptr, &kind, nullptr, &size);
-        if (code == 0) {
+        // Another process may let it grow between the question for its length and the read.
+        constexpr int TRIES = 16;
+        LONG code = ERROR_MORE_DATA;
+        for (int i = 0; i < TRIES && code == ERROR_MORE_DATA; ++i) {
+            size = 0;
+            code = RegQueryValueExW(opened, value.c_str(), nullptr, &kind, nullptr, &size);
             data.resize(size);
-            code = RegQueryValueExW(opened, value.c_str(), nullptr, &kind, data.data(), &size);
+            if (code == 0)
+                code = RegQueryValueExW(opened, value.c_str(), nullptr, &kind, data.data(), &size);
         }
         RegCloseKey(opened);
         if (code == ERROR_FILE_NOT_FOUND)
             return {};
         Check("RegQueryValueExW", static_cast<DWORD>(code));
+        data.resize(size);
         if (type != nullptr)
             *type = kind;
         return data;

@@ -388,13 +388,13 @@ void World::NoteStruck(const Operation& operation)
 
 namespace {
 
+} // namespace
+
 // The driver puts the volume on its list.
-bool ListsForResync(Do what)
+bool World::ListsForResync(Do what)
 {
     return what == Do::LoseTracking || what == Do::StartTracking || what == Do::SetBlockSize || what == Do::Resize;
 }
-
-} // namespace
 
 std::string World::Dispatch(const Operation& operation)
 {

@@ -308,6 +308,8 @@ private:
 
     void NoteStruck(const Operation& operation);
     std::string Dispatch(const Operation& operation);
+    static bool ListsForResync(Do what);
+    std::string AddToTheDriversList(const Operation& operation);
     std::string Register(Application& application, bool asks);
     std::vector<BitmapFile> FilesOf(const Application& application) const;
     void VerifyWhatWasLeftOut(Application& application) const;
@@ -431,7 +433,8 @@ private:
         const char* what; // null: none
         DWORD result;
     } m_wrongAnswer{Exported::Count, nullptr, 0};
-    int m_handingOut = 0; // who is between reading the driver's list and writing it back
+    int m_handingOut = 0;    // who is between reading the driver's list and writing it back
+    unsigned m_handOuts = 0; // how often somebody came there
     // While operations run at the same time.
     ExportWatch* m_watch = nullptr; // null: one by one
     bool m_sharesVolumes = false;

@@ -397,8 +397,25 @@ thread_local int World::t_registers = 0;
 void World::HandOut(HandsOut state)
 {
     const auto isHanding = [](HandsOut one) { return one != HandsOut::NotAtAll && one != HandsOut::Not; };
-    m_handingOut += (isHanding(state) ? 1 : 0) - (isHanding(t_handsOut) ? 1 : 0);
+    const int change = (isHanding(state) ? 1 : 0) - (isHanding(t_handsOut) ? 1 : 0);
+    m_handingOut += change;
+    m_handOuts += change > 0 ? 1 : 0;
     t_handsOut = state;
+}
+
+// The driver adds the volume to its list. While it waited for the list somebody may have begun to hand that out, and then what
+// was added is dropped (Limit.WhatTheDriverAddsToItsList...): the driver does it again.
+std::string World::AddToTheDriversList(const Operation& operation)
+{
+    unsigned seen = m_handOuts;
+    std::string wrong = Dispatch(operation);
+    while (seen != m_handOuts && wrong.empty()) {
+        while (m_handingOut != 0)
+            DoubleYield();
+        seen = m_handOuts;
+        wrong = Dispatch({Do::LoseTracking, 0, operation.volume, 0, 0, {}});
+    }
+    return wrong;
 }
 
 // Before each call, in the process that makes it; others can run only then. Allocates nothing there.
@@ -434,7 +451,7 @@ std::string World::RunAtOnce(std::uint32_t application, const Operation& operati
 {
     Tell(ToText(operation));
     m_driverWasThere = IsDriverThere();
-    std::string wrong = Dispatch(operation);
+    std::string wrong = ListsForResync(operation.what) ? AddToTheDriversList(operation) : Dispatch(operation);
     if (wrong.empty())
         wrong = TakeWrongAnswer();
     if (wrong.empty())
@@ -447,7 +464,10 @@ std::string World::RunAtOnce(std::uint32_t application, const Operation& operati
 void World::Happens(const Operation& operation)
 {
     Tell(ToText(operation));
-    Dispatch(operation);
+    if (ListsForResync(operation.what))
+        AddToTheDriversList(operation);
+    else
+        Dispatch(operation);
 }
 
 void World::EndAtOnce(std::uint32_t application)

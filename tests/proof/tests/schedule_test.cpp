@@ -234,6 +234,24 @@ TEST(Meetings, OfOneThatDiesWithTheDriversListLeaveNothingOut)
     EXPECT_EQ(leftOut, VerdictsSoFar().leftOut);
 }
 
+// The driver waits for its list, and meanwhile somebody begins to hand that out.
+TEST(Schedules, LoseNothingThatTheDriverListsWhileItWaitsForTheList)
+{
+    for (
+        const char* text :
+        {"machine 100:1024 60:512; register 1 0 0 0; register 2 0 0 0 | lose-tracking 0 1 0 0; | backup 1 1 0 0; | "
+         "start-tracking 2 0 0 0; backup 2 0 0 0; | mix 4295056600 4",
+         "machine 100:1024 60:512; register 0 0 0 0; register 1 0 0 0; register 3 0 0 0; backup 3 0 0 0 | backup 0 1 612 "
+         "6; | unmark 1 0 0 0; write 1 0 104 0; | unregister 2 1 0 0; start-tracking 2 0 0 0; | start-tracking 3 1 0 0; "
+         "ask 3 0 0 0; | mix 4294991532 1",
+         "machine 100:1024 60:512; register 2 0 0 0; register 3 0 0 0 | lose-tracking 0 1 0 0; | start-tracking 1 0 0 0; "
+         "| backup 2 1 0 0; | backup 3 0 0 0; | mix 4295060806 8"}) {
+        const std::optional<Schedule> schedule = ParseSchedule(text);
+        ASSERT_TRUE(schedule) << text;
+        EXPECT_EQ("", RunSchedule(*schedule).wrong) << text;
+    }
+}
+
 // The same schedule gives the same outcomes, log, turns and number of calls, whatever ran before.
 TEST(Schedules, HaveTheSameTraceEveryTime)
 {

@@ -86,31 +86,56 @@ struct Options {
     int exitCode = 0;
 };
 
-void Show(const Options& options)
+void ShowVolume(const VTFLTSIM_VOLUME_INFO& volume)
+{
+    std::printf("volume %s\n", ToUtf8(volume.guid).c_str());
+    std::printf("  length %llu, block size %lu, drive type %lu, mounted at %s\n", volume.length, volume.blockSize,
+                volume.driveType, *volume.mountPath != L'\0' ? ToUtf8(volume.mountPath).c_str() : "-");
+    std::printf("  %s%s; blocks changed: %llu current, %llu frozen, %llu pending; chunks ever written: %llu\n",
+                volume.tracked != 0 ? "tracked" : "not tracked", volume.prepared != 0 ? ", snapshot announced" : "",
+                volume.currentBlocks, volume.frozenBlocks, volume.pendingBlocks, volume.allocatedChunks);
+    std::printf("  files in %s\n", ToUtf8(volume.filesDirectory).c_str());
+}
+
+void ShowSnapshot(const VTFLTSIM_SNAPSHOT_INFO& snapshot)
+{
+    std::printf("snapshot %lu of %s\n", snapshot.number, ToUtf8(snapshot.volumeGuid).c_str());
+    std::printf("  %s, length %llu, %s, blocks written into it: %llu\n", ToUtf8(snapshot.devicePath).c_str(),
+                snapshot.length, snapshot.tracked != 0 ? "tracked" : "not tracked", snapshot.writtenBlocks);
+}
+
+// Shows what one enumeration gives, up to its end. One that cannot be read is named by its place; false then.
+template <class Info>
+bool ShowAll(VTFLTSIM_MACHINE machine, const char* what, DWORD(WINAPI* at)(VTFLTSIM_MACHINE, DWORD, Info*),
+             void (*show)(const Info&))
+{
+    bool all = true;
+    Info info = {};
+    info.size = sizeof(info);
+    for (DWORD i = 0;; ++i) {
+        const DWORD code = at(machine, i, &info);
+        if (code == ERROR_NO_MORE_ITEMS)
+            return all;
+        if (code == 0) {
+            show(info);
+            continue;
+        }
+        all = false;
+        std::fflush(stdout); // in the place where it would stand
+        std::fprintf(stderr, "vtfltsim: %s %lu from the start cannot be read, error %lu\n", what, i + 1, code);
+    }
+}
+
+void Show(Options& options)
 {
     const Opened machine(options.directory);
     static constexpr const char* DRIVERS[] = {"working", "absent", "older"};
     DWORD driver = 0;
     Check("reading the driver's state", VTFltSimGetDriverState(machine.get(), &driver));
     std::printf("driver: %s\n", DRIVERS[driver]);
-    VTFLTSIM_VOLUME_INFO volume = {};
-    volume.size = sizeof(volume);
-    for (DWORD i = 0; VTFltSimEnumVolume(machine.get(), i, &volume) == 0; ++i) {
-        std::printf("volume %s\n", ToUtf8(volume.guid).c_str());
-        std::printf("  length %llu, block size %lu, drive type %lu, mounted at %s\n", volume.length, volume.blockSize,
-                    volume.driveType, *volume.mountPath != L'\0' ? ToUtf8(volume.mountPath).c_str() : "-");
-        std::printf("  %s%s; blocks changed: %llu current, %llu frozen, %llu pending; chunks ever written: %llu\n",
-                    volume.tracked != 0 ? "tracked" : "not tracked", volume.prepared != 0 ? ", snapshot announced" : "",
-                    volume.currentBlocks, volume.frozenBlocks, volume.pendingBlocks, volume.allocatedChunks);
-        std::printf("  files in %s\n", ToUtf8(volume.filesDirectory).c_str());
-    }
-    VTFLTSIM_SNAPSHOT_INFO snapshot = {};
-    snapshot.size = sizeof(snapshot);
-    for (DWORD i = 0; VTFltSimEnumSnapshot(machine.get(), i, &snapshot) == 0; ++i) {
-        std::printf("snapshot %lu of %s\n", snapshot.number, ToUtf8(snapshot.volumeGuid).c_str());
-        std::printf("  %s, length %llu, %s, blocks written into it: %llu\n", ToUtf8(snapshot.devicePath).c_str(),
-                    snapshot.length, snapshot.tracked != 0 ? "tracked" : "not tracked", snapshot.writtenBlocks);
-    }
+    const bool volumes = ShowAll(machine.get(), "volume", VTFltSimEnumVolume, ShowVolume);
+    const bool snapshots = ShowAll(machine.get(), "snapshot", VTFltSimEnumSnapshot, ShowSnapshot);
+    options.exitCode = volumes && snapshots ? 0 : EXIT_REFUSED;
 }
 
 DWORD DriveTypeOf(const std::string& name)
@@ -260,9 +285,12 @@ CLI::App* VolumeCommand(CLI::App& parent, Options& options, const char* name, co
 void DefineVolumes(CLI::App& app, Options& options)
 {
     const CLI::AsSizeValue size(false);
+    const CLI::Range blockSizes(std::uint64_t{1}, std::uint64_t{0xFFFFFFFF}); // what fits its field
     CLI::App* add = Command(app, options, "add-volume", "add a volume and print its GUID", AddVolume);
     add->add_option("length", options.length, "bytes; 64M, 1G and the like are fine")->required()->transform(size);
-    add->add_option("--block-size", options.blockSize, "tracking block size (default 64K)")->transform(size);
+    add->add_option("--block-size", options.blockSize, "tracking block size (default 64K)")
+        ->transform(size)
+        ->check(blockSizes);
     add->add_option("--mount", options.mount, "mount path, such as E:\\");
     add->add_option("--guid", options.guid, "{...}; made up when left out");
     add->add_option("--type", options.driveType, "drive type (default fixed)")
@@ -287,7 +315,10 @@ void DefineVolumes(CLI::App& app, Options& options)
             Check("changing the block size", VTFltSimSetBlockSize(Opened(o.directory).get(), ToWide(o.volume).c_str(),
                                                                   static_cast<DWORD>(o.blockSize)));
         });
-    block->add_option("size", options.blockSize, "new size, a multiple of 512")->required()->transform(size);
+    block->add_option("size", options.blockSize, "new size, a multiple of 512")
+        ->required()
+        ->transform(size)
+        ->check(blockSizes);
     VolumeCommand(app, options, "lose-tracking", "let the driver lose track of a volume", [](const Options& o) {
         Check("losing track", VTFltSimLoseTracking(Opened(o.directory).get(), ToWide(o.volume).c_str()));
     });

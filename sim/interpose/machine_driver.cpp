@@ -28,6 +28,22 @@ std::wstring OutputOption(const std::wstring& commandLine)
     return commandLine.substr(start, commandLine.find(L'"', start) - start);
 }
 
+// Whether the program was given this option: the program's own name, and what stands in quotes within others, is none.
+bool HasOption(const std::wstring& commandLine, std::wstring_view option)
+{
+    std::vector<std::wstring> words(1);
+    bool quoted = false;
+    for (const wchar_t c : commandLine) {
+        if (c == L'"')
+            quoted = !quoted;
+        else if (!quoted && (c == L' ' || c == L'\t'))
+            words.emplace_back();
+        else
+            words.back().push_back(c);
+    }
+    return std::find(words.begin() + 1, words.end(), option) != words.end();
+}
+
 void WriteUtilityLog(Machine& machine, const std::wstring& commandLine, DWORD exitCode)
 {
     // An install location of the real machine is not the simulated utility's to write to.
@@ -281,8 +297,8 @@ DWORD Machine::Reboot()
 
 UtilityRun Machine::RunUtility(const std::wstring& commandLine)
 {
-    const bool uninstalls = commandLine.find(L" -r") != std::wstring::npos;
-    const bool installs = !uninstalls && commandLine.find(L" -i") != std::wstring::npos;
+    const bool uninstalls = HasOption(commandLine, L"-r");
+    const bool installs = !uninstalls && HasOption(commandLine, L"-i");
     UtilityRun run;
     Change([&](model::MachineRecord& machine) {
         auto& utility = machine.utility;

@@ -547,9 +547,9 @@ TEST_F(SimInterposeTest, TheServiceIsThereOrNotAsSet)
 }
 
 // Starts the utility; the exit code, or 0x10000 + the error of the start, or 0x20000 when the wait timed out.
-DWORD RunUtility(const wchar_t* option)
+DWORD RunUtility(const std::wstring& option, const std::wstring& folder = L"C:\\nowhere")
 {
-    std::wstring line = std::wstring(L"\"C:\\nowhere\\VTFltUtl.exe\" ") + option + L" -output=\"C:\\nowhere\\x.log\" ";
+    std::wstring line = L"\"" + folder + L"\\VTFltUtl.exe\" " + option + L" -output=\"" + folder + L"\\x.log\" ";
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION process = {};
@@ -579,6 +579,21 @@ TEST_F(SimInterposeTest, TheUtilityTakesTheDriverAwayAndPutsItBack)
     EXPECT_EQ(259u, VTFltSimGetUtilityCommand(m_machine.handle(), 2, line, 200));
 }
 
+TEST_F(SimInterposeTest, AFolderThatIsNamedLikeAnOptionIsNone)
+{
+    m_machine.SetDriver(VTFLTSIM_DRIVER_ABSENT);
+    EXPECT_EQ(0u, RunUtility(L"-i", L"C:\\my -runs\\a -r \\m"));
+    DWORD state = 99;
+    VTFltSimGetDriverState(m_machine.handle(), &state);
+    EXPECT_EQ(VTFLTSIM_DRIVER_WORKING, state);
+    EXPECT_EQ(0u, RunUtility(L"-r", L"C:\\my -i \\m"));
+    VTFltSimGetDriverState(m_machine.handle(), &state);
+    EXPECT_EQ(VTFLTSIM_DRIVER_ABSENT, state);
+    EXPECT_EQ(static_cast<DWORD>(ERROR_BAD_ARGUMENTS), RunUtility(L"", L"C:\\my -runs\\a -i \\m"));
+    VTFltSimGetDriverState(m_machine.handle(), &state);
+    EXPECT_EQ(VTFLTSIM_DRIVER_ABSENT, state);
+}
+
 TEST_F(SimInterposeTest, TheUtilityFailsHangsOrWantsARestartAsSet)
 {
     m_machine.SetDriver(VTFLTSIM_DRIVER_ABSENT);
@@ -592,6 +607,19 @@ TEST_F(SimInterposeTest, TheUtilityFailsHangsOrWantsARestartAsSet)
     DWORD state = 0;
     VTFltSimGetDriverState(m_machine.handle(), &state);
     EXPECT_EQ(VTFLTSIM_DRIVER_ABSENT, state);
+    const HANDLE handle = Open(m_volume.Path());
+    m_machine.FailRequest(GET_BLOCK_SIZE, 1117, m_volume.guid.c_str(), 2);
+    DWORD size = 0;
+    EXPECT_EQ(0u, Control(handle, GET_BLOCK_SIZE, &size, 4));
+    EXPECT_EQ(1117u, Control(handle, GET_BLOCK_SIZE, &size, 4));
+    EXPECT_EQ(0u, Control(handle, GET_BLOCK_SIZE, &size, 4));
+    const DWORD zero = 0;
+    ASSERT_EQ(0u, VTFltSimForgeReply(m_machine.handle(), GET_BLOCK_SIZE, nullptr, 1, 1, &zero, 4));
+    EXPECT_EQ(0u, Control(handle, GET_BLOCK_SIZE, &size, 4));
+    EXPECT_EQ(0u, size);
+    CloseHandle(handle);
+}
+
     ASSERT_EQ(0u, VTFltSimReboot(m_machine.handle()));
     VTFltSimGetDriverState(m_machine.handle(), &state);
     EXPECT_EQ(VTFLTSIM_DRIVER_WORKING, state);
@@ -618,6 +646,8 @@ TEST_F(SimInterposeTest, ARequestFaultStrikesOnceAndAForgedReplyIsBelieved)
     CloseHandle(handle);
 }
 
+TEST_F(SimInterposeTest, ARequestFaultStrikesOnceAndAForgedReplyIsBelieved)
+{
 TEST_F(SimInterposeTest, ACallFailsWhereItsTextMatches)
 {
     FailCall(L"CreateMutexW", 5, L".Mutex", 2);

@@ -263,19 +263,23 @@ DWORD Machine::Grow(model::VolumeRecord& volume, Volume& mapped, std::uint64_t l
 
 DWORD Machine::ResizeVolume(std::uint32_t serial, std::uint64_t length)
 {
+    // Whether it shrinks, and whether the volume can be that long, is decided where it is done: another process may
+    // change length and block size until then.
     bool shrinks = false;
-    const DWORD code = WithVolume(serial, [&](model::VolumeRecord& volume, Volume&) -> DWORD {
-        shrinks = length < volume.length;
-        return model::IsValidGeometry(length, volume.blockSize) ? 0 : ERROR_INVALID_PARAMETER;
-    });
-    if (code != 0)
-        return code;
-    const auto resize = [&](model::VolumeRecord& volume, Volume& mapped) -> DWORD {
-        return length < volume.length ? Shrink(volume, mapped, length) : Grow(volume, mapped, length);
+    const auto resize = [&](bool listed) {
+        return [&, listed](model::VolumeRecord& volume, Volume& mapped) -> DWORD {
+            if (!model::IsValidGeometry(length, volume.blockSize))
+                return ERROR_INVALID_PARAMETER;
+            if (length >= volume.length)
+                return Grow(volume, mapped, length);
+            shrinks = true;
+            return listed ? Shrink(volume, mapped, length) : 0;
+        };
     };
+    const DWORD code = WithVolume(serial, resize(false));
     // The bits behind the new end go with it. Should the volume grow again before the next backup, or the backup of an
     // earlier snapshot be under way, only the list tells that something is missing.
-    return shrinks ? ForgetWith(serial, resize) : WithVolume(serial, resize);
+    return shrinks ? ForgetWith(serial, resize(true)) : code;
 }
 
 DWORD Machine::SetBlockSize(std::uint32_t serial, DWORD blockSize)
@@ -286,7 +290,9 @@ DWORD Machine::SetBlockSize(std::uint32_t serial, DWORD blockSize)
         return code;
     if (!model::IsValidGeometry(length, blockSize))
         return ERROR_INVALID_PARAMETER;
-    return ForgetWith(serial, [&](model::VolumeRecord& volume, Volume&) {
+    return ForgetWith(serial, [&](model::VolumeRecord& volume, Volume&) -> DWORD {
+        if (!model::IsValidGeometry(volume.length, blockSize)) // another process may have made it longer
+            return ERROR_INVALID_PARAMETER;
         return NewGeometry(volume, volume.length, blockSize, false);
     });
 }

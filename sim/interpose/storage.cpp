@@ -12,9 +12,11 @@ DWORD SetLength(HANDLE file, std::uint64_t length)
 {
     LARGE_INTEGER position = {};
     position.QuadPart = static_cast<LONGLONG>(length);
-    if (!SetFilePointerEx(file, position, nullptr, FILE_BEGIN) || !SetEndOfFile(file))
-        return GetLastError();
-    return 0;
+    if (SetFilePointerEx(file, position, nullptr, FILE_BEGIN) && SetEndOfFile(file))
+        return 0;
+    const DWORD code = GetLastError();
+    // No file can be that long: it stays as it is, and nothing can lie behind that length.
+    return code == ERROR_INVALID_PARAMETER ? 0 : code;
 }
 
 OVERLAPPED At(std::uint64_t offset)
@@ -37,10 +39,8 @@ DWORD FileStore::Open(const std::wstring& path, std::uint64_t length, std::uniqu
         // Where the file system needs to be asked for sparseness; where it does not, this fails and is no loss.
         DWORD bytes = 0;
         DeviceIoControl(file.get(), FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0, &bytes, nullptr);
-        // A volume may be longer than a file of this file system can be (16 TiB is usual). Then the file grows with what
-        // is written; behind its end there are zeros.
         const DWORD code = SetLength(file.get(), length);
-        if (code != 0 && code != ERROR_INVALID_PARAMETER)
+        if (code != 0)
             return code;
     }
     store.reset(new FileStore(std::move(file)));

@@ -13,10 +13,12 @@ namespace vtfltsim {
 // A sparse file of contents. Calls are serialised by the machine's lock.
 class FileStore final : public model::Store {
 public:
-    // Opens the file, or makes it with this length when length is not 0.
+    // Opens the file, or makes it with this length when length is not 0. A volume may be longer than a file of this
+    // file system can be (16 TiB is usual). Then the file grows with what is written; behind its end there are zeros.
     static DWORD Open(const std::wstring& path, std::uint64_t length, std::unique_ptr<FileStore>& store);
     model::Status ReadAt(std::uint64_t offset, std::uint8_t* data, std::uint32_t length) override;
     model::Status WriteAt(std::uint64_t offset, const std::uint8_t* data, std::uint32_t length) override;
+    // As far as a file can reach: see Open.
     DWORD Resize(std::uint64_t length);
     // Writes what the system still holds back to the disk.
     DWORD Flush();

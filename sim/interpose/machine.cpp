@@ -3,6 +3,7 @@
 
 #include <rpc.h>
 
+#include <cstddef>
 #include <cstring>
 #include <mutex>
 #include <shared_mutex>
@@ -13,6 +14,10 @@ namespace {
 
 constexpr DWORD PUBLISH_WAIT_MS = 20; // between looks at a machine that another process is just making
 constexpr int PUBLISH_TRIES = 100;
+
+constexpr wchar_t STATE_FILE[] = L"\\machine.bin";
+constexpr const wchar_t* FOLDERS[] = {L"\\volumes", L"\\snapshots", L"\\CBTDriver"};
+constexpr wchar_t NOTES[] = L"\\vtbackup"; // what vtbackup keeps of a machine, in its folder
 
 std::wstring FullPath(const std::wstring& path)
 {
@@ -25,6 +30,49 @@ std::wstring FullPath(const std::wstring& path)
     while (full.size() > 3 && full.back() == L'\\')
         full.pop_back();
     return full;
+}
+
+// Whether a state file that does not open is a machine's all the same: a damaged one, one of another version, or one
+// whose making was broken off.
+bool IsMachinesState(const std::wstring& path)
+{
+    std::unique_ptr<MappedFile> file;
+    std::uint32_t magic = 0;
+    if (MappedFile::Open(path, 0, file) != 0 || file->size() < sizeof(magic))
+        return false;
+    std::memcpy(&magic, file->data() + offsetof(model::MachineRecord, magic), sizeof(magic));
+    return magic == model::MACHINE_MAGIC || (magic == 0 && file->size() == sizeof(model::MachineRecord));
+}
+
+// Of a link to a folder elsewhere only the link is removed.
+DWORD RemoveFolder(const std::wstring& path)
+{
+    const DWORD attributes = GetFileAttributesW(path.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0)
+        return 0;
+    if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0)
+        return RemoveDirectoryW(path.c_str()) ? 0 : GetLastError();
+    return RemoveTree(path);
+}
+
+// The state file goes last: as long as it is there, what did not succeed can be tried again. Other files in the folder
+// are somebody's own; they stay, and the folder with them.
+DWORD RemoveMachine(const std::wstring& directory)
+{
+    DWORD code = RemoveFolder(directory + NOTES);
+    for (const wchar_t* folder : FOLDERS) {
+        const DWORD removed = RemoveFolder(directory + folder);
+        code = code == 0 ? removed : code;
+    }
+    if (code != 0)
+        return code;
+    const std::wstring state = directory + STATE_FILE;
+    SetFileAttributesW(state.c_str(), FILE_ATTRIBUTE_NORMAL);
+    if (!DeleteFileW(state.c_str()))
+        return GetLastError();
+    if (!RemoveDirectoryW(directory.c_str()) && GetLastError() != ERROR_DIR_NOT_EMPTY)
+        return GetLastError();
+    return 0;
 }
 
 } // namespace
@@ -67,7 +115,7 @@ Machine::~Machine() = default;
 DWORD Machine::OpenState(const std::wstring& directory, bool create)
 {
     m_directory = LongPath(directory);
-    const std::wstring path = m_directory + L"\\machine.bin";
+    const std::wstring path = m_directory + STATE_FILE;
     if (create) {
         DWORD code = MakeDirectory(m_directory);
         if (code != 0)
@@ -98,7 +146,7 @@ DWORD Machine::Create(const std::wstring& directory, std::shared_ptr<Machine>& m
     made->m_mutex = Handle(CreateMutexW(nullptr, FALSE, (L"VTFltSim." + made->m_id + L".Mutex").c_str()));
     if (!made->m_mutex)
         return GetLastError();
-    for (const wchar_t* folder : {L"\\volumes", L"\\snapshots", L"\\CBTDriver"}) {
+    for (const wchar_t* folder : FOLDERS) {
         code = MakeDirectory(made->m_directory + folder);
         if (code != 0)
             return code;
@@ -128,7 +176,7 @@ DWORD Machine::Open(const std::wstring& directory, std::shared_ptr<Machine>& mac
     const auto* magic = static_cast<volatile std::uint32_t*>(&record.magic);
     for (int i = 0; *magic == 0 && i < PUBLISH_TRIES; ++i)
         Sleep(PUBLISH_WAIT_MS);
-    if (*magic != model::MACHINE_MAGIC || record.version != model::MACHINE_VERSION)
+    if (*magic != model::MACHINE_MAGIC || record.version != model::MACHINE_VERSION || !model::HasSoundId(record))
         return ERROR_FILE_CORRUPT;
     opened->m_id = FromRecord(record.id);
     opened->m_mutex = Handle(CreateMutexW(nullptr, FALSE, (L"VTFltSim." + opened->m_id + L".Mutex").c_str()));
@@ -157,10 +205,10 @@ DWORD Machine::Destroy(const std::wstring& directory)
         const DWORD code = Open(directory, machine);
         if (code == 0)
             RegDeleteTreeW(HKEY_CURRENT_USER, (L"Software\\VTFltSim\\" + machine->m_id).c_str());
-        else if (code != ERROR_FILE_CORRUPT)
+        else if (code != ERROR_FILE_CORRUPT || !IsMachinesState(path + STATE_FILE))
             return code;
     }
-    return RemoveTree(path);
+    return RemoveMachine(path);
 }
 
 std::wstring Machine::VolumeDirectory(const std::wstring& guid) const

@@ -47,15 +47,58 @@ bool IsSoundSnapshot(const SnapshotRecord& snapshot)
     return snapshot.inUse == 0 || IsValidGeometry(snapshot.length, snapshot.blockSize);
 }
 
+bool IsIdUnit(char16_t c)
+{
+    return (c >= u'0' && c <= u'9') || (c >= u'a' && c <= u'f') || (c >= u'A' && c <= u'F') || c == u'-';
+}
+
+char16_t LowerUnit(char16_t c)
+{
+    return c >= u'A' && c <= u'Z' ? static_cast<char16_t>(c - u'A' + u'a') : c;
+}
+
+// Letters' case makes no difference, as for the folder that is named so.
+bool IsSameName(const VolumeRecord& a, const VolumeRecord& b)
+{
+    for (std::size_t i = 0; i < std::size(a.guid); ++i) {
+        if (LowerUnit(a.guid[i]) != LowerUnit(b.guid[i]))
+            return false;
+        if (a.guid[i] == u'\0')
+            break;
+    }
+    return true;
+}
+
+// No two records in use are the same.
+template <class Record, std::size_t N, class Same>
+bool AllDiffer(const Record (&table)[N], Same same)
+{
+    for (std::size_t i = 0; i < N; ++i) {
+        for (std::size_t j = 0; j < i && table[i].inUse != 0; ++j) {
+            if (table[j].inUse != 0 && same(table[i], table[j]))
+                return false;
+        }
+    }
+    return true;
+}
+
 } // namespace
+
+bool HasSoundId(const MachineRecord& machine)
+{
+    return std::all_of(machine.id, machine.id + ID_UNITS, IsIdUnit) && machine.id[ID_UNITS] == u'\0';
+}
 
 bool IsSound(const MachineRecord& machine)
 {
-    return machine.driver <= DriverState::Older &&
+    return HasSoundId(machine) && machine.driver <= DriverState::Older &&
            std::all_of(std::begin(machine.faults), std::end(machine.faults),
                        [](const FaultRecord& fault) { return fault.replyLength <= sizeof(fault.reply); }) &&
            std::all_of(std::begin(machine.volumes), std::end(machine.volumes), IsSoundVolume) &&
-           std::all_of(std::begin(machine.snapshots), std::end(machine.snapshots), IsSoundSnapshot);
+           std::all_of(std::begin(machine.snapshots), std::end(machine.snapshots), IsSoundSnapshot) &&
+           AllDiffer(machine.volumes, [](const auto& a, const auto& b) { return a.serial == b.serial; }) &&
+           AllDiffer(machine.volumes, IsSameName) &&
+           AllDiffer(machine.snapshots, [](const auto& a, const auto& b) { return a.number == b.number; });
 }
 
 void SwitchGeometry(VolumeRecord& volume, const Geometry& next)

@@ -15,6 +15,7 @@ inline constexpr std::uint32_t MAX_VOLUMES = 64;
 inline constexpr std::uint32_t MAX_SNAPSHOTS = 128;
 inline constexpr std::uint32_t MAX_FAULTS = 64;
 inline constexpr std::uint32_t MAX_COMMANDS = 64;
+inline constexpr std::uint32_t ID_UNITS = 36;
 inline constexpr std::uint32_t MOUNT_PATHS_UNITS = 1024;
 inline constexpr std::uint32_t FORGET_ALL = 0xFFFFFFFFu;
 
@@ -86,7 +87,7 @@ struct UtilityRecord {
 struct MachineRecord {
     std::uint32_t magic;
     std::uint32_t version;
-    char16_t id[40];            // names the machine's lock and registry
+    char16_t id[40];            // names the machine's lock and registry: ID_UNITS hexadecimal digits and dashes
     std::uint32_t tableVersion; // grows with every change of names, mounts, volumes
     DriverState driver;
     std::uint32_t installPending; // 1: the utility answered "restart": the driver works after it
@@ -121,8 +122,13 @@ inline constexpr std::uint32_t SnapshotEndpoint(std::uint32_t number)
 // A new machine with a working driver; id is set by the caller.
 void InitialiseMachine(MachineRecord& machine);
 
-// What a damaged file could hold is refused: every number that is used as a divisor or a size is in range,
-// and no volume's name leads out of its folder. Looks at the plain record only; texts are bounded where they are read.
+// The id is one that a machine can have. It never changes, so no lock is needed to look at it; and before that nobody
+// may use it: the registry below it is removed as a whole, and below an empty one lie those of all machines.
+bool HasSoundId(const MachineRecord& machine);
+
+// What a damaged file could hold is refused: every number that is used as a divisor or a size is in range, no volume's
+// name leads out of its folder, and no two volumes or snapshots would be taken for each other. Looks at the plain
+// record only; other texts are bounded where they are read.
 bool IsSound(const MachineRecord& machine);
 
 // Changes a volume's geometry in one step, as far as anybody can tell: a process that ends in the middle leaves

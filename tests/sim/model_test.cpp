@@ -6,9 +6,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <random>
+#include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -402,32 +406,89 @@ TEST_F(SimModelTest, AnInterruptedGeometrySwitchIsFinishedByWhoeverLooksNext)
     EXPECT_EQ(0u, m_volume.switching);
 }
 
-TEST_F(SimModelTest, ARecordThatWouldLeadAstrayIsNotSound)
-{
-    m_volume.guid[0] = u'{';
-    m_machine->volumes[3] = m_volume;
-    m_machine->snapshots[2].inUse = 1;
-    m_machine->snapshots[2].length = 4096;
-    m_machine->snapshots[2].blockSize = 512;
-    ASSERT_TRUE(IsSound(*m_machine));
-    const auto unsound = [this](auto damage) {
+class SimSoundTest : public SimModelTest {
+protected:
+    SimSoundTest()
+    {
+        SetId(u"01234567-89ab-cdef-ABCD-EF0123456789");
+        m_volume.guid[0] = u'{';
+        m_volume.serial = 4;
+        m_machine->volumes[3] = m_volume;
+        m_machine->snapshots[2].inUse = 1;
+        m_machine->snapshots[2].number = 7;
+        m_machine->snapshots[2].length = 4096;
+        m_machine->snapshots[2].blockSize = 512;
+        EXPECT_TRUE(IsSound(*m_machine));
+    }
+
+    void SetId(std::u16string_view id)
+    {
+        std::fill(std::begin(m_machine->id), std::end(m_machine->id), u'\0');
+        std::copy(id.begin(), id.end(), m_machine->id);
+    }
+    template <class Damage>
+    bool IsUnsound(Damage damage)
+    {
         MachineRecord& record = *m_machine;
         const auto before = std::make_unique<MachineRecord>(record);
         damage(record);
         const bool sound = IsSound(record);
         record = *before;
         return !sound;
+    }
+};
+
+TEST_F(SimSoundTest, AnIdThatIsNoMachinesIsNotSound)
+{
+    const std::u16string id = u"01234567-89ab-cdef-ABCD-EF0123456789";
+    const auto isSound = [this](const std::u16string& text) {
+        SetId(text);
+        EXPECT_EQ(HasSoundId(*m_machine), IsSound(*m_machine));
+        return HasSoundId(*m_machine);
     };
-    EXPECT_TRUE(unsound([](auto& m) { m.volumes[3].blockSize = 0; }));
-    EXPECT_TRUE(unsound([](auto& m) { m.volumes[3].length = 0; }));
-    EXPECT_TRUE(unsound([](auto& m) { m.volumes[3].switching = 1; })); // to a geometry of zeros
-    EXPECT_TRUE(unsound([](auto& m) { m.volumes[3].epoch = static_cast<Epoch>(3); }));
-    EXPECT_TRUE(unsound([](auto& m) { m.volumes[3].guid[0] = u'\0'; })); // its folder would be that of all volumes
-    EXPECT_TRUE(unsound([](auto& m) { m.volumes[3].guid[1] = u'\\'; }));
-    EXPECT_TRUE(unsound([](auto& m) { m.snapshots[2].blockSize = 1; }));
-    EXPECT_TRUE(unsound([](auto& m) { m.faults[0].replyLength = sizeof(m.faults[0].reply) + 1; }));
-    EXPECT_TRUE(unsound([](auto& m) { m.driver = static_cast<DriverState>(9); }));
-    EXPECT_FALSE(unsound([](auto& m) { m.volumes[4].length = 0; })); // not in use
+    EXPECT_TRUE(isSound(id));
+    EXPECT_FALSE(isSound(u"")); // the registry below it would be that of all machines
+    EXPECT_FALSE(isSound(id.substr(1)));
+    EXPECT_FALSE(isSound(id + u"0"));
+    EXPECT_FALSE(isSound(id.substr(1) + u"g"));
+    EXPECT_FALSE(isSound(id.substr(1) + u"\\"));
+    EXPECT_FALSE(isSound(id.substr(1) + u" "));
+    EXPECT_FALSE(isSound(std::u16string(40, u'a'))); // no end
+}
+
+TEST_F(SimSoundTest, TwoThatWouldBeTakenForEachOtherAreNotSound)
+{
+    m_machine->volumes[5] = m_volume;
+    m_machine->volumes[5].serial = 9;
+    m_machine->volumes[5].guid[1] = u'x';
+    m_machine->snapshots[90] = m_machine->snapshots[2];
+    m_machine->snapshots[90].number = 8;
+    ASSERT_TRUE(IsSound(*m_machine));
+    EXPECT_TRUE(IsUnsound([](auto& m) { m.volumes[5].serial = 4; }));
+    EXPECT_TRUE(IsUnsound([](auto& m) { m.volumes[5].guid[1] = u'\0'; }));
+    EXPECT_TRUE(IsUnsound([](auto& m) { m.volumes[3].guid[1] = u'X'; })); // one folder for both
+    EXPECT_TRUE(IsUnsound([](auto& m) { m.snapshots[90].number = 7; }));
+    EXPECT_FALSE(IsUnsound([](auto& m) { m.volumes[3].guid[2] = u'y'; })); // behind the end of the name
+    EXPECT_FALSE(IsUnsound([](auto& m) {
+        m.volumes[5].serial = 4;
+        m.volumes[5].inUse = 0;
+        m.snapshots[90].number = 7;
+        m.snapshots[90].inUse = 0;
+    }));
+}
+
+TEST_F(SimSoundTest, ARecordThatWouldLeadAstrayIsNotSound)
+{
+    EXPECT_TRUE(IsUnsound([](auto& m) { m.volumes[3].blockSize = 0; }));
+    EXPECT_TRUE(IsUnsound([](auto& m) { m.volumes[3].length = 0; }));
+    EXPECT_TRUE(IsUnsound([](auto& m) { m.volumes[3].switching = 1; })); // to a geometry of zeros
+    EXPECT_TRUE(IsUnsound([](auto& m) { m.volumes[3].epoch = static_cast<Epoch>(3); }));
+    EXPECT_TRUE(IsUnsound([](auto& m) { m.volumes[3].guid[0] = u'\0'; })); // its folder would be that of all volumes
+    EXPECT_TRUE(IsUnsound([](auto& m) { m.volumes[3].guid[1] = u'\\'; }));
+    EXPECT_TRUE(IsUnsound([](auto& m) { m.snapshots[2].blockSize = 1; }));
+    EXPECT_TRUE(IsUnsound([](auto& m) { m.faults[0].replyLength = sizeof(m.faults[0].reply) + 1; }));
+    EXPECT_TRUE(IsUnsound([](auto& m) { m.driver = static_cast<DriverState>(9); }));
+    EXPECT_FALSE(IsUnsound([](auto& m) { m.volumes[4].length = 0; })); // not in use
 }
 
 TEST_F(SimModelTest, AllocatedRangesAreTheChunksEverWritten)
@@ -537,18 +598,6 @@ TEST_F(SimModelTest, AFaultStrikesTheNthRequestsOfItsCodeAndEndpoint)
     auto strikes = [&](std::uint32_t code, std::uint32_t serial) {
         return StrikeFault(*m_machine, code, VolumeEndpoint(serial)) != nullptr;
     };
-    EXPECT_FALSE(strikes(GET_BITMAP, 1));
-    EXPECT_FALSE(strikes(GET_BITMAP, 2));
-    EXPECT_FALSE(strikes(GET_BLOCK_SIZE, 1));
-    EXPECT_TRUE(strikes(GET_BITMAP, 1));
-    EXPECT_TRUE(strikes(GET_BITMAP, 1));
-    EXPECT_FALSE(strikes(GET_BITMAP, 1));
-}
-
-TEST_F(SimModelTest, AForgedReplyStaysInsideTheBuffer)
-{
-    FaultRecord fault = {};
-    fault.forged = 1;
     fault.replyLength = 8;
     std::memset(fault.reply, 7, 8);
     Bytes output(4, 0);

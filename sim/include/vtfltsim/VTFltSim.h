@@ -57,7 +57,8 @@ typedef struct VTFltSimMachine* VTFLTSIM_MACHINE;
 
 /* Makes a new machine in a directory (made if missing; its parent must exist) and opens it. A new machine has
    a working driver, its service, no volumes, the volume class's UpperFilters "volsnap", "VTFlt", a snapshot
-   class key without filters, and InstallLocation. 183 when the directory holds a machine already. */
+   class key without filters, and InstallLocation. 183 when the directory holds a machine already. Other files in the
+   directory are left as they are. */
 VTFLTSIM_API DWORD WINAPI VTFltSimCreate(LPCWSTR directory, VTFLTSIM_MACHINE* machine);
 
 /* Opens an existing machine. 2 when the directory holds none, 1392 (ERROR_FILE_CORRUPT) when its state file is
@@ -67,7 +68,9 @@ VTFLTSIM_API DWORD WINAPI VTFltSimOpen(LPCWSTR directory, VTFLTSIM_MACHINE* mach
 /* Closes the caller's handle; the machine itself stays. An attached machine is detached first. */
 VTFLTSIM_API DWORD WINAPI VTFltSimClose(VTFLTSIM_MACHINE machine);
 
-/* Removes a machine, its directory and its registry. No process may have it open. */
+/* Removes a machine and its registry: in the directory machine.bin, volumes, snapshots, CBTDriver and vtbackup, the
+   notes of that program; and the directory itself when nothing else is in it. No process may have it open. Of a
+   damaged machine the registry stays. 1392, and nothing is removed, when machine.bin is not a machine's. */
 VTFLTSIM_API DWORD WINAPI VTFltSimDestroy(LPCWSTR directory);
 
 /* Restarts the machine: a driver that waited for a restart (utility result 3010, older generation) becomes

@@ -20,6 +20,7 @@ struct Slot {
 
 struct Module {
     HMODULE base = nullptr;
+    ImageMark mark; // of the image that the slots lie in
     std::vector<Slot> slots;
 };
 
@@ -73,9 +74,15 @@ bool IsLoadedAt(HMODULE base)
            found == base;
 }
 
+// Another image may have been loaded in the place of one that was freed, and end before the old one's slots.
+bool IsInPlace(const Module& module)
+{
+    return MarkOf(module.base) == module.mark;
+}
+
 void Restore(const Module& module)
 {
-    if (!IsLoadedAt(module.base))
+    if (!IsLoadedAt(module.base) || !IsInPlace(module))
         return;
     for (const auto& slot : module.slots) {
         if (*slot.place == slot.replacement)
@@ -85,7 +92,8 @@ void Restore(const Module& module)
 
 bool IsStillRedirected(const Module& module)
 {
-    return !module.slots.empty() && *module.slots.front().place == module.slots.front().replacement;
+    return IsInPlace(module) && !module.slots.empty() &&
+           *module.slots.front().place == module.slots.front().replacement;
 }
 
 } // namespace
@@ -110,7 +118,7 @@ DWORD AttachModule(const std::shared_ptr<Machine>& machine, HMODULE module)
         return plan;
     {
         const std::lock_guard guard(g_machineLock);
-        if (g_machine != nullptr && g_machine != machine && g_machine->id() != machine->id())
+        if (g_machine != nullptr && g_machine != machine && !g_machine->IsSameAs(*machine))
             return ERROR_BUSY;
         if (g_machine == nullptr)
             g_machine = machine;
@@ -125,6 +133,7 @@ DWORD AttachModule(const std::shared_ptr<Machine>& machine, HMODULE module)
     }
     Module entry;
     entry.base = module;
+    entry.mark = MarkOf(module);
     const bool done = Redirect(entry);
     if (!done) {
         const DWORD code = GetLastError();

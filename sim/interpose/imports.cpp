@@ -11,12 +11,18 @@ T* At(HMODULE base, DWORD offset)
     return reinterpret_cast<T*>(reinterpret_cast<BYTE*>(base) + offset);
 }
 
-const IMAGE_IMPORT_DESCRIPTOR* Imports(HMODULE base)
+const IMAGE_NT_HEADERS* Headers(HMODULE base)
 {
     const auto* dos = At<IMAGE_DOS_HEADER>(base, 0);
-    if (dos->e_magic != IMAGE_DOS_SIGNATURE)
+    return dos->e_magic == IMAGE_DOS_SIGNATURE ? At<IMAGE_NT_HEADERS>(base, static_cast<DWORD>(dos->e_lfanew))
+                                               : nullptr;
+}
+
+const IMAGE_IMPORT_DESCRIPTOR* Imports(HMODULE base)
+{
+    const auto* headers = Headers(base);
+    if (headers == nullptr)
         return nullptr;
-    const auto* headers = At<IMAGE_NT_HEADERS>(base, static_cast<DWORD>(dos->e_lfanew));
     const auto& directory = headers->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
     return directory.VirtualAddress != 0 ? At<IMAGE_IMPORT_DESCRIPTOR>(base, directory.VirtualAddress) : nullptr;
 }
@@ -39,6 +45,16 @@ bool ForEachImport(HMODULE module, const std::function<bool(const char* name, vo
         }
     }
     return true;
+}
+
+ImageMark MarkOf(HMODULE module)
+{
+    ImageMark mark;
+    if (const auto* headers = Headers(module)) {
+        mark.size = headers->OptionalHeader.SizeOfImage;
+        mark.time = headers->FileHeader.TimeDateStamp;
+    }
+    return mark;
 }
 
 const void* CallSite()

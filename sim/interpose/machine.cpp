@@ -197,6 +197,11 @@ DWORD Machine::Open(const std::wstring& directory, std::shared_ptr<Machine>& mac
     return 0;
 }
 
+bool Machine::IsSameAs(const Machine& other) const
+{
+    return m_id == other.m_id && (EqualNoCase(m_directory, other.m_directory) || m_state->IsSameFile(*other.m_state));
+}
+
 DWORD Machine::Destroy(const std::wstring& directory)
 {
     const std::wstring path = LongPath(directory);

@@ -54,7 +54,8 @@ public:
     ~Machine();
 
     const std::wstring& directory() const noexcept { return m_directory; }
-    const std::wstring& id() const noexcept { return m_id; }
+    // A copy of a machine's folder has the machine's id, and is another one all the same.
+    bool IsSameAs(const Machine& other) const;
 
     // --- Volumes. Results as in VTFltSim.h.
     DWORD AddVolume(const VTFLTSIM_VOLUME_CONFIG& config, std::wstring& guid);

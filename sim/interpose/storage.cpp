@@ -105,6 +105,15 @@ DWORD MappedFile::Open(const std::wstring& path, std::uint64_t size, std::unique
     return 0;
 }
 
+bool MappedFile::IsSameFile(const MappedFile& other) const
+{
+    BY_HANDLE_FILE_INFORMATION own = {};
+    BY_HANDLE_FILE_INFORMATION others = {};
+    return GetFileInformationByHandle(m_file.get(), &own) && GetFileInformationByHandle(other.m_file.get(), &others) &&
+           own.dwVolumeSerialNumber == others.dwVolumeSerialNumber && own.nFileIndexHigh == others.nFileIndexHigh &&
+           own.nFileIndexLow == others.nFileIndexLow;
+}
+
 MappedFile::~MappedFile()
 {
     if (m_view != nullptr)

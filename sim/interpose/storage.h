@@ -38,6 +38,8 @@ public:
     ~MappedFile();
     std::uint8_t* data() const noexcept { return m_view; }
     std::uint64_t size() const noexcept { return m_size; }
+    // However the two were reached.
+    bool IsSameFile(const MappedFile& other) const;
 
 private:
     MappedFile() = default;

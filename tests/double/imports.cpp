@@ -1,6 +1,7 @@
 // The imports of a module of the double: the slots through which it calls what other modules export.
 #include "interpose/imports.h"
 
+#include <algorithm>
 #include <cstring>
 #include <dlfcn.h>
 #include <link.h>
@@ -13,16 +14,20 @@ namespace {
 struct Search {
     ElfW(Addr) base;
     const ElfW(Dyn) * dynamic = nullptr;
+    ElfW(Addr) size = 0; // in memory
 };
 
-int FindDynamic(dl_phdr_info* info, std::size_t, void* data)
+int LookAtParts(dl_phdr_info* info, std::size_t, void* data)
 {
     auto& search = *static_cast<Search*>(data);
     if (info->dlpi_addr != search.base)
         return 0;
     for (ElfW(Half) i = 0; i < info->dlpi_phnum; ++i) {
-        if (info->dlpi_phdr[i].p_type == PT_DYNAMIC)
-            search.dynamic = reinterpret_cast<const ElfW(Dyn)*>(info->dlpi_addr + info->dlpi_phdr[i].p_vaddr);
+        const ElfW(Phdr)& part = info->dlpi_phdr[i];
+        if (part.p_type == PT_DYNAMIC)
+            search.dynamic = reinterpret_cast<const ElfW(Dyn)*>(info->dlpi_addr + part.p_vaddr);
+        if (part.p_type == PT_LOAD)
+            search.size = std::max(search.size, part.p_vaddr + part.p_memsz);
     }
     return 1;
 }
@@ -97,7 +102,7 @@ _Unwind_Reason_Code LookAt(_Unwind_Context* context, void* data)
 bool ForEachImport(HMODULE module, const std::function<bool(const char* name, void** place)>& visit)
 {
     Search search{reinterpret_cast<ElfW(Addr)>(module)};
-    dl_iterate_phdr(FindDynamic, &search);
+    dl_iterate_phdr(LookAtParts, &search);
     if (search.dynamic == nullptr)
         return true;
     const Tables tables = ReadTables(search.dynamic);
@@ -117,6 +122,15 @@ bool ForEachImport(HMODULE module, const std::function<bool(const char* name, vo
         }
     }
     return true;
+}
+
+ImageMark MarkOf(HMODULE module)
+{
+    Search search{reinterpret_cast<ElfW(Addr)>(module)};
+    dl_iterate_phdr(LookAtParts, &search);
+    ImageMark mark;
+    mark.size = search.size;
+    return mark;
 }
 
 const void* CallSite()

@@ -803,6 +803,72 @@ TEST_F(SimInterposeTest, AHugeVolumeCostsOnlyWhatIsWritten)
     ASSERT_EQ(sizeof(ranges[0]), returned);
     EXPECT_EQ(63ll << 30, ranges[0].FileOffset.QuadPart);
     EXPECT_EQ(2 * 65536, ranges[0].Length.QuadPart);
+// As much of an image as attaching looks at: its size, and one function that it imports, with the place of its address.
+void* volatile* WriteImage(BYTE* base, DWORD size, DWORD place)
+{
+    constexpr DWORD HEADERS = 0x80;
+    constexpr DWORD IMPORTS = 0x400;
+    constexpr DWORD THUNKS = 0x500;
+    constexpr DWORD NAME = 0x580;
+    std::memset(base, 0, 4096);
+    IMAGE_DOS_HEADER dos = {};
+    dos.e_magic = IMAGE_DOS_SIGNATURE;
+    dos.e_lfanew = HEADERS;
+    std::memcpy(base, &dos, sizeof(dos));
+    IMAGE_NT_HEADERS headers = {};
+    headers.OptionalHeader.SizeOfImage = size;
+    headers.OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress = IMPORTS;
+    std::memcpy(base + HEADERS, &headers, sizeof(headers));
+    IMAGE_IMPORT_DESCRIPTOR import = {};
+    import.OriginalFirstThunk = THUNKS;
+    import.Name = NAME;
+    import.FirstThunk = place;
+    std::memcpy(base + IMPORTS, &import, sizeof(import));
+    const ULONGLONG thunk = NAME;
+    std::memcpy(base + THUNKS, &thunk, sizeof(thunk));
+    std::memcpy(base + NAME + sizeof(WORD), "CreateMutexW", sizeof("CreateMutexW"));
+    void* const function = base; // any address but the replacement's
+    std::memcpy(base + place, &function, sizeof(function));
+    return reinterpret_cast<void* volatile*>(base + place);
+}
+
+TEST_F(SimInterposeTest, AnImageInThePlaceOfALongerOneIsAttachedAnew)
+{
+    BYTE* const base = static_cast<BYTE*>(VirtualAlloc(nullptr, 3 * 4096, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
+    ASSERT_NE(nullptr, base);
+    const auto module = reinterpret_cast<HMODULE>(base);
+    void* volatile* const longers = WriteImage(base, 3 * 4096, 2 * 4096);
+    EXPECT_EQ(0u, VTFltSimAttachModule(m_machine.handle(), module));
+    EXPECT_NE(static_cast<void*>(base), *longers);
+    EXPECT_EQ(0u, VTFltSimAttachModule(m_machine.handle(), module)); // twice is no error
+    // What lies behind the shorter one's end is none of its own.
+    void* volatile* const shorters = WriteImage(base, 4096, 0x700);
+    void* const redirected = *longers;
+    EXPECT_EQ(0u, VTFltSimAttachModule(m_machine.handle(), module));
+    EXPECT_EQ(redirected, *shorters);
+    EXPECT_EQ(0u, VTFltSimDetachModule(module));
+    EXPECT_TRUE(VirtualFree(base, 0, MEM_RELEASE));
+}
+
+TEST_F(SimInterposeTest, ACopyOfTheAttachedMachineIsAnotherOne)
+{
+    const std::wstring copy = m_machine.directory() + L"-copy";
+    ASSERT_TRUE(CreateDirectoryW(copy.c_str(), nullptr));
+    ASSERT_TRUE(CopyFileW((m_machine.directory() + L"\\machine.bin").c_str(), (copy + L"\\machine.bin").c_str(), TRUE));
+    VTFLTSIM_MACHINE copied = nullptr;
+    ASSERT_EQ(0u, VTFltSimOpen(copy.c_str(), &copied));
+    EXPECT_EQ(170u, VTFltSimAttachModule(copied, nullptr));
+    EXPECT_EQ(0u, VTFltSimClose(copied));
+    EXPECT_TRUE(DeleteFileW((copy + L"\\machine.bin").c_str()));
+    EXPECT_TRUE(RemoveDirectoryW(copy.c_str()));
+
+    // The machine itself by another path: without its long name, and with a way back in it.
+    WCHAR brief[MAX_PATH] = {};
+    ASSERT_NE(0u, GetShortPathNameW(m_machine.directory().c_str(), brief, MAX_PATH));
+    SimMachine same(std::wstring(brief) + L"\\volumes\\..");
+    EXPECT_EQ(0u, VTFltSimAttachModule(same.handle(), nullptr));
+}
+
     CloseHandle(handle);
     EXPECT_EQ(2u, m_machine.Info(huge).allocatedChunks);
     EXPECT_EQ(2u, m_machine.Info(huge).currentBlocks);

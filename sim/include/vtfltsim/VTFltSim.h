@@ -240,7 +240,8 @@ VTFLTSIM_API DWORD WINAPI VTFltSimClearFaults(VTFLTSIM_MACHINE machine);
 /* ==== In this process: attaching ======================================================================= */
 
 /* Redirects the imports of a loaded module (NULL: the program itself) to this machine. A process serves one
-   machine at a time: 170 (ERROR_BUSY) when it is attached to another. Attaching a module twice is no error.
+   machine at a time: 170 (ERROR_BUSY) when it is attached to another, which a copy of its directory is, too.
+   Attaching a module twice is no error.
    Only imports bound by the loader are redirected, not addresses from GetProcAddress; the call of GetProcAddress itself
    is, so that it can give another function's address. */
 VTFLTSIM_API DWORD WINAPI VTFltSimAttachModule(VTFLTSIM_MACHINE machine, HMODULE module);

@@ -270,6 +270,8 @@ DWORD WINAPI VTFltSimSetEnumerationName(VTFLTSIM_MACHINE machine, LPCWSTR volume
 
 DWORD WINAPI VTFltSimSetEnumerationFault(VTFLTSIM_MACHINE machine, DWORD step, DWORD error)
 {
+    if (step != 0 && error == 0)
+        return ERROR_INVALID_PARAMETER;
     return WithMachine(machine, [&](Machine& m) -> DWORD {
         m.Change([&](model::MachineRecord& record) {
             record.enumerationStep = step;

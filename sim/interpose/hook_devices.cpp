@@ -35,11 +35,11 @@ BOOL Finish(DWORD code)
 }
 
 // Simulated requests are complete at once; a caller who passed an OVERLAPPED finds that there, too.
-void CompleteOverlapped(OVERLAPPED* overlapped, DWORD code, DWORD bytes)
+void CompleteOverlapped(OVERLAPPED* overlapped, bool done, DWORD bytes)
 {
     if (overlapped == nullptr)
         return;
-    overlapped->Internal = code == 0 ? 0 : 0xC0000001;
+    overlapped->Internal = done ? 0 : 0xC0000001;
     overlapped->InternalHigh = bytes;
     if (overlapped->hEvent != nullptr)
         SetEvent(reinterpret_cast<HANDLE>(reinterpret_cast<ULONG_PTR>(overlapped->hEvent) & ~ULONG_PTR{1}));
@@ -166,7 +166,7 @@ BOOL ReadDevice(DeviceObject& device, void* data, DWORD length, DWORD* moved, OV
         if (moved != nullptr)
             *moved = plan.length;
     }
-    CompleteOverlapped(overlapped, plan.code, plan.code == 0 ? plan.length : 0);
+    CompleteOverlapped(overlapped, plan.code == 0, plan.code == 0 ? plan.length : 0);
     return Finish(plan.code);
 }
 
@@ -184,7 +184,7 @@ BOOL WriteDevice(DeviceObject& device, const void* data, DWORD length, DWORD* mo
         if (moved != nullptr)
             *moved = length;
     }
-    CompleteOverlapped(overlapped, plan.code, plan.code == 0 ? length : 0);
+    CompleteOverlapped(overlapped, plan.code == 0, plan.code == 0 ? length : 0);
     return Finish(plan.code);
 }
 
@@ -364,7 +364,8 @@ BOOL AskDevice(DeviceObject& device, const model::Request& request, DWORD* retur
         reply = device.machine->Ask(device.endpoint, request);
     if (returned != nullptr)
         *returned = reply.bytes;
-    CompleteOverlapped(overlapped, reply.status, reply.bytes);
+    const bool done = reply.status == 0 && !reply.failed;
+    CompleteOverlapped(overlapped, done, reply.bytes);
     if (calls::g_recording.load()) {
         VTFLTSIM_REQUEST record = {};
         record.size = sizeof(record);
@@ -381,7 +382,9 @@ BOOL AskDevice(DeviceObject& device, const model::Request& request, DWORD* retur
                         std::min<std::size_t>(request.outputLength, sizeof(record.output)));
         calls::RecordRequest(record);
     }
-    return Finish(reply.status);
+    if (!done)
+        SetLastError(reply.status);
+    return done;
 }
 
 BOOL WINAPI SimDeviceIoControl(HANDLE device, DWORD code, LPVOID input, DWORD inputLength, LPVOID output,

@@ -17,6 +17,7 @@ Reply Fail(Status status)
 {
     Reply reply;
     reply.status = status;
+    reply.failed = true;
     return reply;
 }
 
@@ -310,6 +311,9 @@ Reply AnswerSnapshot(const MachineRecord& machine, const SnapshotRecord& snapsho
 
 Reply AnswerProbe(const MachineRecord& machine, const Request& request)
 {
+    // The device behind a handle from before is no longer there; 1 would be the older generation's answer.
+    if (machine.driver == DriverState::Absent)
+        return Fail(DEV_NOT_EXIST);
     if (request.code != GET_BLOCK_SIZE || machine.driver != DriverState::Working)
         return Fail(INVALID_FUNCTION);
     return AnswerNumber(request, CONTROL_BLOCK_SIZE);

@@ -14,6 +14,7 @@ inline constexpr Status FILE_NOT_FOUND = 2;
 inline constexpr Status NOT_READY = 21;
 inline constexpr Status SECTOR_NOT_FOUND = 27;
 inline constexpr Status HANDLE_EOF = 38;
+inline constexpr Status DEV_NOT_EXIST = 55;
 inline constexpr Status INVALID_PARAMETER = 87;
 inline constexpr Status INSUFFICIENT_BUFFER = 122;
 inline constexpr Status MORE_DATA = 234;
@@ -79,6 +80,7 @@ struct Request {
 struct Reply {
     Status status = OK;
     std::uint32_t bytes = 0;
+    bool failed = false; // with a status of 0: a failure that does not say why
 };
 
 } // namespace vtfltsim::model

@@ -128,6 +128,8 @@ TEST_F(SimInterposeTest, TheControlDeviceOpensWhileThereIsADriver)
     ASSERT_NE(INVALID_HANDLE_VALUE, control);
     DWORD size = 0;
     EXPECT_EQ(1u, Control(control, GET_BLOCK_SIZE, &size, 4));
+    m_machine.SetDriver(VTFLTSIM_DRIVER_ABSENT);
+    EXPECT_EQ(55u, Control(control, GET_BLOCK_SIZE, &size, 4)); // a handle from before
     CloseHandle(control);
 }
 
@@ -341,6 +343,17 @@ TEST_F(SimInterposeTest, TheWalkFailsAtThePlannedStep)
     EXPECT_FALSE(FindNextVolumeW(search, name, 260));
     EXPECT_EQ(21u, GetLastError());
     EXPECT_TRUE(FindVolumeClose(search));
+}
+
+TEST_F(SimInterposeTest, AWalkCannotFailWithoutAnError)
+{
+    EXPECT_EQ(87u, VTFltSimSetEnumerationFault(m_machine.handle(), 1, 0));
+    WCHAR name[260] = {};
+    const HANDLE search = FindFirstVolumeW(name, 260);
+    ASSERT_NE(INVALID_HANDLE_VALUE, search);
+    EXPECT_TRUE(m_volume.Root() == name);
+    EXPECT_TRUE(FindVolumeClose(search));
+    EXPECT_EQ(0u, VTFltSimSetEnumerationFault(m_machine.handle(), 0, 0));
 }
 
 TEST_F(SimInterposeTest, MountPathsAnswerTheLengthTheyNeed)
@@ -607,19 +620,6 @@ TEST_F(SimInterposeTest, TheUtilityFailsHangsOrWantsARestartAsSet)
     DWORD state = 0;
     VTFltSimGetDriverState(m_machine.handle(), &state);
     EXPECT_EQ(VTFLTSIM_DRIVER_ABSENT, state);
-    const HANDLE handle = Open(m_volume.Path());
-    m_machine.FailRequest(GET_BLOCK_SIZE, 1117, m_volume.guid.c_str(), 2);
-    DWORD size = 0;
-    EXPECT_EQ(0u, Control(handle, GET_BLOCK_SIZE, &size, 4));
-    EXPECT_EQ(1117u, Control(handle, GET_BLOCK_SIZE, &size, 4));
-    EXPECT_EQ(0u, Control(handle, GET_BLOCK_SIZE, &size, 4));
-    const DWORD zero = 0;
-    ASSERT_EQ(0u, VTFltSimForgeReply(m_machine.handle(), GET_BLOCK_SIZE, nullptr, 1, 1, &zero, 4));
-    EXPECT_EQ(0u, Control(handle, GET_BLOCK_SIZE, &size, 4));
-    EXPECT_EQ(0u, size);
-    CloseHandle(handle);
-}
-
     ASSERT_EQ(0u, VTFltSimReboot(m_machine.handle()));
     VTFltSimGetDriverState(m_machine.handle(), &state);
     EXPECT_EQ(VTFLTSIM_DRIVER_WORKING, state);
@@ -646,8 +646,22 @@ TEST_F(SimInterposeTest, ARequestFaultStrikesOnceAndAForgedReplyIsBelieved)
     CloseHandle(handle);
 }
 
-TEST_F(SimInterposeTest, ARequestFaultStrikesOnceAndAForgedReplyIsBelieved)
+TEST_F(SimInterposeTest, ARequestCanFailWithoutAnError)
 {
+    const HANDLE handle = Open(m_volume.Path());
+    m_machine.FailRequest(GET_BLOCK_SIZE, 0);
+    DWORD size = 5;
+    DWORD bytes = 9;
+    SetLastError(77);
+    EXPECT_FALSE(DeviceIoControl(handle, GET_BLOCK_SIZE, nullptr, 0, &size, 4, &bytes, nullptr));
+    EXPECT_EQ(0u, GetLastError());
+    EXPECT_EQ(5u, size);
+    EXPECT_EQ(0u, bytes);
+    EXPECT_TRUE(DeviceIoControl(handle, GET_BLOCK_SIZE, nullptr, 0, &size, 4, &bytes, nullptr));
+    EXPECT_EQ(4096u, size);
+    CloseHandle(handle);
+}
+
 TEST_F(SimInterposeTest, ACallFailsWhereItsTextMatches)
 {
     FailCall(L"CreateMutexW", 5, L".Mutex", 2);
@@ -789,20 +803,6 @@ TEST_F(SimInterposeTest, DetachingGivesTheImportsBack)
     EXPECT_EQ(1u, VTFltSimGetCallCount(L"CreateFileW"));
 }
 
-TEST_F(SimInterposeTest, AHugeVolumeCostsOnlyWhatIsWritten)
-{
-    const Volume huge = m_machine.AddVolume(64ull << 30, 65536);
-    m_machine.Write(huge, (63ull << 30) + 12345, Bytes(100000, 7));
-    const HANDLE handle = Open(huge.Path());
-    FILE_ALLOCATED_RANGE_BUFFER wanted = {};
-    wanted.Length.QuadPart = 64ll << 30;
-    FILE_ALLOCATED_RANGE_BUFFER ranges[4] = {};
-    DWORD returned = 0;
-    EXPECT_EQ(
-        0u, Control(handle, FSCTL_QUERY_ALLOCATED_RANGES, ranges, sizeof(ranges), &wanted, sizeof(wanted), &returned));
-    ASSERT_EQ(sizeof(ranges[0]), returned);
-    EXPECT_EQ(63ll << 30, ranges[0].FileOffset.QuadPart);
-    EXPECT_EQ(2 * 65536, ranges[0].Length.QuadPart);
 // As much of an image as attaching looks at: its size, and one function that it imports, with the place of its address.
 void* volatile* WriteImage(BYTE* base, DWORD size, DWORD place)
 {
@@ -869,6 +869,20 @@ TEST_F(SimInterposeTest, ACopyOfTheAttachedMachineIsAnotherOne)
     EXPECT_EQ(0u, VTFltSimAttachModule(same.handle(), nullptr));
 }
 
+TEST_F(SimInterposeTest, AHugeVolumeCostsOnlyWhatIsWritten)
+{
+    const Volume huge = m_machine.AddVolume(64ull << 30, 65536);
+    m_machine.Write(huge, (63ull << 30) + 12345, Bytes(100000, 7));
+    const HANDLE handle = Open(huge.Path());
+    FILE_ALLOCATED_RANGE_BUFFER wanted = {};
+    wanted.Length.QuadPart = 64ll << 30;
+    FILE_ALLOCATED_RANGE_BUFFER ranges[4] = {};
+    DWORD returned = 0;
+    EXPECT_EQ(
+        0u, Control(handle, FSCTL_QUERY_ALLOCATED_RANGES, ranges, sizeof(ranges), &wanted, sizeof(wanted), &returned));
+    ASSERT_EQ(sizeof(ranges[0]), returned);
+    EXPECT_EQ(63ll << 30, ranges[0].FileOffset.QuadPart);
+    EXPECT_EQ(2 * 65536, ranges[0].Length.QuadPart);
     CloseHandle(handle);
     EXPECT_EQ(2u, m_machine.Info(huge).allocatedChunks);
     EXPECT_EQ(2u, m_machine.Info(huge).currentBlocks);

@@ -360,6 +360,18 @@ TEST_F(SimModelTest, TheOlderDriverFailsOnlyTheProbe)
     EXPECT_EQ((Blocks{1}), Fetch());
 }
 
+TEST_F(SimModelTest, TheProbeFindsTheDeviceOfAnAbsentDriverGone)
+{
+    Request probe;
+    Bytes output(4, 0xEE);
+    probe.code = GET_BLOCK_SIZE;
+    probe.output = output.data();
+    probe.outputLength = 4;
+    m_machine->driver = DriverState::Absent;
+    EXPECT_EQ(55u, AnswerProbe(*m_machine, probe).status); // 1 is the older generation's answer
+    EXPECT_EQ(Bytes(4, 0xEE), output);
+}
+
 TEST_F(SimModelTest, ABlockSizeChangeIsCheckedAndHandedOn)
 {
     const Bytes good = {0x00, 0x02, 0x00, 0x00};
@@ -598,6 +610,30 @@ TEST_F(SimModelTest, AFaultStrikesTheNthRequestsOfItsCodeAndEndpoint)
     auto strikes = [&](std::uint32_t code, std::uint32_t serial) {
         return StrikeFault(*m_machine, code, VolumeEndpoint(serial)) != nullptr;
     };
+    EXPECT_FALSE(strikes(GET_BITMAP, 1));
+    EXPECT_FALSE(strikes(GET_BITMAP, 2));
+    EXPECT_FALSE(strikes(GET_BLOCK_SIZE, 1));
+    EXPECT_TRUE(strikes(GET_BITMAP, 1));
+    EXPECT_TRUE(strikes(GET_BITMAP, 1));
+    EXPECT_FALSE(strikes(GET_BITMAP, 1));
+}
+
+TEST_F(SimModelTest, AFaultWithoutAnErrorIsAFailureAllTheSame)
+{
+    const FaultRecord fault = {};
+    const Request request;
+    const Reply reply = ForgedReply(fault, request);
+    EXPECT_TRUE(reply.failed);
+    EXPECT_EQ(OK, reply.status);
+    FaultRecord forged = {};
+    forged.forged = 1;
+    EXPECT_FALSE(ForgedReply(forged, request).failed);
+}
+
+TEST_F(SimModelTest, AForgedReplyStaysInsideTheBuffer)
+{
+    FaultRecord fault = {};
+    fault.forged = 1;
     fault.replyLength = 8;
     std::memset(fault.reply, 7, 8);
     Bytes output(4, 0);

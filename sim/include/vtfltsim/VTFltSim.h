@@ -74,8 +74,8 @@ VTFLTSIM_API DWORD WINAPI VTFltSimClose(VTFLTSIM_MACHINE machine);
 VTFLTSIM_API DWORD WINAPI VTFltSimDestroy(LPCWSTR directory);
 
 /* Restarts the machine: a driver that waited for a restart (utility result 3010, older generation) becomes
-   the working one, snapshots are gone, no snapshot is prepared. Change bits survive, as a clean shutdown
-   keeps them. */
+   the working one, and VTFlt stands behind volsnap again; snapshots are gone, no snapshot is prepared. Change bits
+   survive, as a clean shutdown keeps them. */
 VTFLTSIM_API DWORD WINAPI VTFltSimReboot(VTFLTSIM_MACHINE machine);
 
 /* ==== Volumes ========================================================================================== */
@@ -142,7 +142,7 @@ VTFLTSIM_API DWORD WINAPI VTFltSimSetMountPaths(VTFLTSIM_MACHINE machine, LPCWST
 /* The name that volume enumeration gives for the volume, malformed as it may be; NULL: the right one. */
 VTFLTSIM_API DWORD WINAPI VTFltSimSetEnumerationName(VTFLTSIM_MACHINE machine, LPCWSTR volume, LPCWSTR name);
 /* The n-th step of every volume enumeration fails with this error: 1 is FindFirstVolumeW, 2 the first
-   FindNextVolumeW. Step 0 ends the fault. */
+   FindNextVolumeW. Step 0 ends the fault. 87 for another step and error 0: a walk always says why it fails. */
 VTFLTSIM_API DWORD WINAPI VTFltSimSetEnumerationFault(VTFLTSIM_MACHINE machine, DWORD step, DWORD error);
 
 #define VTFLTSIM_BITS_CURRENT 0u
@@ -186,12 +186,14 @@ VTFLTSIM_API DWORD WINAPI VTFltSimReadSnapshot(VTFLTSIM_MACHINE machine, DWORD n
 #define VTFLTSIM_DRIVER_WORKING 0u
 #define VTFLTSIM_DRIVER_ABSENT 1u /* no control device, requests fail with 1, writes are not seen */
 #define VTFLTSIM_DRIVER_OLDER 2u  /* answers requests on volumes, fails the probe on the control device with 1 */
-/* A driver that comes back lists every volume that was written while it was away for resync, before it answers. */
+/* A driver that comes back lists every volume that was written while it was away for resync, before it answers. While
+   it is away, the probe on a control device that was opened before fails with 55. */
 VTFLTSIM_API DWORD WINAPI VTFltSimSetDriverState(VTFLTSIM_MACHINE machine, DWORD state);
 VTFLTSIM_API DWORD WINAPI VTFltSimGetDriverState(VTFLTSIM_MACHINE machine, DWORD* state);
 
 /* Sets UpperFilters of a device class (NULL: the volume class) to a double-NUL-ended list; filters NULL
-   removes the value. */
+   removes the value. Those of the volume class are there to be read: what the driver watches does not depend on
+   them. */
 VTFLTSIM_API DWORD WINAPI VTFltSimSetUpperFilters(VTFLTSIM_MACHINE machine, LPCWSTR classKeyPath, LPCWSTR filters);
 
 /* Opens or makes a key of the machine's HKEY_LOCAL_MACHINE with the real registry functions; the caller closes
@@ -227,8 +229,9 @@ VTFLTSIM_API DWORD WINAPI VTFltSimGetUtilityCommand(VTFLTSIM_MACHINE machine, DW
 #define VTFLTSIM_ENDPOINT_CONTROL L"\\\\.\\VTFltMgr"
 
 /* The nth (from 1) request of this code from now on, and the count - 1 requests after it (count 0: all after
-   it), fail with this error and do nothing. endpoint: a volume, a snapshot's device path, the control device,
-   or any. Requests of every process count. code may be IOCTL_DISK_GET_LENGTH_INFO. */
+   it), fail with this error and do nothing; error 0: DeviceIoControl gives FALSE and the last error is 0. endpoint: a
+   volume, a snapshot's device path, the control device, or any. Requests of every process count. code may be
+   IOCTL_DISK_GET_LENGTH_INFO. */
 VTFLTSIM_API DWORD WINAPI VTFltSimFailRequest(VTFLTSIM_MACHINE machine, DWORD code, LPCWSTR endpoint, DWORD nth,
                                               DWORD count, DWORD error);
 /* The same requests succeed with this reply (up to 1024 bytes) instead of the driver's own: a block size of 0, say. */
@@ -291,7 +294,8 @@ typedef struct VTFLTSIM_CALL_FAULT {
 
 /* Adds a fault. 127 (ERROR_PROC_NOT_FOUND) for a function that is not redirected. The function L"*" stands for every
    redirected function, but for those that allocate memory; a fault for it that refuses does not refuse to close or
-   release what is held. */
+   release what is held. A fault of malloc and its kin strikes the modules that import the same function as the one
+   that was attached first: those of one C run-time. */
 VTFLTSIM_API DWORD WINAPI VTFltSimSetCallFault(const VTFLTSIM_CALL_FAULT* fault);
 /* The plain case: the nth matching call and the count - 1 after it fail with error. */
 VTFLTSIM_API DWORD WINAPI VTFltSimFailCall(LPCWSTR function, LPCWSTR match, DWORD nth, DWORD count, DWORD error);

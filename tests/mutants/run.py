@@ -29,6 +29,10 @@ class Failure(Exception):
     """Something is wrong with an entry, the build or the unchanged tree: nothing can be said of the tests then."""
 
 
+class NoTest(Exception):
+    """A program of tests failed, and no test of it did: what there is to notice, no test has noticed."""
+
+
 class Mutant:
     def __init__(self, name, source):
         self.name = name
@@ -186,8 +190,17 @@ def target_of(name):
     return module + ".p0000" if host == "double" and module else name
 
 
+def running_test(output):
+    """The test that had begun and not ended when the output did, or None."""
+    # What a test prints may stand in front of the framework's own lines.
+    lines = re.findall(r"\[ +(RUN|OK|FAILED|SKIPPED) +\] (\w\S*\.\S+)", output)
+    return lines[-1][1] if lines and lines[-1][0] == "RUN" else None
+
+
 def run_tests(program, names, limit, under=()):
-    """Runs tests up to the first that fails. Returns (name of the failed test or None, number of tests that ran)."""
+    """Runs tests up to the first that fails. Returns (name of the failed test or None, number of tests that ran).
+
+    A test also fails when the program ends in it, or does not end; with no test running, that is a NoTest."""
     try:
         done = subprocess.run([*under, *program.arguments(names)], cwd=program.folder, stdin=subprocess.DEVNULL,
                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=limit)
@@ -195,15 +208,25 @@ def run_tests(program, names, limit, under=()):
     except subprocess.TimeoutExpired as late:
         output, code = (late.stdout or b"").decode(errors="replace"), None
     (WORK / "last-run.log").write_text(output)
-    # What a test prints may stand in front of the framework's own lines.
     started = re.findall(r"\[ RUN      \] (\S+)", output)
     failed = re.findall(r"\[  FAILED  \] (\S+\.\S+)", output)
     if code == 0:
         return None, len(started)
     if failed:
         return failed[0].rstrip(","), len(started)
-    where = started[-1] if started else "the program's start"
-    return where + (" (does not end)" if code is None else " (ends the program)"), len(started)
+    how = "does not end" if code is None else "ends the program"
+    running = running_test(output)
+    if running:
+        return f"{running} ({how})", len(started)
+    where = f"behind {started[-1]}" if started else "before the first test"
+    raise NoTest(f"{program.target.removesuffix('.p0000')} {how} {where}")
+
+
+def run_unchanged(program, names, under=()):
+    try:
+        return run_tests(program, names, WHOLE_LIMIT_SECONDS, under)
+    except NoTest as ended:
+        return str(ended), 0
 
 
 class Session:
@@ -236,7 +259,7 @@ class Session:
         for (preset, under, name), filters in sorted(wanted.items()):
             # Each filter by itself must select something; run together they take one start of the program.
             selected = ":".join(sorted(filters))
-            failed, count = run_tests(self.programs[preset][name], selected, WHOLE_LIMIT_SECONDS, under)
+            failed, count = run_unchanged(self.programs[preset][name], selected, under)
             if failed:
                 raise Failure(f"without any mistake {name} fails: {failed} ({WORK / 'last-run.log'})")
             ran = re.findall(r"\[ RUN      \] (\S+)", (WORK / "last-run.log").read_text())
@@ -251,7 +274,7 @@ class Session:
         if not build("native", [], WORK / "build.log"):
             raise Failure(f"the unchanged tree does not build: {WORK / 'build.log'}")
         for name, program in list_programs("native").items():
-            failed, _ = run_tests(program, None, WHOLE_LIMIT_SECONDS)
+            failed, _ = run_unchanged(program, None)
             if failed:
                 raise Failure(f"without any mistake {name} fails: {failed}")
         self.is_whole_suite_good = True
@@ -259,22 +282,33 @@ class Session:
     def catch(self, mutant):
         """The name of the test that notices, or None. The mistake is in the tree."""
         log = WORK / "build.log"
+        without_test = None
+
+        def failed_test(program, names, limit, under=()):
+            nonlocal without_test
+            try:
+                return run_tests(program, names, limit, under)[0]
+            except NoTest as ended:
+                without_test = without_test or ended
+                return None
+
         for name, names in mutant.likely:
             program = self.program(mutant, name)
             if not build(mutant.preset, {program.target}, log):
                 mutant.fail(f"the changed tree does not build: {log}")
-            failed, _ = run_tests(program, names, LIKELY_LIMIT_SECONDS, mutant.under)
+            failed = failed_test(program, names, LIKELY_LIMIT_SECONDS, mutant.under)
             if failed:
                 return failed
-        if self.only_likely:
-            return None
-        configure("native")
-        if not build("native", [], log):
-            mutant.fail(f"the changed tree does not build: {log}")
-        for name, program in list_programs("native").items():
-            failed, _ = run_tests(program, None, WHOLE_LIMIT_SECONDS)
-            if failed:
-                return f"{failed} in {name}, not by the likely tests"
+        if not self.only_likely:
+            configure("native")
+            if not build("native", [], log):
+                mutant.fail(f"the changed tree does not build: {log}")
+            for name, program in list_programs("native").items():
+                failed = failed_test(program, None, WHOLE_LIMIT_SECONDS)
+                if failed:
+                    return f"{failed} in {name}, not by the likely tests"
+        if without_test:
+            raise without_test
         return None
 
     def try_mutant(self, mutant):
@@ -339,22 +373,28 @@ def main():
         session.prepare(preset, {name for mutant in mutants if mutant.preset == preset for name, _ in mutant.likely})
     session.control(mutants)
 
-    survivors, start = [], time.monotonic()
+    not_caught, start = [], time.monotonic()
     results = open(WORK / "results.txt", "w")
     for number, mutant in enumerate(mutants, 1):
-        caught = session.try_mutant(mutant)
+        which = "likely" if arguments.likely else "native"
+        caught, verdict = None, f"SURVIVES: no {which} test notices it"
+        try:
+            caught = session.try_mutant(mutant)
+        except NoTest as ended:
+            verdict = f"NOT NOTICED BY A TEST: {ended}"
+        if caught:
+            verdict = f"caught by {caught}"
         used = time.monotonic() - start
         left = used / number * (len(mutants) - number)
-        which = "likely" if arguments.likely else "native"
-        verdict = f"caught by {caught}" if caught else f"SURVIVES: no {which} test notices it"
         print(f"[{number}/{len(mutants)}] {mutant.name}: {verdict}; about {minutes(left)} left", flush=True)
-        print(f"{mutant.name}\t{caught or 'SURVIVES'}", file=results, flush=True)
+        print(f"{mutant.name}\t{caught or verdict.partition(':')[0]}", file=results, flush=True)
         if caught is None:
-            survivors.append(mutant.name)
-    print(f"==> {len(mutants) - len(survivors)} of {len(mutants)} mistakes caught in {minutes(time.monotonic() - start)}")
-    if survivors:
-        print("==> not caught: " + " ".join(survivors))
-    return 1 if survivors else 0
+            not_caught.append(mutant.name)
+    caught_count = len(mutants) - len(not_caught)
+    print(f"==> {caught_count} of {len(mutants)} mistakes caught in {minutes(time.monotonic() - start)}")
+    if not_caught:
+        print("==> not caught: " + " ".join(not_caught))
+    return 1 if not_caught else 0
 
 
 if __name__ == "__main__":

@@ -356,6 +356,7 @@ BOOL WINAPI SimFlushFileBuffers(HANDLE file)
 
 BOOL AskDevice(DeviceObject& device, const model::Request& request, DWORD* returned, OVERLAPPED* overlapped)
 {
+    const DWORD lastError = GetLastError();
     model::Reply reply;
     // As the code itself says: reading access is needed for the length, any for the driver's codes.
     if (request.code == model::DISK_GET_LENGTH_INFO && (device.access & GENERIC_READ) == 0)
@@ -383,7 +384,7 @@ BOOL AskDevice(DeviceObject& device, const model::Request& request, DWORD* retur
         calls::RecordRequest(record);
     }
     if (!done)
-        SetLastError(reply.status);
+        SetLastError(reply.status != 0 ? reply.status : lastError);
     return done;
 }
 

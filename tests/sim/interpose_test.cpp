@@ -654,7 +654,7 @@ TEST_F(SimInterposeTest, ARequestCanFailWithoutAnError)
     DWORD bytes = 9;
     SetLastError(77);
     EXPECT_FALSE(DeviceIoControl(handle, GET_BLOCK_SIZE, nullptr, 0, &size, 4, &bytes, nullptr));
-    EXPECT_EQ(0u, GetLastError());
+    EXPECT_EQ(77u, GetLastError()); // nothing was said
     EXPECT_EQ(5u, size);
     EXPECT_EQ(0u, bytes);
     EXPECT_TRUE(DeviceIoControl(handle, GET_BLOCK_SIZE, nullptr, 0, &size, 4, &bytes, nullptr));

@@ -229,8 +229,8 @@ VTFLTSIM_API DWORD WINAPI VTFltSimGetUtilityCommand(VTFLTSIM_MACHINE machine, DW
 #define VTFLTSIM_ENDPOINT_CONTROL L"\\\\.\\VTFltMgr"
 
 /* The nth (from 1) request of this code from now on, and the count - 1 requests after it (count 0: all after
-   it), fail with this error and do nothing; error 0: DeviceIoControl gives FALSE and the last error is 0. endpoint: a
-   volume, a snapshot's device path, the control device, or any. Requests of every process count. code may be
+   it), fail with this error and do nothing; error 0: DeviceIoControl gives FALSE and leaves the last error as it is.
+   endpoint: a volume, a snapshot's device path, the control device, or any. Requests of every process count. code may be
    IOCTL_DISK_GET_LENGTH_INFO. */
 VTFLTSIM_API DWORD WINAPI VTFltSimFailRequest(VTFLTSIM_MACHINE machine, DWORD code, LPCWSTR endpoint, DWORD nth,
                                               DWORD count, DWORD error);

@@ -97,6 +97,17 @@ TEST_F(DeviceQuery, AnEmptyNameAnswers1AndIsAskedWithAQueryOf24Bytes)
     log.ExpectExactly({Asked(0, L"", L"", 0)});
 }
 
+TEST_F(DeviceQuery, AnEmptyNameAnswers1WhateverTheDriverSays)
+{
+    Bytes reply(616);
+    reply[0] = 0x68;
+    reply[1] = 0x02;
+    reply[612] = 1;
+    ForgeReply(reply);
+    EXPECT_EQ(VTIsDeviceMonitored(L""), 1u);
+    log.ExpectExactly({Asked(0, L"", L"", 1)});
+}
+
 TEST_F(DeviceQuery, AControlDeviceThatCannotBeOpenedAnswers1)
 {
     machine.SetDriver(VTFLTSIM_DRIVER_ABSENT);

@@ -228,7 +228,7 @@ TEST_F(DriverInstall, ALocationBeyond260UnitsFailsWithMoreData)
 
 TEST_F(DriverInstall, ACommandLineThatFillsItsBufferIsRunAndALongerOneIsNot)
 {
-    // The format's own text and the folder twice: the uninstallation's line has 56 units beside the folders.
+    // The format's own text and the folder twice: the uninstallation's line has 55 units beside the folders.
     const std::size_t own = uninstall.size() - 2 * std::wstring(L"D:\\Tools").size();
     const std::size_t longest = (259 - own) / 2;
     SetLocation(L"D:\\" + std::wstring(longest - 3, L'x'));

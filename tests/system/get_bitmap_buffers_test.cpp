@@ -184,10 +184,12 @@ TEST_F(ForwardedRequest, PrepareForSnapshotThatFailsIsLogged)
 TEST_F(ForwardedRequest, ThatFailsWithoutAnErrorCountsAsSuccess)
 {
     const auto session = Open(L"app1");
-    SetLastError(ERROR_GEN_FAILURE);
-    ForceCall(L"DeviceIoControl", L"0xB0000015", 0);
+    machine.FailRequest(VTFLTCTL_PREPARE_FOR_SNAPSHOT, ERROR_SUCCESS);
+    // Somebody else has the mutex, so that making it leaves ERROR_ALREADY_EXISTS: no error of this request.
+    const vtflt::UniqueHandle others(CreateMutexW(nullptr, FALSE, volume.MutexName().c_str()));
+    ASSERT_TRUE(others.valid());
     EXPECT_EQ(0u, session->Prepare());
-    EXPECT_EQ(1u, VTFltSimGetCallFaultHits());
+    EXPECT_EQ(0u, machine.Info(volume).prepared);
     log.ExpectExactly({Done(L"CMultiBitmapManager::VTDeviceIoControl: SUCCESS :: VTFLTCTL_PREPARE_FOR_SNAPSHOT")});
 }
 

@@ -141,6 +141,20 @@ TEST_F(StopVolumes, ASystemThatAsksForNoMoreRoomThanItHasEndsTheAsking)
     log.ExpectLogged(2, 0, Skipped(stick, L""));
 }
 
+TEST_F(StopVolumes, ASystemThatAsksForJustTheRoomThatItHasEndsTheAsking)
+{
+    // 261 units with both ends, as many as are given at first.
+    const std::wstring path = L"C:\\" + std::wstring(255, L'm') + L"\\";
+    const std::wstring paths = vtfltsim::MultiString({path});
+    ASSERT_EQ(VTFltSimSetMountPaths(machine.handle(), stick.guid.c_str(), paths.c_str()), 0u);
+    FailCallAfterwards(L"GetVolumePathNamesForVolumeNameW", ERROR_MORE_DATA, stick.guid.c_str());
+    EXPECT_EQ(VTFltStopMonitorVolumes(), 0u);
+    log.ExpectLogged(2, 0, Skipped(stick, L""));
+    log.Clear();
+    EXPECT_EQ(VTFltStopMonitorVolumes(), DWORD{ERROR_PATH_NOT_FOUND}); // the bitmaps are gone already
+    log.ExpectLogged(2, 0, Skipped(stick, path));                      // it fits
+}
+
 TEST_F(StopVolumes, ANameWithoutThePrefixIsSkippedWithCode161AndDoesNotChangeTheResult)
 {
     const std::wstring bad = L"Volume" + first.guid + L"\\";
@@ -192,6 +206,16 @@ TEST_F(StopVolumes, AVolumeThatFailsIsLoggedAndTheWalkGoesOn)
                      L"VTFltStopMonitorVolumes: Failed to remove bitmaps for volume " + first.Root() + L"\n");
     EXPECT_TRUE(HasBitmaps(first));
     EXPECT_TRUE(HasNoBitmaps(second));
+}
+
+TEST_F(StopVolumes, TheCodesOfSeveralVolumesAreCombinedByOr)
+{
+    vtfltsim::FailCall(L"CreateMutexW", ERROR_ACCESS_DENIED, first.MutexName().c_str());
+    ASSERT_EQ(0u, VTFltSimFailCall(L"DeleteFileW", second.guid.c_str(), 1, 0, ERROR_SHARING_VIOLATION));
+    // The files stay, so the folder does.
+    EXPECT_EQ(VTFltStopMonitorVolumes(), 0x10005u | ERROR_DIR_NOT_EMPTY);
+    log.ExpectLogged(0, ERROR_DIR_NOT_EMPTY,
+                     L"VTFltStopMonitorVolumes: Failed to remove bitmaps for volume " + second.Root() + L"\n");
 }
 
 TEST_F(StopVolumes, TheCodesOfVolumesAndOfTheWalkAreCombinedByOr)

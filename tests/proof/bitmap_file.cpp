@@ -89,12 +89,23 @@ void MayBe::AddWith(const Bits& more)
 
 bool MayBe::HoldsBySectors(const Bits& bits) const
 {
+    return HoldsByParts(bits, SECTOR, BITS_AT);
+}
+
+bool MayBe::HoldsByBytes(const Bits& bits) const
+{
+    return HoldsByParts(bits, 1, 0);
+}
+
+// Parts of so many bytes, of which the first one begins so far in front of the bits.
+bool MayBe::HoldsByParts(const Bits& bits, std::size_t part, std::size_t inFront) const
+{
     std::size_t longest = bits.size();
     for (const Bits& one : m_all)
         longest = std::max(longest, one.size());
     const auto at = [](const Bits& all, std::size_t i) { return i < all.size() ? all[i] : std::uint8_t{0}; };
     for (std::size_t from = 0; from < longest;) {
-        const std::size_t end = (BITS_AT + from) / SECTOR * SECTOR + SECTOR - BITS_AT;
+        const std::size_t end = (inFront + from) / part * part + part - inFront;
         const bool held = std::any_of(m_all.begin(), m_all.end(), [&](const Bits& one) {
             for (std::size_t i = from; i < end; ++i) {
                 if (at(one, i) != at(bits, i))

@@ -41,11 +41,14 @@ public:
     void AddCut(std::size_t bytes);
     void AddWith(const Bits& more);
     bool Holds(const Bits& bits) const;
-    // Each sector of the file by itself.
+    // Each sector of the file by itself, each byte.
     bool HoldsBySectors(const Bits& bits) const;
+    bool HoldsByBytes(const Bits& bits) const;
     const std::vector<Bits>& All() const { return m_all; }
 
 private:
+    bool HoldsByParts(const Bits& bits, std::size_t part, std::size_t inFront) const;
+
     std::vector<Bits> m_all;
 };
 

@@ -5,6 +5,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <unistd.h>
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#include <sanitizer/common_interface_defs.h>
+#endif
 
 namespace vtproof {
 
@@ -26,6 +29,16 @@ void Write(const char* text)
     }
 }
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// The sanitizers have said what they found, and end the process.
+void TellWhatWasRunning()
+{
+    Write("\nbroken: a crash\n");
+    Write(g_text);
+    Write("\n");
+}
+#endif
+
 void Tell(int signal)
 {
     Write(signal == SIGALRM ? "\nbroken: a run that comes to no end\n" : "\nbroken: a crash\n");
@@ -41,8 +54,14 @@ void Tell(int signal)
 void TellWhatCrashes()
 {
     g_tells = 1;
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    __sanitizer_set_death_callback(TellWhatWasRunning);
+    for (const int signal : {SIGABRT, SIGALRM})
+        std::signal(signal, Tell);
+#else
     for (const int signal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGALRM})
         std::signal(signal, Tell);
+#endif
 }
 
 CurrentRun::CurrentRun(const std::string& text)

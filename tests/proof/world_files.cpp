@@ -164,12 +164,12 @@ std::string World::CheckWatched(std::size_t number, std::size_t volume, bool bas
         return std::string(base ? "the base" : "the child") + " of application " + std::to_string(number) +
                " on volume " + std::to_string(volume) + what;
     };
-    // Behind a torn write that was cut one sector is old, new or both.
-    if (m_watched.torn && (IsCutFile(number, volume, base, false) || IsCutFile(number, volume, base, true)))
-        return {};
     MayBe bits = WhatMayBe(number, volume, base);
     const bool asWritten = bits.Holds(now.bits);
     bits.Add({}); // what a sector of it has that is emptied, to be written anew, when the power goes
+    // Behind a torn write that was cut one sector is old, new or both, its numbers, too.
+    if (m_watched.torn && (IsCutFile(number, volume, base, false) || IsCutFile(number, volume, base, true)))
+        return bits.HoldsByBytes(now.bits) ? std::string() : wrong(" has what was neither there nor written");
     if (!asWritten && !(m_watched.torn && bits.HoldsBySectors(now.bits)))
         return wrong(" is neither old nor new nor unusable");
     const bool oldBlocks = before.usable && now.blockSize == before.blockSize;

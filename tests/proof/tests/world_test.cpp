@@ -77,6 +77,20 @@ TEST(BitmapFiles, MayBeMixedBySectorsOnly)
     EXPECT_FALSE(bits.Holds(Bits(412, 0xFF)));
 }
 
+TEST(BitmapFiles, MayBeMixedByBytesInAWriteThatWasCut)
+{
+    MayBe bits(Bits(1000, 0xF0));
+    bits.Add(Bits(1000, 0xFF));
+    bits.Add({});
+    Bits mixed(500, 0xFF);
+    mixed.resize(700, 0xF0);
+    EXPECT_FALSE(bits.HoldsBySectors(mixed));
+    EXPECT_TRUE(bits.HoldsByBytes(mixed));
+    mixed[3] = 0x0F;
+    EXPECT_FALSE(bits.HoldsByBytes(mixed));
+    EXPECT_FALSE(bits.HoldsByBytes(Bits(1001, 0xFF)));
+}
+
 TEST(Answers, AreThoseOfTheHeader)
 {
     EXPECT_TRUE(IsDocumented(Exported::GetBitmap, 0x10001));

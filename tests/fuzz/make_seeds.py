@@ -97,6 +97,8 @@ def driver_reply():
         "too_short": make([fresh] * 4, [no_list] * 2, fetch, failing=1),
         "keeps": make([fresh] * 4, [no_list] * 2, fetch + fetch, failing=2 | 32),
         "no_geometry": make([none] * 4, [no_list] * 2, fetch, block=0),
+        # The unreadable base can neither be listed nor be begun anew, and nobody knows whether the child is there.
+        "unlisted": make([garbage, changed, fresh, fresh], [no_list] * 2, fetch + fetch, failing=3 << 6, call=42),
     }
 
 
@@ -157,6 +159,8 @@ def log_file():
         "mixed": b"\x20" + mark + wide(RECORD) + RECORD.encode() + wide(RECORD),
         "utf8": b"\x03" + b"\xef\xbb\xbf" + RECORD.encode(),
         "lines": b"\x01" + mark + wide(RECORD.replace("message", "one\ntwo\r\nthree") + "loose\r\n\r" + RECORD),
+        "joined": b"\x07" + RECORD.encode() + b"loose" + mark + wide(RECORD) + b"\x41" + RECORD.encode(),
+        "two_marks": b"\x02" + mark + mark + wide(RECORD),
     }
 
 
@@ -170,14 +174,26 @@ def log_record():
 
 
 def index_file():
-    encodings = bytes(range(76))
     full = b"\x40\x05" + b"\0\1\2\0\5\3\x20\2\7\1"
+    shrunk, grown = b"\x10\3\0\0\1\1\3\2", b"\x50\2\1\3\x18\2"
+
+    def make(damage, block_size, members, rest=b""):
+        return bytes([damage, block_size - 1, len(members) - 1]) + b"".join(members) + rest
+
+    def change(at, by):
+        return struct.pack("<BHB", 0, at, by - 1)
+    kept, remade, whole = b"\0\0\0", b"\1\0\0", b"\0"
     return {
-        "whole": b"\1" + b"\7\2" + full + b"\x50\3" + b"\0\0\1\1\3\2" + b"\x18\2" + b"\1\3\2\0",
-        "one": encodings[:1] + b"\7\0" + full + b"\1\x30\0\xff\1\0\0",
-        "flipped": b"\0\7\1" + full + full + b"\1\2\x18\0\x10\x19\0\x20\x28\0\x30\1\0\0",
-        "cut": b"\0\3\0" + full + b"\0\0\x10\0\1\1\1\1\x07",
-        "empty": b"\1\0\0\0\0",
+        "whole": make(1, 8, [full, shrunk, grown]),
+        "one": make(1, 8, [full]),
+        "empty": make(1, 1, [b"\0\0"]),
+        "flipped": make(0, 8, [full, full], b"\1" + change(0x30, 0x10) + kept),
+        "another_block": make(0, 8, [full, grown], b"\0" + change(24 + 32, 1) + remade),
+        "another_offset": make(0, 8, [full], b"\0" + change(24 + 32 * 2 + 8, 1) + remade),
+        "cut": make(0, 4, [full], b"\0" + change(0, 1) + b"\0\0\1\7"),
+        "changed_data": make(2, 8, [full, shrunk], b"\0" + change(9, 1) + whole),
+        "cut_data": make(2, 8, [full], b"\0" + change(3, 1) + b"\7\x10"),
+        "both": make(4, 8, [full, shrunk], b"\1" + change(0x20, 0x10) + remade + b"\0" + change(9, 1) + whole),
     }
 
 

@@ -41,8 +41,10 @@ class Run:
         command = [PROGRAMS / f"fuzz_{target}", limit, "-close_fd_mask=1", "-print_final_stats=1", "-timeout=60",
                    "-rss_limit_mb=4096", "-max_len=8000", f"-seed={seed}", f"-artifact_prefix={self.broken}/", *folders]
         self.output = open(self.log, "w")
+        # Where each piece of memory came from takes a quarter of the time; a replay says it.
+        sanitizer = {"ASAN_OPTIONS": "malloc_context_size=3"}
         self.process = subprocess.Popen([str(part) for part in command], stdin=subprocess.DEVNULL,
-                                        stdout=self.output, stderr=subprocess.STDOUT)
+                                        stdout=self.output, stderr=subprocess.STDOUT, env=sanitizer | os.environ)
 
     def executions(self):
         text = self.log.read_text(errors="replace")

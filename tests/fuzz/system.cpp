@@ -27,7 +27,6 @@ struct OpenFile {
 System g_system;
 void* g_sharedBlock = nullptr;
 std::size_t g_nextVolume = 0;
-DWORD g_lastError = 0;
 
 constexpr std::uintptr_t MUTEX = 0x1000;
 constexpr std::uintptr_t KEY = 0x2000;
@@ -38,13 +37,18 @@ constexpr std::uintptr_t MAPPING = 0x6000;
 
 bool Fail(DWORD error)
 {
-    g_lastError = error;
+    g_system.lastError = error;
     return false;
 }
 
 bool IsDue()
 {
-    return ++g_system.calls == g_system.failingCall;
+    const unsigned call = ++g_system.calls;
+    if (g_system.failingCall == 0 || call < g_system.failingCall ||
+        call - g_system.failingCall >= g_system.failingCalls)
+        return false;
+    ++g_system.failures;
+    return true;
 }
 
 OpenFile* FileOf(HANDLE handle)
@@ -83,12 +87,12 @@ extern "C" {
 
 DWORD WINAPI GetLastError()
 {
-    return fuzz::g_lastError;
+    return g_system.lastError;
 }
 
 void WINAPI SetLastError(DWORD error)
 {
-    fuzz::g_lastError = error;
+    g_system.lastError = error;
 }
 
 HANDLE WINAPI CreateFileW(LPCWSTR path, DWORD access, DWORD, LPSECURITY_ATTRIBUTES, DWORD disposition, DWORD, HANDLE)
@@ -179,8 +183,14 @@ BOOL WINAPI DeleteFileW(LPCWSTR path)
 
 DWORD WINAPI GetFileAttributesW(LPCWSTR path)
 {
-    fuzz::Fail(fuzz::IsDue() ? ERROR_ACCESS_DENIED : ERROR_FILE_NOT_FOUND);
-    return g_system.files.count(path) != 0 ? FILE_ATTRIBUTE_NORMAL : INVALID_FILE_ATTRIBUTES;
+    if (fuzz::IsDue()) {
+        fuzz::Fail(ERROR_ACCESS_DENIED);
+        return INVALID_FILE_ATTRIBUTES;
+    }
+    if (g_system.files.count(path) != 0)
+        return FILE_ATTRIBUTE_NORMAL;
+    fuzz::Fail(ERROR_FILE_NOT_FOUND);
+    return INVALID_FILE_ATTRIBUTES;
 }
 
 BOOL WINAPI CopyFileW(LPCWSTR from, LPCWSTR to, BOOL failIfExists)

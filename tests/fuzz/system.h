@@ -29,6 +29,7 @@ struct System {
     struct Value {
         DWORD type = REG_MULTI_SZ;
         FileBytes bytes;
+        friend bool operator==(const Value&, const Value&) = default;
     };
     std::map<std::wstring, Value> values; // by value name; keys are not told apart
     std::vector<std::wstring> volumes;    // their paths, as enumeration gives them
@@ -37,9 +38,13 @@ struct System {
     unsigned openHandles = 0;
     unsigned heldMutexes = 0;
 
-    // What a failure is to hit: the number of a call, from 1, or 0 for none.
+    DWORD lastError = 0;
+
+    // What failures are to hit: the number of a call, from 1, or 0 for none, and how many calls from there on.
     unsigned failingCall = 0;
+    unsigned failingCalls = 1;
     unsigned calls = 0;
+    unsigned failures = 0; // that were given
 };
 
 // The one of the running input.

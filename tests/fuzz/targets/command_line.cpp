@@ -6,6 +6,7 @@
 #include "fuzz/arguments.h"
 
 #include <algorithm>
+#include <chrono>
 #include <iostream>
 #include <sstream>
 
@@ -152,6 +153,15 @@ constexpr const char* WORDS[] = {
     "--version",
 };
 
+// A day that the calendar has.
+bool IsDate(const vtlog::RecordTime& time)
+{
+    // The calendar's month and day hold a byte each.
+    if (time.month < 1 || time.month > 12 || time.day < 1 || time.day > 31)
+        return false;
+    return (std::chrono::year(time.year) / time.month / time.day).ok();
+}
+
 } // namespace
 
 void CommandLine(const std::uint8_t* bytes, std::size_t count)
@@ -175,8 +185,8 @@ void TimeText(const std::uint8_t* bytes, std::size_t count)
         return;
     FUZZ_HOLDS(*earliest <= *latest);
     for (const RecordTime& time : {*earliest, *latest}) {
-        FUZZ_HOLDS(time.year >= 1000 && time.year <= 9999 && time.month >= 1 && time.month <= 12);
-        FUZZ_HOLDS(time.day >= 1 && time.day <= 31 && time.hour >= 0 && time.hour <= 23);
+        FUZZ_HOLDS(time.year >= 1000 && time.year <= 9999 && IsDate(time));
+        FUZZ_HOLDS(time.hour >= 0 && time.hour <= 23);
         FUZZ_HOLDS(time.minute >= 0 && time.minute <= 59 && time.second >= 0 && time.second <= 59);
         FUZZ_HOLDS(time.millisecond >= 0 && time.millisecond <= 999);
         // What is printed can be given back.

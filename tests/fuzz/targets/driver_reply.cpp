@@ -1,6 +1,6 @@
-// A whole fetch with a driver that answers anything, over bitmap files and lists that hold anything, and perhaps one
-// call of the system that fails. Whatever they say, no change is lost: the driver is told to forget only what the
-// bitmap files then hold.
+// A whole fetch with a driver that answers anything, over bitmap files and lists that hold anything, and perhaps up to
+// four calls of the system in a row that fail. Whatever they say, no change is lost: the driver is told to forget only
+// what the bitmap files then hold, or the application has to verify.
 #include "apps/volume_name.h"
 #include "bitmap/manager.h"
 #include "driver/protocol.h"
@@ -18,7 +18,9 @@ namespace {
 using vtflt::BitmapRecord;
 
 constexpr wchar_t VOLUME[] = L"\\\\?\\Volume{11111111-2222-3333-4444-555555555555}\\";
-constexpr wchar_t GUID_TEXT[] = L"{11111111-2222-3333-4444-555555555555}";
+constexpr wchar_t VOLUME_NAME[] = L"Volume{11111111-2222-3333-4444-555555555555}";
+// Another volume, as the verify lists name it.
+constexpr wchar_t OTHER_VOLUME[] = L"{22222222-2222-3333-4444-555555555555}";
 constexpr wchar_t FOLDER[] = L"\\\\?\\Volume{11111111-2222-3333-4444-555555555555}\\VelVolTrc\\VelVolTrc_";
 constexpr std::size_t LONGEST_BITMAP = 600;
 
@@ -64,6 +66,11 @@ std::wstring Path(const wchar_t* kind, const wchar_t* application)
     return std::wstring(FOLDER) + kind + L"_" + application + L".dat";
 }
 
+std::wstring VerifyList(const wchar_t* application)
+{
+    return L"DeviceListForReSync" + std::wstring(application) + L".Last";
+}
+
 // A file as readers take it: its record, or nothing when it is unusable.
 std::unique_ptr<BitmapRecord> RecordIn(const std::wstring& path)
 {
@@ -78,21 +85,6 @@ std::unique_ptr<BitmapRecord> RecordIn(const std::wstring& path)
     auto record = BitmapRecord::Allocate(size);
     std::copy_n(bytes.begin(), size, record->Bytes());
     return record->IsValid() ? std::move(record) : nullptr;
-}
-
-bool Holds(const std::wstring& path, const FileBytes& bits)
-{
-    const auto record = RecordIn(path);
-    if (record == nullptr)
-        return false;
-    for (std::size_t i = 0; i < bits.size(); ++i) {
-        // What lies behind the bitmap belongs to no block.
-        if (i >= record->BitmapLength())
-            break;
-        if (i < record->HeldBitmapBytes() && (bits[i] & ~record->Bitmap()[i]) != 0)
-            return false;
-    }
-    return true;
 }
 
 FileBytes BitsOf(const std::wstring& path, std::size_t most)
@@ -127,7 +119,7 @@ void PutFile(Input& input, const std::wstring& path)
     std::memcpy(file.data() + at, &number, 4);
 }
 
-void PutValue(Input& input, const wchar_t* name)
+void PutValue(Input& input, const std::wstring& name)
 {
     const std::uint8_t kind = input.Byte() % 3;
     if (kind == 0)
@@ -139,16 +131,56 @@ void PutValue(Input& input, const wchar_t* name)
         value.bytes.insert(value.bytes.end(), 4, 0);
 }
 
+// What the application is told of its list: an entry that is a part of the volume's name marks it, and so does a list that
+// cannot be read, for doubt means verify.
 bool IsOnVerifyList(const wchar_t* application)
 {
-    const auto found = TheSystem().values.find(L"DeviceListForReSync" + std::wstring(application) + L".Last");
+    const auto found = TheSystem().values.find(VerifyList(application));
     if (found == TheSystem().values.end())
         return false;
     const FileBytes& bytes = found->second.bytes;
     std::wstring text;
     for (std::size_t i = 0; i + 1 < bytes.size(); i += 2)
         text.push_back(static_cast<wchar_t>(bytes[i] | bytes[i + 1] << 8));
-    return text.find(GUID_TEXT) != std::wstring::npos;
+    const bool isEnded = text.size() >= 2 && text.back() == 0 && text[text.size() - 2] == 0;
+    if (found->second.type != REG_MULTI_SZ || bytes.size() % 2 != 0 || !isEnded)
+        return true;
+    for (std::size_t at = 0; text[at] != 0;) {
+        const std::wstring entry = text.c_str() + at;
+        if (std::wstring_view(VOLUME_NAME).find(entry) != std::wstring_view::npos)
+            return true;
+        at += entry.size() + 1;
+    }
+    return false;
+}
+
+// How the other volume stands on a list that is well-formed.
+struct OtherMark {
+    bool isThere = false;
+    bool isAlone = false; // no other entry has its name in it, which would say the same
+};
+
+OtherMark FindOtherMark(const wchar_t* application)
+{
+    OtherMark mark;
+    const auto found = TheSystem().values.find(VerifyList(application));
+    if (found == TheSystem().values.end() || found->second.type != REG_MULTI_SZ || found->second.bytes.size() % 2 != 0)
+        return mark;
+    const FileBytes& bytes = found->second.bytes;
+    std::wstring text;
+    for (std::size_t i = 0; i < bytes.size(); i += 2)
+        text.push_back(static_cast<wchar_t>(bytes[i] | bytes[i + 1] << 8));
+    if (text.size() < 2 || text.back() != 0 || text[text.size() - 2] != 0)
+        return mark;
+    unsigned holding = 0;
+    for (std::size_t at = 0; text[at] != 0;) {
+        const std::wstring entry = text.c_str() + at;
+        mark.isThere = mark.isThere || entry == OTHER_VOLUME;
+        holding += entry.find(OTHER_VOLUME) != std::wstring::npos ? 1u : 0u;
+        at += entry.size() + 1;
+    }
+    mark.isAlone = holding == 1;
+    return mark;
 }
 
 bool HasAll(const FileBytes& kept, const FileBytes& owed)
@@ -160,44 +192,87 @@ bool HasAll(const FileBytes& kept, const FileBytes& owed)
     return true;
 }
 
-// What base and child hold, as many bytes as there is room for.
-FileBytes OwedTo(const wchar_t* application, std::size_t most)
+FileBytes Both(FileBytes a, const FileBytes& b)
 {
-    FileBytes owed = BitsOf(Path(L"base", application), most);
-    const FileBytes child = BitsOf(Path(L"child", application), most);
-    owed.resize(std::max(owed.size(), child.size()));
-    std::transform(child.begin(), child.end(), owed.begin(), owed.begin(),
-                   [](std::uint8_t a, std::uint8_t b) { return static_cast<std::uint8_t>(a | b); });
-    return owed;
+    a.resize(std::max(a.size(), b.size()));
+    std::transform(b.begin(), b.end(), a.begin(), a.begin(),
+                   [](std::uint8_t left, std::uint8_t right) { return static_cast<std::uint8_t>(left | right); });
+    return a;
 }
 
-// The driver still has what is new; what was in the files before is there, or the application is told.
-void CheckNothingForgotten(const FileBytes& owed, const FileBytes& otherOwed, DWORD result)
-{
-    FUZZ_HOLDS(result != ERROR_SUCCESS);
-    for (const wchar_t* application : {L"App", L"Other"}) {
-        const bool isOther = application[0] == L'O';
-        const FileBytes& before = isOther ? otherOwed : owed;
-        const bool isTold = IsOnVerifyList(application) || RecordIn(Path(L"base", application)) == nullptr ||
-                            RecordIn(Path(L"child", application)) == nullptr;
-        FUZZ_HOLDS(isTold || HasAll(OwedTo(application, before.size()), before));
+// What an application has of the volume: bits, as many bytes of them as matter, and whether it is told to verify, or gets
+// no bitmap.
+struct Kept {
+    Kept(const wchar_t* application, std::size_t bytes)
+        : base(Path(L"base", application)), child(Path(L"child", application)), baseBits(BitsOf(base, bytes)),
+          childBits(BitsOf(child, bytes)), isBaseUsable(RecordIn(base) != nullptr),
+          isChildUsable(RecordIn(child) != nullptr), isMarked(IsOnVerifyList(application)),
+          mustVerify(isMarked || !isBaseUsable || !isChildUsable)
+    {
     }
+    [[nodiscard]] FileBytes Owed() const { return Both(baseBits, childBits); }
+
+    std::wstring base;
+    std::wstring child;
+    FileBytes baseBits;
+    FileBytes childBits;
+    bool isBaseUsable;
+    bool isChildUsable;
+    bool isMarked;
+    bool mustVerify;
+};
+
+bool IsAsBefore(const System& before)
+{
+    return TheSystem().files == before.files && TheSystem().values == before.values;
 }
 
-// What must be true once the driver has forgotten.
-void CheckNothingLost(const Machine& machine, const FileBytes& owed, bool otherWasUsable, DWORD result)
+bool IsFileAsBefore(const System& before, const std::wstring& path)
 {
+    const auto was = before.files.find(path);
+    const auto is = TheSystem().files.find(path);
+    return was == before.files.end() ? is == TheSystem().files.end()
+                                     : is != TheSystem().files.end() && is->second == was->second;
+}
+
+bool IsOthersListAsBefore(const System& before)
+{
+    const auto list = [](const System& system) {
+        const auto found = system.values.find(VerifyList(L"Other"));
+        return found != system.values.end() ? std::optional(found->second) : std::nullopt;
+    };
+    return list(TheSystem()) == list(before);
+}
+
+// What works for one application touches nothing of the other one.
+bool IsOtherAsBefore(const System& before)
+{
+    return IsOthersListAsBefore(before) && IsFileAsBefore(before, Path(L"base", L"Other")) &&
+           IsFileAsBefore(before, Path(L"child", L"Other"));
+}
+
+// What an application was owed is in its files, or it verifies; and once it has to verify, it has to until it reports
+// success, for nobody knows what an unusable file held.
+void CheckKept(const Kept& before, const Kept& after)
+{
+    FUZZ_HOLDS(after.mustVerify || (!before.mustVerify && HasAll(after.Owed(), before.Owed())));
+}
+
+// What must be true of the one that fetched and of the other one, once the driver has forgotten.
+void CheckForgotten(const Machine& machine, const Kept& before, const Kept& otherBefore, DWORD result)
+{
+    const std::size_t length = machine.handed.size();
+    const Kept after(L"App", length);
     FUZZ_HOLDS(machine.delivered);
-    if (result == ERROR_SUCCESS) {
-        FUZZ_HOLDS(Holds(Path(L"base", L"App"), machine.handed));
-        FUZZ_HOLDS(Holds(Path(L"base", L"App"), owed));
-    } else if (!Holds(Path(L"base", L"App"), machine.handed)) {
-        FUZZ_HOLDS(result == vtflt::BM_ERR_VERIFY_REQUIRED);
-        FUZZ_HOLDS(IsOnVerifyList(L"App") || RecordIn(Path(L"base", L"App")) == nullptr ||
-                   RecordIn(Path(L"child", L"App")) == nullptr);
-    }
-    if (otherWasUsable)
-        FUZZ_HOLDS(Holds(Path(L"child", L"Other"), machine.handed));
+    FUZZ_HOLDS(result == ERROR_SUCCESS || result == vtflt::BM_ERR_VERIFY_REQUIRED);
+    if (result == ERROR_SUCCESS)
+        FUZZ_HOLDS(after.isBaseUsable && HasAll(after.baseBits, Both(before.Owed(), machine.handed)));
+    else
+        FUZZ_HOLDS(after.isMarked);
+
+    // The other one's child takes the changes, too, if it can be read.
+    if (otherBefore.isChildUsable)
+        FUZZ_HOLDS(HasAll(Kept(L"Other", length).childBits, Both(otherBefore.childBits, machine.handed)));
 }
 
 void Fetch(Input& input, Machine& machine, HANDLE volume)
@@ -208,62 +283,108 @@ void Fetch(Input& input, Machine& machine, HANDLE volume)
     const DWORD direct = input.Byte() == 0xFF ? 1 : 0;
     std::uint8_t query = 0;
     DWORD size = 0;
-    machine.forgotten = false;
-    machine.delivered = false;
-    const FileBytes owed = OwedTo(L"App", length);
-    const FileBytes otherOwed = OwedTo(L"Other", length); // what lies behind belongs to no block
-    const bool otherIsUsable = RecordIn(Path(L"child", L"Other")) != nullptr;
+    const System systemBefore = TheSystem();
+    const Kept before(L"App", length); // what lies behind belongs to no block
+    const Kept otherBefore(L"Other", length);
     const DWORD result = VTFltGetBitmap(volume, &query, 1, buffer.get(), static_cast<DWORD>(length), &size, direct);
     if (direct != 0) {
-        FUZZ_HOLDS(result == machine.errors[0] && !machine.forgotten);
+        FUZZ_HOLDS(result == machine.errors[0] && !machine.forgotten && IsAsBefore(systemBefore));
         return;
     }
+    CheckKept(before, Kept(L"App", length));
+    CheckKept(otherBefore, Kept(L"Other", length));
+    FUZZ_HOLDS(IsFileAsBefore(systemBefore, otherBefore.base) && IsOthersListAsBefore(systemBefore));
     if (machine.forgotten)
-        CheckNothingLost(machine, owed, otherIsUsable, result);
-    else
-        CheckNothingForgotten(owed, otherOwed, result);
-    if (result == ERROR_SUCCESS)
-        FUZZ_HOLDS(machine.forgotten && size <= length);
+        CheckForgotten(machine, before, otherBefore, result);
+    else // the driver still has what is new
+        FUZZ_HOLDS(result != ERROR_SUCCESS && result != vtflt::BM_ERR_VERIFY_REQUIRED);
+    if (!machine.delivered)
+        FUZZ_HOLDS(IsAsBefore(systemBefore));
+    if (result == vtflt::BM_ERR_VERIFY_REQUIRED)
+        FUZZ_HOLDS(size <= length);
+    if (result != ERROR_SUCCESS)
+        return;
+    FUZZ_HOLDS(size == length && before.isBaseUsable && before.isChildUsable);
     // The bitmap that was handed out has every change in it, but for the header.
+    const FileBytes owed = Both(before.Owed(), machine.handed);
+    for (std::size_t i = vtflt::BITMAP_HEADER_BYTES; i < owed.size(); ++i)
+        FUZZ_HOLDS((owed[i] & ~buffer[i]) == 0);
+}
+
+void HandBack(Input& input, HANDLE volume)
+{
+    FileBytes changes = input.Bytes(input.Byte());
+    changes.reserve(1); // a null pointer is refused
+    const System systemBefore = TheSystem();
+    const Kept before(L"App", LONGEST_BITMAP);
+    const auto child = RecordIn(before.child);
+    const DWORD result =
+        VTFltSynSnapshotChangeBitmapToVolume(volume, changes.data(), static_cast<DWORD>(changes.size()));
+    const Kept after(L"App", LONGEST_BITMAP);
+    CheckKept(before, after);
+    FUZZ_HOLDS(after.isMarked || !before.isMarked);
+    FUZZ_HOLDS(IsOtherAsBefore(systemBefore));
     if (result == ERROR_SUCCESS) {
-        for (std::size_t i = vtflt::BITMAP_HEADER_BYTES; i < size; ++i)
-            FUZZ_HOLDS((machine.handed[i] & ~buffer[i]) == 0);
+        FUZZ_HOLDS(child != nullptr);
+        // What is shorter than the child is ignored, and what lies behind the child belongs to no block.
+        changes.resize(changes.size() < child->BitmapLength() ? 0 : child->BitmapLength());
+        FUZZ_HOLDS(HasAll(after.childBits, Both(before.childBits, changes)));
+        return;
     }
+    // What was not taken has the volume on the verify list, for as long as the list could be written. It was put there
+    // before anything was tried, so one failure alone does not change that; only without the volume's mutex nothing was
+    // tried.
+    if (result == vtflt::BM_ERR_VERIFY_REQUIRED)
+        FUZZ_HOLDS(after.isMarked);
+    if (TheSystem().failures - systemBefore.failures <= 1)
+        FUZZ_HOLDS(after.mustVerify || (result == vtflt::BM_ERR_MUTEX_ACCESS && IsAsBefore(systemBefore)));
+}
+
+void ReportSuccess(HANDLE volume)
+{
+    const System systemBefore = TheSystem();
+    const std::wstring path = Path(L"base", L"App");
+    const DWORD result = VTFltReplicationSuccess(volume);
+    const auto base = RecordIn(path);
+    const bool isCleared = base != nullptr && std::all_of(base->Bitmap(), base->Bitmap() + base->HeldBitmapBytes(),
+                                                          [](std::uint8_t byte) { return byte == 0; });
+    if (result == ERROR_SUCCESS)
+        FUZZ_HOLDS(isCleared);
+    else
+        FUZZ_HOLDS(isCleared || base == nullptr || IsFileAsBefore(systemBefore, path));
+    // The child is of the next backup.
+    FUZZ_HOLDS(IsFileAsBefore(systemBefore, Path(L"child", L"App")) && IsOtherAsBefore(systemBefore));
+}
+
+void AskForBlockSize(const Machine& machine, HANDLE volume)
+{
+    const System systemBefore = TheSystem();
+    DWORD blockSize = 0;
+    FUZZ_HOLDS(VTFltGetBlockSize(volume, &blockSize, 0) != ERROR_SUCCESS || blockSize == machine.blockSize);
+    FUZZ_HOLDS(IsAsBefore(systemBefore));
 }
 
 void Operate(Input& input, Machine& machine, HANDLE volume)
 {
-    switch (input.Byte() % 5) {
-    case 0:
-    case 1:
+    machine.forgotten = false;
+    machine.delivered = false;
+    const OtherMark markBefore = FindOtherMark(L"App");
+    const std::uint8_t operation = input.Byte() % 5;
+    if (operation < 2)
         Fetch(input, machine, volume);
-        break;
-    case 2: {
-        FileBytes changes = input.Bytes(input.Byte());
-        changes.reserve(1); // a null pointer is refused
-        const FileBytes before = BitsOf(Path(L"child", L"App"), LONGEST_BITMAP);
-        const DWORD result =
-            VTFltSynSnapshotChangeBitmapToVolume(volume, changes.data(), static_cast<DWORD>(changes.size()));
-        if (result == ERROR_SUCCESS)
-            FUZZ_HOLDS(Holds(Path(L"child", L"App"), before));
-        if (result == ERROR_SUCCESS && changes.size() >= before.size())
-            FUZZ_HOLDS(Holds(Path(L"child", L"App"), changes));
-        break;
-    }
-    case 3: {
-        const DWORD result = VTFltReplicationSuccess(volume);
-        const auto base = RecordIn(Path(L"base", L"App"));
-        if (result == ERROR_SUCCESS)
-            FUZZ_HOLDS(base != nullptr && std::all_of(base->Bitmap(), base->Bitmap() + base->HeldBitmapBytes(),
-                                                      [](std::uint8_t byte) { return byte == 0; }));
-        break;
-    }
-    default: {
-        DWORD blockSize = 0;
-        FUZZ_HOLDS(VTFltGetBlockSize(volume, &blockSize, 0) != ERROR_SUCCESS || blockSize == machine.blockSize);
-        break;
-    }
-    }
+    else if (operation == 2)
+        HandBack(input, volume);
+    else if (operation == 3)
+        ReportSuccess(volume);
+    else
+        AskForBlockSize(machine, volume);
+    // Only a fetch has anything that the driver may forget.
+    FUZZ_HOLDS(operation < 2 || !machine.forgotten);
+    // Other volumes stay on the list.
+    FUZZ_HOLDS(FindOtherMark(L"App").isThere || !(markBefore.isThere && markBefore.isAlone));
+    // The next fetch brings other changes.
+    for (std::uint8_t& bits : machine.bitmap)
+        bits = static_cast<std::uint8_t>(bits << 1 | bits >> 7);
 }
 
 } // namespace
@@ -288,13 +409,14 @@ void DriverReply(const std::uint8_t* bytes, std::size_t count)
         static constexpr DWORD ERRORS[] = {ERROR_MORE_DATA, ERROR_INSUFFICIENT_BUFFER, ERROR_ACCESS_DENIED, 0xFFFFFFFF};
         machine.errors[i] = (failing >> i & 1) != 0 ? ERRORS[failing >> 4 & 3] : ERROR_SUCCESS;
     }
+    system.failingCalls = 1 + (failing >> 6);
     machine.returned = input.Flag() ? input.Take<std::uint32_t>() : 64;
     machine.bitmap = input.ShortBytes();
 
     for (const wchar_t* application : {L"App", L"Other"}) {
         PutFile(input, Path(L"base", application));
         PutFile(input, Path(L"child", application));
-        PutValue(input, (L"DeviceListForReSync" + std::wstring(application) + L".Last").c_str());
+        PutValue(input, VerifyList(application));
     }
     static constexpr wchar_t APPLICATIONS[] = L"App\0Other\0";
     const auto* const stored = reinterpret_cast<const std::uint8_t*>(APPLICATIONS);

@@ -21,8 +21,7 @@ WORK = PROJECT / "build" / "mutants"
 TREE = WORK / "tree"
 JOBS = str(os.cpu_count() or 1)
 
-LIKELY_LIMIT_SECONDS = 600
-WHOLE_LIMIT_SECONDS = 1800
+LIMIT_SECONDS = 1800  # of a program, with the mistake and without
 
 
 class Failure(Exception):
@@ -173,10 +172,10 @@ class Program:
         return kept + ["--gtest_fail_fast", "--gtest_color=no"]
 
 
-def list_programs(preset):
+def list_programs(preset, folder=None):
     """The programs of GoogleTest that are built, by their names."""
-    listed = subprocess.run(["ctest", "--test-dir", str(build_folder(preset)), "--show-only=json-v1"], check=True,
-                            capture_output=True).stdout
+    listed = subprocess.run(["ctest", "--test-dir", str(folder or build_folder(preset)), "--show-only=json-v1"],
+                            check=True, capture_output=True).stdout
     programs = {}
     for entry in json.loads(listed)["tests"]:
         if any(part.startswith("--gtest") for part in entry.get("command", [])):
@@ -224,7 +223,7 @@ def run_tests(program, names, limit, under=()):
 
 def run_unchanged(program, names, under=()):
     try:
-        return run_tests(program, names, WHOLE_LIMIT_SECONDS, under)
+        return run_tests(program, names, LIMIT_SECONDS, under)
     except NoTest as ended:
         return str(ended), 0
 
@@ -234,6 +233,7 @@ class Session:
         self.programs = {}  # by preset and name
         self.only_likely = only_likely
         self.is_whole_suite_good = False
+        self.caught_elsewhere = False  # the last mistake, by another test than the likely ones
 
     def prepare(self, preset, wanted):
         """Builds the programs of a preset."""
@@ -296,7 +296,7 @@ class Session:
             program = self.program(mutant, name)
             if not build(mutant.preset, {program.target}, log):
                 mutant.fail(f"the changed tree does not build: {log}")
-            failed = failed_test(program, names, LIKELY_LIMIT_SECONDS, mutant.under)
+            failed = failed_test(program, names, LIMIT_SECONDS, mutant.under)
             if failed:
                 return failed
         if not self.only_likely:
@@ -304,8 +304,9 @@ class Session:
             if not build("native", [], log):
                 mutant.fail(f"the changed tree does not build: {log}")
             for name, program in list_programs("native").items():
-                failed = failed_test(program, None, WHOLE_LIMIT_SECONDS)
+                failed = failed_test(program, None, LIMIT_SECONDS)
                 if failed:
+                    self.caught_elsewhere = True
                     return f"{failed} in {name}, not by the likely tests"
         if without_test:
             raise without_test
@@ -314,15 +315,26 @@ class Session:
     def try_mutant(self, mutant):
         path = TREE / mutant.file
         original, changed = changed_text(mutant, TREE)
+        self.caught_elsewhere = False
         try:
             path.write_text(changed)
             caught = self.catch(mutant)
         finally:
             path.write_text(original)
-        if caught is None and not self.only_likely:
-            # Only believed when the whole suite passes without the mistake, too: it could not run at all.
+        if not self.only_likely and (caught is None or self.caught_elsewhere):
+            # Only believed when the whole suite passes without the mistake, too: it could not run at all, or something
+            # else could be wrong with it.
             self.control_whole_suite()
         return caught
+
+
+def check_programs(mutants, folder):
+    """Each entry's tests are in a program that this native build has; the other presets have no more."""
+    programs = list_programs("native", folder)
+    for mutant in mutants:
+        for name, _ in mutant.likely:
+            if name not in programs:
+                mutant.fail(f"there is no test program {name}; there are: {', '.join(sorted(programs))}")
 
 
 def matches(names, test):
@@ -353,6 +365,8 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("names", nargs="*", help="entries, or the beginnings of their names; without any: all")
     parser.add_argument("--list", action="store_true", help="only say which entries there are")
+    parser.add_argument("--programs", metavar="FOLDER",
+                        help="hold the entries' test programs against those of this native build")
     parser.add_argument("--likely", action="store_true",
                         help="run only the likely tests: quicker, and a survivor is not sure to be one")
     arguments = parser.parse_args()
@@ -360,6 +374,8 @@ def main():
     mutants = choose(read_mutants(), arguments.names)
     for mutant in mutants:
         changed_text(mutant, PROJECT)
+    if arguments.programs:
+        check_programs(mutants, arguments.programs)
     if arguments.list:
         for mutant in mutants:
             print(f"{mutant.name}  {mutant.file}")
@@ -382,6 +398,8 @@ def main():
             caught = session.try_mutant(mutant)
         except NoTest as ended:
             verdict = f"NOT NOTICED BY A TEST: {ended}"
+        except Failure as failure:
+            verdict = f"NOT TRIED: {failure}"
         if caught:
             verdict = f"caught by {caught}"
         used = time.monotonic() - start

@@ -52,11 +52,14 @@ add_test(NAME ${VT_CONFIGURATION}.lnav_format
     COMMAND bash "${CMAKE_CURRENT_SOURCE_DIR}/tools/lnav/check_lnav.sh"
         "${PROJECT_SOURCE_DIR}/tools/vtlog/lnav/vtfltmgr_log.json" "${CMAKE_CURRENT_SOURCE_DIR}/tools/lnav/sample.log")
 
-# Every deliberate mistake of ./dev mutants still fits the sources, in one place each.
-add_test(NAME ${VT_CONFIGURATION}.mutant_entries
-    COMMAND python3 -B "${CMAKE_CURRENT_SOURCE_DIR}/mutants/run.py" --list)
-
 include(double/double.cmake)
 if(TARGET double_flags)
     include(fuzz/fuzz.cmake)
 endif()
+
+# Every deliberate mistake of ./dev mutants still fits the sources, in one place each, and names programs that there are.
+if(TARGET double_flags)
+    set(mutants_programs --programs "${PROJECT_BINARY_DIR}")
+endif()
+add_test(NAME ${VT_CONFIGURATION}.mutant_entries
+    COMMAND python3 -B "${CMAKE_CURRENT_SOURCE_DIR}/mutants/run.py" --list ${mutants_programs})

@@ -21,7 +21,9 @@ WORK = PROJECT / "build" / "mutants"
 TREE = WORK / "tree"
 JOBS = str(os.cpu_count() or 1)
 
-LIMIT_SECONDS = 1800  # of a program, with the mistake and without
+# Of a program.
+LIKELY_LIMIT_SECONDS = 600
+WHOLE_LIMIT_SECONDS = 1800
 
 
 class Failure(Exception):
@@ -223,7 +225,7 @@ def run_tests(program, names, limit, under=()):
 
 def run_unchanged(program, names, under=()):
     try:
-        return run_tests(program, names, LIMIT_SECONDS, under)
+        return run_tests(program, names, WHOLE_LIMIT_SECONDS, under)
     except NoTest as ended:
         return str(ended), 0
 
@@ -296,7 +298,7 @@ class Session:
             program = self.program(mutant, name)
             if not build(mutant.preset, {program.target}, log):
                 mutant.fail(f"the changed tree does not build: {log}")
-            failed = failed_test(program, names, LIMIT_SECONDS, mutant.under)
+            failed = failed_test(program, names, LIKELY_LIMIT_SECONDS, mutant.under)
             if failed:
                 return failed
         if not self.only_likely:
@@ -304,7 +306,7 @@ class Session:
             if not build("native", [], log):
                 mutant.fail(f"the changed tree does not build: {log}")
             for name, program in list_programs("native").items():
-                failed = failed_test(program, None, LIMIT_SECONDS)
+                failed = failed_test(program, None, WHOLE_LIMIT_SECONDS)
                 if failed:
                     self.caught_elsewhere = True
                     return f"{failed} in {name}, not by the likely tests"

@@ -1,6 +1,7 @@
 #include "proof/sweep_path.h"
 
 #include "proof/call_counts.h"
+#include "proof/current_run.h"
 #include "support/text.h"
 
 #include <algorithm>
@@ -50,17 +51,18 @@ void NoteFiles(const std::vector<std::wstring>& lines, std::uint32_t application
 SweepPath FollowPath(const History& history, const Fault& fault, std::string& wrong)
 {
     SweepPath path;
+    History followed = history;
+    if (fault.how != Fault::How::None)
+        followed.operations.back().faults = {fault};
+    const CurrentRun current("./dev sim --replay \"" + ToText(followed) + "\"");
     World world(history.volumes);
-    for (std::size_t i = 0; i + 1 < history.operations.size(); ++i) {
-        wrong = world.Run(history.operations[i]);
+    for (std::size_t i = 0; i + 1 < followed.operations.size(); ++i) {
+        wrong = world.Run(followed.operations[i]);
         if (!wrong.empty())
             return path;
     }
-    Operation last = history.operations.back();
-    if (fault.how != Fault::How::None)
-        last.faults = {fault};
     VTFltSimRecord(1);
-    const World::Calls calls = world.CountCalls(last);
+    const World::Calls calls = world.CountCalls(followed.operations.back());
     VTFltSimRecord(0);
     const std::vector<std::wstring> lines = vtfltsim::Trace();
     for (const std::wstring& line : lines)
@@ -70,7 +72,7 @@ SweepPath FollowPath(const History& history, const Fault& fault, std::string& wr
     std::copy_if(path.calls.begin(), path.calls.end(), std::back_inserter(path.refusable),
                  [](const std::wstring& function) { return !GivesBack(function); });
     path.allocations = calls.allocations;
-    NoteFiles(lines, last.application, path);
+    NoteFiles(lines, followed.operations.back().application, path);
     return path;
 }
 

@@ -225,11 +225,13 @@ std::string World::Unmark(Application& application, std::size_t volume, bool its
         m_takenOff = &application.chains[volume];
     }
     DWORD result = NOTHING_SAID;
+    bool untouched = true; // the volumes are asked by the caller, and stay its own
     const Went went = In(application, [&] {
         std::vector<std::wstring> volumes{entry};
         std::wstring id = application.id; // the export consumes it
         result = Call(application, Exported::RemoveFromVerifyList,
                       [&] { return VTRemoveApplicationVolResyncList(std::move(id), &volumes); });
+        untouched = volumes.size() == 1 && volumes.front() == entry;
     });
     Disarm(); // what follows looks at the registry itself
     const std::vector<bool> now = Marks(application);
@@ -237,6 +239,8 @@ std::string World::Unmark(Application& application, std::size_t volume, bool its
         Crash(application);
     else
         Mix(result);
+    if (!untouched)
+        return "taking a mark off changes the caller's list of volumes";
     const bool mayBeOld = result != 0;
     const bool mayBeNew = result == 0 || went == Went::Died || MayBeDone();
     if (m_watch == nullptr && !(mayBeOld && now == before) && !(mayBeNew && now == without))
@@ -250,6 +254,19 @@ namespace {
 
 constexpr DWORD UNTOUCHED = 0xABCDABCD;
 
+void AppendNames(const std::vector<std::wstring>& ids, std::wstring& names)
+{
+    for (const std::wstring& id : ids)
+        names.append(id).append(1, L';');
+}
+
+std::wstring Names(const std::vector<std::wstring>& ids)
+{
+    std::wstring names;
+    AppendNames(ids, names);
+    return names;
+}
+
 } // namespace
 
 struct World::Answers {
@@ -257,6 +274,7 @@ struct World::Answers {
     DWORD count = UNTOUCHED;
     DWORD list = 1;
     std::size_t listed = 0;
+    std::wstring names; // in the order of the list
     bool present = false;
     bool emptied = true;
     DWORD can = 0;
@@ -274,11 +292,14 @@ std::string World::Ask(Application& application, std::size_t volume)
 {
     Answers got;
     const Registrations before = m_registrations;
+    constexpr std::size_t NAMES_ROOM = 1024; // had in front: what the process allocates is on its account
+    got.names.reserve(NAMES_ROOM);
     const Went went = In(application, [&] {
         std::vector<std::wstring> ids{L"of before"};
         got.counted = Call(application, Exported::AppCount, [&] { return VTGetRegisteredAppCount(&got.count); });
         got.list = Call(application, Exported::AppList, [&] { return VTGetRegisteredAppList(&ids); });
         got.listed = ids.size();
+        AppendNames(ids, got.names);
         got.present = std::find(ids.begin(), ids.end(), application.id) != ids.end();
         got.emptied = ids.empty() || ids.front() != L"of before";
         got.works = Call(application, Exported::CanDriverWork, [] { return VTCanBLIDriverWork(); });
@@ -313,6 +334,8 @@ std::string World::Ask(Application& application, std::size_t volume)
     if (got.counted != 0 || got.list != 0 || (!Overlapped(before) && got.count != got.listed))
         return "the list of applications has " + std::to_string(got.listed) + " entries and the count is " +
                std::to_string(got.count);
+    if (!Overlapped(before) && got.names != Names(Registered()))
+        return "the list of applications is not the stored one, in its order";
     if (!Overlapped(before) && (got.can != 0) != (got.works != 0 && got.present))
         return "an application may use the driver: " + std::to_string(got.can);
     // Others may end a volume's tracking meanwhile.
@@ -339,6 +362,8 @@ std::string World::CheckAnswersOfAFault(const Application& application, std::siz
     if ((got.counted == 0 && got.count != registered) || (got.list == 0 && got.listed != registered))
         return "of " + std::to_string(registered) + " applications " + std::to_string(got.listed) + " are listed and " +
                std::to_string(got.count) + " are counted";
+    if (m_watch == nullptr && got.list == 0 && got.names != Names(Registered()))
+        return "the list of applications is not the stored one, in its order";
     if (got.present && !application.registered)
         return "an application is listed that is not registered";
     // One of the questions may have installed the driver, or taken it away and failed to install it again; where two

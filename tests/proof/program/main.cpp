@@ -15,6 +15,7 @@
 #include "proof/world.h"
 #include "proof/years.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -28,8 +29,8 @@ using Clock = std::chrono::steady_clock;
 
 struct Options {
     std::uint64_t seed = 1;
-    std::uint64_t count = 10'000; // over all parts
-    double minutes = 0;           // 0: as many as count says
+    std::uint64_t count = 0; // over all parts; 0: not said
+    double minutes = 0;      // 0: not said; of the two what is reached first
     std::uint64_t part = 0;
     std::uint64_t parts = 1;
     std::uint64_t oneIn = 1;
@@ -48,13 +49,17 @@ public:
     explicit Progress(const Options& options) : m_options(options) {}
     bool Goes(std::uint64_t done)
     {
-        return Goes(done, static_cast<double>(done * m_options.parts) / static_cast<double>(m_options.count));
+        constexpr std::uint64_t UNSAID = 10'000;
+        if (m_options.count == 0 && m_options.minutes > 0)
+            return Goes(done, 0);
+        const std::uint64_t count = m_options.count == 0 ? UNSAID : m_options.count;
+        return Goes(done, static_cast<double>(done * m_options.parts) / static_cast<double>(count));
     }
     bool Goes(std::uint64_t done, double share)
     {
         const double elapsed = SecondsSince(m_start);
         if (m_options.minutes > 0)
-            share = elapsed / (m_options.minutes * 60);
+            share = std::max(share, elapsed / (m_options.minutes * 60));
         if (m_options.part == 0 && elapsed >= m_next) {
             m_next = elapsed + 2;
             const double left = share > 0 ? elapsed / share - elapsed : 0;
@@ -370,9 +375,11 @@ bool Parse(int argc, char** argv, int first, Options& options)
         char* rest = nullptr;
         if (name == "--seed")
             options.seed = std::strtoull(argv[i + 1], &rest, 0);
-        else if (name == "--histories" || name == "--count")
+        else if (name == "--histories" || name == "--count") {
             options.count = std::strtoull(argv[i + 1], &rest, 0);
-        else if (name == "--one-in")
+            if (options.count == 0)
+                return false;
+        } else if (name == "--one-in")
             options.oneIn = std::strtoull(argv[i + 1], &rest, 0);
         else if (name == "--each-point")
             options.eachPoint = std::strtoull(argv[i + 1], &rest, 0);
@@ -385,8 +392,8 @@ bool Parse(int argc, char** argv, int first, Options& options)
             options.parts = *rest == '/' ? std::strtoull(rest + 1, &rest, 0) : 0;
         } else
             return false;
-        if (*rest != '\0' || options.part >= options.parts || options.count == 0 || options.oneIn == 0 ||
-            options.years == 0 || options.years > 1000)
+        if (*rest != '\0' || options.part >= options.parts || options.oneIn == 0 || options.years == 0 ||
+            options.years > 1000)
             return false;
     }
     return (argc - first) % 2 == 0;

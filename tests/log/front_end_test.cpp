@@ -122,6 +122,15 @@ TEST_F(FrontEnd, AMessageOfMoreThan1023CharactersIsCutThere)
     EXPECT_TRUE(m_file[1].text == longText.substr(0, 1023));
 }
 
+TEST_F(FrontEnd, ATextThatFillsItsRoomHasItsEndWhateverStoodThere)
+{
+    std::wstring room(9, L'#');
+    FormatBounded(room.data(), 8, L"%s", L"0123456789");
+    EXPECT_EQ(std::wstring(L"0123456") + L'\0' + L'#', room);
+    FormatBounded(room.data(), 8, L"%s", L"abcdefg");
+    EXPECT_EQ(std::wstring(L"abcdefg") + L'\0' + L'#', room);
+}
+
 TEST_F(FrontEnd, LineFeedsAroundAMessageGoAndACarriageReturnKeepsItsOwn)
 {
     CDBGLog log = Make(2, 0);

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 namespace vtsoak {
 
@@ -112,19 +113,24 @@ bool Soak::Run()
     threads.emplace_back([this] { Disturb(); });
     for (std::thread& thread : threads)
         thread.join();
-    // Who always reads everything loses nothing either.
-    const bool wasTried = m_totals.kills != 0 && m_totals.restores != 0 && m_totals.incremental != 0;
+    const bool wasTried = WasTried();
     if (!wasTried)
-        Report("nothing was killed, nothing restored, or no backup was incremental, in this time");
+        Report("nothing was killed, or an application restored nothing or had no incremental backup, in this time");
     return wasTried && m_totals.differences + m_totals.hangs + m_totals.failures == 0;
+}
+
+// Kills alone show nothing, and who always reads everything loses nothing either.
+bool Soak::WasTried() const
+{
+    return m_totals.kills != 0 && std::all_of(m_workers.begin(), m_workers.end(), [](const Worker& worker) {
+               return worker.restores != 0 && worker.incremental != 0;
+           });
 }
 
 bool Soak::GoesOn()
 {
     const double minutes = static_cast<double>(GetTickCount64() - m_started) / 60'000;
-    // Kills alone show nothing.
-    const bool isEnough = m_options.kills != 0 && m_totals.kills >= m_options.kills && m_totals.restores != 0 &&
-                          m_totals.incremental != 0;
+    const bool isEnough = m_options.kills != 0 && m_totals.kills >= m_options.kills && WasTried();
     if (minutes >= m_options.minutes || isEnough)
         m_over = true;
     return !m_over;
@@ -162,6 +168,7 @@ Soak::Outcome Soak::RunOnce(Worker& worker, std::vector<std::wstring> arguments,
                 std::to_wstring(1 + Below(worker.random, 1u << (5 + Below(worker.random, 7))));
     vtdemo::Child child(arguments, calls);
     const ULONGLONG began = GetTickCount64();
+    const ULONGLONG busySince = std::exchange(worker.busySince, 0);
     Outcome outcome;
     const bool came = WaitForSingleObject(child.Process(), patience) == WAIT_OBJECT_0;
     if (!came)
@@ -184,9 +191,8 @@ Soak::Outcome Soak::RunOnce(Worker& worker, std::vector<std::wstring> arguments,
         return outcome;
     }
     if (answer.exitCode == EXIT_BUSY) {
-        ++m_totals.busy;
-        outcome.ended = Ended::Busy;
-        return outcome;
+        worker.busySince = busySince;
+        return Busy(worker, outcome);
     }
     // An earlier run that was ended had got as far as unregistering.
     const bool refused = answer.exitCode == EXIT_REFUSED && isUndo && worker.mayBeUnregistered;
@@ -200,6 +206,22 @@ Soak::Outcome Soak::RunOnce(Worker& worker, std::vector<std::wstring> arguments,
     ++m_totals.failures;
     Report(Narrow(worker.name) + ": vtbackup " + Narrow(arguments.front()) + " ended with " +
            std::to_string(answer.exitCode) + ": " + answer.message);
+    return outcome;
+}
+
+// Somebody else is at work. A lock that nobody gives back would be a hang, too.
+Soak::Outcome Soak::Busy(Worker& worker, Outcome outcome)
+{
+    ++m_totals.busy;
+    outcome.ended = Ended::Busy;
+    const ULONGLONG now = GetTickCount64();
+    if (worker.busySince == 0)
+        worker.busySince = now;
+    if (now - worker.busySince >= HANG_MILLISECONDS) {
+        ++m_totals.hangs;
+        Report(Narrow(worker.name) + ": somebody else is at work for five minutes");
+        outcome.ended = Ended::Badly;
+    }
     return outcome;
 }
 
@@ -244,17 +266,7 @@ void Soak::BackUp(Worker& worker, std::size_t volume)
         Outcome outcome;
         if (!RunThrough(worker, arguments, outcome))
             return;
-        ++m_totals.backups;
-        m_totals.incremental += outcome.incremental ? 1 : 0;
-        try {
-            series.contents = vtdemo::CopySnapshot(m_machine, outcome.snapshot, nullptr);
-        } catch (const std::exception& error) {
-            throw std::runtime_error("backup " + std::to_string(outcome.sequence) + " of " + Narrow(m_volumes[volume]) +
-                                     ", snapshot " + std::to_string(outcome.snapshot) + ": " + error.what() +
-                                     "; there are" + SnapshotNumbers());
-        }
-        vtfltsim::Check("VTFltSimDeleteSnapshot", VTFltSimDeleteSnapshot(m_machine, outcome.snapshot));
-        series.sequence = outcome.sequence;
+        NoteBackup(worker, volume, outcome);
         series.since = anew ? 0 : series.since + 1;
     }
     if (anew)
@@ -263,10 +275,30 @@ void Soak::BackUp(Worker& worker, std::size_t volume)
     // What runs that were ended later have left must not harm what was there before.
     if (Below(worker.random, 4) == 0 && GoesOn()) {
         const SnapshotGate::Inside inside(m_gate);
-        RunOnce(worker, arguments, Victim::Yes);
+        const Outcome outcome = RunOnce(worker, arguments, Victim::Yes);
+        if (outcome.ended == Ended::Well)
+            NoteBackup(worker, volume, outcome);
     }
     if (Below(worker.random, 4) == 0 && GoesOn())
         Restore(worker, volume);
+}
+
+// A backup that came to its end: what its snapshot has is what a restore must give.
+void Soak::NoteBackup(Worker& worker, std::size_t volume, const Outcome& outcome)
+{
+    Series& series = worker.series[volume];
+    ++m_totals.backups;
+    m_totals.incremental += outcome.incremental ? 1 : 0;
+    worker.incremental += outcome.incremental ? 1 : 0;
+    try {
+        series.contents = vtdemo::CopySnapshot(m_machine, outcome.snapshot, nullptr);
+    } catch (const std::exception& error) {
+        throw std::runtime_error("backup " + std::to_string(outcome.sequence) + " of " + Narrow(m_volumes[volume]) +
+                                 ", snapshot " + std::to_string(outcome.snapshot) + ": " + error.what() +
+                                 "; there are" + SnapshotNumbers());
+    }
+    vtfltsim::Check("VTFltSimDeleteSnapshot", VTFltSimDeleteSnapshot(m_machine, outcome.snapshot));
+    series.sequence = outcome.sequence;
 }
 
 void Soak::Restore(Worker& worker, std::size_t volume)
@@ -279,6 +311,7 @@ void Soak::Restore(Worker& worker, std::size_t volume)
         return;
     const std::string difference = vtdemo::CompareFile(file, series.contents);
     ++m_totals.restores;
+    ++worker.restores;
     m_totals.bytes += series.contents.length;
     if (difference.empty())
         return;

@@ -107,6 +107,9 @@ private:
         std::mt19937 random;
         double milliseconds = 400;      // what a backup takes, about
         bool mayBeUnregistered = false; // a run that was to unregister it was ended since one came to its end
+        ULONGLONG busySince = 0;        // milliseconds; 0: its last run was not told that somebody else is at work
+        std::atomic<std::uint64_t> restores{0};
+        std::atomic<std::uint64_t> incremental{0};
         std::array<Series, VOLUMES> series;
     };
     // What became of one run.
@@ -130,12 +133,15 @@ private:
     Outcome RunOnce(Worker& worker, std::vector<std::wstring> arguments, Victim victim);
     // Runs it until it came to its end; victims first, as the dice fall. False: the soak is over.
     bool RunThrough(Worker& worker, const std::vector<std::wstring>& arguments, Outcome& outcome);
+    Outcome Busy(Worker& worker, Outcome outcome);
+    void NoteBackup(Worker& worker, std::size_t volume, const Outcome& outcome);
     std::string SnapshotNumbers() const;
     void RemoveLeftSnapshots();
     void RemoveBefore(const Worker& worker, std::size_t volume, std::uint64_t sequence);
     std::vector<std::wstring> Arguments(const wchar_t* command, const Worker& worker,
                                         std::size_t volume = VOLUMES) const;
     void Report(const std::string& text);
+    bool WasTried() const;
     bool GoesOn();
 
     const std::wstring m_root;

@@ -11,6 +11,7 @@ import os
 import pathlib
 import re
 import shutil
+import signal
 import subprocess
 import sys
 import time
@@ -198,16 +199,27 @@ def running_test(output):
     return lines[-1][1] if lines and lines[-1][0] == "RUN" else None
 
 
+def run_for(command, folder, limit):
+    """Returns (output, exit code or None when it did not end in time)."""
+    with subprocess.Popen(command, cwd=folder, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, start_new_session=True) as process:
+        try:
+            output, _ = process.communicate(timeout=limit)
+            code = process.returncode
+        except BaseException as ended:
+            os.killpg(process.pid, signal.SIGKILL)  # and the processes that its tests have started
+            if not isinstance(ended, subprocess.TimeoutExpired):
+                raise
+            output, _ = process.communicate()
+            code = None
+    return output.decode(errors="replace"), code
+
+
 def run_tests(program, names, limit, under=()):
     """Runs tests up to the first that fails. Returns (name of the failed test or None, number of tests that ran).
 
     A test also fails when the program ends in it, or does not end; with no test running, that is a NoTest."""
-    try:
-        done = subprocess.run([*under, *program.arguments(names)], cwd=program.folder, stdin=subprocess.DEVNULL,
-                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=limit)
-        output, code = done.stdout.decode(errors="replace"), done.returncode
-    except subprocess.TimeoutExpired as late:
-        output, code = (late.stdout or b"").decode(errors="replace"), None
+    output, code = run_for([*under, *program.arguments(names)], program.folder, limit)
     (WORK / "last-run.log").write_text(output)
     started = re.findall(r"\[ RUN      \] (\S+)", output)
     failed = re.findall(r"\[  FAILED  \] (\S+\.\S+)", output)

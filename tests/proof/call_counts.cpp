@@ -12,23 +12,15 @@ constexpr wchar_t ANY_FUNCTION[] = L"*";
 
 // What the library calls outside its log, and the applications of the proof.
 constexpr const wchar_t* COUNTED[] = {
-    L"CreateFileW",      L"ReadFile",
-    L"WriteFile",        L"SetFilePointer",
-    L"GetFileSizeEx",    L"FlushFileBuffers",
-    L"DeviceIoControl",  L"CloseHandle",
-    L"DeleteFileW",      L"CreateDirectoryW",
-    L"RemoveDirectoryW", L"SetFileAttributesW",
-    L"FindFirstFileW",   L"FindNextFileW",
-    L"FindClose",        L"FindFirstVolumeW",
-    L"FindNextVolumeW",  L"FindVolumeClose",
-    L"GetDriveTypeW",    L"GetVolumePathNamesForVolumeNameW",
-    L"OpenSCManagerW",   L"OpenServiceW",
-    L"CreateProcessW",   L"CloseServiceHandle",
-    L"RegCreateKeyExW",  L"RegCreateKeyW",
-    L"RegQueryValueExW", L"RegSetValueExW",
-    L"RegDeleteValueW",  L"RegCloseKey",
-    L"CreateMutexW",     L"OpenMutexW",
-    L"ReleaseMutex",     L"WaitForSingleObject",
+    L"CreateFileW",        L"ReadFile",         L"WriteFile",           L"SetFilePointer",
+    L"GetFileSizeEx",      L"FlushFileBuffers", L"DeviceIoControl",     L"CloseHandle",
+    L"DeleteFileW",        L"CreateDirectoryW", L"RemoveDirectoryW",    L"SetFileAttributesW",
+    L"FindFirstFileW",     L"FindNextFileW",    L"FindClose",           L"FindFirstVolumeW",
+    L"FindNextVolumeW",    L"FindVolumeClose",  L"GetDriveTypeW",       L"GetVolumePathNamesForVolumeNameW",
+    L"GetFileAttributesW", L"OpenSCManagerW",   L"OpenServiceW",        L"CreateProcessW",
+    L"CloseServiceHandle", L"RegCreateKeyExW",  L"RegCreateKeyW",       L"RegQueryValueExW",
+    L"RegSetValueExW",     L"RegDeleteValueW",  L"RegCloseKey",         L"CreateMutexW",
+    L"OpenMutexW",         L"ReleaseMutex",     L"WaitForSingleObject",
 };
 
 std::vector<std::uint32_t> CountsOfEach()

@@ -21,7 +21,9 @@ protected:
     {
         m_output.WriteLogW(2, 0, L"connects");
         m_breakpoints.Set(0, Executable(), L"stop");
-        calls.ForceWait(HIT_WAIT, WAIT_TIMEOUT);
+        constexpr DWORD FAR_TOO_MANY = 20;
+        calls.ForceWait(HIT_WAIT, WAIT_TIMEOUT, 1, FAR_TOO_MANY);
+        calls.ForceWait(HIT_WAIT, WAIT_FAILED, FAR_TOO_MANY + 1); // holds nobody
         ASSERT_EQ(0u, VTFltSimCallBefore(L"WaitForSingleObject", HIT_WAIT, spell, 1, LeaveBefore, &m_viewer));
         calls.Record();
     }
@@ -46,7 +48,7 @@ protected:
 TEST_F(BreakpointTest, AHitIsStoredAnnouncedAndHoldsItsThreadUntilItIsLetGo)
 {
     const LogBreakpoint& breakpoint = m_breakpoints.Set(0, Executable(), L"stop");
-    LoggingThread thread(m_output, L"please stop here");
+    LoggingThread thread(m_output, L"please stop here", m_viewer);
     ASSERT_TRUE(m_breakpoints.AwaitHit(thread.Done()));
     const LogBreakpointHit hit = m_breakpoints.Hit();
     EXPECT_TRUE(breakpoint.identifier == hit.breakpoint);
@@ -76,7 +78,7 @@ TEST_F(BreakpointTest, AHitIsStoredAnnouncedAndHoldsItsThreadUntilItIsLetGo)
 TEST_F(BreakpointTest, TheHitEventGoesWithTheWait)
 {
     m_breakpoints.Set(0, Executable(), L"stop");
-    LoggingThread thread(m_output, L"stop");
+    LoggingThread thread(m_output, L"stop", m_viewer);
     ASSERT_TRUE(m_breakpoints.AwaitHit(thread.Done()));
     ViewerBreakpoints::LetGo(m_breakpoints.Hit().hit);
     thread.Join();
@@ -86,11 +88,11 @@ TEST_F(BreakpointTest, TheHitEventGoesWithTheWait)
 TEST_F(BreakpointTest, OtherThreadsGoOnLoggingAndMayHitToo)
 {
     m_breakpoints.Set(0, Executable(), L"stop");
-    LoggingThread first(m_output, L"stop 1");
+    LoggingThread first(m_output, L"stop 1", m_viewer);
     ASSERT_TRUE(m_breakpoints.AwaitHit(first.Done()));
     m_output.WriteLogW(2, 0, L"going on");
     EXPECT_EQ(9999u, m_output.GetLogLevel());
-    LoggingThread second(m_output, L"stop 2");
+    LoggingThread second(m_output, L"stop 2", m_viewer);
     ASSERT_TRUE(m_breakpoints.AwaitHit(second.Done()));
     EXPECT_FALSE(first.IsDone());
     ExpectRing({L"stop 1", L"going on", L"stop 2"});
@@ -131,7 +133,7 @@ TEST_F(BreakpointTest, ACountOfTwoThousandMillionSearchesAHundredEntriesInTheirO
     std::memset(endless.executableName, 0x61, sizeof(endless.executableName));
     std::memset(endless.pattern, 0x61, sizeof(endless.pattern));
     m_breakpoints.block->count = 2000000000;
-    LoggingThread thread(m_output, L"stop");
+    LoggingThread thread(m_output, L"stop", m_viewer);
     ASSERT_TRUE(m_breakpoints.AwaitHit(thread.Done()));
     EXPECT_TRUE(m_breakpoints.block->breakpoints[99].identifier == m_breakpoints.Hit().breakpoint);
     ViewerBreakpoints::LetGo(m_breakpoints.Hit().hit);
@@ -155,7 +157,7 @@ TEST_F(BreakpointTest, AHitTakesTheFirstFreePlaceAndChangesNothingElse)
         hit.breakpoint.bytes[0] = 1;
     m_breakpoints.block->hits[9999].breakpoint = {};
     const auto expected = std::make_unique<LogBreakpointBlock>(*m_breakpoints.block);
-    LoggingThread thread(m_output, L"stop");
+    LoggingThread thread(m_output, L"stop", m_viewer);
     ASSERT_TRUE(m_breakpoints.AwaitHit(thread.Done()));
     const LogBreakpointHit hit = m_breakpoints.Hit(9999);
     ViewerBreakpoints::LetGo(hit.hit);
@@ -231,7 +233,7 @@ TEST_F(BreakpointTest, AnAbandonedBreakpointsMutexIsOwned)
     CopyText(m_breakpoints.block->breakpoints[0].executableName, Executable());
     CopyText(m_breakpoints.block->breakpoints[0].pattern, L"stop");
     m_breakpoints.block->count = 1;
-    LoggingThread thread(m_output, L"stop");
+    LoggingThread thread(m_output, L"stop", m_viewer);
     ASSERT_TRUE(m_breakpoints.AwaitHit(thread.Done()));
     ViewerBreakpoints::LetGo(m_breakpoints.Hit().hit);
 }
@@ -296,7 +298,7 @@ TEST_F(BreakpointObjects, ATableThatAppearsLaterIsOpenedByTheNextRecord)
     m_output.WriteLogW(2, 0, L"stop");
     ViewerBreakpoints breakpoints;
     breakpoints.Set(0, Executable(), L"stop");
-    LoggingThread thread(m_output, L"stop");
+    LoggingThread thread(m_output, L"stop", m_viewer);
     ASSERT_TRUE(breakpoints.AwaitHit(thread.Done()));
     ViewerBreakpoints::LetGo(breakpoints.Hit().hit);
 }
@@ -305,7 +307,7 @@ TEST_F(BreakpointObjects, TheTableMayLieUnderTheLocalName)
 {
     ViewerBreakpoints breakpoints(BREAKPOINT_LOCAL_MAPPING);
     breakpoints.Set(0, Executable(), L"stop");
-    LoggingThread thread(m_output, L"stop");
+    LoggingThread thread(m_output, L"stop", m_viewer);
     ASSERT_TRUE(breakpoints.AwaitHit(thread.Done()));
     ViewerBreakpoints::LetGo(breakpoints.Hit().hit);
 }

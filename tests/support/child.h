@@ -66,9 +66,12 @@ public:
         }
     }
 
-    // Waits for the end; gives the exit code.
+    // Waits for the end; gives the exit code. One that hangs is ended: on the double, where a day is over when nothing else
+    // happens, its test then fails instead of hanging, too.
     DWORD Join()
     {
+        if (WaitForSingleObject(m_process.get(), A_DAY) != WAIT_OBJECT_0)
+            TerminateProcess(m_process.get(), HUNG);
         WaitForSingleObject(m_process.get(), INFINITE);
         DWORD code = STILL_ACTIVE;
         GetExitCodeProcess(m_process.get(), &code);
@@ -78,14 +81,16 @@ public:
     bool Ended() const { return WaitForSingleObject(m_process.get(), 0) == WAIT_OBJECT_0; }
     HANDLE Handle() const { return m_process.get(); }
 
-    // Waits for the event; false when the child ended first.
+    // Waits for the event; false when the child ended first, or hangs.
     bool Await(const vtflt::UniqueHandle& event) const
     {
         const HANDLE either[] = {event.get(), m_process.get()};
-        return WaitForMultipleObjects(2, either, FALSE, INFINITE) == WAIT_OBJECT_0;
+        return WaitForMultipleObjects(2, either, FALSE, A_DAY) == WAIT_OBJECT_0;
     }
 
 private:
+    static constexpr DWORD A_DAY = 24 * 60 * 60 * 1000; // milliseconds
+    static constexpr DWORD HUNG = 0xBAD;
     vtflt::UniqueHandle m_process;
 };
 

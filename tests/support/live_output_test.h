@@ -10,11 +10,12 @@
 
 namespace vttest {
 
-// Writes one record on a thread of its own.
+// Writes one record on a thread of its own. One that a breakpoint still holds long after the test is through goes on when
+// the viewer leaves, and is a failure.
 class LoggingThread {
 public:
-    LoggingThread(vtflt::NSDBG::CSMOutput& output, const std::wstring& text)
-        : m_done(CreateEventW(nullptr, TRUE, FALSE, nullptr)), m_thread([this, &output, text] {
+    LoggingThread(vtflt::NSDBG::CSMOutput& output, const std::wstring& text, LiveViewer& viewer)
+        : m_viewer(viewer), m_done(CreateEventW(nullptr, TRUE, FALSE, nullptr)), m_thread([this, &output, text] {
               m_id = GetCurrentThreadId();
               output.WriteLogW(2, 0, text.c_str());
               SetEvent(m_done.get());
@@ -29,12 +30,18 @@ public:
     bool IsDone() const { return WaitForSingleObject(m_done.get(), 0) == WAIT_OBJECT_0; }
     DWORD Join()
     {
-        if (m_thread.joinable())
-            m_thread.join();
+        if (!m_thread.joinable())
+            return m_id;
+        if (WaitForSingleObject(m_done.get(), HANG_MILLISECONDS) != WAIT_OBJECT_0) {
+            ADD_FAILURE() << "the thread that logs is held";
+            m_viewer.Leave();
+        }
+        m_thread.join();
         return m_id;
     }
 
 private:
+    LiveViewer& m_viewer;
     DWORD m_id = 0;
     vtflt::UniqueHandle m_done;
     std::thread m_thread;

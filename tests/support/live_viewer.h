@@ -16,6 +16,8 @@
 
 namespace vttest {
 
+// Far beyond what anything takes on a machine that is busy with other things.
+inline constexpr DWORD HANG_MILLISECONDS = 60 * 1000;
 inline constexpr wchar_t VIEWER_EVENT[] = L"Global\\EVENT_9CF42DA4-ACD1-4F3F-8D6F-31023974A079";
 inline constexpr wchar_t RING_EVENT[] = L"Global\\CB6AF056-4138-4342-BE43-B4B37843FE36_EVENT_";
 inline constexpr wchar_t RING_MUTEX[] = L"Global\\CB6AF056-4138-4342-BE43-B4B37843FE36_MUTEXT_";
@@ -138,7 +140,7 @@ public:
     bool AwaitHit(HANDLE done) const
     {
         const HANDLE either[] = {m_event.get(), done};
-        return WaitForMultipleObjects(2, either, FALSE, INFINITE) == WAIT_OBJECT_0;
+        return WaitForMultipleObjects(2, either, FALSE, HANG_MILLISECONDS) == WAIT_OBJECT_0;
     }
     vtflt::LogBreakpointHit Hit(std::size_t index = 0) const
     {

@@ -90,7 +90,8 @@ TEST_F(BreakpointTest, OtherThreadsGoOnLoggingAndMayHitToo)
     m_breakpoints.Set(0, Executable(), L"stop");
     LoggingThread first(m_output, L"stop 1", m_viewer);
     ASSERT_TRUE(m_breakpoints.AwaitHit(first.Done()));
-    m_output.WriteLogW(2, 0, L"going on");
+    LoggingThread other(m_output, L"going on", m_viewer);
+    ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(other.Done(), HANG_MILLISECONDS));
     EXPECT_EQ(9999u, m_output.GetLogLevel());
     LoggingThread second(m_output, L"stop 2", m_viewer);
     ASSERT_TRUE(m_breakpoints.AwaitHit(second.Done()));

@@ -162,9 +162,13 @@ class Program:
     def __init__(self, entry, preset):
         self.command = entry["command"]
         self.folder = str(build_folder(preset))
+        # A race ends the test that has it, which is named then.
+        self.environment = {"TSAN_OPTIONS": "halt_on_error=1"}
         for item in entry.get("properties", []):
             if item["name"] == "WORKING_DIRECTORY":
                 self.folder = item["value"]
+            if item["name"] == "ENVIRONMENT":
+                self.environment |= dict(setting.split("=", 1) for setting in item["value"])
         modules = [part for part in self.command if part.endswith(".exe")]
         self.target = modules[0][:-len(".exe")] + ".p0000" if modules else pathlib.Path(self.command[0]).name
 
@@ -199,10 +203,10 @@ def running_test(output):
     return lines[-1][1] if lines and lines[-1][0] == "RUN" else None
 
 
-def run_for(command, folder, limit):
+def run_for(command, program, limit):
     """Returns (output, exit code or None when it did not end in time)."""
-    with subprocess.Popen(command, cwd=folder, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                          stderr=subprocess.STDOUT, start_new_session=True) as process:
+    with subprocess.Popen(command, cwd=program.folder, env=os.environ | program.environment, stdin=subprocess.DEVNULL,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, start_new_session=True) as process:
         try:
             output, _ = process.communicate(timeout=limit)
             code = process.returncode
@@ -219,7 +223,7 @@ def run_tests(program, names, limit, under=()):
     """Runs tests up to the first that fails. Returns (name of the failed test or None, number of tests that ran).
 
     A test also fails when the program ends in it, or does not end; with no test running, that is a NoTest."""
-    output, code = run_for([*under, *program.arguments(names)], program.folder, limit)
+    output, code = run_for([*under, *program.arguments(names)], program, limit)
     (WORK / "last-run.log").write_text(output)
     started = re.findall(r"\[ RUN      \] (\S+)", output)
     failed = re.findall(r"\[  FAILED  \] (\S+\.\S+)", output)

@@ -332,7 +332,11 @@ private:
         if (m_options.run)
             return m_options.run(history, thoroughly, struck);
         const CurrentRun current("./dev sim --replay \"" + ToText(history) + "\"");
-        return RunHistory(history, thoroughly ? World::Thoroughly::Yes : World::Thoroughly::No, struck);
+        std::uint64_t trace = 0;
+        std::string wrong =
+            RunHistory(history, &trace, false, thoroughly ? World::Thoroughly::Yes : World::Thoroughly::No, struck);
+        m_result.trace = (m_result.trace ^ trace) * 0x100000001b3ull;
+        return wrong;
     }
 
     bool Broken(const History& history, const std::string& wrong)

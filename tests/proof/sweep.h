@@ -50,8 +50,9 @@ struct SweepOptions {
 struct SweepResult {
     std::uint64_t runs = 0;
     std::uint64_t struck =
-        0;          // runs in which the fault met something: all, or the sweep is mistaken about the operation
-    History missed; // one of the others
+        0;                   // runs in which the fault met something: all, or the sweep is mistaken about the operation
+    History missed;          // one of the others
+    std::uint64_t trace = 0; // of all runs
     std::uint64_t thorough = 0; // runs behind which everything is looked at
     bool endedEarly = false;    // somebody had it end before the last scenario was through
     std::string scenario;       // of a broken run

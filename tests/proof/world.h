@@ -442,10 +442,9 @@ private:
     std::vector<const Application*> m_claims; // by volume: who backs it up
 };
 
-// Runs a history and settles. Empty, or what is wrong and where; *trace (may be null) gets the trace's number.
+// Runs a history and settles. Empty, or what is wrong and where; *trace (may be null) gets the trace's number, and *struck
+// (may be null) whether the last operation with faults met one.
 std::string RunHistory(const History& history, std::uint64_t* trace = nullptr, bool tell = false,
-                       World::Thoroughly thoroughly = World::Thoroughly::Yes);
-// The same, for one of many: *struck says whether the last operation with faults met one.
-std::string RunHistory(const History& history, World::Thoroughly thoroughly, bool* struck);
+                       World::Thoroughly thoroughly = World::Thoroughly::Yes, bool* struck = nullptr);
 
 } // namespace vtproof

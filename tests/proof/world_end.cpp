@@ -134,18 +134,13 @@ std::string RunToTheEnd(World& world, const History& history, World::Thoroughly 
 
 } // namespace
 
-std::string RunHistory(const History& history, World::Thoroughly thoroughly, bool* struck)
-{
-    World world(history.volumes);
-    return RunToTheEnd(world, history, thoroughly, struck);
-}
-
-std::string RunHistory(const History& history, std::uint64_t* trace, bool tell, World::Thoroughly thoroughly)
+std::string RunHistory(const History& history, std::uint64_t* trace, bool tell, World::Thoroughly thoroughly,
+                       bool* struck)
 {
     World world(history.volumes);
     if (tell)
         world.TellStory();
-    const std::string wrong = RunToTheEnd(world, history, thoroughly, nullptr);
+    const std::string wrong = RunToTheEnd(world, history, thoroughly, struck);
     if (trace != nullptr)
         *trace = world.Trace();
     return wrong;

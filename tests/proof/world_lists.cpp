@@ -39,6 +39,27 @@ bool MarksMany(Do what)
     return what == Do::MarkAll || what == Do::Register || what == Do::RegisterAgain || what == Do::Unregister;
 }
 
+// Of the others nobody's volume is to be verified behind it: it has none, whatever the operation says.
+bool ConcernsAVolume(Do what)
+{
+    switch (what) {
+    case Do::Write:
+    case Do::Begin:
+    case Do::Fetch:
+    case Do::Finish:
+    case Do::Backup:
+    case Do::LoseTracking:
+    case Do::Resize:
+    case Do::SetBlockSize:
+    case Do::Damage:
+    case Do::StopVolume:
+    case Do::StartTracking:
+        return true;
+    default:
+        return false;
+    }
+}
+
 bool IsOneOf(std::wstring_view name, std::initializer_list<std::wstring_view> names)
 {
     return std::find(names.begin(), names.end(), name) != names.end();
@@ -162,7 +183,8 @@ std::string World::CheckMarks()
 
 void World::NoteMayBeMarked(const Operation& operation)
 {
-    m_touched[operation.volume] = true;
+    if (ConcernsAVolume(operation.what))
+        m_touched[operation.volume] = true;
     m_operating = operation.application;
     // A driver that comes back in the middle lists what it has missed; the others find it on their pending lists.
     m_marksMany = m_marksMany || MarksMany(operation.what) || !m_driverWasThere;

@@ -116,7 +116,10 @@ bool Soak::Run()
     const bool wasTried = WasTried();
     if (!wasTried)
         Report("nothing was killed, or an application restored nothing or had no incremental backup, in this time");
-    return wasTried && m_totals.differences + m_totals.hangs + m_totals.failures == 0;
+    const bool wasEnough = m_totals.kills >= m_options.kills;
+    if (!wasEnough)
+        Report("fewer runs were killed than were asked for, in this time");
+    return wasTried && wasEnough && m_totals.differences + m_totals.hangs + m_totals.failures == 0;
 }
 
 // Kills alone show nothing, and who always reads everything loses nothing either.
@@ -273,13 +276,14 @@ void Soak::BackUp(Worker& worker, std::size_t volume)
         RemoveBefore(worker, volume, series.sequence);
     Restore(worker, volume);
     // What runs that were ended later have left must not harm what was there before.
+    Outcome later;
     if (Below(worker.random, 4) == 0 && GoesOn()) {
         const SnapshotGate::Inside inside(m_gate);
-        const Outcome outcome = RunOnce(worker, arguments, Victim::Yes);
-        if (outcome.ended == Ended::Well)
-            NoteBackup(worker, volume, outcome);
+        later = RunOnce(worker, arguments, Victim::Yes);
+        if (later.ended == Ended::Well)
+            NoteBackup(worker, volume, later);
     }
-    if (Below(worker.random, 4) == 0 && GoesOn())
+    if (later.ended == Ended::Well || (Below(worker.random, 4) == 0 && GoesOn()))
         Restore(worker, volume);
 }
 
@@ -307,7 +311,12 @@ void Soak::Restore(Worker& worker, std::size_t volume)
     const std::wstring file = m_root + L"\\restored-" + worker.name;
     std::vector<std::wstring> arguments = Arguments(L"restore", worker, volume);
     arguments.insert(arguments.end(), {L"--backup", std::to_wstring(series.sequence), L"--to", file, L"--overwrite"});
-    if (RunOnce(worker, arguments, Victim::No).ended != Ended::Well)
+    Outcome outcome = RunOnce(worker, arguments, Victim::No);
+    while (outcome.ended == Ended::Busy) {
+        Sleep(20);
+        outcome = RunOnce(worker, arguments, Victim::No);
+    }
+    if (outcome.ended != Ended::Well)
         return;
     const std::string difference = vtdemo::CompareFile(file, series.contents);
     ++m_totals.restores;

@@ -190,6 +190,10 @@ TEST_F(VtBackupCycle, ABitmapFileThatCannotBeReadDoesNotStandInTheWayOfABackup)
     EXPECT_EQ(EXIT_NOT_REPORTED, result.exitCode);
     EXPECT_FALSE(result.reported);
     EXPECT_TRUE(result.Has("bitmap-unavailable"));
+    EXPECT_EQ(
+        "VTFltGetBitmap failed: error 0xffffffff; if this goes on, \"vtfltctl doctor\" says whose file is damaged, and "
+        "\"vtbackup init --reset\" begins afresh",
+        result.message);
     EXPECT_TRUE(Contents() == Restored());
 
     std::vector<std::wstring> reset = Arguments(L"init");

@@ -289,7 +289,8 @@ void Cycle::FetchChanges(const Volume& volume)
                               fmt::format("VTFltGetBitmap failed: {}", ErrorText(m_changes.result))};
         m_doubts.verify.push_back(noBitmap);
         m_result.manifest.next.push_back(noBitmap);
-        NotReportable(noBitmap.text + "; if this goes on, begin afresh with \"vtbackup init --reset\"");
+        NotReportable(noBitmap.text + "; if this goes on, \"vtfltctl doctor\" says whose file is damaged, and "
+                                      "\"vtbackup init --reset\" begins afresh");
         return;
     }
     // "The bitmap may be short": copying just its blocks and reporting success would take the mark off the volume,

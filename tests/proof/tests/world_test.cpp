@@ -228,7 +228,8 @@ TEST(World, IsStruckByACutThatCuts)
         const auto history =
             ParseHistory("machine 100:1024; register 0; backup 0 0; write 0 0 5; backup 0 0 0 0 " + fault);
         bool met = false;
-        EXPECT_EQ("", history ? RunHistory(*history, World::Thoroughly::Yes, &met) : "that is no history");
+        EXPECT_EQ("",
+                  history ? RunHistory(*history, nullptr, false, World::Thoroughly::Yes, &met) : "that is no history");
         return met;
     };
     EXPECT_TRUE(struck("!short 1 90"));

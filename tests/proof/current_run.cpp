@@ -29,21 +29,24 @@ void Write(const char* text)
     }
 }
 
+void TellRun(const char* what)
+{
+    Write(what);
+    Write(g_text);
+    Write("\n");
+}
+
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 // The sanitizers have said what they found, and end the process.
 void TellWhatWasRunning()
 {
-    Write("\nbroken: a crash\n");
-    Write(g_text);
-    Write("\n");
+    TellRun("\nbroken: a crash\n");
 }
 #endif
 
 void Tell(int signal)
 {
-    Write(signal == SIGALRM ? "\nbroken: a run that comes to no end\n" : "\nbroken: a crash\n");
-    Write(g_text);
-    Write("\n");
+    TellRun(signal == SIGALRM ? "\nbroken: a run that comes to no end\n" : "\nbroken: a crash\n");
     // As it would have ended without this.
     std::signal(signal == SIGALRM ? SIGABRT : signal, SIG_DFL);
     raise(signal == SIGALRM ? SIGABRT : signal);

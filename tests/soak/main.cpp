@@ -1,5 +1,6 @@
 // vtsoak [--minutes M] [--kills N] [--seed S]: exits with 0 when every restored backup was equal to its snapshot, no
-// process hung, none failed without a reason, and as many were killed as were asked for. When something is wrong the machine and the repository stay.
+// process hung, none failed without a reason, and as many were killed as were asked for. When something is wrong the machine
+// and the repository stay.
 #include "soak.h"
 
 #include <cstdio>

@@ -131,27 +131,33 @@ void PutValue(Input& input, const std::wstring& name)
         value.bytes.insert(value.bytes.end(), 4, 0);
 }
 
-// What the application is told of its list: an entry that is a part of the volume's name marks it, and so does a list that
-// cannot be read, for doubt means verify.
-bool IsOnVerifyList(const wchar_t* application)
+// The entries of the application's list; none of them when there is no list, nothing when it cannot be read.
+std::optional<std::vector<std::wstring>> VerifyListEntries(const wchar_t* application)
 {
+    std::vector<std::wstring> entries;
     const auto found = TheSystem().values.find(VerifyList(application));
     if (found == TheSystem().values.end())
-        return false;
+        return entries;
     const FileBytes& bytes = found->second.bytes;
     std::wstring text;
     for (std::size_t i = 0; i + 1 < bytes.size(); i += 2)
         text.push_back(static_cast<wchar_t>(bytes[i] | bytes[i + 1] << 8));
     const bool isEnded = text.size() >= 2 && text.back() == 0 && text[text.size() - 2] == 0;
     if (found->second.type != REG_MULTI_SZ || bytes.size() % 2 != 0 || !isEnded)
-        return true;
-    for (std::size_t at = 0; text[at] != 0;) {
-        const std::wstring entry = text.c_str() + at;
-        if (std::wstring_view(VOLUME_NAME).find(entry) != std::wstring_view::npos)
-            return true;
-        at += entry.size() + 1;
-    }
-    return false;
+        return std::nullopt;
+    for (std::size_t at = 0; text[at] != 0; at += entries.back().size() + 1)
+        entries.emplace_back(text.c_str() + at);
+    return entries;
+}
+
+// What the application is told of its list: an entry that is a part of the volume's name marks it, and so does a list that
+// cannot be read, for doubt means verify.
+bool IsOnVerifyList(const wchar_t* application)
+{
+    const auto entries = VerifyListEntries(application);
+    return !entries || std::any_of(entries->begin(), entries->end(), [](const std::wstring& entry) {
+        return std::wstring_view(VOLUME_NAME).find(entry) != std::wstring_view::npos;
+    });
 }
 
 // How the other volume stands on a list that is well-formed.
@@ -162,25 +168,13 @@ struct OtherMark {
 
 OtherMark FindOtherMark(const wchar_t* application)
 {
-    OtherMark mark;
-    const auto found = TheSystem().values.find(VerifyList(application));
-    if (found == TheSystem().values.end() || found->second.type != REG_MULTI_SZ || found->second.bytes.size() % 2 != 0)
-        return mark;
-    const FileBytes& bytes = found->second.bytes;
-    std::wstring text;
-    for (std::size_t i = 0; i < bytes.size(); i += 2)
-        text.push_back(static_cast<wchar_t>(bytes[i] | bytes[i + 1] << 8));
-    if (text.size() < 2 || text.back() != 0 || text[text.size() - 2] != 0)
-        return mark;
-    unsigned holding = 0;
-    for (std::size_t at = 0; text[at] != 0;) {
-        const std::wstring entry = text.c_str() + at;
-        mark.isThere = mark.isThere || entry == OTHER_VOLUME;
-        holding += entry.find(OTHER_VOLUME) != std::wstring::npos ? 1u : 0u;
-        at += entry.size() + 1;
-    }
-    mark.isAlone = holding == 1;
-    return mark;
+    const auto entries = VerifyListEntries(application);
+    if (!entries)
+        return {};
+    const auto holding = std::count_if(entries->begin(), entries->end(), [](const std::wstring& entry) {
+        return entry.find(OTHER_VOLUME) != std::wstring::npos;
+    });
+    return {std::find(entries->begin(), entries->end(), OTHER_VOLUME) != entries->end(), holding == 1};
 }
 
 bool HasAll(const FileBytes& kept, const FileBytes& owed)
